@@ -1,0 +1,213 @@
+#include "app/command_line.h"
+
+#include <windows.h>
+
+#include <cstdio>
+#include <string>
+
+#include "app/log.h"
+#include "app/program.h"
+#include "app/service_commands.h"
+#include "mcl/mswin/unique_handle.h"
+#include "setup/driver_installer.h"
+#include "setup/setup_tasks.h"
+
+using mcl::mswin::unique_kernel_handle;
+using mcl::mswin::unique_sc_handle;
+
+namespace {
+
+bool iequals(const char* a, const char* b) {
+    for (;; ++a, ++b) {
+        const int ca = tolower(static_cast<unsigned char>(*a));
+        const int cb = tolower(static_cast<unsigned char>(*b));
+        if (ca != cb) return false;
+        if (ca == 0) return true;
+    }
+}
+
+void say(const char* line) { printf("%s\n", line); }
+
+int install_command() {
+    say("Installing halvern service...");
+    if (is_service_installed(k_service_name)) {
+        say("Halvern srvice has already been installed.");
+        return -1;
+    }
+    g_module_path = "\"" + g_module_path + "\"";
+    if (!install_service(g_module_path) || !is_service_installed(k_service_name)) {
+        say("Failed to install halvern service!");
+        return -2;
+    }
+    return -1;
+}
+
+int uninstall_command() {
+    say("Uninstalling halvern service...");
+    if (!is_service_installed(k_service_name)) {
+        say("Halvern srvice is not installed.");
+        return -1;
+    }
+    if (!uninstall_service()) {
+        say("Failed to uninstall halvern service!");
+        return -2;
+    }
+    return -1;
+}
+
+int install_option(const char* sub) {
+    if (sub == nullptr) {
+        print_usage();
+        return -2;
+    }
+    if (iequals(sub, "install")) return install_command();
+    if (iequals(sub, "uninstall")) return uninstall_command();
+    if (iequals(sub, "instdrv")) {
+        say("Installing driver...");
+        if (install_vqrmonitor(true) == 0) return -1;
+        say("Failed to install driver!");
+        return -2;
+    }
+    if (iequals(sub, "uninstdrv")) {
+        say("Uninstalling driver...");
+        return uninstall_vqrmonitor(nullptr) == 0 ? -1 : -2;
+    }
+    print_usage();
+    return -2;
+}
+
+int service_option(const char* sub) {
+    if (sub != nullptr && iequals(sub, "start")) {
+        if (start_service(k_service_name)) return -1;
+        say("Failed to start halvern service!");
+        return -2;
+    }
+    if (sub != nullptr && iequals(sub, "stop")) {
+        if (stop_service(k_service_name, /*event_fallback=*/true, /*seconds=*/60)) return -1;
+        say("Failed to stop halvern service!");
+        return -2;
+    }
+    print_usage();
+    return -2;
+}
+
+// A setup task, and the name of the copy of the debug log made after it (or null).
+struct proxy_task {
+    const char* name;
+    int (*run)(const char* argument);
+    const char* log_copy;
+};
+
+int task_result(bool ok) { return ok ? -1 : -2; }
+
+const proxy_task proxy_tasks[] = {
+    {"hvs_uninstall", [](const char*) { return task_result(uninstall_hvs()); }, "hvs_uninstall.log"},
+    {"hvs_remove", [](const char*) { return task_result(uninstall_hvs()); }, "hvs_uninstall.log"},
+    {"hvs_install", [](const char*) { return task_result(install_hvs(false)); }, "hvs_install.log"},
+    {"hvs_fresh", [](const char*) { return task_result(install_hvs(false)); }, "hvs_install.log"},
+    {"hvs_upgrade", [](const char*) { return task_result(install_hvs(true)); }, "hvs_upgrade.log"},
+    {"hvs_folder_repair",
+     [](const char* folder) { return folder == nullptr ? -2 : task_result(hvs_repair_folder_permission(folder)); },
+     nullptr},
+    {"hvs_unchange", [](const char*) { return -1; }, nullptr},
+};
+
+int proxy_task_option(const char* task, const char* argument) {
+    const std::string log_path = debug_log_path();
+    if (task == nullptr) return -2;
+    for (const proxy_task& t : proxy_tasks) {
+        if (!iequals(task, t.name)) continue;
+        const int result = t.run(argument);
+        if (t.log_copy != nullptr) {
+            const std::string copy = g_module_dir + t.log_copy;
+            CopyFileA(log_path.c_str(), copy.c_str(), /*fail_if_exists=*/FALSE);
+        }
+        return result;
+    }
+    return -2;
+}
+
+}  // namespace
+
+void print_usage() {
+    printf("Norvale Halvern Service for Windows - Version %s\n", "3.0.45 (Build 1)");
+    printf("\n");
+    printf("Usage:\n");
+    printf("\tNorvaleHalvernService [OPTIONS]\n");
+    printf("\n");
+    printf("\t-i install|uninstall\tInstall/Uninstall halvern service.\n");
+    printf("\t-s start|stop\t\tStart/Stop halvern service.\n");
+    printf("\t-d \t\t\tRun in debug(non-service) mode.\n");
+    printf("\t-h\t\t\tDisplay this usage information.\n");
+    printf("\n");
+    printf("Example:\n");
+    printf("\tNorvaleHalvernService -s start\n");
+    printf("\tNorvaleHalvernService -s stop\n");
+}
+
+int check_service_state(const char* name) {
+    if (name == nullptr) return -2;
+    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
+    if (!manager) return -5;
+    unique_sc_handle service(OpenServiceA(manager.get(), name, GENERIC_READ));
+    if (!service) return -5;
+
+    DWORD needed = 0;
+    if (QueryServiceConfigA(service.get(), nullptr, 0, &needed) || GetLastError() != ERROR_INSUFFICIENT_BUFFER)
+        return -2;
+    std::string config(needed, '\0');
+    auto* qsc = reinterpret_cast<QUERY_SERVICE_CONFIGA*>(&config[0]);
+    if (!QueryServiceConfigA(service.get(), qsc, needed, &needed)) return -2;
+    if (qsc->dwStartType == SERVICE_DISABLED) return -3;
+
+    SERVICE_STATUS status{};
+    if (QueryServiceStatus(service.get(), &status) && status.dwCurrentState != SERVICE_RUNNING) return -4;
+    return 0;
+}
+
+bool is_process_elevated() {
+    unique_kernel_handle token;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())) return false;
+
+    OSVERSIONINFOEXW want{};
+    want.dwOSVersionInfoSize = sizeof(want);
+    want.dwMajorVersion = 6;
+    const DWORDLONG mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
+    if (VerifyVersionInfoW(&want, VER_MAJORVERSION, mask)) {
+        TOKEN_ELEVATION elevation{};
+        DWORD size = 0;
+        return GetTokenInformation(token.get(), TokenElevation, &elevation, sizeof(elevation), &size) &&
+               elevation.TokenIsElevated != 0;
+    }
+    SID_IDENTIFIER_AUTHORITY nt_authority = SECURITY_NT_AUTHORITY;
+    PSID admins = nullptr;
+    if (!AllocateAndInitializeSid(&nt_authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0,
+                                  0, 0, &admins))
+        return false;
+    BOOL member = FALSE;
+    const BOOL ok = CheckTokenMembership(nullptr, admins, &member);
+    FreeSid(admins);
+    return ok && member;
+}
+
+int run_command_line(int argc, char** argv) {
+    if (argc < 2) return 0;
+    const char* option = argv[1];
+    const char* sub = argc > 2 ? argv[2] : nullptr;
+
+    if (iequals(option, "-i")) return install_option(sub);
+    if (iequals(option, "-s")) return service_option(sub);
+    if (iequals(option, "-d")) {
+        g_debug_mode = true;
+        return 0;
+    }
+    if (iequals(option, "-c")) return check_service_state(sub);
+    if (iequals(option, "-e")) return is_process_elevated() ? -1 : -2;
+    if (iequals(option, "-h")) {
+        print_usage();
+        return -1;
+    }
+    if (iequals(option, "-proxy_task")) return proxy_task_option(sub, argc > 3 ? argv[3] : nullptr);
+    print_usage();
+    return -2;
+}

@@ -1,0 +1,111 @@
+#include "app/log.h"
+
+#include <cstdarg>
+#include <cstring>
+#include <ctime>
+
+#if defined(_WIN32)
+#include <share.h>
+#include <windows.h>
+#else
+#include <sys/stat.h>
+#endif
+
+log_file* g_log = nullptr;
+
+namespace {
+
+struct local_time {
+    int year, month, day, hour, minute, second;
+};
+
+local_time now_local() {
+#if defined(_WIN32)
+    SYSTEMTIME st;
+    GetLocalTime(&st);
+    return {st.wYear, st.wMonth, st.wDay, st.wHour, st.wMinute, st.wSecond};
+#else
+    time_t t = time(nullptr);
+    struct tm tm_now;
+    localtime_r(&t, &tm_now);
+    return {tm_now.tm_year + 1900, tm_now.tm_mon + 1, tm_now.tm_mday,
+            tm_now.tm_hour, tm_now.tm_min, tm_now.tm_sec};
+#endif
+}
+
+FILE* open_shared(const char* path, const char* mode) {
+#if defined(_WIN32)
+    return _fsopen(path, mode, _SH_DENYNO);
+#else
+    return fopen(path, mode);
+#endif
+}
+
+}  // namespace
+
+log_file& the_log() {
+    static log_file instance;
+    return instance;
+}
+
+log_file::~log_file() { close(); }
+
+void log_file::close() {
+    if (stream_ != nullptr) {
+        fclose(stream_);
+        stream_ = nullptr;
+    }
+}
+
+bool log_file::open(const char* path, bool truncate) {
+    if (path == nullptr || strlen(path) > max_path) return false;
+    path_ = path;
+    close();
+    stream_ = open_shared(path, truncate ? "w+t" : "a+t");
+    if (stream_ == nullptr) return false;
+    const local_time t = now_local();
+    fprintf(stream_, "\n===========================%04d/%02d/%02d %02d:%02d:%02d=========================\n",
+            t.year, t.month, t.day, t.hour, t.minute, t.second);
+    fflush(stream_);
+    return true;
+}
+
+bool log_file::write(const char* text) {
+    if (stream_ == nullptr) return false;
+    const local_time t = now_local();
+    const int written = fprintf(stream_, "%04d/%02d/%02d %02d:%02d:%02d, %s\n", t.year, t.month, t.day,
+                                t.hour, t.minute, t.second, text);
+    fflush(stream_);
+    return written > 0;
+}
+
+bool log_needs_truncate(const char* path) {
+#if defined(_WIN32)
+    WIN32_FILE_ATTRIBUTE_DATA data;
+    if (!GetFileAttributesExA(path, GetFileExInfoStandard, &data)) return true;
+    if (data.nFileSizeHigh != 0) return true;
+    return data.nFileSizeLow > log_file::size_limit;
+#else
+    struct stat st;
+    if (stat(path, &st) != 0) return true;
+    return static_cast<uint64_t>(st.st_size) > log_file::size_limit;
+#endif
+}
+
+namespace mcl {
+
+void log_at(const char* function, int line, const char* format, ...) {
+    if (g_log == nullptr) return;
+    char text[log_file::text_capacity];
+    int prefix = snprintf(text, sizeof(text), "[%s:%d] - ", function, line);
+    if (prefix < 0) return;
+    if (static_cast<size_t>(prefix) < sizeof(text)) {
+        va_list args;
+        va_start(args, format);
+        vsnprintf(text + prefix, sizeof(text) - static_cast<size_t>(prefix), format, args);
+        va_end(args);
+    }
+    g_log->write(text);
+}
+
+}  // namespace mcl

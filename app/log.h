@@ -1,0 +1,64 @@
+// The process-wide debug log: one plain-text file beside the executable.
+//
+// The program entry opens it once, on the main thread, before any other thread exists, and
+// then sets g_log. Any thread may log afterwards; every entry is written with one formatted
+// write and one flush on the shared stream, whose own lock keeps lines whole.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#if defined(__GNUC__)
+#define NV_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
+#else
+#define NV_PRINTF_FORMAT(fmt_index, first_arg)
+#endif
+
+class log_file {
+public:
+    static constexpr size_t max_path = 260;
+    static constexpr uint64_t size_limit = 0x1000000;  // 16 MiB: a larger file starts afresh
+    static constexpr size_t text_capacity = 2048;        // the caller's formatting buffer
+
+    log_file() = default;
+    log_file(const log_file&) = delete;
+    log_file& operator=(const log_file&) = delete;
+    ~log_file();
+
+    // Opens (truncate: "w+t", else "a+t") with sharing that denies nothing, and writes the
+    // start header. False for a null path, a path over 260 characters or a failed open.
+    bool open(const char* path, bool truncate);
+    // Writes one entry with the local date and time; false when no file is open.
+    bool write(const char* text);
+    void close();
+
+    bool is_open() const { return stream_ != nullptr; }
+    const std::string& path() const { return path_; }
+
+private:
+    FILE* stream_ = nullptr;
+    std::string path_;
+};
+
+// Null until the program entry has called open; then the one instance, whether or not the
+// open succeeded. Never cleared.
+extern log_file* g_log;
+
+// The one log instance of the process.
+log_file& the_log();
+
+// Whether a log at `path` should be emptied rather than appended to: missing, unreadable or
+// larger than 16 MiB.
+bool log_needs_truncate(const char* path);
+
+namespace mcl {
+
+// Formats "[function:line] - " and the message into a 2048-byte buffer (longer text is cut)
+// and writes it to g_log. Does nothing while g_log is null.
+void log_at(const char* function, int line, const char* format, ...) NV_PRINTF_FORMAT(3, 4);
+
+}  // namespace mcl
+
+// The call-site pattern: NV_LOG("chelperservice::main", "Service Version: %s", version);
+#define NV_LOG(function, ...) ::mcl::log_at(function, __LINE__, __VA_ARGS__)

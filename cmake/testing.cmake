@@ -1,0 +1,39 @@
+# nv_gtest(<name> SOURCES <files...> [LIBS <libs...>] [LOCK <resource>] [TIMEOUT <s>])
+#
+# A GoogleTest executable and its ctest entry. Windows builds run it under Wine in the
+# prefix that the wine_prefix fixture prepares; LOCK serialises tests that share named
+# objects or the service control manager.
+function(nv_gtest name)
+  cmake_parse_arguments(T "" "LOCK;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${T_SOURCES})
+  if(WIN32)
+    target_link_libraries(${name} PRIVATE nv_windows gtest_main gmock ${T_LIBS})
+  else()
+    target_link_libraries(${name} PRIVATE nv_portable gtest_main gmock ${T_LIBS})
+  endif()
+  nv_warnings(${name})
+  add_test(NAME ${name} COMMAND ${name})
+  nv_test_properties(${name} LOCK "${T_LOCK}" TIMEOUT "${T_TIMEOUT}")
+endfunction()
+
+# nv_script_test(<name> <script> [args...]): a shell test that drives the Windows binaries.
+function(nv_script_test name script)
+  cmake_parse_arguments(T "" "LOCK;TIMEOUT" "ARGS" ${ARGN})
+  add_test(NAME ${name} COMMAND bash ${script} ${T_ARGS})
+  nv_test_properties(${name} LOCK "${T_LOCK}" TIMEOUT "${T_TIMEOUT}")
+endfunction()
+
+function(nv_test_properties name)
+  cmake_parse_arguments(T "" "LOCK;TIMEOUT" "" ${ARGN})
+  if(WIN32)
+    set_tests_properties(${name} PROPERTIES
+      FIXTURES_REQUIRED wine_prefix
+      ENVIRONMENT "${NV_WINE_ENV}")
+  endif()
+  if(T_LOCK)
+    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK ${T_LOCK})
+  endif()
+  if(T_TIMEOUT)
+    set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT})
+  endif()
+endfunction()

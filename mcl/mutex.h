@@ -1,0 +1,42 @@
+// A named system mutex with the small result codes the callers test:
+// 0 success, -1 failure, -2 name taken (create), -3 no handle (acquire, release).
+#pragma once
+
+#include <windows.h>
+
+#include "mcl/lock.h"
+
+namespace mcl {
+
+class mutex : public lock_interface {
+public:
+    mutex() = default;
+    mutex(const mutex&) = delete;
+    mutex& operator=(const mutex&) = delete;
+    // Releases the mutex if this object holds it and closes the handle.
+    ~mutex() override;
+
+    void lock() override { (void)acquire(INFINITE); }
+    void unlock() override { (void)release(); }
+
+    // Creates the named mutex, not owned. With `inherit` the handle gets a NULL-DACL
+    // descriptor and that inherit flag; without it, default security. A name that exists
+    // already (or may not be opened) gives -2 and leaves this object without a handle.
+    [[nodiscard]] int create(const char* name, const bool* inherit);
+    [[nodiscard]] int open(const char* name);
+    [[nodiscard]] int acquire(DWORD milliseconds);
+    [[nodiscard]] int release();
+    void close();
+
+    bool has_handle() const { return handle_ != nullptr; }
+    bool acquired() const { return acquired_; }
+
+private:
+    bool imported_ = false;
+    bool acquired_ = false;
+    HANDLE handle_ = nullptr;
+    void* security_ = nullptr;
+    SECURITY_ATTRIBUTES attributes_{};
+};
+
+}  // namespace mcl

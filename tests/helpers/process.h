@@ -1,0 +1,44 @@
+// Starting the project's Windows programs from tests: a child process with its standard
+// output captured and its exit code.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+namespace nv_test {
+
+// Directory of the running test executable (with its trailing backslash); the build puts
+// every program there.
+std::string bin_dir();
+
+struct child {
+    HANDLE process = nullptr;
+    HANDLE output = nullptr;  // read end of the child's standard output, or null
+    DWORD pid = 0;
+
+    child() = default;
+    child(const child&) = delete;
+    child& operator=(const child&) = delete;
+    child(child&& other) noexcept;
+    child& operator=(child&& other) noexcept;
+    ~child();
+
+    // Waits up to `ms` for the exit; returns the exit code or STILL_ACTIVE.
+    DWORD wait(DWORD ms = 30000);
+    // Reads standard output to its end.
+    std::string read_output();
+    void kill();
+};
+
+// Starts `command_line` (program and arguments); standard output is captured when asked.
+child start(const std::string& command_line, bool capture_output = false);
+
+// Runs a program of this build to its end and returns its exit code; `output` gets stdout.
+DWORD run(const std::string& program, const std::string& arguments, std::string* output = nullptr,
+          DWORD timeout_ms = 60000);
+
+// A name no other test run uses: prefix + process id + counter.
+std::string unique_name(const char* prefix);
+
+}  // namespace nv_test

@@ -1,0 +1,163 @@
+#include "app/log.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+#if defined(_WIN32)
+const char* const eol = "\r\n";
+#else
+const char* const eol = "\n";
+#endif
+
+std::string temp_path(const char* name) {
+    std::string dir = ::testing::TempDir();
+    return dir + "nv_log_test_" + name;
+}
+
+std::string read_all(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+void write_size(const std::string& path, size_t size) {
+    FILE* f = fopen(path.c_str(), "wb");
+    ASSERT_NE(nullptr, f);
+    std::vector<char> block(1 << 20, 'x');
+    while (size > 0) {
+        const size_t n = size < block.size() ? size : block.size();
+        fwrite(block.data(), 1, n, f);
+        size -= n;
+    }
+    fclose(f);
+}
+
+// The header line: 27 '=', date and time, 25 '='.
+const std::regex header("===========================\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d=========================");
+
+TEST(Log, ANewFileStartsWithAnEmptyLineAndTheHeader) {
+    const std::string path = temp_path("new.log");
+    remove(path.c_str());
+    ASSERT_TRUE(log_needs_truncate(path.c_str()));
+    {
+        log_file log;
+        ASSERT_TRUE(log.open(path.c_str(), true));
+        EXPECT_TRUE(log.write("[x:1] - hello"));
+    }
+    const std::string text = read_all(path);
+    ASSERT_EQ(eol, text.substr(0, strlen(eol)));
+    const size_t header_end = text.find(eol, strlen(eol));
+    ASSERT_NE(std::string::npos, header_end);
+    EXPECT_TRUE(std::regex_match(text.substr(strlen(eol), header_end - strlen(eol)), header)) << text;
+    const std::string entry = text.substr(header_end + strlen(eol));
+    EXPECT_TRUE(std::regex_match(entry, std::regex(std::string("\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d, \\[x:1\\] - hello") + eol)))
+        << entry;
+}
+
+TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
+    const size_t limit = 16u * 1024 * 1024;
+    const struct {
+        size_t size;
+        bool truncate;
+    } cases[] = {{limit, false}, {limit + 1, true}, {0, false}};
+    for (const auto& c : cases) {
+        const std::string path = temp_path("size.log");
+        write_size(path, c.size);
+        EXPECT_EQ(c.truncate, log_needs_truncate(path.c_str())) << c.size;
+        {
+            log_file log;
+            ASSERT_TRUE(log.open(path.c_str(), log_needs_truncate(path.c_str())));
+        }
+        const std::string text = read_all(path);
+        if (c.truncate) {
+            EXPECT_LT(text.size(), 100u);
+            EXPECT_EQ(eol, text.substr(0, strlen(eol)));
+        } else {
+            EXPECT_GT(text.size(), c.size);
+            EXPECT_EQ(std::string(eol) + "=====", text.substr(c.size, strlen(eol) + 5));
+        }
+        remove(path.c_str());
+    }
+}
+
+TEST(Log, RefusesNullAndOverlongPathsAndDropsLinesWhileClosed) {
+    log_file log;
+    EXPECT_FALSE(log.open(nullptr, true));
+    const std::string long_path = temp_path(std::string(300, 'a').c_str());
+    EXPECT_FALSE(log.open(long_path.c_str(), true));
+    EXPECT_FALSE(log.is_open());
+    EXPECT_FALSE(log.write("dropped"));
+    FILE* f = fopen(long_path.c_str(), "rb");
+    EXPECT_EQ(nullptr, f);
+    if (f != nullptr) fclose(f);
+}
+
+TEST(Log, CallSiteHelperFormatsThePrefixAndCutsOverlongText) {
+    const std::string path = temp_path("helper.log");
+    remove(path.c_str());
+    log_file log;
+    ASSERT_TRUE(log.open(path.c_str(), true));
+
+    log_file* saved = g_log;
+    g_log = nullptr;
+    NV_LOG("ns::cls::fn", "not written: %d", 1);  // no log set: nothing happens
+    g_log = &log;
+    NV_LOG("ns::cls::fn", "value %d and %s", 42, "text");
+    const std::string huge(5000, 'z');
+    NV_LOG("ns::cls::fn", "%s", huge.c_str());
+    g_log = saved;
+    log.close();
+
+    const std::string text = read_all(path);
+    EXPECT_EQ(std::string::npos, text.find("not written"));
+    EXPECT_NE(std::string::npos, text.find(", [ns::cls::fn:"));
+    EXPECT_TRUE(std::regex_search(text, std::regex("\\[ns::cls::fn:\\d+\\] - value 42 and text")));
+    // The cut line holds the prefix and as many 'z' as fit in 2047 characters.
+    const size_t start = text.find("] - zzz");
+    ASSERT_NE(std::string::npos, start);
+    const size_t line_start = text.rfind(", [", start) + 2;
+    const size_t line_end = text.find(eol, start);
+    EXPECT_EQ(2047u, line_end - line_start);
+}
+
+TEST(Log, TwoThreadsLoggingAtOnceGiveWholeLines) {
+    const std::string path = temp_path("threads.log");
+    remove(path.c_str());
+    log_file log;
+    ASSERT_TRUE(log.open(path.c_str(), true));
+    log_file* saved = g_log;
+    g_log = &log;
+    auto writer = [](char c) {
+        const std::string body(300, c);
+        for (int i = 0; i < 500; ++i) NV_LOG("writer", "%s", body.c_str());
+    };
+    std::thread a(writer, 'a'), b(writer, 'b');
+    a.join();
+    b.join();
+    g_log = saved;
+    log.close();
+
+    std::istringstream lines(read_all(path));
+    std::string line;
+    int count_a = 0, count_b = 0;
+    const std::regex whole("\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d, \\[writer:\\d+\\] - (a{300}|b{300})\r?");
+    while (std::getline(lines, line)) {
+        if (line.find("[writer:") == std::string::npos) continue;
+        ASSERT_TRUE(std::regex_match(line, whole)) << line.substr(0, 80);
+        (line.find("aaaa") != std::string::npos ? count_a : count_b)++;
+    }
+    EXPECT_EQ(500, count_a);
+    EXPECT_EQ(500, count_b);
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+#include "mcl/encoding.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+mcl::binary_t make(std::initializer_list<unsigned char> bytes) {
+    mcl::binary_t b;
+    for (unsigned char c : bytes) b.append(&c, 1);
+    return b;
+}
+
+std::vector<unsigned char> as_vector(const mcl::binary_t& b) { return {b.data(), b.data() + b.size()}; }
+
+TEST(Encoding, WritersProduceTheWireBytes) {
+    mcl::binary_t b;
+    mcl::write_byte(b, 1);
+    mcl::write_u32(b, 0x01000009);
+    mcl::write_u64(b, 0x0102030405060708ull);
+    mcl::write_string(b, std::string(""));
+    mcl::write_wstring(b, L"");
+    mcl::write_string_list(b, {});
+    mcl::write_string(b, std::string("Ab"));
+    mcl::write_wstring(b, L"C\x00e9");
+    mcl::write_status(b, true, "");
+    const std::vector<unsigned char> expected = {
+        0x01, 0x09, 0x00, 0x00, 0x01, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,
+        0x00,                    // empty narrow string
+        0x00, 0x00,              // empty wide string
+        0x00, 0x00, 0x00, 0x00,  // empty string list
+        'A', 'b', 0x00, 'C', 0x00, 0xE9, 0x00, 0x00, 0x00, 0x01, 0x00};
+    EXPECT_EQ(expected, as_vector(b));
+}
+
+TEST(Encoding, RoundTripsEveryField) {
+    mcl::binary_t b;
+    mcl::write_byte(b, 0xFE);
+    mcl::write_u32(b, 196653);
+    mcl::write_u64(b, 0xFFFFFFFFFFFFFFFFull);
+    mcl::write_string(b, "C:\\Program Files\\App");
+    mcl::write_wstring(b, L"\\Device\\HarddiskVolume1\\x");
+    mcl::write_string_list(b, {"a", "", "ccc"});
+    mcl::write_status(b, false, "no such service");
+
+    uint32_t pos = 0;
+    uint8_t byte = 0;
+    uint32_t u32 = 0;
+    uint64_t u64 = 0;
+    std::string s;
+    std::wstring w;
+    std::vector<std::string> list;
+    bool ok = true;
+    std::string message;
+    ASSERT_TRUE(mcl::read_byte(byte, b, pos));
+    ASSERT_TRUE(mcl::read_u32(u32, b, pos));
+    ASSERT_TRUE(mcl::read_u64(u64, b, pos));
+    ASSERT_TRUE(mcl::read_string(s, b, pos));
+    ASSERT_TRUE(mcl::read_wstring(w, b, pos));
+    ASSERT_TRUE(mcl::read_string_list(list, b, pos));
+    ASSERT_TRUE(mcl::read_status(ok, message, b, pos));
+    EXPECT_EQ(b.size(), pos);
+    EXPECT_EQ(0xFE, byte);
+    EXPECT_EQ(196653u, u32);
+    EXPECT_EQ(0xFFFFFFFFFFFFFFFFull, u64);
+    EXPECT_EQ("C:\\Program Files\\App", s);
+    EXPECT_EQ(L"\\Device\\HarddiskVolume1\\x", w);
+    EXPECT_EQ((std::vector<std::string>{"a", "", "ccc"}), list);
+    EXPECT_FALSE(ok);
+    EXPECT_EQ("no such service", message);
+}
+
+TEST(Encoding, EveryTruncatedFieldFailsAndLeavesTheCursorBehindTheLastWholeField) {
+    struct truncated {
+        const char* name;
+        mcl::binary_t payload;
+        bool (*read)(const mcl::binary_t&, uint32_t&);
+    };
+    const truncated cases[] = {
+        {"byte of nothing", make({}), [](const mcl::binary_t& b, uint32_t& p) { uint8_t v; return mcl::read_byte(v, b, p); }},
+        {"u32 of 3 bytes", make({1, 2, 3}), [](const mcl::binary_t& b, uint32_t& p) { uint32_t v; return mcl::read_u32(v, b, p); }},
+        {"u64 of 7 bytes", make({1, 2, 3, 4, 5, 6, 7}), [](const mcl::binary_t& b, uint32_t& p) { uint64_t v; return mcl::read_u64(v, b, p); }},
+        {"string at the end", make({}), [](const mcl::binary_t& b, uint32_t& p) { std::string v; return mcl::read_string(v, b, p); }},
+        {"string without terminator", make({'a', 'b'}), [](const mcl::binary_t& b, uint32_t& p) { std::string v; return mcl::read_string(v, b, p); }},
+        {"wstring without terminator", make({'a', 0, 'b', 0}), [](const mcl::binary_t& b, uint32_t& p) { std::wstring v; return mcl::read_wstring(v, b, p); }},
+        {"wstring with half a terminator", make({'a', 0, 0}), [](const mcl::binary_t& b, uint32_t& p) { std::wstring v; return mcl::read_wstring(v, b, p); }},
+        {"status without message", make({1}), [](const mcl::binary_t& b, uint32_t& p) { bool ok; std::string m; return mcl::read_status(ok, m, b, p); }},
+        {"list count cut", make({3, 0}), [](const mcl::binary_t& b, uint32_t& p) { std::vector<std::string> v; return mcl::read_string_list(v, b, p); }},
+    };
+    for (const auto& c : cases) {
+        uint32_t pos = 0;
+        EXPECT_FALSE(c.read(c.payload, pos)) << c.name;
+    }
+
+    // A u32 needs all four bytes after the cursor.
+    mcl::binary_t five = make({1, 0, 0, 0, 9});
+    uint32_t pos = 0, v = 0;
+    EXPECT_TRUE(mcl::read_u32(v, five, pos));
+    EXPECT_FALSE(mcl::read_u32(v, five, pos));
+    EXPECT_EQ(4u, pos);
+}
+
+TEST(Encoding, AStringListWithFewerStringsThanItsCountKeepsWhatItRead) {
+    mcl::binary_t b;
+    mcl::write_u32(b, 3);
+    mcl::write_string(b, "one");
+    mcl::write_string(b, "two");
+    std::vector<std::string> list = {"old"};
+    uint32_t pos = 0;
+    EXPECT_FALSE(mcl::read_string_list(list, b, pos));
+    EXPECT_EQ((std::vector<std::string>{"one", "two"}), list);
+    EXPECT_EQ(b.size(), pos);
+}
+
+TEST(Encoding, AHugeListCountDoesNotReserveMemory) {
+    mcl::binary_t b;
+    mcl::write_u32(b, 0xFFFFFFFF);
+    std::vector<std::string> list;
+    uint32_t pos = 0;
+    EXPECT_FALSE(mcl::read_string_list(list, b, pos));
+    EXPECT_TRUE(list.empty());
+    EXPECT_LT(list.capacity(), 16u);
+}
+
+TEST(Encoding, ListOfRecords) {
+    struct rule {
+        std::string name;
+        uint8_t flag = 0;
+    };
+    mcl::binary_t b;
+    mcl::write_list(b, std::vector<rule>{{"svc", 1}, {"x", 0}}, [](mcl::binary_t& o, const rule& r) {
+        mcl::write_string(o, r.name);
+        mcl::write_byte(o, r.flag);
+    });
+    std::vector<rule> back;
+    uint32_t pos = 0;
+    ASSERT_TRUE(mcl::read_list(back, b, pos, [](rule& r, const mcl::binary_t& in, uint32_t& p) {
+        return mcl::read_string(r.name, in, p) && mcl::read_byte(r.flag, in, p);
+    }));
+    ASSERT_EQ(2u, back.size());
+    EXPECT_EQ("svc", back[0].name);
+    EXPECT_EQ(1, back[0].flag);
+    EXPECT_EQ("x", back[1].name);
+}
+
+TEST(Encoding, ToHexGivesUpperCasePairs) {
+    EXPECT_STREQ("00AB10", mcl::to_hex(make({0x00, 0xAB, 0x10})).c_str());
+    EXPECT_STREQ("", mcl::to_hex(make({})).c_str());
+    EXPECT_EQ(1u, mcl::to_hex(make({})).size());
+}
+
+}  // namespace

@@ -1,0 +1,185 @@
+#include "mcl/thread.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mcl/share_ptr.h"
+#include "tests/helpers/log_capture.h"
+
+namespace {
+
+class stubborn_thread : public mcl::thread {
+public:
+    ~stubborn_thread() override { stop(0); }
+    DWORD run() override {
+        started = true;
+        for (;;) Sleep(50);  // ignores its stop event
+    }
+    std::atomic<bool> started{false};
+};
+
+class polite_thread : public mcl::thread {
+public:
+    ~polite_thread() override { stop(10); }
+    DWORD run() override {
+        WaitForSingleObject(stop_event(), INFINITE);
+        return 7;
+    }
+};
+
+TEST(Thread, AThreadThatNeverStartedReadsAsStopped) {
+    polite_thread t;
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t.stop_event(), 0));
+    EXPECT_FALSE(t.is_running());
+    t.stop(1);  // nothing to do
+}
+
+TEST(Thread, StopsAPoliteThreadAtOnceAndCanStartItAgain) {
+    polite_thread t;
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(t.start());
+        EXPECT_TRUE(t.start());  // a running thread is left alone
+        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t.stop_event(), 0));
+        const ULONGLONG before = GetTickCount64();
+        t.stop(5);
+        EXPECT_LT(GetTickCount64() - before, 1000u);
+        EXPECT_EQ(7u, t.last_exit_code());
+        EXPECT_FALSE(t.is_running());
+    }
+}
+
+TEST(Thread, TerminatesAThreadThatIgnoresItsStopEventAfterTheLimit) {
+    stubborn_thread t;
+    ASSERT_TRUE(t.start());
+    while (!t.started) Sleep(5);
+    const ULONGLONG before = GetTickCount64();
+    t.stop(1);
+    const ULONGLONG took = GetTickCount64() - before;
+    EXPECT_GE(took, 900u);
+    EXPECT_LT(took, 3000u);
+    EXPECT_FALSE(t.is_running());
+    EXPECT_EQ(0xFFFFFFFFu, t.last_exit_code());
+}
+
+struct numbered {
+    int value = 0;
+    int (*result)(int) = nullptr;
+};
+
+class recording_thread : public mcl::event_thread<numbered> {
+public:
+    ~recording_thread() override { stop(10); }
+    int handle_event(numbered& e) override {
+        const int now_inside = ++inside;
+        if (now_inside > max_inside) max_inside = now_inside;
+        Sleep(1);
+        {
+            mcl::scoped_lock guard(seen_lock);
+            seen.push_back(e.value);
+        }
+        --inside;
+        return e.result != nullptr ? e.result(e.value) : 0;
+    }
+    std::vector<int> snapshot() {
+        mcl::scoped_lock guard(seen_lock);
+        return seen;
+    }
+    std::atomic<int> inside{0};
+    std::atomic<int> max_inside{0};
+    mcl::lock seen_lock;
+    std::vector<int> seen;
+};
+
+void wait_for_count(recording_thread& t, size_t n) {
+    for (int i = 0; i < 500 && t.snapshot().size() < n; ++i) Sleep(10);
+}
+
+TEST(EventThread, HandlesEventsOneAtATimeInPostingOrder) {
+    recording_thread t;
+    ASSERT_TRUE(t.start());
+    std::atomic<bool> go{false};
+    auto poster = [&](int base) {
+        while (!go) Sleep(0);
+        for (int i = 0; i < 50; ++i) t.post_event({base + i, nullptr});
+    };
+    std::thread a(poster, 0), b(poster, 1000);
+    go = true;
+    a.join();
+    b.join();
+    wait_for_count(t, 100);
+    const std::vector<int> seen = t.snapshot();
+    ASSERT_EQ(100u, seen.size());
+    EXPECT_EQ(1, t.max_inside.load());
+    // Each poster's events keep their order.
+    int last_a = -1, last_b = 999;
+    for (int v : seen) {
+        int& last = v >= 1000 ? last_b : last_a;
+        EXPECT_EQ(last + 1, v);
+        last = v;
+    }
+}
+
+TEST(EventThread, ANegativeResultLeavesTheRestQueuedUntilTheNextPost) {
+    recording_thread t;
+    ASSERT_TRUE(t.start());
+    t.post_event({1, [](int) { return -1; }});
+    t.post_event({2, nullptr});
+    t.post_event({3, nullptr});
+    wait_for_count(t, 1);
+    Sleep(100);
+    EXPECT_EQ(std::vector<int>{1}, t.snapshot());
+    t.post_event({4, nullptr});
+    wait_for_count(t, 4);
+    EXPECT_EQ((std::vector<int>{1, 2, 3, 4}), t.snapshot());
+}
+
+TEST(EventThread, StopClearsTheQueue) {
+    recording_thread t;
+    t.post_event({1, nullptr});  // not started: stays queued
+    t.stop(1);
+    ASSERT_TRUE(t.start());
+    t.post_event({2, nullptr});
+    wait_for_count(t, 1);
+    EXPECT_EQ(std::vector<int>{2}, t.snapshot());
+}
+
+struct counted : mcl::share_obj {
+    explicit counted(std::atomic<int>* d) : deleted(d) {}
+    ~counted() override { ++*deleted; }
+    std::atomic<int>* deleted;
+};
+
+TEST(SharePtr, ExactlyOneReleaserDeletes) {
+    std::atomic<int> deleted{0};
+    for (int round = 0; round < 20; ++round) {
+        mcl::share_ptr<counted> p(new counted(&deleted));
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 4; ++i)
+            threads.emplace_back([copy = p]() mutable {
+                for (int k = 0; k < 1000; ++k) {
+                    mcl::share_ptr<counted> again(copy);
+                    again.reset();
+                }
+            });
+        p.reset();
+        for (auto& th : threads) th.join();
+    }
+    EXPECT_EQ(20, deleted.load());
+}
+
+TEST(SharePtr, DeletingAnObjectStillReferencedIsLogged) {
+    nv_test::log_capture log;
+    std::atomic<int> deleted{0};
+    auto* obj = new counted(&deleted);
+    obj->add_ref();
+    obj->add_ref();
+    delete obj;
+    EXPECT_TRUE(log.contains("[mcl::share_obj::~share_obj:"));
+    EXPECT_TRUE(log.contains("] - a shared object has been deleted with reference count 2"));
+}
+
+}  // namespace

@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Prepares or ends the Wine prefix of a test run.
+#   prefix.sh create   fresh prefix at $WINEPREFIX, persistent wineserver
+#   prefix.sh stop     ends the wineserver (and with it every process of the prefix)
+#   prefix.sh clone D  copies $WINEPREFIX to D for a test that needs a prefix of its own
+set -euo pipefail
+: "${WINEPREFIX:?WINEPREFIX must be set}"
+export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
+
+case "${1:-}" in
+  create)
+    wineserver -k 2>/dev/null || true
+    rm -rf "$WINEPREFIX"
+    mkdir -p "$(dirname "$WINEPREFIX")"
+    wineboot -i </dev/null >/dev/null 2>&1
+    wineserver -w
+    # Products of this build that the prefix must carry (the Filter Manager stand-in, when built).
+    if [ -n "${NV_BIN_DIR:-}" ] && [ -f "$NV_BIN_DIR/fltlib.dll" ]; then
+      cp "$NV_BIN_DIR/fltlib.dll" "$WINEPREFIX/drive_c/windows/system32/fltlib.dll"
+    fi
+    wineserver -p </dev/null >/dev/null 2>&1
+    # Start Wine's own services now, detached from any test's output.
+    wine cmd /c exit </dev/null >/dev/null 2>&1
+    echo "wine prefix ready: $WINEPREFIX"
+    ;;
+  stop)
+    wineserver -k 2>/dev/null || true
+    ;;
+  clone)
+    dest=${2:?destination}
+    rm -rf "$dest"
+    cp -a "$WINEPREFIX" "$dest"
+    ;;
+  *)
+    echo "usage: prefix.sh create|stop|clone DEST" >&2
+    exit 2
+    ;;
+esac
