@@ -1,2 +1,102 @@
 #!/usr/bin/env bash
-echo TODO
+# The one-shot options as a user sees them: output bytes and process exit codes.
+# (A Windows exit code of -2 reaches the Linux shell as 254, -3 as 253 and so on.)
+source "$(dirname "$0")/lib.sh"
+
+# A private copy of the program, so its debug log is this test's own.
+dir="$work/app"
+mkdir -p "$dir"
+cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$dir/"
+exe="$dir/NorvaleHalvernService.exe"
+usage="$NV_SOURCE_DIR/tests/data/usage.txt"
+
+# Options that print the usage text.
+while read -r expected args; do
+  run_exe "$exe" $args
+  expect_eq "exit code of [$args]" "$expected" "$rc"
+  expect_file_eq "usage text of [$args]" "$usage" "$out"
+done <<'CASES'
+0   -h
+0   -H
+254 -x
+254 -i
+254 -I nonsense
+254 -s
+254 -S restart
+254 --help
+CASES
+
+# Options that print nothing.
+while read -r expected args; do
+  run_exe "$exe" $args
+  expect_eq "exit code of [$args]" "$expected" "$rc"
+  expect_empty "output of [$args]" "$out"
+done <<'CASES'
+0   -e
+0   -E
+254 -c
+251 -c no_such_service_here
+0   -c RpcSs
+0   -C rpcss
+254 -proxy_task
+254 -proxy_task no_such_task
+254 -proxy_task hvs_folder_repair
+254 -PROXY_TASK HVS_FOLDER_REPAIR
+0   -proxy_task hvs_unchange
+CASES
+
+# A stopped and a disabled service.
+svc_stopped=nvcli_stopped_$$
+svc_disabled=nvcli_disabled_$$
+wine sc create "$svc_stopped" binPath= 'C:\windows\system32\notepad.exe' >/dev/null 2>&1 </dev/null
+wine sc create "$svc_disabled" binPath= 'C:\windows\system32\notepad.exe' start= disabled >/dev/null 2>&1 </dev/null
+run_exe "$exe" -c "$svc_stopped"
+expect_eq "-c of a stopped service" 252 "$rc"
+run_exe "$exe" -c "$svc_disabled"
+expect_eq "-c of a disabled service" 253 "$rc"
+wine sc delete "$svc_stopped" >/dev/null 2>&1 </dev/null
+wine sc delete "$svc_disabled" >/dev/null 2>&1 </dev/null
+
+# Folder repair never leaves a task log; the other tasks copy the debug log whatever their result.
+[ ! -e "$dir/hvs_folder_repair.log" ] && [ ! -e "$dir/hvs_install.log" ] && pass || fail "unexpected task log"
+for task in hvs_install hvs_fresh hvs_upgrade hvs_uninstall hvs_remove; do
+  rm -f "$dir"/hvs_*.log
+  run_exe "$exe" -proxy_task "$task"
+  case $task in
+    hvs_install | hvs_fresh) copy=hvs_install.log ;;
+    hvs_upgrade) copy=hvs_upgrade.log ;;
+    *) copy=hvs_uninstall.log ;;
+  esac
+  if cmp -s "$dir/nvhalvernservice.debug.log" "$dir/$copy"; then pass; else fail "$task: $copy is not a copy of the debug log"; fi
+done
+
+# The debug log: a new file starts with an empty line and the header.
+log="$dir/nvhalvernservice.debug.log"
+rm -f "$log"
+run_exe "$exe" -h
+header_re=$'^\r\n===========================[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}=========================\r$'
+first_two=$(head -c 200 "$log" | head -n 2)
+if [[ "$first_two" =~ $header_re ]]; then pass; else fail "log header: $(head -c 70 "$log" | od -c | head -n 3)"; fi
+
+# Exactly 16 MiB is appended to; one byte more and the file starts afresh.
+head -c 16777216 /dev/zero | tr '\0' 'x' >"$log"
+run_exe "$exe" -h
+size=$(stat -c %s "$log")
+[ "$size" -gt 16777216 ] && pass || fail "16 MiB log not appended to (size $size)"
+expect_eq "header appended at the old end" "$(printf '\r\n=====')" "$(tail -c +16777217 "$log" | head -c 7)"
+head -c 16777217 /dev/zero | tr '\0' 'x' >"$log"
+run_exe "$exe" -h
+size=$(stat -c %s "$log")
+[ "$size" -lt 200 ] && pass || fail "16 MiB + 1 log not emptied (size $size)"
+expect_eq "emptied log starts with the header" "$(printf '\r\n=====')" "$(head -c 7 "$log")"
+
+# A log path over 260 characters: no log, but the program works.
+deep="$work/$(printf 'd%.0s' {1..120})/$(printf 'e%.0s' {1..120})"
+mkdir -p "$deep"
+cp "$exe" "$deep/"
+run_exe "$deep/NorvaleHalvernService.exe" -h
+expect_eq "exit code with a long path" 0 "$rc"
+expect_file_eq "usage with a long path" "$usage" "$out"
+[ ! -e "$deep/nvhalvernservice.debug.log" ] && pass || fail "a log was written despite the long path"
+
+finish
