@@ -125,10 +125,11 @@ TEST(EventThread, HandlesEventsOneAtATimeInPostingOrder) {
 
 TEST(EventThread, ANegativeResultLeavesTheRestQueuedUntilTheNextPost) {
     recording_thread t;
-    ASSERT_TRUE(t.start());
+    // Queued before the thread runs, so one wake-up sees all three.
     t.post_event({1, [](int) { return -1; }});
     t.post_event({2, nullptr});
     t.post_event({3, nullptr});
+    ASSERT_TRUE(t.start());
     wait_for_count(t, 1);
     Sleep(100);
     EXPECT_EQ(std::vector<int>{1}, t.snapshot());
