@@ -201,7 +201,11 @@ int run_command_line(int argc, char** argv) {
         g_debug_mode = true;
         return 0;
     }
-    if (iequals(option, "-c")) return check_service_state(sub);
+    if (iequals(option, "-c")) {
+        // A running service is success (-1); 0 would mean "run the service" to the caller.
+        const int state = check_service_state(sub);
+        return state == 0 ? -1 : state;
+    }
     if (iequals(option, "-e")) return is_process_elevated() ? -1 : -2;
     if (iequals(option, "-h")) {
         print_usage();
