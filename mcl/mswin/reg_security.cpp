@@ -39,6 +39,14 @@ std::vector<BYTE> token_user(HANDLE token) {
     return user;
 }
 
+bool force_remove_subkeys(HKEY root, const std::string& key) {
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys)
+        if (!force_remove(root, key + "\\" + sub)) return false;
+    return true;
+}
+
 }  // namespace
 
 bool get_key_dacl_security(HKEY root, const std::string& key, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
@@ -276,14 +284,12 @@ bool force_remove(HKEY root, const std::string& key) {
         NV_LOG(fn, "reg error: Failed to get the current process token - %d", static_cast<int>(GetLastError()));
         return false;
     }
-    std::vector<std::string> subkeys;
-    list_subkeys(root, key, subkeys);
-    for (const std::string& sub : subkeys)
-        if (!force_remove(root, key + "\\" + sub)) return false;
-
+    if (!force_remove_subkeys(root, key)) return false;
     LONG rc = RegDeleteKeyA(root, key.c_str());
+    // A key whose DACL denies us may also have hidden its subkeys: once it is ours again, they
+    // are listed and removed before the last attempt.
     if (rc != ERROR_SUCCESS && take_ownership(token.get(), root, key) &&
-        reset_full_access(token.get(), root, key))
+        reset_full_access(token.get(), root, key) && force_remove_subkeys(root, key))
         rc = RegDeleteKeyA(root, key.c_str());
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));
