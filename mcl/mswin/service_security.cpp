@@ -39,27 +39,27 @@ bool sha1(const void* data, DWORD size, BYTE (&digest)[20]) {
 }
 
 // Opens the service `name` with `access`, logging the way set_dacl does.
-bool open_for_security(const char* name, unique_sc_handle& manager, unique_sc_handle& svc) {
+// Opens the service `name` for reading and writing its DACL; `fn` names the caller in the log.
+bool open_for_security(const char* fn, const char* name, unique_sc_handle& manager, unique_sc_handle& svc) {
     manager.reset(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
     if (!manager) {
-        NV_LOG("mcl::mswin::service::set_dacl", "OpenSCManagerA failed (%d)\n", static_cast<int>(GetLastError()));
+        NV_LOG(fn, "OpenSCManagerA failed (%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
     svc.reset(OpenServiceA(manager.get(), name, READ_CONTROL | WRITE_DAC));
     if (!svc) {
-        NV_LOG("mcl::mswin::service::set_dacl", "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
+        NV_LOG(fn, "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
     return true;
 }
 
-bool apply_descriptor(SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
+bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
     if (!SetServiceObjectSecurity(svc, DACL_SECURITY_INFORMATION, sd)) {
-        NV_LOG("mcl::mswin::service::set_dacl", "SetServiceObjectSecurity failed(%d)\n",
-               static_cast<int>(GetLastError()));
+        NV_LOG(fn, "SetServiceObjectSecurity failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
-    NV_LOG("mcl::mswin::service::set_dacl", "Service DACL updated successfully\n");
+    NV_LOG(fn, "Service DACL updated successfully\n");
     return true;
 }
 
@@ -134,7 +134,7 @@ bool service::get_sid(const char* name, PSID* sid) {
 bool service::set_dacl(const char* name, PACL dacl) {
     unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_for_security(name, manager, svc)) return false;
+    if (!open_for_security("mcl::mswin::service::set_dacl", name, manager, svc)) return false;
     SECURITY_DESCRIPTOR sd{};
     if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
         NV_LOG("mcl::mswin::service::set_dacl", "InitializeSecurityDescriptor failed(%d)\n",
@@ -151,20 +151,20 @@ bool service::set_dacl(const char* name, PACL dacl) {
                static_cast<int>(GetLastError()));
         return false;
     }
-    return apply_descriptor(svc.get(), &sd);
+    return apply_descriptor("mcl::mswin::service::set_dacl", svc.get(), &sd);
 }
 
 bool service::set_dacl_str(const char* name, const char* sddl) {
     unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_for_security(name, manager, svc)) return false;
+    if (!open_for_security("mcl::mswin::service::set_dacl_str", name, manager, svc)) return false;
     unique_local sd;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr)) {
         NV_LOG("mcl::mswin::service::set_dacl_str",
                "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
-    return apply_descriptor(svc.get(), sd.get());
+    return apply_descriptor("mcl::mswin::service::set_dacl_str", svc.get(), sd.get());
 }
 
 bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const std::vector<PSID>& sids,
