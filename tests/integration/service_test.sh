@@ -52,8 +52,8 @@ state() {
     echo "$rc"
 }
 wait_state() {
-    local want=$1
-    for _ in $(seq 1 100); do
+    local want=$1 tries=${2:-100}
+    for _ in $(seq 1 "$tries"); do
         [ "$(state)" = "$want" ] && return 0
         sleep 0.2
     done
@@ -157,6 +157,18 @@ echo "== uninstall"
 run "$exe" -i uninstall
 expect "uninstall" 0 "Uninstalling halvern service..."
 [ "$(state)" = 251 ] || fail "service gone"
+
+echo "== emergency: uninstallService removes the service"
+run "$exe" -i install
+expect "install for the emergency uninstall" 0 "Installing halvern service..."
+run reg add "$emergency" /v uninstallService /t REG_DWORD /d 1 /f
+run "$exe" -s start
+# The service's own stop control cannot finish while main is uninstalling, so the manager gives
+# up waiting for it before the service is deleted.
+wait_state 251 300
+[ "$(log_lines 'Emergency option - protection has been disabled.')" = 1 ] || fail "protection disabled line"
+[ "$(log_lines 'Emergency option - service has been uninstalled.')" = 1 ] || fail "uninstalled line"
+reg_has uninstallService && fail "uninstallService was not consumed"
 
 if [ "$failures" -ne 0 ]; then
     echo "---- debug log"
