@@ -33,9 +33,9 @@ bool install_service(const std::string& command_line) {
     actions.cActions = 1;
     actions.lpsaActions = &restart;
     chelperservice& svc = chelperservice::instance();
-    if (!svc.install(command_line.c_str(), &actions) || !service::is_service_installed(svc.name().c_str()))
+    if (!svc.install(command_line.c_str(), &actions) || !service::is_service_installed(svc.service_name().c_str()))
         return false;
-    (void)service::set_sid_type(svc.name().c_str());  // systems without service SIDs refuse it
+    (void)service::set_sid_type(svc.service_name().c_str());  // systems without service SIDs refuse it
     return true;
 }
 

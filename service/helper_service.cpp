@@ -70,10 +70,10 @@ void chelperservice::handleEmergencyStart(const emergency_start& start) {
 void chelperservice::listen() {
     // TODO(ipc): with mcl::ipc_peer merged this becomes the peer's accept loop:
     //   setup("\\\\.\\pipe\\" + name(), /*listening=*/true);
-    //   wait handles {stop_event(), connected_event()}; each pass new_listen_connection(base)
+    //   wait handles {service_stop_event(), connected_event()}; each pass new_listen_connection(base)
     //   and drop the reference; the connected event is reset and the loop goes on;
     //   after the loop, under connection_list_lock(), shutdown_locked().
-    HANDLE handles[] = {stop_event()};
+    HANDLE handles[] = {service_stop_event()};
     for (;;) {
         const DWORD r = WaitForMultipleObjects(1, handles, /*wait_all=*/FALSE, INFINITE);
         if (r == WAIT_FAILED) {
@@ -86,7 +86,7 @@ void chelperservice::listen() {
         }
         if (r == WAIT_OBJECT_0) break;
     }
-    ResetEvent(stop_event());
+    ResetEvent(service_stop_event());
 }
 
 void chelperservice::shutdown() {
@@ -97,7 +97,7 @@ void chelperservice::shutdown() {
     restoreProtectedRegKeys();
     restoreProtectedFolders();
     stopEnforcement();
-    if (stop_event() != nullptr) ResetEvent(stop_event());
+    if (service_stop_event() != nullptr) ResetEvent(service_stop_event());
     (void)instance_mutex_.release();
     instance_mutex_.close();
 }

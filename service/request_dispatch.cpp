@@ -54,7 +54,7 @@ void chelperservice::disconnect_client(mcl::ipc_connection*, mcl::binary_t&) {
 }
 
 void chelperservice::stop_service(mcl::ipc_connection*, mcl::binary_t&) {
-    if (stop_event() != nullptr) SetEvent(stop_event());
+    if (service_stop_event() != nullptr) SetEvent(service_stop_event());
 }
 
 void chelperservice::protocol_compatible(mcl::ipc_connection*, mcl::binary_t& payload) {

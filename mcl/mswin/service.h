@@ -102,15 +102,17 @@ public:
     // Sets the unrestricted service SID type.
     static bool set_sid_type(const char* name);
 
-    const std::string& name() const { return name_; }
+    // Named apart from the IPC peer's name() and the worker thread's stop_event(), which a
+    // class deriving from both also inherits.
+    const std::string& service_name() const { return name_; }
     bool installed() const { return installed_; }
     const binary_t& configuration() const { return configuration_; }
     bool debug() const { return debug_; }
     void set_debug(bool on) { debug_ = on; }
     bool can_stop() const { return can_stop_; }
     void set_can_stop(bool on) { can_stop_ = on; }
-    HANDLE stop_event() const { return stop_event_.get(); }
-    HANDLE stopped_event() const { return stopped_event_.get(); }
+    HANDLE service_stop_event() const { return stop_event_.get(); }
+    HANDLE service_stopped_event() const { return stopped_event_.get(); }
 
 protected:
     DWORD controls_accepted() const;

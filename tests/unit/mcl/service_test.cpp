@@ -1,8 +1,7 @@
 #include "mcl/mswin/service.h"
 
-#include <windows.h>
-
 #include <gtest/gtest.h>
+#include <windows.h>
 
 #include <string>
 #include <thread>
@@ -32,7 +31,9 @@ public:
     }
     registered_service(const registered_service&) = delete;
     registered_service& operator=(const registered_service&) = delete;
-    const char* name() const { return name_.c_str(); }
+    const char* name() const {
+        return name_.c_str();
+    }
 
 private:
     std::string name_;
@@ -41,7 +42,7 @@ private:
 
 // Waits until run_main has made the service's stopped event (it makes the stop event first).
 void wait_for_events(const service& svc) {
-    const std::string name = service::stopped_event_name(svc.name());
+    const std::string name = service::stopped_event_name(svc.service_name());
     for (int i = 0; i < 500; ++i) {
         HANDLE h = OpenEventA(SYNCHRONIZE, FALSE, name.c_str());
         if (h != nullptr) {
@@ -66,7 +67,8 @@ TEST(ServiceQueries, ConfigurationStateAndExistence) {
 
     const std::string n = reg.name();
     ASSERT_TRUE(service::query_config(std::wstring(n.begin(), n.end()).c_str(), config, &opened));
-    EXPECT_STREQ(L"C:\\nowhere\\svc.exe", reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data())->lpBinaryPathName);
+    EXPECT_STREQ(L"C:\\nowhere\\svc.exe",
+                 reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data())->lpBinaryPathName);
 
     EXPECT_TRUE(service::is_service_installed(reg.name()));
     EXPECT_TRUE(service::is_service_stopped(reg.name()));
@@ -132,13 +134,13 @@ TEST(ServiceControl, ConsoleRunAnswersStopControlsOnlyWhileItCanStop) {
 
     svc.set_can_stop(false);
     svc.control_handler(SERVICE_CONTROL_STOP);
-    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(svc.stopped_event(), 300))
+    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(svc.service_stopped_event(), 300))
         << "a stop control is ignored while the service cannot stop";
 
     svc.set_can_stop(true);
     svc.control_handler(SERVICE_CONTROL_STOP);  // returns once main has finished
     body.join();
-    EXPECT_FALSE(WaitForSingleObject(svc.stop_event(), 0) == WAIT_OBJECT_0) << "main reset the stop event";
+    EXPECT_FALSE(WaitForSingleObject(svc.service_stop_event(), 0) == WAIT_OBJECT_0) << "main reset the stop event";
 }
 
 TEST(ServiceControl, StopRequestReportsWhetherMainFinished) {
@@ -150,7 +152,7 @@ TEST(ServiceControl, StopRequestReportsWhetherMainFinished) {
     wait_for_events(svc);
     EXPECT_TRUE(svc.stop_request());
     body.join();
-    EXPECT_FALSE(WaitForSingleObject(svc.stopped_event(), 0) == WAIT_OBJECT_0) << "the request reset it";
+    EXPECT_FALSE(WaitForSingleObject(svc.service_stopped_event(), 0) == WAIT_OBJECT_0) << "the request reset it";
 }
 
 TEST(ServiceControl, EventLogInDebugModeOnlyWritesTheLogLine) {

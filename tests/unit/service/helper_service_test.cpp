@@ -107,7 +107,7 @@ TEST(ServiceCore, StopMessageEndsTheServiceWhichShutsDownCompletely) {
     EXPECT_NE(std::string::npos, text.find("] - Service Version: 3.0.45.1")) << text;
     EXPECT_EQ(std::string::npos, text.find("Emergency options")) << text;
     EXPECT_LT(text.find("Service Version"), text.find("service_enforce_thread stop")) << text;
-    EXPECT_TRUE(WaitForSingleObject(svc.stopped_event(), 0) == WAIT_OBJECT_0) << "the stopped event is set";
+    EXPECT_TRUE(WaitForSingleObject(svc.service_stopped_event(), 0) == WAIT_OBJECT_0) << "the stopped event is set";
     // The instance mutex is free again.
     HANDLE m = CreateMutexA(nullptr, FALSE, chelperservice::instance_mutex_name);
     EXPECT_NE(ERROR_ALREADY_EXISTS, GetLastError());
