@@ -202,6 +202,7 @@ int run_command_line(int argc, char** argv) {
         return 0;
     }
     if (iequals(option, "-c")) {
+        // A running service is success (-1); 0 would mean "run the service" to the caller.
         const int state = check_service_state(sub);
         return state == 0 ? -1 : state;
     }

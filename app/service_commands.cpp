@@ -2,33 +2,59 @@
 
 #include <windows.h>
 
-#include "app/log.h"
-#include "mcl/mswin/unique_handle.h"
+#include "mcl/mswin/service.h"
+#include "service/helper_service.h"
 
-using mcl::mswin::unique_sc_handle;
+using mcl::mswin::service;
 
-bool is_service_installed(const char* name) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
-    if (!manager) return false;
-    unique_sc_handle service(OpenServiceA(manager.get(), name, GENERIC_READ));
-    if (!service) return false;
-    DWORD needed = 0;
-    if (QueryServiceConfigA(service.get(), nullptr, 0, &needed)) return true;
-    return GetLastError() == ERROR_INSUFFICIENT_BUFFER;
-}
-
-// The service wrapper is not part of this build yet; every request that needs it fails
-// visibly, with a log line naming what is missing.
 namespace {
-bool not_available(const char* function) {
-    NV_LOG(function, "the service wrapper is not available in this build");
-    return false;
+
+BOOL WINAPI console_control(DWORD event) {
+    switch (event) {
+    case CTRL_C_EVENT:
+    case CTRL_BREAK_EVENT:
+        if (mcl::mswin::g_service != nullptr) (void)mcl::mswin::g_service->stop_request();
+        return TRUE;
+    default:
+        return FALSE;  // close, log-off and shut-down get the system's handling
+    }
 }
+
 }  // namespace
 
-bool install_service(const std::string&) { return not_available("install_service"); }
-bool uninstall_service() { return not_available("uninstall_service"); }
-bool start_service(const char*) { return not_available("start_service"); }
-bool stop_service(const char*, bool, unsigned) { return not_available("stop_service"); }
-bool run_service() { return not_available("run_service"); }
-bool run_service_in_console() { return not_available("run_service_in_console"); }
+bool is_service_installed(const char* name) { return service::is_service_installed(name); }
+
+bool install_service(const std::string& command_line) {
+    SC_ACTION restart{SC_ACTION_RESTART, /*delay_ms=*/5000};
+    SERVICE_FAILURE_ACTIONSA actions{};
+    actions.dwResetPeriod = INFINITE;
+    actions.lpRebootMsg = nullptr;
+    actions.lpCommand = nullptr;
+    actions.cActions = 1;
+    actions.lpsaActions = &restart;
+    chelperservice& svc = chelperservice::instance();
+    if (!svc.install(command_line.c_str(), &actions) || !service::is_service_installed(svc.service_name().c_str()))
+        return false;
+    (void)service::set_sid_type(svc.service_name().c_str());  // systems without service SIDs refuse it
+    return true;
+}
+
+bool uninstall_service() { return chelperservice::instance().uninstall(); }
+
+bool start_service(const char* name) { return service::start(name); }
+
+bool stop_service(const char* name, bool event_fallback, unsigned seconds) {
+    return service::stop(name, event_fallback, seconds);
+}
+
+bool run_service() { return chelperservice::instance().run(); }
+
+bool run_service_in_console() {
+    chelperservice& svc = chelperservice::instance();
+    mcl::mswin::g_service = &svc;
+    SetConsoleCtrlHandler(&console_control, TRUE);
+    svc.set_debug(true);
+    svc.run_main();
+    svc.set_debug(false);
+    return true;
+}

@@ -1,0 +1,132 @@
+// Registry values, enumeration and removal.
+#include "mcl/mswin/reg.h"
+
+#include "app/log.h"
+#include "mcl/mswin/unique_handle.h"
+
+namespace mcl::mswin::reg {
+
+namespace {
+
+// RegEnumKeyA / RegEnumValueA over every index with a 256-byte name buffer.
+template <typename Enumerate>
+bool collect_names(HKEY root, const std::string& key, std::vector<std::string>& names, Enumerate enumerate) {
+    unique_reg_key handle;
+    if (RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put()) != ERROR_SUCCESS) return false;
+    const size_t before = names.size();
+    for (DWORD index = 0;; ++index) {
+        char name[256] = {};
+        const LONG rc = enumerate(handle.get(), index, name, static_cast<DWORD>(sizeof(name)));
+        if (rc == ERROR_NO_MORE_ITEMS) break;
+        if (rc == ERROR_SUCCESS) names.emplace_back(name);
+        // Any other outcome (a name too long for the buffer) skips this index.
+    }
+    return names.size() > before;
+}
+
+}  // namespace
+
+bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names) {
+    return collect_names(root, key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
+        return RegEnumKeyA(h, index, name, size);
+    });
+}
+
+bool list_values(const std::string& key, std::vector<std::string>& names) {
+    return collect_names(HKEY_LOCAL_MACHINE, key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
+        return RegEnumValueA(h, index, name, &size, nullptr, nullptr, nullptr, nullptr);
+    });
+}
+
+bool read_value(const std::string& key, const char* name, binary_t& data) {
+    unique_reg_key handle;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.put()) != ERROR_SUCCESS) return false;
+    binary_t bytes;
+    DWORD size = 512;
+    bytes.write_at(0, nullptr, size);
+    LONG rc = RegQueryValueExA(handle.get(), name, nullptr, nullptr, bytes.data(), &size);
+    if (rc == ERROR_MORE_DATA) {
+        bytes.clear();
+        bytes.write_at(0, nullptr, size);
+        if (bytes.size() != size) return false;
+        rc = RegQueryValueExA(handle.get(), name, nullptr, nullptr, bytes.data(), &size);
+    }
+    if (rc != ERROR_SUCCESS) return false;
+    data.assign(bytes.data(), size);
+    return true;
+}
+
+bool read_dword(const std::string& key, const char* name, uint32_t& value) {
+    binary_t data;
+    if (!read_value(key, name, data) || data.size() < 4) return false;
+    memcpy(&value, data.data(), 4);
+    return true;
+}
+
+bool read_string_list(const std::string& key, const char* name, std::vector<std::string>& values) {
+    binary_t data;
+    if (!read_value(key, name, data)) return false;
+    const char* p = reinterpret_cast<const char*>(data.data());
+    const char* end = p + data.size();
+    while (p < end) {
+        const char* zero = static_cast<const char*>(memchr(p, 0, static_cast<size_t>(end - p)));
+        const char* stop = zero != nullptr ? zero : end;
+        if (stop != p) values.emplace_back(p, stop);
+        p = stop + 1;
+    }
+    return true;
+}
+
+bool write_value(const std::string& key, const char* name, const void* data, DWORD size, DWORD type) {
+    unique_reg_key handle;
+    if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
+                        nullptr, handle.put(), nullptr) != ERROR_SUCCESS)
+        return false;
+    return RegSetValueExA(handle.get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
+}
+
+bool write_dword(const std::string& key, const char* name, uint32_t value) {
+    return write_value(key, name, &value, 4, REG_DWORD);
+}
+
+bool write_string(const std::string& key, const char* name, const std::string& value) {
+    return write_value(key, name, value.c_str(), static_cast<DWORD>(value.size() + 1), REG_SZ);
+}
+
+bool write_string_list(const std::string& key, const char* name, const std::vector<std::string>& values) {
+    std::string joined;
+    for (const std::string& v : values) joined.append(v.c_str(), v.size() + 1);
+    joined.push_back('\0');
+    return write_value(key, name, joined.data(), static_cast<DWORD>(joined.size()), REG_MULTI_SZ);
+}
+
+bool remove(HKEY root, const std::string& key, const char* value_name) {
+    if (value_name != nullptr) {
+        unique_reg_key handle;
+        LONG rc = RegOpenKeyExA(root, key.c_str(), 0, KEY_SET_VALUE, handle.put());
+        if (rc != ERROR_SUCCESS) {
+            NV_LOG("mcl::mswin::reg::remove", "Failed to open reg key <%s> to remove: %d", key.c_str(),
+                   static_cast<int>(rc));
+            return false;
+        }
+        rc = RegDeleteValueA(handle.get(), value_name);
+        if (rc != ERROR_SUCCESS) {
+            NV_LOG("mcl::mswin::reg::remove", "Failed to remove reg value <%s:%s>: %d", key.c_str(), value_name,
+                   static_cast<int>(rc));
+            return false;
+        }
+        return true;
+    }
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys)
+        if (!remove(root, key + "\\" + sub, nullptr)) return false;
+    const LONG rc = RegDeleteKeyA(root, key.c_str());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG("mcl::mswin::reg::remove", "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace mcl::mswin::reg

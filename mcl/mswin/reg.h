@@ -1,0 +1,61 @@
+// Registry and key-security helpers: the one place where the service touches the registry.
+//
+// Free functions without state, safe on any thread. Names and paths are narrow (ANSI) strings.
+// Functions without a root argument work under HKEY_LOCAL_MACHINE. Failures are a false (or
+// empty) result and, where the caller cannot tell a normal absence from a fault, one log line.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "mcl/buffer.h"
+
+namespace mcl::mswin::reg {
+
+// Subkey names of root\key (names over 255 characters are skipped). True when any was found.
+bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names);
+// Value names of HKLM\key. True when any was found.
+bool list_values(const std::string& key, std::vector<std::string>& names);
+
+// The data of HKLM\key\name, whatever its type and size. `data` is untouched on failure.
+bool read_value(const std::string& key, const char* name, binary_t& data);
+// The first four bytes of the value.
+bool read_dword(const std::string& key, const char* name, uint32_t& value);
+// The non-empty strings of a REG_MULTI_SZ value, appended to `values`.
+bool read_string_list(const std::string& key, const char* name, std::vector<std::string>& values);
+
+// Creates HKLM\key when missing and writes the value.
+bool write_value(const std::string& key, const char* name, const void* data, DWORD size, DWORD type);
+bool write_dword(const std::string& key, const char* name, uint32_t value);
+bool write_string(const std::string& key, const char* name, const std::string& value);
+bool write_string_list(const std::string& key, const char* name, const std::vector<std::string>& values);
+
+// With a value name: deletes that value. Without (null): deletes the key and its whole subtree,
+// deepest first, stopping at the first key that cannot be deleted.
+bool remove(HKEY root, const std::string& key, const char* value_name);
+
+// The key's DACL. *descriptor is LocalAlloc'd (the caller frees it with LocalFree); *dacl points
+// into it and may be null for a key with a null DACL.
+bool get_key_dacl_security(HKEY root, const std::string& key, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
+// Writes `dacl` to every key of the subtree, deepest first. With `protect`, the DACL is marked
+// protected so nothing is inherited. The result is that of the key itself.
+bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool protect);
+// The same with the DACL of an SDDL text.
+bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sddl);
+// The kernel path of the key (\REGISTRY\MACHINE\...), or empty.
+std::wstring get_full_path(HKEY root, const std::string& key);
+
+// Enables or disables one privilege of `token`. False when the token does not hold it.
+bool set_privilege(HANDLE token, const char* privilege, bool enable);
+// Makes the token's user the owner of the key (with the take-ownership and restore privileges,
+// which are disabled again afterwards).
+bool take_ownership(HANDLE token, HKEY root, const std::string& key);
+// Replaces the key's DACL with one granting KEY_ALL_ACCESS to the token's user only.
+bool reset_full_access(HANDLE token, HKEY root, const std::string& key);
+// Deletes the key and its subtree, taking ownership and full access of keys that refuse.
+bool force_remove(HKEY root, const std::string& key);
+
+}  // namespace mcl::mswin::reg

@@ -1,0 +1,301 @@
+// Key security: DACLs, ownership, forced removal and the kernel path of a key.
+#include <windows.h>
+
+#include <sddl.h>
+
+#include <vector>
+
+#include "app/log.h"
+#include "mcl/mswin/reg.h"
+#include "mcl/mswin/unique_handle.h"
+
+namespace mcl::mswin::reg {
+
+namespace {
+
+// NtQueryKey's KEY_INFORMATION_CLASS value for KeyNameInformation.
+constexpr int key_name_information = 3;
+constexpr LONG status_buffer_too_small = static_cast<LONG>(0xC0000023);
+using nt_query_key_fn = LONG(WINAPI*)(HANDLE key, int info_class, void* info, ULONG length, ULONG* result_length);
+
+void apply_to_subkeys(HKEY root, const std::string& key, PACL dacl, bool protect) {
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys) (void)set_key_dacl_security(root, key + "\\" + sub, dacl, protect);
+}
+
+void apply_sddl_to_subkeys(HKEY root, const std::string& key, const char* sddl) {
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys) (void)set_key_sddl_security_str(root, key + "\\" + sub, sddl);
+}
+
+// The token's user (TOKEN_USER in a heap block), or an empty block.
+std::vector<BYTE> token_user(HANDLE token) {
+    DWORD size = 0;
+    GetTokenInformation(token, TokenUser, nullptr, 0, &size);
+    std::vector<BYTE> user(size);
+    if (size == 0 || !GetTokenInformation(token, TokenUser, user.data(), size, &size)) user.clear();
+    return user;
+}
+
+bool force_remove_subkeys(HKEY root, const std::string& key) {
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys)
+        if (!force_remove(root, key + "\\" + sub)) return false;
+    return true;
+}
+
+}  // namespace
+
+bool get_key_dacl_security(HKEY root, const std::string& key, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
+    constexpr const char* fn = "mcl::mswin::reg::get_key_dacl_security";
+    if (dacl == nullptr || descriptor == nullptr) return false;
+    *dacl = nullptr;
+    *descriptor = nullptr;
+    unique_reg_key handle;
+    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    DWORD size = 0;
+    rc = RegGetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, nullptr, &size);
+    if (rc != ERROR_INSUFFICIENT_BUFFER) {
+        NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    unique_local sd(LocalAlloc(LPTR, size));
+    if (!sd) {
+        NV_LOG(fn, "Failed allocate memory for servurity descriptor");
+        return false;
+    }
+    rc = RegGetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd.get(), &size);
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    BOOL present = FALSE;
+    BOOL defaulted = FALSE;
+    if (!GetSecurityDescriptorDacl(sd.get(), &present, dacl, &defaulted)) {
+        NV_LOG(fn, "Failed get dacl info from security descriptor, error: 0x%X", static_cast<unsigned>(GetLastError()));
+        *dacl = nullptr;
+        return false;
+    }
+    *descriptor = sd.release();
+    return true;
+}
+
+bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool protect) {
+    constexpr const char* fn = "mcl::mswin::reg::set_key_dacl_security";
+    if (dacl == nullptr) {
+        NV_LOG(fn, "Invalid PACL pointer");
+        return false;
+    }
+    apply_to_subkeys(root, key, dacl, protect);
+    unique_reg_key handle;
+    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_DAC, handle.put());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    SECURITY_DESCRIPTOR sd{};
+    if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
+        NV_LOG(fn, "Failed init security descriptor, error: 0x%X", static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    if (!SetSecurityDescriptorDacl(&sd, TRUE, dacl, FALSE)) {
+        NV_LOG(fn, "Failed to set DACL to security descriptor, error: 0x%X", static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    constexpr SECURITY_DESCRIPTOR_CONTROL protect_bits = 0x1500;  // protected, auto-inherited, inherit required
+    if (protect && !SetSecurityDescriptorControl(&sd, protect_bits, protect_bits)) {
+        NV_LOG(fn, "Failed set DACL protected flag to security descriptor, error: 0x%X",
+               static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, &sd);
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    return true;
+}
+
+bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sddl) {
+    constexpr const char* fn = "mcl::mswin::reg::set_key_sddl_security_str";
+    if (sddl == nullptr) {
+        NV_LOG(fn, "Invalid SDDL string");
+        return false;
+    }
+    apply_sddl_to_subkeys(root, key, sddl);
+    unique_reg_key handle;
+    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_DAC, handle.put());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    unique_local sd;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr)) {
+        NV_LOG(fn, "Failed to convert SDDL string {%s} to security descriptior, error: 0x%X", sddl,
+               static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd.get());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    return true;
+}
+
+std::wstring get_full_path(HKEY root, const std::string& key) {
+    unique_reg_key handle;
+    const LONG rc = RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG("mcl::mswin::reg::get_full_path", "Failed to open key [%s], error: 0x%X", key.c_str(),
+               static_cast<unsigned>(rc));
+        return std::wstring();
+    }
+    HMODULE ntdll = LoadLibraryW(L"ntdll.dll");
+    if (ntdll == nullptr) return std::wstring();
+    std::wstring path;
+    auto query = reinterpret_cast<nt_query_key_fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtQueryKey")));
+    ULONG length = 0;
+    if (query != nullptr &&
+        query(handle.get(), key_name_information, nullptr, 0, &length) == status_buffer_too_small) {
+        std::vector<BYTE> info(((length + 2) & ~1UL) + sizeof(wchar_t));
+        if (query(handle.get(), key_name_information, info.data(), length, &length) == 0 && length >= 4) {
+            ULONG name_bytes = 0;
+            memcpy(&name_bytes, info.data(), 4);
+            if (name_bytes <= length - 4)
+                path.assign(reinterpret_cast<const wchar_t*>(info.data() + 4), name_bytes / sizeof(wchar_t));
+        }
+    }
+    FreeLibrary(ntdll);
+    return path;
+}
+
+bool set_privilege(HANDLE token, const char* privilege, bool enable) {
+    constexpr const char* fn = "mcl::mswin::reg::set_privilege";
+    LUID luid{};
+    if (!LookupPrivilegeValueA(nullptr, privilege, &luid)) {
+        NV_LOG(fn, "LookupPrivilegeValue error: %u\n", static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    TOKEN_PRIVILEGES tp{};
+    tp.PrivilegeCount = 1;
+    tp.Privileges[0].Luid = luid;
+    tp.Privileges[0].Attributes = enable ? SE_PRIVILEGE_ENABLED : 0;
+    if (!AdjustTokenPrivileges(token, FALSE, &tp, sizeof(tp), nullptr, nullptr)) {
+        NV_LOG(fn, "AdjustTokenPrivileges error: %u\n", static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    if (GetLastError() == ERROR_NOT_ALL_ASSIGNED) {
+        NV_LOG(fn, "The token does not have the specified privilege. \n");
+        return false;
+    }
+    return true;
+}
+
+bool take_ownership(HANDLE token, HKEY root, const std::string& key) {
+    constexpr const char* fn = "mcl::mswin::reg::take_ownership";
+    if (!set_privilege(token, SE_TAKE_OWNERSHIP_NAME, true)) {
+        NV_LOG(fn, "reg error: Could not set SE_TAKE_OWNERSHIP_NAME - %d", static_cast<int>(GetLastError()));
+        return false;
+    }
+    bool ok = false;
+    if (!set_privilege(token, SE_RESTORE_NAME, true)) {
+        NV_LOG(fn, "reg error: Could not set SE_RESTORE_NAME - %d", static_cast<int>(GetLastError()));
+    } else {
+        const std::vector<BYTE> user = token_user(token);
+        SECURITY_DESCRIPTOR sd{};
+        unique_reg_key handle;
+        LONG rc = ERROR_SUCCESS;
+        if (user.empty()) {
+            NV_LOG(fn, "reg error: Error allocating ptiUser");
+        } else if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
+            NV_LOG(fn, "reg error: Error initializing SD - %d", static_cast<int>(GetLastError()));
+        } else if (!SetSecurityDescriptorOwner(&sd, reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid,
+                                               FALSE)) {
+            NV_LOG(fn, "reg error: Error setting SD owner - %d", static_cast<int>(GetLastError()));
+        } else if ((rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_OWNER, handle.put())) != ERROR_SUCCESS) {
+            NV_LOG(fn, "reg error: Error opening key <%s> to set ownership - %d", key.c_str(), static_cast<int>(rc));
+        } else if ((rc = RegSetKeySecurity(handle.get(), OWNER_SECURITY_INFORMATION, &sd)) != ERROR_SUCCESS) {
+            NV_LOG(fn, "reg error: Could not set key <%s> ownership - %d", key.c_str(), static_cast<int>(rc));
+        } else {
+            ok = true;
+        }
+        if (!set_privilege(token, SE_RESTORE_NAME, false))
+            NV_LOG(fn, "reg error: Failed to reset SE_RESTORE_NAME - %d", static_cast<int>(GetLastError()));
+    }
+    if (!set_privilege(token, SE_TAKE_OWNERSHIP_NAME, false))
+        NV_LOG(fn, "reg error: Failed to reset SE_TAKE_OWNERSHIP_NAME - %d", static_cast<int>(GetLastError()));
+    return ok;
+}
+
+bool reset_full_access(HANDLE token, HKEY root, const std::string& key) {
+    constexpr const char* fn = "mcl::mswin::reg::reset_full_access";
+    const std::vector<BYTE> user = token_user(token);
+    PSID sid = user.empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
+    const DWORD size = sid == nullptr ? 0 : sizeof(ACL) + sizeof(ACCESS_ALLOWED_ACE) + GetLengthSid(sid);
+    unique_local acl(size == 0 ? nullptr : LocalAlloc(LPTR, size));
+    if (!acl) {
+        NV_LOG(fn, "reg error: Error allocating pDACL");
+        return false;
+    }
+    auto* dacl = static_cast<PACL>(acl.get());
+    if (!InitializeAcl(dacl, size, ACL_REVISION)) {
+        NV_LOG(fn, "reg error: Error initializing ACL - %d", static_cast<int>(GetLastError()));
+        return false;
+    }
+    if (!AddAccessAllowedAce(dacl, ACL_REVISION, KEY_ALL_ACCESS, sid)) {
+        NV_LOG(fn, "reg error: Error adding ACE - %d", static_cast<int>(GetLastError()));
+        return false;
+    }
+    unique_reg_key handle;
+    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_DAC, handle.put());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "reg error: Error opening key <%s> to set DACL - %d", key.c_str(), static_cast<int>(rc));
+        return false;
+    }
+    SECURITY_DESCRIPTOR sd{};
+    if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
+        NV_LOG(fn, "reg error: Error initializing SD - %d", static_cast<int>(GetLastError()));
+        return false;
+    }
+    if (!SetSecurityDescriptorDacl(&sd, TRUE, dacl, FALSE)) {
+        NV_LOG(fn, "reg error: Error setting SD DACL - %d", static_cast<int>(GetLastError()));
+        return false;
+    }
+    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, &sd);
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "reg error: Could not set key <%s> DACL - %d", key.c_str(), static_cast<int>(rc));
+        return false;
+    }
+    return true;
+}
+
+bool force_remove(HKEY root, const std::string& key) {
+    constexpr const char* fn = "mcl::mswin::reg::force_remove";
+    unique_kernel_handle token;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, token.put())) {
+        NV_LOG(fn, "reg error: Failed to get the current process token - %d", static_cast<int>(GetLastError()));
+        return false;
+    }
+    if (!force_remove_subkeys(root, key)) return false;
+    LONG rc = RegDeleteKeyA(root, key.c_str());
+    // A key whose DACL denies us may also have hidden its subkeys: once it is ours again, they
+    // are listed and removed before the last attempt.
+    if (rc != ERROR_SUCCESS && take_ownership(token.get(), root, key) &&
+        reset_full_access(token.get(), root, key) && force_remove_subkeys(root, key))
+        rc = RegDeleteKeyA(root, key.c_str());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));
+        return false;
+    }
+    return true;
+}
+
+}  // namespace mcl::mswin::reg

@@ -1,0 +1,147 @@
+// Starting, stopping and querying services by name.
+#include <cstddef>
+
+#include "app/log.h"
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/unique_handle.h"
+
+namespace mcl::mswin {
+
+namespace {
+
+constexpr DWORD manager_read_access =
+    GENERIC_READ | SC_MANAGER_CONNECT | SC_MANAGER_ENUMERATE_SERVICE | SC_MANAGER_LOCK | SC_MANAGER_QUERY_LOCK_STATUS;
+
+// Re-points a string field of a configuration record copied from `from` into `to`.
+template <typename Char>
+void repoint(Char*& field, const unsigned char* from, unsigned char* to, size_t size) {
+    const auto* p = reinterpret_cast<const unsigned char*>(field);
+    if (p >= from && p < from + size) field = reinterpret_cast<Char*>(to + (p - from));
+}
+
+template <typename Record, typename Char, typename Open, typename Query>
+bool query_config_impl(const Char* name, binary_t& config, bool* opened, Open open_service, Query query) {
+    if (opened != nullptr) *opened = false;
+    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
+    if (!manager) return false;
+    unique_sc_handle svc(open_service(manager.get(), name, GENERIC_READ));
+    if (!svc) return false;
+    if (opened != nullptr) *opened = true;
+
+    DWORD needed = 0;
+    if (query(svc.get(), nullptr, 0, &needed) || GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
+    unique_local raw(LocalAlloc(LPTR, needed));
+    if (!raw) return false;
+    if (!query(svc.get(), static_cast<Record*>(raw.get()), needed, &needed)) return false;
+
+    config.assign(static_cast<const unsigned char*>(raw.get()), needed);
+    if (config.size() != needed) return false;
+    auto* record = reinterpret_cast<Record*>(config.data());
+    const auto* from = static_cast<const unsigned char*>(raw.get());
+    repoint(record->lpBinaryPathName, from, config.data(), needed);
+    repoint(record->lpLoadOrderGroup, from, config.data(), needed);
+    repoint(record->lpDependencies, from, config.data(), needed);
+    repoint(record->lpServiceStartName, from, config.data(), needed);
+    repoint(record->lpDisplayName, from, config.data(), needed);
+    return true;
+}
+
+}  // namespace
+
+bool service::query_config(const char* name, binary_t& config, bool* opened) {
+    return query_config_impl<QUERY_SERVICE_CONFIGA>(name, config, opened, &OpenServiceA, &QueryServiceConfigA);
+}
+
+bool service::query_config(const wchar_t* name, binary_t& config, bool* opened) {
+    return query_config_impl<QUERY_SERVICE_CONFIGW>(name, config, opened, &OpenServiceW, &QueryServiceConfigW);
+}
+
+bool service::query_status_ex(const char* name, SERVICE_STATUS_PROCESS& status) {
+    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
+    if (!manager) return false;
+    unique_sc_handle svc(OpenServiceA(manager.get(), name, SERVICE_QUERY_STATUS));
+    if (!svc) return false;
+    DWORD needed = 0;
+    return QueryServiceStatusEx(svc.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
+                                &needed) != FALSE;
+}
+
+bool service::query_state(const char* name, DWORD& state) {
+    SERVICE_STATUS_PROCESS status{};
+    if (!query_status_ex(name, status)) return false;
+    state = status.dwCurrentState;
+    return true;
+}
+
+bool service::is_service_installed(const char* name) {
+    binary_t config;
+    return query_config(name, config);
+}
+
+bool service::is_service_stopped(const char* name) {
+    DWORD state = 0;
+    return query_state(name, state) && (state == SERVICE_STOPPED || state == SERVICE_STOP_PENDING);
+}
+
+bool service::start(const char* name, DWORD argc, const char** argv) {
+    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, manager_read_access));
+    if (!manager) return false;
+    unique_sc_handle svc(OpenServiceA(manager.get(), name, SERVICE_START | SERVICE_QUERY_STATUS));
+    if (!svc) {
+        NV_LOG("mcl::mswin::service::start", "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    if (!StartServiceA(svc.get(), argc, argv)) {
+        NV_LOG("mcl::mswin::service::start", "StartService failed (%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    SERVICE_STATUS status{};
+    status.dwCurrentState = SERVICE_START_PENDING;
+    do {
+        Sleep(1000);
+    } while (QueryServiceStatus(svc.get(), &status) && status.dwCurrentState == SERVICE_START_PENDING);
+    if (status.dwCurrentState != SERVICE_RUNNING) {
+        NV_LOG("mcl::mswin::service::start", "Service is in a wrong state (%d)\n",
+               static_cast<int>(status.dwCurrentState));
+        return false;
+    }
+    return true;
+}
+
+bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
+    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, manager_read_access));
+    if (!manager) {
+        if (event_fallback) signal_stop_event(name);
+        return false;
+    }
+    unique_sc_handle svc(OpenServiceA(manager.get(), name, SERVICE_STOP | SERVICE_QUERY_STATUS));
+    if (!svc)
+        NV_LOG("mcl::mswin::service::stop", "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
+
+    SERVICE_STATUS status{};
+    if (svc && ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
+        for (uint32_t step = 0; step < seconds; ++step) {
+            if (!QueryServiceStatus(svc.get(), &status)) break;
+            if (status.dwCurrentState != SERVICE_STOP_PENDING) {
+                const bool stopped = status.dwCurrentState == SERVICE_STOPPED;
+                if (stopped || !event_fallback) return stopped;
+                signal_stop_event(name);
+                return false;
+            }
+            Sleep(1000);
+        }
+    } else if (svc) {
+        (void)QueryServiceStatus(svc.get(), &status);
+    }
+    const bool stopped = status.dwCurrentState == SERVICE_STOPPED;
+    if (!stopped && event_fallback) signal_stop_event(name);
+    return stopped;
+}
+
+void service::signal_stop_event(const char* name) {
+    event stop;
+    (void)stop.create(stop_event_name(name).c_str());
+    stop.set();
+}
+
+}  // namespace mcl::mswin

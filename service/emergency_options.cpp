@@ -1,0 +1,73 @@
+#include "service/emergency_options.h"
+
+#include <windows.h>
+
+#include <cstring>
+
+#include "mcl/buffer.h"
+#include "mcl/mswin/reg.h"
+
+namespace {
+
+namespace reg = mcl::mswin::reg;
+
+// Reads the value and deletes it. False when it is not there.
+bool take_value(const std::string& key, const char* name, mcl::binary_t& data) {
+    if (!reg::read_value(key, name, data)) return false;
+    (void)reg::remove(HKEY_LOCAL_MACHINE, key, name);
+    return true;
+}
+
+bool take_string(const std::string& key, const char* name, std::string& value) {
+    mcl::binary_t data;
+    if (!take_value(key, name, data)) return false;
+    const char* text = reinterpret_cast<const char*>(data.data());
+    const void* zero = memchr(text, 0, data.size());
+    value.assign(text, zero != nullptr ? static_cast<const char*>(zero) - text : data.size());
+    return true;
+}
+
+// The first four bytes of the data (zero-padded when shorter).
+bool take_dword(const std::string& key, const char* name, uint32_t& value) {
+    mcl::binary_t data;
+    if (!take_value(key, name, data)) return false;
+    value = 0;
+    memcpy(&value, data.data(), data.size() < 4 ? data.size() : 4);
+    return true;
+}
+
+std::wstring widen(const std::string& s) {
+    const int n = MultiByteToWideChar(CP_ACP, 0, s.c_str(), -1, nullptr, 0);
+    if (n <= 1) return std::wstring();
+    std::wstring w(static_cast<size_t>(n), L'\0');
+    MultiByteToWideChar(CP_ACP, 0, s.c_str(), -1, &w[0], n);
+    w.resize(static_cast<size_t>(n) - 1);
+    return w;
+}
+
+}  // namespace
+
+emergency_start consume_emergency_options(const std::string& key, const emergency_actions& actions) {
+    emergency_start start;
+    std::string text;
+    if (take_string(key, "code", text) && !(actions.check_code && actions.check_code(text))) return start;
+
+    uint32_t number = 0;
+    if (take_dword(key, "uninstallService", number)) {
+        start.emergency = true;
+        start.uninstall = number != 0;
+    }
+    if (take_dword(key, "disableProtection", number)) {
+        start.emergency = true;
+        start.disable = number != 0;
+    }
+    if (take_string(key, "serv", text)) {
+        if (actions.unprotect_service) actions.unprotect_service(text);
+        start.emergency = true;
+    }
+    if (take_string(key, "fold", text)) {
+        if (actions.restore_folder) actions.restore_folder(widen(text));
+        start.emergency = true;
+    }
+    return start;
+}

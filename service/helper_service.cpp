@@ -1,0 +1,103 @@
+#include "service/helper_service.h"
+
+#include "app/log.h"
+#include "mcl/error_text.h"
+#include "service/recovery_code.h"
+
+namespace {
+
+bool is_windows8_or_later() {
+    OSVERSIONINFOEXW want{};
+    want.dwOSVersionInfoSize = sizeof(want);
+    want.dwMajorVersion = 6;
+    want.dwMinorVersion = 2;
+    DWORDLONG mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
+    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
+    return VerifyVersionInfoW(&want, VER_MAJORVERSION | VER_MINORVERSION, mask) != FALSE;
+}
+
+}  // namespace
+
+chelperservice::chelperservice() : handler_(this) {}
+
+void chelperservice::setProtectionEnabled(bool on) {
+    service_protection_enabled_ = on;
+    process_protection_enabled_ = on;
+    regkey_protection_enabled_ = on;
+}
+
+void chelperservice::main(int, char**) {
+    // Another instance holds the name (or it may not be opened): only the shutdown runs.
+    if (instance_mutex_.create(instance_mutex_name, /*inherit=*/nullptr) != -2) {
+        NV_LOG("chelperservice::main", "Service Version: %s", service_version);
+
+        emergency_actions actions;
+        actions.check_code = [](const std::string& code) { return nv::check_recovery_code(code); };
+        actions.unprotect_service = [this](const std::string& name) { unprotectServiceByName(name); };
+        actions.restore_folder = [this](const std::wstring& path) { restoreFolder(path); };
+        const emergency_start start = consume_emergency_options(k_emergency_key, actions);
+
+        startDriver();
+        logDriverVersion();
+        startEnforcement();
+        if (!is_windows8_or_later()) skipFirstServiceManagerOpen();
+        enableDriverFeatures(/*on=*/!start.emergency);
+        enableIrpNotifications(/*on=*/true);
+        protectSelf(/*on=*/!start.emergency);
+        loadPersistedRules();
+
+        if (start.emergency) {
+            handleEmergencyStart(start);
+        } else {
+            listen();
+        }
+    }
+    shutdown();
+}
+
+void chelperservice::handleEmergencyStart(const emergency_start& start) {
+    if (start.disable || start.uninstall) {
+        NV_LOG("chelperservice::main", "Emergency option - protection has been disabled.\n");
+        setProtectionEnabled(false);
+        if (start.uninstall) {
+            NV_LOG("chelperservice::main", "Emergency option - service has been uninstalled.\n");
+            (void)uninstall();
+        }
+    }
+    NV_LOG("chelperservice::main", "Emergency options have been handled, exit the service.\n");
+}
+
+void chelperservice::listen() {
+    // TODO(ipc): with mcl::ipc_peer merged this becomes the peer's accept loop:
+    //   setup("\\\\.\\pipe\\" + name(), /*listening=*/true);
+    //   wait handles {service_stop_event(), connected_event()}; each pass new_listen_connection(base)
+    //   and drop the reference; the connected event is reset and the loop goes on;
+    //   after the loop, under connection_list_lock(), shutdown_locked().
+    HANDLE handles[] = {service_stop_event()};
+    for (;;) {
+        const DWORD r = WaitForMultipleObjects(1, handles, /*wait_all=*/FALSE, INFINITE);
+        if (r == WAIT_FAILED) {
+            const DWORD err = GetLastError();
+            NV_LOG("chelperservice::listen",
+                   "Failed to WaitForMultipleObjects when listening incoming ipc connections , error: [%d:%s]",
+                   static_cast<int>(err), mcl::error_text(err).c_str());
+            if (handles[0] == nullptr) return;  // no stop event: nothing could ever end the loop
+            continue;
+        }
+        if (r == WAIT_OBJECT_0) break;
+    }
+    ResetEvent(service_stop_event());
+}
+
+void chelperservice::shutdown() {
+    enableIrpNotifications(/*on=*/false);
+    stopIrpReceiver();
+    enableDriverFeatures(/*on=*/false);
+    unprotectOwnRegKeys();
+    restoreProtectedRegKeys();
+    restoreProtectedFolders();
+    stopEnforcement();
+    if (service_stop_event() != nullptr) ResetEvent(service_stop_event());
+    (void)instance_mutex_.release();
+    instance_mutex_.close();
+}

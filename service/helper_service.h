@@ -1,0 +1,97 @@
+// The protection service: one object per process that runs the whole service life in main().
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+
+#include "mcl/buffer.h"
+#include "mcl/mswin/service.h"
+#include "mcl/mutex.h"
+#include "mcl/singleton.h"
+#include "service/emergency_options.h"
+
+namespace mcl {
+class ipc_connection;
+}
+
+// TODO(ipc): derive from mcl::ipc_peer as well (after mcl::mswin::service, before the
+// singleton) once the IPC peer is merged; listen() then becomes its override (see listen()).
+class chelperservice : public mcl::mswin::service, public mcl::singleton_ptr<chelperservice> {
+public:
+    static constexpr const char* service_version = "3.0.45.1";
+    static constexpr uint32_t ipc_protocol_version = 5;
+    static constexpr uint32_t packed_service_version = 196653;  // 3.0.45: major << 16 | minor << 8 | patch
+    static constexpr const char* instance_mutex_name = "Global\\NORVALE_ClientHelper_Service_Running";
+    static constexpr const char* default_folder_sddl =
+        "D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;"
+        "SDGXGWGR;;;AU)";
+
+    // The request dispatcher. The IPC peer calls it on its event thread, one message at a time.
+    // TODO(ipc): derive from mcl::ipc_msg_handler once the IPC peer is merged; operator()
+    // already has its signature.
+    class helper_msg_handler {
+    public:
+        explicit helper_msg_handler(chelperservice* owner) : owner_(owner) {}
+        virtual ~helper_msg_handler() = default;
+        // Handles one message; `payload` holds the request and, on return, the reply (left as it
+        // was by operations that write none). 0 for a null connection, else 1.
+        virtual int operator()(mcl::ipc_connection* conn, uint32_t msg_id, mcl::binary_t& payload);
+
+    private:
+        chelperservice* owner_;
+    };
+
+    // The whole service life: single instance, emergency options, start-up, listening until the
+    // stop event, shutdown. Runs on the service thread (or the console's main thread).
+    void main(int argc, char** argv) override;
+    // Serves clients until the stop event is set, then resets it. Service thread.
+    void listen();
+    // Switches service, process/folder and registry protection on or off.
+    void setProtectionEnabled(bool on);
+
+    helper_msg_handler& msg_handler() { return handler_; }
+    bool protection_enabled() const {
+        return service_protection_enabled_ && process_protection_enabled_ && regkey_protection_enabled_;
+    }
+
+    // Request handlers, called through the dispatcher's table on the IPC event thread. Each reads
+    // its request from `payload` and overwrites it with its reply (or leaves it as it was).
+    void disconnect_client(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void service_version_query(mcl::ipc_connection* conn, mcl::binary_t& payload);
+
+private:
+    friend class mcl::singleton_ptr<chelperservice>;
+    chelperservice();
+
+    // Start-up and shutdown steps whose work belongs to the driver link, the protection
+    // managers and the quarantine; each says in the log what it did (service/pending_steps.cpp
+    // until those land).
+    void startDriver();
+    void logDriverVersion();
+    void startEnforcement();
+    void stopEnforcement();
+    void skipFirstServiceManagerOpen();
+    void enableDriverFeatures(bool on);
+    void enableIrpNotifications(bool on);
+    void stopIrpReceiver();
+    void protectSelf(bool on);
+    void loadPersistedRules();
+    void unprotectServiceByName(const std::string& name);
+    void restoreFolder(const std::wstring& path);
+    void unprotectOwnRegKeys();
+    void restoreProtectedRegKeys();
+    void restoreProtectedFolders();
+
+    void handleEmergencyStart(const emergency_start& start);
+    void shutdown();
+
+    helper_msg_handler handler_;
+    mcl::mutex instance_mutex_;
+    bool service_protection_enabled_ = true;
+    bool process_protection_enabled_ = true;
+    bool regkey_protection_enabled_ = true;
+};

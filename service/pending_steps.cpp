@@ -1,0 +1,72 @@
+// Start-up and shutdown steps of the service whose work belongs to the driver link, the
+// protection managers and the quarantine. Until those are part of the build, each step says in
+// the log that it did nothing; each moves to its owner's file when that lands.
+#include "app/log.h"
+#include "mcl/mswin/service.h"
+#include "service/helper_service.h"
+#include "setup/driver_installer.h"
+
+namespace {
+
+void not_yet(const char* function, const char* what) {
+    NV_LOG(function, "%s: not available in this build", what);
+}
+
+}  // namespace
+
+void chelperservice::startDriver() {
+    // Neither result is acted on: a driver that cannot be reached leaves the driver steps undone.
+    if (!mcl::mswin::service::is_service_installed("VQRMonitor")) (void)install_vqrmonitor(true);
+    (void)mcl::mswin::service::start("VQRMonitor");
+}
+
+void chelperservice::logDriverVersion() {
+    not_yet("chelperservice::logDriverVersion", "initDirs / VQRMonitor driver version");
+}
+void chelperservice::startEnforcement() {
+    not_yet("chelperservice::startEnforcement", "chelperservice::service_enforce_thread start");
+}
+void chelperservice::stopEnforcement() {
+    not_yet("chelperservice::stopEnforcement", "chelperservice::service_enforce_thread stop");
+}
+void chelperservice::skipFirstServiceManagerOpen() {
+    not_yet("chelperservice::skipFirstServiceManagerOpen", "chelperservice::drvSkipProcessFirstSvcMgrOpen");
+}
+void chelperservice::enableDriverFeatures(bool on) {
+    NV_LOG("chelperservice::enableDriverFeatures",
+           "chelperservice::drvEnableFeature 0, 6, 11 %s: not available in this build", on ? "on" : "off");
+}
+void chelperservice::enableIrpNotifications(bool on) {
+    NV_LOG("chelperservice::enableIrpNotifications",
+           "chelperservice::drvEnableFeature 16 %s: not available in this build", on ? "on" : "off");
+}
+void chelperservice::stopIrpReceiver() {
+    not_yet("chelperservice::stopIrpReceiver", "chelperservice::irp_notification_receiver stop");
+}
+void chelperservice::protectSelf(bool on) {
+    NV_LOG("chelperservice::protectSelf", "chelperservice::handle_protect_services %s %s: not available in this build",
+           service_name().c_str(), on ? "on" : "off");
+}
+void chelperservice::loadPersistedRules() {
+    not_yet("chelperservice::loadPersistedRules",
+            "chelperservice::loadTrustedOpenApps, loadProtectedService, loadProtectedRegKeys, "
+            "loadqQuarantineContainers");
+}
+void chelperservice::unprotectServiceByName(const std::string& service_name) {
+    NV_LOG("chelperservice::unprotectServiceByName", "chelperservice::unprotectService %s: not available in this build",
+           service_name.c_str());
+}
+void chelperservice::restoreFolder(const std::wstring& path) {
+    NV_LOG("chelperservice::restoreFolder", "chelperservice::restorePathPermissions %ls: not available in this build",
+           path.c_str());
+}
+void chelperservice::unprotectOwnRegKeys() {
+    not_yet("chelperservice::unprotectOwnRegKeys", "chelperservice::unprotectRegKey");
+}
+void chelperservice::restoreProtectedRegKeys() {
+    not_yet("chelperservice::restoreProtectedRegKeys", "restoring the protected registry keys");
+}
+void chelperservice::restoreProtectedFolders() {
+    not_yet("chelperservice::restoreProtectedFolders",
+            "chelperservice::restorePathPermissions of the protected folders");
+}

@@ -1,0 +1,71 @@
+// The request dispatcher: one table from message identifier to handler, and the handlers of the
+// connection and control messages.
+#include <iterator>
+
+#include "app/log.h"
+#include "mcl/encoding.h"
+#include "service/helper_service.h"
+#include "service/message_ids.h"
+
+namespace {
+
+using handler_fn = void (chelperservice::*)(mcl::ipc_connection*, mcl::binary_t&);
+
+struct request_route {
+    uint32_t id;
+    handler_fn handler;
+    const char* name;
+};
+
+// Handlers of the protection, service-control, quarantine and IRP messages join this table as
+// their parts land.
+const request_route routes[] = {
+    {msg::disconnect, &chelperservice::disconnect_client, "disconnect"},
+    {msg::stop_service, &chelperservice::stop_service, "stop service"},
+    {msg::protocol_compatible, &chelperservice::protocol_compatible, "protocol compatibility"},
+    {msg::service_version, &chelperservice::service_version_query, "service version"},
+};
+
+const request_route* find_route(uint32_t id) {
+    if (id - msg::first >= msg::span) return nullptr;
+    for (const request_route& r : routes)
+        if (r.id == id) return &r;
+    return nullptr;
+}
+
+}  // namespace
+
+int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, uint32_t msg_id,
+                                                   mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::helper_msg_handler::operator ()";
+    if (conn == nullptr) return 0;
+    NV_LOG(fn, "Received IPC message %X, payload size: %d", msg_id, static_cast<int>(payload.size()));
+    const request_route* route = find_route(msg_id);
+    if (route == nullptr) {
+        NV_LOG(fn, "Unknow mc::ipc message %X, ignored", msg_id);
+        return 1;
+    }
+    (owner_->*route->handler)(conn, payload);
+    return 1;
+}
+
+void chelperservice::disconnect_client(mcl::ipc_connection*, mcl::binary_t&) {
+    // TODO(ipc): disconnect(conn) on the peer once mcl::ipc_peer is merged. No reply either way.
+}
+
+void chelperservice::stop_service(mcl::ipc_connection*, mcl::binary_t&) {
+    if (service_stop_event() != nullptr) SetEvent(service_stop_event());
+}
+
+void chelperservice::protocol_compatible(mcl::ipc_connection*, mcl::binary_t& payload) {
+    // The client sends its own version; any four bytes make the request well formed.
+    const bool ok = payload.size() >= 4;
+    payload.clear();
+    mcl::write_byte(payload, ok ? 1 : 0);
+    mcl::write_u32(payload, ipc_protocol_version);
+}
+
+void chelperservice::service_version_query(mcl::ipc_connection*, mcl::binary_t& payload) {
+    payload.clear();
+    mcl::write_u32(payload, packed_service_version);
+}

@@ -1,0 +1,179 @@
+#!/usr/bin/env bash
+# The service under Wine's service control manager, in a prefix of its own: install, start,
+# state checks, stop through the manager and through the named stop event, a second instance,
+# a console run ended by Ctrl+C, the emergency options, uninstall.
+set -uo pipefail
+: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
+export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
+
+work=$(mktemp -d "${TMPDIR:-/tmp}/nv-service-test.XXXXXX")
+bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$work/prefix"
+export WINEPREFIX=$work/prefix
+wineserver -p </dev/null >/dev/null 2>&1
+cleanup() {
+    wineserver -k >/dev/null 2>&1
+    rm -rf "$work"
+}
+trap cleanup EXIT
+wine cmd /c exit </dev/null >/dev/null 2>&1  # Wine's own services, detached from the test's output
+
+# The service runs from a folder of its own, so its debug log is ours alone.
+mkdir -p "$WINEPREFIX/drive_c/nv"
+cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$WINEPREFIX/drive_c/nv/"
+exe='C:\nv\NorvaleHalvernService.exe'
+log=$WINEPREFIX/drive_c/nv/nvhalvernservice.debug.log
+helper=$NV_BIN_DIR/nv_test_helper.exe
+svc=norvale_halvern_svc
+emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
+
+failures=0
+out=$work/out.txt
+fail() {
+    echo "FAIL: $*"
+    failures=$((failures + 1))
+}
+# run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
+run() {
+    wine "$@" </dev/null >"$out" 2>&1
+    rc=$?
+    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
+}
+# expect LABEL RC [EXACT-OUTPUT]
+expect() {
+    local label=$1 want_rc=$2
+    [ "$rc" -eq "$want_rc" ] || fail "$label: exit code $rc, want $want_rc; output: $(cat "$out")"
+    if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then
+        fail "$label: output [$(cat "$out")], want [$3]"
+    fi
+}
+# state: exit code of -c for the service (0 running, 252 stopped, 251 missing)
+state() {
+    run "$exe" -c $svc
+    echo "$rc"
+}
+wait_state() {
+    local want=$1 tries=${2:-100}
+    for _ in $(seq 1 "$tries"); do
+        [ "$(state)" = "$want" ] && return 0
+        sleep 0.2
+    done
+    fail "service state $(state), want $want"
+}
+log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
+reg_has() { wine reg query "$emergency" /v "$1" </dev/null >/dev/null 2>&1; }
+
+echo "== not installed"
+run "$exe" -i uninstall
+expect "uninstall when not installed" 0 $'Uninstalling halvern service...\nHalvern srvice is not installed.'
+run "$exe" -s start
+expect "start when not installed" 254 "Failed to start halvern service!"
+run "$exe" -s stop
+expect "stop when not installed" 254 "Failed to stop halvern service!"
+run "$exe" -c $svc
+expect "-c when not installed" 251 ""
+
+echo "== install"
+run "$exe" -i install
+expect "install" 0 "Installing halvern service..."
+run "$exe" -I INSTALL
+expect "install again" 0 $'Installing halvern service...\nHalvern srvice has already been installed.'
+run reg query 'HKLM\System\CurrentControlSet\Services\norvale_halvern_svc'
+grep -q "ImagePath.*\"C:\\\\nv\\\\NorvaleHalvernService.exe\"" "$out" || fail "quoted image path: $(cat "$out")"
+grep -q "Start.*0x2" "$out" || fail "automatic start: $(cat "$out")"
+grep -q "Type.*0x10" "$out" || fail "own process: $(cat "$out")"
+grep -q "DisplayName.*Norvale Halvern Service" "$out" || fail "display name: $(cat "$out")"
+grep -q "Description.*Provides process and file protection services for Norvale Clients" "$out" ||
+    fail "description: $(cat "$out")"
+[ "$(state)" = 252 ] || fail "installed service is not stopped"
+
+echo "== start, stop through the manager"
+run "$exe" -s start
+expect "start" 0 ""
+[ "$(state)" = 0 ] || fail "-c of the running service"
+[ "$(log_lines 'Service Version: 3.0.45.1')" = 1 ] || fail "one version line"
+[ "$(log_lines '\[mcl::mswin::service::register_service:[0-9]*\] - service - Register Service')" = 1 ] ||
+    fail "Register Service line"
+run "$exe" -s start
+expect "start of a running service" 254 "Failed to start halvern service!"
+grep -q "StartService failed (1056)" "$log" || fail "StartService failure logged"
+
+echo "== a second instance stops at once without a version line"
+run "$exe" -d
+expect "second instance" 0 ""
+[ "$(log_lines 'Service Version')" = 1 ] || fail "second instance wrote a version line"
+[ "$(state)" = 0 ] || fail "the first instance keeps running"
+
+run "$exe" -s stop
+expect "stop" 0 ""
+[ "$(state)" = 252 ] || fail "stopped after -s stop"
+[ "$(log_lines 'service_enforce_thread stop')" -ge 2 ] || fail "shutdown ran"
+
+echo "== stop through the named stop event"
+run "$exe" -s start
+expect "start again" 0 ""
+run "$helper" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
+expect "set the stop event" 0
+wait_state 252
+
+echo "== console run ended by Ctrl+C"
+before=$(log_lines 'loadqQuarantineContainers')
+wine "$exe" -d </dev/null >"$work/console.txt" 2>&1 &
+console=$!
+for _ in $(seq 1 100); do
+    [ "$(log_lines 'loadqQuarantineContainers')" -gt "$before" ] && break
+    sleep 0.2
+done
+[ "$(log_lines 'chelperservice - run_debug()')" -ge 2 ] || fail "run_debug line"
+kill -INT $console
+wait $console
+rc=$?
+[ "$rc" = 0 ] || fail "console run exit code $rc"
+tail -n 3 "$log" | grep -q "service_enforce_thread stop" || fail "console run shut down: $(tail -n 5 "$log")"
+
+echo "== emergency: disableProtection 0 alone"
+run reg add "$emergency" /v disableProtection /t REG_DWORD /d 0 /f
+run "$exe" -s start  # the service may already have stopped again when start looks
+wait_state 252
+reg_has disableProtection && fail "disableProtection was not consumed"
+[ "$(log_lines 'Emergency options have been handled, exit the service.')" = 1 ] || fail "emergency exit line"
+[ "$(log_lines 'Emergency option - protection has been disabled.')" = 0 ] || fail "nothing is disabled"
+
+echo "== emergency: a rejected code leaves the other options"
+run reg add "$emergency" /v code /t REG_SZ /d 20991231-00 /f
+run reg add "$emergency" /v disableProtection /t REG_DWORD /d 1 /f
+run reg add "$emergency" /v serv /t REG_SZ /d SomeService /f
+run "$exe" -s start
+expect "start with a rejected code" 0 ""
+[ "$(state)" = 0 ] || fail "the service listens after a rejected code"
+reg_has code && fail "the code was not consumed"
+reg_has disableProtection || fail "disableProtection was consumed"
+reg_has serv || fail "serv was consumed"
+grep -q "Recovery code is not valid for this machine" "$log" || fail "rejected code logged"
+run "$exe" -s stop
+expect "stop after the rejected code" 0 ""
+run reg delete "$emergency" /f
+
+echo "== uninstall"
+run "$exe" -i uninstall
+expect "uninstall" 0 "Uninstalling halvern service..."
+[ "$(state)" = 251 ] || fail "service gone"
+
+echo "== emergency: uninstallService removes the service"
+run "$exe" -i install
+expect "install for the emergency uninstall" 0 "Installing halvern service..."
+run reg add "$emergency" /v uninstallService /t REG_DWORD /d 1 /f
+run "$exe" -s start
+# The service's own stop control cannot finish while main is uninstalling, so the manager gives
+# up waiting for it before the service is deleted.
+wait_state 251 300
+[ "$(log_lines 'Emergency option - protection has been disabled.')" = 1 ] || fail "protection disabled line"
+[ "$(log_lines 'Emergency option - service has been uninstalled.')" = 1 ] || fail "uninstalled line"
+reg_has uninstallService && fail "uninstallService was not consumed"
+
+if [ "$failures" -ne 0 ]; then
+    echo "---- debug log"
+    tr -d '\r' <"$log"
+    echo "$failures failure(s)"
+    exit 1
+fi
+echo "all service checks passed"

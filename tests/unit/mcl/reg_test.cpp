@@ -1,0 +1,245 @@
+#include "mcl/mswin/reg.h"
+
+#include <windows.h>
+
+#include <sddl.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "mcl/mswin/unique_handle.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
+
+namespace reg = mcl::mswin::reg;
+using mcl::mswin::unique_kernel_handle;
+using mcl::mswin::unique_local;
+using mcl::mswin::unique_reg_key;
+
+namespace {
+
+// A fresh key under HKLM\Software\NvTest for each test, removed afterwards whatever its DACL.
+class Reg : public ::testing::Test {
+protected:
+    void SetUp() override { root_ = "Software\\NvTest\\" + nv_test::unique_name("reg"); }
+    void TearDown() override {
+        if (!exists(root_)) return;
+        unlock_tree(root_);
+        (void)reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr);
+    }
+
+    // Gives everyone full access to the whole tree again, top down, with the owner's own
+    // WRITE_DAC right.
+    static void unlock_tree(const std::string& key) {
+        unique_reg_key h;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, WRITE_DAC, h.put()) == ERROR_SUCCESS) {
+            unique_local sd;
+            if (ConvertStringSecurityDescriptorToSecurityDescriptorA("D:(A;;KA;;;WD)", SDDL_REVISION_1, sd.put(),
+                                                                     nullptr))
+                RegSetKeySecurity(h.get(), DACL_SECURITY_INFORMATION, sd.get());
+        }
+        std::vector<std::string> subkeys;
+        reg::list_subkeys(HKEY_LOCAL_MACHINE, key, subkeys);
+        for (const std::string& sub : subkeys) unlock_tree(key + "\\" + sub);
+    }
+
+    static bool exists(const std::string& key) {
+        unique_reg_key h;
+        return RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, READ_CONTROL, h.put()) == ERROR_SUCCESS;
+    }
+    static void create(const std::string& key) {
+        unique_reg_key h;
+        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
+                                                 nullptr, h.put(), nullptr));
+    }
+    // The key's DACL as SDDL text, read with the owner's implicit READ_CONTROL.
+    static std::string dacl_sddl(const std::string& key) {
+        unique_reg_key h;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, READ_CONTROL, h.put()) != ERROR_SUCCESS) return "?";
+        DWORD size = 0;
+        RegGetKeySecurity(h.get(), DACL_SECURITY_INFORMATION, nullptr, &size);
+        std::vector<BYTE> sd(size);
+        if (RegGetKeySecurity(h.get(), DACL_SECURITY_INFORMATION, sd.data(), &size) != ERROR_SUCCESS) return "?";
+        unique_local text;
+        if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1,
+                                                                  DACL_SECURITY_INFORMATION,
+                                                                  reinterpret_cast<char**>(text.put()), nullptr))
+            return "?";
+        return static_cast<const char*>(text.get());
+    }
+
+    std::string root_;
+};
+
+TEST_F(Reg, ListingAnEmptyOrMissingKeyIsFalseAndOverlongNamesAreSkipped) {
+    std::vector<std::string> names;
+    EXPECT_FALSE(reg::list_subkeys(HKEY_LOCAL_MACHINE, root_, names));
+    EXPECT_FALSE(reg::list_values(root_, names));
+    create(root_);
+    EXPECT_FALSE(reg::list_subkeys(HKEY_LOCAL_MACHINE, root_, names));
+    EXPECT_FALSE(reg::list_values(root_, names));
+
+    const std::string overlong(300, 'v');
+    ASSERT_TRUE(reg::write_dword(root_, overlong.c_str(), 1));
+    EXPECT_FALSE(reg::list_values(root_, names)) << "a 300-character name does not fit 256 bytes";
+    ASSERT_TRUE(reg::write_dword(root_, "short", 2));
+    create(root_ + "\\child");
+    EXPECT_TRUE(reg::list_values(root_, names));
+    EXPECT_EQ(std::vector<std::string>{"short"}, names);
+    names.clear();
+    EXPECT_TRUE(reg::list_subkeys(HKEY_LOCAL_MACHINE, root_, names));
+    EXPECT_EQ(std::vector<std::string>{"child"}, names);
+}
+
+TEST_F(Reg, ValuesRoundTripWithTheirExactBytes) {
+    struct {
+        const char* name;
+        std::vector<unsigned char> bytes;
+        DWORD type;
+    } cases[] = {
+        {"small", {1, 2, 3}, REG_BINARY},
+        {"exactly512", std::vector<unsigned char>(512, 0x5A), REG_BINARY},
+        {"large", std::vector<unsigned char>(5000, 0xA5), REG_BINARY},
+        {"empty", {}, REG_BINARY},
+    };
+    for (const auto& c : cases) {
+        ASSERT_TRUE(reg::write_value(root_, c.name, c.bytes.data(), static_cast<DWORD>(c.bytes.size()), c.type));
+        mcl::binary_t data;
+        data.append(reinterpret_cast<const unsigned char*>("stale"), 5);
+        ASSERT_TRUE(reg::read_value(root_, c.name, data)) << c.name;
+        EXPECT_EQ(std::vector<unsigned char>(data.data(), data.data() + data.size()), c.bytes) << c.name;
+    }
+    mcl::binary_t untouched;
+    untouched.append(reinterpret_cast<const unsigned char*>("keep"), 4);
+    EXPECT_FALSE(reg::read_value(root_, "missing", untouched));
+    EXPECT_EQ(4u, untouched.size());
+}
+
+TEST_F(Reg, DwordStringAndStringListEncodings) {
+    ASSERT_TRUE(reg::write_dword(root_, "d", 0x01020304));
+    uint32_t d = 0;
+    ASSERT_TRUE(reg::read_dword(root_, "d", d));
+    EXPECT_EQ(0x01020304u, d);
+
+    ASSERT_TRUE(reg::write_string(root_, "s", "abc"));
+    mcl::binary_t raw;
+    ASSERT_TRUE(reg::read_value(root_, "s", raw));
+    EXPECT_EQ(std::string("abc", 4), std::string(reinterpret_cast<const char*>(raw.data()), raw.size()));
+
+    ASSERT_TRUE(reg::write_string_list(root_, "l", {"one", "two"}));
+    ASSERT_TRUE(reg::read_value(root_, "l", raw));
+    EXPECT_EQ(std::string("one\0two\0\0", 9), std::string(reinterpret_cast<const char*>(raw.data()), raw.size()));
+
+    // Two strings with an empty one between them: only the two come back.
+    const char gap[] = "first\0\0second\0";
+    ASSERT_TRUE(reg::write_value(root_, "gap", gap, sizeof(gap), REG_MULTI_SZ));
+    std::vector<std::string> list;
+    ASSERT_TRUE(reg::read_string_list(root_, "gap", list));
+    EXPECT_EQ((std::vector<std::string>{"first", "second"}), list);
+}
+
+TEST_F(Reg, RemoveDeletesAValueOrAWholeTree) {
+    create(root_ + "\\a\\b\\c");
+    create(root_ + "\\a\\d");
+    ASSERT_TRUE(reg::write_dword(root_, "v", 1));
+    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, "v"));
+    EXPECT_TRUE(exists(root_)) << "removing a value keeps the key";
+    uint32_t d = 0;
+    EXPECT_FALSE(reg::read_dword(root_, "v", d));
+
+    nv_test::log_capture log;
+    EXPECT_FALSE(reg::remove(HKEY_LOCAL_MACHINE, root_, "v"));
+    EXPECT_TRUE(log.contains("[mcl::mswin::reg::remove:")) << log.text();
+    EXPECT_TRUE(log.contains("Failed to remove reg value <" + root_ + ":v>: 2")) << log.text();
+
+    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr));
+    EXPECT_FALSE(exists(root_));
+}
+
+TEST_F(Reg, KeySecurityCoversTheWholeSubtreeDeepestFirst) {
+    const std::vector<std::string> keys = {root_, root_ + "\\a", root_ + "\\a\\b", root_ + "\\c"};
+    create(root_ + "\\a\\b");
+    create(root_ + "\\c");
+
+    // READ_CONTROL only: a key changed before its subkeys could no longer be listed, so every key
+    // carrying it shows that the subkeys came first.
+    const char* read_control_only = "D:P(A;;RC;;;WD)";
+    ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, read_control_only));
+    for (const std::string& k : keys) EXPECT_EQ(read_control_only, dacl_sddl(k)) << k;
+
+    // The same through a DACL, read from a key with get_key_dacl_security.
+    unlock_tree(root_);
+    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr));
+    create(root_ + "\\a\\b");
+    create(root_ + "\\c");
+    create(root_ + "\\model");
+    ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_ + "\\model", "D:(A;;KA;;;WD)"));
+    PACL readable = nullptr;
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    ASSERT_TRUE(reg::get_key_dacl_security(HKEY_LOCAL_MACHINE, root_ + "\\model", &readable, &sd));
+    ASSERT_NE(nullptr, readable);
+    ACE_HEADER* ace = nullptr;
+    ASSERT_TRUE(GetAce(readable, 0, reinterpret_cast<void**>(&ace)));
+    // Narrowed to READ_CONTROL in place, so the subtree rule shows again; "protect" adds
+    // protected, auto-inherited and auto-inherit-required (PARAI).
+    reinterpret_cast<ACCESS_ALLOWED_ACE*>(ace)->Mask = READ_CONTROL;
+    EXPECT_TRUE(reg::set_key_dacl_security(HKEY_LOCAL_MACHINE, root_, readable, /*protect=*/true));
+    LocalFree(sd);
+    for (const std::string& k : keys) EXPECT_EQ("D:PARAI(A;;RC;;;WD)", dacl_sddl(k)) << k;
+
+    nv_test::log_capture log;
+    EXPECT_FALSE(reg::set_key_dacl_security(HKEY_LOCAL_MACHINE, root_, nullptr, true));
+    EXPECT_FALSE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, nullptr));
+    EXPECT_TRUE(log.contains("] - Invalid PACL pointer"));
+    EXPECT_TRUE(log.contains("] - Invalid SDDL string"));
+}
+
+TEST_F(Reg, OwnershipAndFullAccessOpenAKeyThatDeniesEveryone) {
+    create(root_);
+    ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, "D:P(D;;KA;;;WD)"));
+    unique_reg_key h;
+    ASSERT_EQ(ERROR_ACCESS_DENIED, RegOpenKeyExA(HKEY_LOCAL_MACHINE, root_.c_str(), 0, KEY_READ, h.put()));
+
+    unique_kernel_handle token;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, token.put()));
+    ASSERT_TRUE(reg::take_ownership(token.get(), HKEY_LOCAL_MACHINE, root_));
+    ASSERT_TRUE(reg::reset_full_access(token.get(), HKEY_LOCAL_MACHINE, root_));
+    EXPECT_EQ(ERROR_SUCCESS, RegOpenKeyExA(HKEY_LOCAL_MACHINE, root_.c_str(), 0, KEY_READ, h.put()));
+
+    // Exactly one ACE: KEY_ALL_ACCESS for the token's user.
+    DWORD size = 0;
+    GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size);
+    std::vector<BYTE> user(size);
+    ASSERT_TRUE(GetTokenInformation(token.get(), TokenUser, user.data(), size, &size));
+    unique_local sid_text;
+    ASSERT_TRUE(ConvertSidToStringSidA(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid,
+                                       reinterpret_cast<char**>(sid_text.put())));
+    EXPECT_EQ("D:(A;;KA;;;" + std::string(static_cast<const char*>(sid_text.get())) + ")", dacl_sddl(root_));
+}
+
+TEST_F(Reg, ForceRemoveDeletesATreeWhoseDaclsDenyTheCaller) {
+    create(root_ + "\\locked\\inner");
+    create(root_ + "\\locked\\other");
+    ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, "D:P(D;;KA;;;WD)"));
+    std::vector<std::string> names;
+    EXPECT_FALSE(reg::list_subkeys(HKEY_LOCAL_MACHINE, root_, names)) << "the tree is closed to us";
+
+    nv_test::log_capture log;
+    ASSERT_TRUE(reg::force_remove(HKEY_LOCAL_MACHINE, root_)) << log.text();
+    EXPECT_FALSE(exists(root_));
+}
+
+TEST_F(Reg, FullPathIsTheKernelName) {
+    create(root_);
+    const std::wstring path = reg::get_full_path(HKEY_LOCAL_MACHINE, root_);
+    const std::wstring want = L"\\REGISTRY\\MACHINE\\" + std::wstring(root_.begin(), root_.end());
+    EXPECT_EQ(0, _wcsicmp(want.c_str(), path.c_str())) << std::string(path.begin(), path.end());
+
+    nv_test::log_capture log;
+    EXPECT_TRUE(reg::get_full_path(HKEY_LOCAL_MACHINE, root_ + "\\missing").empty());
+    EXPECT_TRUE(log.contains("Failed to open key [" + root_ + "\\missing], error: 0x2")) << log.text();
+}
+
+}  // namespace

@@ -1,0 +1,138 @@
+#include <windows.h>
+
+#include <sddl.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <memory>
+#include <vector>
+
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/unique_handle.h"
+#include "tests/helpers/log_capture.h"
+
+using mcl::mswin::service;
+using mcl::mswin::unique_local;
+
+namespace {
+
+std::string sid_text(PSID sid) {
+    unique_local text;
+    if (!ConvertSidToStringSidA(sid, reinterpret_cast<char**>(text.put()))) return "?";
+    return static_cast<const char*>(text.get());
+}
+
+std::string acl_sddl(PACL acl) {
+    SECURITY_DESCRIPTOR sd{};
+    InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
+    SetSecurityDescriptorDacl(&sd, TRUE, acl, FALSE);
+    unique_local text;
+    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                              reinterpret_cast<char**>(text.put()), nullptr))
+        return "?";
+    return static_cast<const char*>(text.get());
+}
+
+// Holds the DACL of an SDDL text.
+struct sddl_dacl {
+    unique_local sd;
+    PACL dacl = nullptr;
+    explicit sddl_dacl(const char* text) {
+        if (text == nullptr) return;
+        EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(text, SDDL_REVISION_1, sd.put(), nullptr));
+        BOOL present = FALSE;
+        BOOL defaulted = FALSE;
+        GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted);
+    }
+};
+
+struct sid_holder {
+    PSID sid = nullptr;
+    explicit sid_holder(const char* text) { EXPECT_TRUE(ConvertStringSidToSidA(text, &sid)); }
+    ~sid_holder() { LocalFree(sid); }
+    sid_holder(const sid_holder&) = delete;
+    sid_holder& operator=(const sid_holder&) = delete;
+};
+
+TEST(ServiceSid, DerivedFromTheUpperCasedNameAsWindowsPublishesIt) {
+    // Service SIDs Windows publishes for built-in services.
+    struct {
+        const char* name;
+        const char* sid;
+    } cases[] = {
+        {"TrustedInstaller", "S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464"},
+        {"trustedinstaller", "S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464"},
+    };
+    for (const auto& c : cases) {
+        PSID derived = nullptr;
+        ASSERT_TRUE(service::derive_service_sid(c.name, &derived)) << c.name;
+        EXPECT_EQ(c.sid, sid_text(derived)) << c.name;
+        LocalFree(derived);
+
+        // get_sid answers the same, whether the lookup maps the account or the name is derived.
+        PSID looked_up = nullptr;
+        ASSERT_TRUE(service::get_sid(c.name, &looked_up)) << c.name;
+        EXPECT_EQ(c.sid, sid_text(looked_up)) << c.name;
+        LocalFree(looked_up);
+    }
+
+    nv_test::log_capture log;
+    EXPECT_FALSE(service::get_sid("x", nullptr));
+    EXPECT_TRUE(log.contains("[mcl::mswin::service::get_sid:"));
+    EXPECT_TRUE(log.contains("] - service - [get_sid] invalid parameter"));
+}
+
+TEST(SelectedFullAccessDacl, SelectedSidsFirstThenTheOldAcesNarrowed) {
+    struct {
+        const char* label;
+        const char* old_sddl;  // null: no old DACL
+        std::vector<const char*> sids;
+        BYTE flags;
+        DWORD selected_mask;
+        DWORD other_mask;
+        const char* want;
+    } cases[] = {
+        {"no old DACL: only the selected ACEs", nullptr, {"S-1-5-18", "S-1-5-32-544"}, 0x3, FILE_ALL_ACCESS,
+         0xFFFFFFFF, "D:(A;OICI;FA;;;SY)(A;OICI;FA;;;BA)"},
+        {"old ACEs follow in order, selected SIDs dropped, inherited flag cleared",
+         "D:(A;ID;0x1301bf;;;AU)(A;;FA;;;SY)(A;OICIID;FA;;;BU)", {"S-1-5-18"}, 0, FILE_ALL_ACCESS, 0xFFFFFFFF,
+         "D:(A;;FA;;;SY)(A;;0x1301bf;;;AU)(A;OICI;FA;;;BU)"},
+        {"other masks are ANDed", "D:(A;;FA;;;AU)(D;;0x1301bf;;;BU)", {"S-1-5-18"}, 0, FILE_ALL_ACCESS, 0x1200a9,
+         "D:(A;;FA;;;SY)(A;;0x1200a9;;;AU)(D;;0x1200a9;;;BU)"},
+        {"generic-all widened to all generic bits", "D:(A;;GA;;;AU)", {"S-1-5-18"}, 0, FILE_ALL_ACCESS, 0xFFFFFFFF,
+         "D:(A;;FA;;;SY)(A;;GAGXGWGR;;;AU)"},
+        {"generic-all widened, then narrowed", "D:(A;;GA;;;AU)", {"S-1-5-18"}, 0, FILE_ALL_ACCESS, GENERIC_READ,
+         "D:(A;;FA;;;SY)(A;;GR;;;AU)"},
+    };
+    for (const auto& c : cases) {
+        sddl_dacl old_dacl(c.old_sddl);
+        const std::string old_before = c.old_sddl != nullptr ? acl_sddl(old_dacl.dacl) : "";
+        std::vector<std::unique_ptr<sid_holder>> holders;
+        std::vector<PSID> sids;
+        for (const char* s : c.sids) {
+            holders.push_back(std::make_unique<sid_holder>(s));
+            sids.push_back(holders.back()->sid);
+        }
+        PACL out = nullptr;
+        ASSERT_TRUE(service::update_dacl_with_selected_full_access_sids(old_dacl.dacl, sids, c.flags,
+                                                                        c.selected_mask, c.other_mask, &out))
+            << c.label;
+        EXPECT_EQ(c.want, acl_sddl(out)) << c.label;
+        HeapFree(GetProcessHeap(), 0, out);
+        if (c.old_sddl != nullptr) {
+            EXPECT_EQ(old_before, acl_sddl(old_dacl.dacl)) << c.label << ": old DACL kept";
+        }
+    }
+}
+
+TEST(SelectedFullAccessDacl, AnEmptySidListFails) {
+    nv_test::log_capture log;
+    PACL out = reinterpret_cast<PACL>(&log);
+    EXPECT_FALSE(service::update_dacl_with_selected_full_access_sids(nullptr, {}, 0, FILE_ALL_ACCESS, 0, &out));
+    EXPECT_EQ(nullptr, out);
+    EXPECT_TRUE(log.contains("[mcl::mswin::service::update_dacl_with_selected_full_access_sids:"));
+    EXPECT_TRUE(log.contains("] - No full access SID configured."));
+}
+
+}  // namespace

@@ -1,0 +1,178 @@
+#include "mcl/mswin/service.h"
+
+#include <gtest/gtest.h>
+#include <windows.h>
+
+#include <string>
+#include <thread>
+
+#include "mcl/event.h"
+#include "mcl/mswin/unique_handle.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
+
+using mcl::mswin::service;
+using mcl::mswin::unique_sc_handle;
+
+namespace {
+
+// A service entry that is never started, for the configuration and security calls.
+class registered_service {
+public:
+    registered_service() : name_(nv_test::unique_name("nv_test_svc")) {
+        unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+        handle_.reset(CreateServiceA(manager.get(), name_.c_str(), "NV test service", SERVICE_ALL_ACCESS,
+                                     SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL,
+                                     "C:\\nowhere\\svc.exe", nullptr, nullptr, nullptr, nullptr, nullptr));
+        EXPECT_TRUE(handle_.valid()) << GetLastError();
+    }
+    ~registered_service() {
+        if (handle_) DeleteService(handle_.get());
+    }
+    registered_service(const registered_service&) = delete;
+    registered_service& operator=(const registered_service&) = delete;
+    const char* name() const {
+        return name_.c_str();
+    }
+
+private:
+    std::string name_;
+    unique_sc_handle handle_;
+};
+
+// Waits until run_main has made the service's stopped event (it makes the stop event first).
+void wait_for_events(const service& svc) {
+    const std::string name = service::stopped_event_name(svc.service_name());
+    for (int i = 0; i < 500; ++i) {
+        HANDLE h = OpenEventA(SYNCHRONIZE, FALSE, name.c_str());
+        if (h != nullptr) {
+            CloseHandle(h);
+            return;
+        }
+        Sleep(10);
+    }
+    ADD_FAILURE() << "no " << name;
+}
+
+TEST(ServiceQueries, ConfigurationStateAndExistence) {
+    registered_service reg;
+    mcl::binary_t config;
+    bool opened = false;
+    ASSERT_TRUE(service::query_config(reg.name(), config, &opened));
+    EXPECT_TRUE(opened);
+    const auto* narrow = reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data());
+    EXPECT_STREQ("C:\\nowhere\\svc.exe", narrow->lpBinaryPathName) << "points into the copy";
+    EXPECT_STREQ("NV test service", narrow->lpDisplayName);
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_DEMAND_START), narrow->dwStartType);
+
+    const std::string n = reg.name();
+    ASSERT_TRUE(service::query_config(std::wstring(n.begin(), n.end()).c_str(), config, &opened));
+    EXPECT_STREQ(L"C:\\nowhere\\svc.exe",
+                 reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data())->lpBinaryPathName);
+
+    EXPECT_TRUE(service::is_service_installed(reg.name()));
+    EXPECT_TRUE(service::is_service_stopped(reg.name()));
+    DWORD state = 0;
+    ASSERT_TRUE(service::query_state(reg.name(), state));
+    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), state);
+
+    EXPECT_FALSE(service::query_config("nv_no_such_service", config, &opened));
+    EXPECT_FALSE(opened);
+    EXPECT_FALSE(service::is_service_installed("nv_no_such_service"));
+    EXPECT_FALSE(service::is_service_stopped("nv_no_such_service"));
+}
+
+TEST(ServiceSecurity, DaclWritersLogWhatHappened) {
+    registered_service reg;
+    struct {
+        const char* label;
+        bool (*call)(const char* name);
+        bool exists;
+        bool result;
+        const char* line;
+    } cases[] = {
+        {"sddl on a service", [](const char* n) { return service::set_dacl_str(n, "D:(A;;GA;;;SY)"); }, true, true,
+         "[mcl::mswin::service::set_dacl_str:"},
+        {"sddl success line", [](const char* n) { return service::set_dacl_str(n, "D:(A;;GA;;;SY)"); }, true, true,
+         "] - Service DACL updated successfully"},
+        {"bad sddl", [](const char* n) { return service::set_dacl_str(n, "D:(nonsense"); }, true, false,
+         "] - ConvertStringSecurityDescriptorToSecurityDescriptor failed("},
+        {"no such service", [](const char* n) { return service::set_dacl_str(n, "D:(A;;GA;;;SY)"); }, false, false,
+         "] - OpenServiceA failed (1060)"},
+        {"dacl on a missing service", [](const char* n) { return service::set_dacl(n, nullptr); }, false, false,
+         "[mcl::mswin::service::set_dacl:"},
+    };
+    for (const auto& c : cases) {
+        nv_test::log_capture log;
+        EXPECT_EQ(c.result, c.call(c.exists ? reg.name() : "nv_no_such_service")) << c.label;
+        EXPECT_TRUE(log.contains(c.line)) << c.label << "\n" << log.text();
+    }
+}
+
+TEST(ServiceControl, StopWithFallbackSignalsTheStopEventOfAMissingService) {
+    const std::string name = nv_test::unique_name("nv_missing_svc");
+    mcl::event stop_event;
+    ASSERT_EQ(0, stop_event.create(service::stop_event_name(name).c_str()));
+    EXPECT_FALSE(service::stop(name.c_str(), /*event_fallback=*/false, 1));
+    EXPECT_FALSE(stop_event.is_set()) << "no fallback, no signal";
+    EXPECT_FALSE(service::stop(name.c_str(), /*event_fallback=*/true, 1));
+    EXPECT_TRUE(stop_event.is_set());
+
+    stop_event.reset();
+    service::signal_stop_event(name.c_str());
+    EXPECT_TRUE(stop_event.is_set());
+    EXPECT_EQ("Global\\" + name + "_NTSVC_STOP_EVENT", service::stop_event_name(name));
+    EXPECT_EQ("Global\\" + name + "_NTSVC_STOPPED_EVENT", service::stopped_event_name(name));
+}
+
+TEST(ServiceControl, ConsoleRunAnswersStopControlsOnlyWhileItCanStop) {
+    service svc(nv_test::unique_name("nv_console_svc").c_str());
+    EXPECT_FALSE(svc.installed());
+    svc.set_debug(true);
+    std::thread body([&] { svc.run_main(); });
+    wait_for_events(svc);
+
+    svc.set_can_stop(false);
+    svc.control_handler(SERVICE_CONTROL_STOP);
+    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(svc.service_stopped_event(), 300))
+        << "a stop control is ignored while the service cannot stop";
+
+    svc.set_can_stop(true);
+    svc.control_handler(SERVICE_CONTROL_STOP);  // returns once main has finished
+    body.join();
+    EXPECT_FALSE(WaitForSingleObject(svc.service_stop_event(), 0) == WAIT_OBJECT_0) << "main reset the stop event";
+}
+
+TEST(ServiceControl, StopRequestReportsWhetherMainFinished) {
+    service svc(nv_test::unique_name("nv_console_svc").c_str());
+    EXPECT_FALSE(svc.stop_request()) << "no run, no stopped event";
+
+    svc.set_debug(true);
+    std::thread body([&] { svc.run_main(); });
+    wait_for_events(svc);
+    EXPECT_TRUE(svc.stop_request());
+    body.join();
+    EXPECT_FALSE(WaitForSingleObject(svc.service_stopped_event(), 0) == WAIT_OBJECT_0) << "the request reset it";
+}
+
+TEST(ServiceControl, EventLogInDebugModeOnlyWritesTheLogLine) {
+    service svc(nv_test::unique_name("nv_console_svc").c_str());
+    svc.set_debug(true);
+    nv_test::log_capture log;
+    svc.event_log("SetServiceStatus failed");
+    EXPECT_TRUE(log.contains("[mcl::mswin::service::event_log:")) << log.text();
+    EXPECT_TRUE(log.contains("] - SetServiceStatus failed")) << log.text();
+}
+
+TEST(ServiceControl, RunFromAConsoleFailsAndSaysSoInTheLog) {
+    // The dispatcher refuses a process the manager did not start (after about 10 s).
+    service svc(nv_test::unique_name("nv_console_svc").c_str());
+    nv_test::log_capture log;
+    EXPECT_FALSE(svc.run());
+    EXPECT_EQ(&svc, mcl::mswin::g_service);
+    mcl::mswin::g_service = nullptr;
+    EXPECT_TRUE(log.contains("] - service - Run Service")) << log.text();
+    EXPECT_TRUE(log.contains("] - StartServiceCtrlDispatcher failed.")) << log.text();
+}
+
+}  // namespace
