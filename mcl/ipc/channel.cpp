@@ -147,11 +147,19 @@ void ipc_channel::close() {
 
 ipc_read_channel::~ipc_read_channel() { ipc_channel::close(); }
 
+void ipc_read_channel::take_read(uint32_t n) {
+    if (reading_into_tail_) {
+        cutter_.commit(n);
+    } else {
+        cutter_.append(block_, n);
+    }
+}
+
 bool ipc_read_channel::collect_pending_result() {
     DWORD n = 0;
     if (GetOverlappedResult(pipe_, &overlapped_, &n, FALSE)) {
         io_pending_ = false;
-        cutter_.append(block_, n);
+        take_read(n);
         return true;
     }
     const DWORD err = GetLastError();
@@ -174,13 +182,19 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
     }
 
     for (;;) {
+        // The rest of a large frame goes straight to its place; everything else through the
+        // read block.
+        uint32_t room = 0;
+        unsigned char* tail = cutter_.frame_tail(sizeof(block_), room);
+        reading_into_tail_ = tail != nullptr;
         DWORD n = 0;
-        if (ReadFile(pipe_, block_, sizeof(block_), &n, &overlapped_)) {
+        if (ReadFile(pipe_, reading_into_tail_ ? tail : block_, reading_into_tail_ ? room : sizeof(block_), &n,
+                     &overlapped_)) {
             if (n == 0) {
                 NV_LOG("mcl::ipc_read_channel::read", "Failed to read from channel, return zero data");
                 return false;
             }
-            cutter_.append(block_, n);
+            take_read(n);
             continue;
         }
         const DWORD err = GetLastError();
@@ -208,6 +222,17 @@ ipc_write_channel::~ipc_write_channel() { ipc_channel::close(); }
 void ipc_write_channel::enqueue(const binary_t& frame) {
     scoped_lock guard(write_lock_);
     buffers_[queue_index_].append(frame);
+    event_.set();
+}
+
+void ipc_write_channel::enqueue(binary_t&& frame) {
+    scoped_lock guard(write_lock_);
+    binary_t& queue = buffers_[queue_index_];
+    if (queue.empty()) {
+        queue = std::move(frame);
+    } else {
+        queue.append(frame);
+    }
     event_.set();
 }
 

@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <utility>
 #include <vector>
 
 #include "mcl/buffer.h"
@@ -76,9 +77,11 @@ public:
 
 private:
     bool collect_pending_result();
+    void take_read(uint32_t n);
 
     frame_cutter cutter_;
     unsigned char block_[pipe_buffer_size];
+    bool reading_into_tail_ = false;  // the last ReadFile targets the cutter, not the block
 };
 
 class ipc_write_channel : public ipc_channel {
@@ -88,6 +91,8 @@ public:
 
     // Queues a whole frame and wakes the write thread. Any thread; frames never interleave.
     void enqueue(const binary_t& frame);
+    // As above, taking over the frame's storage when nothing else is queued.
+    void enqueue(binary_t&& frame);
     // As enqueue, but only once a client is on the pipe; false (nothing queued) while a
     // listening pipe still waits for its client. Any thread.
     bool enqueue_if_connected(const binary_t& frame);
@@ -121,6 +126,7 @@ public:
     ipc_read_channel& reader() { return reader_; }
     ipc_write_channel& writer() { return writer_; }
     void enqueue(const binary_t& frame) { writer_.enqueue(frame); }
+    void enqueue(binary_t&& frame) { writer_.enqueue(std::move(frame)); }
 
     // Which of the peer's wait groups serves this connection; set by the peer under its
     // connection-list lock.

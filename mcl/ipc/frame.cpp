@@ -18,6 +18,11 @@ void store_u32(unsigned char* p, uint32_t v) {
     p[3] = static_cast<unsigned char>(v >> 24);
 }
 
+unsigned char* frame_tail_none(uint32_t& room) {
+    room = 0;
+    return nullptr;
+}
+
 }  // namespace
 
 bool read_frame_header(const unsigned char* bytes, uint32_t size, frame_header& header) {
@@ -53,40 +58,67 @@ void copy_frame_payload(const binary_t& frame, binary_t& payload) {
     payload.append(frame.data() + frame_header_size, header.length);
 }
 
-void frame_cutter::append(const unsigned char* bytes, uint32_t n) {
-    if (n == 0) return;
-    // Move the remainder to the front before growing, but only when that costs no more than
-    // the bytes already consumed.
-    if (offset_ != 0 && pending() <= offset_) {
-        buffer_.drop_front(offset_);
-        offset_ = 0;
+bool frame_cutter::reserve(uint32_t n) {
+    // Move the remainder to the front, but only when that costs no more than the bytes
+    // already consumed.
+    if (begin_ != 0 && pending() <= begin_) {
+        memmove(storage_.data(), storage_.data() + begin_, pending());
+        end_ -= begin_;
+        begin_ = 0;
     }
-    buffer_.append(bytes, n);
+    const uint64_t required = static_cast<uint64_t>(end_) + n;
+    if (required > UINT32_MAX) return false;
+    if (required > storage_.size()) {
+        uint64_t capacity = storage_.size() < 4096 ? 4096 : storage_.size();
+        while (capacity < required) capacity *= 2;
+        storage_.resize(static_cast<size_t>(capacity < UINT32_MAX ? capacity : UINT32_MAX));
+    }
+    return true;
+}
+
+void frame_cutter::append(const unsigned char* bytes, uint32_t n) {
+    if (n == 0 || bytes == nullptr || !reserve(n)) return;
+    memcpy(storage_.data() + end_, bytes, n);
+    end_ += n;
+}
+
+unsigned char* frame_cutter::frame_tail(uint32_t min_bytes, uint32_t& room) {
+    frame_header header;
+    if (!read_frame_header(storage_.data() + begin_, pending(), header) || header.length > max_frame_payload)
+        return frame_tail_none(room);
+    const uint64_t size = frame_size(header.length);
+    if (size <= pending() || size - pending() <= min_bytes) return frame_tail_none(room);
+    const auto missing = static_cast<uint32_t>(size - pending());
+    if (!reserve(missing)) return frame_tail_none(room);
+    room = missing;
+    return storage_.data() + end_;
+}
+
+void frame_cutter::commit(uint32_t n) {
+    if (static_cast<uint64_t>(end_) + n <= storage_.size()) end_ += n;
 }
 
 frame_cutter::result frame_cutter::cut(std::vector<binary_t>& frames) {
     while (pending() > frame_header_size) {
         frame_header header;
-        (void)read_frame_header(buffer_.data() + offset_, pending(), header);
+        (void)read_frame_header(storage_.data() + begin_, pending(), header);
         if (header.length > max_frame_payload) {
             rejected_length_ = header.length;
             return result::too_long;
         }
         const uint64_t size = frame_size(header.length);
         if (size > pending()) break;
-        frames.emplace_back(buffer_.data() + offset_, static_cast<uint32_t>(size));
-        offset_ += static_cast<uint32_t>(size);
+        frames.emplace_back(storage_.data() + begin_, static_cast<uint32_t>(size));
+        begin_ += static_cast<uint32_t>(size);
     }
-    if (offset_ == buffer_.size()) {
-        buffer_.clear();
-        offset_ = 0;
-    }
+    if (begin_ == end_) begin_ = end_ = 0;
     return result::ok;
 }
 
 void frame_cutter::reset() {
-    buffer_.release_storage();
-    offset_ = 0;
+    storage_.clear();
+    storage_.shrink_to_fit();
+    begin_ = end_ = 0;
     rejected_length_ = 0;
 }
 

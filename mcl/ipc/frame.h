@@ -54,7 +54,8 @@ void copy_frame_payload(const binary_t& frame, binary_t& payload);
 // Collects received bytes and cuts whole frames from their front. Consumed bytes are skipped
 // with a read offset and the remainder is moved to the front only when it is no longer than
 // what was consumed, so each byte is moved a bounded number of times however long the backlog.
-// Not thread-safe: one reader thread owns it.
+// A large frame can be received straight into its place (frame_tail, then commit), without a
+// pass through a small read block. Not thread-safe: one reader thread owns it.
 class frame_cutter {
 public:
     enum class result {
@@ -63,16 +64,26 @@ public:
     };
 
     void append(const unsigned char* bytes, uint32_t n);
+    // When the header of the frame at the front has come and more than `min_bytes` of the
+    // frame are still missing: room for exactly the missing bytes at the end of the pending
+    // bytes (its size in `room`). Null otherwise. The room stays valid until the next call.
+    unsigned char* frame_tail(uint32_t min_bytes, uint32_t& room);
+    // Takes n bytes that were written into the room frame_tail gave.
+    void commit(uint32_t n);
     // Appends each whole frame at the front of the pending bytes to `frames`, in order.
     result cut(std::vector<binary_t>& frames);
     // Length announced by the header that stopped the last cut (meaningful after too_long).
     uint32_t rejected_length() const { return rejected_length_; }
-    uint32_t pending() const { return buffer_.size() - offset_; }
+    uint32_t pending() const { return end_ - begin_; }
     void reset();
 
 private:
-    binary_t buffer_;
-    uint32_t offset_ = 0;
+    // Makes room for n more bytes behind the pending ones.
+    bool reserve(uint32_t n);
+
+    std::vector<unsigned char> storage_;
+    uint32_t begin_ = 0;  // first pending byte
+    uint32_t end_ = 0;    // one past the last pending byte
     uint32_t rejected_length_ = 0;
 };
 

@@ -21,6 +21,16 @@ void erase_connection(Map& table, ipc_connection* connection) {
     while (it != table.end() && it->first.first == connection) it = table.erase(it);
 }
 
+// Turns a whole frame into its payload in place, without a second buffer.
+void take_frame_payload(binary_t& frame, const frame_header& header) {
+    if (header.length == 0) {
+        frame.clear();
+        return;
+    }
+    frame.drop_front(frame_header_size);
+    if (frame.size() > header.length) frame.drop_back(frame.size() - header.length);
+}
+
 }  // namespace
 
 ipc_peer::ipc_peer(const char* name, ipc_msg_handler* handler) : name_(name != nullptr ? name : ""), handler_(handler) {}
@@ -61,7 +71,7 @@ bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connec
     responses_[key].connection = connection;
     ReleaseSRWLockExclusive(&response_lock_);
 
-    connection->enqueue(frame);
+    connection->enqueue(std::move(frame));
 
     // The time-out is spent in 50 ms steps; a stored reply or a dropped connection wakes the
     // wait at once.
@@ -86,7 +96,7 @@ bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connec
             break;
         }
         if (!it->second.payload.empty()) {
-            payload.write_at(0, it->second.payload.data(), it->second.payload.size());
+            payload = std::move(it->second.payload);
             replied = true;
             break;
         }
@@ -119,7 +129,7 @@ bool ipc_peer::post(uint32_t message_id, const binary_t& payload, share_ptr<ipc_
 // ---------------------------------------------------------------------------------------------
 // Receiving
 
-void ipc_peer::receive(const share_ptr<ipc_connection>& connection, const binary_t& frame) {
+void ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& frame) {
     frame_header header;
     if (!read_frame_header(frame, header)) return;
     switch (static_cast<frame_kind>(header.kind)) {
@@ -128,18 +138,18 @@ void ipc_peer::receive(const share_ptr<ipc_connection>& connection, const binary
     case frame_kind::post: {
         ipc_event e;
         e.connection = connection;
-        e.frame = frame;
+        e.frame = std::move(frame);
         e.handler = handler_;
         post_event(std::move(e));
         break;
     }
     case frame_kind::response: {
         const table_key key{connection.get(), header.sequence};
+        take_frame_payload(frame, header);
         AcquireSRWLockExclusive(&response_lock_);
         response_slot& slot = responses_[key];  // a reply nobody waits for stays until the connection goes
         if (!slot.connection) slot.connection = connection;
-        slot.payload.clear();
-        if (header.length != 0) slot.payload.write_at(0, frame.data() + frame_header_size, header.length);
+        slot.payload = std::move(frame);
         ReleaseSRWLockExclusive(&response_lock_);
         WakeAllConditionVariable(&response_changed_);
         break;
@@ -157,7 +167,7 @@ void ipc_peer::receive(const share_ptr<ipc_connection>& connection, const binary
         if (handler != nullptr) {
             ipc_event e;
             e.connection = connection;
-            e.frame = frame;
+            e.frame = std::move(frame);
             e.handler = handler;
             post_event(std::move(e));
         }
@@ -172,8 +182,8 @@ int ipc_peer::handle_event(ipc_event& e) {
     if (e.handler == nullptr) return 0;
     frame_header header;
     if (!read_frame_header(e.frame, header)) return 0;
-    binary_t payload;
-    copy_frame_payload(e.frame, payload);
+    binary_t payload = std::move(e.frame);
+    take_frame_payload(payload, header);
     const int result = (*e.handler)(e.connection.get(), header.message_id, payload);
     if (result < 0 || !e.connection) return result;
     const auto kind = static_cast<frame_kind>(header.kind);
@@ -181,7 +191,7 @@ int ipc_peer::handle_event(ipc_event& e) {
     binary_t reply;
     append_frame(reply, kind == frame_kind::request ? frame_kind::response : frame_kind::routed_reply, header.message_id,
                  header.sequence, payload);
-    e.connection->enqueue(reply);  // dropped with the connection if the client has gone
+    e.connection->enqueue(std::move(reply));  // dropped with the connection if the client has gone
     return result;
 }
 
@@ -441,7 +451,7 @@ HANDLE ipc_peer::msg_read_thread::channel_event(ipc_connection& connection) {
 
 bool ipc_peer::msg_read_thread::serve(share_ptr<ipc_connection>& connection) {
     if (!connection->reader().read(frames_)) return false;
-    for (const auto& frame : frames_) peer_->receive(connection, frame);
+    for (auto& frame : frames_) peer_->receive(connection, std::move(frame));
     frames_.clear();
     return true;
 }

@@ -158,7 +158,7 @@ private:
     // The connections of one wait group, with counted references. Takes the list lock.
     std::vector<share_ptr<ipc_connection>> group_connections(uint32_t group);
     // The read thread's handling of one received frame.
-    void receive(const share_ptr<ipc_connection>& connection, const binary_t& frame);
+    void receive(const share_ptr<ipc_connection>& connection, binary_t&& frame);
     void queue_reply(const ipc_event& e, const binary_t& reply_payload);
 
     std::string name_;
