@@ -309,6 +309,17 @@ void ipc_peer::add_connection_locked(const share_ptr<ipc_connection>& connection
 
 void ipc_peer::disconnect(share_ptr<ipc_connection> connection) {
     scoped_lock guard(list_lock_);
+    disconnect_locked(connection);
+}
+
+bool ipc_peer::lock_list_unless(HANDLE stop) {
+    while (!list_lock_.try_lock()) {
+        if (WaitForSingleObject(stop, 1) == WAIT_OBJECT_0) return false;
+    }
+    return true;
+}
+
+void ipc_peer::disconnect_locked(const share_ptr<ipc_connection>& connection) {
     const auto it = std::find(connections_.begin(), connections_.end(), connection);
     if (it != connections_.end()) {
         {
@@ -385,12 +396,13 @@ void ipc_peer::stop_io_threads() {
     for (auto& t : read_threads_) t->stop(thread_stop_seconds);
 }
 
-std::vector<share_ptr<ipc_connection>> ipc_peer::group_connections(uint32_t group) {
-    scoped_lock guard(list_lock_);
-    std::vector<share_ptr<ipc_connection>> members;
+bool ipc_peer::group_connections(uint32_t group, HANDLE stop, std::vector<share_ptr<ipc_connection>>& members) {
+    members.clear();
+    if (!lock_list_unless(stop)) return false;
     for (const auto& c : connections_)
         if (c->wait_group == group) members.push_back(c);
-    return members;
+    list_lock_.unlock();
+    return true;
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -423,7 +435,7 @@ DWORD ipc_peer::msg_io_thread::run() {
     for (;;) {
         if (rebuild) {
             refresh_event_.reset();  // before the snapshot, so a later change signals again
-            members = peer_->group_connections(group_);
+            if (!peer_->group_connections(group_, stop_event(), members)) break;
             handles.assign({stop_event(), refresh_event_.get()});
             for (auto& c : members) handles.push_back(channel_event(*c));
             rebuild = false;
@@ -437,7 +449,10 @@ DWORD ipc_peer::msg_io_thread::run() {
             continue;
         }
         share_ptr<ipc_connection> connection = members[index - 2];
-        if (!serve(connection)) peer_->disconnect(connection);
+        if (serve(connection)) continue;
+        if (!peer_->lock_list_unless(stop_event())) break;
+        peer_->disconnect_locked(connection);
+        peer_->list_lock_.unlock();
     }
     thread_id_ = 0;
     return 0;

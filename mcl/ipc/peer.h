@@ -155,8 +155,14 @@ private:
     uint32_t next_sequence();
     void start_io_threads();
     void stop_io_threads();
-    // The connections of one wait group, with counted references. Takes the list lock.
-    std::vector<share_ptr<ipc_connection>> group_connections(uint32_t group);
+    // Takes the connection-list lock, unless `stop` is set while waiting for it: the I/O
+    // threads use it, so that close, which stops them while holding the lock, never waits
+    // for a thread that waits for the lock.
+    bool lock_list_unless(HANDLE stop);
+    // The connections of one wait group, with counted references; false when `stop` came
+    // first (see lock_list_unless).
+    bool group_connections(uint32_t group, HANDLE stop, std::vector<share_ptr<ipc_connection>>& members);
+    void disconnect_locked(const share_ptr<ipc_connection>& connection);
     // The read thread's handling of one received frame.
     void receive(const share_ptr<ipc_connection>& connection, binary_t&& frame);
     void queue_reply(const ipc_event& e, const binary_t& reply_payload);
