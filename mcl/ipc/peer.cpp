@@ -237,8 +237,18 @@ bool ipc_peer::connect(const char* name, int timeout_ms) {
         (void)connecting.release();
         return false;
     }
-    share_ptr<ipc_connection> connection(new ipc_connection(ipc_connection::connect_type));
-    const bool opened_pipes = connection->open(pipe_path.c_str());
+    // The listener makes the next pair of pipes only after the previous client's signal (or,
+    // at its start, after it made the mutex): while there is none yet, try again in 50 ms
+    // steps within the time-out, still holding the mutex.
+    share_ptr<ipc_connection> connection;
+    bool opened_pipes = false;
+    for (;;) {
+        connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::connect_type));
+        opened_pipes = connection->open(pipe_path.c_str());
+        if (opened_pipes || remaining <= connect_retry_ms) break;
+        Sleep(connect_retry_ms);
+        remaining -= connect_retry_ms;
+    }
     // Also after a failed open: the listener makes a fresh pair for the next client.
     SetEvent(connected);
     CloseHandle(connected);

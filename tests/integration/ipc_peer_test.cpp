@@ -164,8 +164,10 @@ TEST(IpcPeer, ConnectWithoutListenerTriesEvery50MsUntilTheTimeOut) {
 
 TEST(IpcPeer, ClientsConnectingAtTheSameMomentAreAllServed) {
     nv_test::server_process server;
-    nv_test::child a = nv_test::start_client(server.name(), "echo 20");
-    nv_test::child b = nv_test::start_client(server.name(), "echo 20");
+    const std::string log_a = ::testing::TempDir() + nv_test::unique_name("nv_ipc_a") + ".log";
+    const std::string log_b = ::testing::TempDir() + nv_test::unique_name("nv_ipc_b") + ".log";
+    nv_test::child a = nv_test::start_client(server.name(), "echo 20", log_a);
+    nv_test::child b = nv_test::start_client(server.name(), "echo 20", log_b);
     std::atomic<int> served{0};
     std::thread threads[4];
     for (auto& t : threads)
@@ -175,8 +177,8 @@ TEST(IpcPeer, ClientsConnectingAtTheSameMomentAreAllServed) {
         });
     for (auto& t : threads) t.join();
     EXPECT_EQ(4, served.load());
-    EXPECT_EQ(0u, a.wait());
-    EXPECT_EQ(0u, b.wait());
+    EXPECT_EQ(0u, a.wait()) << nv_test::read_file(log_a);
+    EXPECT_EQ(0u, b.wait()) << nv_test::read_file(log_b);
 }
 
 TEST(IpcPeer, AHundredConnectionsAtOnceAreAllAnswered) {

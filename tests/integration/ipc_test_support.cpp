@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <fstream>
 #include <sstream>
 
@@ -41,9 +42,25 @@ server_process::~server_process() {
     std::remove(log_path_.c_str());
 }
 
-child start_client(const std::string& name, const std::string& command) {
-    const std::string log_path = ::testing::TempDir() + unique_name("nv_ipc_client") + ".log";
+child start_client(const std::string& name, const std::string& command, const std::string& log_path) {
     return start("\"" + bin_dir() + "nv_ipc_helper.exe\" client " + name + " \"" + log_path + "\" " + command);
+}
+
+// Opens a pipe, waiting while every instance is busy or none is there yet (the listener
+// makes the next one).
+static HANDLE open_waiting(const std::string& name, DWORD access) {
+    for (int tries = 0; tries < 100; ++tries) {
+        HANDLE h = CreateFileA(name.c_str(), access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (h != INVALID_HANDLE_VALUE) return h;
+        if (GetLastError() == ERROR_PIPE_BUSY) {
+            WaitNamedPipeA(name.c_str(), 1000);
+        } else if (GetLastError() == ERROR_FILE_NOT_FOUND) {
+            Sleep(50);
+        } else {
+            break;
+        }
+    }
+    return INVALID_HANDLE_VALUE;
 }
 
 bool raw_client::connect(const std::string& name) {
@@ -58,8 +75,8 @@ bool raw_client::connect(const std::string& name) {
     bool ok = w == WAIT_OBJECT_0 || w == WAIT_ABANDONED;
     const std::string pipe = "\\\\.\\pipe\\" + name;
     if (ok) {
-        in_ = CreateFileA((pipe + "_OUTBOUND").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        out_ = CreateFileA((pipe + "_INBOND").c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
+        out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
         if (in_ == INVALID_HANDLE_VALUE) in_ = nullptr;
         if (out_ == INVALID_HANDLE_VALUE) out_ = nullptr;
         HANDLE connected = OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str());

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <gtest/gtest.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -39,8 +41,9 @@ private:
     child child_;
 };
 
-// Starts nv_ipc_helper as a client of `name` running `command`.
-child start_client(const std::string& name, const std::string& command);
+// Starts nv_ipc_helper as a client of `name` running `command`, logging to `log_path`.
+child start_client(const std::string& name, const std::string& command,
+                   const std::string& log_path = ::testing::TempDir() + unique_name("nv_ipc_client") + ".log");
 
 // A client that does the handshake by hand and then reads and writes raw bytes on blocking
 // pipe handles.
