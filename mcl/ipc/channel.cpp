@@ -126,7 +126,9 @@ bool ipc_channel::finish_connect() {
 
 void ipc_channel::close() {
     if (pipe_ == nullptr) return;
-    if (direction_ == write_direction && connected_) FlushFileBuffers(pipe_);
+    // A write still pending means the other end is not reading: a flush would wait for it
+    // for ever, and its bytes are dropped with the connection anyway.
+    if (direction_ == write_direction && connected_ && !io_pending_) FlushFileBuffers(pipe_);
     if (owner_ != nullptr && owner_->type() == ipc_connection::listen_type) DisconnectNamedPipe(pipe_);
     if (io_pending_) {
         CancelIoEx(pipe_, nullptr);

@@ -54,6 +54,16 @@ TEST(IpcPeer, HandshakeAndTheReplyBytesForAnEmptyVersionRequest) {
     ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0})));
     ASSERT_TRUE(raw.read(17, reply));
     EXPECT_EQ(bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0}), reply);
+
+    // Kinds 1, 3 (nobody waits for them), 4 and unknown kinds get no reply; kind 2 is
+    // answered with kind 3. Only the last frame's reply may come back.
+    ASSERT_TRUE(raw.write(bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 8, 0, 0, 0, 1, 0, 0, 0, 'a',  //
+                                    3, 0, 0, 0, 0x01, 0, 0, 0x02, 9, 0, 0, 0, 1, 0, 0, 0, 'b',  //
+                                    4, 0, 0, 0, 0x01, 0, 0, 0x02, 10, 0, 0, 0, 1, 0, 0, 0, 'c', //
+                                    9, 0, 0, 0, 0x01, 0, 0, 0x02, 11, 0, 0, 0, 1, 0, 0, 0, 'd', //
+                                    2, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'})));
+    ASSERT_TRUE(raw.read(17, reply));
+    EXPECT_EQ(bytes_of({3, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'}), reply);
 }
 
 TEST(IpcPeer, TwoFramesInOneWriteAndOneFrameInThreeWritesGiveTheSameReplies) {
@@ -274,6 +284,64 @@ TEST(IpcPeer, AnOverLongLengthOrGarbageEndsOnlyThatConnection) {
     ASSERT_TRUE(fresh.connect(server.name()));
     EXPECT_TRUE(fresh.echo("fresh"));
     EXPECT_TRUE(server.running());
+}
+
+// The steps the service's own accept loop is built from.
+class test_listener : public mcl::ipc_peer {
+public:
+    using mcl::ipc_peer::ipc_peer;
+    using mcl::ipc_peer::connected_event;
+    using mcl::ipc_peer::connection_list_lock;
+    using mcl::ipc_peer::new_listen_connection;
+    using mcl::ipc_peer::setup;
+    using mcl::ipc_peer::shutdown_locked;
+};
+
+TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
+    nv_test::log_capture log;
+    nv_test::recording_handler handler;
+    const std::string name = nv_test::unique_name("nv_ipc_own");
+    const std::string pipe = "\\\\.\\pipe\\" + name;
+    test_listener server(name.c_str(), &handler);
+    EXPECT_EQ(name, server.name());
+
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    auto accept_loop = [&] {
+        for (;;) {
+            (void)server.new_listen_connection(pipe.c_str());
+            HANDLE handles[] = {stop.get(), server.connected_event()};
+            if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return;
+            ResetEvent(server.connected_event());
+        }
+    };
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(server.setup(true));
+        ASSERT_NE(nullptr, server.connected_event());
+        std::thread loop(accept_loop);
+        nv_test::child other = nv_test::start_client(name, "version");
+        client c;
+        ASSERT_TRUE(c.connect(name));
+        mcl::binary_t payload = text_payload("hello");
+        EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+        EXPECT_TRUE(handler.wait_for(nv_test::msg_echo, round + 1, 5000));
+        EXPECT_TRUE(handler.wait_for(nv_test::msg_version, round + 1, 5000));
+        EXPECT_EQ(0u, other.wait());
+
+        stop.set();
+        loop.join();
+        stop.reset();
+        {
+            mcl::scoped_lock guard(server.connection_list_lock());
+            server.shutdown_locked();
+        }
+        EXPECT_TRUE(server.connections().empty());
+        // The client sees its connection end; nobody listens any more.
+        mcl::binary_t request = text_payload("late");
+        EXPECT_FALSE(c.peer.send(nv_test::msg_echo, request, c.connection(), 2000));
+        client late;
+        EXPECT_FALSE(late.peer.connect(name.c_str(), 200));
+    }
 }
 
 }  // namespace

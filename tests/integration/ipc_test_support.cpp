@@ -6,6 +6,9 @@
 #include <fstream>
 #include <sstream>
 
+#include "mcl/encoding.h"
+#include "tests/helpers/ipc_test_messages.h"
+
 namespace nv_test {
 
 std::string read_file(const std::string& path) {
@@ -165,7 +168,11 @@ void raw_listener::drop() {
     }
 }
 
-int recording_handler::operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t&) {
+int recording_handler::operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) {
+    if (id == msg_version) {
+        payload.clear();
+        mcl::write_status(payload, true, "");
+    }
     mcl::scoped_lock guard(lock_);
     ids_.push_back(id);
     return 0;

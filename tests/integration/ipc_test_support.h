@@ -85,7 +85,8 @@ private:
     HANDLE out_ = nullptr;  // "_OUTBOUND": the client reads
 };
 
-// Records what a peer's handler receives.
+// Records what a peer's handler receives; answers 0x1000009 with a status reply (1, "") and
+// leaves other payloads as they came.
 class recording_handler : public mcl::ipc_msg_handler {
 public:
     int operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) override;
