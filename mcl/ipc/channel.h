@@ -104,7 +104,7 @@ private:
     // Moves queued bytes into the in-flight buffer when it has been written out.
     void take_queue_locked();
 
-    mcl::lock write_lock_;  // guards queue_, queue_is_a_ and the connected transition
+    mcl::lock write_lock_;  // guards the queue, which buffer is which, and the connected transition
     binary_t buffers_[2];   // one is the queue that enqueue grows, the other is in flight
     int queue_index_ = 0;
     uint32_t in_flight_offset_ = 0;  // bytes of the in-flight buffer already written

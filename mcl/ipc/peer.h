@@ -136,13 +136,20 @@ protected:
     // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
     void add_connection_locked(const share_ptr<ipc_connection>& connection);
     // close() for a caller that holds the connection-list lock, which also leaves listening
-    // mode (the connecting mutex and the connected event are closed).
+    // mode: the connecting mutex and the connected event are closed, so clients fail to
+    // connect until the next setup(true).
     void shutdown_locked();
+    // close() for a caller that holds the connection-list lock.
     void close_locked();
 
+    // Listening side: signalled by each client after its attempt to open the pipes; the accept
+    // loop resets it and makes the next listening connection. Null before setup(true).
     HANDLE connected_event() const { return connected_event_.get(); }
+    // Guards the connection list. Recursive; taken before any table lock or write lock.
     lock& connection_list_lock() { return list_lock_; }
 
+    // Event thread: calls the frame's handler and queues the reply of a request whose handler
+    // returned 0 or more. Returns the handler's result (0 without a handler).
     int handle_event(ipc_event& e) override;
 
 private:
