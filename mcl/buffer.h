@@ -35,6 +35,19 @@ public:
         if (this != &other) assign(other.data_, other.size_);
         return *this;
     }
+    // Moving hands a heap block over without copying (inline content is copied); the source
+    // is left empty.
+    buffer(buffer&& other) noexcept {
+        buffer::init();
+        take(other);
+    }
+    buffer& operator=(buffer&& other) noexcept {
+        if (this != &other) {
+            free_heap();
+            take(other);
+        }
+        return *this;
+    }
     virtual ~buffer() { free_heap(); }
 
     virtual void init() {
@@ -159,6 +172,19 @@ protected:
     }
 
 private:
+    void take(buffer& other) {
+        if (other.data_ == other.inline_) {
+            buffer::write_at(0, other.data_, other.size_);
+            other.size_ = 0;
+            return;
+        }
+        data_ = other.data_;
+        capacity_ = other.capacity_;
+        size_ = other.size_;
+        other.data_ = other.inline_;
+        other.capacity_ = inline_capacity;
+        other.size_ = 0;
+    }
     void free_heap() {
         if (data_ != inline_) free(data_);
         init();
@@ -178,6 +204,8 @@ public:
     binary_t() = default;
     binary_t(const binary_t&) = default;
     binary_t& operator=(const binary_t&) = default;
+    binary_t(binary_t&&) = default;
+    binary_t& operator=(binary_t&&) = default;
 
     bool operator==(const binary_t& other) const {
         return size() == other.size() && (size() == 0 || memcmp(data(), other.data(), size()) == 0);

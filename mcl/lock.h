@@ -23,6 +23,8 @@ public:
 
     void lock() override { EnterCriticalSection(&cs_); }
     void unlock() override { LeaveCriticalSection(&cs_); }
+    // Takes the lock only if that needs no wait.
+    bool try_lock() { return TryEnterCriticalSection(&cs_) != FALSE; }
 
 private:
     CRITICAL_SECTION cs_;

@@ -1,0 +1,329 @@
+#include "mcl/ipc/channel.h"
+
+#include <string>
+
+#include "app/log.h"
+#include "mcl/error_text.h"
+
+namespace mcl {
+
+namespace {
+
+// Suffix of the pipe a channel uses, by connection type and direction.
+const char* pipe_suffix(ipc_connection::connection_type type, ipc_channel::direction_type direction) {
+    static const char* const suffixes[2][2] = {
+        /*connect*/ {"_OUTBOUND", "_INBOND"},
+        /*listen*/ {"_INBOND", "_OUTBOUND"},
+    };
+    return suffixes[type == ipc_connection::listen_type ? 1 : 0][direction];
+}
+
+}  // namespace
+
+ipc_channel::ipc_channel(direction_type direction, ipc_connection* owner) : direction_(direction), owner_(owner) {
+    event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
+    overlapped_.hEvent = event_.get();
+}
+
+ipc_channel::~ipc_channel() { ipc_channel::close(); }
+
+bool ipc_channel::create(const char* pipe_path) {
+    if (pipe_path == nullptr || owner_ == nullptr) {
+        NV_LOG("mcl::ipc_channel::create", "Failed to create ipc channel, invalid parameters");
+        return false;
+    }
+    if (pipe_ != nullptr) close();
+    const ipc_connection::connection_type type = owner_->type();
+    if (type != ipc_connection::listen_type && type != ipc_connection::connect_type) {
+        NV_LOG("mcl::ipc_channel::create", "Failed to create ipc channel, invalid connection type");
+        return false;
+    }
+    const std::string name = std::string(pipe_path) + pipe_suffix(type, direction_);
+
+    if (type == ipc_connection::listen_type) {
+        SECURITY_ATTRIBUTES sa{};
+        sa.nLength = sizeof(sa);
+        sa.lpSecurityDescriptor = owner_->security_descriptor();
+        sa.bInheritHandle = TRUE;
+        const DWORD access = direction_ == read_direction ? PIPE_ACCESS_INBOUND : PIPE_ACCESS_OUTBOUND;
+        HANDLE h = CreateNamedPipeA(name.c_str(), access | FILE_FLAG_OVERLAPPED, /*pipe_mode=*/0,
+                                    /*max_instances=*/PIPE_UNLIMITED_INSTANCES, /*out_buffer=*/pipe_buffer_size,
+                                    /*in_buffer=*/pipe_buffer_size, /*default_timeout=*/pipe_default_timeout_ms, &sa);
+        if (h == INVALID_HANDLE_VALUE) {
+            const DWORD err = GetLastError();
+            NV_LOG("mcl::ipc_channel::create", "Failed to create the named pipe (\"%s\"), error: [%d:%s]", name.c_str(),
+                   static_cast<int>(err), error_text(err).c_str());
+            return false;
+        }
+        pipe_ = h;
+        return true;
+    }
+
+    const DWORD access = direction_ == read_direction ? GENERIC_READ : GENERIC_WRITE;
+    for (;;) {
+        HANDLE h = CreateFileA(name.c_str(), access, /*share=*/0, nullptr, OPEN_EXISTING,
+                               FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING, nullptr);
+        if (h != INVALID_HANDLE_VALUE) {
+            pipe_ = h;
+            // The set event makes the I/O thread run the channel once at once.
+            connected_ = event_.set();
+            return true;
+        }
+        const DWORD err = GetLastError();
+        if (err == ERROR_PIPE_BUSY) {
+            if (WaitNamedPipeA(name.c_str(), busy_wait_ms)) continue;
+            NV_LOG("mcl::ipc_channel::create", "Could not open the named pipe (\"%s\"): 30 seconds wait timed out.",
+                   name.c_str());
+            return false;
+        }
+        NV_LOG("mcl::ipc_channel::create", "Failed to open the named pipe (\"%s\"), error [%d:%s]", name.c_str(),
+               static_cast<int>(err), error_text(err).c_str());
+        return false;
+    }
+}
+
+bool ipc_channel::listen() {
+    if (ConnectNamedPipe(pipe_, &overlapped_)) {
+        NV_LOG("mcl::ipc_channel::listen", "Failed to connect the named pipe, error: [%d:%s]", 0, error_text(0).c_str());
+        return false;
+    }
+    const DWORD err = GetLastError();
+    switch (err) {
+    case ERROR_IO_PENDING:
+        io_pending_ = true;
+        return true;
+    case ERROR_PIPE_CONNECTED:
+        // The client got in first: no completion will signal, so signal now.
+        if (event_.set()) {
+            connected_ = true;
+            return true;
+        }
+        break;
+    default:
+        break;
+    }
+    const DWORD code = err == ERROR_PIPE_CONNECTED ? GetLastError() : err;
+    NV_LOG("mcl::ipc_channel::listen", "Failed to connect the named pipe, error: [%d:%s]", static_cast<int>(code),
+           error_text(code).c_str());
+    return false;
+}
+
+bool ipc_channel::finish_connect() {
+    if (connected_) return true;
+    if (!io_pending_) {
+        connected_ = true;
+        return true;
+    }
+    // Reset before asking, so that a connect completing in between signals again.
+    event_.reset();
+    DWORD n = 0;
+    if (!GetOverlappedResult(pipe_, &overlapped_, &n, FALSE) && GetLastError() == ERROR_IO_INCOMPLETE) return false;
+    // A failed connect shows itself in the first read or write.
+    io_pending_ = false;
+    connected_ = true;
+    return true;
+}
+
+void ipc_channel::close() {
+    if (pipe_ == nullptr) return;
+    // A write still pending means the other end is not reading: a flush would wait for it
+    // for ever, and its bytes are dropped with the connection anyway.
+    if (direction_ == write_direction && connected_ && !io_pending_) FlushFileBuffers(pipe_);
+    if (owner_ != nullptr && owner_->type() == ipc_connection::listen_type) DisconnectNamedPipe(pipe_);
+    if (io_pending_) {
+        CancelIoEx(pipe_, nullptr);
+        DWORD n = 0;
+        // The OVERLAPPED and the buffers of the cancelled operation must outlive it.
+        (void)GetOverlappedResult(pipe_, &overlapped_, &n, TRUE);
+        io_pending_ = false;
+    }
+    CloseHandle(pipe_);
+    pipe_ = nullptr;
+    connected_ = false;
+    overlapped_ = OVERLAPPED{};
+    overlapped_.hEvent = event_.get();
+    event_.reset();
+}
+
+// ---------------------------------------------------------------------------------------------
+
+ipc_read_channel::~ipc_read_channel() { ipc_channel::close(); }
+
+void ipc_read_channel::take_read(uint32_t n) {
+    if (reading_into_tail_) {
+        cutter_.commit(n);
+    } else {
+        cutter_.append(block_, n);
+    }
+}
+
+bool ipc_read_channel::collect_pending_result() {
+    DWORD n = 0;
+    if (GetOverlappedResult(pipe_, &overlapped_, &n, FALSE)) {
+        io_pending_ = false;
+        take_read(n);
+        return true;
+    }
+    const DWORD err = GetLastError();
+    if (err == ERROR_IO_INCOMPLETE) return true;  // woken early; the read is still under way
+    io_pending_ = false;
+    if (err == ERROR_BROKEN_PIPE) return false;  // the other end closed: the normal end
+    NV_LOG("mcl::ipc_read_channel::read", "Failed to read from channel, error in overlap result: [%d:%s]",
+           static_cast<int>(err), error_text(err).c_str());
+    return false;
+}
+
+bool ipc_read_channel::read(std::vector<binary_t>& frames) {
+    frames.clear();
+    if (pipe_ == nullptr) return false;
+    if (!connected_) {
+        if (!finish_connect()) return true;
+    } else if (io_pending_) {
+        if (!collect_pending_result()) return false;
+        if (io_pending_) return true;
+    }
+
+    for (;;) {
+        // The rest of a large frame goes straight to its place; everything else through the
+        // read block.
+        uint32_t room = 0;
+        unsigned char* tail = cutter_.frame_tail(sizeof(block_), room);
+        reading_into_tail_ = tail != nullptr;
+        DWORD n = 0;
+        if (ReadFile(pipe_, reading_into_tail_ ? tail : block_, reading_into_tail_ ? room : sizeof(block_), &n,
+                     &overlapped_)) {
+            if (n == 0) {
+                NV_LOG("mcl::ipc_read_channel::read", "Failed to read from channel, return zero data");
+                return false;
+            }
+            take_read(n);
+            continue;
+        }
+        const DWORD err = GetLastError();
+        if (err == ERROR_IO_PENDING) {
+            io_pending_ = true;
+            break;
+        }
+        NV_LOG("mcl::ipc_read_channel::read", "Failed to read from channel, error: [%d:%s]", static_cast<int>(err),
+               error_text(err).c_str());
+        return false;
+    }
+
+    if (cutter_.cut(frames) == frame_cutter::result::too_long) {
+        NV_LOG("mcl::ipc_read_channel::read", "Failed to read from channel, announced frame length %u exceeds the limit %u",
+               cutter_.rejected_length(), max_frame_payload);
+        return false;
+    }
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+
+ipc_write_channel::~ipc_write_channel() { ipc_channel::close(); }
+
+void ipc_write_channel::enqueue(const binary_t& frame) {
+    scoped_lock guard(write_lock_);
+    buffers_[queue_index_].append(frame);
+    event_.set();
+}
+
+void ipc_write_channel::enqueue(binary_t&& frame) {
+    scoped_lock guard(write_lock_);
+    binary_t& queue = buffers_[queue_index_];
+    if (queue.empty()) {
+        queue = std::move(frame);
+    } else {
+        queue.append(frame);
+    }
+    event_.set();
+}
+
+bool ipc_write_channel::enqueue_if_connected(const binary_t& frame) {
+    scoped_lock guard(write_lock_);
+    // connected_ turns true under this lock before any write starts, so while it is false the
+    // OVERLAPPED still holds the connect and tells whether a client has come.
+    if (!connected_ && (pipe_ == nullptr || (io_pending_ && !HasOverlappedIoCompleted(&overlapped_)))) return false;
+    buffers_[queue_index_].append(frame);
+    event_.set();
+    return true;
+}
+
+void ipc_write_channel::take_queue_locked() {
+    binary_t& in_flight = buffers_[queue_index_ ^ 1];
+    if (in_flight_offset_ < in_flight.size()) return;
+    in_flight.clear();
+    in_flight_offset_ = 0;
+    queue_index_ ^= 1;  // the queue becomes the bytes in flight; enqueue now grows the other
+}
+
+bool ipc_write_channel::complete_write() {
+    if (pipe_ == nullptr) return false;
+    if (!connected_) {
+        scoped_lock guard(write_lock_);
+        if (!finish_connect()) return true;
+    } else if (io_pending_) {
+        event_.reset();  // a completion after this sets it again
+        DWORD n = 0;
+        if (!GetOverlappedResult(pipe_, &overlapped_, &n, FALSE)) {
+            const DWORD err = GetLastError();
+            if (err == ERROR_IO_INCOMPLETE) return true;  // woken by enqueue; the write goes on
+            io_pending_ = false;
+            NV_LOG("mcl::ipc_write_channel::complete_write", "Failed to write to channel, error in overlap result: [%d:%s]",
+                   static_cast<int>(err), error_text(err).c_str());
+            return false;
+        }
+        io_pending_ = false;
+        if (n == 0) {
+            NV_LOG("mcl::ipc_write_channel::complete_write", "Failed to write to channel, error in overlap result: [%d:%s]",
+                   0, error_text(0).c_str());
+            return false;
+        }
+        in_flight_offset_ += n;
+    }
+
+    for (;;) {
+        binary_t* in_flight = nullptr;
+        {
+            scoped_lock guard(write_lock_);
+            take_queue_locked();
+            in_flight = &buffers_[queue_index_ ^ 1];
+            if (in_flight_offset_ >= in_flight->size()) {
+                // Nothing left: sleep until the next enqueue. Under the lock, so no wake-up is lost.
+                event_.reset();
+                return true;
+            }
+        }
+        // The in-flight buffer belongs to this thread until it is written out; enqueue only
+        // touches the other one.
+        const DWORD remaining = in_flight->size() - in_flight_offset_;
+        DWORD n = 0;
+        if (WriteFile(pipe_, in_flight->data() + in_flight_offset_, remaining, &n, &overlapped_) && n > 0) {
+            in_flight_offset_ += n;
+            continue;
+        }
+        const DWORD err = GetLastError();
+        if (err == ERROR_IO_PENDING) {
+            io_pending_ = true;
+            return true;
+        }
+        NV_LOG("mcl::ipc_write_channel::complete_write", "Failed to write to channel, error: [%d:%s]", static_cast<int>(err),
+               error_text(err).c_str());
+        return false;
+    }
+}
+
+// ---------------------------------------------------------------------------------------------
+
+ipc_connection::ipc_connection(connection_type type) : type_(type), reader_(this), writer_(this) {
+    security_ = make_null_dacl_descriptor();  // null: the pipes get default security
+}
+
+ipc_connection::~ipc_connection() {
+    reader_.close();
+    writer_.close();
+    if (security_ != nullptr) LocalFree(security_);
+}
+
+bool ipc_connection::open(const char* pipe_path) { return reader_.create(pipe_path) && writer_.create(pipe_path); }
+
+}  // namespace mcl

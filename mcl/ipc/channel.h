@@ -1,0 +1,142 @@
+// One IPC connection: a pair of one-way named pipes opened for overlapped I/O.
+//
+// The listening end creates "<path>_INBOND" (it reads) and "<path>_OUTBOUND" (it writes); the
+// connecting end opens them the other way round. Every channel has one manual-reset event,
+// which is also the event of its OVERLAPPED: the peer's read thread waits on read-channel
+// events, its write thread on write-channel events, and each call does what the pipe allows now
+// and leaves one overlapped operation pending for the rest. No call blocks on the pipe.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "mcl/buffer.h"
+#include "mcl/event.h"
+#include "mcl/ipc/frame.h"
+#include "mcl/lock.h"
+#include "mcl/share_ptr.h"
+
+namespace mcl {
+
+class ipc_connection;
+
+class ipc_channel {
+public:
+    enum direction_type : uint32_t { read_direction = 0, write_direction = 1 };
+    static constexpr DWORD pipe_buffer_size = 4096;
+    static constexpr DWORD pipe_default_timeout_ms = 5000;
+    static constexpr DWORD busy_wait_ms = 30000;
+
+    ipc_channel(direction_type direction, ipc_connection* owner);
+    ipc_channel(const ipc_channel&) = delete;
+    ipc_channel& operator=(const ipc_channel&) = delete;
+    virtual ~ipc_channel();
+
+    // Listening end: creates the pipe instance. Connecting end: opens the pipe, waiting up to
+    // 30 s on the name while every instance is busy, and sets the channel event so that the I/O
+    // thread runs the channel once. Closes a pipe already open first. Logs its failures.
+    virtual bool create(const char* pipe_path);
+    // Flushes (write channel), disconnects (listening end), cancels pending I/O and waits for
+    // it, closes the pipe. Safe on a closed channel. Not while the I/O thread uses the channel.
+    virtual void close();
+    // Listening end: starts the overlapped connect on the created pipe.
+    virtual bool listen();
+
+    HANDLE event_handle() const { return event_.get(); }
+    bool is_open() const { return pipe_ != nullptr; }
+    bool connected() const { return connected_; }
+
+protected:
+    // Takes the finished connect (listening end) off the OVERLAPPED. True when it completed
+    // (connected is then set) or there was none; false while the client has not come yet.
+    // The I/O thread only.
+    bool finish_connect();
+
+    direction_type direction_;
+    HANDLE pipe_ = nullptr;
+    OVERLAPPED overlapped_{};
+    mcl::event event_;
+    std::atomic<bool> connected_{false};
+    bool io_pending_ = false;  // an overlapped operation (connect, read or write) is outstanding
+    ipc_connection* owner_;
+};
+
+class ipc_read_channel : public ipc_channel {
+public:
+    explicit ipc_read_channel(ipc_connection* owner) : ipc_channel(read_direction, owner) {}
+    ~ipc_read_channel() override;
+
+    // Collects what the pipe has, leaves a read pending and cuts the whole frames received so
+    // far into `frames` (emptied first). False means the connection is dead (broken pipe, a
+    // failed read, an over-long announced frame). The read thread only.
+    bool read(std::vector<binary_t>& frames);
+
+private:
+    bool collect_pending_result();
+    void take_read(uint32_t n);
+
+    frame_cutter cutter_;
+    unsigned char block_[pipe_buffer_size];
+    bool reading_into_tail_ = false;  // the last ReadFile targets the cutter, not the block
+};
+
+class ipc_write_channel : public ipc_channel {
+public:
+    explicit ipc_write_channel(ipc_connection* owner) : ipc_channel(write_direction, owner) {}
+    ~ipc_write_channel() override;
+
+    // Queues a whole frame and wakes the write thread. Any thread; frames never interleave.
+    void enqueue(const binary_t& frame);
+    // As above, taking over the frame's storage when nothing else is queued.
+    void enqueue(binary_t&& frame);
+    // As enqueue, but only once a client is on the pipe; false (nothing queued) while a
+    // listening pipe still waits for its client. Any thread.
+    bool enqueue_if_connected(const binary_t& frame);
+    // Writes as much as the pipe takes now and leaves the rest pending. False means the
+    // connection is dead. The write thread only.
+    bool complete_write();
+
+private:
+    // Moves queued bytes into the in-flight buffer when it has been written out.
+    void take_queue_locked();
+
+    mcl::lock write_lock_;  // guards the queue, which buffer is which, and the connected transition
+    binary_t buffers_[2];   // one is the queue that enqueue grows, the other is in flight
+    int queue_index_ = 0;
+    uint32_t in_flight_offset_ = 0;  // bytes of the in-flight buffer already written
+};
+
+// A counted pair of channels. Always held through share_ptr<ipc_connection>.
+class ipc_connection : public share_obj {
+public:
+    enum connection_type : uint32_t { connect_type = 0, listen_type = 1 };
+
+    explicit ipc_connection(connection_type type);
+    ~ipc_connection() override;
+
+    // Creates or opens both pipes (read channel first); false when either fails.
+    bool open(const char* pipe_path);
+
+    connection_type type() const { return type_; }
+    void* security_descriptor() const { return security_; }
+    ipc_read_channel& reader() { return reader_; }
+    ipc_write_channel& writer() { return writer_; }
+    void enqueue(const binary_t& frame) { writer_.enqueue(frame); }
+    void enqueue(binary_t&& frame) { writer_.enqueue(std::move(frame)); }
+
+    // Which of the peer's wait groups serves this connection; set by the peer under its
+    // connection-list lock.
+    uint32_t wait_group = 0;
+
+private:
+    connection_type type_;
+    ipc_read_channel reader_;
+    ipc_write_channel writer_;
+    void* security_ = nullptr;  // NULL-DACL descriptor (LocalAlloc), or null for default security
+};
+
+}  // namespace mcl

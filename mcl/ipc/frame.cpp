@@ -1,0 +1,125 @@
+#include "mcl/ipc/frame.h"
+
+#include <cstring>
+
+namespace mcl {
+
+namespace {
+
+uint32_t load_u32(const unsigned char* p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
+void store_u32(unsigned char* p, uint32_t v) {
+    p[0] = static_cast<unsigned char>(v);
+    p[1] = static_cast<unsigned char>(v >> 8);
+    p[2] = static_cast<unsigned char>(v >> 16);
+    p[3] = static_cast<unsigned char>(v >> 24);
+}
+
+unsigned char* frame_tail_none(uint32_t& room) {
+    room = 0;
+    return nullptr;
+}
+
+}  // namespace
+
+bool read_frame_header(const unsigned char* bytes, uint32_t size, frame_header& header) {
+    if (bytes == nullptr || size < frame_header_size) return false;
+    header.kind = load_u32(bytes);
+    header.message_id = load_u32(bytes + 4);
+    header.sequence = load_u32(bytes + 8);
+    header.length = load_u32(bytes + 12);
+    return true;
+}
+
+void append_frame(binary_t& out, frame_kind kind, uint32_t message_id, uint32_t sequence, const unsigned char* payload,
+                  uint32_t length) {
+    unsigned char header[frame_header_size];
+    store_u32(header, static_cast<uint32_t>(kind));
+    store_u32(header + 4, message_id);
+    store_u32(header + 8, sequence);
+    store_u32(header + 12, length);
+    out.append(header, frame_header_size);
+    if (length == 0) {
+        const unsigned char pad = 0;
+        out.append(&pad, 1);
+    } else {
+        out.append(payload, length);
+    }
+}
+
+void copy_frame_payload(const binary_t& frame, binary_t& payload) {
+    payload.clear();
+    frame_header header;
+    if (!read_frame_header(frame, header) || header.length == 0) return;
+    if (frame_size(header.length) > frame.size()) return;
+    payload.append(frame.data() + frame_header_size, header.length);
+}
+
+bool frame_cutter::reserve(uint32_t n) {
+    // Move the remainder to the front, but only when that costs no more than the bytes
+    // already consumed.
+    if (begin_ != 0 && pending() <= begin_) {
+        memmove(storage_.data(), storage_.data() + begin_, pending());
+        end_ -= begin_;
+        begin_ = 0;
+    }
+    const uint64_t required = static_cast<uint64_t>(end_) + n;
+    if (required > UINT32_MAX) return false;
+    if (required > storage_.size()) {
+        uint64_t capacity = storage_.size() < 4096 ? 4096 : storage_.size();
+        while (capacity < required) capacity *= 2;
+        storage_.resize(static_cast<size_t>(capacity < UINT32_MAX ? capacity : UINT32_MAX));
+    }
+    return true;
+}
+
+void frame_cutter::append(const unsigned char* bytes, uint32_t n) {
+    if (n == 0 || bytes == nullptr || !reserve(n)) return;
+    memcpy(storage_.data() + end_, bytes, n);
+    end_ += n;
+}
+
+unsigned char* frame_cutter::frame_tail(uint32_t min_bytes, uint32_t& room) {
+    frame_header header;
+    if (!read_frame_header(storage_.data() + begin_, pending(), header) || header.length > max_frame_payload)
+        return frame_tail_none(room);
+    const uint64_t size = frame_size(header.length);
+    if (size <= pending() || size - pending() <= min_bytes) return frame_tail_none(room);
+    const auto missing = static_cast<uint32_t>(size - pending());
+    if (!reserve(missing)) return frame_tail_none(room);
+    room = missing;
+    return storage_.data() + end_;
+}
+
+void frame_cutter::commit(uint32_t n) {
+    if (static_cast<uint64_t>(end_) + n <= storage_.size()) end_ += n;
+}
+
+frame_cutter::result frame_cutter::cut(std::vector<binary_t>& frames) {
+    while (pending() > frame_header_size) {
+        frame_header header;
+        (void)read_frame_header(storage_.data() + begin_, pending(), header);
+        if (header.length > max_frame_payload) {
+            rejected_length_ = header.length;
+            return result::too_long;
+        }
+        const uint64_t size = frame_size(header.length);
+        if (size > pending()) break;
+        frames.emplace_back(storage_.data() + begin_, static_cast<uint32_t>(size));
+        begin_ += static_cast<uint32_t>(size);
+    }
+    if (begin_ == end_) begin_ = end_ = 0;
+    return result::ok;
+}
+
+void frame_cutter::reset() {
+    storage_.clear();
+    storage_.shrink_to_fit();
+    begin_ = end_ = 0;
+    rejected_length_ = 0;
+}
+
+}  // namespace mcl

@@ -1,0 +1,496 @@
+#include "mcl/ipc/peer.h"
+
+#include <algorithm>
+
+#include "app/log.h"
+#include "mcl/error_text.h"
+
+namespace mcl {
+
+namespace {
+
+constexpr const char* pipe_prefix = "\\\\.\\pipe\\";
+constexpr const char* global_prefix = "Global\\";
+constexpr int send_step_ms = 50;
+constexpr int connect_retry_ms = 50;
+
+// Erases every entry of a (connection, sequence)-keyed table that belongs to `connection`.
+template <typename Map>
+void erase_connection(Map& table, ipc_connection* connection) {
+    auto it = table.lower_bound({connection, 0});
+    while (it != table.end() && it->first.first == connection) it = table.erase(it);
+}
+
+// Turns a whole frame into its payload in place, without a second buffer.
+void take_frame_payload(binary_t& frame, const frame_header& header) {
+    if (header.length == 0) {
+        frame.clear();
+        return;
+    }
+    frame.drop_front(frame_header_size);
+    if (frame.size() > header.length) frame.drop_back(frame.size() - header.length);
+}
+
+}  // namespace
+
+ipc_peer::ipc_peer(const char* name, ipc_msg_handler* handler) : name_(name != nullptr ? name : ""), handler_(handler) {}
+
+ipc_peer::~ipc_peer() {
+    {
+        scoped_lock guard(list_lock_);
+        close_locked();
+    }
+    connected_event_.close();
+    (void)connecting_mutex_.release();
+    connecting_mutex_.close();
+    read_threads_.clear();
+    write_threads_.clear();
+}
+
+uint32_t ipc_peer::next_sequence() {
+    scoped_lock guard(sequence_lock_);
+    return ++sequence_;
+}
+
+std::vector<share_ptr<ipc_connection>> ipc_peer::connections() {
+    scoped_lock guard(list_lock_);
+    return connections_;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Sending
+
+bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connection> connection, int timeout_ms) {
+    if (!connection) return false;
+    const uint32_t sequence = next_sequence();
+    binary_t frame;
+    append_frame(frame, frame_kind::request, message_id, sequence, payload);
+    const table_key key{connection.get(), sequence};
+
+    AcquireSRWLockExclusive(&response_lock_);
+    responses_[key].connection = connection;
+    ReleaseSRWLockExclusive(&response_lock_);
+
+    connection->enqueue(std::move(frame));
+
+    // The time-out is spent in 50 ms steps; a stored reply or a dropped connection wakes the
+    // wait at once.
+    bool replied = false;
+    bool dropped = false;
+    int remaining = timeout_ms;
+    AcquireSRWLockExclusive(&response_lock_);
+    ULONGLONG step_end = GetTickCount64() + send_step_ms;
+    for (;;) {
+        const ULONGLONG now = GetTickCount64();
+        bool step_done = false;
+        if (now >= step_end) {
+            remaining -= send_step_ms;
+            step_end += send_step_ms;
+            step_done = true;
+        } else {
+            (void)SleepConditionVariableSRW(&response_changed_, &response_lock_, static_cast<DWORD>(step_end - now), 0);
+        }
+        const auto it = responses_.find(key);
+        if (it == responses_.end()) {
+            dropped = true;
+            break;
+        }
+        if (!it->second.payload.empty()) {
+            payload = std::move(it->second.payload);
+            replied = true;
+            break;
+        }
+        if (step_done && remaining <= 0) break;
+    }
+    responses_.erase(key);
+    ReleaseSRWLockExclusive(&response_lock_);
+
+    if (dropped)
+        NV_LOG("mcl::ipc_peer::send", "IPC connection has been terminated when waiting for response for message [%d]",
+               static_cast<int>(message_id));
+    if (!replied && (!dropped || remaining <= 0))
+        NV_LOG("mcl::ipc_peer::send", "Time out when waiting for response for message [%d]", static_cast<int>(message_id));
+    return replied;
+}
+
+bool ipc_peer::post(uint32_t message_id, const binary_t& payload, share_ptr<ipc_connection> connection) {
+    binary_t frame;
+    append_frame(frame, frame_kind::post, message_id, next_sequence(), payload);
+    if (connection) {
+        connection->enqueue(frame);
+        return true;
+    }
+    scoped_lock guard(list_lock_);
+    // A listening pipe still waiting for its client is not a live connection yet.
+    for (auto& c : connections_) (void)c->writer().enqueue_if_connected(frame);
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Receiving
+
+void ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& frame) {
+    frame_header header;
+    if (!read_frame_header(frame, header)) return;
+    switch (static_cast<frame_kind>(header.kind)) {
+    case frame_kind::request:
+    case frame_kind::routed_request:
+    case frame_kind::post: {
+        ipc_event e;
+        e.connection = connection;
+        e.frame = std::move(frame);
+        e.handler = handler_;
+        post_event(std::move(e));
+        break;
+    }
+    case frame_kind::response: {
+        const table_key key{connection.get(), header.sequence};
+        take_frame_payload(frame, header);
+        AcquireSRWLockExclusive(&response_lock_);
+        response_slot& slot = responses_[key];  // a reply nobody waits for stays until the connection goes
+        if (!slot.connection) slot.connection = connection;
+        slot.payload = std::move(frame);
+        ReleaseSRWLockExclusive(&response_lock_);
+        WakeAllConditionVariable(&response_changed_);
+        break;
+    }
+    case frame_kind::routed_reply: {
+        ipc_msg_handler* handler = nullptr;
+        {
+            scoped_lock guard(reply_handler_lock_);
+            const auto it = reply_handlers_.find({connection.get(), header.sequence});
+            if (it != reply_handlers_.end()) {
+                handler = it->second;
+                reply_handlers_.erase(it);
+            }
+        }
+        if (handler != nullptr) {
+            ipc_event e;
+            e.connection = connection;
+            e.frame = std::move(frame);
+            e.handler = handler;
+            post_event(std::move(e));
+        }
+        break;
+    }
+    default:
+        break;  // unknown kinds are ignored
+    }
+}
+
+int ipc_peer::handle_event(ipc_event& e) {
+    if (e.handler == nullptr) return 0;
+    frame_header header;
+    if (!read_frame_header(e.frame, header)) return 0;
+    binary_t payload = std::move(e.frame);
+    take_frame_payload(payload, header);
+    const int result = (*e.handler)(e.connection.get(), header.message_id, payload);
+    if (result < 0 || !e.connection) return result;
+    const auto kind = static_cast<frame_kind>(header.kind);
+    if (kind != frame_kind::request && kind != frame_kind::routed_request) return result;
+    binary_t reply;
+    append_frame(reply, kind == frame_kind::request ? frame_kind::response : frame_kind::routed_reply, header.message_id,
+                 header.sequence, payload);
+    e.connection->enqueue(std::move(reply));  // dropped with the connection if the client has gone
+    return result;
+}
+
+// ---------------------------------------------------------------------------------------------
+// Connections
+
+bool ipc_peer::connect(const char* name, int timeout_ms) {
+    if (name == nullptr) return false;
+    const std::string pipe_path = std::string(pipe_prefix) + name;
+    start();
+    start_io_threads();
+
+    const std::string base = std::string(global_prefix) + name;
+    const std::string mutex_name = base + "_MTX_CONNECTING";
+    int remaining = timeout_ms;
+    if (remaining < 1) {
+        NV_LOG("mcl::ipc_peer::connect", "Failed to open the connecting mutex for pipe[%s], peer may not start yet.", name);
+        return false;
+    }
+    mutex connecting;
+    bool opened = false;
+    for (;;) {
+        if (connecting.open(mutex_name.c_str()) == 0) {
+            opened = true;
+            break;
+        }
+        Sleep(connect_retry_ms);
+        remaining -= connect_retry_ms;
+        if (remaining <= 0) break;
+    }
+    if (!opened) {
+        NV_LOG("mcl::ipc_peer::connect", "Failed to open the connecting mutex for pipe[%s], peer may not start yet.", name);
+        return false;
+    }
+    if (connecting.acquire(static_cast<DWORD>(remaining)) != 0) {
+        NV_LOG("mcl::ipc_peer::connect", "Failed to acquire the pipe[%s] connecting mutex within %d milli-seconds", name,
+               remaining);
+        return false;
+    }
+    HANDLE connected = OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, (base + "_EV_CONNECTED").c_str());
+    if (connected == nullptr) {
+        NV_LOG("mcl::ipc_peer::connect", "Failed to open the connected event for pipe[%s].", name);
+        (void)connecting.release();
+        return false;
+    }
+    // The listener makes the next pair of pipes only after the previous client's signal (or,
+    // at its start, after it made the mutex): while there is none yet, try again in 50 ms
+    // steps within the time-out, still holding the mutex.
+    share_ptr<ipc_connection> connection;
+    bool opened_pipes = false;
+    for (;;) {
+        connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::connect_type));
+        opened_pipes = connection->open(pipe_path.c_str());
+        if (opened_pipes || remaining <= connect_retry_ms) break;
+        Sleep(connect_retry_ms);
+        remaining -= connect_retry_ms;
+    }
+    // Also after a failed open: the listener makes a fresh pair for the next client.
+    SetEvent(connected);
+    CloseHandle(connected);
+    (void)connecting.release();
+    if (!opened_pipes) return false;
+
+    scoped_lock guard(list_lock_);
+    add_connection_locked(connection);
+    refresh();
+    return true;
+}
+
+bool ipc_peer::setup(bool listening) {
+    if (listening) {
+        const std::string base = std::string(global_prefix) + name_;
+        const bool inherit = false;
+        // A second listener under the same name simply has no mutex.
+        (void)connecting_mutex_.create((base + "_MTX_CONNECTING").c_str(), &inherit);
+        if (!connected_event_.valid()) (void)connected_event_.create((base + "_EV_CONNECTED").c_str());
+    }
+    const bool started = start();
+    start_io_threads();
+    return started;
+}
+
+void ipc_peer::listen() {
+    const std::string pipe_path = std::string(pipe_prefix) + name_;
+    for (;;) {
+        (void)new_listen_connection(pipe_path.c_str());
+        if (connected_event_.valid()) {
+            WaitForSingleObjectEx(connected_event_.get(), INFINITE, TRUE);
+            connected_event_.reset();
+        } else {
+            SleepEx(INFINITE, TRUE);
+        }
+    }
+}
+
+share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path) {
+    share_ptr<ipc_connection> connection(new ipc_connection(ipc_connection::listen_type));
+    const bool ok = connection->reader().create(pipe_path) && connection->writer().create(pipe_path) &&
+                    connection->reader().listen() && connection->writer().listen();
+    if (!ok) {
+        NV_LOG("mcl::ipc_peer::new_listen_connection", "Failed to setup listener connection");
+        return {};
+    }
+    scoped_lock guard(list_lock_);
+    add_connection_locked(connection);
+    refresh();
+    return connection;
+}
+
+void ipc_peer::add_connection_locked(const share_ptr<ipc_connection>& connection) {
+    uint32_t group = 0;
+    while (group < group_sizes_.size() && group_sizes_[group] >= connections_per_wait) ++group;
+    if (group == group_sizes_.size()) group_sizes_.push_back(0);
+    ++group_sizes_[group];
+    connection->wait_group = group;
+    connections_.push_back(connection);
+    while (read_threads_.size() <= group) {
+        const auto index = static_cast<uint32_t>(read_threads_.size());
+        read_threads_.emplace_back(new msg_read_thread(this, index));
+        write_threads_.emplace_back(new msg_write_thread(this, index));
+    }
+    read_threads_[group]->start();
+    write_threads_[group]->start();
+}
+
+void ipc_peer::disconnect(share_ptr<ipc_connection> connection) {
+    scoped_lock guard(list_lock_);
+    disconnect_locked(connection);
+}
+
+bool ipc_peer::lock_list_unless(HANDLE stop) {
+    while (!list_lock_.try_lock()) {
+        if (WaitForSingleObject(stop, 1) == WAIT_OBJECT_0) return false;
+    }
+    return true;
+}
+
+void ipc_peer::disconnect_locked(const share_ptr<ipc_connection>& connection) {
+    const auto it = std::find(connections_.begin(), connections_.end(), connection);
+    if (it != connections_.end()) {
+        {
+            scoped_lock handlers(reply_handler_lock_);
+            erase_connection(reply_handlers_, connection.get());
+        }
+        AcquireSRWLockExclusive(&response_lock_);
+        erase_connection(responses_, connection.get());  // a send waiting on it sees its entry gone
+        ReleaseSRWLockExclusive(&response_lock_);
+        WakeAllConditionVariable(&response_changed_);
+        const uint32_t group = connection->wait_group;
+        if (group < group_sizes_.size() && group_sizes_[group] > 0) --group_sizes_[group];
+        connections_.erase(it);
+    }
+    refresh();
+}
+
+void ipc_peer::close() {
+    scoped_lock guard(list_lock_);
+    close_locked();
+}
+
+void ipc_peer::close_locked() {
+    stop(thread_stop_seconds);
+    stop_io_threads();
+    connections_.clear();
+    group_sizes_.clear();
+    {
+        scoped_lock handlers(reply_handler_lock_);
+        reply_handlers_.clear();
+    }
+    AcquireSRWLockExclusive(&response_lock_);
+    responses_.clear();
+    ReleaseSRWLockExclusive(&response_lock_);
+    WakeAllConditionVariable(&response_changed_);
+    {
+        scoped_lock sequence(sequence_lock_);
+        sequence_ = 0;
+    }
+    refresh();
+}
+
+void ipc_peer::shutdown_locked() {
+    close_locked();
+    connected_event_.close();
+    (void)connecting_mutex_.release();
+    connecting_mutex_.close();
+}
+
+void ipc_peer::refresh() {
+    scoped_lock guard(list_lock_);
+    for (auto& t : read_threads_) t->wake();
+    for (auto& t : write_threads_) t->wake();
+}
+
+void ipc_peer::start_io_threads() {
+    scoped_lock guard(list_lock_);
+    if (read_threads_.empty()) {
+        read_threads_.emplace_back(new msg_read_thread(this, 0));
+        write_threads_.emplace_back(new msg_write_thread(this, 0));
+    }
+    for (size_t group = 0; group < read_threads_.size(); ++group) {
+        if (group != 0 && (group >= group_sizes_.size() || group_sizes_[group] == 0)) continue;
+        read_threads_[group]->start();
+        write_threads_[group]->start();
+    }
+}
+
+void ipc_peer::stop_io_threads() {
+    // Signal every thread first so that none waits for the others' time-outs.
+    for (auto& t : write_threads_) SetEvent(t->stop_event());
+    for (auto& t : read_threads_) SetEvent(t->stop_event());
+    for (auto& t : write_threads_) t->stop(thread_stop_seconds);
+    for (auto& t : read_threads_) t->stop(thread_stop_seconds);
+}
+
+bool ipc_peer::group_connections(uint32_t group, HANDLE stop, std::vector<share_ptr<ipc_connection>>& members) {
+    members.clear();
+    if (!lock_list_unless(stop)) return false;
+    for (const auto& c : connections_)
+        if (c->wait_group == group) members.push_back(c);
+    list_lock_.unlock();
+    return true;
+}
+
+// ---------------------------------------------------------------------------------------------
+// I/O threads
+
+ipc_peer::msg_io_thread::msg_io_thread(ipc_peer* peer, uint32_t group) : peer_(peer), group_(group) {
+    refresh_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
+}
+
+ipc_peer::msg_io_thread::~msg_io_thread() { msg_io_thread::stop(thread_stop_seconds); }
+
+void ipc_peer::msg_io_thread::stop(uint32_t seconds) {
+    // The thread never waits in a synchronous pipe call, but a cancel costs nothing.
+    const DWORD id = thread_id_.load();
+    if (id != 0 && id != GetCurrentThreadId()) {
+        HANDLE h = OpenThread(THREAD_TERMINATE, FALSE, id);
+        if (h != nullptr) {
+            CancelSynchronousIo(h);
+            CloseHandle(h);
+        }
+    }
+    thread::stop(seconds);
+}
+
+DWORD ipc_peer::msg_io_thread::run() {
+    thread_id_ = GetCurrentThreadId();
+    std::vector<share_ptr<ipc_connection>> members;
+    std::vector<HANDLE> handles;
+    bool rebuild = true;
+    for (;;) {
+        if (rebuild) {
+            refresh_event_.reset();  // before the snapshot, so a later change signals again
+            if (!peer_->group_connections(group_, stop_event(), members)) break;
+            handles.assign({stop_event(), refresh_event_.get()});
+            for (auto& c : members) handles.push_back(channel_event(*c));
+            rebuild = false;
+        }
+        const DWORD r = WaitForMultipleObjects(static_cast<DWORD>(handles.size()), handles.data(), FALSE, INFINITE);
+        if (r == WAIT_OBJECT_0) break;
+        const DWORD index = r - WAIT_OBJECT_0;
+        if (r == WAIT_FAILED || index == 1 || index >= handles.size()) {
+            if (r == WAIT_FAILED) Sleep(10);  // never spin on a broken wait
+            rebuild = true;
+            continue;
+        }
+        share_ptr<ipc_connection> connection = members[index - 2];
+        if (serve(connection)) continue;
+        if (!peer_->lock_list_unless(stop_event())) break;
+        peer_->disconnect_locked(connection);
+        peer_->list_lock_.unlock();
+    }
+    thread_id_ = 0;
+    return 0;
+}
+
+ipc_peer::msg_read_thread::~msg_read_thread() { msg_read_thread::stop(thread_stop_seconds); }
+
+HANDLE ipc_peer::msg_read_thread::channel_event(ipc_connection& connection) {
+    return connection.reader().event_handle();
+}
+
+bool ipc_peer::msg_read_thread::serve(share_ptr<ipc_connection>& connection) {
+    if (!connection->reader().read(frames_)) return false;
+    for (auto& frame : frames_) peer_->receive(connection, std::move(frame));
+    frames_.clear();
+    return true;
+}
+
+ipc_peer::msg_write_thread::~msg_write_thread() { msg_write_thread::stop(thread_stop_seconds); }
+
+HANDLE ipc_peer::msg_write_thread::channel_event(ipc_connection& connection) {
+    return connection.writer().event_handle();
+}
+
+bool ipc_peer::msg_write_thread::serve(share_ptr<ipc_connection>& connection) {
+    if (connection->writer().complete_write()) return true;
+    NV_LOG("mcl::ipc_peer::msg_write_thread::run", "ipc channel write failed, abort the ipc connection.");
+    return false;
+}
+
+}  // namespace mcl

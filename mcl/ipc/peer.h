@@ -1,0 +1,200 @@
+// The endpoint of the IPC transport: connects to or listens under an endpoint name, sends
+// requests and waits for their replies, posts one-way messages, and hands every received
+// request and post to its handler on its own event thread, replying with what the handler
+// left in the payload.
+//
+// Threads: the event thread (the base event_thread: every handler call, one at a time, in
+// arrival order across connections), the read and write threads (one wait over the channel
+// events of up to 62 connections each; more connections get further read and write threads),
+// plus callers of send, post and connect and, on the listening side, the accept loop.
+// Lock order: connection-list lock, then a table lock or a connection's write lock.
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "mcl/buffer.h"
+#include "mcl/event.h"
+#include "mcl/ipc/channel.h"
+#include "mcl/ipc/frame.h"
+#include "mcl/lock.h"
+#include "mcl/mutex.h"
+#include "mcl/share_ptr.h"
+#include "mcl/thread.h"
+
+namespace mcl {
+
+class ipc_msg_handler {
+public:
+    virtual ~ipc_msg_handler() = default;
+    // Called on the event thread. `payload` holds the request payload on entry; a handler that
+    // replies leaves the reply payload there and returns 0 or more. A negative result sends no
+    // reply and ends the event thread's current pass over its queue. `connection` identifies
+    // the requesting client and is valid for the call.
+    virtual int operator()(ipc_connection* connection, uint32_t message_id, binary_t& payload) = 0;
+};
+
+// One received frame queued for the event thread.
+struct ipc_event {
+    share_ptr<ipc_connection> connection;
+    binary_t frame;  // the whole frame, header included
+    ipc_msg_handler* handler = nullptr;
+};
+
+class ipc_peer : public event_thread<ipc_event> {
+public:
+    // Connections one wait serves: 64 handles less the stop and refresh events.
+    static constexpr uint32_t connections_per_wait = MAXIMUM_WAIT_OBJECTS - 2;
+    static constexpr uint32_t thread_stop_seconds = 3;
+
+    // `handler` is not owned and may be null. The threads start on setup or connect.
+    ipc_peer(const char* name, ipc_msg_handler* handler);
+    ~ipc_peer() override;
+
+    // Sends a request on `connection` and waits up to `timeout_ms` (counted in 50 ms steps) for
+    // the reply, which then replaces `payload`. False on time-out, when the connection is
+    // dropped meanwhile or for a null connection. Any thread, the event thread included.
+    bool send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connection> connection, int timeout_ms);
+    // Queues a post on `connection`, or on every connected connection when it is null.
+    bool post(uint32_t message_id, const binary_t& payload, share_ptr<ipc_connection> connection);
+
+    // Listening side: makes a listening connection under the name and, each time a client
+    // signals the connected event, one more. Does not return.
+    virtual void listen();
+    // Connecting side: the handshake with the listener of `name`, then one more connection.
+    virtual bool connect(const char* name, int timeout_ms);
+    // Drops one connection; a send waiting on it ends at once.
+    virtual void disconnect(share_ptr<ipc_connection> connection);
+    // Stops the threads, drops every connection and both tables; the next frame built carries
+    // sequence number 1.
+    virtual void close();
+    // Makes the read and write threads rebuild their wait lists.
+    virtual void refresh();
+
+    const std::string& name() const { return name_; }
+    // Live connections, in the order they were added (a copy). Any thread.
+    std::vector<share_ptr<ipc_connection>> connections();
+
+protected:
+    class msg_io_thread : public thread {
+    public:
+        msg_io_thread(ipc_peer* peer, uint32_t group);
+        ~msg_io_thread() override;
+        void stop(uint32_t seconds) override;
+        DWORD run() override;
+        bool wake() { return refresh_event_.set(); }
+
+    protected:
+        virtual HANDLE channel_event(ipc_connection& connection) = 0;
+        // Runs the channel whose event fired; false means the connection is dead.
+        virtual bool serve(share_ptr<ipc_connection>& connection) = 0;
+
+        ipc_peer* peer_;
+
+    private:
+        uint32_t group_;
+        std::atomic<DWORD> thread_id_{0};
+        event refresh_event_;
+    };
+
+    class msg_read_thread : public msg_io_thread {
+    public:
+        using msg_io_thread::msg_io_thread;
+        ~msg_read_thread() override;
+
+    protected:
+        HANDLE channel_event(ipc_connection& connection) override;
+        bool serve(share_ptr<ipc_connection>& connection) override;
+
+    private:
+        std::vector<binary_t> frames_;
+    };
+
+    class msg_write_thread : public msg_io_thread {
+    public:
+        using msg_io_thread::msg_io_thread;
+        ~msg_write_thread() override;
+
+    protected:
+        HANDLE channel_event(ipc_connection& connection) override;
+        bool serve(share_ptr<ipc_connection>& connection) override;
+    };
+
+    // Listening side (`listening` true): creates the connecting mutex and the connected event;
+    // both sides: starts the event, read and write threads.
+    bool setup(bool listening);
+    // Creates one listening pair of pipes under `pipe_path`, starts its connect and adds it to
+    // the list. Null (logged) on failure.
+    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path);
+    // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
+    void add_connection_locked(const share_ptr<ipc_connection>& connection);
+    // close() for a caller that holds the connection-list lock, which also leaves listening
+    // mode: the connecting mutex and the connected event are closed, so clients fail to
+    // connect until the next setup(true).
+    void shutdown_locked();
+    // close() for a caller that holds the connection-list lock.
+    void close_locked();
+
+    // Listening side: signalled by each client after its attempt to open the pipes; the accept
+    // loop resets it and makes the next listening connection. Null before setup(true).
+    HANDLE connected_event() const { return connected_event_.get(); }
+    // Guards the connection list. Recursive; taken before any table lock or write lock.
+    lock& connection_list_lock() { return list_lock_; }
+
+    // Event thread: calls the frame's handler and queues the reply of a request whose handler
+    // returned 0 or more. Returns the handler's result (0 without a handler).
+    int handle_event(ipc_event& e) override;
+
+private:
+    using table_key = std::pair<ipc_connection*, uint32_t>;
+    struct response_slot {
+        share_ptr<ipc_connection> connection;  // keeps the key's connection alive
+        binary_t payload;
+    };
+
+    uint32_t next_sequence();
+    void start_io_threads();
+    void stop_io_threads();
+    // Takes the connection-list lock, unless `stop` is set while waiting for it: the I/O
+    // threads use it, so that close, which stops them while holding the lock, never waits
+    // for a thread that waits for the lock.
+    bool lock_list_unless(HANDLE stop);
+    // The connections of one wait group, with counted references; false when `stop` came
+    // first (see lock_list_unless).
+    bool group_connections(uint32_t group, HANDLE stop, std::vector<share_ptr<ipc_connection>>& members);
+    void disconnect_locked(const share_ptr<ipc_connection>& connection);
+    // The read thread's handling of one received frame.
+    void receive(const share_ptr<ipc_connection>& connection, binary_t&& frame);
+    void queue_reply(const ipc_event& e, const binary_t& reply_payload);
+
+    std::string name_;
+    ipc_msg_handler* handler_;
+
+    lock reply_handler_lock_;
+    std::map<table_key, ipc_msg_handler*> reply_handlers_;
+
+    SRWLOCK response_lock_ = SRWLOCK_INIT;
+    CONDITION_VARIABLE response_changed_ = CONDITION_VARIABLE_INIT;
+    std::map<table_key, response_slot> responses_;
+
+    lock list_lock_;
+    std::vector<share_ptr<ipc_connection>> connections_;
+    std::vector<uint32_t> group_sizes_;  // connections per wait group
+    std::vector<std::unique_ptr<msg_read_thread>> read_threads_;    // one per wait group
+    std::vector<std::unique_ptr<msg_write_thread>> write_threads_;  // one per wait group
+
+    mutex connecting_mutex_;
+    event connected_event_;
+
+    lock sequence_lock_;
+    uint32_t sequence_ = 0;
+};
+
+}  // namespace mcl

@@ -1,0 +1,347 @@
+// Two processes talking through the IPC peer: this test process and nv_ipc_helper, each end
+// checked on the wire where the bytes matter.
+#include "mcl/ipc/peer.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "mcl/encoding.h"
+#include "tests/helpers/ipc_test_messages.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/integration/ipc_test_support.h"
+
+namespace {
+
+using nv_test::bytes_of;
+
+mcl::binary_t text_payload(const std::string& text) {
+    mcl::binary_t payload;
+    mcl::write_string(payload, text);
+    return payload;
+}
+
+// An in-process client peer connected to `name`.
+struct client {
+    nv_test::recording_handler handler;
+    mcl::ipc_peer peer{"", &handler};
+
+    bool connect(const std::string& name) { return peer.connect(name.c_str(), 10000); }
+    mcl::share_ptr<mcl::ipc_connection> connection() {
+        auto all = peer.connections();
+        return all.empty() ? mcl::share_ptr<mcl::ipc_connection>() : all.back();
+    }
+    bool echo(const std::string& text, int timeout_ms = 20000) {
+        mcl::binary_t payload = text_payload(text);
+        return peer.send(nv_test::msg_echo, payload, connection(), timeout_ms) && payload == text_payload(text);
+    }
+};
+
+TEST(IpcPeer, HandshakeAndTheReplyBytesForAnEmptyVersionRequest) {
+    nv_test::server_process server;
+    nv_test::raw_client raw;
+    ASSERT_TRUE(raw.connect(server.name()));
+
+    // Request 0x1000009, sequence 1, empty payload: 17 bytes with the pad byte.
+    ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0})));
+    std::vector<unsigned char> reply;
+    ASSERT_TRUE(raw.read(18, reply));
+    EXPECT_EQ(bytes_of({1, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 2, 0, 0, 0, 1, 0}), reply);
+
+    // An echo of an empty payload comes back as a 17-byte frame too.
+    ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0})));
+    ASSERT_TRUE(raw.read(17, reply));
+    EXPECT_EQ(bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0}), reply);
+
+    // Kinds 1, 3 (nobody waits for them), 4 and unknown kinds get no reply; kind 2 is
+    // answered with kind 3. Only the last frame's reply may come back.
+    ASSERT_TRUE(raw.write(bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 8, 0, 0, 0, 1, 0, 0, 0, 'a',  //
+                                    3, 0, 0, 0, 0x01, 0, 0, 0x02, 9, 0, 0, 0, 1, 0, 0, 0, 'b',  //
+                                    4, 0, 0, 0, 0x01, 0, 0, 0x02, 10, 0, 0, 0, 1, 0, 0, 0, 'c', //
+                                    9, 0, 0, 0, 0x01, 0, 0, 0x02, 11, 0, 0, 0, 1, 0, 0, 0, 'd', //
+                                    2, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'})));
+    ASSERT_TRUE(raw.read(17, reply));
+    EXPECT_EQ(bytes_of({3, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'}), reply);
+}
+
+TEST(IpcPeer, TwoFramesInOneWriteAndOneFrameInThreeWritesGiveTheSameReplies) {
+    nv_test::server_process server;
+    nv_test::raw_client raw;
+    ASSERT_TRUE(raw.connect(server.name()));
+    const auto first = bytes_of({0, 0, 0, 0, 0x01, 0, 0, 0x02, 1, 0, 0, 0, 3, 0, 0, 0, 'a', 'b', 0});
+    const auto second = bytes_of({0, 0, 0, 0, 0x09, 0, 0, 0x01, 2, 0, 0, 0, 0, 0, 0, 0, 0});
+    const auto first_reply = bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 1, 0, 0, 0, 3, 0, 0, 0, 'a', 'b', 0});
+    const auto second_reply = bytes_of({1, 0, 0, 0, 0x09, 0, 0, 0x01, 2, 0, 0, 0, 2, 0, 0, 0, 1, 0});
+
+    std::vector<unsigned char> both = first;
+    both.insert(both.end(), second.begin(), second.end());
+    ASSERT_TRUE(raw.write(both));
+    std::vector<unsigned char> reply;
+    ASSERT_TRUE(raw.read(19, reply));
+    EXPECT_EQ(first_reply, reply);
+    ASSERT_TRUE(raw.read(18, reply));
+    EXPECT_EQ(second_reply, reply);
+
+    // The same first frame cut inside the header and inside the payload.
+    const size_t cuts[] = {0, 5, 17, first.size()};
+    for (size_t i = 0; i + 1 < std::size(cuts); ++i) {
+        ASSERT_TRUE(raw.write({first.begin() + cuts[i], first.begin() + cuts[i + 1]}));
+        Sleep(100);
+    }
+    ASSERT_TRUE(raw.read(19, reply));
+    EXPECT_EQ(first_reply, reply);
+}
+
+TEST(IpcPeer, TheRequestOnTheWireIsSeventeenBytesAndSequencesRestartAfterClose) {
+    const std::string name = nv_test::unique_name("nv_ipc_raw");
+    nv_test::raw_listener listener(name);
+
+    // Another process sends 0x1000009 with an empty payload.
+    ASSERT_TRUE(listener.prepare());
+    nv_test::child other = nv_test::start_client(name, "version");
+    ASSERT_TRUE(listener.accept());
+    std::vector<unsigned char> request;
+    ASSERT_TRUE(listener.read(17, request));
+    EXPECT_EQ(bytes_of({0, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0}), request);
+    ASSERT_TRUE(listener.write(bytes_of({1, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 2, 0, 0, 0, 1, 0})));
+    EXPECT_EQ(0u, other.wait());
+
+    // This process: sequence 1, 2, then 1 again after close.
+    client c;
+    ASSERT_TRUE(listener.prepare());
+    std::thread accepting([&] { EXPECT_TRUE(listener.accept()); });
+    ASSERT_TRUE(c.connect(name));
+    accepting.join();
+    const uint32_t expected_sequences[] = {1, 2};
+    for (uint32_t sequence : expected_sequences) {
+        mcl::binary_t payload = text_payload("x");
+        EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+        ASSERT_TRUE(listener.read(18, request));
+        EXPECT_EQ(4u, request[0]);
+        EXPECT_EQ(sequence, request[8]);
+    }
+    c.peer.close();
+    EXPECT_TRUE(c.peer.connections().empty());
+    ASSERT_TRUE(listener.prepare());
+    accepting = std::thread([&] { EXPECT_TRUE(listener.accept()); });
+    ASSERT_TRUE(c.connect(name));
+    accepting.join();
+    mcl::binary_t payload = text_payload("x");
+    EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+    ASSERT_TRUE(listener.read(18, request));
+    EXPECT_EQ(1u, request[8]);
+}
+
+TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
+    nv_test::server_process server;
+    client clients[3];
+    for (auto& c : clients) ASSERT_TRUE(c.connect(server.name()));
+    mcl::binary_t payload = text_payload("to all");
+    ASSERT_TRUE(clients[0].peer.send(nv_test::msg_post_all, payload, clients[0].connection(), 10000));
+    EXPECT_EQ(text_payload("posted"), payload);
+    for (auto& c : clients) EXPECT_TRUE(c.handler.wait_for(nv_test::msg_posted, 1, 5000));
+
+    // A client that comes later does not get the earlier post.
+    client late;
+    ASSERT_TRUE(late.connect(server.name()));
+    EXPECT_TRUE(late.echo("after"));
+    Sleep(200);
+    for (auto& c : clients) EXPECT_EQ(1, c.handler.count(nv_test::msg_posted));
+    EXPECT_EQ(0, late.handler.count(nv_test::msg_posted));
+}
+
+TEST(IpcPeer, ConnectWithoutListenerTriesEvery50MsUntilTheTimeOut) {
+    struct {
+        int timeout_ms;
+        size_t open_failures;
+    } const cases[] = {{0, 0}, {1000, 20}, {120, 3}};
+    for (const auto& c : cases) {
+        nv_test::log_capture log;
+        const std::string name = nv_test::unique_name("nv_ipc_nobody");
+        client nobody;
+        EXPECT_FALSE(nobody.peer.connect(name.c_str(), c.timeout_ms));
+        const std::string text = log.text();
+        EXPECT_EQ(c.open_failures, nv_test::count_of(text, "] - Failed to open mutex \"Global\\" + name + "_MTX_CONNECTING\""))
+            << c.timeout_ms;
+        EXPECT_EQ(1u, nv_test::count_of(text, "[mcl::ipc_peer::connect:"));
+        EXPECT_EQ(1u, nv_test::count_of(text, "] - Failed to open the connecting mutex for pipe[" + name +
+                                                  "], peer may not start yet."));
+        EXPECT_TRUE(nobody.peer.connections().empty());
+    }
+}
+
+TEST(IpcPeer, ClientsConnectingAtTheSameMomentAreAllServed) {
+    nv_test::server_process server;
+    const std::string log_a = ::testing::TempDir() + nv_test::unique_name("nv_ipc_a") + ".log";
+    const std::string log_b = ::testing::TempDir() + nv_test::unique_name("nv_ipc_b") + ".log";
+    nv_test::child a = nv_test::start_client(server.name(), "echo 20", log_a);
+    nv_test::child b = nv_test::start_client(server.name(), "echo 20", log_b);
+    std::atomic<int> served{0};
+    std::thread threads[4];
+    for (auto& t : threads)
+        t = std::thread([&] {
+            client c;
+            if (c.connect(server.name()) && c.echo("same moment")) ++served;
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(4, served.load());
+    EXPECT_EQ(0u, a.wait()) << nv_test::read_file(log_a);
+    EXPECT_EQ(0u, b.wait()) << nv_test::read_file(log_b);
+}
+
+TEST(IpcPeer, AHundredConnectionsAtOnceAreAllAnswered) {
+    nv_test::server_process server;
+    client c;
+    constexpr int count = 100;
+    for (int i = 0; i < count; ++i) ASSERT_TRUE(c.connect(server.name())) << i;
+    const auto connections = c.peer.connections();
+    ASSERT_EQ(static_cast<size_t>(count), connections.size());
+
+    std::atomic<int> answered{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&, i] {
+            const mcl::binary_t sent = text_payload("client " + std::to_string(i));
+            mcl::binary_t payload = sent;
+            if (c.peer.send(nv_test::msg_echo, payload, connections[static_cast<size_t>(i)], 30000) && payload == sent)
+                ++answered;
+        });
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(count, answered.load());
+}
+
+TEST(IpcPeer, AClientKilledDuringItsRequestLeavesTheServerServingOthers) {
+    nv_test::server_process server;
+    client other;
+    ASSERT_TRUE(other.connect(server.name()));
+    nv_test::child doomed = nv_test::start_client(server.name(), "sleep 1500");
+    Sleep(700);  // connected and inside the handler by now
+    doomed.kill();
+    EXPECT_TRUE(other.echo("still here"));
+    EXPECT_TRUE(other.echo("and again"));
+    client fresh;
+    ASSERT_TRUE(fresh.connect(server.name()));
+    EXPECT_TRUE(fresh.echo("new client"));
+    EXPECT_TRUE(server.running());
+}
+
+TEST(IpcPeer, ASendWhoseConnectionDiesReturnsFalseAtOnce) {
+    nv_test::log_capture log;
+    nv_test::server_process server;
+    client c;
+    ASSERT_TRUE(c.connect(server.name()));
+    mcl::binary_t payload;
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_FALSE(c.peer.send(nv_test::msg_exit, payload, c.connection(), 60000));
+    EXPECT_LT(GetTickCount64() - start, 20000u);
+    EXPECT_EQ(7u, server.process().wait());
+    EXPECT_TRUE(log.contains("[mcl::ipc_peer::send:"));
+    EXPECT_TRUE(log.contains("] - IPC connection has been terminated when waiting for response for message [33554437]"));
+    EXPECT_FALSE(log.contains("Time out when waiting"));
+    EXPECT_TRUE(c.peer.connections().empty());
+}
+
+TEST(IpcPeer, AHandlerWithANegativeResultLeavesTheRequesterToTimeOut) {
+    nv_test::log_capture log;
+    nv_test::server_process server;
+    client c;
+    ASSERT_TRUE(c.connect(server.name()));
+    mcl::binary_t payload = text_payload("unanswered");
+    EXPECT_FALSE(c.peer.send(nv_test::msg_no_reply, payload, c.connection(), 300));
+    EXPECT_EQ(1u, nv_test::count_of(log.text(), "] - Time out when waiting for response for message [33554435]"));
+    EXPECT_EQ(text_payload("unanswered"), payload);
+    EXPECT_TRUE(c.echo("next"));
+}
+
+TEST(IpcPeer, AnOverLongLengthOrGarbageEndsOnlyThatConnection) {
+    nv_test::server_process server;
+    client steady;
+    ASSERT_TRUE(steady.connect(server.name()));
+
+    {
+        nv_test::raw_client raw;
+        ASSERT_TRUE(raw.connect(server.name()));
+        ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 1, 0, 0, 2, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3})));
+        std::vector<unsigned char> nothing;
+        EXPECT_FALSE(raw.read(1, nothing));  // the server ended the connection
+    }
+    EXPECT_TRUE(steady.echo("after the long one"));
+    EXPECT_NE(std::string::npos, server.log().find("exceeds the limit"));
+
+    std::mt19937 random(20261123);
+    for (int round = 0; round < 8; ++round) {
+        nv_test::raw_client raw;
+        ASSERT_TRUE(raw.connect(server.name()));
+        std::vector<unsigned char> garbage(1 + random() % 5000);
+        for (auto& b : garbage) b = static_cast<unsigned char>(random());
+        raw.write(garbage);
+        raw.close();
+        EXPECT_TRUE(steady.echo("round " + std::to_string(round))) << round;
+    }
+    client fresh;
+    ASSERT_TRUE(fresh.connect(server.name()));
+    EXPECT_TRUE(fresh.echo("fresh"));
+    EXPECT_TRUE(server.running());
+}
+
+// The steps the service's own accept loop is built from.
+class test_listener : public mcl::ipc_peer {
+public:
+    using mcl::ipc_peer::ipc_peer;
+    using mcl::ipc_peer::connected_event;
+    using mcl::ipc_peer::connection_list_lock;
+    using mcl::ipc_peer::new_listen_connection;
+    using mcl::ipc_peer::setup;
+    using mcl::ipc_peer::shutdown_locked;
+};
+
+TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
+    nv_test::log_capture log;
+    nv_test::recording_handler handler;
+    const std::string name = nv_test::unique_name("nv_ipc_own");
+    const std::string pipe = "\\\\.\\pipe\\" + name;
+    test_listener server(name.c_str(), &handler);
+    EXPECT_EQ(name, server.name());
+
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    auto accept_loop = [&] {
+        for (;;) {
+            (void)server.new_listen_connection(pipe.c_str());
+            HANDLE handles[] = {stop.get(), server.connected_event()};
+            if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return;
+            ResetEvent(server.connected_event());
+        }
+    };
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(server.setup(true));
+        ASSERT_NE(nullptr, server.connected_event());
+        std::thread loop(accept_loop);
+        nv_test::child other = nv_test::start_client(name, "version");
+        client c;
+        ASSERT_TRUE(c.connect(name));
+        mcl::binary_t payload = text_payload("hello");
+        EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+        EXPECT_TRUE(handler.wait_for(nv_test::msg_echo, round + 1, 5000));
+        EXPECT_TRUE(handler.wait_for(nv_test::msg_version, round + 1, 5000));
+        EXPECT_EQ(0u, other.wait());
+
+        stop.set();
+        loop.join();
+        stop.reset();
+        {
+            mcl::scoped_lock guard(server.connection_list_lock());
+            server.shutdown_locked();
+        }
+        EXPECT_TRUE(server.connections().empty());
+        // The client sees its connection end; nobody listens any more.
+        mcl::binary_t request = text_payload("late");
+        EXPECT_FALSE(c.peer.send(nv_test::msg_echo, request, c.connection(), 2000));
+        client late;
+        EXPECT_FALSE(late.peer.connect(name.c_str(), 200));
+    }
+}
+
+}  // namespace

@@ -1,0 +1,173 @@
+#include "mcl/ipc/channel.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
+
+namespace {
+
+using connection_ptr = mcl::share_ptr<mcl::ipc_connection>;
+
+std::string pipe_path() { return "\\\\.\\pipe\\" + nv_test::unique_name("nv_channel"); }
+
+connection_ptr listening(const std::string& path) {
+    connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+    EXPECT_TRUE(c->open(path.c_str()));
+    return c;
+}
+
+connection_ptr connecting(const std::string& path) {
+    connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+    EXPECT_TRUE(c->open(path.c_str()));
+    return c;
+}
+
+// Runs the channels of both ends as the peer's I/O threads would, until `receiver` has cut
+// `want` frames or the time is up. False when a channel reports the connection dead.
+bool pump(mcl::ipc_connection& a, mcl::ipc_connection& b, mcl::ipc_connection& receiver, size_t want,
+          std::vector<mcl::binary_t>& received, DWORD ms = 10000) {
+    std::vector<mcl::binary_t> frames;
+    const ULONGLONG end = GetTickCount64() + ms;
+    while (received.size() < want && GetTickCount64() < end) {
+        HANDLE events[] = {a.reader().event_handle(), a.writer().event_handle(), b.reader().event_handle(),
+                           b.writer().event_handle()};
+        const DWORD r = WaitForMultipleObjects(4, events, FALSE, 100);
+        if (r == WAIT_TIMEOUT) continue;
+        mcl::ipc_connection& c = r < WAIT_OBJECT_0 + 2 ? a : b;
+        if ((r - WAIT_OBJECT_0) % 2 == 1) {
+            if (!c.writer().complete_write()) return false;
+            continue;
+        }
+        if (!c.reader().read(frames)) return false;
+        if (&c == &receiver) received.insert(received.end(), frames.begin(), frames.end());
+    }
+    return received.size() >= want;
+}
+
+mcl::binary_t frame_of(uint32_t id, uint32_t payload_size) {
+    mcl::binary_t payload;
+    for (uint32_t i = 0; i < payload_size; ++i) {
+        const auto b = static_cast<unsigned char>(i * 7 + id);
+        payload.append(&b, 1);
+    }
+    mcl::binary_t frame;
+    mcl::append_frame(frame, mcl::frame_kind::post, id, id, payload);
+    return frame;
+}
+
+TEST(IpcChannel, CreateAndOpenFailuresAreLoggedOnce) {
+    nv_test::log_capture log;
+    connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+    EXPECT_FALSE(c->reader().create(nullptr));
+    EXPECT_TRUE(log.contains("] - Failed to create ipc channel, invalid parameters"));
+
+    const std::string path = pipe_path();
+    EXPECT_FALSE(c->open(path.c_str()));
+    EXPECT_TRUE(log.contains("] - Failed to open the named pipe (\"" + path + "_OUTBOUND\"), error [2:"));
+    EXPECT_FALSE(log.contains(path + "_INBOND"));  // the write channel was not tried
+    c->reader().close();  // safe on a closed channel
+}
+
+TEST(IpcChannel, FramesFlowBothWaysWhatEverTheirSize) {
+    const std::string path = pipe_path();
+    connection_ptr server = listening(path);
+    ASSERT_TRUE(server->reader().listen());
+    ASSERT_TRUE(server->writer().listen());
+    connection_ptr client = connecting(path);
+
+    const uint32_t sizes[] = {0, 1, 4095, 4096, 70000, 1u << 20};
+    for (uint32_t size : sizes) {
+        std::vector<mcl::binary_t> received;
+        client->enqueue(frame_of(size % 251, size));
+        ASSERT_TRUE(pump(*server, *client, *server, 1, received)) << size;
+        ASSERT_EQ(1u, received.size());
+        EXPECT_EQ(frame_of(size % 251, size), received[0]) << size;
+
+        // Several frames queued while a write is outstanding arrive whole and in order.
+        received.clear();
+        for (uint32_t id = 1; id <= 5; ++id) server->enqueue(frame_of(id, size / (id + 1)));
+        ASSERT_TRUE(pump(*server, *client, *client, 5, received)) << size;
+        for (uint32_t id = 1; id <= 5; ++id) EXPECT_EQ(frame_of(id, size / (id + 1)), received[id - 1]) << size;
+    }
+}
+
+TEST(IpcChannel, AClientThatOpensBeforeListenIsSeenAsConnected) {
+    const std::string path = pipe_path();
+    connection_ptr server = listening(path);
+    connection_ptr client = connecting(path);  // before listen: ERROR_PIPE_CONNECTED
+    ASSERT_TRUE(server->reader().listen());
+    ASSERT_TRUE(server->writer().listen());
+    EXPECT_TRUE(server->reader().connected());
+    std::vector<mcl::binary_t> received;
+    client->enqueue(frame_of(3, 3));
+    ASSERT_TRUE(pump(*server, *client, *server, 1, received));
+    EXPECT_EQ(frame_of(3, 3), received[0]);
+}
+
+TEST(IpcChannel, ABusyPipeIsOpenedOnceAnInstanceIsFree) {
+    nv_test::log_capture log;
+    const std::string path = pipe_path();
+    const std::string name = path + "_OUTBOUND";
+    HANDLE first = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_OUTBOUND, 0, 1, 4096, 4096, 5000, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, first);
+    HANDLE occupant = CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, occupant);
+
+    std::thread freeing([&] {
+        Sleep(300);
+        CloseHandle(occupant);
+        DisconnectNamedPipe(first);
+        ConnectNamedPipe(first, nullptr);  // listens again, then returns when the channel opens
+    });
+    connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_TRUE(c->reader().create(path.c_str()));
+    EXPECT_GE(GetTickCount64() - start, 200u);
+    freeing.join();
+    EXPECT_FALSE(log.contains("Failed to open the named pipe"));
+    c->reader().close();
+    CloseHandle(first);
+}
+
+TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
+    nv_test::log_capture log;
+    const std::string path = pipe_path();
+    connection_ptr server = listening(path);
+    ASSERT_TRUE(server->reader().listen());
+    ASSERT_TRUE(server->writer().listen());
+    connection_ptr client = connecting(path);
+    std::vector<mcl::binary_t> received;
+    client->enqueue(frame_of(1, 10));
+    ASSERT_TRUE(pump(*server, *client, *server, 1, received));
+
+    client.reset();  // closes both pipes
+    std::vector<mcl::binary_t> frames;
+    ASSERT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(server->reader().event_handle(), 5000));
+    EXPECT_FALSE(server->reader().read(frames));
+    EXPECT_FALSE(log.contains("Failed to read"));
+}
+
+TEST(IpcChannel, AnOverLongAnnouncedLengthEndsTheConnection) {
+    nv_test::log_capture log;
+    const std::string path = pipe_path();
+    connection_ptr server = listening(path);
+    ASSERT_TRUE(server->reader().listen());
+    ASSERT_TRUE(server->writer().listen());
+    connection_ptr client = connecting(path);
+    mcl::binary_t header;
+    mcl::append_frame(header, mcl::frame_kind::request, 1, 1, nullptr, 0);
+    const uint32_t huge = mcl::max_frame_payload + 1;
+    header.write_at(12, reinterpret_cast<const unsigned char*>(&huge), 4);
+    header.append(reinterpret_cast<const unsigned char*>("x"), 1);
+    client->enqueue(header);
+    std::vector<mcl::binary_t> received;
+    EXPECT_FALSE(pump(*server, *client, *server, 1, received));
+    EXPECT_TRUE(log.contains("] - Failed to read from channel, announced frame length 67108865 exceeds the limit 67108864"));
+}
+
+}  // namespace

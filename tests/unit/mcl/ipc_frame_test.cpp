@@ -1,0 +1,138 @@
+#include "mcl/ipc/frame.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <vector>
+
+namespace {
+
+mcl::binary_t bytes(std::initializer_list<int> values) {
+    mcl::binary_t out;
+    for (int v : values) {
+        const auto b = static_cast<unsigned char>(v);
+        out.append(&b, 1);
+    }
+    return out;
+}
+
+mcl::binary_t frame(mcl::frame_kind kind, uint32_t id, uint32_t sequence, const mcl::binary_t& payload) {
+    mcl::binary_t out;
+    mcl::append_frame(out, kind, id, sequence, payload);
+    return out;
+}
+
+TEST(IpcFrame, BuildsTheBytesOfRequestsAndReplies) {
+    EXPECT_EQ(bytes({0, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0}),
+              frame(mcl::frame_kind::request, 0x1000009, 1, {}));
+    EXPECT_EQ(bytes({1, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 2, 0, 0, 0, 1, 0}),
+              frame(mcl::frame_kind::response, 0x1000009, 1, bytes({1, 0})));
+    EXPECT_EQ(bytes({4, 0, 0, 0, 0x78, 0x56, 0x34, 0x12, 0, 1, 0, 0, 1, 0, 0, 0, 0xAB}),
+              frame(mcl::frame_kind::post, 0x12345678, 256, bytes({0xAB})));
+
+    mcl::frame_header h;
+    ASSERT_TRUE(mcl::read_frame_header(frame(mcl::frame_kind::routed_reply, 7, 9, bytes({1, 2, 3})), h));
+    EXPECT_EQ(3u, h.kind);
+    EXPECT_EQ(7u, h.message_id);
+    EXPECT_EQ(9u, h.sequence);
+    EXPECT_EQ(3u, h.length);
+    EXPECT_FALSE(mcl::read_frame_header(bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), h));
+
+    mcl::binary_t payload = bytes({9});
+    mcl::copy_frame_payload(frame(mcl::frame_kind::request, 1, 1, {}), payload);
+    EXPECT_TRUE(payload.empty());  // the pad byte is not payload
+    mcl::copy_frame_payload(frame(mcl::frame_kind::request, 1, 1, bytes({5, 6})), payload);
+    EXPECT_EQ(bytes({5, 6}), payload);
+}
+
+// Feeds `stream` in pieces of the given sizes and returns every frame cut.
+std::vector<mcl::binary_t> cut_in_pieces(const mcl::binary_t& stream, const std::vector<uint32_t>& pieces) {
+    mcl::frame_cutter cutter;
+    std::vector<mcl::binary_t> frames;
+    uint32_t at = 0;
+    for (uint32_t n : pieces) {
+        cutter.append(stream.data() + at, n);
+        at += n;
+        EXPECT_EQ(mcl::frame_cutter::result::ok, cutter.cut(frames));
+    }
+    EXPECT_EQ(0u, cutter.pending());
+    return frames;
+}
+
+TEST(IpcFrame, SplitAndMergedReadsGiveTheSameFrames) {
+    mcl::binary_t big;
+    for (int i = 0; i < 5000; ++i) big.append(bytes({i & 0xFF}));
+    const mcl::binary_t a = frame(mcl::frame_kind::request, 1, 1, {});
+    const mcl::binary_t b = frame(mcl::frame_kind::request, 2, 2, bytes({1, 2, 3}));
+    const mcl::binary_t c = frame(mcl::frame_kind::post, 3, 3, big);
+    mcl::binary_t stream = a;
+    stream.append(b);
+    stream.append(c);
+    const uint32_t total = stream.size();
+    ASSERT_EQ(17u + 19u + 5016u, total);
+
+    const std::vector<std::vector<uint32_t>> splits = {
+        {total},                                // all in one read
+        {16, 1, 19, total - 36},                // a header alone waits for its pad byte
+        {5, 7, 24, 4096, total - 4132},         // cut inside headers and payloads
+        {17, 10, 9, 1, 15, total - 52},         // byte-sized pieces at the boundaries
+    };
+    for (const auto& pieces : splits) {
+        const auto frames = cut_in_pieces(stream, pieces);
+        ASSERT_EQ(3u, frames.size()) << pieces.size();
+        EXPECT_EQ(a, frames[0]);
+        EXPECT_EQ(b, frames[1]);
+        EXPECT_EQ(c, frames[2]);
+    }
+}
+
+TEST(IpcFrame, AnOverLongAnnouncedLengthIsReported) {
+    struct {
+        uint32_t length;
+        mcl::frame_cutter::result expected;
+    } const cases[] = {
+        {mcl::max_frame_payload, mcl::frame_cutter::result::ok},
+        {mcl::max_frame_payload + 1, mcl::frame_cutter::result::too_long},
+        {0xFFFFFFFF, mcl::frame_cutter::result::too_long},
+    };
+    for (const auto& c : cases) {
+        mcl::frame_cutter cutter;
+        mcl::binary_t header;
+        mcl::append_frame(header, mcl::frame_kind::request, 1, 1, nullptr, 0);
+        header.write_at(12, reinterpret_cast<const unsigned char*>(&c.length), 4);
+        header.append(bytes({0}));
+        cutter.append(header.data(), header.size());
+        std::vector<mcl::binary_t> frames;
+        EXPECT_EQ(c.expected, cutter.cut(frames)) << c.length;
+        EXPECT_TRUE(frames.empty());
+        if (c.expected == mcl::frame_cutter::result::too_long) {
+            EXPECT_EQ(c.length, cutter.rejected_length());
+        }
+    }
+}
+
+TEST(IpcFrame, ALongBacklogOfSmallFramesIsCutInOrder) {
+    mcl::frame_cutter cutter;
+    std::vector<mcl::binary_t> frames;
+    uint32_t expected = 1;
+    for (uint32_t round = 0; round < 50; ++round) {
+        mcl::binary_t burst;
+        for (uint32_t i = 0; i < 1000; ++i) mcl::append_frame(burst, mcl::frame_kind::post, 5, round * 1000 + i + 1, bytes({1}));
+        // Pieces that never end on a frame boundary keep a remainder in the buffer.
+        for (uint32_t at = 0; at < burst.size(); at += 4093) {
+            const uint32_t n = std::min<uint32_t>(4093, burst.size() - at);
+            cutter.append(burst.data() + at, n);
+            frames.clear();
+            ASSERT_EQ(mcl::frame_cutter::result::ok, cutter.cut(frames));
+            for (const auto& f : frames) {
+                mcl::frame_header h;
+                ASSERT_TRUE(mcl::read_frame_header(f, h));
+                ASSERT_EQ(expected++, h.sequence);
+            }
+        }
+    }
+    EXPECT_EQ(50001u, expected);
+    EXPECT_EQ(0u, cutter.pending());
+}
+
+}  // namespace
