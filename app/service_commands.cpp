@@ -47,7 +47,10 @@ bool stop_service(const char* name, bool event_fallback, unsigned seconds) {
     return service::stop(name, event_fallback, seconds);
 }
 
-bool run_service() { return chelperservice::instance().run(); }
+bool run_service() {
+    mcl::mswin::service& svc = chelperservice::instance();  // not the peer's thread body
+    return svc.run();
+}
 
 bool run_service_in_console() {
     chelperservice& svc = chelperservice::instance();

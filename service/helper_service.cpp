@@ -18,7 +18,7 @@ bool is_windows8_or_later() {
 
 }  // namespace
 
-chelperservice::chelperservice() : handler_(this) {}
+chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_name, &handler_), handler_(this) {}
 
 void chelperservice::setProtectionEnabled(bool on) {
     service_protection_enabled_ = on;
@@ -68,25 +68,27 @@ void chelperservice::handleEmergencyStart(const emergency_start& start) {
 }
 
 void chelperservice::listen() {
-    // TODO(ipc): with mcl::ipc_peer merged this becomes the peer's accept loop:
-    //   setup("\\\\.\\pipe\\" + name(), /*listening=*/true);
-    //   wait handles {service_stop_event(), connected_event()}; each pass new_listen_connection(base)
-    //   and drop the reference; the connected event is reset and the loop goes on;
-    //   after the loop, under connection_list_lock(), shutdown_locked().
-    HANDLE handles[] = {service_stop_event()};
+    const std::string pipe_path = "\\\\.\\pipe\\" + name();
+    (void)setup(/*listening=*/true);
+    HANDLE handles[] = {service_stop_event(), connected_event()};
     for (;;) {
-        const DWORD r = WaitForMultipleObjects(1, handles, /*wait_all=*/FALSE, INFINITE);
+        (void)new_listen_connection(pipe_path.c_str());
+        const DWORD r = WaitForMultipleObjects(2, handles, /*wait_all=*/FALSE, INFINITE);
         if (r == WAIT_FAILED) {
             const DWORD err = GetLastError();
             NV_LOG("chelperservice::listen",
                    "Failed to WaitForMultipleObjects when listening incoming ipc connections , error: [%d:%s]",
                    static_cast<int>(err), mcl::error_text(err).c_str());
-            if (handles[0] == nullptr) return;  // no stop event: nothing could ever end the loop
+            if (handles[0] == nullptr) break;  // no stop event: nothing could ever end the loop
+            Sleep(10);                         // never spin on a broken wait
             continue;
         }
         if (r == WAIT_OBJECT_0) break;
+        ResetEvent(handles[1]);
     }
-    ResetEvent(service_stop_event());
+    if (service_stop_event() != nullptr) ResetEvent(service_stop_event());
+    mcl::scoped_lock guard(connection_list_lock());
+    shutdown_locked();
 }
 
 void chelperservice::shutdown() {

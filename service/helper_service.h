@@ -7,18 +7,17 @@
 #include <string>
 
 #include "mcl/buffer.h"
+#include "mcl/ipc/peer.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mutex.h"
 #include "mcl/singleton.h"
 #include "service/emergency_options.h"
 
-namespace mcl {
-class ipc_connection;
-}
-
-// TODO(ipc): derive from mcl::ipc_peer as well (after mcl::mswin::service, before the
-// singleton) once the IPC peer is merged; listen() then becomes its override (see listen()).
-class chelperservice : public mcl::mswin::service, public mcl::singleton_ptr<chelperservice> {
+// The service is the listening IPC peer under its service name; requests reach
+// helper_msg_handler on the peer's event thread.
+class chelperservice : public mcl::mswin::service,
+                       public mcl::ipc_peer,
+                       public mcl::singleton_ptr<chelperservice> {
 public:
     static constexpr const char* service_version = "3.0.45.1";
     static constexpr uint32_t ipc_protocol_version = 5;
@@ -29,15 +28,12 @@ public:
         "SDGXGWGR;;;AU)";
 
     // The request dispatcher. The IPC peer calls it on its event thread, one message at a time.
-    // TODO(ipc): derive from mcl::ipc_msg_handler once the IPC peer is merged; operator()
-    // already has its signature.
-    class helper_msg_handler {
+    class helper_msg_handler : public mcl::ipc_msg_handler {
     public:
         explicit helper_msg_handler(chelperservice* owner) : owner_(owner) {}
-        virtual ~helper_msg_handler() = default;
         // Handles one message; `payload` holds the request and, on return, the reply (left as it
         // was by operations that write none). 0 for a null connection, else 1.
-        virtual int operator()(mcl::ipc_connection* conn, uint32_t msg_id, mcl::binary_t& payload);
+        int operator()(mcl::ipc_connection* conn, uint32_t msg_id, mcl::binary_t& payload) override;
 
     private:
         chelperservice* owner_;
@@ -46,8 +42,9 @@ public:
     // The whole service life: single instance, emergency options, start-up, listening until the
     // stop event, shutdown. Runs on the service thread (or the console's main thread).
     void main(int argc, char** argv) override;
-    // Serves clients until the stop event is set, then resets it. Service thread.
-    void listen();
+    // The accept loop: one listening pipe pair always waits for the next client; serves until
+    // the stop event is set, then resets it and closes every connection. Service thread.
+    void listen() override;
     // Switches service, process/folder and registry protection on or off.
     void setProtectionEnabled(bool on);
 

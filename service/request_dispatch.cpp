@@ -49,8 +49,9 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
     return 1;
 }
 
-void chelperservice::disconnect_client(mcl::ipc_connection*, mcl::binary_t&) {
-    // TODO(ipc): disconnect(conn) on the peer once mcl::ipc_peer is merged. No reply either way.
+void chelperservice::disconnect_client(mcl::ipc_connection* conn, mcl::binary_t&) {
+    // The connection stays alive for this call: the queued event holds a reference.
+    disconnect(mcl::share_ptr<mcl::ipc_connection>(conn));
 }
 
 void chelperservice::stop_service(mcl::ipc_connection*, mcl::binary_t&) {

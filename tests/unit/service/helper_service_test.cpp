@@ -14,9 +14,9 @@
 
 namespace {
 
-// The dispatcher only needs a connection to be there; none of these messages touches it.
-int connection_stand_in = 0;
-mcl::ipc_connection* const conn = reinterpret_cast<mcl::ipc_connection*>(&connection_stand_in);
+// A connection that is in no peer's list: disconnect leaves the peer as it was.
+mcl::share_ptr<mcl::ipc_connection> test_connection(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+mcl::ipc_connection* const conn = test_connection.get();
 
 std::vector<unsigned char> bytes(const mcl::binary_t& b) { return {b.data(), b.data() + b.size()}; }
 
