@@ -111,7 +111,14 @@ frame_cutter::result frame_cutter::cut(std::vector<binary_t>& frames) {
         frames.emplace_back(storage_.data() + begin_, static_cast<uint32_t>(size));
         begin_ += static_cast<uint32_t>(size);
     }
-    if (begin_ == end_) begin_ = end_ = 0;
+    if (begin_ == end_) {
+        begin_ = end_ = 0;
+        // A connection that once carried a large frame does not keep its memory while idle.
+        if (storage_.size() > retained_capacity) {
+            storage_.clear();
+            storage_.shrink_to_fit();
+        }
+    }
     return result::ok;
 }
 

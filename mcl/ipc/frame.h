@@ -78,6 +78,8 @@ public:
     void reset();
 
 private:
+    static constexpr size_t retained_capacity = 4u * 1024 * 1024;
+
     // Makes room for n more bytes behind the pending ones.
     bool reserve(uint32_t n);
 
