@@ -23,6 +23,7 @@ cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$WINEPREFIX/drive_c/nv/"
 exe='C:\nv\NorvaleHalvernService.exe'
 log=$WINEPREFIX/drive_c/nv/nvhalvernservice.debug.log
 helper=$NV_BIN_DIR/nv_test_helper.exe
+client=$NV_BIN_DIR/nv_ipc_client.exe
 svc=norvale_halvern_svc
 emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
 
@@ -97,6 +98,20 @@ run "$exe" -s start
 expect "start of a running service" 254 "Failed to start halvern service!"
 grep -q "StartService failed (1056)" "$log" || fail "StartService failure logged"
 
+echo "== requests on the wire"
+run "$client" send 1000009
+expect "0x1000009 with an empty payload" 0 "0005000000"
+run "$client" send 1000009 05000000
+expect "0x1000009 with the client's version" 0 "0105000000"
+run "$client" send 100000a
+expect "0x100000a" 0 "2D000300"
+run "$client" send 1000123 ABCD
+expect "an unknown identifier is echoed" 0 "ABCD"
+[ "$(log_lines 'Unknow mc::ipc message 1000123, ignored')" = 1 ] || fail "unknown identifier logged"
+[ "$(log_lines 'Received IPC message 100000A, payload size: 0')" = 1 ] || fail "received line"
+run "$client" version
+expect "versions" 0 $'protocol version: 5 (compatible: yes)\nservice version: 196653 (3.0.45)'
+
 echo "== a second instance stops at once without a version line"
 run "$exe" -d
 expect "second instance" 0 ""
@@ -114,6 +129,21 @@ expect "start again" 0 ""
 run "$helper" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
 expect "set the stop event" 0
 wait_state 252
+
+echo "== stop through message 0x1000001 while other clients are connected"
+run "$exe" -s start
+expect "start for the stop message" 0 ""
+wine "$client" hold 30 </dev/null >/dev/null 2>&1 &
+holder1=$!
+wine "$client" hold 30 </dev/null >/dev/null 2>&1 &
+holder2=$!
+sleep 1
+run "$client" post 1000001
+expect "post the stop message" 0 ""
+wait_state 252
+[ "$(log_lines 'Received IPC message 1000001')" = 1 ] || fail "stop message received"
+kill $holder1 $holder2 2>/dev/null
+wait $holder1 $holder2 2>/dev/null
 
 echo "== console run ended by Ctrl+C"
 before=$(log_lines 'loadqQuarantineContainers')

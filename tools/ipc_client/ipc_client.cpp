@@ -3,6 +3,7 @@
 //   nv_ipc_client [-n NAME] [-t MS] version          protocol and service version, decoded
 //   nv_ipc_client [-n NAME] [-t MS] send ID [HEX]    one request; prints the reply payload in hex
 //   nv_ipc_client [-n NAME] [-t MS] post ID [HEX]    one post, no reply
+//   nv_ipc_client [-n NAME] [-t MS] hold SECONDS     stays connected, idle, for a while
 //
 // NAME defaults to the service's endpoint; ID is hexadecimal (0x1000009 or 1000009). Exit codes:
 // 0 success, 1 usage, 2 no connection, 3 no reply within the time-out.
@@ -21,7 +22,8 @@ void usage() {
     fprintf(stderr,
             "usage: nv_ipc_client [-n NAME] [-t MS] version\n"
             "       nv_ipc_client [-n NAME] [-t MS] send ID [HEX]\n"
-            "       nv_ipc_client [-n NAME] [-t MS] post ID [HEX]\n");
+            "       nv_ipc_client [-n NAME] [-t MS] post ID [HEX]\n"
+            "       nv_ipc_client [-n NAME] [-t MS] hold SECONDS\n");
 }
 
 bool parse_hex(const char* text, mcl::binary_t& out) {
@@ -74,6 +76,11 @@ int main(int argc, char** argv) {
             usage();
             return 1;
         }
+    } else if (command == "hold") {
+        if (i + 1 >= argc) {
+            usage();
+            return 1;
+        }
     } else if (command != "version") {
         usage();
         return 1;
@@ -86,7 +93,9 @@ int main(int argc, char** argv) {
     }
     const auto connection = peer.connections().front();
     int result = 0;
-    if (command == "post") {
+    if (command == "hold") {
+        Sleep(static_cast<DWORD>(atoi(argv[i + 1])) * 1000);
+    } else if (command == "post") {
         peer.post(id, payload, connection);
         Sleep(200);  // let the write thread hand the frame to the pipe
     } else if (command == "send") {
