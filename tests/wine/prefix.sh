@@ -21,6 +21,16 @@ case "${1:-}" in
     wineserver -p </dev/null >/dev/null 2>&1
     # Start Wine's own services now, detached from any test's output.
     wine cmd /c exit </dev/null >/dev/null 2>&1
+    # The driver stand-in serves the Filter Manager ports in the background; it ends with the
+    # wineserver. Wine loads the fltlib.dll above from system32 without a DLL override.
+    if [ -n "${NV_BIN_DIR:-}" ] && [ -f "$NV_BIN_DIR/driver_sim.exe" ]; then
+      sim_log="$(dirname "$WINEPREFIX")/driver_sim.log"
+      setsid -f wine "$NV_BIN_DIR/driver_sim.exe" </dev/null >"$sim_log" 2>&1
+      if ! wine "$NV_BIN_DIR/driver_ctl.exe" wait-ready 20000 </dev/null >/dev/null 2>&1; then
+        echo "driver simulator did not come up; see $sim_log" >&2
+        exit 1
+      fi
+    fi
     echo "wine prefix ready: $WINEPREFIX"
     ;;
   stop)
