@@ -365,4 +365,27 @@ TEST_F(DriverStandIn, TwoProcessesConnectedAtOnceAreEachJournaledOnce) {
     CloseHandle(go_event);
 }
 
+
+// A program with no fltlib.dll beside it must get ours from system32, not Wine's builtin one
+// (which answers E_NOTIMPL): the helper exits 0 only when its connect and send succeeded.
+TEST_F(DriverStandIn, ProgramsElsewhereLoadOurFltlibFromTheSystemDirectory) {
+    char temp[MAX_PATH] = {};
+    GetTempPathA(MAX_PATH, temp);
+    const std::string dir = std::string(temp) + nv_test::unique_name("nv_fltlib_load");
+    ASSERT_TRUE(CreateDirectoryA(dir.c_str(), nullptr));
+    const std::string exe = dir + "\\helper.exe";
+    ASSERT_TRUE(CopyFileA((nv_test::bin_dir() + "nv_test_helper.exe").c_str(), exe.c_str(), FALSE));
+    const std::string ready = nv_test::unique_name("Global\\nv_drv_ready");
+    const std::string go = nv_test::unique_name("Global\\nv_drv_go");
+    HANDLE ready_event = CreateEventA(nullptr, TRUE, FALSE, ready.c_str());
+    HANDLE go_event = CreateEventA(nullptr, TRUE, TRUE, go.c_str());
+    nv_test::child c = nv_test::start("\"" + exe + "\" driver-send elsewhere 1 " + ready + " " + go);
+    EXPECT_EQ(0u, c.wait());
+    EXPECT_NE(std::string::npos, ctl("journal").find("\"text\":\"elsewhere0\""));
+    CloseHandle(ready_event);
+    CloseHandle(go_event);
+    DeleteFileA(exe.c_str());
+    RemoveDirectoryA(dir.c_str());
+}
+
 }  // namespace
