@@ -122,13 +122,12 @@ struct overlapped_get {
     LPOVERLAPPED overlapped;
 };
 
+// What GetOverlappedResult turns back into the Win32 error of the failed wait.
 NTSTATUS status_from_hr(HRESULT hr) {
-    switch (hr) {
-        case S_OK: return 0;
-        case HRESULT_FROM_WIN32(ERROR_OPERATION_ABORTED): return static_cast<NTSTATUS>(0xC0000120);  // cancelled
-        case HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER): return static_cast<NTSTATUS>(0xC0000023);
-        default: return static_cast<NTSTATUS>(0xC0000008);  // invalid handle: the driver went away
-    }
+    if (hr == S_OK) return 0;
+    if (hr == vqr::hr_aborted) return static_cast<NTSTATUS>(0xC0000120);  // STATUS_CANCELLED
+    if (hr == HRESULT_FROM_WIN32(ERROR_INSUFFICIENT_BUFFER)) return static_cast<NTSTATUS>(0xC0000023);
+    return static_cast<NTSTATUS>(0xC0000008);  // STATUS_INVALID_HANDLE: the driver went away
 }
 
 DWORD WINAPI overlapped_get_thread(LPVOID param) {
