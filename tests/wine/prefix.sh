@@ -3,9 +3,25 @@
 #   prefix.sh create   fresh prefix at $WINEPREFIX, persistent wineserver
 #   prefix.sh stop     ends the wineserver (and with it every process of the prefix)
 #   prefix.sh clone D  copies $WINEPREFIX to D for a test that needs a prefix of its own
+#   prefix.sh sim      starts the driver simulator in $WINEPREFIX (create does this; a clone
+#                      runs under its own wineserver and needs its own)
 set -euo pipefail
 : "${WINEPREFIX:?WINEPREFIX must be set}"
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
+
+# The driver stand-in serves the Filter Manager ports in the background and ends with the
+# wineserver. Wine loads the fltlib.dll in system32 without a DLL override.
+start_simulator() {
+  if [ -n "${NV_BIN_DIR:-}" ] && [ -f "$NV_BIN_DIR/driver_sim.exe" ]; then
+    local sim_log
+    sim_log="$(dirname "$WINEPREFIX")/driver_sim-$(basename "$WINEPREFIX").log"
+    setsid -f wine "$NV_BIN_DIR/driver_sim.exe" </dev/null >"$sim_log" 2>&1
+    if ! wine "$NV_BIN_DIR/driver_ctl.exe" wait-ready 20000 </dev/null >/dev/null 2>&1; then
+      echo "driver simulator did not come up; see $sim_log" >&2
+      exit 1
+    fi
+  fi
+}
 
 case "${1:-}" in
   create)
@@ -21,10 +37,14 @@ case "${1:-}" in
     wineserver -p </dev/null >/dev/null 2>&1
     # Start Wine's own services now, detached from any test's output.
     wine cmd /c exit </dev/null >/dev/null 2>&1
+    start_simulator
     echo "wine prefix ready: $WINEPREFIX"
     ;;
   stop)
     wineserver -k 2>/dev/null || true
+    ;;
+  sim)
+    start_simulator
     ;;
   clone)
     dest=${2:?destination}
@@ -32,7 +52,7 @@ case "${1:-}" in
     cp -a "$WINEPREFIX" "$dest"
     ;;
   *)
-    echo "usage: prefix.sh create|stop|clone DEST" >&2
+    echo "usage: prefix.sh create|stop|sim|clone DEST" >&2
     exit 2
     ;;
 esac

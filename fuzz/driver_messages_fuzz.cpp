@@ -1,0 +1,27 @@
+// The driver stand-in reads whatever a client hands FilterSendMessage, and the service reads
+// whatever arrives on the notification port: both readers must take any bytes.
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "service/driver_protocol.h"
+#include "tools/driver_sim/driver_state.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    vqr::driver_message m;
+    if (vqr::parse_message(data, size, m) == vqr::message_check::ok && !m.feature) {
+        const auto again = vqr::build_command(m.code, m.text);
+        if (again.size() != size) __builtin_trap();
+    }
+    vqr::irp_notification n;
+    vqr::parse_notification(data, size, n);
+    static vqr::sim::driver_state state;
+    static unsigned runs = 0;
+    state.handle_message(1, vqr::sim::port_kind::command, data, size);
+    if (++runs % 256 == 0) {
+        (void)state.journal_json();
+        (void)state.state_json(0, 0);
+        state.reset();
+    }
+    return 0;
+}

@@ -1,0 +1,391 @@
+// The driver stand-in as the service will meet it: the Filter Manager calls of our fltlib.dll
+// (linked through the system's import library) against the simulator that the test prefix
+// runs, inspected and driven through driver_ctl in a second process.
+#include <windows.h>
+
+#include <fltuser.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <iterator>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "service/driver_protocol.h"
+#include "tests/helpers/process.h"
+#include "tools/driver_sim/json_writer.h"
+
+namespace {
+
+std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
+    std::string out;
+    const DWORD code = nv_test::run("driver_ctl.exe", args, &out);
+    if (exit_code) *exit_code = code;
+    return out;
+}
+
+std::string json(const std::wstring& text) {
+    std::string out;
+    vqr::sim::append_json_string(out, text);
+    return out;
+}
+
+std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
+
+HRESULT send(HANDLE port, const std::vector<uint8_t>& message) {
+    DWORD returned = 123;
+    const HRESULT hr = FilterSendMessage(port, const_cast<uint8_t*>(message.data()),
+                                         static_cast<DWORD>(message.size()), nullptr, 0, &returned);
+    EXPECT_EQ(0u, returned);
+    return hr;
+}
+
+// Every test starts from a freshly loaded driver with an empty journal.
+class DriverStandIn : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DWORD code = 0;
+        ctl("load", &code);
+        ctl("reset", &code);
+        ASSERT_EQ(0u, code) << "driver simulator not running";
+    }
+    void TearDown() override {
+        for (HANDLE h : ports_) CloseHandle(h);
+        ctl("load");
+    }
+    HANDLE connect(const wchar_t* name) {
+        HANDLE port = INVALID_HANDLE_VALUE;
+        const HRESULT hr = FilterConnectCommunicationPort(name, 0, nullptr, 0, nullptr, &port);
+        EXPECT_EQ(S_OK, hr);
+        if (SUCCEEDED(hr)) ports_.push_back(port);
+        return port;
+    }
+    std::vector<HANDLE> ports_;
+};
+
+TEST_F(DriverStandIn, EveryCodeLandsInStateAndJournalByteForByte) {
+    HANDLE port = connect(vqr::command_port_name);
+    namespace c = vqr::code;
+    struct step {
+        std::vector<uint8_t> message;
+        const char* expected_hex;  // checked where the layout itself is the point
+    };
+    const std::vector<step> steps = {
+        {vqr::build_feature(c::feature_process_protection, true), "000000000000000001"},
+        {vqr::build_feature(c::feature_skip_first_svcmgr_open, true), nullptr},
+        {vqr::build_feature(c::feature_folder_protection, true), nullptr},
+        {vqr::build_feature(c::feature_registry_protection, true), nullptr},
+        {vqr::build_feature(c::feature_irp_notify, true), "100000000000000001"},
+        {vqr::build_command(c::protect_process, L"C:\\App\\a.exe"), nullptr},
+        {vqr::build_command(c::protect_process, L"C:\\App\\b.exe"), nullptr},
+        {vqr::build_command(c::unprotect_process, L"C:\\App\\b.exe"), nullptr},
+        {vqr::build_command(c::trusted_app, L"\\Device\\HarddiskVolume1\\windows\\system32\\lsass.exe"), nullptr},
+        {vqr::build_command(c::protect_folder, L"\\Device\\HarddiskVolume1\\App\\"), nullptr},
+        {vqr::build_command(c::protect_folder, L"\\Device\\HarddiskVolume1\\Other"), nullptr},
+        {vqr::build_command(c::unprotect_folder, L"\\Device\\HarddiskVolume1\\Other"), nullptr},
+        {vqr::build_command(c::block_path, L"\\Device\\HarddiskVolume1\\Q\\x.QUA"), nullptr},
+        {vqr::build_command(c::block_path, L"\\Device\\HarddiskVolume1\\Q"), nullptr},
+        {vqr::build_command(c::unblock_path, L"\\Device\\HarddiskVolume1\\Q\\x.QUA"), nullptr},
+        {vqr::build_command(c::protect_regkey, L"\\REGISTRY\\MACHINE\\SOFTWARE\\Norvale"), nullptr},
+        {vqr::build_command(c::svcmgr_path, L"\\Device\\HarddiskVolume1\\windows\\system32\\services.exe"), nullptr},
+        // A text of n units travels with length 2n + 2: "AB" is 2 units, length 6, size 14.
+        {vqr::build_command(c::protect_regkey, L"AB"), "0c00000006000000410042000000"},
+        // Remove-all: 10 bytes, length 2, text 00 00.
+        {vqr::build_command(c::unprotect_regkey, L""), "0d000000020000000000"},
+        {vqr::build_feature(c::feature_registry_protection, false), "0b0000000000000000"},
+    };
+    for (const auto& s : steps) {
+        if (s.expected_hex) {
+            EXPECT_EQ(s.expected_hex, hex(s.message));
+        }
+        EXPECT_EQ(S_OK, send(port, s.message)) << hex(s.message);
+    }
+
+    const std::string journal = ctl("journal");
+    size_t at = 0;
+    for (size_t i = 0; i < steps.size(); ++i) {
+        const std::string entry = "{\"seq\":" + std::to_string(i + 1) + ",";
+        const size_t found = journal.find(entry, at);
+        ASSERT_NE(std::string::npos, found) << "journal entry " << i + 1 << " missing:\n" << journal;
+        const size_t end = journal.find('}', found);
+        const std::string line = journal.substr(found, end - found);
+        EXPECT_NE(std::string::npos, line.find("\"bytes\":\"" + hex(steps[i].message) + "\"")) << line;
+        EXPECT_NE(std::string::npos, line.find("\"hr\":\"0x00000000\"")) << line;
+        at = end;
+    }
+    EXPECT_EQ(std::string::npos, journal.find("{\"seq\":" + std::to_string(steps.size() + 1) + ","));
+    EXPECT_NE(std::string::npos, journal.find("\"code\":1,\"kind\":\"command\",\"text\":" + json(L"C:\\App\\a.exe")));
+
+    const std::string state = ctl("state");
+    const std::string want[] = {
+        "\"features\":{\"0\":true,\"5\":true,\"6\":true,\"11\":false,\"16\":true}",
+        "\"process_rules\":[" + json(L"C:\\App\\a.exe") + "]",
+        "\"trusted_apps\":[" + json(L"\\Device\\HarddiskVolume1\\windows\\system32\\lsass.exe") + "]",
+        "\"folder_rules\":[" + json(L"\\Device\\HarddiskVolume1\\App\\") + "]",
+        "\"blocking_rules\":[" + json(L"\\Device\\HarddiskVolume1\\Q") + "]",
+        "\"registry_rules\":[]",
+        "\"svc_mgr_path\":" + json(L"\\Device\\HarddiskVolume1\\windows\\system32\\services.exe"),
+        "\"malformed\":0",
+    };
+    for (const auto& w : want) EXPECT_NE(std::string::npos, state.find(w)) << w << "\n" << state;
+}
+
+TEST_F(DriverStandIn, EmptyTextRemovesEveryRuleOfItsKindOnly) {
+    HANDLE port = connect(vqr::command_port_name);
+    namespace c = vqr::code;
+    for (const auto& [add, remove, list] : {std::make_tuple(c::protect_process, c::unprotect_process, "process_rules"),
+                                            std::make_tuple(c::protect_folder, c::unprotect_folder, "folder_rules"),
+                                            std::make_tuple(c::protect_regkey, c::unprotect_regkey, "registry_rules")}) {
+        ASSERT_EQ(S_OK, send(port, vqr::build_command(add, L"one")));
+        ASSERT_EQ(S_OK, send(port, vqr::build_command(add, L"two")));
+        ASSERT_EQ(S_OK, send(port, vqr::build_command(c::block_path, L"kept")));
+        EXPECT_NE(std::string::npos, ctl("state").find(std::string("\"") + list + "\":[\"one\",\"two\"]"));
+        ASSERT_EQ(S_OK, send(port, vqr::build_command(remove, L"")));
+        const std::string state = ctl("state");
+        EXPECT_NE(std::string::npos, state.find(std::string("\"") + list + "\":[]")) << state;
+        EXPECT_NE(std::string::npos, state.find("\"blocking_rules\":[\"kept\"]")) << state;
+    }
+}
+
+TEST_F(DriverStandIn, MalformedMessagesAreRefusedCountedAndServingGoesOn) {
+    HANDLE port = connect(vqr::command_port_name);
+    auto with = [](std::vector<uint8_t> m, size_t at, uint8_t value) {
+        m[at] = value;
+        return m;
+    };
+    auto cut = [](std::vector<uint8_t> m, size_t n) {
+        m.resize(m.size() - n);
+        return m;
+    };
+    const auto text = vqr::build_command(vqr::code::protect_process, L"C:\\x.exe");
+    const struct {
+        const char* name;
+        std::vector<uint8_t> message;
+    } cases[] = {
+        {"too_short", {1, 0, 0, 0}},
+        {"bad_size", cut(vqr::build_feature(0, true), 1)},
+        {"bad_switch", with(vqr::build_feature(6, true), 8, 2)},
+        {"length_mismatch", with(text, 4, 4)},
+        {"length_mismatch", cut(text, 2)},
+        {"no_terminator", with(text, text.size() - 1, 0x41)},
+        {"unknown_code", vqr::build_command(4, L"x")},
+        {"unknown_code", vqr::build_command(14, L"x")},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(static_cast<HRESULT>(0x80070057), send(port, c.message)) << c.name;
+    }
+    EXPECT_EQ(S_OK, send(port, text));
+    const std::string journal = ctl("journal");
+    for (const auto& c : cases)
+        EXPECT_NE(std::string::npos, journal.find(std::string("\"check\":\"") + c.name + "\"")) << c.name;
+    const std::string state = ctl("state");
+    EXPECT_NE(std::string::npos, state.find("\"malformed\":" + std::to_string(std::size(cases)))) << state;
+    EXPECT_NE(std::string::npos, state.find("\"process_rules\":[" + json(L"C:\\x.exe") + "]")) << state;
+}
+
+TEST_F(DriverStandIn, InjectedDenialArrivesInTheNotificationLayoutAndFeatureOffStopsTheReceiver) {
+    HANDLE command = connect(vqr::command_port_name);
+    HANDLE notify = connect(vqr::notify_port_name);
+
+    // Notifications are off: nobody hears of the denial.
+    DWORD code = 0;
+    ctl("inject 3 0 1234 \\Device\\HarddiskVolume1\\data\\file.txt", &code);
+    EXPECT_EQ(3u, code);
+
+    ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, true)));
+    const std::string out = ctl("inject 0x12 0x2 4660 \\Device\\HarddiskVolume1\\data\\file.txt", &code);
+    EXPECT_EQ(0u, code);
+    EXPECT_NE(std::string::npos, out.find("{\"delivered\":1}"));
+
+    std::vector<uint8_t> buffer(vqr::notification::size, 0xCC);
+    auto* header = reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data());
+    ASSERT_EQ(S_OK, FilterGetMessage(notify, header, static_cast<DWORD>(buffer.size()), nullptr));
+    EXPECT_NE(0u, header->MessageId);
+    EXPECT_EQ(1u, vqr::get_u32(&buffer[16]));
+    EXPECT_EQ(0x12, buffer[20]);
+    EXPECT_EQ(0x02, buffer[21]);
+    EXPECT_EQ(4660u, vqr::get_u32(&buffer[24]));
+    const std::wstring name(reinterpret_cast<const wchar_t*>(&buffer[28]));
+    EXPECT_EQ(L"\\Device\\HarddiskVolume1\\data\\file.txt", name);
+    EXPECT_EQ(0, buffer[28 + 2 * name.size() + 1]);
+    EXPECT_EQ(0, buffer[vqr::notification::size - 1]);  // the whole 552 bytes were written
+
+    ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, false)));
+    std::fill(buffer.begin(), buffer.end(), 0xCC);
+    ASSERT_EQ(S_OK, FilterGetMessage(notify, header, static_cast<DWORD>(buffer.size()), nullptr));
+    vqr::irp_notification stop;
+    ASSERT_TRUE(vqr::parse_notification(buffer.data(), buffer.size(), stop));
+    EXPECT_EQ(vqr::notification::type_stop, stop.type);
+    EXPECT_GT(stop.message_id, header->MessageId - 1);
+}
+
+TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEvent) {
+    HANDLE command = connect(vqr::command_port_name);
+    HANDLE notify = connect(vqr::notify_port_name);
+    ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, true)));
+    std::vector<uint8_t> buffer(vqr::notification::size, 0);
+    OVERLAPPED ov{};
+    ov.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING),
+              FilterGetMessage(notify, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data()),
+                               static_cast<DWORD>(buffer.size()), &ov));
+    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(ov.hEvent, 100));
+    ctl("inject 3 0 77 \\Device\\HarddiskVolume1\\a");
+    DWORD bytes = 0;
+    EXPECT_TRUE(GetOverlappedResult(notify, &ov, &bytes, TRUE));
+    EXPECT_EQ(vqr::notification::size, bytes);
+    EXPECT_EQ(77u, vqr::get_u32(&buffer[24]));
+
+    // Cancelled with CancelIoEx, the pending get ends as an aborted operation.
+    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING),
+              FilterGetMessage(notify, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data()),
+                               static_cast<DWORD>(buffer.size()), &ov));
+    Sleep(100);
+    EXPECT_TRUE(CancelIoEx(notify, nullptr));
+    EXPECT_FALSE(GetOverlappedResult(notify, &ov, &bytes, TRUE));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
+    CloseHandle(ov.hEvent);
+}
+
+TEST_F(DriverStandIn, BlockingGetCancelledFromAnotherThreadAnswersAborted) {
+    for (const bool synchronous_cancel : {true, false}) {
+        HANDLE notify = connect(vqr::notify_port_name);
+        std::atomic<HRESULT> result{S_FALSE};
+        std::atomic<bool> entered{false};
+        HANDLE waiter = nullptr;  // the waiting thread, for CancelSynchronousIo
+        std::thread t([&] {
+            std::vector<uint8_t> buffer(vqr::notification::size);
+            DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &waiter, 0, FALSE,
+                            DUPLICATE_SAME_ACCESS);
+            entered = true;
+            result = FilterGetMessage(notify, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data()),
+                                      static_cast<DWORD>(buffer.size()), nullptr);
+        });
+        while (!entered) Sleep(10);
+        Sleep(200);  // the thread is in its wait now
+        if (synchronous_cancel) {
+            EXPECT_TRUE(CancelSynchronousIo(waiter)) << GetLastError();
+        } else {
+            EXPECT_TRUE(CancelIoEx(notify, nullptr)) << GetLastError();
+        }
+        t.join();
+        CloseHandle(waiter);
+        EXPECT_EQ(static_cast<HRESULT>(0x800703E3), result.load()) << "synchronous cancel " << synchronous_cancel;
+    }
+}
+
+TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
+    HANDLE command = connect(vqr::command_port_name);
+    HANDLE notify = connect(vqr::notify_port_name);
+    ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::protect_process, L"C:\\a.exe")));
+
+    HANDLE other = INVALID_HANDLE_VALUE;
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              FilterConnectCommunicationPort(L"\\NoSuchPort", 0, nullptr, 0, nullptr, &other));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, other);
+
+    DWORD code = 0;
+    ctl("unload", &code);
+    ASSERT_EQ(0u, code);
+    EXPECT_EQ(static_cast<HRESULT>(0x80070006), send(command, vqr::build_feature(0, true)));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              FilterConnectCommunicationPort(vqr::command_port_name, 0, nullptr, 0, nullptr, &other));
+    // A waiting receiver hears the stop message first, then that the driver is gone.
+    std::vector<uint8_t> buffer(vqr::notification::size);
+    auto* header = reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data());
+    ASSERT_EQ(S_OK, FilterGetMessage(notify, header, static_cast<DWORD>(buffer.size()), nullptr));
+    EXPECT_EQ(vqr::notification::type_stop, vqr::get_u32(&buffer[16]));
+    EXPECT_EQ(static_cast<HRESULT>(0x80070006), FilterGetMessage(notify, header, static_cast<DWORD>(buffer.size()), nullptr));
+    const std::string state = ctl("state");
+    EXPECT_NE(std::string::npos, state.find("\"loaded\":false,")) << state;
+    EXPECT_NE(std::string::npos, state.find("\"process_rules\":[]")) << state;
+
+    ctl("load", &code);
+    ASSERT_EQ(0u, code);
+    HANDLE again = connect(vqr::command_port_name);
+    EXPECT_EQ(S_OK, send(again, vqr::build_feature(0, true)));
+
+    // The same through the Filter Manager calls that the installer makes.
+    EXPECT_EQ(S_OK, FilterUnload(vqr::filter_name));
+    EXPECT_EQ(static_cast<HRESULT>(0x80070006), send(again, vqr::build_feature(0, true)));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              FilterConnectCommunicationPort(vqr::command_port_name, 0, nullptr, 0, nullptr, &other));
+    EXPECT_EQ(S_OK, FilterLoad(vqr::filter_name));
+    connect(vqr::command_port_name);
+}
+
+TEST_F(DriverStandIn, AttachAndDetachAreRecordedWithInstanceNames) {
+    wchar_t instance[256] = {};
+    EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr, sizeof instance, instance));
+    EXPECT_STREQ(L"VQRMonitor - Top Instance", instance);
+    EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"Z:", nullptr, sizeof instance, instance));
+    std::string state = ctl("state");
+    EXPECT_NE(std::string::npos, state.find("{\"volume\":" + json(L"\\Device\\HarddiskVolume1") +
+                                            ",\"instance\":\"VQRMonitor - Top Instance\"}")) << state;
+    EXPECT_NE(std::string::npos, state.find("{\"volume\":\"Z:\",\"instance\":\"VQRMonitor - Top Instance\"}")) << state;
+
+    EXPECT_EQ(S_OK, FilterDetach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr));
+    EXPECT_EQ(static_cast<HRESULT>(0x801F0015), FilterDetach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr));
+    EXPECT_EQ(static_cast<HRESULT>(0x801F0013), FilterAttach(L"Other", L"Z:", nullptr, 0, nullptr));
+    state = ctl("state");
+    EXPECT_NE(std::string::npos, state.find("\"volumes\":[{\"volume\":\"Z:\",")) << state;
+    EXPECT_EQ(std::string::npos, state.find("\"volumes\":[{\"volume\":\"Z:\",\"instance\":\"VQRMonitor - Top Instance\"},")) << state;
+}
+
+TEST_F(DriverStandIn, TwoProcessesConnectedAtOnceAreEachJournaledOnce) {
+    const std::string ready[2] = {nv_test::unique_name("Global\\nv_drv_ready"), nv_test::unique_name("Global\\nv_drv_ready")};
+    const std::string go = nv_test::unique_name("Global\\nv_drv_go");
+    HANDLE ready_events[2] = {CreateEventA(nullptr, TRUE, FALSE, ready[0].c_str()),
+                              CreateEventA(nullptr, TRUE, FALSE, ready[1].c_str())};
+    HANDLE go_event = CreateEventA(nullptr, TRUE, FALSE, go.c_str());
+    constexpr int count = 25;
+    nv_test::child a = nv_test::start("\"" + nv_test::bin_dir() + "nv_test_helper.exe\" driver-send a " +
+                                      std::to_string(count) + " " + ready[0] + " " + go);
+    nv_test::child b = nv_test::start("\"" + nv_test::bin_dir() + "nv_test_helper.exe\" driver-send b " +
+                                      std::to_string(count) + " " + ready[1] + " " + go);
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForMultipleObjects(2, ready_events, TRUE, 30000));
+    EXPECT_NE(std::string::npos, ctl("state").find("\"connections\":{\"command\":2,"));
+    SetEvent(go_event);
+    EXPECT_EQ(0u, a.wait());
+    EXPECT_EQ(0u, b.wait());
+
+    const std::string journal = ctl("journal");
+    for (const char* who : {"a", "b"}) {
+        for (int i = 0; i < count; ++i) {
+            const std::string text = "\"text\":\"" + std::string(who) + std::to_string(i) + "\"";
+            const size_t first = journal.find(text);
+            EXPECT_NE(std::string::npos, first) << text;
+            EXPECT_EQ(std::string::npos, journal.find(text, first + 1)) << text << " journaled twice";
+        }
+    }
+    EXPECT_EQ(std::string::npos, journal.find("{\"seq\":" + std::to_string(2 * count + 1) + ","));
+    for (HANDLE h : ready_events) CloseHandle(h);
+    CloseHandle(go_event);
+}
+
+
+// A program with no fltlib.dll beside it must get ours from system32, not Wine's builtin one
+// (which answers E_NOTIMPL): the helper exits 0 only when its connect and send succeeded.
+TEST_F(DriverStandIn, ProgramsElsewhereLoadOurFltlibFromTheSystemDirectory) {
+    char temp[MAX_PATH] = {};
+    GetTempPathA(MAX_PATH, temp);
+    const std::string dir = std::string(temp) + nv_test::unique_name("nv_fltlib_load");
+    ASSERT_TRUE(CreateDirectoryA(dir.c_str(), nullptr));
+    const std::string exe = dir + "\\helper.exe";
+    ASSERT_TRUE(CopyFileA((nv_test::bin_dir() + "nv_test_helper.exe").c_str(), exe.c_str(), FALSE));
+    const std::string ready = nv_test::unique_name("Global\\nv_drv_ready");
+    const std::string go = nv_test::unique_name("Global\\nv_drv_go");
+    HANDLE ready_event = CreateEventA(nullptr, TRUE, FALSE, ready.c_str());
+    HANDLE go_event = CreateEventA(nullptr, TRUE, TRUE, go.c_str());
+    nv_test::child c = nv_test::start("\"" + exe + "\" driver-send elsewhere 1 " + ready + " " + go);
+    EXPECT_EQ(0u, c.wait());
+    EXPECT_NE(std::string::npos, ctl("journal").find("\"text\":\"elsewhere0\""));
+    CloseHandle(ready_event);
+    CloseHandle(go_event);
+    DeleteFileA(exe.c_str());
+    RemoveDirectoryA(dir.c_str());
+}
+
+}  // namespace

@@ -1,0 +1,133 @@
+// driver_ctl: drives the VQRMonitor simulator for tests and for people.
+//
+//   driver_ctl state                          switches, rules, volumes, counters (JSON)
+//   driver_ctl journal                        every message in arrival order (JSON)
+//   driver_ctl inject MAJOR MINOR PID FILE [TYPE]
+//                                             an IRP-denied notification (type 1 unless given)
+//                                             to the notification clients; prints {"delivered":n}
+//   driver_ctl unload | load | reset | quit
+//   driver_ctl wait-ready [MS]                waits until a simulator serves (default 10000 ms)
+//
+// Exit codes: 0 done, 1 no simulator or a refused request, 2 usage, 3 nobody got the
+// notification (no client, or notifications switched off).
+#include <windows.h>
+
+#include <shellapi.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "mcl/encoding.h"
+#include "mcl/mswin/unique_handle.h"
+#include "tools/driver_sim/sim_channel.h"
+
+namespace {
+
+using mcl::mswin::unique_kernel_handle;
+namespace op = vqr::sim::op;
+
+int usage() {
+    fprintf(stderr,
+            "usage: driver_ctl state | journal | inject MAJOR MINOR PID FILE [TYPE] | unload | load | reset | quit"
+            " | wait-ready [MS]\n");
+    return 2;
+}
+
+// Sends one request and reads the answer; false (with a message) when no simulator answers.
+bool transact(const mcl::binary_t& request, mcl::binary_t& answer) {
+    unique_kernel_handle pipe;
+    for (int attempt = 0; attempt < 10 && !pipe; ++attempt) {
+        pipe.reset(CreateFileW(vqr::sim::pipe_name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        if (!pipe && GetLastError() == ERROR_PIPE_BUSY) WaitNamedPipeW(vqr::sim::pipe_name, 1000);
+        else if (!pipe) break;
+    }
+    if (!pipe) {
+        fprintf(stderr, "driver_ctl: no simulator (error %lu)\n", GetLastError());
+        return false;
+    }
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
+    std::vector<uint8_t> in(vqr::sim::max_message);
+    DWORD bytes = 0;
+    if (!WriteFile(pipe.get(), request.data(), request.size(), &bytes, nullptr) ||
+        !ReadFile(pipe.get(), in.data(), static_cast<DWORD>(in.size()), &bytes, nullptr)) {
+        fprintf(stderr, "driver_ctl: the simulator did not answer (error %lu)\n", GetLastError());
+        return false;
+    }
+    answer.assign(in.data(), bytes);
+    return true;
+}
+
+int print_text(uint32_t which) {
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, which);
+    std::string json;
+    uint32_t pos = 0;
+    if (!transact(request, answer) || !mcl::read_string(json, answer, pos)) return 1;
+    printf("%s\n", json.c_str());
+    return 0;
+}
+
+int simple(uint32_t which) {
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, which);
+    uint32_t hr = 0, pos = 0;
+    if (!transact(request, answer) || !mcl::read_u32(hr, answer, pos)) return 1;
+    return hr == 0 ? 0 : 1;
+}
+
+int inject(int argc, wchar_t** argv) {
+    if (argc < 6) return usage();
+    const uint32_t type = argc > 6 ? wcstoul(argv[6], nullptr, 0) : 1;
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, op::inject);
+    mcl::write_u32(request, type);
+    mcl::write_byte(request, static_cast<uint8_t>(wcstoul(argv[2], nullptr, 0)));
+    mcl::write_byte(request, static_cast<uint8_t>(wcstoul(argv[3], nullptr, 0)));
+    mcl::write_u32(request, wcstoul(argv[4], nullptr, 0));
+    mcl::write_wstring(request, argv[5]);
+    uint32_t hr = 0, delivered = 0, pos = 0;
+    if (!transact(request, answer) || !mcl::read_u32(hr, answer, pos) || !mcl::read_u32(delivered, answer, pos)) return 1;
+    if (hr != 0) {
+        fprintf(stderr, "driver_ctl: notification refused (0x%08X)\n", hr);
+        return 1;
+    }
+    printf("{\"delivered\":%u}\n", delivered);
+    return delivered > 0 ? 0 : 3;
+}
+
+int wait_ready(int argc, wchar_t** argv) {
+    const DWORD ms = argc > 2 ? wcstoul(argv[2], nullptr, 0) : 10000;
+    unique_kernel_handle ready(CreateEventW(nullptr, TRUE, FALSE, vqr::sim::ready_event_name));
+    if (!ready) return 1;
+    return WaitForSingleObject(ready.get(), ms) == WAIT_OBJECT_0 ? 0 : 1;
+}
+
+}  // namespace
+
+int main() {
+    int argc = 0;
+    wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
+    mcl::mswin::unique_local owner(argv);
+    if (argv == nullptr || argc < 2) return usage();
+    const std::wstring command = argv[1];
+    struct entry {
+        const wchar_t* name;
+        int (*run)(int, wchar_t**);
+    };
+    static const entry commands[] = {
+        {L"state", [](int, wchar_t**) { return print_text(op::state); }},
+        {L"journal", [](int, wchar_t**) { return print_text(op::journal); }},
+        {L"inject", inject},
+        {L"unload", [](int, wchar_t**) { return simple(op::unload); }},
+        {L"load", [](int, wchar_t**) { return simple(op::load); }},
+        {L"reset", [](int, wchar_t**) { return simple(op::reset); }},
+        {L"quit", [](int, wchar_t**) { return simple(op::quit); }},
+        {L"wait-ready", wait_ready},
+    };
+    for (const auto& e : commands)
+        if (command == e.name) return e.run(argc, argv);
+    return usage();
+}

@@ -1,0 +1,322 @@
+#include "tools/driver_sim/simulator.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <thread>
+
+#include "app/log.h"
+#include "mcl/encoding.h"
+#include "mcl/event.h"
+#include "tools/driver_sim/sim_channel.h"
+
+namespace vqr::sim {
+
+namespace {
+
+using mcl::mswin::unique_kernel_handle;
+
+// The filter reply that nothing waits for: this driver never asks for replies.
+constexpr int32_t hr_no_waiter_for_reply = static_cast<int32_t>(0x801F0020);
+
+void say(const char* format, ...) NV_PRINTF_FORMAT(1, 2);
+void say(const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    vfprintf(stdout, format, args);
+    va_end(args);
+    fputc('\n', stdout);
+    fflush(stdout);
+}
+
+void write_hr(mcl::binary_t& out, int32_t hr) { mcl::write_u32(out, static_cast<uint32_t>(hr)); }
+
+bool same_name(const std::wstring& a, const wchar_t* b) { return _wcsicmp(a.c_str(), b) == 0; }
+
+// Waits for an overlapped operation on `pipe`; false with GetLastError() set when it failed.
+bool finish(HANDLE pipe, OVERLAPPED& ov, BOOL started, DWORD& bytes, DWORD timeout_ms) {
+    if (started) return GetOverlappedResult(pipe, &ov, &bytes, FALSE) != FALSE;
+    if (GetLastError() != ERROR_IO_PENDING) return false;
+    if (WaitForSingleObject(ov.hEvent, timeout_ms) != WAIT_OBJECT_0) {
+        CancelIoEx(pipe, &ov);
+    }
+    return GetOverlappedResult(pipe, &ov, &bytes, TRUE) != FALSE;
+}
+
+}  // namespace
+
+int simulator::run() {
+    unique_kernel_handle instance(CreateMutexW(nullptr, FALSE, instance_mutex_name));
+    if (instance && GetLastError() == ERROR_ALREADY_EXISTS) {
+        say("driver_sim: another simulator is already running");
+        return 2;
+    }
+    quit_event_.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    unique_kernel_handle ready(CreateEventW(nullptr, TRUE, FALSE, ready_event_name));
+    unique_kernel_handle connected(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    mcl::mswin::unique_local descriptor(mcl::make_null_dacl_descriptor());
+    SECURITY_ATTRIBUTES sa{sizeof sa, descriptor.get(), FALSE};
+
+    auto create_instance = [&sa] {
+        return unique_kernel_handle(CreateNamedPipeW(
+            pipe_name, PIPE_ACCESS_DUPLEX | FILE_FLAG_OVERLAPPED, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT,
+            PIPE_UNLIMITED_INSTANCES, /*out_buffer=*/max_message, /*in_buffer=*/max_message, /*timeout=*/0, &sa));
+    };
+    // A new listening instance always exists before the previous one is handed off or closed:
+    // a client never finds the pipe missing (ERROR_FILE_NOT_FOUND would read as "not loaded").
+    unique_kernel_handle pipe = create_instance();
+    if (!pipe) {
+        say("driver_sim: CreateNamedPipe failed: %lu", GetLastError());
+        return 1;
+    }
+    if (ready) SetEvent(ready.get());
+    for (;;) {
+        OVERLAPPED ov{};
+        ov.hEvent = connected.get();
+        ResetEvent(ov.hEvent);
+        bool ok = true;
+        if (!ConnectNamedPipe(pipe.get(), &ov)) {
+            const DWORD err = GetLastError();
+            if (err == ERROR_IO_PENDING) {
+                HANDLE waits[2] = {connected.get(), quit_event_.get()};
+                if (WaitForMultipleObjects(2, waits, FALSE, INFINITE) != WAIT_OBJECT_0) {
+                    CancelIoEx(pipe.get(), &ov);
+                    DWORD ignored = 0;
+                    GetOverlappedResult(pipe.get(), &ov, &ignored, TRUE);
+                    break;
+                }
+                DWORD ignored = 0;
+                ok = GetOverlappedResult(pipe.get(), &ov, &ignored, FALSE) != FALSE;
+            } else {
+                ok = err == ERROR_PIPE_CONNECTED;  // otherwise the client left already
+            }
+        }
+        unique_kernel_handle fresh = create_instance();
+        if (!fresh) {
+            say("driver_sim: CreateNamedPipe failed: %lu", GetLastError());
+            return 1;
+        }
+        if (ok) {
+            auto c = std::make_shared<connection>();
+            c->pipe = pipe.release();
+            {
+                mcl::scoped_lock guard(lock_);
+                c->id = ++next_connection_id_;
+                connections_.push_back(c);
+            }
+            std::thread(&simulator::serve, this, c).detach();
+        }
+        pipe = std::move(fresh);
+    }
+    say("driver_sim: quit");
+    return 0;
+}
+
+void simulator::serve(std::shared_ptr<connection> c) {
+    unique_kernel_handle read_event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    std::vector<uint8_t> in(max_message);
+    for (;;) {
+        OVERLAPPED ov{};
+        ov.hEvent = read_event.get();
+        ResetEvent(ov.hEvent);
+        DWORD bytes = 0;
+        const BOOL started = ReadFile(c->pipe, in.data(), max_message, nullptr, &ov);
+        if (!finish(c->pipe, ov, started, bytes, INFINITE)) break;  // client gone, or dropped
+        mcl::binary_t request(in.data(), bytes);
+        mcl::binary_t reply;
+        const bool keep = handle_request(*c, request, reply);
+        if (!reply.empty() && !write_message(c->pipe, reply.data(), reply.size())) break;
+        if (!keep) break;
+    }
+    mcl::scoped_lock guard(lock_);
+    for (auto it = connections_.begin(); it != connections_.end(); ++it) {
+        if (it->get() == c.get()) {
+            connections_.erase(it);
+            break;
+        }
+    }
+    // Closing (not disconnecting) lets the client still read what was written before.
+    CloseHandle(c->pipe);
+    c->pipe = INVALID_HANDLE_VALUE;
+}
+
+bool simulator::handle_request(connection& c, const mcl::binary_t& request, mcl::binary_t& reply) {
+    uint32_t pos = 0;
+    uint32_t op = 0;
+    if (!mcl::read_u32(op, request, pos)) return false;
+    if (op >= op::state) return handle_control_request(op, request, pos, reply);
+    return handle_port_request(c, op, request, pos, reply);
+}
+
+bool simulator::handle_port_request(connection& c, uint32_t op, const mcl::binary_t& request, uint32_t& pos,
+                                    mcl::binary_t& reply) {
+    mcl::scoped_lock guard(lock_);
+    std::wstring filter, volume, instance;
+    switch (op) {
+        case op::connect: {
+            std::wstring port;
+            const bool is_command = mcl::read_wstring(port, request, pos) && same_name(port, command_port_name);
+            const bool is_notify = !is_command && same_name(port, notify_port_name);
+            if (c.kind != role::new_client || !state_.loaded() || !(is_command || is_notify)) {
+                write_hr(reply, hr_not_found);
+                return false;
+            }
+            c.kind = is_command ? role::command_port : role::notify_port;
+            write_hr(reply, hr_ok);
+            mcl::write_u64(reply, c.id);
+            return true;
+        }
+        case op::send: {
+            if (c.kind != role::command_port && c.kind != role::notify_port) {
+                write_hr(reply, hr_invalid_parameter);
+                return false;
+            }
+            const uint8_t* data = request.data() + pos;
+            const size_t size = request.size() - pos;
+            const port_kind port = c.kind == role::command_port ? port_kind::command : port_kind::notify;
+            const int32_t hr = state_.handle_message(c.id, port, data, size);
+            driver_message m;
+            if (hr == hr_ok && parse_message(data, size, m) == message_check::ok &&
+                m.code == code::feature_irp_notify && !m.on) {
+                irp_notification stop;
+                stop.type = notification::type_stop;
+                push_notification_locked(stop);
+            }
+            write_hr(reply, hr);
+            return true;
+        }
+        case op::reply:
+            write_hr(reply, hr_no_waiter_for_reply);
+            return true;
+        case op::filter_load:
+        case op::filter_unload: {
+            if (!mcl::read_wstring(filter, request, pos)) break;
+            if (op == op::filter_load) {
+                write_hr(reply, state_.load(filter));
+            } else {
+                const bool was_loaded = state_.loaded();
+                const int32_t hr = state_.unload(filter);
+                // The state already forgot its rules; now the ports go.
+                if (hr == hr_ok && was_loaded) unload_locked();
+                write_hr(reply, hr);
+            }
+            return false;
+        }
+        case op::filter_attach: {
+            if (!mcl::read_wstring(filter, request, pos) || !mcl::read_wstring(volume, request, pos) ||
+                !mcl::read_wstring(instance, request, pos))
+                break;
+            std::wstring created;
+            write_hr(reply, state_.attach(filter, volume, instance, created));
+            mcl::write_wstring(reply, created);
+            return false;
+        }
+        case op::filter_detach:
+            if (!mcl::read_wstring(filter, request, pos) || !mcl::read_wstring(volume, request, pos) ||
+                !mcl::read_wstring(instance, request, pos))
+                break;
+            write_hr(reply, state_.detach(filter, volume, instance));
+            return false;
+        default:
+            break;
+    }
+    write_hr(reply, hr_invalid_parameter);
+    return false;
+}
+
+bool simulator::handle_control_request(uint32_t op, const mcl::binary_t& request, uint32_t& pos,
+                                       mcl::binary_t& reply) {
+    mcl::scoped_lock guard(lock_);
+    switch (op) {
+        case op::state:
+            mcl::write_string(reply, state_.state_json(count_locked(role::command_port), count_locked(role::notify_port)));
+            return true;
+        case op::journal:
+            mcl::write_string(reply, state_.journal_json());
+            return true;
+        case op::inject: {
+            irp_notification n;
+            if (!mcl::read_u32(n.type, request, pos) || !mcl::read_byte(n.major_function, request, pos) ||
+                !mcl::read_byte(n.minor_function, request, pos) || !mcl::read_u32(n.process_id, request, pos) ||
+                !mcl::read_wstring(n.file_name, request, pos) ||
+                n.file_name.size() > notification::max_file_name_chars) {
+                write_hr(reply, hr_invalid_parameter);
+                mcl::write_u32(reply, 0);
+                return true;
+            }
+            // A driver reports denials only while notifications are switched on.
+            const uint32_t delivered =
+                state_.loaded() && state_.feature(code::feature_irp_notify) ? push_notification_locked(n) : 0;
+            write_hr(reply, hr_ok);
+            mcl::write_u32(reply, delivered);
+            return true;
+        }
+        case op::unload:
+            if (state_.loaded()) {
+                state_.set_loaded(false);
+                unload_locked();
+            }
+            write_hr(reply, hr_ok);
+            return true;
+        case op::load:
+            state_.set_loaded(true);
+            write_hr(reply, hr_ok);
+            return true;
+        case op::reset:
+            state_.reset();
+            write_hr(reply, hr_ok);
+            return true;
+        case op::quit:
+            write_hr(reply, hr_ok);
+            SetEvent(quit_event_.get());
+            return false;
+        default:
+            write_hr(reply, hr_invalid_parameter);
+            return false;
+    }
+}
+
+bool simulator::write_message(HANDLE pipe, const uint8_t* data, size_t size) {
+    unique_kernel_handle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    OVERLAPPED ov{};
+    ov.hEvent = done.get();
+    DWORD bytes = 0;
+    const BOOL started = WriteFile(pipe, data, static_cast<DWORD>(size), nullptr, &ov);
+    return finish(pipe, ov, started, bytes, 5000) && bytes == size;
+}
+
+uint32_t simulator::push_notification_locked(irp_notification n) {
+    uint32_t delivered = 0;
+    for (const auto& c : connections_) {
+        if (c->kind != role::notify_port || c->gone) continue;
+        n.message_id = state_.next_message_id();
+        std::vector<uint8_t> buffer;
+        if (!build_notification(n, buffer)) return delivered;
+        if (write_message(c->pipe, buffer.data(), buffer.size())) {
+            ++delivered;
+            state_.count_notification();
+        }
+    }
+    return delivered;
+}
+
+void simulator::unload_locked() {
+    // Whatever the switches were, a receiver still waiting must not hang.
+    irp_notification stop;
+    stop.type = notification::type_stop;
+    push_notification_locked(stop);
+    for (const auto& c : connections_) {
+        if (c->kind != role::command_port && c->kind != role::notify_port) continue;
+        c->gone = true;
+        CancelIoEx(c->pipe, nullptr);  // ends the connection's read; its thread closes the pipe
+    }
+    say("driver_sim: unloaded");
+}
+
+size_t simulator::count_locked(role kind) const {
+    size_t n = 0;
+    for (const auto& c : connections_)
+        if (c->kind == kind && !c->gone) ++n;
+    return n;
+}
+
+}  // namespace vqr::sim
