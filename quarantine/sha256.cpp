@@ -1,0 +1,31 @@
+#include "quarantine/sha256.h"
+
+#include <cstdio>
+
+#include "app/log.h"
+
+mcl::binary_t compute_sha256(const char* path, mcl::binary_t& scratch) {
+    mcl::binary_t digest;
+    FILE* file = fopen(path, "rb");
+    if (file == nullptr) {
+        NV_LOG("compute_sha256", "Failed to open file: %s\n", path);
+        return digest;
+    }
+    scratch.clear();
+    scratch.write_at(0, nullptr, sha256_piece_size);
+    sha256_hasher hasher;
+    bool ok = scratch.size() == sha256_piece_size && hasher.begin();
+    while (ok) {
+        const size_t got = fread(scratch.data(), 1, sha256_piece_size, file);
+        if (got != 0) ok = hasher.update(scratch.data(), got);
+        if (got < sha256_piece_size) break;
+    }
+    if (ok && ferror(file) != 0) {
+        NV_LOG("compute_sha256", "Failed to read file: %s\n", path);
+        ok = false;
+    }
+    fclose(file);
+    if (ok) ok = hasher.finish(digest);
+    if (!ok) digest.clear();
+    return digest;
+}
