@@ -22,6 +22,7 @@ constexpr uint32_t archive_marker = 1;
 constexpr uint32_t archive_hash_size = 32;
 constexpr uint32_t archive_decrypt_length_offset = 8;
 constexpr uint32_t archive_encryption_length_offset = 12;
+constexpr uint32_t archive_hash_offset = 28;
 // Both sides stream the files in pieces of this size.
 constexpr size_t archive_io_size = 16384;
 

@@ -1,6 +1,8 @@
 #include "quarantine/file_archive.h"
 
 #include <chrono>
+#include <system_error>
+#include <thread>
 #include <cstring>
 #include <vector>
 
@@ -46,6 +48,41 @@ bool write_archive(FILE* source, FILE* archive, const char* source_path, archive
     return true;
 }
 
+// The digest of an open source, computed on its own thread (or inline when no thread can be
+// started). result() waits for it; the destructor too, so the stream is never left behind.
+class digest_job {
+public:
+    digest_job(FILE* file, const char* path) : file_(file), path_(path) {
+        try {
+            worker_ = std::thread([this] { run(); });
+        } catch (const std::system_error&) {
+            run();
+        }
+    }
+    ~digest_job() { wait(); }
+    digest_job(const digest_job&) = delete;
+    digest_job& operator=(const digest_job&) = delete;
+
+    const mcl::binary_t& result() {
+        wait();
+        return digest_;
+    }
+
+private:
+    void run() {
+        mcl::binary_t scratch;
+        digest_ = sha256_of_stream(file_, path_, scratch);
+    }
+    void wait() {
+        if (worker_.joinable()) worker_.join();
+    }
+
+    FILE* file_;
+    const char* path_;
+    mcl::binary_t digest_;
+    std::thread worker_;
+};
+
 }  // namespace
 
 bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const char* archive_path) {
@@ -58,15 +95,17 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
     header.data_offset = static_cast<uint32_t>(archive_header_size + path_length + 1);
     header.archive_time = now_unix_milliseconds();
 
-    mcl::binary_t scratch;
-    const mcl::binary_t digest = compute_sha256(source_path, scratch);
-    scratch.release_storage();
-    if (digest.size() != archive_hash_size) {
+    // The digest and the compression each read the whole source. The digest runs on a second
+    // thread while the frame is written, so archiving costs about the longer of the two
+    // instead of their sum; its value goes into the header at the end. The source is opened
+    // for the digest first, so a source that cannot be read still leaves no archive behind.
+    FILE* hashed = open_for_sha256(source_path);
+    if (hashed == nullptr) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to calculate sha256 hash of the file <%s> \n",
                source_path);
         return false;
     }
-    memcpy(header.content_hash, digest.data(), archive_hash_size);
+    digest_job digest(hashed, source_path);
 
     FILE* source = fopen(source_path, "rb");
     FILE* archive = source != nullptr ? fopen(archive_path, "wb") : nullptr;
@@ -77,6 +116,16 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
     NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Archiving : %s -> %s\n", source_path, archive_path);
     bool ok = write_archive(source, archive, source_path, header);
     fclose(source);
+    const mcl::binary_t& content_hash = digest.result();
+    if (ok && content_hash.size() != archive_hash_size) {
+        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to calculate sha256 hash of the file <%s> \n",
+               source_path);
+        ok = false;
+    } else if (ok && (fseek(archive, archive_hash_offset, SEEK_SET) != 0 ||
+                      fwrite(content_hash.data(), 1, archive_hash_size, archive) != archive_hash_size)) {
+        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to write archive header\n");
+        ok = false;
+    }
     if (fclose(archive) != 0) ok = false;
     if (!ok) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "compress : failed with code %i\n", 1);

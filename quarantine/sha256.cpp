@@ -4,13 +4,20 @@
 
 #include "app/log.h"
 
-mcl::binary_t compute_sha256(const char* path, mcl::binary_t& scratch) {
-    mcl::binary_t digest;
+FILE* open_for_sha256(const char* path) {
     FILE* file = fopen(path, "rb");
-    if (file == nullptr) {
-        NV_LOG("compute_sha256", "Failed to open file: %s\n", path);
-        return digest;
-    }
+    if (file == nullptr) NV_LOG("compute_sha256", "Failed to open file: %s\n", path);
+    return file;
+}
+
+mcl::binary_t compute_sha256(const char* path, mcl::binary_t& scratch) {
+    FILE* file = open_for_sha256(path);
+    if (file == nullptr) return mcl::binary_t();
+    return sha256_of_stream(file, path, scratch);
+}
+
+mcl::binary_t sha256_of_stream(FILE* file, const char* path, mcl::binary_t& scratch) {
+    mcl::binary_t digest;
     scratch.clear();
     scratch.write_at(0, nullptr, sha256_piece_size);
     sha256_hasher hasher;

@@ -4,26 +4,46 @@
 #include <windows.h>
 #include <wincrypt.h>
 
+#include <mutex>
+
 #include "app/log.h"
+
+namespace {
+
+// One verify-only provider context for the process. Acquiring a context loads and initialises
+// the provider, which costs far more than hashing a small file; a context that is never
+// released keeps it loaded. Hashes created from one context may be used on different threads.
+std::mutex provider_lock;
+HCRYPTPROV shared_provider = 0;
+
+HCRYPTPROV acquire_shared_provider() {
+    std::lock_guard<std::mutex> hold(provider_lock);
+    if (shared_provider != 0) return shared_provider;
+    HCRYPTPROV provider = 0;
+    if (!CryptAcquireContextA(&provider, /*container=*/nullptr, /*provider_name=*/nullptr, PROV_RSA_AES,
+                              CRYPT_VERIFYCONTEXT)) {
+        const DWORD err = GetLastError();
+        NV_LOG("sha256_hasher::begin", "CryptAcquireContext failed: error %lu\n", static_cast<unsigned long>(err));
+        return 0;  // tried again by the next digest
+    }
+    shared_provider = provider;
+    return provider;
+}
+
+}  // namespace
 
 sha256_hasher::~sha256_hasher() { release(); }
 
 void sha256_hasher::release() {
     if (hash_ != 0) CryptDestroyHash(static_cast<HCRYPTHASH>(hash_));
-    if (provider_ != 0) CryptReleaseContext(static_cast<HCRYPTPROV>(provider_), 0);
     hash_ = 0;
     provider_ = 0;
 }
 
 bool sha256_hasher::begin() {
     release();
-    HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextA(&provider, /*container=*/nullptr, /*provider_name=*/nullptr, PROV_RSA_AES,
-                              CRYPT_VERIFYCONTEXT)) {
-        const DWORD err = GetLastError();
-        NV_LOG("sha256_hasher::begin", "CryptAcquireContext failed: error %lu\n", static_cast<unsigned long>(err));
-        return false;
-    }
+    const HCRYPTPROV provider = acquire_shared_provider();
+    if (provider == 0) return false;
     provider_ = provider;
     HCRYPTHASH hash = 0;
     if (!CryptCreateHash(provider, CALG_SHA_256, /*key=*/0, /*flags=*/0, &hash)) {
