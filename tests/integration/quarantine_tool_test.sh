@@ -71,10 +71,10 @@ trailing() { printf 'x' >>"$1"; }
 cut_frame() { truncate -s -5000 "$1"; }
 bad_digest() { patch "$1" 30 ff; }
 flip_plain() { local n; n=$(stat -c %s "$1"); patch "$1" $((n - 200000)) 00ff00ff; }
-damaged zero.QUA 3 "damaged archive header" zero_offset
+damaged zero.QUA 3 "detail: Failed to read the archive header" zero_offset
 damaged cut.QUA 3 "damaged archive header" cut_path
 damaged magic.QUA 4 "damaged content" bad_magic
-damaged trailing.QUA 4 "damaged content" trailing
+damaged trailing.QUA 4 "detail: Decompress: Trailing data left in file after frame" trailing
 damaged short.QUA 4 "damaged content" cut_frame
 damaged digest.QUA 5 "does not match the recorded digest" bad_digest
 damaged flip.QUA 5 "does not match the recorded digest" flip_plain

@@ -6,8 +6,12 @@
 //                                                         writes nothing
 //   quarantine_tool [--log FILE] extract ARCHIVE DEST     write the content to DEST, then check it
 //
-// Exit codes name what is wrong, so scripts can sort archives.
+// Exit codes name what is wrong, so scripts can sort archives; on failure the lines the archive
+// code logged are shown as "detail:" lines.
+#include <chrono>
 #include <cstdio>
+#include <filesystem>
+#include <fstream>
 #include <cstring>
 #include <string>
 
@@ -153,21 +157,62 @@ int run_create(const char* source, const char* archive) {
     return exit_ok;
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    int at = 1;
-    if (at + 1 < argc && strcmp(argv[at], "--log") == 0) {
-        if (the_log().open(argv[at + 1], /*truncate=*/false)) g_log = &the_log();
-        at += 2;
+// Without --log the archive code logs to a temporary file, whose lines are shown when the
+// command fails: they say which check stopped it.
+class failure_details {
+public:
+    failure_details() {
+        std::error_code ec;
+        const std::filesystem::path dir = std::filesystem::temp_directory_path(ec);
+        if (ec) return;
+        const auto stamp = std::chrono::steady_clock::now().time_since_epoch().count();
+        path_ = (dir / ("quarantine_tool." + std::to_string(stamp) + ".log")).string();
+        if (log_.open(path_.c_str(), /*truncate=*/true)) g_log = &log_;
     }
-    if (at >= argc) return usage();
-    const std::string command = argv[at];
-    const int operands = argc - at - 1;
-    char** operand = argv + at + 1;
+    ~failure_details() {
+        if (g_log == &log_) g_log = nullptr;
+        log_.close();
+        if (!path_.empty()) std::remove(path_.c_str());
+    }
+    failure_details(const failure_details&) = delete;
+    failure_details& operator=(const failure_details&) = delete;
+
+    void show() const {
+        std::ifstream in(path_);
+        std::string line;
+        while (std::getline(in, line)) {
+            const size_t at = line.find("] - ");
+            if (at != std::string::npos) fprintf(stderr, "  detail: %s\n", line.c_str() + at + 4);
+        }
+    }
+
+private:
+    std::string path_;
+    log_file log_;
+};
+
+int run(const std::string& command, int operands, char** operand) {
     if (command == "create" && operands == 2) return run_create(operand[0], operand[1]);
     if (command == "info" && operands == 1) return run_info(operand[0]);
     if (command == "verify" && operands == 1) return run_decode(operand[0], nullptr);
     if (command == "extract" && operands == 2) return run_decode(operand[0], operand[1]);
     return usage();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    int at = 1;
+    bool own_log = false;
+    if (at + 1 < argc && strcmp(argv[at], "--log") == 0) {
+        own_log = the_log().open(argv[at + 1], /*truncate=*/false);
+        if (own_log) g_log = &the_log();
+        at += 2;
+    }
+    if (at >= argc) return usage();
+    if (own_log) return run(argv[at], argc - at - 1, argv + at + 1);
+    failure_details details;
+    const int code = run(argv[at], argc - at - 1, argv + at + 1);
+    if (code != exit_ok && code != exit_usage) details.show();
+    return code;
 }
