@@ -28,8 +28,8 @@ inline void write_file(const std::filesystem::path& path, const bytes& content) 
     out.write(reinterpret_cast<const char*>(content.data()), static_cast<std::streamsize>(content.size()));
 }
 
-inline bytes random_bytes(size_t n, uint32_t seed) {
-    std::mt19937 gen(seed);
+inline bytes random_bytes(size_t n, uint32_t stream) {
+    std::mt19937 gen(stream);
     bytes out(n);
     for (auto& b : out) b = static_cast<unsigned char>(gen());
     return out;
