@@ -9,7 +9,10 @@
 #include <cstdio>
 #include <string>
 
-#if defined(__GNUC__)
+#if defined(__MINGW32__) && defined(__MINGW_PRINTF_FORMAT)
+// MinGW's C++ runtime formats with its own C99 printf (%zu, %llu), so check against that.
+#define NV_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(__MINGW_PRINTF_FORMAT, fmt_index, first_arg)))
+#elif defined(__GNUC__)
 #define NV_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
 #else
 #define NV_PRINTF_FORMAT(fmt_index, first_arg)

@@ -1,0 +1,60 @@
+// The streaming LZ4 frame codec of quarantine archives: 16 KiB reads, 256 KiB linked blocks,
+// and the first non-empty compressed output encrypted with the archive key.
+//
+// Stateless; any thread. Each call owns its contexts and buffers and frees them before it
+// returns. Streams are opened and closed by the caller.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+
+#include "lz4frame.h"
+#include "quarantine/archive_format.h"
+
+struct compress_result {
+    int error = 1;           // 0 success, 1 failure
+    uint64_t size_in = 0;    // bytes read from the input
+    uint64_t size_out = 0;   // bytes written, frame header included, the chunk at its stored length
+};
+
+// Where decompressed bytes go. A failed write is logged by the sink and does not stop the
+// decompression: the digest check afterwards catches it.
+class byte_sink {
+public:
+    virtual ~byte_sink() = default;
+    virtual bool write(const unsigned char* data, size_t size) = 0;
+};
+
+class file_sink : public byte_sink {
+public:
+    explicit file_sink(FILE* file) : file_(file) {}
+    bool write(const unsigned char* data, size_t size) override;
+
+private:
+    FILE* file_;
+};
+
+// Writes `size` bytes with one fwrite; false (logged "Write failed" or "Short write") when
+// fewer were written.
+bool safe_fwrite(const void* data, size_t size, FILE* file);
+
+// Streams `in` into `out` as one LZ4 frame whose first non-empty output after the frame header
+// is encrypted; fills decrypt_length and encryption_length of `header`.
+compress_result compress_file(FILE* in, FILE* out, archive_header& header);
+compress_result compress_file_internal(FILE* in, FILE* out, archive_header& header, LZ4F_compressionContext_t context,
+                                       unsigned char* src, size_t src_capacity, unsigned char* dst,
+                                       size_t dst_capacity);
+
+// `in` stands at data_offset. 0 when the whole frame was decoded and nothing follows it,
+// else 1 with one log line. Chunk lengths beyond what a writer produces are refused before
+// anything is allocated.
+int decompress_file(FILE* in, FILE* out, const archive_header& header);
+int decompress_file(FILE* in, byte_sink& out, const archive_header& header);
+int decompress_file_allocDst(FILE* in, byte_sink& out, const archive_header& header, LZ4F_dctx* context,
+                             unsigned char* src, size_t src_capacity);
+int decompress_file_internal(FILE* in, byte_sink& out, const archive_header& header, LZ4F_dctx* context,
+                             unsigned char* src, size_t src_capacity, size_t filled, size_t frame_header_size,
+                             unsigned char* dst, size_t dst_capacity);
+
+// Bytes in one block for the frame's block size identifier; 0 (logged) for an unknown one.
+size_t get_block_size(const LZ4F_frameInfo_t* info);
