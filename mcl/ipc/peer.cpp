@@ -135,14 +135,9 @@ void ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
     switch (static_cast<frame_kind>(header.kind)) {
     case frame_kind::request:
     case frame_kind::routed_request:
-    case frame_kind::post: {
-        ipc_event e;
-        e.connection = connection;
-        e.frame = std::move(frame);
-        e.handler = handler_;
-        post_event(std::move(e));
+    case frame_kind::post:
+        post_event(ipc_event{connection, std::move(frame), handler_});
         break;
-    }
     case frame_kind::response: {
         const table_key key{connection.get(), header.sequence};
         take_frame_payload(frame, header);
@@ -164,13 +159,7 @@ void ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
                 reply_handlers_.erase(it);
             }
         }
-        if (handler != nullptr) {
-            ipc_event e;
-            e.connection = connection;
-            e.frame = std::move(frame);
-            e.handler = handler;
-            post_event(std::move(e));
-        }
+        if (handler != nullptr) post_event(ipc_event{connection, std::move(frame), handler});
         break;
     }
     default:
