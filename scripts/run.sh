@@ -56,4 +56,5 @@ tr -d '\r' <"$install_dir/nvhalvernservice.debug.log" | tail -n 8
 echo
 echo "The service keeps running in $WINEPREFIX."
 echo "Send it requests with: WINEPREFIX=$WINEPREFIX wine $NV_BIN_DIR/nv_ipc_client.exe send 100000a"
+echo "The driver stand-in:   WINEPREFIX=$WINEPREFIX wine $NV_BIN_DIR/driver_ctl.exe state"
 echo "Stop it with:          bash scripts/run.sh stop"
