@@ -150,6 +150,9 @@ bool simulator::handle_request(connection& c, const mcl::binary_t& request, mcl:
 bool simulator::handle_port_request(connection& c, uint32_t op, const mcl::binary_t& request, uint32_t& pos,
                                     mcl::binary_t& reply) {
     mcl::scoped_lock guard(lock_);
+    // Unload cancels the reads of its connections, but a connection between two reads misses
+    // the cancel: its next request ends it here, without a reply, as the cancel would have.
+    if (c.gone) return false;
     std::wstring filter, volume, instance;
     switch (op) {
         case op::connect: {
