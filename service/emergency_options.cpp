@@ -6,6 +6,7 @@
 
 #include "mcl/buffer.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/text.h"
 
 namespace {
 
@@ -36,15 +37,6 @@ bool take_dword(const std::string& key, const char* name, uint32_t& value) {
     return true;
 }
 
-std::wstring widen(const std::string& s) {
-    const int n = MultiByteToWideChar(CP_ACP, 0, s.c_str(), -1, nullptr, 0);
-    if (n <= 1) return std::wstring();
-    std::wstring w(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, s.c_str(), -1, &w[0], n);
-    w.resize(static_cast<size_t>(n) - 1);
-    return w;
-}
-
 }  // namespace
 
 emergency_start consume_emergency_options(const std::string& key, const emergency_actions& actions) {
@@ -66,7 +58,7 @@ emergency_start consume_emergency_options(const std::string& key, const emergenc
         start.emergency = true;
     }
     if (take_string(key, "fold", text)) {
-        if (actions.restore_folder) actions.restore_folder(widen(text));
+        if (actions.restore_folder) actions.restore_folder(mcl::mswin::widen(text));
         start.emergency = true;
     }
     return start;

@@ -10,20 +10,12 @@
 
 #include "app/log.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
 
 namespace {
-
-std::wstring widen(const char* s) {
-    const int n = MultiByteToWideChar(CP_ACP, 0, s, -1, nullptr, 0);
-    if (n <= 0) return std::wstring();
-    std::wstring w(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_ACP, 0, s, -1, &w[0], n);
-    w.resize(static_cast<size_t>(n) - 1);
-    return w;
-}
 
 bool sha1(const void* data, DWORD size, BYTE (&digest)[20]) {
     HCRYPTPROV provider = 0;
@@ -38,7 +30,6 @@ bool sha1(const void* data, DWORD size, BYTE (&digest)[20]) {
     return ok;
 }
 
-// Opens the service `name` with `access`, logging the way set_dacl does.
 // Opens the service `name` for reading and writing its DACL; `fn` names the caller in the log.
 bool open_for_security(const char* fn, const char* name, unique_sc_handle& manager, unique_sc_handle& svc) {
     manager.reset(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
@@ -68,7 +59,7 @@ bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
 bool service::derive_service_sid(const char* name, PSID* sid) {
     if (sid == nullptr) return false;
     *sid = nullptr;
-    std::wstring upper = widen(name);
+    std::wstring upper = widen(name != nullptr ? name : "");
     if (!upper.empty()) CharUpperBuffW(&upper[0], static_cast<DWORD>(upper.size()));
     // The hash covers the UTF-16LE bytes; wchar_t is UTF-16 little-endian on every Windows target.
     BYTE digest[20];
@@ -100,7 +91,7 @@ bool service::get_sid(const char* name, PSID* sid) {
         NV_LOG("mcl::mswin::service::get_sid", "service - [get_sid] insufficient memory");
         return false;
     }
-    const std::wstring account = L"NT SERVICE\\" + widen(name);
+    const std::wstring account = L"NT SERVICE\\" + widen(name != nullptr ? name : "");
     SID_NAME_USE use = SidTypeUnknown;
     BOOL found = LookupAccountNameW(nullptr, account.c_str(), sid_buffer.get(), &sid_size,
                                     static_cast<wchar_t*>(domain.get()), &domain_size, &use);

@@ -104,6 +104,16 @@ HRESULT call(const mcl::binary_t& request, mcl::binary_t& answer, uint32_t& pos)
 
 std::wstring or_empty(LPCWSTR s) { return s ? std::wstring(s) : std::wstring(); }
 
+// An attach or detach: the filter, the volume and the instance name (empty for none).
+mcl::binary_t volume_request(uint32_t operation, LPCWSTR filter, LPCWSTR volume, LPCWSTR instance) {
+    mcl::binary_t request;
+    mcl::write_u32(request, operation);
+    mcl::write_wstring(request, filter);
+    mcl::write_wstring(request, volume);
+    mcl::write_wstring(request, or_empty(instance));
+    return request;
+}
+
 // Waits for one notification and copies it into the caller's buffer.
 HRESULT receive(HANDLE port, PFILTER_MESSAGE_HEADER buffer, DWORD size, DWORD& copied) {
     copied = 0;
@@ -223,13 +233,9 @@ HRESULT WINAPI FilterUnload(LPCWSTR lpFilterName) {
 HRESULT WINAPI FilterAttach(LPCWSTR lpFilterName, LPCWSTR lpVolumeName, LPCWSTR lpInstanceName,
                             DWORD dwCreatedInstanceNameLength, LPWSTR lpCreatedInstanceName) {
     if (lpFilterName == nullptr || lpVolumeName == nullptr) return E_INVALIDARG;
-    mcl::binary_t request, answer;
-    mcl::write_u32(request, op::filter_attach);
-    mcl::write_wstring(request, lpFilterName);
-    mcl::write_wstring(request, lpVolumeName);
-    mcl::write_wstring(request, or_empty(lpInstanceName));
+    mcl::binary_t answer;
     uint32_t pos = 0;
-    const HRESULT hr = call(request, answer, pos);
+    const HRESULT hr = call(volume_request(op::filter_attach, lpFilterName, lpVolumeName, lpInstanceName), answer, pos);
     if (FAILED(hr) || lpCreatedInstanceName == nullptr) return hr;
     std::wstring created;
     if (!mcl::read_wstring(created, answer, pos)) return HRESULT_FROM_WIN32(ERROR_INVALID_DATA);
@@ -241,13 +247,9 @@ HRESULT WINAPI FilterAttach(LPCWSTR lpFilterName, LPCWSTR lpVolumeName, LPCWSTR 
 
 HRESULT WINAPI FilterDetach(LPCWSTR lpFilterName, LPCWSTR lpVolumeName, LPCWSTR lpInstanceName) {
     if (lpFilterName == nullptr || lpVolumeName == nullptr) return E_INVALIDARG;
-    mcl::binary_t request, answer;
-    mcl::write_u32(request, op::filter_detach);
-    mcl::write_wstring(request, lpFilterName);
-    mcl::write_wstring(request, lpVolumeName);
-    mcl::write_wstring(request, or_empty(lpInstanceName));
+    mcl::binary_t answer;
     uint32_t pos = 0;
-    return call(request, answer, pos);
+    return call(volume_request(op::filter_detach, lpFilterName, lpVolumeName, lpInstanceName), answer, pos);
 }
 
 }  // extern "C"
