@@ -8,12 +8,12 @@
 #include "app/log.h"
 #include "app/program.h"
 #include "app/service_commands.h"
+#include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
 #include "setup/driver_installer.h"
 #include "setup/setup_tasks.h"
 
 using mcl::mswin::unique_kernel_handle;
-using mcl::mswin::unique_sc_handle;
 
 namespace {
 
@@ -113,14 +113,13 @@ const proxy_task proxy_tasks[] = {
 };
 
 int proxy_task_option(const char* task, const char* argument) {
-    const std::string log_path = debug_log_path();
     if (task == nullptr) return -2;
     for (const proxy_task& t : proxy_tasks) {
         if (!iequals(task, t.name)) continue;
         const int result = t.run(argument);
         if (t.log_copy != nullptr) {
             const std::string copy = g_module_dir + t.log_copy;
-            CopyFileA(log_path.c_str(), copy.c_str(), /*fail_if_exists=*/FALSE);
+            CopyFileA(debug_log_path().c_str(), copy.c_str(), /*fail_if_exists=*/FALSE);
         }
         return result;
     }
@@ -147,21 +146,12 @@ void print_usage() {
 
 int check_service_state(const char* name) {
     if (name == nullptr) return -2;
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
-    if (!manager) return -5;
-    unique_sc_handle service(OpenServiceA(manager.get(), name, GENERIC_READ));
-    if (!service) return -5;
-
-    DWORD needed = 0;
-    if (QueryServiceConfigA(service.get(), nullptr, 0, &needed) || GetLastError() != ERROR_INSUFFICIENT_BUFFER)
-        return -2;
-    std::string config(needed, '\0');
-    auto* qsc = reinterpret_cast<QUERY_SERVICE_CONFIGA*>(&config[0]);
-    if (!QueryServiceConfigA(service.get(), qsc, needed, &needed)) return -2;
-    if (qsc->dwStartType == SERVICE_DISABLED) return -3;
-
-    SERVICE_STATUS status{};
-    if (QueryServiceStatus(service.get(), &status) && status.dwCurrentState != SERVICE_RUNNING) return -4;
+    mcl::binary_t config;
+    bool opened = false;
+    if (!mcl::mswin::service::query_config(name, config, &opened)) return opened ? -2 : -5;
+    if (reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data())->dwStartType == SERVICE_DISABLED) return -3;
+    DWORD state = 0;
+    if (mcl::mswin::service::query_state(name, state) && state != SERVICE_RUNNING) return -4;
     return 0;
 }
 
