@@ -60,6 +60,20 @@ public:
     void protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
     void service_version_query(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
+    // Driver command port: senders, switches and their requests (service/driver_port.cpp).
+
+    // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
+
+    // Process images and their folders (service/process_protection.cpp).
+
+    // Services (service/service_protection.cpp).
+
+    // Enforcement and service control (service/service_enforcement.cpp).
+
+    // Registry keys (service/regkey_protection.cpp).
+
+    // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp).
+
 private:
     friend class mcl::singleton_ptr<chelperservice>;
     chelperservice();
@@ -91,4 +105,18 @@ private:
     bool service_protection_enabled_ = true;
     bool process_protection_enabled_ = true;
     bool regkey_protection_enabled_ = true;
+
+    // Driver command port state.
+
+    // IRP-denied notification state.
+
+    // Process and folder protection state.
+
+    // Service protection state.
+
+    // Enforcement state.
+
+    // Registry key protection state.
+
+    // Quarantine state.
 };

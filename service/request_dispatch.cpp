@@ -24,6 +24,20 @@ const request_route routes[] = {
     {msg::stop_service, &chelperservice::stop_service, "stop service"},
     {msg::protocol_compatible, &chelperservice::protocol_compatible, "protocol compatibility"},
     {msg::service_version, &chelperservice::service_version_query, "service version"},
+
+    // Driver command port.
+
+    // Process and folder protection.
+
+    // Service protection.
+
+    // Registry key protection.
+
+    // Enforcement and service control.
+
+    // Quarantine.
+
+    // IRP-denied notifications.
 };
 
 const request_route* find_route(uint32_t id) {
