@@ -4,11 +4,13 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <map>
 #include <string>
 
 #include "mcl/buffer.h"
 #include "mcl/ipc/peer.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/unique_handle.h"
 #include "mcl/mutex.h"
 #include "mcl/singleton.h"
 #include "service/emergency_options.h"
@@ -61,6 +63,34 @@ public:
     void service_version_query(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Driver command port: senders, switches and their requests (service/driver_port.cpp).
+    // Every operation opens its own port connection; the senders return nothing and log a refusal.
+    // They run on the IPC event thread, the service thread at start-up and shutdown, and the
+    // enforcement thread; the attached-volume table has no lock of its own (see drvProtectFolder).
+    using driver_port = mcl::mswin::unique_kernel_handle;
+    // The command port, or INVALID_HANDLE_VALUE after logging the failure.
+    static HANDLE connectFilterDriver();
+    // connectFilterDriver() owned: closed when it goes out of scope.
+    static driver_port openDriverPort();
+    // The text of a Filter Manager or Win32 HRESULT for log lines.
+    static std::wstring driver_error_text(HRESULT hr);
+    static void drvEnableFeature(HANDLE port, uint32_t feature, bool on);
+    static void drvSkipProcessFirstSvcMgrOpen(HANDLE port);
+    static void drvSendCommand(HANDLE port, uint32_t code, const std::wstring& text);
+    // Code 1 (2 when removing); an empty path with `remove` removes every image rule.
+    static void drvProtectProcess(HANDLE port, const std::wstring& imagePath, bool remove);
+    // Code 12 (13 when removing) with the \REGISTRY\MACHINE\... path; empty removes every key rule.
+    static void drvProtectRegKey(HANDLE port, const std::wstring& keyPath, bool remove);
+    // Code 7/8 (9/10 when `block`) with the device form of `path`; an add first attaches the
+    // filter to the path's volume. A path without "X:\" or over 260 characters is refused with a
+    // log line and nothing is sent. An empty path with `remove` removes every rule of that code.
+    void drvProtectFolder(HANDLE port, const std::wstring& path, bool remove, bool block);
+    // FilterDetach of the filter's instance on `volume`, logged when it fails.
+    static void detachFilter(const std::wstring& volume);
+    // Detaches every attached volume and empties the table.
+    void detachAllVolumes();
+    // The device form of a drive-letter path (C:\A -> \Device\HarddiskVolume1\A); false, with a
+    // log line, for a path without "X:\" or over 260 characters. Attaches the volume when `attach`.
+    bool to_device_path(const std::wstring& path, bool attach, std::wstring& device);
 
     // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
 
@@ -90,7 +120,11 @@ private:
     void enableIrpNotifications(bool on);
     void stopIrpReceiver();
     void protectSelf(bool on);
-    void loadPersistedRules();
+    void loadPersistedRules();  // each area's loader below, in start-up order
+    void loadTrustedOpenApps();
+    void loadProtectedService();
+    void loadProtectedRegKeys();
+    void loadqQuarantineContainers();
     void unprotectServiceByName(const std::string& name);
     void restoreFolder(const std::wstring& path);
     void unprotectOwnRegKeys();
@@ -107,6 +141,9 @@ private:
     bool regkey_protection_enabled_ = true;
 
     // Driver command port state.
+    void attachVolume(const std::wstring& volume);
+    // Volume device name (or "X:" when it has none) -> instance name FilterAttach gave.
+    std::map<std::wstring, std::wstring> attached_volumes_;
 
     // IRP-denied notification state.
 

@@ -48,9 +48,22 @@ void chelperservice::protectSelf(bool on) {
            service_name().c_str(), on ? "on" : "off");
 }
 void chelperservice::loadPersistedRules() {
-    not_yet("chelperservice::loadPersistedRules",
-            "chelperservice::loadTrustedOpenApps, loadProtectedService, loadProtectedRegKeys, "
-            "loadqQuarantineContainers");
+    loadTrustedOpenApps();
+    loadProtectedService();
+    loadProtectedRegKeys();
+    loadqQuarantineContainers();
+}
+void chelperservice::loadTrustedOpenApps() {
+    not_yet("chelperservice::loadTrustedOpenApps", "chelperservice::loadTrustedOpenApps");
+}
+void chelperservice::loadProtectedService() {
+    not_yet("chelperservice::loadProtectedService", "chelperservice::loadProtectedService");
+}
+void chelperservice::loadProtectedRegKeys() {
+    not_yet("chelperservice::loadProtectedRegKeys", "chelperservice::loadProtectedRegKeys");
+}
+void chelperservice::loadqQuarantineContainers() {
+    not_yet("chelperservice::loadqQuarantineContainers", "chelperservice::loadqQuarantineContainers");
 }
 void chelperservice::unprotectServiceByName(const std::string& service_name) {
     NV_LOG("chelperservice::unprotectServiceByName", "chelperservice::unprotectService %s: not available in this build",
