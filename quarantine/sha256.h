@@ -30,7 +30,6 @@ public:
 private:
     void release();
 
-    uintptr_t provider_ = 0;
     uintptr_t hash_ = 0;
 };
 

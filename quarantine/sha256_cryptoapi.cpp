@@ -37,14 +37,12 @@ sha256_hasher::~sha256_hasher() { release(); }
 void sha256_hasher::release() {
     if (hash_ != 0) CryptDestroyHash(static_cast<HCRYPTHASH>(hash_));
     hash_ = 0;
-    provider_ = 0;
 }
 
 bool sha256_hasher::begin() {
     release();
     const HCRYPTPROV provider = acquire_shared_provider();
     if (provider == 0) return false;
-    provider_ = provider;
     HCRYPTHASH hash = 0;
     if (!CryptCreateHash(provider, CALG_SHA_256, /*key=*/0, /*flags=*/0, &hash)) {
         const DWORD err = GetLastError();

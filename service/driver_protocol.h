@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "service/driver_hresults.h"
+
 namespace vqr {
 
 // Filter Manager names.
@@ -54,13 +56,6 @@ inline bool is_command_code(uint32_t c) {
 inline bool is_remove_all_code(uint32_t c) {
     return c == code::unprotect_process || c == code::unprotect_folder || c == code::unprotect_regkey;
 }
-
-// HRESULTs the service acts on (kept as int32_t so that this header needs no <windows.h>).
-inline constexpr int32_t hr_ok = 0;
-inline constexpr int32_t hr_not_found = static_cast<int32_t>(0x80070002);  // port not served: driver not loaded
-inline constexpr int32_t hr_unloaded = static_cast<int32_t>(0x80070006);   // the driver went away
-inline constexpr int32_t hr_aborted = static_cast<int32_t>(0x800703E3);    // a blocking wait was cancelled
-inline constexpr int32_t hr_invalid_parameter = static_cast<int32_t>(0x80070057);
 
 // Command message: u32 code, u32 length = 2n + 2, n UTF-16 units and a 0000 unit.
 inline constexpr size_t message_header_size = 8;

@@ -15,13 +15,6 @@ namespace vqr::sim {
 
 enum class port_kind { command, notify };
 
-// Filter Manager HRESULTs the stand-in answers besides those of driver_protocol.h.
-inline constexpr int32_t hr_altitude_collision = static_cast<int32_t>(0x801F0011);
-inline constexpr int32_t hr_instance_name_collision = static_cast<int32_t>(0x801F0012);
-inline constexpr int32_t hr_filter_not_found = static_cast<int32_t>(0x801F0013);
-inline constexpr int32_t hr_instance_not_found = static_cast<int32_t>(0x801F0015);
-inline constexpr int32_t hr_already_loaded = static_cast<int32_t>(0x80070420);
-inline constexpr int32_t hr_connection_count_limit = static_cast<int32_t>(0x800704D6);
 
 // The filter's instances as its service key lists them ("Instances": "DefaultInstance" and one
 // subkey per instance with "Altitude" and "Flags").

@@ -15,8 +15,6 @@ namespace {
 
 using mcl::mswin::unique_kernel_handle;
 
-// The filter reply that nothing waits for: this driver never asks for replies.
-constexpr int32_t hr_no_waiter_for_reply = static_cast<int32_t>(0x801F0020);
 
 void say(const char* format, ...) NV_PRINTF_FORMAT(1, 2);
 void say(const char* format, ...) {

@@ -38,12 +38,12 @@ TEST(DriverState, UnloadForgetsRulesButKeepsTheJournal) {
     EXPECT_TRUE(s.feature(vqr::code::feature_irp_notify));
     EXPECT_EQ(vqr::hr_ok, s.unload(L"vqrmonitor"));
     EXPECT_FALSE(s.feature(vqr::code::feature_irp_notify));
-    EXPECT_EQ(vqr::sim::hr_filter_not_found, s.unload(L"VQRMonitor"));
-    EXPECT_EQ(vqr::sim::hr_filter_not_found, s.attach(L"VQRMonitor", L"C:", L"", instance));
+    EXPECT_EQ(vqr::hr_filter_not_found, s.unload(L"VQRMonitor"));
+    EXPECT_EQ(vqr::hr_filter_not_found, s.attach(L"VQRMonitor", L"C:", L"", instance));
     EXPECT_TRUE(has(s.state_json(0, 0), "\"volumes\":[]"));
     EXPECT_TRUE(has(s.journal_json(), "\"bytes\":\"100000000000000001\""));
     EXPECT_EQ(vqr::hr_ok, s.load(L"VQRMonitor"));
-    EXPECT_EQ(vqr::sim::hr_already_loaded, s.load(L"VQRMonitor"));
+    EXPECT_EQ(vqr::hr_already_loaded, s.load(L"VQRMonitor"));
     EXPECT_EQ(vqr::hr_not_found, s.load(L"Other"));
 }
 
