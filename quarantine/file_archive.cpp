@@ -17,6 +17,7 @@
 #endif
 
 #include "app/log.h"
+#include "mcl/endian.h"
 
 namespace {
 
@@ -27,7 +28,7 @@ uint64_t now_unix_milliseconds() {
 
 bool write_u32_at(FILE* file, long offset, uint32_t value) {
     unsigned char bytes[4];
-    put_u32_le(value, bytes);
+    mcl::store_u32_le(bytes, value);
     return fseek(file, offset, SEEK_SET) == 0 && fwrite(bytes, 1, sizeof(bytes), file) == sizeof(bytes);
 }
 
@@ -213,8 +214,7 @@ bool NVFileArchive::read_archive_info(FILE* archive, archive_info& info) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to read the archive header\n");
         return false;
     }
-    const uint32_t data_offset = uint32_t{first[0]} | (uint32_t{first[1]} << 8) | (uint32_t{first[2]} << 16) |
-                                 (uint32_t{first[3]} << 24);
+    const uint32_t data_offset = mcl::load_u32_le(first);
     if (data_offset <= archive_header_size || data_offset > archive_max_data_offset) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Invalid archive header: data offset %u\n", data_offset);
         return false;

@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "mcl/endian.h"
 #include "service/driver_hresults.h"
 
 namespace vqr {
@@ -64,23 +65,10 @@ inline constexpr size_t feature_message_size = 9;
 
 inline size_t command_message_size(size_t text_units) { return 2 * text_units + 10; }
 
-inline void put_u32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-    p[2] = static_cast<uint8_t>(v >> 16);
-    p[3] = static_cast<uint8_t>(v >> 24);
-}
-inline uint32_t get_u32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
-inline void put_u64(uint8_t* p, uint64_t v) {
-    put_u32(p, static_cast<uint32_t>(v));
-    put_u32(p + 4, static_cast<uint32_t>(v >> 32));
-}
-inline uint64_t get_u64(const uint8_t* p) {
-    return static_cast<uint64_t>(get_u32(p)) | static_cast<uint64_t>(get_u32(p + 4)) << 32;
-}
+inline void put_u32(uint8_t* p, uint32_t v) { mcl::store_u32_le(p, v); }
+inline uint32_t get_u32(const uint8_t* p) { return mcl::load_u32_le(p); }
+inline void put_u64(uint8_t* p, uint64_t v) { mcl::store_u64_le(p, v); }
+inline uint64_t get_u64(const uint8_t* p) { return mcl::load_u64_le(p); }
 
 inline std::vector<uint8_t> build_command(uint32_t command, const std::wstring& text) {
     std::vector<uint8_t> out(command_message_size(text.size()), 0);
