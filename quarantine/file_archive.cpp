@@ -18,6 +18,7 @@
 
 #include "app/log.h"
 #include "mcl/endian.h"
+#include "mcl/file.h"
 
 namespace {
 
@@ -135,14 +136,14 @@ bool digest_sink::write(const unsigned char* data, size_t size) {
     return ok_ && !write_failed_;
 }
 
-bool flush_and_close(FILE* file) {
-    bool ok = fflush(file) == 0;
+bool flush_and_close(mcl::unique_file file) {
+    bool ok = fflush(file.get()) == 0;
 #ifdef _WIN32
-    ok = ok && _commit(_fileno(file)) == 0;
+    ok = ok && _commit(_fileno(file.get())) == 0;
 #else
-    ok = ok && fsync(fileno(file)) == 0;
+    ok = ok && fsync(fileno(file.get())) == 0;
 #endif
-    return fclose(file) == 0 && ok;
+    return fclose(file.release()) == 0 && ok;
 }
 
 bool replace_file(const char* from, const char* to) {
@@ -163,16 +164,15 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
     header.data_offset = static_cast<uint32_t>(archive_header_size + path_length + 1);
     header.archive_time = now_unix_milliseconds();
 
-    FILE* source = fopen(source_path, "rb");
-    if (source == nullptr) {
+    mcl::unique_file source = mcl::open_file(source_path, "rb");
+    if (!source) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to open the source file <%s>\n", source_path);
         return false;
     }
     const std::string partial = std::string(archive_path) + ".partial";
-    FILE* archive = fopen(partial.c_str(), "wb");
-    if (archive == nullptr) {
+    mcl::unique_file archive = mcl::open_file(partial.c_str(), "wb");
+    if (!archive) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to create <%s>\n", partial.c_str());
-        fclose(source);
         return false;
     }
     NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Archiving : %s -> %s\n", source_path, archive_path);
@@ -180,19 +180,19 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
     // archiving costs about the longer of the two, and the recorded digest is that of what the
     // archive holds even when the source changes meanwhile.
     piece_digest digest;
-    bool ok = write_archive(source, archive, source_path, header, digest);
-    fclose(source);
+    bool ok = write_archive(source.get(), archive.get(), source_path, header, digest);
+    source.reset();
     mcl::binary_t content_hash;
     if (ok && (!digest.finish(content_hash) || content_hash.size() != archive_hash_size)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to calculate sha256 hash of the file <%s> \n",
                source_path);
         ok = false;
-    } else if (ok && (fseek(archive, archive_hash_offset, SEEK_SET) != 0 ||
-                      fwrite(content_hash.data(), 1, archive_hash_size, archive) != archive_hash_size)) {
+    } else if (ok && (fseek(archive.get(), archive_hash_offset, SEEK_SET) != 0 ||
+                      fwrite(content_hash.data(), 1, archive_hash_size, archive.get()) != archive_hash_size)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to write archive header\n");
         ok = false;
     }
-    if (!flush_and_close(archive)) ok = false;
+    if (!flush_and_close(std::move(archive))) ok = false;
     if (ok && !replace_file(partial.c_str(), archive_path)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to rename <%s> to <%s>\n", partial.c_str(),
                archive_path);
@@ -241,36 +241,28 @@ bool NVFileArchive::read_archive_info(FILE* archive, archive_info& info) {
 }
 
 bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path) {
-    FILE* archive = fopen(archive_path, "rb");
-    if (archive == nullptr) return false;
+    mcl::unique_file archive = mcl::open_file(archive_path, "rb");
+    if (!archive) return false;
     archive_info info;
-    if (!read_archive_info(archive, info)) {
-        fclose(archive);
-        return false;
-    }
+    if (!read_archive_info(archive.get(), info)) return false;
     // Everything that can be checked without decoding is checked before anything is written.
     if (!archive_chunk_lengths_valid(info.header)) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Invalid encrypted chunk: decrypt length %u, encryption length %u\n",
                info.header.decrypt_length, info.header.encryption_length);
-        fclose(archive);
         return false;
     }
-    if (!check_frame_descriptor(archive)) {
-        fclose(archive);
-        return false;
-    }
+    if (!check_frame_descriptor(archive.get())) return false;
     NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restoring : %s -> %s\n", archive_path, info.path.c_str());
     const std::string partial = info.path + ".restoring";
-    FILE* restored = fopen(partial.c_str(), "wb");
-    if (restored == nullptr) {
+    mcl::unique_file restored = mcl::open_file(partial.c_str(), "wb");
+    if (!restored) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to open the restored file <%s>\n", partial.c_str());
-        fclose(archive);
         return false;
     }
-    digest_sink sink(restored);
-    int result = decompress_file(archive, sink, info.header);
-    fclose(archive);
-    if (!flush_and_close(restored) || sink.write_failed()) result = 1;
+    digest_sink sink(restored.get());
+    int result = decompress_file(archive.get(), sink, info.header);
+    archive.reset();
+    if (!flush_and_close(std::move(restored)) || sink.write_failed()) result = 1;
     mcl::binary_t digest;
     bool ok = false;
     if (result != 0) {

@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <string>
 
+#include "mcl/file.h"
 #include "quarantine/archive_codec.h"
 #include "quarantine/archive_format.h"
 #include "quarantine/sha256.h"
@@ -38,7 +39,7 @@ private:
 };
 
 // Flushes `file` to the disk and closes it; false when either failed.
-bool flush_and_close(FILE* file);
+bool flush_and_close(mcl::unique_file file);
 // Renames `from` to `to`, replacing what `to` names.
 bool replace_file(const char* from, const char* to);
 

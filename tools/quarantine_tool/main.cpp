@@ -64,16 +64,15 @@ bool same_file(const char* a, const char* b) {
     return x == y;
 }
 
-FILE* open_archive(const char* path, archive_info& info, int& code) {
-    FILE* archive = fopen(path, "rb");
-    if (archive == nullptr) {
+mcl::unique_file open_archive(const char* path, archive_info& info, int& code) {
+    mcl::unique_file archive = mcl::open_file(path, "rb");
+    if (!archive) {
         fprintf(stderr, "error: cannot open archive %s\n", path);
         code = exit_io;
         return nullptr;
     }
-    if (!NVFileArchive::read_archive_info(archive, info)) {
+    if (!NVFileArchive::read_archive_info(archive.get(), info)) {
         fprintf(stderr, "error: %s: damaged archive header or recorded path\n", path);
-        fclose(archive);
         code = exit_bad_header;
         return nullptr;
     }
@@ -84,9 +83,7 @@ FILE* open_archive(const char* path, archive_info& info, int& code) {
 int run_info(const char* path) {
     archive_info info;
     int code = exit_ok;
-    FILE* archive = open_archive(path, info, code);
-    if (archive == nullptr) return code;
-    fclose(archive);
+    if (!open_archive(path, info, code)) return code;
     const archive_header& h = info.header;
     printf("data_offset: %u\n", h.data_offset);
     printf("marker_a: %u\n", h.marker_a);
@@ -113,32 +110,29 @@ int run_decode(const char* path, const char* dest) {
     }
     archive_info info;
     int code = exit_ok;
-    FILE* archive = open_archive(path, info, code);
-    if (archive == nullptr) return code;
+    mcl::unique_file archive = open_archive(path, info, code);
+    if (!archive) return code;
     if (!archive_chunk_lengths_valid(info.header)) {
         fprintf(stderr, "error: %s: encrypted chunk lengths are invalid\n", path);
-        fclose(archive);
         return exit_bad_header;
     }
-    if (!check_frame_descriptor(archive)) {
+    if (!check_frame_descriptor(archive.get())) {
         fprintf(stderr, "error: %s: damaged content (the compressed or encrypted data cannot be decoded)\n", path);
-        fclose(archive);
         return exit_bad_content;
     }
     const std::string partial = dest != nullptr ? std::string(dest) + ".partial" : std::string();
-    FILE* out = nullptr;
+    mcl::unique_file out;
     if (dest != nullptr) {
-        out = fopen(partial.c_str(), "wb");
-        if (out == nullptr) {
+        out = mcl::open_file(partial.c_str(), "wb");
+        if (!out) {
             fprintf(stderr, "error: cannot create %s\n", partial.c_str());
-            fclose(archive);
             return exit_io;
         }
     }
-    digest_sink sink(out);
-    const int decoded = decompress_file(archive, sink, info.header);
-    fclose(archive);
-    const bool closed = out == nullptr || flush_and_close(out);
+    digest_sink sink(out.get());
+    const int decoded = decompress_file(archive.get(), sink, info.header);
+    archive.reset();
+    const bool closed = !out || flush_and_close(std::move(out));
     mcl::binary_t digest;
     if (decoded != 0) {
         fprintf(stderr, "error: %s: damaged content (the compressed or encrypted data cannot be decoded)\n", path);
