@@ -282,7 +282,7 @@ TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEvent) {
     EXPECT_EQ(78u, vqr::get_u32(&buffer[24]));
 }
 
-TEST_F(DriverStandIn, RefusesWhatWindowsRefuses) {
+TEST_F(DriverStandIn, SendRefusesMissingArgumentsAndOversizedMessagesAndKeepsTheConnection) {
     HANDLE command = connect(vqr::command_port_name);
     std::vector<uint8_t> message = vqr::build_feature(0, true);
     DWORD returned = 0;
@@ -292,9 +292,10 @@ TEST_F(DriverStandIn, RefusesWhatWindowsRefuses) {
     std::vector<uint8_t> huge(128 * 1024, 0);
     EXPECT_EQ(E_INVALIDARG,
               FilterSendMessage(command, huge.data(), static_cast<DWORD>(huge.size()), nullptr, 0, &returned));
-    EXPECT_EQ(S_OK, send(command, message));  // the connection survived all three
+    EXPECT_EQ(S_OK, send(command, message));
+}
 
-    // The notification port takes one connection.
+TEST_F(DriverStandIn, NotificationPortTakesOneConnection) {
     connect(vqr::notify_port_name);
     HANDLE second = INVALID_HANDLE_VALUE;
     EXPECT_EQ(static_cast<HRESULT>(0x800704D6),
@@ -304,13 +305,17 @@ TEST_F(DriverStandIn, RefusesWhatWindowsRefuses) {
     CloseHandle(ports_.back());
     ports_.pop_back();
     connect(vqr::notify_port_name);
+}
 
-    // Rules are kept exactly as sent: removing another spelling removes nothing.
+// Removing another spelling of a rule removes nothing: the driver compares what it was sent.
+TEST_F(DriverStandIn, RulesAreKeptExactlyAsSent) {
+    HANDLE command = connect(vqr::command_port_name);
     ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::protect_folder, L"C:\\A")));
     ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::unprotect_folder, L"c:\\a")));
     EXPECT_NE(std::string::npos, ctl("state").find("\"folder_rules\":[" + json(L"C:\\A") + "]"));
+}
 
-    // Loading, unloading, attaching and detaching need the load-driver privilege.
+TEST_F(DriverStandIn, LoadUnloadAttachAndDetachNeedTheLoadDriverPrivilege) {
     ASSERT_TRUE(load_driver_privilege(false));
     const HRESULT not_held = HRESULT_FROM_WIN32(ERROR_PRIVILEGE_NOT_HELD);
     EXPECT_EQ(not_held, FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
