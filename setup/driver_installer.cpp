@@ -58,7 +58,11 @@ std::string setup_command(const char* function, const char* section, const std::
     return rundll + " " + setupapi + ",InstallHinfSection " + section + " 132 " + inf_path;
 }
 
-void remove_value(const char* key, const char* name) { (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, key, name); }
+// Deletes the value; one that is not there (the usual case for "WOW64") is not a failure.
+void remove_value(const char* key, const char* name) {
+    mcl::binary_t existing;
+    if (mcl::mswin::reg::read_value(key, name, existing)) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, key, name);
+}
 
 // FilterUnload needs the load-driver privilege enabled in the caller's token.
 void enable_load_driver_privilege() {

@@ -80,6 +80,15 @@ expect_value() {  # expect_value LABEL KEY NAME "TYPE DATA" (empty: missing)
 }
 service_type() { wine sc query VQRMonitor </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "TYPE" { print $3 }'; }
 service_state() { wine sc query VQRMonitor </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "STATE" { print $4 }'; }
+# The service manager starts the stand-in image in its driver host; a loaded machine may take a while.
+start_driver_service() {
+    run net start VQRMonitor
+    for _ in $(seq 1 100); do
+        [ "$(service_state)" = RUNNING ] && return 0
+        sleep 0.2
+    done
+    fail "the driver service does not start: $(cat "$out")"
+}
 # hold WHAT ARG: a probe keeping a service handle or an image mapping until release
 hold() {
     wine "$probe" "hold-$1" "$2" "$release" </dev/null >"$work/hold.txt" 2>&1 &
@@ -197,8 +206,7 @@ installed_version_is "missing package, driver installed" next
 package current
 
 echo "== -i uninstdrv: unload, INF uninstall, service and file gone"
-run net start VQRMonitor
-[ "$(service_state)" = RUNNING ] || fail "the driver service does not start"
+start_driver_service
 before=$(sim_unloads)
 new_log
 run "$exe" -i uninstdrv
@@ -225,7 +233,7 @@ installed_version_is "direct route" current
 [ "$(service_type)" = 2 ] || fail "direct route: no driver service"
 
 echo "== uninstall with the INF route failing: the service is stopped and deleted, the file deleted"
-run net start VQRMonitor
+start_driver_service
 new_log
 run "$exe" -i uninstdrv
 expect "direct uninstall" 0 "Uninstalling driver..."
