@@ -2,9 +2,7 @@
 // protection managers and the quarantine. Until those are part of the build, each step says in
 // the log that it did nothing; each moves to its owner's file when that lands.
 #include "app/log.h"
-#include "mcl/mswin/service.h"
 #include "service/helper_service.h"
-#include "setup/driver_installer.h"
 
 namespace {
 
@@ -14,15 +12,6 @@ void not_yet(const char* function, const char* what) {
 
 }  // namespace
 
-void chelperservice::startDriver() {
-    // Neither result is acted on: a driver that cannot be reached leaves the driver steps undone.
-    if (!mcl::mswin::service::is_service_installed("VQRMonitor")) (void)install_vqrmonitor(true);
-    (void)mcl::mswin::service::start("VQRMonitor");
-}
-
-void chelperservice::logDriverVersion() {
-    not_yet("chelperservice::logDriverVersion", "initDirs / VQRMonitor driver version");
-}
 void chelperservice::startEnforcement() {
     not_yet("chelperservice::startEnforcement", "chelperservice::service_enforce_thread start");
 }
