@@ -105,6 +105,13 @@ expect_rc "--json service list, not installed" 4
 [ "$(json 'd["error"], d["exit_code"], d["command"]')" = "('not_installed', 4, 'service list')" ] ||
     fail "not installed as JSON: $(cat "$out")"
 
+echo "== the client library against the real service"
+NV_SERVICE_EXE=$exe wine "$NV_BIN_DIR/client_service_test.exe" </dev/null >"$out" 2>&1
+rc=$?
+[ "$rc" = 0 ] || fail "client_service_test: $(tr -d '\r' <"$out" | grep -E 'Failure|FAILED|Expected|Actual|Which' | head -20)"
+grep -q 'PASSED  \] 2 tests' "$out" || fail "client_service_test did not run its two tests"
+rm -f "$log"
+
 echo "== a stopped service: status leaves it stopped, a command starts it"
 run "$exe" -i install
 run "$ctl" status
@@ -158,6 +165,7 @@ start_double() {
         run "$ctl" driver on && break
         sleep 0.2
     done
+    sleep 1  # the disconnect of the probe
     : >"$record"
 }
 stop_double() {
@@ -204,8 +212,11 @@ while IFS='|' read -r args id fields; do
     expect_rc "halvernctl $args" 0
     # shellcheck disable=SC2086
     want="$id $(eval "hex $fields")"
-    sleep 0.3  # the disconnect follows
-    tail -n +"$((before + 1))" "$record" | tr -d '\r' >"$work/sent.txt"
+    for _ in $(seq 1 50); do  # the disconnect comes last
+        tail -n +"$((before + 1))" "$record" | tr -d '\r' >"$work/sent.txt"
+        [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ] && break
+        sleep 0.1
+    done
     [ "$(head -n 1 "$work/sent.txt")" = "1000009 05000000" ] || fail "halvernctl $args: protocol not asked first"
     grep -qxF -- "$want" "$work/sent.txt" || fail "halvernctl $args: sent $(tr '\n' ' ' <"$work/sent.txt"), want [$want]"
     [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ] || fail "halvernctl $args: no disconnect at the end"
