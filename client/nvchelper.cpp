@@ -95,9 +95,8 @@ bool nvchelper::status_request(uint32_t id, mcl::binary_t& payload, result* r) {
     return ok;
 }
 
-// Every request method: [gate,] connection, encode (which refuses bad input), send, decode.
-#define NVC_REQUIRE_CONNECTION() \
-    if (!the_connection()) return false
+// Every request method: the gate when it has one, the connection, the encoding (which refuses
+// bad input before anything is sent), the send, the decoding.
 
 // ---------------------------------------------------------------------------------------------
 // Protection rules
@@ -111,14 +110,14 @@ bool nvchelper::unprotect_service(const std::string& name, result* r) {
 }
 
 bool nvchelper::protect_process(const std::string& image_path, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_process_path(payload, true, image_path, r)) return false;
     return status_request(msg::protect_processes, payload, r);
 }
 
 bool nvchelper::unprotect_process(const std::string& image_path, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_process_path(payload, false, image_path, r)) return false;
     return status_request(msg::protect_processes, payload, r);
@@ -143,21 +142,21 @@ bool nvchelper::unprotect_reg_key(HKEY root, const std::wstring& path, result* r
 }
 
 bool nvchelper::protect_services(const std::vector<NVClientHelper::service_rule>& rules, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_service_rules(payload, rules, r)) return false;
     return status_request(msg::protect_services, payload, r);
 }
 
 bool nvchelper::protect_processes(const std::vector<NVClientHelper::process_rule>& rules, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_process_rules(payload, rules, r)) return false;
     return status_request(msg::protect_processes, payload, r);
 }
 
 bool nvchelper::protect_reg_keys(const std::vector<NVClientHelper::reg_key_rule>& rules, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_reg_key_rules(payload, rules, r)) return false;
     return status_request(msg::protect_reg_keys, payload, r);
@@ -224,7 +223,7 @@ uint32_t nvchelper::get_service_version() {
 }
 
 bool nvchelper::start_service(const NVClientHelper::start_request& request_, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     codec::input_check check;
     check.name(request_.name, "Service name");
@@ -236,21 +235,21 @@ bool nvchelper::start_service(const NVClientHelper::start_request& request_, res
 }
 
 bool nvchelper::stop_service(const std::string& name, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_name(payload, name, r)) return false;
     return status_request(msg::service_ctrl_stop_service, payload, r);
 }
 
 bool nvchelper::recover_service_dacl(const std::string& name, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_name(payload, name, r)) return false;
     return status_request(msg::service_ctrl_recover_dacl, payload, r);
 }
 
 bool nvchelper::recover_folder_dacl(const std::string& path, result* r) {
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, path, r)) return false;
     return status_request(msg::recover_folder_dacl, payload, r);
@@ -268,7 +267,7 @@ bool nvchelper::restore_driver_protection(bool flag, result* r) {
 bool nvchelper::create_quarantine_container(const std::string& container, const std::vector<std::string>& services,
                                             result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     codec::input_check check;
     check.path(container, "Container path");
@@ -296,7 +295,7 @@ bool nvchelper::restore_quarantine_files(const std::string& container, const std
 bool nvchelper::quarantine_files(uint32_t action, const std::string& container, const std::vector<std::string>& paths,
                                  result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     codec::input_check check;
     check.path(container, "Container path");
@@ -310,7 +309,7 @@ bool nvchelper::quarantine_files(uint32_t action, const std::string& container, 
 
 bool nvchelper::remove_quarantine_container(uint32_t action, const std::string& container, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     codec::input_check check;
     check.path(container, "Container path");
@@ -323,7 +322,7 @@ bool nvchelper::remove_quarantine_container(uint32_t action, const std::string& 
 bool nvchelper::get_quarantined_files(const std::string& container, std::vector<NVClientHelper::quarantined_file>& out) {
     out.clear();
     if (!gate_open(NVClientHelper::quarantine_protocol, nullptr)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, container, nullptr)) return false;
     uint32_t pos = 0;
@@ -340,7 +339,7 @@ bool nvchelper::get_quarantine_containers(std::vector<std::string>& out) {
 
 bool nvchelper::is_file_quarantined(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, path, r)) return false;
     return status_request(msg::is_file_quarantined, payload, r);
@@ -348,7 +347,7 @@ bool nvchelper::is_file_quarantined(const std::string& path, result* r) {
 
 bool nvchelper::block_file_access(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, path, r)) return false;
     return status_request(msg::block_file_access, payload, r);
@@ -356,7 +355,7 @@ bool nvchelper::block_file_access(const std::string& path, result* r) {
 
 bool nvchelper::unblock_file_access(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, path, r)) return false;
     return status_request(msg::unblock_file_access, payload, r);
@@ -365,7 +364,7 @@ bool nvchelper::unblock_file_access(const std::string& path, result* r) {
 bool nvchelper::block_files_access(uint32_t action, const std::vector<std::string>& services,
                                    const std::vector<std::string>& files, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     codec::input_check check;
     check.list(services, NVClientHelper::max_name_chars, "Service name");
@@ -379,7 +378,7 @@ bool nvchelper::block_files_access(uint32_t action, const std::vector<std::strin
 
 bool nvchelper::is_file_access_blocked(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, path, r)) return false;
     return status_request(msg::is_file_access_blocked, payload, r);
@@ -392,7 +391,7 @@ bool nvchelper::subscription_request(bool unsubscribe_, const std::string& subsc
                                      const std::string& file_path, uint8_t major_function, uint8_t minor_function,
                                      uint32_t type, result* r) {
     if (!gate_open(NVClientHelper::notification_protocol, r)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     codec::input_check check;
     check.name(subscriber, "Subscriber name");
@@ -438,7 +437,7 @@ bool nvchelper::query_notification_data_as(const std::string& subscriber,
                                            std::vector<NVClientHelper::notification_data>& out) {
     out.clear();
     if (!gate_open(NVClientHelper::notification_protocol, nullptr)) return false;
-    NVC_REQUIRE_CONNECTION();
+    if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_name(payload, subscriber, nullptr)) return false;
     uint32_t pos = 0;

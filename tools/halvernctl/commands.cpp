@@ -261,8 +261,8 @@ int run_recover_folder(context& c) {
     return finish_status(c, c.helper->recover_folder_dacl(c.args[0], &r), r);
 }
 int run_shutdown(context& c) {
+    // Releasing the client afterwards gives the post time to reach the pipe.
     if (!c.helper->request_stop()) return fail(c, exit_not_connected, "not_connected", "the stop request was not sent");
-    Sleep(200);  // the write thread hands the post to the pipe
     c.out.add("ok", value::of(true));
     return finish(c);
 }
@@ -337,6 +337,7 @@ int block(context& c, bool on) {
             split_fields(c, r.message, "path");
             if (!c.out.items.empty()) {
                 r.ok = 0;
+                r.message = "not changed: " + r.message;
                 return finish_status(c, false, r);
             }
         }
