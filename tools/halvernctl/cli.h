@@ -35,7 +35,8 @@ struct context {
     report out;
 
     bool has(const std::string& option) const { return options.count(option) != 0; }
-    const std::string& option(const std::string& name, const std::string& fallback) const;
+    // The last value given for the option, or `fallback`.
+    std::string option(const std::string& name, const std::string& fallback) const;
     const std::vector<std::string>& all(const std::string& name) const;
 };
 

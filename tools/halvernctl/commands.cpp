@@ -181,7 +181,7 @@ int run_key_protect(context& c) {
     std::wstring path;
     if (!parse_key(c.args[0], root, path)) return usage_error(c, "not a registry key: " + c.args[0]);
     uint32_t level = NVClientHelper::level_read;
-    const std::string& level_text = c.option("--level", "read");
+    const std::string level_text = c.option("--level", "read");
     if (level_text == "none") {
         level = NVClientHelper::level_none;
     } else if (level_text == "write") {
@@ -384,7 +384,7 @@ std::string check_key(const context& c) {
     HKEY root = nullptr;
     std::wstring path;
     if (!parse_key(c.args[0], root, path)) return "not a registry key: " + c.args[0];
-    const std::string& level = c.option("--level", "read");
+    const std::string level = c.option("--level", "read");
     if (level != "none" && level != "read" && level != "write") return "--level takes none, read or write";
     return {};
 }

@@ -196,7 +196,7 @@ int run(int argc, char** argv) {
 
 }  // namespace
 
-const std::string& context::option(const std::string& name, const std::string& fallback) const {
+std::string context::option(const std::string& name, const std::string& fallback) const {
     const auto it = options.find(name);
     return it == options.end() || it->second.empty() ? fallback : it->second.back();
 }
