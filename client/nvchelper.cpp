@@ -20,12 +20,11 @@ nvchelper::~nvchelper() {
     if (auto connection = the_connection()) {
         const mcl::binary_t none;
         (void)post(msg::disconnect, none, connection);
-        // The write thread puts the frame on the pipe and then clears the channel event; give it
-        // a bounded moment, so that teardown never waits on the service.
-        const HANDLE written = connection->writer().event_handle();
-        for (DWORD waited = 0; waited < disconnect_flush_ms && WaitForSingleObject(written, 0) == WAIT_OBJECT_0;
-             waited += 10)
-            Sleep(10);
+        // The service drops the connection when it takes the disconnect, which the read thread
+        // sees as the pipe closing. Until then the frame may still be on its way, and closing
+        // would cancel it; but teardown never waits on the service for long.
+        connection = {};
+        for (DWORD waited = 0; waited < disconnect_wait_ms && !connections().empty(); waited += 10) Sleep(10);
     }
     close();
 }

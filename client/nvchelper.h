@@ -15,8 +15,8 @@ public:
     static constexpr const char* own_peer_name = "NVCHCTRLOFFLOAD";
     static constexpr const char* service_name = "norvale_halvern_svc";
     static constexpr int reply_timeout_ms = 180000;
-    // How long release gives the write thread to put the disconnect on the pipe.
-    static constexpr DWORD disconnect_flush_ms = 1000;
+    // How long release waits for the service to drop the connection after the disconnect.
+    static constexpr DWORD disconnect_wait_ms = 1000;
     static constexpr const char* call_proto_compatible_message =
         "Please call proto_compatible() API to confirm the feature is suppported by service.";
 

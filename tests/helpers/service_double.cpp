@@ -67,7 +67,7 @@ bool service_double::wait_for(size_t count, DWORD timeout_ms) {
     }
 }
 
-int service_double::handler::operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) {
+int service_double::handler::operator()(mcl::ipc_connection* conn, uint32_t id, mcl::binary_t& payload) {
     recorded_request record{id, payload};
     mcl::binary_t reply;
     {
@@ -86,6 +86,11 @@ int service_double::handler::operator()(mcl::ipc_connection*, uint32_t id, mcl::
         }
     }
     if (owner_->on_message != nullptr) owner_->on_message(record);
+    if (id == msg::disconnect) {
+        // As the service does: the client waits for its pipe to close.
+        owner_->disconnect(mcl::share_ptr<mcl::ipc_connection>(conn));
+        return 0;
+    }
     payload = reply;
     return 0;
 }

@@ -1,7 +1,7 @@
 // A listening peer that plays the protection service for client tests: it records every
 // request and post it receives and answers with canned replies.
 //
-// Default replies: 0x1000009 gets ok 1 and the configured protocol version (5), 0x100000a gets
+// It drops a connection on the disconnect message, as the service does. Default replies: 0x1000009 gets ok 1 and the configured protocol version (5), 0x100000a gets
 // 196653, every other identifier a status reply (1, ""); set_reply overrides one identifier.
 #pragma once
 

@@ -264,37 +264,29 @@ EOF
 echo "== output as text and as JSON"
 run "$ctl" service list
 expect_out "service list" "name=svcA  process_protected=yes  image=C:\\svcA\\a.exe  folder=C:\\svcA  sid=S-1-5-80-9  service_sddl=D:S  folder_sddl=D:F"
-run "$ctl" --json service list
-[ "$(json '[(s["name"], s["process_protected"], s["image"]) for s in d["services"]]')" = \
-    "[('svcA', True, 'C:\\\\svcA\\\\a.exe')]" ] || fail "service list as JSON: $(cat "$out")"
-run "$ctl" --json process list
-[ "$(json 'd["processes"][0]["folder"]')" = 'C:\svcA' ] || fail "process list as JSON: $(cat "$out")"
-run "$ctl" --json key list
-[ "$(json 'd["keys"][0]["key"], d["keys"][0]["services"]')" = "('HKLM\\\\software\\\\x', 's1')" ] ||
-    fail "key list as JSON: $(cat "$out")"
-run "$ctl" --json quarantine add 'C:\q' 'C:\d\a.txt'
-[ "$(json 'd["ok"], d["archives"]')" = "(True, [{'archive': 'c:\\\\q\\\\a.txt.0102030405060708.QUA'}])" ] ||
-    fail "quarantine add as JSON: $(cat "$out")"
-run "$ctl" --json quarantine list 'C:\q'
-[ "$(json 'd["files"][0]["archive"], d["files"][0]["path"]')" = "('a.txt.0102030405060708.QUA', 'C:\\\\d\\\\a.txt')" ] ||
-    fail "quarantine list as JSON: $(cat "$out")"
 run "$ctl" quarantine containers
 expect_out "quarantine containers" 'c:\q\'
-run "$ctl" --json quarantine is-quarantined 'C:\d\a.txt'
-[ "$(json 'd["quarantined"]')" = True ] || fail "is-quarantined as JSON: $(cat "$out")"
 run "$ctl" is-blocked 'C:\f'
 expect_out "is-blocked" $'ok: yes\nblocked: no\nmessage: no'
-run "$ctl" --json notify collect
-[ "$(json '[(n["file"], n["major"], n["pid"], n["image"], n["denied"]) for n in d["notifications"]]')" = \
-    "[('c:\\\\d\\\\f.txt', 3, 1234, 'C:\\\\evil.exe', True)]" ] || fail "notify collect as JSON: $(cat "$out")"
+# command|Python expression over the JSON document d|its value
+while IFS='|' read -r args expr want; do
+    eval "run \"\$ctl\" --json $args"
+    [ "$(json "$expr")" = "$want" ] || fail "halvernctl --json $args: $(cat "$out")"
+done <<'EOF'
+service list|[(s["name"], s["process_protected"], s["image"]) for s in d["services"]]|[('svcA', True, 'C:\\svcA\\a.exe')]
+process list|d["processes"][0]["folder"]|C:\svcA
+key list|d["keys"][0]["key"], d["keys"][0]["services"]|('HKLM\\software\\x', 's1')
+quarantine add 'C:\q' 'C:\d\a.txt'|d["ok"], d["archives"]|(True, [{'archive': 'c:\\q\\a.txt.0102030405060708.QUA'}])
+quarantine list 'C:\q'|d["files"][0]["archive"], d["files"][0]["path"]|('a.txt.0102030405060708.QUA', 'C:\\d\\a.txt')
+quarantine is-quarantined 'C:\d\a.txt'|d["quarantined"]|True
+notify collect|[(n["file"], n["major"], n["pid"], n["image"], n["denied"]) for n in d["notifications"]]|[('c:\\d\\f.txt', 3, 1234, 'C:\\evil.exe', True)]
+recover folder 'C:\f'|d["ok"], d["error"], d["message"], d["exit_code"]|(False, 'refused', 'Invalid path.', 1)
+EOF
 
 echo "== a refusal: exit code 1, the service's message on stderr"
 run "$ctl" recover folder 'C:\f'
 expect_rc "refused" 1
 expect_err "refused" "halvernctl: Invalid path."
-run "$ctl" --json recover folder 'C:\f'
-[ "$(json 'd["ok"], d["error"], d["message"]')" = "(False, 'refused', 'Invalid path.')" ] ||
-    fail "refusal as JSON: $(cat "$out")"
 
 echo "== watch prints denials until Ctrl+C"
 wine "$ctl" watch --file 'C:\d\f.txt' </dev/null >"$work/watch.txt" 2>"$work/watch.err" &
