@@ -38,6 +38,8 @@ bool nvchelper::is_stopped() { return mcl::mswin::service::is_service_stopped(se
 
 bool nvchelper::connect(int timeout_ms) {
     if (!is_installed()) return false;
+    // A second connection would leave the object unable to send: requests need exactly one.
+    if (the_connection()) return true;
     DWORD state = 0;
     if (!mcl::mswin::service::query_state(service_name, state) || state != SERVICE_RUNNING) {
         // Whatever the state was, and whether or not the start works: the service may be on its

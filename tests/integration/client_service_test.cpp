@@ -72,6 +72,8 @@ TEST(client_against_the_service, connect_starts_the_stopped_service_which_answer
 
     h = NVClientHelper::createHelper();
     ASSERT_TRUE(h->connect(30000));  // running: no second start
+    EXPECT_TRUE(h->connect(30000));  // connected already: still one connection
+    EXPECT_EQ(h->get_service_version(), 196653u);
     EXPECT_EQ(service_log_count("Service Version: 3.0.45.1"), 1u);
     EXPECT_TRUE(h->request_stop());
     EXPECT_TRUE(wait_stopped(h));
