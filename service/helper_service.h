@@ -122,8 +122,8 @@ public:
     void stopProtectingRegKeys();
     // Writes every protected key's original DACL back; records and persisted values stay.
     void restoreAllRegKeys();
-    // Writes (add) or deletes the record's persisted value; nothing for an empty path.
-    void persistRegKeyRecord(const reg_key_record& record, bool add);
+    // Writes (add) or deletes the record's persisted value; nothing (and true) for an empty path.
+    bool persistRegKeyRecord(const reg_key_record& record, bool add);
     const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
 
     // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp).

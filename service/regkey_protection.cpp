@@ -301,7 +301,11 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
     }
     mcl::mswin::unique_heap new_dacl_owner(new_dacl);
 
-    if (before_write) before_write(original);
+    if (before_write && !before_write(original)) {
+        NV_LOG(fn, "Original dacl for registry key [%s] could not be recorded, the dacl is left as it is",
+               path.c_str());
+        return false;
+    }
     if (dacl_write_seam != nullptr) dacl_write_seam(root, path);
     const bool ok = mcl::mswin::reg::set_key_dacl_security(root, path, new_dacl, /*protect=*/true);
     if (!ok) NV_LOG(fn, "Failed to set dacl for registry key [%s]", path.c_str());
@@ -439,7 +443,7 @@ bool chelperservice::protectRegKey(const reg_key_entry& entry, reg_key_record& r
     bool written_early = false;
     const auto before_write = [&](const std::string& original) {
         record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
-        if (!persist) return;
+        if (!persist) return true;
         mcl::binary_t data;
         reg_key_record earlier;
         uint32_t pos = 0;
@@ -452,16 +456,18 @@ bool chelperservice::protectRegKey(const reg_key_entry& entry, reg_key_record& r
         reg_key_record pending = record;
         pending.original_dacl = kept_original.empty() ? original : kept_original;
         pending.current_dacl.clear();
-        persistRegKeyRecord(pending, /*add=*/true);
-        written_early = true;
+        written_early = persistRegKeyRecord(pending, /*add=*/true);
+        return written_early;
     };
     const bool dacl_ok = regProtector::protect(root, path, services, entry.level, record.original_dacl,
                                                record.current_dacl, before_write);
     if (!kept_original.empty()) record.original_dacl = kept_original;
     if (dacl_ok && persist) {
-        persistRegKeyRecord(record, /*add=*/true);
+        (void)persistRegKeyRecord(record, /*add=*/true);  // failing, the record written first stays
     } else if (written_early) {
-        persistRegKeyRecord(record, /*add=*/false);  // the DACL write failed: kept in memory only
+        // The DACL write failed, perhaps on the key after its subkeys: kept in memory only, once
+        // the tree has its original DACL again.
+        if (regkey::restore_key_tree(root, path, record.original_dacl)) (void)persistRegKeyRecord(record, false);
     }
 
     if (record.kernel_path.empty()) record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
@@ -490,7 +496,7 @@ bool chelperservice::unprotectRegKey(const reg_key_record& record) {
     if (!kernel_path.empty()) drvProtectRegKey(port.get(), kernel_path, /*remove=*/true);
     // A record without an original DACL never changed the key's DACL.
     if (record.original_dacl.empty() || regkey::restore_key_tree(root, path, record.original_dacl))
-        persistRegKeyRecord(record, /*add=*/false);
+        (void)persistRegKeyRecord(record, /*add=*/false);
     return true;
 }
 
@@ -507,18 +513,17 @@ void chelperservice::restoreAllRegKeys() {
     }
 }
 
-void chelperservice::persistRegKeyRecord(const reg_key_record& record, bool add) {
-    if (record.path.empty()) return;
+bool chelperservice::persistRegKeyRecord(const reg_key_record& record, bool add) {
+    if (record.path.empty()) return true;
     const std::string name = ansi(regkey::key_text(regkey::widen_root(record.root), record.path));
-    if (!add) {
-        (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
-        return;
-    }
+    if (!add) return mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
     mcl::binary_t data;
     regkey::write_record(data, record);
-    if (!mcl::mswin::reg::write_value(k_persist_key, name.c_str(), data.data(), static_cast<DWORD>(data.size()),
-                                      REG_BINARY))
-        NV_LOG("chelperservice::persistRegKeyRecord", "Failed to persist reg key %s", name.c_str());
+    if (mcl::mswin::reg::write_value(k_persist_key, name.c_str(), data.data(), static_cast<DWORD>(data.size()),
+                                     REG_BINARY))
+        return true;
+    NV_LOG("chelperservice::persistRegKeyRecord", "Failed to persist reg key %s", name.c_str());
+    return false;
 }
 
 // ---- start-up and shutdown

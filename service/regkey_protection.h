@@ -72,8 +72,8 @@ bool restore_key_tree(HKEY root, const std::string& path, const std::string& sdd
 class regProtector {
 public:
     // Called once the key exists and its original DACL is known, right before the protected
-    // DACL is written; `original` is that DACL's SDDL.
-    using before_write_fn = std::function<void(const std::string& original)>;
+    // DACL is written; `original` is that DACL's SDDL. False leaves the DACL as it is.
+    using before_write_fn = std::function<bool(const std::string& original)>;
 
     // Rebuilds the DACL of root\path (created when missing) so that `services` get full access
     // and everyone else at most the mask of `level`, on the key and every subkey. `original`
