@@ -345,6 +345,9 @@ void chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& paylo
     } catch (const std::exception& e) {
         NV_LOG(fn, "Request failed: %s", e.what());
         result = false;
+    } catch (...) {
+        NV_LOG(fn, "Request failed");
+        result = false;
     }
     payload.clear();
     mcl::write_status(payload, result, "");
