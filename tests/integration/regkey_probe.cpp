@@ -2,7 +2,7 @@
 //   sddl KEY                  the DACL of HKLM\KEY as SDDL (read through the owner's rights)
 //   access KEY                "read=ok|denied write=ok|denied" for this process's token
 //   grant KEY                 adds full access for Administrators in front of the key's DACL
-//   request SPEC...           hex payload of request 0x100000b, one entry per SPEC
+//   request ENTRY...          hex payload of request 0x100000b, one entry per argument
 //                             "action|root-hex|path|owner|level|svc,svc"
 //   keys HEX                  the reply of 0x100000c, one record per line
 //   crash-protect PATH OWNER LEVEL
@@ -89,11 +89,11 @@ std::vector<std::string> split(const std::string& text, char sep) {
 
 // Field by field with the plain payload writers, so the service's own entry reader is checked
 // against an independent encoder.
-int request(int count, char** specs) {
+int request(int count, char** entries) {
     mcl::binary_t out;
     mcl::write_u32(out, static_cast<uint32_t>(count));
     for (int i = 0; i < count; ++i) {
-        const std::vector<std::string> f = split(specs[i], '|');
+        const std::vector<std::string> f = split(entries[i], '|');
         if (f.size() != 6) return 1;
         mcl::write_byte(out, static_cast<uint8_t>(atoi(f[0].c_str())));
         mcl::write_u64(out, strtoull(f[1].c_str(), nullptr, 16));

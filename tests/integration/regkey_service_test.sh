@@ -67,7 +67,7 @@ access() {
     run "$probe" access "$1"
     cat "$out"
 }
-# send ID SPEC...: request 0x100000b built from the specs; the reply hex in $reply
+# protect ENTRY...: request 0x100000b built from the entries; the reply hex in $reply
 protect() {
     run "$probe" request "$@"
     local payload
