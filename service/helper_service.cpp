@@ -96,7 +96,7 @@ void chelperservice::shutdown() {
     stopIrpReceiver();
     enableDriverFeatures(/*on=*/false);
     unprotectOwnRegKeys();
-    restoreProtectedRegKeys();
+    restoreAllRegKeys();
     restoreProtectedFolders();
     stopEnforcement();
     if (service_stop_event() != nullptr) ResetEvent(service_stop_event());

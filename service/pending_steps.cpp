@@ -48,9 +48,6 @@ void chelperservice::loadTrustedOpenApps() {
 void chelperservice::loadProtectedService() {
     not_yet("chelperservice::loadProtectedService", "chelperservice::loadProtectedService");
 }
-void chelperservice::loadProtectedRegKeys() {
-    not_yet("chelperservice::loadProtectedRegKeys", "chelperservice::loadProtectedRegKeys");
-}
 void chelperservice::loadqQuarantineContainers() {
     not_yet("chelperservice::loadqQuarantineContainers", "chelperservice::loadqQuarantineContainers");
 }
@@ -61,12 +58,6 @@ void chelperservice::unprotectServiceByName(const std::string& service_name) {
 void chelperservice::restoreFolder(const std::wstring& path) {
     NV_LOG("chelperservice::restoreFolder", "chelperservice::restorePathPermissions %ls: not available in this build",
            path.c_str());
-}
-void chelperservice::unprotectOwnRegKeys() {
-    not_yet("chelperservice::unprotectOwnRegKeys", "chelperservice::unprotectRegKey");
-}
-void chelperservice::restoreProtectedRegKeys() {
-    not_yet("chelperservice::restoreProtectedRegKeys", "restoring the protected registry keys");
 }
 void chelperservice::restoreProtectedFolders() {
     not_yet("chelperservice::restoreProtectedFolders",

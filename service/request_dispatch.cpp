@@ -32,6 +32,8 @@ const request_route routes[] = {
     // Service protection.
 
     // Registry key protection.
+    {msg::protect_reg_keys, &chelperservice::protect_reg_keys, "protect reg keys"},
+    {msg::get_protected_reg_keys, &chelperservice::get_protected_reg_keys, "get protected reg keys"},
 
     // Enforcement and service control.
 
