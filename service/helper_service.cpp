@@ -68,27 +68,8 @@ void chelperservice::handleEmergencyStart(const emergency_start& start) {
 }
 
 void chelperservice::listen() {
-    const std::string pipe_path = "\\\\.\\pipe\\" + name();
-    (void)setup(/*listening=*/true);
-    HANDLE handles[] = {service_stop_event(), connected_event()};
-    for (;;) {
-        (void)new_listen_connection(pipe_path.c_str());
-        const DWORD r = WaitForMultipleObjects(2, handles, /*wait_all=*/FALSE, INFINITE);
-        if (r == WAIT_FAILED) {
-            const DWORD err = GetLastError();
-            NV_LOG("chelperservice::listen",
-                   "Failed to WaitForMultipleObjects when listening incoming ipc connections , error: [%d:%s]",
-                   static_cast<int>(err), mcl::error_text(err).c_str());
-            if (handles[0] == nullptr) break;  // no stop event: nothing could ever end the loop
-            Sleep(10);                         // never spin on a broken wait
-            continue;
-        }
-        if (r == WAIT_OBJECT_0) break;
-        ResetEvent(handles[1]);
-    }
+    serve_until(service_stop_event());
     if (service_stop_event() != nullptr) ResetEvent(service_stop_event());
-    mcl::scoped_lock guard(connection_list_lock());
-    shutdown_locked();
 }
 
 void chelperservice::shutdown() {

@@ -55,31 +55,15 @@ public:
     }
 };
 
-// Exposes the listening-side steps that the service's own accept loop uses.
-class listening_peer : public mcl::ipc_peer {
-public:
-    using mcl::ipc_peer::ipc_peer;
-    bool start_listening() { return setup(true); }
-};
-
-DWORD WINAPI listen_thread(void* peer) {
-    static_cast<listening_peer*>(peer)->listen();
-    return 0;
-}
-
 int run_server(const char* name, const char* stop_name) {
     test_handler handler;
-    listening_peer peer(name, &handler);
+    mcl::ipc_peer peer(name, &handler);
     handler.peer = &peer;
     HANDLE stop = OpenEventA(SYNCHRONIZE, FALSE, stop_name);
     if (stop == nullptr) return 2;
-    if (!peer.start_listening()) return 3;
-    HANDLE t = CreateThread(nullptr, 0, &listen_thread, &peer, 0, nullptr);
-    if (t == nullptr) return 3;
-    WaitForSingleObject(stop, INFINITE);
-    // The base accept loop does not return: leave without unwinding it.
-    fflush(nullptr);
-    ExitProcess(0);
+    peer.serve_until(stop);
+    CloseHandle(stop);
+    return 0;
 }
 
 int run_client(const char* name, const char* command, const char* arg) {

@@ -286,39 +286,14 @@ TEST(IpcPeer, AnOverLongLengthOrGarbageEndsOnlyThatConnection) {
     EXPECT_TRUE(server.running());
 }
 
-// The steps the service's own accept loop is built from.
-class test_listener : public mcl::ipc_peer {
-public:
-    using mcl::ipc_peer::ipc_peer;
-    using mcl::ipc_peer::connected_event;
-    using mcl::ipc_peer::connection_list_lock;
-    using mcl::ipc_peer::new_listen_connection;
-    using mcl::ipc_peer::setup;
-    using mcl::ipc_peer::shutdown_locked;
-};
-
-TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
-    nv_test::log_capture log;
+TEST(IpcPeer, TheAcceptLoopServesClientsUntilItsStopAndThenNobodyIsListening) {
     nv_test::recording_handler handler;
     const std::string name = nv_test::unique_name("nv_ipc_own");
-    const std::string pipe = "\\\\.\\pipe\\" + name;
-    test_listener server(name.c_str(), &handler);
-    EXPECT_EQ(name, server.name());
-
+    mcl::ipc_peer server(name.c_str(), &handler);
     mcl::event stop;
     ASSERT_TRUE(stop.create_unnamed());
-    auto accept_loop = [&] {
-        for (;;) {
-            (void)server.new_listen_connection(pipe.c_str());
-            HANDLE handles[] = {stop.get(), server.connected_event()};
-            if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return;
-            ResetEvent(server.connected_event());
-        }
-    };
     for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(server.setup(true));
-        ASSERT_NE(nullptr, server.connected_event());
-        std::thread loop(accept_loop);
+        std::thread loop([&] { server.serve_until(stop.get()); });
         nv_test::child other = nv_test::start_client(name, "version");
         client c;
         ASSERT_TRUE(c.connect(name));
@@ -331,10 +306,6 @@ TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
         stop.set();
         loop.join();
         stop.reset();
-        {
-            mcl::scoped_lock guard(server.connection_list_lock());
-            server.shutdown_locked();
-        }
         EXPECT_TRUE(server.connections().empty());
         // The client sees its connection end; nobody listens any more.
         mcl::binary_t request = text_payload("late");
