@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 
+#include <psapi.h>
+
 #include <atomic>
 #include <random>
 #include <thread>
@@ -313,6 +315,82 @@ TEST(IpcPeer, TheAcceptLoopServesClientsUntilItsStopAndThenNobodyIsListening) {
         client late;
         EXPECT_FALSE(late.peer.connect(name.c_str(), 200));
     }
+}
+
+// Reads the child's standard output up to the end of the first line.
+std::string first_line(nv_test::child& c) {
+    std::string line;
+    char ch = 0;
+    DWORD n = 0;
+    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n')
+        if (ch != '\r') line.push_back(ch);
+    return line;
+}
+
+nv_test::child start_abuse(const std::string& name, int stalled, int flood_kib, int announcing) {
+    return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" abuse " + name + " \"" +
+                              ::testing::TempDir() + nv_test::unique_name("nv_abuse") + ".log\" 2000001 " +
+                              std::to_string(stalled) + " " + std::to_string(flood_kib) + " " +
+                              std::to_string(announcing) + " 120",
+                          /*capture_output=*/true);
+}
+
+TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
+    nv_test::server_process server;
+    // Clients that never read: thirty with one reply each, four with 20 MiB of replies; and
+    // twenty that announce 64 MiB frames and trickle.
+    nv_test::child stalled = start_abuse(server.name(), 30, 0, 20);
+    nv_test::child flooding = start_abuse(server.name(), 4, 20 * 1024, 0);
+    EXPECT_EQ("ready 0", first_line(stalled));
+    EXPECT_EQ("ready 0", first_line(flooding));
+
+    PROCESS_MEMORY_COUNTERS_EX memory{};
+    ASSERT_TRUE(GetProcessMemoryInfo(server.process().process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
+                                     sizeof(memory)));
+    EXPECT_LT(memory.PrivateUsage, 200u * 1024 * 1024) << memory.PrivateUsage;
+    EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait()) << "others are still served";
+    for (int i = 0; i < 200 && nv_test::count_of(server.log(), "The other end does not read") < 4; ++i) Sleep(100);
+    EXPECT_EQ(4u, nv_test::count_of(server.log(), "The other end does not read")) << server.log();
+
+    EXPECT_EQ(0u, server.stop(30000)) << "the stop does not wait on any client";
+    stalled.kill();
+    flooding.kill();
+}
+
+// Disconnects its own connection and posts to every client, slowly, so that a stop can come
+// while it is at it.
+class disconnecting_handler : public mcl::ipc_msg_handler {
+public:
+    mcl::ipc_peer* peer = nullptr;
+    mcl::event entered;
+
+    int operator()(mcl::ipc_connection* connection, uint32_t, mcl::binary_t& payload) override {
+        entered.set();
+        Sleep(300);
+        peer->disconnect(mcl::share_ptr<mcl::ipc_connection>(connection));
+        (void)peer->post(nv_test::msg_posted, payload, {});
+        return 0;
+    }
+};
+
+TEST(IpcPeer, AStopWhileAHandlerDisconnectsAndPostsLetsTheEventThreadFinish) {
+    disconnecting_handler handler;
+    ASSERT_TRUE(handler.entered.create_unnamed());
+    const std::string name = nv_test::unique_name("nv_ipc_stop");
+    mcl::ipc_peer server(name.c_str(), &handler);
+    handler.peer = &server;
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    std::thread loop([&] { server.serve_until(stop.get()); });
+    client c;
+    ASSERT_TRUE(c.connect(name));
+    mcl::binary_t payload = text_payload("x");
+    EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(handler.entered.get(), 20000));
+    stop.set();
+    loop.join();
+    EXPECT_EQ(0u, server.last_exit_code()) << "the event thread returned on its own, it was not terminated";
+    EXPECT_TRUE(server.connections().empty());
 }
 
 }  // namespace
