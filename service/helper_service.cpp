@@ -33,8 +33,8 @@ void chelperservice::main(int, char**) {
 
         emergency_actions actions;
         actions.check_code = [](const std::string& code) { return nv::check_recovery_code(code); };
-        actions.unprotect_service = [this](const std::string& name) { unprotectServiceByName(name); };
-        actions.restore_folder = [this](const std::wstring& path) { restoreFolder(path); };
+        // "serv" and "fold" get their actions when service and folder protection land; until
+        // then their values wait in the registry for the build that acts on them.
         const emergency_start start = consume_emergency_options(k_emergency_key, actions);
 
         startDriver();
@@ -61,7 +61,7 @@ void chelperservice::handleEmergencyStart(const emergency_start& start) {
         setProtectionEnabled(false);
         if (start.uninstall) {
             NV_LOG("chelperservice::main", "Emergency option - service has been uninstalled.\n");
-            (void)uninstall();
+            (void)uninstall(/*stop_running=*/false);  // main returns next: the service stops on its own
         }
     }
     NV_LOG("chelperservice::main", "Emergency options have been handled, exit the service.\n");

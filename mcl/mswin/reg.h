@@ -19,6 +19,10 @@ namespace mcl::mswin::reg {
 bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names);
 // Value names of HKLM\key. True when any was found.
 bool list_values(const std::string& key, std::vector<std::string>& names);
+// The same for a key already open (with KEY_READ). The list ends at the first failure other
+// than a name too long for the buffer, a key deleted meanwhile included (logged).
+bool list_subkeys(HKEY key, std::vector<std::string>& names);
+bool list_values(HKEY key, std::vector<std::string>& names);
 
 // The data of HKLM\key\name, whatever its type and size. `data` is untouched on failure.
 bool read_value(const std::string& key, const char* name, binary_t& data);

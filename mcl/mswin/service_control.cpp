@@ -130,6 +130,8 @@ bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
             }
             Sleep(1000);
         }
+        // The last sleep may have seen it stop.
+        (void)QueryServiceStatus(svc.get(), &status);
     } else if (svc) {
         (void)QueryServiceStatus(svc.get(), &status);
     }
