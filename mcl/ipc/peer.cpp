@@ -13,6 +13,7 @@ constexpr const char* pipe_prefix = "\\\\.\\pipe\\";
 constexpr const char* global_prefix = "Global\\";
 constexpr int send_step_ms = 50;
 constexpr int connect_retry_ms = 50;
+constexpr int pipe_open_wait_ms = static_cast<int>(ipc_channel::pipe_default_timeout_ms);
 
 constexpr DWORD accept_retry_first_ms = 50;
 constexpr DWORD accept_retry_last_ms = 5000;
@@ -281,14 +282,17 @@ bool ipc_peer::connect(const char* name, int timeout_ms) {
     // The listener makes the next pair of pipes only after the previous client's signal (or,
     // at its start, after it made the mutex): while there is none yet, try again in 50 ms
     // steps within the time-out, still holding the mutex.
+    // A listener that has no pair waiting (it failed to make one and tries again later) is not
+    // waited for longer than a pipe's own default time-out, whatever the caller's.
     share_ptr<ipc_connection> connection;
     bool opened_pipes = false;
+    int pipe_wait = remaining < pipe_open_wait_ms ? remaining : pipe_open_wait_ms;
     for (;;) {
         connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::connect_type));
         opened_pipes = connection->open(pipe_path.c_str());
-        if (opened_pipes || remaining <= connect_retry_ms) break;
+        if (opened_pipes || pipe_wait <= connect_retry_ms) break;
         Sleep(connect_retry_ms);
-        remaining -= connect_retry_ms;
+        pipe_wait -= connect_retry_ms;
     }
     // Also after a failed open: the listener makes a fresh pair for the next client.
     SetEvent(connected);

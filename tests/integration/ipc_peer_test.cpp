@@ -155,6 +155,16 @@ TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
     EXPECT_EQ(0, late.handler.count(nv_test::msg_posted));
 }
 
+TEST(IpcPeer, AListenerWithoutAWaitingPairFailsTheClientLongBeforeItsTimeOut) {
+    const std::string name = nv_test::unique_name("nv_ipc_nopair");
+    nv_test::raw_listener listener(name);  // the handshake objects, but no pipes
+    client c;
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_FALSE(c.peer.connect(name.c_str(), 180000));
+    EXPECT_LT(GetTickCount64() - start, 90000u) << "not the whole 180 s";
+    EXPECT_TRUE(c.peer.connections().empty());
+}
+
 TEST(IpcPeer, ConnectWithoutListenerTriesEvery50MsUntilTheTimeOut) {
     struct {
         int timeout_ms;
