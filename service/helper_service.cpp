@@ -1,22 +1,8 @@
 #include "service/helper_service.h"
 
 #include "app/log.h"
-#include "mcl/error_text.h"
+#include "mcl/mswin/os_version.h"
 #include "service/recovery_code.h"
-
-namespace {
-
-bool is_windows8_or_later() {
-    OSVERSIONINFOEXW want{};
-    want.dwOSVersionInfoSize = sizeof(want);
-    want.dwMajorVersion = 6;
-    want.dwMinorVersion = 2;
-    DWORDLONG mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
-    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
-    return VerifyVersionInfoW(&want, VER_MAJORVERSION | VER_MINORVERSION, mask) != FALSE;
-}
-
-}  // namespace
 
 chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_name, &handler_), handler_(this) {}
 
@@ -40,7 +26,7 @@ void chelperservice::main(int, char**) {
         startDriver();
         logDriverVersion();
         startEnforcement();
-        if (!is_windows8_or_later()) skipFirstServiceManagerOpen();
+        if (!mcl::mswin::is_windows_at_least(6, 2)) skipFirstServiceManagerOpen();
         enableDriverFeatures(/*on=*/!start.emergency);
         enableIrpNotifications(/*on=*/true);
         protectSelf(/*on=*/!start.emergency);

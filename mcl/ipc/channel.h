@@ -27,6 +27,8 @@ class ipc_connection;
 class ipc_channel {
 public:
     enum direction_type : uint32_t { read_direction = 0, write_direction = 1 };
+    // Every pipe path starts with this; the endpoint name follows.
+    static constexpr const char* pipe_prefix = "\\\\.\\pipe\\";
     static constexpr DWORD pipe_buffer_size = 4096;
     static constexpr DWORD pipe_default_timeout_ms = 5000;
     static constexpr DWORD busy_wait_ms = 30000;

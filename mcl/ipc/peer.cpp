@@ -9,7 +9,6 @@ namespace mcl {
 
 namespace {
 
-constexpr const char* pipe_prefix = "\\\\.\\pipe\\";
 constexpr const char* global_prefix = "Global\\";
 constexpr int send_step_ms = 50;
 constexpr int connect_retry_ms = 50;
@@ -242,7 +241,7 @@ int ipc_peer::handle_event(ipc_event& e) {
 
 bool ipc_peer::connect(const char* name, int timeout_ms) {
     if (name == nullptr) return false;
-    const std::string pipe_path = std::string(pipe_prefix) + name;
+    const std::string pipe_path = std::string(ipc_channel::pipe_prefix) + name;
     start();
     start_io_threads();
 
@@ -322,7 +321,7 @@ bool ipc_peer::setup(bool listening) {
 void ipc_peer::listen() { serve_until(nullptr); }
 
 void ipc_peer::serve_until(HANDLE stop) {
-    const std::string pipe_path = std::string(pipe_prefix) + name_;
+    const std::string pipe_path = std::string(ipc_channel::pipe_prefix) + name_;
     (void)setup(/*listening=*/true);
     bool need_pair = true;
     DWORD retry_ms = accept_retry_first_ms;

@@ -56,6 +56,14 @@ bool list_values(const std::string& key, std::vector<std::string>& names) {
            list_values(handle.get(), names);
 }
 
+bool for_each_subkey(HKEY root, const std::string& key, const std::function<bool(const std::string&)>& visit) {
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys)
+        if (!visit(key + "\\" + sub)) return false;
+    return true;
+}
+
 bool read_value(const std::string& key, const char* name, binary_t& data) {
     unique_reg_key handle;
     if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.put()) != ERROR_SUCCESS) return false;
@@ -135,10 +143,8 @@ bool remove(HKEY root, const std::string& key, const char* value_name) {
         }
         return true;
     }
-    std::vector<std::string> subkeys;
-    list_subkeys(root, key, subkeys);
-    for (const std::string& sub : subkeys)
-        if (!remove(root, key + "\\" + sub, nullptr)) return false;
+    if (!for_each_subkey(root, key, [root](const std::string& sub) { return remove(root, sub, nullptr); }))
+        return false;
     const LONG rc = RegDeleteKeyA(root, key.c_str());
     if (rc != ERROR_SUCCESS) {
         NV_LOG("mcl::mswin::reg::remove", "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));

@@ -5,6 +5,7 @@
 #include <exception>
 
 #include "app/log.h"
+#include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
@@ -84,10 +85,9 @@ bool service::install(const char* command_line, SERVICE_FAILURE_ACTIONSA* failur
 }
 
 bool service::uninstall(bool stop_running) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (manager) svc.reset(OpenServiceA(manager.get(), name_.c_str(), SERVICE_ALL_ACCESS));
-    if (!svc) {
+    if (!open_service(nullptr, name_.c_str(), SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc)) {
         NV_LOG("mcl::mswin::service::uninstall", "Failed to OpenServiceA %s : (%d)", name_.c_str(),
                static_cast<int>(GetLastError()));
         return false;

@@ -1,5 +1,7 @@
 #include "tests/helpers/raw_client.h"
 
+#include "mcl/ipc/channel.h"
+
 namespace nv_test {
 
 namespace {
@@ -33,7 +35,7 @@ bool raw_client::connect(const std::string& name) {
     if (mutex == nullptr) return false;
     const DWORD w = WaitForSingleObject(mutex, 10000);
     bool ok = w == WAIT_OBJECT_0 || w == WAIT_ABANDONED;
-    const std::string pipe = "\\\\.\\pipe\\" + name;
+    const std::string pipe = std::string(mcl::ipc_channel::pipe_prefix) + name;
     if (ok) {
         in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
         out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);

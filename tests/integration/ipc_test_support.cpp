@@ -62,7 +62,7 @@ raw_listener::~raw_listener() {
 
 bool raw_listener::prepare() {
     drop();
-    const std::string pipe = "\\\\.\\pipe\\" + name_;
+    const std::string pipe = std::string(mcl::ipc_channel::pipe_prefix) + name_;
     in_ = CreateNamedPipeA((pipe + "_INBOND").c_str(), PIPE_ACCESS_INBOUND, 0, 255, 4096, 4096, 5000, nullptr);
     out_ = CreateNamedPipeA((pipe + "_OUTBOUND").c_str(), PIPE_ACCESS_OUTBOUND, 0, 255, 4096, 4096, 5000, nullptr);
     prepared_ = in_ != INVALID_HANDLE_VALUE && out_ != INVALID_HANDLE_VALUE;

@@ -13,7 +13,9 @@ namespace {
 
 using connection_ptr = mcl::share_ptr<mcl::ipc_connection>;
 
-std::string pipe_path() { return "\\\\.\\pipe\\" + nv_test::unique_name("nv_channel"); }
+std::string pipe_path() {
+    return std::string(mcl::ipc_channel::pipe_prefix) + nv_test::unique_name("nv_channel");
+}
 
 connection_ptr listening(const std::string& path) {
     connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
