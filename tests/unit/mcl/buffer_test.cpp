@@ -31,18 +31,6 @@ TEST(Buffer, StaysInlineUpTo256BytesThenMovesToTheHeapInSteps) {
     EXPECT_EQ(256u, b.capacity());
 }
 
-TEST(Buffer, CapacityFollowsTheStepRuleUpTo64KiB) {
-    const struct {
-        uint32_t required;
-        uint32_t capacity;
-    } cases[] = {{300, 512}, {512, 768}, {1000, 1024}, {65536, 65792}};
-    for (const auto& c : cases) {
-        mcl::binary_t b;
-        b.write_at(0, nullptr, c.required);
-        EXPECT_EQ(c.capacity, b.capacity()) << c.required;
-    }
-}
-
 TEST(Buffer, GrowsGeometricallyBeyond64KiB) {
     mcl::binary_t b;
     auto piece = bytes(4096);

@@ -154,22 +154,4 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     EXPECT_FALSE(log.contains("Failed to read"));
 }
 
-TEST(IpcChannel, AnOverLongAnnouncedLengthEndsTheConnection) {
-    nv_test::log_capture log;
-    const std::string path = pipe_path();
-    connection_ptr server = listening(path);
-    ASSERT_TRUE(server->reader().listen());
-    ASSERT_TRUE(server->writer().listen());
-    connection_ptr client = connecting(path);
-    mcl::binary_t header;
-    mcl::append_frame(header, mcl::frame_kind::request, 1, 1, nullptr, 0);
-    const uint32_t huge = mcl::max_frame_payload + 1;
-    header.write_at(12, reinterpret_cast<const unsigned char*>(&huge), 4);
-    header.append(reinterpret_cast<const unsigned char*>("x"), 1);
-    client->enqueue(header);
-    std::vector<mcl::binary_t> received;
-    EXPECT_FALSE(pump(*server, *client, *server, 1, received));
-    EXPECT_TRUE(log.contains("] - Failed to read from channel, announced frame length 67108865 exceeds the limit 67108864"));
-}
-
 }  // namespace
