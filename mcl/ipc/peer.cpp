@@ -363,7 +363,11 @@ void ipc_peer::serve_until(HANDLE stop) {
 }
 
 share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path) {
-    share_ptr<ipc_connection> connection(new ipc_connection(ipc_connection::listen_type));
+    share_ptr<ipc_connection> connection;
+    // An allocation failure is one more failed pair: the accept loop tries again later.
+    if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection",
+                 [&] { connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type)); }))
+        return {};
     const bool ok = connection->reader().create(pipe_path) && connection->writer().create(pipe_path) &&
                     connection->reader().listen() && connection->writer().listen();
     if (!ok) {

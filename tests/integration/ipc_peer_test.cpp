@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -406,6 +407,33 @@ TEST(IpcPeer, AStopWhileAHandlerDisconnectsAndPostsLetsTheEventThreadFinish) {
     loop.join();
     EXPECT_EQ(0u, server.last_exit_code()) << "the event thread returned on its own, it was not terminated";
     EXPECT_TRUE(server.connections().empty());
+}
+
+// Throws where the payload says "throw"; echoes everything else.
+class throwing_handler : public mcl::ipc_msg_handler {
+public:
+    int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t& payload) override {
+        if (payload == text_payload("throw")) throw std::bad_alloc();
+        return 0;
+    }
+};
+
+TEST(IpcPeer, AHandlerThatThrowsEndsOnlyItsRequest) {
+    nv_test::log_capture log;
+    throwing_handler handler;
+    const std::string name = nv_test::unique_name("nv_ipc_throw");
+    mcl::ipc_peer server(name.c_str(), &handler);
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    std::thread loop([&] { server.serve_until(stop.get()); });
+    client c;
+    ASSERT_TRUE(c.connect(name));
+    mcl::binary_t payload = text_payload("throw");
+    EXPECT_FALSE(c.peer.send(nv_test::msg_echo, payload, c.connection(), 1000)) << "no reply";
+    EXPECT_TRUE(c.echo("still served"));
+    stop.set();
+    loop.join();
+    EXPECT_EQ(1u, log.count("] - The handler of a message failed with an exception: std::bad_alloc")) << log.text();
 }
 
 }  // namespace
