@@ -19,26 +19,14 @@ service_double::~service_double() {
 }
 
 bool service_double::start_listening() {
-    if (!setup(/*listening=*/true)) return false;
     accept_thread_ = CreateThread(nullptr, 0, &accept_main, this, 0, nullptr);
     return accept_thread_ != nullptr;
 }
 
 DWORD WINAPI service_double::accept_main(void* self) {
-    static_cast<service_double*>(self)->accept_loop();
+    auto* double_ = static_cast<service_double*>(self);
+    double_->serve_until(double_->stop_.get());
     return 0;
-}
-
-void service_double::accept_loop() {
-    const std::string pipe_path = "\\\\.\\pipe\\" + name();
-    HANDLE handles[] = {stop_.get(), connected_event()};
-    for (;;) {
-        (void)new_listen_connection(pipe_path.c_str());
-        if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) break;
-        ResetEvent(handles[1]);
-    }
-    mcl::scoped_lock guard(connection_list_lock());
-    shutdown_locked();
 }
 
 void service_double::set_protocol(uint32_t version) {

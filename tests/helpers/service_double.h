@@ -49,7 +49,6 @@ private:
         service_double* owner_;
     };
     static DWORD WINAPI accept_main(void* self);
-    void accept_loop();
 
     handler handler_;
     mcl::lock lock_;
