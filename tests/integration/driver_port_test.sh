@@ -242,10 +242,34 @@ wine "$exe" -d </dev/null >"$work/console10.txt" 2>&1 &
 service=$!
 wait_listening
 startup_checks "win10" win10
+# A second instance only runs the shutdown: the switches go off and it returns.
+mark=$(journal | wc -l)
+run "$exe" -d
+[ "$rc" = 0 ] || fail "second instance: exit code $rc"
+shutdown_checks "win10 second instance" "$mark"
 mark=$(journal | wc -l)
 run "$client" post 1000001
 wait_exit $service
 shutdown_checks "win10 stop message" "$mark"
+
+echo "== Windows 10: an emergency start that disables protection"
+ctl reset >/dev/null
+run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v disableProtection /t REG_DWORD /d 1 /f
+run "$exe" -d
+[ "$rc" = 0 ] || fail "emergency start: exit code $rc"
+journal | link_messages >"$work/emergency"
+off3=("$(feature 0 0)" "$(feature 6 0)" "$(feature 11 0)")
+want=("${off3[@]}")
+grep -q '^10000000' "$work/emergency" && want+=("$(feature 16 1)")
+for app in csrss.exe lsass.exe svchost.exe; do want+=("$(command 3 "$sysdir$app")"); done
+want+=("${off3[@]}")  # the master switch goes off
+grep -q '^10000000' "$work/emergency" && want+=("$(feature 16 0)")
+want+=("${off3[@]}")  # shutdown
+printf '%s\n' "${want[@]}" >"$work/emergency.want"
+cmp -s "$work/emergency.want" "$work/emergency" || {
+    fail "emergency start messages"
+    diff "$work/emergency.want" "$work/emergency"
+}
 
 echo "== Windows 10: the driver is not loaded"
 ctl reset >/dev/null
