@@ -2,6 +2,7 @@
 // messages, and the volumes the filter has been attached to.
 #include <windows.h>
 
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -47,7 +48,8 @@ void log_refused_path(const char* function, const std::wstring& path) {
 }
 
 // The narrow device form, as the trusted applications take it: QueryDosDeviceA of the drive,
-// then the rest of the path. False, with a log line, for a path without "X:\\" or too long.
+// then the rest of the path. False, with a log line, for a path without a drive letter, colon
+// and backslash, or too long.
 bool to_device_path_narrow(const std::string& path, std::string& device) {
     constexpr const char* fn = "chelperservice::to_device_path";
     if (!has_drive_prefix(path) || path.size() > max_driver_path) {
