@@ -18,13 +18,6 @@ void chelperservice::startEnforcement() {
 void chelperservice::stopEnforcement() {
     not_yet("chelperservice::stopEnforcement", "chelperservice::service_enforce_thread stop");
 }
-void chelperservice::skipFirstServiceManagerOpen() {
-    not_yet("chelperservice::skipFirstServiceManagerOpen", "chelperservice::drvSkipProcessFirstSvcMgrOpen");
-}
-void chelperservice::enableDriverFeatures(bool on) {
-    NV_LOG("chelperservice::enableDriverFeatures",
-           "chelperservice::drvEnableFeature 0, 6, 11 %s: not available in this build", on ? "on" : "off");
-}
 void chelperservice::enableIrpNotifications(bool on) {
     NV_LOG("chelperservice::enableIrpNotifications",
            "chelperservice::drvEnableFeature 16 %s: not available in this build", on ? "on" : "off");
@@ -42,8 +35,9 @@ void chelperservice::loadPersistedRules() {
     loadProtectedRegKeys();
     loadqQuarantineContainers();
 }
-void chelperservice::loadTrustedOpenApps() {
-    not_yet("chelperservice::loadTrustedOpenApps", "chelperservice::loadTrustedOpenApps");
+void chelperservice::removeAllServiceAndProcessRules() {
+    not_yet("chelperservice::removeAllServiceAndProcessRules",
+            "chelperservice::handle_protect_services / handle_protect_processes remove all");
 }
 void chelperservice::loadProtectedService() {
     not_yet("chelperservice::loadProtectedService", "chelperservice::loadProtectedService");
