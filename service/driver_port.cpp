@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/log.h"
+#include "mcl/mswin/os_version.h"
 #include "mcl/encoding.h"
 #include "mcl/mswin/reg.h"
 #include "service/driver_protocol.h"
@@ -77,20 +78,6 @@ std::wstring from_utf8(const std::string& text) {
     MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, &wide[0], n);
     wide.resize(static_cast<size_t>(n) - 1);
     return wide;
-}
-
-// Whether the system is at least version major.minor (service pack 0), as VerifyVersionInfoW
-// answers it.
-bool system_at_least(DWORD major, DWORD minor) {
-    OSVERSIONINFOEXW want{};
-    want.dwOSVersionInfoSize = sizeof(want);
-    want.dwMajorVersion = major;
-    want.dwMinorVersion = minor;
-    want.wServicePackMajor = 0;
-    DWORDLONG mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
-    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
-    mask = VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
-    return VerifyVersionInfoW(&want, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
 }
 
 // FilterAttach and FilterDetach need SeLoadDriverPrivilege enabled in the caller's token; the
@@ -274,7 +261,7 @@ void chelperservice::loadTrustedOpenApps() {
     if (directory.empty() || directory.back() != '\\') directory += '\\';
     for (const char* name : {"csrss.exe", "lsass.exe", "svchost.exe"}) loadTrustedOpenApp(directory + name);
     // Only Windows 8 and Server 2012 need to be told the service manager's image.
-    if (system_at_least(6, 2) && !system_at_least(6, 3)) {
+    if (mcl::mswin::is_windows_at_least(6, 2) && !mcl::mswin::is_windows_at_least(6, 3)) {
         NV_LOG(fn, "Windows 8 / Server 2012 detected, set service manager path.");
         setSvcMgrPath2Driver(directory + "services.exe");
     }

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "app/log.h"
+#include "mcl/mswin/os_version.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
@@ -22,20 +23,6 @@ paths g_paths;
 bool is_regular_file(const std::string& path) {
     const DWORD attributes = GetFileAttributesA(path.c_str());
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0;
-}
-
-// VerifyVersionInfoW with major, minor and service-pack major, each compared greater-or-equal.
-bool windows_at_least(DWORD major, DWORD minor) {
-    OSVERSIONINFOEXW info{};
-    info.dwOSVersionInfoSize = sizeof(info);
-    info.dwMajorVersion = major;
-    info.dwMinorVersion = minor;
-    info.wServicePackMajor = 0;
-    DWORDLONG mask = 0;
-    mask = VerSetConditionMask(mask, VER_MAJORVERSION, VER_GREATER_EQUAL);
-    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
-    mask = VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
-    return VerifyVersionInfoW(&info, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
 }
 
 // The short form of Windows directory + `tail`, or `fallback` (logged) when there is none.
@@ -511,9 +498,9 @@ int install_vqrmonitor(bool force) {
     }
 
     result = DoInstall(g_paths.inf);
-    if (!windows_at_least(6, 3)) {
+    if (!mcl::mswin::is_windows_at_least(6, 3)) {
         (void)mcl::mswin::reg::write_dword(service_key, skip_first_create_value, 1);
-        if (windows_at_least(6, 2)) {
+        if (mcl::mswin::is_windows_at_least(6, 2)) {
             NV_LOG("install_vqrmonitor", "Windows 8 / Server 2012 detected, set service manager path.");
             (void)mcl::mswin::reg::write_string(service_key, svc_mgr_path_value,
                                                 g_paths.windows_dir + "\\System32\\services.exe");
