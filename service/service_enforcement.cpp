@@ -46,7 +46,28 @@ struct watch {
     bool armed = false;
     bool fired = false;
     bool unsupported = false;
+    unique_kernel_handle process;  // the running service's process: signalled when it ends
 };
+
+// The process a running service reports, or 0.
+DWORD service_process_id(const std::string& name) {
+    SERVICE_STATUS_PROCESS status{};
+    if (!mcl::mswin::service::query_status_ex(name.c_str(), status) || status.dwCurrentState != SERVICE_RUNNING) return 0;
+    return status.dwProcessId;
+}
+
+// Stopped or stop pending, or reported running while its process has ended (a manager may
+// learn of a killed process only later).
+bool needs_start(const std::string& name) {
+    DWORD state = 0;
+    if (!mcl::mswin::service::query_state(name.c_str(), state)) return false;
+    if (stopped_or_stopping(state)) return true;
+    const DWORD pid = state == SERVICE_RUNNING ? service_process_id(name) : 0;
+    if (pid == 0) return false;
+    unique_kernel_handle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
+    if (!process) return GetLastError() == ERROR_INVALID_PARAMETER;  // no such process
+    return WaitForSingleObject(process.get(), 0) == WAIT_OBJECT_0;
+}
 
 void CALLBACK on_status_change(void* parameter) {
     auto* w = static_cast<watch*>(static_cast<SERVICE_NOTIFYW*>(parameter)->pContext);
@@ -54,17 +75,23 @@ void CALLBACK on_status_change(void* parameter) {
     w->fired = true;
 }
 
-// Asks to be told (by an APC on this thread) when a running service stops. A stopped one is
-// not watched: it would be reported at once, again and again, while its start keeps failing.
+// Watches a running service: its process handle, and the system's report (an APC on this thread)
+// of its stopping. A stopped one is not watched: it would be reported at once, again and again,
+// while its start keeps failing.
 void arm(SC_HANDLE manager, notify_fn notifier, const std::string& name, std::unique_ptr<watch>& w) {
-    if (notifier == nullptr || manager == nullptr) return;
+    if (manager == nullptr) return;
     if (!w) {
         w = std::make_unique<watch>();
         w->svc.reset(OpenServiceA(manager, name.c_str(), SERVICE_QUERY_STATUS));
     }
-    if (!w->svc || w->armed || w->unsupported) return;
+    if (!w->svc) return;
     SERVICE_STATUS status{};
     if (!QueryServiceStatus(w->svc.get(), &status) || stopped_or_stopping(status.dwCurrentState)) return;
+    if (!w->process) {
+        const DWORD pid = service_process_id(name);
+        if (pid != 0) w->process.reset(OpenProcess(SYNCHRONIZE, FALSE, pid));
+    }
+    if (w->armed || w->unsupported || notifier == nullptr) return;
     w->notify = SERVICE_NOTIFYW{};
     w->notify.dwVersion = SERVICE_NOTIFY_STATUS_CHANGE;
     w->notify.pfnNotifyCallback = &on_status_change;
@@ -85,8 +112,7 @@ void enforce_one(const std::string& name) {
     constexpr const char* fn = "chelperservice::service_enforce_thread::run";
     mcl::binary_t config;
     if (!mcl::mswin::service::query_config(name.c_str(), config)) return;
-    DWORD state = 0;
-    if (!mcl::mswin::service::query_state(name.c_str(), state) || !stopped_or_stopping(state)) return;
+    if (!needs_start(name)) return;
     NV_LOG(fn, "trying start service %s...", name.c_str());
     if (mcl::mswin::service::start(name.c_str())) return;
     const std::wstring image = chelperservice::service_image_path(name);
@@ -123,19 +149,29 @@ DWORD chelperservice::service_enforce_thread::run() {
                 names = owner_->enforce_list();
                 for (const std::string& name : names) arm(manager.get(), notifier, name, watches[name]);
                 bool reported = false;
-                for (auto& entry : watches) {
-                    if (!entry.second || !entry.second->fired) continue;
-                    entry.second->fired = false;
-                    for (const std::string& name : names) reported = reported || name == entry.first;
+                std::vector<HANDLE> handles{stop_event(), changed_.get()};
+                std::vector<watch*> watched;
+                for (const std::string& name : names) {
+                    watch* w = watches[name].get();
+                    if (w == nullptr) continue;
+                    if (w->fired) reported = true;
+                    w->fired = false;
+                    if (w->process && handles.size() < MAXIMUM_WAIT_OBJECTS) {
+                        handles.push_back(w->process.get());
+                        watched.push_back(w);
+                    }
                 }
                 if (reported) break;
                 const DWORD spent = GetTickCount() - started;
                 if (spent >= pass_interval_ms) break;
-                HANDLE handles[2] = {stop_event(), changed_.get()};
-                const DWORD r =
-                    WaitForMultipleObjectsEx(2, handles, /*wait_all=*/FALSE, pass_interval_ms - spent, /*alertable=*/TRUE);
+                const DWORD r = WaitForMultipleObjectsEx(static_cast<DWORD>(handles.size()), handles.data(),
+                                                         /*wait_all=*/FALSE, pass_interval_ms - spent, /*alertable=*/TRUE);
                 if (r == WAIT_OBJECT_0) {
                     running = false;
+                    break;
+                }
+                if (r >= WAIT_OBJECT_0 + 2 && r < WAIT_OBJECT_0 + handles.size()) {
+                    watched[r - WAIT_OBJECT_0 - 2]->process.reset();  // its service ended: a pass now
                     break;
                 }
                 if (r == WAIT_FAILED) Sleep(10);  // never spin on a broken wait
@@ -145,8 +181,11 @@ DWORD chelperservice::service_enforce_thread::run() {
         NV_LOG(fn, "Unexpected exception: the enforcement thread ends");
     }
     // Close every watched handle first, then let pending reports run before their records go.
-    for (auto& entry : watches)
-        if (entry.second) entry.second->svc.reset();
+    for (auto& entry : watches) {
+        if (!entry.second) continue;
+        entry.second->svc.reset();
+        entry.second->process.reset();
+    }
     SleepEx(0, /*alertable=*/TRUE);
     return 0;
 }
@@ -182,7 +221,10 @@ void chelperservice::startEnforcement() {
                static_cast<int>(GetLastError()));
 }
 
-void chelperservice::stopEnforcement() { enforce_thread_.stop(1000); }
+void chelperservice::stopEnforcement() {
+    enforce_thread_.stop(1000);
+    NV_LOG("chelperservice::stopEnforcement", "Enforcement thread (chelperservice::service_enforce_thread) stopped");
+}
 
 void chelperservice::killProcessByPath(const std::string& imagePath) {
     constexpr const char* fn = "killProcessByPath";
