@@ -223,7 +223,7 @@ void chelperservice::startEnforcement() {
 
 void chelperservice::stopEnforcement() {
     enforce_thread_.stop(1000);
-    NV_LOG("chelperservice::stopEnforcement", "Enforcement thread (chelperservice::service_enforce_thread) stopped");
+    NV_LOG("chelperservice::stopEnforcement", "chelperservice::service_enforce_thread stopped");
 }
 
 void chelperservice::killProcessByPath(const std::string& imagePath) {

@@ -228,6 +228,8 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
 }
 
 void chelperservice::protectSelf(bool on) {
+    NV_LOG("chelperservice::protectSelf", "handle_protect_services %s %s", mcl::mswin::service::default_name,
+           on ? "on" : "off");
     (void)handle_protect_services({service_rule{on, on, mcl::mswin::service::default_name}});
 }
 
