@@ -33,6 +33,7 @@ timed_request() {  # ID HEXFILE: round trip in ms into $ms
     [ "$(head -n 1 "$out" | tr -d '\r')" = 0100 ] || echo "warning: request $1 replied $(head -n 1 "$out")" >&2
 }
 
+mkdir -p "$drive_c"/bench/f{000..099}
 declare -A per_rule
 for n in 100 1000; do
     rules "$n" 1 >"$drive_c/nv/protect.hex"

@@ -79,6 +79,8 @@ public:
         return object_security::get_file_dacl(path, dacl, descriptor);
     }
     DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
+        // As the system: only an existing file or folder takes a DACL.
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
         return record("file", utf8_of(path), dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
     }
     DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {

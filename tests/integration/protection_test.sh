@@ -226,7 +226,8 @@ expect_eq "image unpersisted" 1 "$rc"
 echo "== bad service requests"
 mark=$(($(driver_count) + 1))
 for case in "truncated:$(hex_u32 2)$(service_rule 01 01 nv_test_svc)" "no payload:" "no name terminator:$(hex_u32 1)01016E76" \
-    "missing service:$(hex_u32 1)$(service_rule 01 01 no_such_service)"; do
+    "missing service:$(hex_u32 1)$(service_rule 01 01 no_such_service)" \
+    "over-long name:$(hex_u32 1)$(service_rule 01 01 "$(printf 'n%.0s' $(seq 1 300))")"; do
     request 1000002 ${case#*:}
     expect_eq "0x1000002 ${case%%:*}" "$status_fail" "$reply"
 done
@@ -246,6 +247,8 @@ request 1000066 "$(hex_str no_such_service)"
 expect_eq "0x1000066 missing service" "$status_fail" "$reply"
 request 1000067 "$(hex_str no_such_service)"
 expect_eq "0x1000067 missing service" "$status_fail" "$reply"
+request 1000069 "$(hex_str 'no\drive\letter')"
+expect_eq "0x1000069 path without a drive letter" "$status_fail" "$reply"
 request 1000068
 expect_eq "0x1000068 without payload" "$status_fail" "$reply"
 expect_eq "bad service requests: nothing sent" "" "$(driver_messages $mark)"
