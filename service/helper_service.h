@@ -185,7 +185,8 @@ public:
         chelperservice* owner_;
         mcl::event changed_;  // set when a name joins the list
     };
-    // Enforcement list operations; any thread (each takes the list's lock).
+    // Enforcement list operations; any thread (each takes the list's lock). The service's own
+    // name is never added.
     void enforce_add(const std::string& name);
     void enforce_remove(const std::string& name);
     std::vector<std::string> enforce_list();

@@ -191,6 +191,9 @@ DWORD chelperservice::service_enforce_thread::run() {
 }
 
 void chelperservice::enforce_add(const std::string& name) {
+    // Never this service itself: it stops only when told to, and its own enforcement pass would
+    // start it again while it stops or uninstalls itself.
+    if (name == service_name()) return;
     {
         mcl::scoped_lock guard(enforce_lock_);
         for (const std::string& listed : enforce_list_)

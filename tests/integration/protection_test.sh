@@ -174,6 +174,28 @@ done
 [ -n "$back" ] || fail "killed service not running again"
 [ -n "$back" ] && echo "killed service running again after $(awk -v a="$t0" -v b="$back" 'BEGIN { printf "%.2f", b - a }') s"
 
+echo "== enforcement: a start that fails is retried without the image rule"
+install_test_service nv_fragile fragile demand
+run sc start nv_fragile
+wait_svc_state nv_fragile 0
+request 1000002 "$(hex_u32 1)$(service_rule 01 01 nv_fragile)"
+expect_eq "protect nv_fragile" "$status_ok" "$reply"
+fragile_pid=$(pid_of fragile nv_fragile)
+mark=$(($(driver_count) + 1))
+rm -f "$drive_c/prot/fragile/nv_test_service.exe"
+run taskkill /F /PID "$fragile_pid"
+for _ in $(seq 1 150); do
+    [ "$(log_count 'retrying start service nv_fragile... without process protection')" -ge 1 ] && break
+    sleep 0.2
+done
+expect_eq "retry logged" 1 "$(log_count 'retrying start service nv_fragile... without process protection' | sed 's/^[1-9][0-9]*$/1/')"
+sleep 2
+driver_messages $mark | head -n 2 >"$work/fragile.txt"
+expect_eq "image rule lifted for the retry, then sent again" "2 command C:\\prot\\fragile\\nv_test_service.exe
+1 command C:\\prot\\fragile\\nv_test_service.exe" "$(cat "$work/fragile.txt")"
+request 1000002 "$(hex_u32 1)$(service_rule 00 00 nv_fragile)"
+expect_eq "unprotect nv_fragile" "$status_ok" "$reply"
+
 echo "== service control requests"
 request 1000065 "$(hex_str nv_args_svc)$(hex_u32 2)$(hex_str alpha)$(hex_str 'beta gamma')"
 expect_eq "start with arguments" "$status_ok" "$reply"
