@@ -1,9 +1,10 @@
 // A service for the protection tests to protect, kill, start and stop.
-//   nv_test_service [ignore-stop]
+//   nv_test_service [ignore-stop | exit-on-stop]
 // Runs under the service control manager under whatever name it was installed with. Its process
 // identifier is written to <name>.pid and its start arguments, one a line, to <name>.args beside
 // the executable. With ignore-stop it
-// accepts the stop control and goes on running.
+// accepts the stop control and goes on running; with exit-on-stop it accepts it and ends its
+// process shortly after without reporting the stop (a process that vanishes).
 #include <windows.h>
 
 #include <cstdio>
@@ -15,6 +16,12 @@ namespace {
 SERVICE_STATUS_HANDLE g_status = nullptr;
 HANDLE g_stop = nullptr;
 bool g_ignore_stop = false;
+bool g_exit_on_stop = false;
+
+DWORD WINAPI exit_soon(void*) {
+    Sleep(200);
+    ExitProcess(3);
+}
 
 void report(DWORD state) {
     SERVICE_STATUS status{};
@@ -25,7 +32,13 @@ void report(DWORD state) {
 }
 
 DWORD WINAPI handler(DWORD control, DWORD, void*, void*) {
-    if (control == SERVICE_CONTROL_STOP && !g_ignore_stop) SetEvent(g_stop);
+    if (control != SERVICE_CONTROL_STOP || g_ignore_stop) return NO_ERROR;
+    if (g_exit_on_stop) {
+        HANDLE t = CreateThread(nullptr, 0, exit_soon, nullptr, 0, nullptr);
+        if (t != nullptr) CloseHandle(t);
+        return NO_ERROR;
+    }
+    SetEvent(g_stop);
     return NO_ERROR;
 }
 
@@ -64,6 +77,7 @@ void WINAPI service_main(DWORD argc, char** argv) {
 int main(int argc, char** argv) {
     for (int i = 1; i < argc; ++i)
         if (strcmp(argv[i], "ignore-stop") == 0) g_ignore_stop = true;
+        else if (strcmp(argv[i], "exit-on-stop") == 0) g_exit_on_stop = true;
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     char name[] = "";
     SERVICE_TABLE_ENTRYA table[] = {{name, service_main}, {nullptr, nullptr}};

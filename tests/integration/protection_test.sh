@@ -216,6 +216,26 @@ expect_eq "stop a service that ignores stop" "$status_ok" "$reply"
 expect_eq "stop timed out, terminate logged" 1 "$(log_count 'Failed to stop service <nv_stubborn>, trying to terminate its process')"
 expect_eq "terminated" 1 "$(log_count "Process $(pid_of stubborn nv_stubborn) terminated")"
 
+# A process that ends on the stop control without reporting it: the manager still says running
+# when the wait ends. Where the process can no longer be opened, the task killer runs and its
+# "no such process" (exit code 128) counts as stopped; where the manager still holds the ended
+# process (as here), terminating it succeeds at once.
+install_test_service nv_vanishing vanishing demand exit-on-stop
+run sc start nv_vanishing
+wait_svc_state nv_vanishing 0
+vanishing_pid=$(pid_of vanishing nv_vanishing)
+request 1000066 "$(hex_str nv_vanishing)"
+expect_eq "stop a service whose process vanished" "$status_ok" "$reply"
+expect_eq "stop timed out" 1 "$(log_count 'Failed to stop service <nv_vanishing>')"
+if [ "$(log_count "Failed to open process $vanishing_pid for termination")" = 1 ]; then
+    expect_eq "task killer run" 1 "$(log_count "taskkill.exe /PID $vanishing_pid /F")"
+    expect_eq "task killer exit code" 1 "$(log_count 'Command return code: 128')"
+    echo "vanished process: ended by the task killer (exit code 128)"
+else
+    expect_eq "vanished process: terminate succeeded" 1 "$(log_count "Process $vanishing_pid terminated")"
+    echo "vanished process: the manager still held it; terminate succeeded"
+fi
+
 mark=$(($(driver_count) + 1))
 request 1000068 00
 expect_eq "re-apply switches" "$status_ok" "$reply"
