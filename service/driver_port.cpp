@@ -291,8 +291,10 @@ void chelperservice::setProtectionEnabled(bool on) {
         startEnforcement();
         return;
     }
-    // Registry-key rules stay; only feature 11 went off with the others.
-    removeAllServiceAndProcessRules();
+    // Every protected service with its image rule, then every image and folder rule; registry-key
+    // rules stay (only feature 11 went off with the others).
+    (void)handle_protect_services({service_rule{false, false, ""}});
+    (void)handle_protect_processes({process_rule{false, L""}});
     stopEnforcement();
 }
 

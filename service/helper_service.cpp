@@ -13,8 +13,8 @@ void chelperservice::main(int, char**) {
 
         emergency_actions actions;
         actions.check_code = [](const std::string& code) { return nv::check_recovery_code(code); };
-        // "serv" and "fold" get their actions when service and folder protection land; until
-        // then their values wait in the registry for the build that acts on them.
+        actions.unprotect_service = [this](const std::string& name) { unprotectServiceByName(name); };
+        actions.restore_folder = [this](const std::wstring& path) { restoreFolder(path); };
         const emergency_start start = consume_emergency_options(k_emergency_key, actions);
 
         startDriver();

@@ -12,12 +12,6 @@ void not_yet(const char* function, const char* what) {
 
 }  // namespace
 
-void chelperservice::startEnforcement() {
-    not_yet("chelperservice::startEnforcement", "chelperservice::service_enforce_thread start");
-}
-void chelperservice::stopEnforcement() {
-    not_yet("chelperservice::stopEnforcement", "chelperservice::service_enforce_thread stop");
-}
 void chelperservice::enableIrpNotifications(bool on) {
     NV_LOG("chelperservice::enableIrpNotifications",
            "chelperservice::drvEnableFeature 16 %s: not available in this build", on ? "on" : "off");
@@ -25,35 +19,12 @@ void chelperservice::enableIrpNotifications(bool on) {
 void chelperservice::stopIrpReceiver() {
     not_yet("chelperservice::stopIrpReceiver", "chelperservice::irp_notification_receiver stop");
 }
-void chelperservice::protectSelf(bool on) {
-    NV_LOG("chelperservice::protectSelf", "chelperservice::handle_protect_services %s %s: not available in this build",
-           service_name().c_str(), on ? "on" : "off");
-}
 void chelperservice::loadPersistedRules() {
     loadTrustedOpenApps();
     loadProtectedService();
     loadProtectedRegKeys();
     loadqQuarantineContainers();
 }
-void chelperservice::removeAllServiceAndProcessRules() {
-    not_yet("chelperservice::removeAllServiceAndProcessRules",
-            "chelperservice::handle_protect_services / handle_protect_processes remove all");
-}
-void chelperservice::loadProtectedService() {
-    not_yet("chelperservice::loadProtectedService", "chelperservice::loadProtectedService");
-}
 void chelperservice::loadqQuarantineContainers() {
     not_yet("chelperservice::loadqQuarantineContainers", "chelperservice::loadqQuarantineContainers");
-}
-void chelperservice::unprotectServiceByName(const std::string& service_name) {
-    NV_LOG("chelperservice::unprotectServiceByName", "chelperservice::unprotectService %s: not available in this build",
-           service_name.c_str());
-}
-void chelperservice::restoreFolder(const std::wstring& path) {
-    NV_LOG("chelperservice::restoreFolder", "chelperservice::restorePathPermissions %ls: not available in this build",
-           path.c_str());
-}
-void chelperservice::restoreProtectedFolders() {
-    not_yet("chelperservice::restoreProtectedFolders",
-            "chelperservice::restorePathPermissions of the protected folders");
 }
