@@ -33,6 +33,7 @@ std::string json(const std::wstring& text) {
 
 std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
 std::string feature_hex(uint32_t feature, bool on) { return hex(vqr::build_feature(feature, on)); }
+std::string command_hex(uint32_t code, const std::wstring& text) { return hex(vqr::build_command(code, text)); }
 
 // The bytes of every journaled message, in arrival order.
 std::vector<std::string> journal_bytes() {
@@ -186,21 +187,24 @@ TEST_F(DriverPort, MasterSwitchSendsOnlyWhenItChanges) {
     service().setProtectionEnabled(true);
     EXPECT_TRUE(journal_bytes().empty());
 
+    // Off: the three features, then every image rule and every folder rule (empty texts).
+    std::vector<std::string> switched_off = off;
+    switched_off.push_back(command_hex(c::unprotect_process, L""));
+    switched_off.push_back(command_hex(c::unprotect_folder, L""));
     service().setProtectionEnabled(false);
     EXPECT_FALSE(service().protection_enabled());
-    EXPECT_EQ(off, journal_bytes());
-    EXPECT_TRUE(log.contains("removeAllServiceAndProcessRules")) << log.text();
-    EXPECT_TRUE(log.contains("stopEnforcement")) << log.text();
+    EXPECT_EQ(switched_off, journal_bytes());
+    EXPECT_EQ(1u, log.count("] - chelperservice::service_enforce_thread stopped")) << log.text();
 
     service().setProtectionEnabled(false);
-    EXPECT_EQ(off, journal_bytes());
+    EXPECT_EQ(switched_off, journal_bytes());
 
     service().setProtectionEnabled(true);
     service().setProtectionEnabled(true);
-    std::vector<std::string> want = off;
+    std::vector<std::string> want = switched_off;
     want.insert(want.end(), on.begin(), on.end());
     EXPECT_EQ(want, journal_bytes());
-    EXPECT_TRUE(log.contains("startEnforcement")) << log.text();
+    EXPECT_FALSE(log.contains("The enforcement thread could not be started")) << log.text();
 }
 
 TEST_F(DriverPort, ProtectionRequestsSwitchFeaturesAndReply) {
@@ -222,7 +226,8 @@ TEST_F(DriverPort, ProtectionRequestsSwitchFeaturesAndReply) {
           f(c::feature_registry_protection, true)}},
         {"0x1000008 off", msg::set_protection_enabled, {0}, {1, 0},
          {f(c::feature_process_protection, false), f(c::feature_folder_protection, false),
-          f(c::feature_registry_protection, false)}},
+          f(c::feature_registry_protection, false), command_hex(c::unprotect_process, L""),
+          command_hex(c::unprotect_folder, L"")}},
         {"0x1000008 off again", msg::set_protection_enabled, {0, 1}, {1, 0}, {}},
         {"0x1000007 with protection off", msg::enable_driver_protection, {}, {1, 0},
          {f(c::feature_process_protection, true), f(c::feature_folder_protection, true),
@@ -268,8 +273,9 @@ TEST_F(DriverPort, NoDriverUnloadedDriverAndRefusalsAreLogged) {
                                   }();
     EXPECT_EQ(1u, log.count(not_found)) << log.text();
     chelperservice::loadTrustedOpenApp("\\Device\\HarddiskVolume1\\windows\\system32\\csrss.exe");
+    // Switching off: one connection for the features, one for removing every image and folder rule.
     service().setProtectionEnabled(false);
-    EXPECT_EQ(3u, log.count(not_found)) << log.text();
+    EXPECT_EQ(4u, log.count(not_found)) << log.text();
     EXPECT_FALSE(service().protection_enabled());  // the switches change all the same
     ctl("load");
 
