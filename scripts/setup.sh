@@ -10,7 +10,7 @@ lz4_version=1.9.4
 packages=(
   mingw-w64 g++-mingw-w64-x86-64-posix g++-mingw-w64-i686-posix
   wine wine64 cmake ninja-build clang libclang-rt-14-dev
-  googletest lz4 libmcrypt-dev libssl-dev dpkg-dev
+  googletest lz4 libmcrypt-dev libssl-dev dpkg-dev jq xxd python3
 )
 
 missing=()

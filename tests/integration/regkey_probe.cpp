@@ -2,6 +2,9 @@
 //   sddl KEY                  the DACL of HKLM\KEY as SDDL (read through the owner's rights)
 //   access KEY                "read=ok|denied write=ok|denied" for this process's token
 //   grant KEY                 adds full access for Administrators in front of the key's DACL
+//   grant-own-keys            the same for each of the service's own keys that exists: stands in
+//                             for the service SID that Wine's tokens lack, after a start-up has
+//                             protected them, so the running service can write its own records
 //   request ENTRY...          hex payload of request 0x100000b, one entry per argument
 //                             "action|root-hex|path|owner|level|svc,svc"
 //   keys HEX                  the reply of 0x100000c, one record per line
@@ -163,6 +166,12 @@ int main(int argc, char** argv) {
     }
     if (command == "access" && argc == 3) return access_of(argv[2]);
     if (command == "grant" && argc == 3) return grant(argv[2]);
+    if (command == "grant-own-keys" && argc == 2) {
+        int rc = 0;
+        for (const char* key : chelperservice::own_reg_keys)
+            if (grant(key) != 0) rc = 2;
+        return rc;
+    }
     if (command == "request") return request(argc - 2, argv + 2);
     if (command == "keys" && argc == 3) return keys(argv[2]);
     if (command == "crash-protect" && argc == 5) return crash_protect(argv[2], argv[3], argv[4]);
