@@ -36,13 +36,6 @@ void chelperservice::enableDriverFeatures(bool on) {
     NV_LOG("chelperservice::enableDriverFeatures",
            "chelperservice::drvEnableFeature 0, 6, 11 %s: not available in this build", on ? "on" : "off");
 }
-void chelperservice::enableIrpNotifications(bool on) {
-    NV_LOG("chelperservice::enableIrpNotifications",
-           "chelperservice::drvEnableFeature 16 %s: not available in this build", on ? "on" : "off");
-}
-void chelperservice::stopIrpReceiver() {
-    not_yet("chelperservice::stopIrpReceiver", "chelperservice::irp_notification_receiver stop");
-}
 void chelperservice::protectSelf(bool on) {
     NV_LOG("chelperservice::protectSelf", "chelperservice::handle_protect_services %s %s: not available in this build",
            service_name().c_str(), on ? "on" : "off");
