@@ -186,6 +186,11 @@ private:
     // IRP-denied notification state.
     void handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence);
     void clearIrpStore();
+    // The image path of a process and that file's description; both stay empty when the
+    // process cannot be read. Receiver thread.
+    void readProcessImage(uint32_t pid, std::string& image, std::string& image_description);
+    static constexpr size_t max_image_descriptions = 256;
+    std::map<std::string, std::pair<uint64_t, std::string>> image_descriptions_;  // path -> (written, text); receiver
     mcl::lock irp_lock_;
     irp::tables irp_tables_;                        // under irp_lock_
     std::map<std::wstring, std::string> volume_to_device_;  // \device\...\ -> mount path; receiver thread

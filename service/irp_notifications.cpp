@@ -46,15 +46,10 @@ bool port_gone(HRESULT hr) { return hr == static_cast<HRESULT>(vqr::hr_unloaded)
 
 HRESULT last_error_hr() { return HRESULT_FROM_WIN32(GetLastError()); }
 
-// Image path and description of a process; both stay empty when they cannot be read.
-void read_process(uint32_t pid, std::string& image, std::string& description) {
-    mcl::mswin::unique_kernel_handle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-    if (!process) return;
-    char path[MAX_PATH] = {};
-    DWORD size = MAX_PATH;
-    if (!QueryFullProcessImageNameA(process.get(), 0, path, &size)) return;
-    image.assign(path, size);
-    description = file_info(image.c_str()).description;
+uint64_t last_write_time(const std::string& path) {
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (!GetFileAttributesExA(path.c_str(), GetFileExInfoStandard, &data)) return 0;
+    return static_cast<uint64_t>(data.ftLastWriteTime.dwHighDateTime) << 32 | data.ftLastWriteTime.dwLowDateTime;
 }
 
 }  // namespace
@@ -215,7 +210,7 @@ void chelperservice::handleIrpDenied(const irp::message& m, uint64_t now, uint64
     r.minor_function = m.minor_function;
     r.process_id = m.process_id;
     r.type = irp::type_irp_denied;
-    read_process(m.process_id, r.process_image, r.process_description);
+    readProcessImage(m.process_id, r.process_image, r.process_description);
 
     mcl::scoped_lock guard(irp_lock_);
     for (const irp::subscription* s : irp_tables_.choose(r.file_path, r.major_function, r.minor_function)) {
@@ -236,6 +231,27 @@ void chelperservice::handleIrpDenied(const irp::message& m, uint64_t now, uint64
         NV_LOG(run_fn, "Notify subscriber <%s> on IRP for file <%s>", s->subscriber.c_str(), r.file_path.c_str());
         SetEvent(event.get());
     }
+}
+
+void chelperservice::readProcessImage(uint32_t pid, std::string& image, std::string& image_description) {
+    mcl::mswin::unique_kernel_handle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
+    if (!process) return;
+    char path[MAX_PATH] = {};
+    DWORD size = MAX_PATH;
+    if (!QueryFullProcessImageNameA(process.get(), 0, path, &size)) return;
+    image.assign(path, size);
+    // Reading a file's description takes tens of milliseconds (version resource, shell); a
+    // flood of denials mostly names the same few images, so remember it while the file is
+    // unchanged.
+    const uint64_t written = last_write_time(image);
+    auto known = image_descriptions_.find(image);
+    if (known != image_descriptions_.end() && written != 0 && known->second.first == written) {
+        image_description = known->second.second;
+        return;
+    }
+    image_description = file_info(image.c_str()).description;
+    if (image_descriptions_.size() >= max_image_descriptions) image_descriptions_.clear();
+    image_descriptions_[image] = {written, image_description};
 }
 
 // ---- volumes

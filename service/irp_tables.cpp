@@ -18,13 +18,26 @@ request_check read_bounded(std::string& value, size_t max_bytes, const mcl::bina
     return value.size() > max_bytes ? request_check::oversized : request_check::ok;
 }
 
+// The holding and pending lists are kept in rising order, which is arrival order: the receiver
+// hands out sequences from one rising counter. Both operations are then logarithmic, and
+// cheap at the ends where the work happens.
+void insert_sequence(std::deque<uint64_t>& list, uint64_t sequence) {
+    if (list.empty() || sequence > list.back()) {
+        list.push_back(sequence);
+        return;
+    }
+    const auto it = std::lower_bound(list.begin(), list.end(), sequence);
+    if (it == list.end() || *it != sequence) list.insert(it, sequence);  // never twice
+}
+
 void remove_sequence(std::deque<uint64_t>& list, uint64_t sequence) {
-    if (!list.empty() && list.front() == sequence) {
+    if (list.empty() || sequence < list.front() || sequence > list.back()) return;
+    if (list.front() == sequence) {
         list.pop_front();
         return;
     }
-    const auto it = std::find(list.begin(), list.end(), sequence);
-    if (it != list.end()) list.erase(it);
+    const auto it = std::lower_bound(list.begin(), list.end(), sequence);
+    if (it != list.end() && *it == sequence) list.erase(it);
 }
 
 }  // namespace
@@ -152,12 +165,8 @@ store_outcome tables::store(const std::string& subscriber, const record& r, uint
     s.r.sequence = sequence;
     s.owner = subscriber;
     by_time_.emplace(r.time, sequence);
-    held.sequences.push_back(sequence);
-    std::deque<uint64_t>& pending = pending_[subscriber];
-    // Sequences normally rise; only an out-of-order one needs the search for a duplicate.
-    if (pending.empty() || sequence > pending.back() ||
-        std::find(pending.begin(), pending.end(), sequence) == pending.end())
-        pending.push_back(sequence);
+    insert_sequence(held.sequences, sequence);
+    insert_sequence(pending_[subscriber], sequence);
     outcome.sequence = sequence;
     return outcome;
 }

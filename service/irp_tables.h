@@ -165,7 +165,7 @@ private:
         std::string owner;
     };
     struct holding {
-        std::deque<uint64_t> sequences;  // the owner's stored records, oldest first
+        std::deque<uint64_t> sequences;  // the owner's stored records, rising (oldest first)
         bool dropping = false;
     };
     void erase_stored(std::map<uint64_t, stored_record>::iterator it);
@@ -173,7 +173,7 @@ private:
     std::map<std::string, subscription> subscriptions_;
     std::map<uint64_t, stored_record> store_;
     std::multimap<uint64_t, uint64_t> by_time_;  // time -> sequence
-    std::map<std::string, std::deque<uint64_t>> pending_;
+    std::map<std::string, std::deque<uint64_t>> pending_;  // rising
     std::map<std::string, holding> holdings_;
 };
 
