@@ -40,7 +40,7 @@ run() {
     rc=$?
     tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
 }
-log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
+log_lines() { tr -d '\r' 2>/dev/null <"$log" | grep -c -- "$1"; }
 # wait_log PATTERN COUNT: until the log holds COUNT lines with PATTERN (60 s).
 wait_log() {
     for _ in $(seq 1 300); do
