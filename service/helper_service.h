@@ -110,6 +110,7 @@ public:
 
     private:
         DWORD receive();
+        bool handle(const uint8_t* data, size_t size);
         chelperservice* owner_;
         uint64_t sequence_ = 0;  // starts at 0 at every start
     };
@@ -186,6 +187,8 @@ private:
     // IRP-denied notification state.
     void handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence);
     void clearIrpStore();
+    void subscribeIrpNotification(mcl::binary_t& payload);
+    void queryIrpNotificationData(mcl::binary_t& payload);
     // The image path of a process and that file's description; both stay empty when the
     // process cannot be read. Receiver thread.
     void readProcessImage(uint32_t pid, std::string& image, std::string& image_description);

@@ -149,13 +149,23 @@ DWORD chelperservice::irp_notification_receiver::receive() {
             // The driver is gone without its stop message: nothing more can arrive on this
             // port, so waiting again would only fail again at once, forever.
             if (port_gone(hr)) break;
-        } else if (!owner_->handleIrpMessage(buffer.data(), bytes, sequence_)) {
+        } else if (!handle(buffer.data(), bytes)) {
             break;
         }
         if (WaitForSingleObject(stop_event(), 0) == WAIT_OBJECT_0) break;
     }
     if (!CloseHandle(port)) NV_LOG(run_fn, "[IRP Notification]: Failed to close the notification port.\n");
     return 0;
+}
+
+bool chelperservice::irp_notification_receiver::handle(const uint8_t* data, size_t size) {
+    // One message that cannot be handled (memory) costs that message, not the receiver.
+    try {
+        return owner_->handleIrpMessage(data, size, sequence_);
+    } catch (const std::exception& e) {
+        NV_LOG(run_fn, "[IRP Notification]: Message dropped on an exception: %s", e.what());
+    }
+    return true;
 }
 
 bool chelperservice::handleIrpMessage(const uint8_t* data, size_t size, uint64_t& sequence) {
@@ -309,6 +319,16 @@ std::string chelperservice::device_to_dos_path(const std::wstring& devicePath) c
 // ---- requests
 
 void chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binary_t& payload) {
+    try {
+        subscribeIrpNotification(payload);
+    } catch (const std::exception& e) {
+        NV_LOG("chelperservice::subscribe_irp_notification", "Subscription request failed: %s", e.what());
+        payload.clear();
+        mcl::write_status(payload, false, "");
+    }
+}
+
+void chelperservice::subscribeIrpNotification(mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
     irp::subscribe_request request;
     const irp::request_check check = irp::decode_subscribe(payload, request);
@@ -350,6 +370,16 @@ void chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binar
 }
 
 void chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::binary_t& payload) {
+    try {
+        queryIrpNotificationData(payload);
+    } catch (const std::exception& e) {
+        NV_LOG("chelperservice::query_irp_notification_data", "Query failed: %s", e.what());
+        payload.clear();
+        mcl::write_u32(payload, 0);
+    }
+}
+
+void chelperservice::queryIrpNotificationData(mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::query_irp_notification_data";
     std::string subscriber;
     const irp::request_check check = irp::decode_query(payload, subscriber);

@@ -77,15 +77,27 @@ bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t 
     mcl::write_byte(request, minor);
     mcl::write_u32(request, pid);
     mcl::write_wstring(request, file);
-    uint8_t in[256];
-    DWORD bytes = 0;
-    if (!WriteFile(pipe_.get(), request.data(), request.size(), &bytes, nullptr) ||
-        !ReadFile(pipe_.get(), in, sizeof(in), &bytes, nullptr))
-        return false;
     mcl::binary_t answer;
-    answer.assign(in, bytes);
+    if (!transact(request, answer)) return false;
     uint32_t hr = 0, pos = 0;
     return mcl::read_u32(hr, answer, pos) && mcl::read_u32(delivered, answer, pos) && hr == 0;
+}
+
+bool sim_injector::journal(std::string& json) {
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, vqr::sim::op::journal);
+    uint32_t pos = 0;
+    return transact(request, answer) && mcl::read_string(json, answer, pos);
+}
+
+bool sim_injector::transact(const mcl::binary_t& request, mcl::binary_t& answer) {
+    std::vector<uint8_t> in(vqr::sim::max_message);
+    DWORD bytes = 0;
+    if (!WriteFile(pipe_.get(), request.data(), request.size(), &bytes, nullptr) ||
+        !ReadFile(pipe_.get(), in.data(), static_cast<DWORD>(in.size()), &bytes, nullptr))
+        return false;
+    answer.assign(in.data(), bytes);
+    return true;
 }
 
 }  // namespace nv_test

@@ -10,6 +10,7 @@
 
 #include "mcl/mswin/reg.h"
 #include "service/message_ids.h"
+#include "tests/helpers/irp_client.h"
 #include "tests/helpers/log_capture.h"
 
 namespace {
@@ -114,14 +115,26 @@ TEST(ServiceCore, StopMessageEndsTheServiceWhichShutsDownCompletely) {
     CloseHandle(m);
 }
 
+// How many times the driver stand-in has received feature 16 off.
+size_t irp_feature_offs() {
+    nv_test::sim_injector sim;
+    std::string journal;
+    EXPECT_TRUE(sim.open() && sim.journal(journal));
+    const std::string off = "\"code\":16,\"kind\":\"feature\",\"on\":false";
+    size_t n = 0;
+    for (size_t at = journal.find(off); at != std::string::npos; at = journal.find(off, at + 1)) ++n;
+    return n;
+}
+
 TEST(ServiceCore, ASecondInstanceStopsAtOnceWithoutAVersionLine) {
     HANDLE first = CreateMutexA(nullptr, FALSE, chelperservice::instance_mutex_name);
     ASSERT_NE(nullptr, first);
+    const size_t offs = irp_feature_offs();
     nv_test::log_capture log;
     chelperservice::instance().main(0, nullptr);
     CloseHandle(first);
     EXPECT_FALSE(log.contains("Service Version")) << log.text();
-    EXPECT_TRUE(log.contains("drvEnableFeature 16 off")) << log.text();
+    EXPECT_EQ(offs + 1, irp_feature_offs()) << "feature 16 switched off";
     EXPECT_TRUE(log.contains("drvEnableFeature 0, 6, 11 off")) << log.text();
 }
 
