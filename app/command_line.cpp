@@ -8,6 +8,7 @@
 #include "app/log.h"
 #include "app/program.h"
 #include "app/service_commands.h"
+#include "mcl/mswin/os_version.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
 #include "setup/driver_installer.h"
@@ -30,12 +31,12 @@ void say(const char* line) { printf("%s\n", line); }
 
 int install_command() {
     say("Installing halvern service...");
-    if (is_service_installed(k_service_name)) {
+    if (mcl::mswin::service::is_service_installed(k_service_name)) {
         say("Halvern srvice has already been installed.");
         return -1;
     }
     g_module_path = "\"" + g_module_path + "\"";
-    if (!install_service(g_module_path) || !is_service_installed(k_service_name)) {
+    if (!install_service(g_module_path) || !mcl::mswin::service::is_service_installed(k_service_name)) {
         say("Failed to install halvern service!");
         return -2;
     }
@@ -44,7 +45,7 @@ int install_command() {
 
 int uninstall_command() {
     say("Uninstalling halvern service...");
-    if (!is_service_installed(k_service_name)) {
+    if (!mcl::mswin::service::is_service_installed(k_service_name)) {
         say("Halvern srvice is not installed.");
         return -1;
     }
@@ -78,12 +79,12 @@ int install_option(const char* sub) {
 
 int service_option(const char* sub) {
     if (sub != nullptr && iequals(sub, "start")) {
-        if (start_service(k_service_name)) return -1;
+        if (mcl::mswin::service::start(k_service_name)) return -1;
         say("Failed to start halvern service!");
         return -2;
     }
     if (sub != nullptr && iequals(sub, "stop")) {
-        if (stop_service(k_service_name, /*event_fallback=*/true, /*seconds=*/60)) return -1;
+        if (mcl::mswin::service::stop(k_service_name, /*event_fallback=*/true, /*seconds=*/60)) return -1;
         say("Failed to stop halvern service!");
         return -2;
     }
@@ -159,11 +160,7 @@ bool is_process_elevated() {
     unique_kernel_handle token;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())) return false;
 
-    OSVERSIONINFOEXW want{};
-    want.dwOSVersionInfoSize = sizeof(want);
-    want.dwMajorVersion = 6;
-    const DWORDLONG mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
-    if (VerifyVersionInfoW(&want, VER_MAJORVERSION, mask)) {
+    if (mcl::mswin::is_windows_at_least(6, 0)) {
         TOKEN_ELEVATION elevation{};
         DWORD size = 0;
         return GetTokenInformation(token.get(), TokenElevation, &elevation, sizeof(elevation), &size) &&

@@ -22,8 +22,6 @@ BOOL WINAPI console_control(DWORD event) {
 
 }  // namespace
 
-bool is_service_installed(const char* name) { return service::is_service_installed(name); }
-
 bool install_service(const std::string& command_line) {
     SC_ACTION restart{SC_ACTION_RESTART, /*delay_ms=*/5000};
     SERVICE_FAILURE_ACTIONSA actions{};
@@ -40,12 +38,6 @@ bool install_service(const std::string& command_line) {
 }
 
 bool uninstall_service() { return chelperservice::instance().uninstall(); }
-
-bool start_service(const char* name) { return service::start(name); }
-
-bool stop_service(const char* name, bool event_fallback, unsigned seconds) {
-    return service::stop(name, event_fallback, seconds);
-}
 
 bool run_service() {
     mcl::mswin::service& svc = chelperservice::instance();  // not the peer's thread body

@@ -43,13 +43,19 @@ void write_list(binary_t& out, const std::vector<T>& values, Writer write_elemen
 [[nodiscard]] bool read_string_list(std::vector<std::string>& values, const binary_t& in, uint32_t& pos);
 [[nodiscard]] bool read_status(bool& ok, std::string& message, const binary_t& in, uint32_t& pos);
 
-// Reads a u32 count and then that many elements with `read_element(T&, in, pos)`. The count
-// only bounds the loop; it never reserves memory.
+// Most elements a list may announce. Every element takes at least one payload byte but may cost
+// tens of bytes decoded (a std::string is 32), so the count is what bounds the decoded size.
+constexpr uint32_t max_list_elements = 65536;
+
+// Reads a u32 count and then that many elements with `read_element(T&, in, pos)`. A count above
+// max_list_elements fails at once; the count never reserves more than the payload could hold.
 template <typename T, typename Reader>
 [[nodiscard]] bool read_list(std::vector<T>& values, const binary_t& in, uint32_t& pos, Reader read_element) {
     values.clear();
     uint32_t count = 0;
-    if (!read_u32(count, in, pos)) return false;
+    if (!read_u32(count, in, pos) || count > max_list_elements) return false;
+    const uint32_t remaining = in.size() - pos;
+    values.reserve(count < remaining ? count : remaining);
     for (uint32_t i = 0; i < count; ++i) {
         T element{};
         if (!read_element(element, in, pos)) return false;

@@ -1,6 +1,15 @@
 #include "mcl/thread.h"
 
+#include <exception>
+
+#include "app/log.h"
+
 namespace mcl {
+
+void log_thread_exception(const char* function, const char* what) {
+    NV_LOG(function, "Thread %lu: an exception ended the work at hand: %s", static_cast<unsigned long>(GetCurrentThreadId()),
+           what);
+}
 
 thread::thread() {
     stop_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/true);
@@ -11,7 +20,15 @@ thread::~thread() {
 }
 
 DWORD WINAPI thread::entry(void* self) {
-    return static_cast<thread*>(self)->run();
+    // The last line of defence: an exception ends this thread, never the process.
+    try {
+        return static_cast<thread*>(self)->run();
+    } catch (const std::exception& e) {
+        log_thread_exception("mcl::thread::entry", e.what());
+    } catch (...) {
+        log_thread_exception("mcl::thread::entry", "unknown");
+    }
+    return 0xFFFFFFFE;
 }
 
 bool thread::start() {

@@ -6,10 +6,16 @@
 
 #include <cstdint>
 #include <deque>
+#include <exception>
 #include <utility>
 
 #include "mcl/event.h"
 #include "mcl/lock.h"
+
+namespace mcl {
+// Writes the one line for an exception that a thread entry or an event handler caught.
+void log_thread_exception(const char* function, const char* what);
+}
 
 namespace mcl {
 
@@ -101,7 +107,16 @@ protected:
                 e = std::move(queue_.front());
                 queue_.pop_front();
             }
-            if (handle_event(e) < 0) return;
+            int result = 0;
+            // A failing event (an allocation failure included) is dropped; the thread goes on.
+            try {
+                result = handle_event(e);
+            } catch (const std::exception& ex) {
+                log_thread_exception("mcl::event_thread::process_queue", ex.what());
+            } catch (...) {
+                log_thread_exception("mcl::event_thread::process_queue", "unknown");
+            }
+            if (result < 0) return;
         }
     }
     virtual int handle_event(T&) { return 0; }

@@ -41,7 +41,13 @@ cmake --build --preset mingw-x64 -j 2
 
 bash tests/wine/prefix.sh create
 mkdir -p "$install_dir"
-cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$install_dir/"
+# The executable with the driver package it installs (the stand-in VQRMonitor.sys and .inf).
+cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$NV_BIN_DIR/VQRMonitor.sys" "$NV_BIN_DIR/VQRMonitor.inf" "$install_dir/"
+
+echo "== NorvaleHalvernService -i instdrv"
+say "$exe" -i instdrv
+echo "== the driver service"
+say sc query VQRMonitor | grep -E "SERVICE_NAME|TYPE|STATE" || true
 
 echo "== NorvaleHalvernService -i install"
 say "$exe" -i install

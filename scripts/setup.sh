@@ -21,16 +21,54 @@ done
 sudo_cmd=()
 [ "$(id -u)" -eq 0 ] || sudo_cmd=(sudo)
 
-src_list=/etc/apt/sources.list.d/debian-src.sources
+# deb-src entries mirroring the machine's own deb entries (same URIs, suites, components and
+# keys), as deb822 stanzas: the sources come from wherever this machine gets its packages.
+deb_src_entries() {
+  local f
+  for f in /etc/apt/sources.list /etc/apt/sources.list.d/*.list; do
+    [ -f "$f" ] || continue
+    awk '
+      $1 == "deb" {
+        i = 2; key = ""
+        if ($2 ~ /^\[/) {
+          opts = ""
+          for (; i <= NF; i++) { opts = opts " " $i; if ($i ~ /\]$/) { i++; break } }
+          if (match(opts, /signed-by=[^] ]+/)) key = substr(opts, RSTART + 10, RLENGTH - 10)
+        }
+        printf "Types: deb-src\nURIs: %s\nSuites: %s\nComponents:", $i, $(i + 1)
+        for (j = i + 2; j <= NF && $j !~ /^#/; j++) printf " %s", $j
+        printf "\n"
+        if (key != "") printf "Signed-By: %s\n", key
+        printf "\n"
+      }' "$f"
+  done
+  for f in /etc/apt/sources.list.d/*.sources; do
+    [ -f "$f" ] || continue
+    awk '
+      function flush() {
+        if (types ~ /(^| )deb( |$)/ && enabled !~ /^[Nn]o$/ && uris != "")
+          printf "Types: deb-src\nURIs: %s\nSuites: %s\nComponents: %s\n%s\n", uris, suites, comps, \
+            key != "" ? "Signed-By: " key "\n" : ""
+        types = uris = suites = comps = key = enabled = ""
+      }
+      /^[ \t]*#/ { next }
+      /^[ \t]*$/ { flush(); next }
+      { name = tolower($1); sub(/^[^:]*:[ \t]*/, "") }
+      name == "types:" { types = $0 } name == "uris:" { uris = $0 } name == "suites:" { suites = $0 }
+      name == "components:" { comps = $0 } name == "signed-by:" { key = $0 } name == "enabled:" { enabled = $0 }
+      END { flush() }' "$f"
+  done
+}
+
+src_list=/etc/apt/sources.list.d/nv-deb-src.sources
 need_update=0
-if [ ! -f "$src_list" ]; then
-  "${sudo_cmd[@]}" tee "$src_list" >/dev/null <<'SRC'
-Types: deb-src
-URIs: http://deb.debian.org/debian
-Suites: bookworm
-Components: main
-Signed-By: /usr/share/keyrings/debian-archive-keyring.gpg
-SRC
+if ! apt-cache showsrc lz4 2>/dev/null | grep -q '^Package: lz4'; then
+  entries=$(deb_src_entries)
+  if [ -z "$entries" ]; then
+    echo "setup: no deb entries in the apt sources to take deb-src entries from" >&2
+    exit 1
+  fi
+  printf '%s\n' "$entries" | "${sudo_cmd[@]}" tee "$src_list" >/dev/null
   need_update=1
 fi
 

@@ -53,12 +53,12 @@ emergency_start consume_emergency_options(const std::string& key, const emergenc
         start.emergency = true;
         start.disable = number != 0;
     }
-    if (take_string(key, "serv", text)) {
-        if (actions.unprotect_service) actions.unprotect_service(text);
+    if (actions.unprotect_service && take_string(key, "serv", text)) {
+        actions.unprotect_service(text);
         start.emergency = true;
     }
-    if (take_string(key, "fold", text)) {
-        if (actions.restore_folder) actions.restore_folder(mcl::mswin::widen(text));
+    if (actions.restore_folder && take_string(key, "fold", text)) {
+        actions.restore_folder(mcl::mswin::widen(text));
         start.emergency = true;
     }
     return start;

@@ -26,5 +26,6 @@ struct emergency_actions {
 };
 
 // Reads the options under HKLM\`key` in order, deleting each value right after it was read (so
-// a failing action is not retried at the next start), and runs the immediate actions.
+// a failing action is not retried at the next start), and runs the immediate actions. "serv" and
+// "fold" are read only when their action is given; otherwise they stay for a later start.
 emergency_start consume_emergency_options(const std::string& key, const emergency_actions& actions);

@@ -17,6 +17,7 @@
 #include "mcl/thread.h"
 #include "service/emergency_options.h"
 #include "service/irp_tables.h"
+#include "service/regkey_protection.h"
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread.
@@ -139,7 +140,30 @@ public:
 
     // Enforcement and service control (service/service_enforcement.cpp).
 
-    // Registry keys (service/regkey_protection.cpp).
+    // Registry keys (service/regkey_protection.cpp). Everything here runs on the IPC event thread
+    // or on the service thread at start-up and shutdown; the key table has no lock.
+    // The service's own persistence keys under HKEY_LOCAL_MACHINE, protected at every start.
+    static const char* const own_reg_keys[6];
+    // Requests 0x100000b (status reply) and 0x100000c (the protected keys).
+    void protect_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void get_protected_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    // Protects or unprotects each entry in order; an empty first path with action 0 lifts every
+    // key rule. False when any entry failed.
+    bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries);
+    // DACL step, then (with `persist`) the persisted record, then driver code 12. True when the
+    // driver rule was sent; `record` is filled either way.
+    bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist);
+    // Driver code 13, the original DACL written back, the persisted value deleted. False (and
+    // nothing changed) without a driver connection.
+    bool unprotectRegKey(const reg_key_record& record);
+    // Driver code 13 with an empty path, every key's original DACL back, the table emptied; the
+    // persisted records stay for the next start.
+    void stopProtectingRegKeys();
+    // Writes every protected key's original DACL back; records and persisted values stay.
+    void restoreAllRegKeys();
+    // Writes (add) or deletes the record's persisted value; nothing (and true) for an empty path.
+    bool persistRegKeyRecord(const reg_key_record& record, bool add);
+    const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
 
     // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp).
 
@@ -167,7 +191,6 @@ private:
     void unprotectServiceByName(const std::string& name);
     void restoreFolder(const std::wstring& path);
     void unprotectOwnRegKeys();
-    void restoreProtectedRegKeys();
     void restoreProtectedFolders();
 
     void handleEmergencyStart(const emergency_start& start);
@@ -207,6 +230,8 @@ private:
     // Enforcement state.
 
     // Registry key protection state.
+    // Key text ("\\<root>\<lowered path>") -> record.
+    std::map<std::wstring, reg_key_record> protected_reg_keys_;
 
     // Quarantine state.
 };

@@ -40,4 +40,21 @@ inline constexpr uint32_t is_file_access_blocked = 0x10000d2;
 inline constexpr uint32_t subscribe_irp_notification = 0x10000fa;
 inline constexpr uint32_t query_irp_notification_data = 0x10000fb;
 
+// Every identifier the service understands.
+inline constexpr uint32_t catalogue[] = {
+    disconnect, stop_service, protect_services, protect_processes, query_protected_services,
+    query_protected_processes, disable_driver_protection, enable_driver_protection, set_protection_enabled,
+    protocol_compatible, service_version, protect_reg_keys, get_protected_reg_keys, service_ctrl_start_service,
+    service_ctrl_stop_service, service_ctrl_recover_dacl, restore_driver_protection, recover_folder_dacl,
+    create_quarantine_container, quarantine_files, remove_quarantine_container, get_quarantined_files,
+    get_quarantine_containers, is_file_quarantined, block_file_access, unblock_file_access, block_files_access,
+    is_file_access_blocked, subscribe_irp_notification, query_irp_notification_data,
+};
+
+inline bool in_catalogue(uint32_t id) {
+    for (uint32_t known : catalogue)
+        if (known == id) return true;
+    return false;
+}
+
 }  // namespace msg

@@ -2,9 +2,7 @@
 // protection managers and the quarantine. Until those are part of the build, each step says in
 // the log that it did nothing; each moves to its owner's file when that lands.
 #include "app/log.h"
-#include "mcl/mswin/service.h"
 #include "service/helper_service.h"
-#include "setup/driver_installer.h"
 
 namespace {
 
@@ -14,15 +12,6 @@ void not_yet(const char* function, const char* what) {
 
 }  // namespace
 
-void chelperservice::startDriver() {
-    // Neither result is acted on: a driver that cannot be reached leaves the driver steps undone.
-    if (!mcl::mswin::service::is_service_installed("VQRMonitor")) (void)install_vqrmonitor(true);
-    (void)mcl::mswin::service::start("VQRMonitor");
-}
-
-void chelperservice::logDriverVersion() {
-    not_yet("chelperservice::logDriverVersion", "initDirs / VQRMonitor driver version");
-}
 void chelperservice::startEnforcement() {
     not_yet("chelperservice::startEnforcement", "chelperservice::service_enforce_thread start");
 }
@@ -52,9 +41,6 @@ void chelperservice::loadTrustedOpenApps() {
 void chelperservice::loadProtectedService() {
     not_yet("chelperservice::loadProtectedService", "chelperservice::loadProtectedService");
 }
-void chelperservice::loadProtectedRegKeys() {
-    not_yet("chelperservice::loadProtectedRegKeys", "chelperservice::loadProtectedRegKeys");
-}
 void chelperservice::loadqQuarantineContainers() {
     not_yet("chelperservice::loadqQuarantineContainers", "chelperservice::loadqQuarantineContainers");
 }
@@ -65,12 +51,6 @@ void chelperservice::unprotectServiceByName(const std::string& service_name) {
 void chelperservice::restoreFolder(const std::wstring& path) {
     NV_LOG("chelperservice::restoreFolder", "chelperservice::restorePathPermissions %ls: not available in this build",
            path.c_str());
-}
-void chelperservice::unprotectOwnRegKeys() {
-    not_yet("chelperservice::unprotectOwnRegKeys", "chelperservice::unprotectRegKey");
-}
-void chelperservice::restoreProtectedRegKeys() {
-    not_yet("chelperservice::restoreProtectedRegKeys", "restoring the protected registry keys");
 }
 void chelperservice::restoreProtectedFolders() {
     not_yet("chelperservice::restoreProtectedFolders",

@@ -32,6 +32,8 @@ const request_route routes[] = {
     // Service protection.
 
     // Registry key protection.
+    {msg::protect_reg_keys, &chelperservice::protect_reg_keys, "protect reg keys"},
+    {msg::get_protected_reg_keys, &chelperservice::get_protected_reg_keys, "get protected reg keys"},
 
     // Enforcement and service control.
 
@@ -49,6 +51,15 @@ const request_route* find_route(uint32_t id) {
     return nullptr;
 }
 
+// A catalogue request whose handler this build does not have yet: a failed status reply, never
+// the echo of the request, which a client would decode as its answer. A route added to the
+// table takes over.
+void answer_not_available(uint32_t id, mcl::binary_t& payload) {
+    NV_LOG("chelperservice::helper_msg_handler::operator ()", "IPC message %X is not available in this build", id);
+    payload.clear();
+    mcl::write_status(payload, false, "The request is not available in this version of the service");
+}
+
 }  // namespace
 
 int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, uint32_t msg_id,
@@ -57,6 +68,10 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
     if (conn == nullptr) return 0;
     NV_LOG(fn, "Received IPC message %X, payload size: %d", msg_id, static_cast<int>(payload.size()));
     const request_route* route = find_route(msg_id);
+    if (route == nullptr && msg::in_catalogue(msg_id)) {
+        answer_not_available(msg_id, payload);
+        return 1;
+    }
     if (route == nullptr) {
         NV_LOG(fn, "Unknow mc::ipc message %X, ignored", msg_id);
         return 1;

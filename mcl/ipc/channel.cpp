@@ -126,9 +126,8 @@ bool ipc_channel::finish_connect() {
 
 void ipc_channel::close() {
     if (pipe_ == nullptr) return;
-    // A write still pending means the other end is not reading: a flush would wait for it
-    // for ever, and its bytes are dropped with the connection anyway.
-    if (direction_ == write_direction && connected_ && !io_pending_) FlushFileBuffers(pipe_);
+    // No flush: it waits until the other end has read everything, which a client that never
+    // reads never does. Bytes still queued go with the connection.
     if (owner_ != nullptr && owner_->type() == ipc_connection::listen_type) DisconnectNamedPipe(pipe_);
     if (io_pending_) {
         CancelIoEx(pipe_, nullptr);
@@ -153,7 +152,7 @@ void ipc_read_channel::take_read(uint32_t n) {
     if (reading_into_tail_) {
         cutter_.commit(n);
     } else {
-        cutter_.append(block_, n);
+        (void)cutter_.append(block_, n);  // a refusal shows in the next cut
     }
 }
 
@@ -197,6 +196,7 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
                 return false;
             }
             take_read(n);
+            if (cutter_.over_budget()) break;
             continue;
         }
         const DWORD err = GetLastError();
@@ -209,26 +209,59 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
         return false;
     }
 
-    if (cutter_.cut(frames) == frame_cutter::result::too_long) {
+    switch (cutter_.cut(frames)) {
+    case frame_cutter::result::ok:
+        return true;
+    case frame_cutter::result::too_long:
         NV_LOG("mcl::ipc_read_channel::read", "Failed to read from channel, announced frame length %u exceeds the limit %u",
                cutter_.rejected_length(), max_frame_payload);
         return false;
+    case frame_cutter::result::over_budget:
+        NV_LOG("mcl::ipc_read_channel::read",
+               "Failed to read from channel, %u bytes received would pass the receive budget of %u MiB, end the connection",
+               cutter_.pending(), static_cast<unsigned>(byte_budget::process().limit() >> 20));
+        return false;
     }
-    return true;
+    return false;
 }
 
 // ---------------------------------------------------------------------------------------------
 
-ipc_write_channel::~ipc_write_channel() { ipc_channel::close(); }
+ipc_write_channel::~ipc_write_channel() { ipc_write_channel::close(); }
 
-void ipc_write_channel::enqueue(const binary_t& frame) {
+void ipc_write_channel::close() {
+    ipc_channel::close();
     scoped_lock guard(write_lock_);
-    buffers_[queue_index_].append(frame);
-    event_.set();
+    buffers_[0].release_storage();
+    buffers_[1].release_storage();
+    queue_index_ = 0;
+    in_flight_offset_ = 0;
+    byte_budget::process().give(charged_);
+    charged_ = 0;
 }
 
-void ipc_write_channel::enqueue(binary_t&& frame) {
+bool ipc_write_channel::charge_locked(uint32_t n) {
+    // One frame alone may always wait, however large: the bound is on what piles up behind it.
+    const uint64_t waiting = charged_ - in_flight_offset_;
+    if (overflowed_ || (waiting > 0 && waiting + n > max_queued_bytes) || !byte_budget::process().take(n)) {
+        if (!overflowed_.exchange(true)) event_.set();  // the write thread ends the connection
+        return false;
+    }
+    charged_ += n;
+    return true;
+}
+
+bool ipc_write_channel::enqueue(const binary_t& frame) {
     scoped_lock guard(write_lock_);
+    if (!charge_locked(frame.size())) return false;
+    buffers_[queue_index_].append(frame);
+    event_.set();
+    return true;
+}
+
+bool ipc_write_channel::enqueue(binary_t&& frame) {
+    scoped_lock guard(write_lock_);
+    if (!charge_locked(frame.size())) return false;
     binary_t& queue = buffers_[queue_index_];
     if (queue.empty()) {
         queue = std::move(frame);
@@ -236,6 +269,7 @@ void ipc_write_channel::enqueue(binary_t&& frame) {
         queue.append(frame);
     }
     event_.set();
+    return true;
 }
 
 bool ipc_write_channel::enqueue_if_connected(const binary_t& frame) {
@@ -243,6 +277,7 @@ bool ipc_write_channel::enqueue_if_connected(const binary_t& frame) {
     // connected_ turns true under this lock before any write starts, so while it is false the
     // OVERLAPPED still holds the connect and tells whether a client has come.
     if (!connected_ && (pipe_ == nullptr || (io_pending_ && !HasOverlappedIoCompleted(&overlapped_)))) return false;
+    if (!charge_locked(frame.size())) return false;
     buffers_[queue_index_].append(frame);
     event_.set();
     return true;
@@ -251,6 +286,8 @@ bool ipc_write_channel::enqueue_if_connected(const binary_t& frame) {
 void ipc_write_channel::take_queue_locked() {
     binary_t& in_flight = buffers_[queue_index_ ^ 1];
     if (in_flight_offset_ < in_flight.size()) return;
+    byte_budget::process().give(in_flight.size());
+    charged_ -= in_flight.size();
     in_flight.clear();
     in_flight_offset_ = 0;
     queue_index_ ^= 1;  // the queue becomes the bytes in flight; enqueue now grows the other
@@ -258,6 +295,12 @@ void ipc_write_channel::take_queue_locked() {
 
 bool ipc_write_channel::complete_write() {
     if (pipe_ == nullptr) return false;
+    if (overflowed_) {
+        NV_LOG("mcl::ipc_write_channel::complete_write",
+               "The other end does not read: %u bytes wait to be written, end the connection",
+               static_cast<unsigned>(charged_ - in_flight_offset_));
+        return false;
+    }
     if (!connected_) {
         scoped_lock guard(write_lock_);
         if (!finish_connect()) return true;

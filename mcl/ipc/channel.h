@@ -27,6 +27,8 @@ class ipc_connection;
 class ipc_channel {
 public:
     enum direction_type : uint32_t { read_direction = 0, write_direction = 1 };
+    // Every pipe path starts with this; the endpoint name follows.
+    static constexpr const char* pipe_prefix = "\\\\.\\pipe\\";
     static constexpr DWORD pipe_buffer_size = 4096;
     static constexpr DWORD pipe_default_timeout_ms = 5000;
     static constexpr DWORD busy_wait_ms = 30000;
@@ -40,8 +42,9 @@ public:
     // 30 s on the name while every instance is busy, and sets the channel event so that the I/O
     // thread runs the channel once. Closes a pipe already open first. Logs its failures.
     virtual bool create(const char* pipe_path);
-    // Flushes (write channel), disconnects (listening end), cancels pending I/O and waits for
-    // it, closes the pipe. Safe on a closed channel. Not while the I/O thread uses the channel.
+    // Disconnects (listening end), cancels pending I/O and waits for the cancel, closes the
+    // pipe. Never waits on the other end: unread bytes are dropped. Safe on a closed channel.
+    // Not while the I/O thread uses the channel.
     virtual void close();
     // Listening end: starts the overlapped connect on the created pipe.
     virtual bool listen();
@@ -89,10 +92,16 @@ public:
     explicit ipc_write_channel(ipc_connection* owner) : ipc_channel(write_direction, owner) {}
     ~ipc_write_channel() override;
 
+    // Bytes a connection may have waiting behind the frame being written before it is ended:
+    // a client that does not read its replies does not make the service hold them.
+    static constexpr uint64_t max_queued_bytes = 16u * 1024 * 1024;
+
     // Queues a whole frame and wakes the write thread. Any thread; frames never interleave.
-    void enqueue(const binary_t& frame);
+    // When the frame would pass max_queued_bytes or the process budget, nothing is queued and
+    // the write thread ends the connection (with a log line); false then.
+    bool enqueue(const binary_t& frame);
     // As above, taking over the frame's storage when nothing else is queued.
-    void enqueue(binary_t&& frame);
+    bool enqueue(binary_t&& frame);
     // As enqueue, but only once a client is on the pipe; false (nothing queued) while a
     // listening pipe still waits for its client. Any thread.
     bool enqueue_if_connected(const binary_t& frame);
@@ -100,14 +109,22 @@ public:
     // connection is dead. The write thread only.
     bool complete_write();
 
+    // Drops what is queued and gives its bytes back to the budget. With the write lock, or
+    // once no other thread uses the channel.
+    void close() override;
+
 private:
     // Moves queued bytes into the in-flight buffer when it has been written out.
     void take_queue_locked();
+    // Counts `n` more queued bytes; false (and the channel marked overflowed) when refused.
+    bool charge_locked(uint32_t n);
 
     mcl::lock write_lock_;  // guards the queue, which buffer is which, and the connected transition
     binary_t buffers_[2];   // one is the queue that enqueue grows, the other is in flight
     int queue_index_ = 0;
     uint32_t in_flight_offset_ = 0;  // bytes of the in-flight buffer already written
+    uint64_t charged_ = 0;           // bytes of both buffers counted in the process budget
+    std::atomic<bool> overflowed_{false};
 };
 
 // A counted pair of channels. Always held through share_ptr<ipc_connection>.
@@ -125,8 +142,8 @@ public:
     void* security_descriptor() const { return security_; }
     ipc_read_channel& reader() { return reader_; }
     ipc_write_channel& writer() { return writer_; }
-    void enqueue(const binary_t& frame) { writer_.enqueue(frame); }
-    void enqueue(binary_t&& frame) { writer_.enqueue(std::move(frame)); }
+    bool enqueue(const binary_t& frame) { return writer_.enqueue(frame); }
+    bool enqueue(binary_t&& frame) { return writer_.enqueue(std::move(frame)); }
 
     // Which of the peer's wait groups serves this connection; set by the peer under its
     // connection-list lock.

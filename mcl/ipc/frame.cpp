@@ -58,6 +58,25 @@ void copy_frame_payload(const binary_t& frame, binary_t& payload) {
     payload.append(frame.data() + frame_header_size, header.length);
 }
 
+bool byte_budget::take(uint64_t n) {
+    uint64_t held = held_.load();
+    do {
+        if (n > limit_ || held > limit_ - n) return false;
+    } while (!held_.compare_exchange_weak(held, held + n));
+    return true;
+}
+
+byte_budget& byte_budget::process() {
+    static byte_budget budget(256ull * 1024 * 1024);
+    return budget;
+}
+
+void frame_cutter::release_storage() {
+    if (budget_ != nullptr) budget_->give(storage_.size());
+    storage_.clear();
+    storage_.shrink_to_fit();
+}
+
 bool frame_cutter::reserve(uint32_t n) {
     // Move the remainder to the front, but only when that costs no more than the bytes
     // already consumed.
@@ -71,15 +90,23 @@ bool frame_cutter::reserve(uint32_t n) {
     if (required > storage_.size()) {
         uint64_t capacity = storage_.size() < 4096 ? 4096 : storage_.size();
         while (capacity < required) capacity *= 2;
-        storage_.resize(static_cast<size_t>(capacity < UINT32_MAX ? capacity : UINT32_MAX));
+        if (capacity > UINT32_MAX) capacity = UINT32_MAX;
+        const uint64_t growth = capacity - storage_.size();
+        if (budget_ != nullptr && !budget_->take(growth)) {
+            over_budget_ = true;
+            return false;
+        }
+        storage_.resize(static_cast<size_t>(capacity));
     }
     return true;
 }
 
-void frame_cutter::append(const unsigned char* bytes, uint32_t n) {
-    if (n == 0 || bytes == nullptr || !reserve(n)) return;
+bool frame_cutter::append(const unsigned char* bytes, uint32_t n) {
+    if (n == 0 || bytes == nullptr) return true;
+    if (over_budget_ || !reserve(n)) return false;
     memcpy(storage_.data() + end_, bytes, n);
     end_ += n;
+    return true;
 }
 
 unsigned char* frame_cutter::frame_tail(uint32_t min_bytes, uint32_t& room) {
@@ -88,9 +115,13 @@ unsigned char* frame_cutter::frame_tail(uint32_t min_bytes, uint32_t& room) {
         return frame_tail_none(room);
     const uint64_t size = frame_size(header.length);
     if (size <= pending() || size - pending() <= min_bytes) return frame_tail_none(room);
-    const auto missing = static_cast<uint32_t>(size - pending());
-    if (!reserve(missing)) return frame_tail_none(room);
-    room = missing;
+    // Grow with what has come: at most as many bytes again as are pending, so a header that
+    // announces a large frame and then trickles costs no more than what it sent.
+    uint64_t missing = size - pending();
+    const uint64_t step = pending() < 65536 ? 65536 : pending();
+    if (missing > step) missing = step;
+    if (missing <= min_bytes || !reserve(static_cast<uint32_t>(missing))) return frame_tail_none(room);
+    room = static_cast<uint32_t>(missing);
     return storage_.data() + end_;
 }
 
@@ -99,6 +130,7 @@ void frame_cutter::commit(uint32_t n) {
 }
 
 frame_cutter::result frame_cutter::cut(std::vector<binary_t>& frames) {
+    if (over_budget_) return result::over_budget;
     while (pending() > frame_header_size) {
         frame_header header;
         (void)read_frame_header(storage_.data() + begin_, pending(), header);
@@ -114,19 +146,16 @@ frame_cutter::result frame_cutter::cut(std::vector<binary_t>& frames) {
     if (begin_ == end_) {
         begin_ = end_ = 0;
         // A connection that once carried a large frame does not keep its memory while idle.
-        if (storage_.size() > retained_capacity) {
-            storage_.clear();
-            storage_.shrink_to_fit();
-        }
+        if (storage_.size() > retained_capacity) release_storage();
     }
     return result::ok;
 }
 
 void frame_cutter::reset() {
-    storage_.clear();
-    storage_.shrink_to_fit();
+    release_storage();
     begin_ = end_ = 0;
     rejected_length_ = 0;
+    over_budget_ = false;
 }
 
 }  // namespace mcl

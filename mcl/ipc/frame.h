@@ -6,6 +6,7 @@
 // for fuzzing.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -51,22 +52,54 @@ inline void append_frame(binary_t& out, frame_kind kind, uint32_t message_id, ui
 // Replaces `payload` with the L payload bytes of a whole frame (empty for a short frame).
 void copy_frame_payload(const binary_t& frame, binary_t& payload);
 
+// A count of bytes that clients make this process hold (partly received frames, queued events,
+// stored replies, write queues), with a ceiling. Any thread.
+class byte_budget {
+public:
+    explicit byte_budget(uint64_t limit) : limit_(limit) {}
+    byte_budget(const byte_budget&) = delete;
+    byte_budget& operator=(const byte_budget&) = delete;
+
+    // Counts n more bytes; false (nothing counted) when that would pass the limit.
+    bool take(uint64_t n);
+    void give(uint64_t n) { held_.fetch_sub(n); }
+    uint64_t held() const { return held_.load(); }
+    uint64_t limit() const { return limit_; }
+
+    // The one budget of the process: 256 MiB.
+    static byte_budget& process();
+
+private:
+    const uint64_t limit_;
+    std::atomic<uint64_t> held_{0};
+};
+
 // Collects received bytes and cuts whole frames from their front. Consumed bytes are skipped
 // with a read offset and the remainder is moved to the front only when it is no longer than
 // what was consumed, so each byte is moved a bounded number of times however long the backlog.
 // A large frame can be received straight into its place (frame_tail, then commit), without a
-// pass through a small read block. Not thread-safe: one reader thread owns it.
+// pass through a small read block. The storage grows with the bytes that have come, never with
+// an announced length alone, and its size is counted in a byte budget. Not thread-safe: one
+// reader thread owns it.
 class frame_cutter {
 public:
     enum class result {
-        ok,        // zero or more frames were cut
-        too_long,  // a header announces more than max_frame_payload; the stream is unusable
+        ok,           // zero or more frames were cut
+        too_long,     // a header announces more than max_frame_payload; the stream is unusable
+        over_budget,  // the budget refused the storage for bytes that came; the stream is unusable
     };
 
-    void append(const unsigned char* bytes, uint32_t n);
+    explicit frame_cutter(byte_budget* budget = &byte_budget::process()) : budget_(budget) {}
+    frame_cutter(const frame_cutter&) = delete;
+    frame_cutter& operator=(const frame_cutter&) = delete;
+    ~frame_cutter() { reset(); }
+
+    // False (the bytes are dropped, and cut reports over_budget) when the budget refuses them.
+    bool append(const unsigned char* bytes, uint32_t n);
     // When the header of the frame at the front has come and more than `min_bytes` of the
-    // frame are still missing: room for exactly the missing bytes at the end of the pending
-    // bytes (its size in `room`). Null otherwise. The room stays valid until the next call.
+    // frame are still missing: room at the end of the pending bytes for the missing bytes, but
+    // never more than about as many as have come so far (its size in `room`). Null otherwise.
+    // The room stays valid until the next call.
     unsigned char* frame_tail(uint32_t min_bytes, uint32_t& room);
     // Takes n bytes that were written into the room frame_tail gave.
     void commit(uint32_t n);
@@ -75,6 +108,9 @@ public:
     // Length announced by the header that stopped the last cut (meaningful after too_long).
     uint32_t rejected_length() const { return rejected_length_; }
     uint32_t pending() const { return end_ - begin_; }
+    bool over_budget() const { return over_budget_; }
+    // Bytes of storage held (and counted in the budget).
+    size_t capacity() const { return storage_.size(); }
     void reset();
 
 private:
@@ -82,7 +118,10 @@ private:
 
     // Makes room for n more bytes behind the pending ones.
     bool reserve(uint32_t n);
+    void release_storage();
 
+    byte_budget* budget_;
+    bool over_budget_ = false;
     std::vector<unsigned char> storage_;
     uint32_t begin_ = 0;  // first pending byte
     uint32_t end_ = 0;    // one past the last pending byte

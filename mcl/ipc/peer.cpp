@@ -9,16 +9,33 @@ namespace mcl {
 
 namespace {
 
-constexpr const char* pipe_prefix = "\\\\.\\pipe\\";
 constexpr const char* global_prefix = "Global\\";
 constexpr int send_step_ms = 50;
 constexpr int connect_retry_ms = 50;
+constexpr int pipe_open_wait_ms = static_cast<int>(ipc_channel::pipe_default_timeout_ms);
+
+constexpr DWORD accept_retry_first_ms = 50;
+constexpr DWORD accept_retry_last_ms = 5000;
 
 // Erases every entry of a (connection, sequence)-keyed table that belongs to `connection`.
 template <typename Map>
 void erase_connection(Map& table, ipc_connection* connection) {
     auto it = table.lower_bound({connection, 0});
     while (it != table.end() && it->first.first == connection) it = table.erase(it);
+}
+
+// Runs `body`, turning an exception into a log line; false then.
+template <typename Body>
+bool guarded(const char* function, const char* what, Body body) {
+    try {
+        body();
+        return true;
+    } catch (const std::exception& e) {
+        NV_LOG(function, "%s failed with an exception: %s", what, e.what());
+    } catch (...) {
+        NV_LOG(function, "%s failed with an exception", what);
+    }
+    return false;
 }
 
 // Turns a whole frame into its payload in place, without a second buffer.
@@ -36,10 +53,7 @@ void take_frame_payload(binary_t& frame, const frame_header& header) {
 ipc_peer::ipc_peer(const char* name, ipc_msg_handler* handler) : name_(name != nullptr ? name : ""), handler_(handler) {}
 
 ipc_peer::~ipc_peer() {
-    {
-        scoped_lock guard(list_lock_);
-        close_locked();
-    }
+    close();
     connected_event_.close();
     (void)connecting_mutex_.release();
     connecting_mutex_.close();
@@ -68,7 +82,10 @@ bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connec
     const table_key key{connection.get(), sequence};
 
     AcquireSRWLockExclusive(&response_lock_);
-    responses_[key].connection = connection;
+    response_slot& slot = responses_[key];
+    if (slot.unrequested) --unrequested_counts_[key.first];  // a stale reply stored ahead of time goes
+    slot = response_slot{};
+    slot.connection = connection;
     ReleaseSRWLockExclusive(&response_lock_);
 
     connection->enqueue(std::move(frame));
@@ -129,25 +146,50 @@ bool ipc_peer::post(uint32_t message_id, const binary_t& payload, share_ptr<ipc_
 // ---------------------------------------------------------------------------------------------
 // Receiving
 
-void ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& frame) {
+bool ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& frame) {
+    constexpr const char* fn = "mcl::ipc_peer::receive";
     frame_header header;
-    if (!read_frame_header(frame, header)) return;
+    if (!read_frame_header(frame, header)) return true;
+    byte_budget& budget = byte_budget::process();
+    const uint64_t cost = static_cast<uint64_t>(frame.size()) + entry_overhead;
     switch (static_cast<frame_kind>(header.kind)) {
     case frame_kind::request:
     case frame_kind::routed_request:
     case frame_kind::post:
-        post_event(ipc_event{connection, std::move(frame), handler_});
-        break;
+        if (!budget.take(cost)) {
+            NV_LOG(fn, "The queued messages would pass the budget of %u MiB, end the connection",
+                   static_cast<unsigned>(budget.limit() >> 20));
+            return false;
+        }
+        post_event(ipc_event{connection, std::move(frame), handler_, budget_hold(&budget, cost)});
+        return true;
     case frame_kind::response: {
         const table_key key{connection.get(), header.sequence};
         take_frame_payload(frame, header);
+        bool refused = false;
         AcquireSRWLockExclusive(&response_lock_);
-        response_slot& slot = responses_[key];  // a reply nobody waits for stays until the connection goes
-        if (!slot.connection) slot.connection = connection;
-        slot.payload = std::move(frame);
+        auto it = responses_.find(key);
+        if (it == responses_.end()) {
+            // A reply nobody waits for stays until the connection goes, but only a few of them.
+            uint32_t& count = unrequested_counts_[key.first];
+            if (count >= max_unrequested_replies || !budget.take(cost)) {
+                refused = true;
+            } else {
+                ++count;
+                it = responses_.emplace(key, response_slot{}).first;
+                it->second.connection = connection;
+                it->second.unrequested = true;
+                it->second.hold = budget_hold(&budget, cost);
+            }
+        }
+        if (!refused) it->second.payload = std::move(frame);
         ReleaseSRWLockExclusive(&response_lock_);
+        if (refused) {
+            NV_LOG(fn, "Too many replies that nobody waits for, end the connection");
+            return false;
+        }
         WakeAllConditionVariable(&response_changed_);
-        break;
+        return true;
     }
     case frame_kind::routed_reply: {
         ipc_msg_handler* handler = nullptr;
@@ -159,11 +201,17 @@ void ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
                 reply_handlers_.erase(it);
             }
         }
-        if (handler != nullptr) post_event(ipc_event{connection, std::move(frame), handler});
-        break;
+        if (handler == nullptr) return true;
+        if (!budget.take(cost)) {
+            NV_LOG(fn, "The queued messages would pass the budget of %u MiB, end the connection",
+                   static_cast<unsigned>(budget.limit() >> 20));
+            return false;
+        }
+        post_event(ipc_event{connection, std::move(frame), handler, budget_hold(&budget, cost)});
+        return true;
     }
     default:
-        break;  // unknown kinds are ignored
+        return true;  // unknown kinds are ignored
     }
 }
 
@@ -173,7 +221,11 @@ int ipc_peer::handle_event(ipc_event& e) {
     if (!read_frame_header(e.frame, header)) return 0;
     binary_t payload = std::move(e.frame);
     take_frame_payload(payload, header);
-    const int result = (*e.handler)(e.connection.get(), header.message_id, payload);
+    int result = 0;
+    // A handler that throws (an allocation failure included) ends its request without a reply.
+    if (!guarded("mcl::ipc_peer::handle_event", "The handler of a message",
+                 [&] { result = (*e.handler)(e.connection.get(), header.message_id, payload); }))
+        return 0;
     if (result < 0 || !e.connection) return result;
     const auto kind = static_cast<frame_kind>(header.kind);
     if (kind != frame_kind::request && kind != frame_kind::routed_request) return result;
@@ -189,7 +241,7 @@ int ipc_peer::handle_event(ipc_event& e) {
 
 bool ipc_peer::connect(const char* name, int timeout_ms) {
     if (name == nullptr) return false;
-    const std::string pipe_path = std::string(pipe_prefix) + name;
+    const std::string pipe_path = std::string(ipc_channel::pipe_prefix) + name;
     start();
     start_io_threads();
 
@@ -229,14 +281,17 @@ bool ipc_peer::connect(const char* name, int timeout_ms) {
     // The listener makes the next pair of pipes only after the previous client's signal (or,
     // at its start, after it made the mutex): while there is none yet, try again in 50 ms
     // steps within the time-out, still holding the mutex.
+    // A listener that has no pair waiting (it failed to make one and tries again later) is not
+    // waited for longer than a pipe's own default time-out, whatever the caller's.
     share_ptr<ipc_connection> connection;
     bool opened_pipes = false;
+    int pipe_wait = remaining < pipe_open_wait_ms ? remaining : pipe_open_wait_ms;
     for (;;) {
         connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::connect_type));
         opened_pipes = connection->open(pipe_path.c_str());
-        if (opened_pipes || remaining <= connect_retry_ms) break;
+        if (opened_pipes || pipe_wait <= connect_retry_ms) break;
         Sleep(connect_retry_ms);
-        remaining -= connect_retry_ms;
+        pipe_wait -= connect_retry_ms;
     }
     // Also after a failed open: the listener makes a fresh pair for the next client.
     SetEvent(connected);
@@ -263,21 +318,56 @@ bool ipc_peer::setup(bool listening) {
     return started;
 }
 
-void ipc_peer::listen() {
-    const std::string pipe_path = std::string(pipe_prefix) + name_;
+void ipc_peer::listen() { serve_until(nullptr); }
+
+void ipc_peer::serve_until(HANDLE stop) {
+    const std::string pipe_path = std::string(ipc_channel::pipe_prefix) + name_;
+    (void)setup(/*listening=*/true);
+    bool need_pair = true;
+    DWORD retry_ms = accept_retry_first_ms;
     for (;;) {
-        (void)new_listen_connection(pipe_path.c_str());
-        if (connected_event_.valid()) {
-            WaitForSingleObjectEx(connected_event_.get(), INFINITE, TRUE);
+        DWORD timeout = INFINITE;
+        if (need_pair) {
+            if (new_listen_connection(pipe_path.c_str())) {
+                need_pair = false;
+                retry_ms = accept_retry_first_ms;
+            } else {
+                // Without a waiting pair no client can come: try again later, waiting twice as
+                // long after each failure.
+                timeout = retry_ms;
+                retry_ms = retry_ms * 2 > accept_retry_last_ms ? accept_retry_last_ms : retry_ms * 2;
+            }
+        }
+        HANDLE handles[2];
+        DWORD count = 0;
+        if (stop != nullptr) handles[count++] = stop;
+        const bool wait_connected = !need_pair && connected_event_.valid();
+        if (wait_connected) handles[count++] = connected_event_.get();
+        const DWORD r = count == 0 ? SleepEx(timeout, TRUE)
+                                   : WaitForMultipleObjectsEx(count, handles, FALSE, timeout, TRUE);
+        if (stop != nullptr && r == WAIT_OBJECT_0) break;
+        if (r == WAIT_FAILED) {
+            const DWORD err = GetLastError();
+            NV_LOG("mcl::ipc_peer::serve_until",
+                   "Failed to WaitForMultipleObjects when listening incoming ipc connections , error: [%d:%s]",
+                   static_cast<int>(err), error_text(err).c_str());
+            Sleep(accept_retry_first_ms);  // never spin on a broken wait
+            continue;
+        }
+        if (wait_connected && r == WAIT_OBJECT_0 + count - 1) {
             connected_event_.reset();
-        } else {
-            SleepEx(INFINITE, TRUE);
+            need_pair = true;
         }
     }
+    shutdown();
 }
 
 share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path) {
-    share_ptr<ipc_connection> connection(new ipc_connection(ipc_connection::listen_type));
+    share_ptr<ipc_connection> connection;
+    // An allocation failure is one more failed pair: the accept loop tries again later.
+    if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection",
+                 [&] { connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type)); }))
+        return {};
     const bool ok = connection->reader().create(pipe_path) && connection->writer().create(pipe_path) &&
                     connection->reader().listen() && connection->writer().listen();
     if (!ok) {
@@ -307,8 +397,12 @@ void ipc_peer::add_connection_locked(const share_ptr<ipc_connection>& connection
 }
 
 void ipc_peer::disconnect(share_ptr<ipc_connection> connection) {
-    scoped_lock guard(list_lock_);
-    disconnect_locked(connection);
+    std::vector<share_ptr<ipc_connection>> released;
+    {
+        scoped_lock guard(list_lock_);
+        disconnect_locked(connection, released);
+    }
+    // `released` goes here, after the lock: closing a connection never holds up the others.
 }
 
 bool ipc_peer::lock_list_unless(HANDLE stop) {
@@ -318,51 +412,66 @@ bool ipc_peer::lock_list_unless(HANDLE stop) {
     return true;
 }
 
-void ipc_peer::disconnect_locked(const share_ptr<ipc_connection>& connection) {
+void ipc_peer::disconnect_locked(const share_ptr<ipc_connection>& connection,
+                                 std::vector<share_ptr<ipc_connection>>& released) {
     const auto it = std::find(connections_.begin(), connections_.end(), connection);
     if (it != connections_.end()) {
         {
             scoped_lock handlers(reply_handler_lock_);
             erase_connection(reply_handlers_, connection.get());
         }
+        std::map<table_key, response_slot> slots;
         AcquireSRWLockExclusive(&response_lock_);
-        erase_connection(responses_, connection.get());  // a send waiting on it sees its entry gone
+        auto first = responses_.lower_bound({connection.get(), 0});
+        auto last = first;
+        while (last != responses_.end() && last->first.first == connection.get()) ++last;
+        // A send waiting on it sees its entry gone. The slots' references go after the locks.
+        for (auto slot = first; slot != last; ++slot) released.push_back(std::move(slot->second.connection));
+        responses_.erase(first, last);
+        unrequested_counts_.erase(connection.get());
         ReleaseSRWLockExclusive(&response_lock_);
         WakeAllConditionVariable(&response_changed_);
         const uint32_t group = connection->wait_group;
         if (group < group_sizes_.size() && group_sizes_[group] > 0) --group_sizes_[group];
+        released.push_back(std::move(*it));
         connections_.erase(it);
     }
     refresh();
 }
 
 void ipc_peer::close() {
-    scoped_lock guard(list_lock_);
-    close_locked();
-}
-
-void ipc_peer::close_locked() {
-    stop(thread_stop_seconds);
+    // The threads stop while no lock is held: a handler inside disconnect or post gets the
+    // list lock and returns, so the event thread leaves on its own.
+    SetEvent(stop_event());
     stop_io_threads();
-    connections_.clear();
-    group_sizes_.clear();
+    stop(thread_stop_seconds);
+
+    std::vector<share_ptr<ipc_connection>> released;
+    std::map<table_key, response_slot> responses;
     {
-        scoped_lock handlers(reply_handler_lock_);
-        reply_handlers_.clear();
-    }
-    AcquireSRWLockExclusive(&response_lock_);
-    responses_.clear();
-    ReleaseSRWLockExclusive(&response_lock_);
-    WakeAllConditionVariable(&response_changed_);
-    {
-        scoped_lock sequence(sequence_lock_);
-        sequence_ = 0;
+        scoped_lock guard(list_lock_);
+        released.swap(connections_);
+        group_sizes_.clear();
+        {
+            scoped_lock handlers(reply_handler_lock_);
+            reply_handlers_.clear();
+        }
+        AcquireSRWLockExclusive(&response_lock_);
+        responses.swap(responses_);
+        unrequested_counts_.clear();
+        ReleaseSRWLockExclusive(&response_lock_);
+        WakeAllConditionVariable(&response_changed_);
+        {
+            scoped_lock sequence(sequence_lock_);
+            sequence_ = 0;
+        }
     }
     refresh();
+    // The connections close here, after every lock.
 }
 
-void ipc_peer::shutdown_locked() {
-    close_locked();
+void ipc_peer::shutdown() {
+    close();
     connected_event_.close();
     (void)connecting_mutex_.release();
     connecting_mutex_.close();
@@ -448,10 +557,17 @@ DWORD ipc_peer::msg_io_thread::run() {
             continue;
         }
         share_ptr<ipc_connection> connection = members[index - 2];
-        if (serve(connection)) continue;
+        bool alive = false;
+        // An exception (an allocation failure included) ends this connection, not the thread.
+        if (guarded("mcl::ipc_peer::msg_io_thread::run", "Serving a connection", [&] { alive = serve(connection); }) &&
+            alive)
+            continue;
         if (!peer_->lock_list_unless(stop_event())) break;
-        peer_->disconnect_locked(connection);
+        std::vector<share_ptr<ipc_connection>> released;
+        peer_->disconnect_locked(connection, released);
         peer_->list_lock_.unlock();
+        released.clear();
+        rebuild = true;
     }
     thread_id_ = 0;
     return 0;
@@ -464,8 +580,11 @@ HANDLE ipc_peer::msg_read_thread::channel_event(ipc_connection& connection) {
 }
 
 bool ipc_peer::msg_read_thread::serve(share_ptr<ipc_connection>& connection) {
+    frames_.clear();
     if (!connection->reader().read(frames_)) return false;
-    for (auto& frame : frames_) peer_->receive(connection, std::move(frame));
+    for (auto& frame : frames_) {
+        if (!peer_->receive(connection, std::move(frame))) return false;
+    }
     frames_.clear();
     return true;
 }

@@ -41,11 +41,41 @@ public:
     virtual int operator()(ipc_connection* connection, uint32_t message_id, binary_t& payload) = 0;
 };
 
-// One received frame queued for the event thread.
+// Bytes counted in a byte_budget for as long as the holder lives. Move-only.
+class budget_hold {
+public:
+    budget_hold() = default;
+    budget_hold(byte_budget* budget, uint64_t n) : budget_(budget), n_(n) {}
+    budget_hold(budget_hold&& other) noexcept : budget_(other.budget_), n_(other.n_) { other.budget_ = nullptr; }
+    budget_hold& operator=(budget_hold&& other) noexcept {
+        if (this != &other) {
+            release();
+            budget_ = other.budget_;
+            n_ = other.n_;
+            other.budget_ = nullptr;
+        }
+        return *this;
+    }
+    budget_hold(const budget_hold&) = delete;
+    budget_hold& operator=(const budget_hold&) = delete;
+    ~budget_hold() { release(); }
+    void release() {
+        if (budget_ != nullptr) budget_->give(n_);
+        budget_ = nullptr;
+    }
+
+private:
+    byte_budget* budget_ = nullptr;
+    uint64_t n_ = 0;
+};
+
+// One received frame queued for the event thread. Its bytes count in the process budget until
+// it has been handled.
 struct ipc_event {
     share_ptr<ipc_connection> connection;
     binary_t frame;  // the whole frame, header included
     ipc_msg_handler* handler = nullptr;
+    budget_hold hold;
 };
 
 class ipc_peer : public event_thread<ipc_event> {
@@ -53,6 +83,10 @@ public:
     // Connections one wait serves: 64 handles less the stop and refresh events.
     static constexpr uint32_t connections_per_wait = MAXIMUM_WAIT_OBJECTS - 2;
     static constexpr uint32_t thread_stop_seconds = 3;
+    // Replies nobody waits for that one connection may leave stored; one more ends it.
+    static constexpr uint32_t max_unrequested_replies = 16;
+    // What a queued event or a stored reply costs in the budget besides its bytes.
+    static constexpr uint32_t entry_overhead = 128;
 
     // `handler` is not owned and may be null. The threads start on setup or connect.
     ipc_peer(const char* name, ipc_msg_handler* handler);
@@ -65,16 +99,24 @@ public:
     // Queues a post on `connection`, or on every connected connection when it is null.
     bool post(uint32_t message_id, const binary_t& payload, share_ptr<ipc_connection> connection);
 
-    // Listening side: makes a listening connection under the name and, each time a client
-    // signals the connected event, one more. Does not return.
+    // Listening side: serve_until without a stop event. Does not return.
     virtual void listen();
+    // Listening side, the accept loop: setup(true), then keeps one listening pair of pipes
+    // waiting for the next client (a failed pair is tried again after 50 ms, doubling up to
+    // 5 s) until `stop` is signalled; then shutdown(). The calling thread.
+    void serve_until(HANDLE stop);
     // Connecting side: the handshake with the listener of `name`, then one more connection.
     virtual bool connect(const char* name, int timeout_ms);
     // Drops one connection; a send waiting on it ends at once.
     virtual void disconnect(share_ptr<ipc_connection> connection);
     // Stops the threads, drops every connection and both tables; the next frame built carries
-    // sequence number 1.
+    // sequence number 1. Holds no lock while the threads stop and releases the connections
+    // after the list lock, so a handler inside disconnect or post finishes and nothing waits
+    // on a client.
     virtual void close();
+    // close(), and leaves listening mode: the connecting mutex and the connected event are
+    // closed, so clients fail to connect until the next setup(true).
+    void shutdown();
     // Makes the read and write threads rebuild their wait lists.
     virtual void refresh();
 
@@ -135,18 +177,10 @@ protected:
     share_ptr<ipc_connection> new_listen_connection(const char* pipe_path);
     // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
     void add_connection_locked(const share_ptr<ipc_connection>& connection);
-    // close() for a caller that holds the connection-list lock, which also leaves listening
-    // mode: the connecting mutex and the connected event are closed, so clients fail to
-    // connect until the next setup(true).
-    void shutdown_locked();
-    // close() for a caller that holds the connection-list lock.
-    void close_locked();
 
     // Listening side: signalled by each client after its attempt to open the pipes; the accept
     // loop resets it and makes the next listening connection. Null before setup(true).
     HANDLE connected_event() const { return connected_event_.get(); }
-    // Guards the connection list. Recursive; taken before any table lock or write lock.
-    lock& connection_list_lock() { return list_lock_; }
 
     // Event thread: calls the frame's handler and queues the reply of a request whose handler
     // returned 0 or more. Returns the handler's result (0 without a handler).
@@ -157,6 +191,8 @@ private:
     struct response_slot {
         share_ptr<ipc_connection> connection;  // keeps the key's connection alive
         binary_t payload;
+        budget_hold hold;
+        bool unrequested = false;  // stored without a waiting send
     };
 
     uint32_t next_sequence();
@@ -169,9 +205,11 @@ private:
     // The connections of one wait group, with counted references; false when `stop` came
     // first (see lock_list_unless).
     bool group_connections(uint32_t group, HANDLE stop, std::vector<share_ptr<ipc_connection>>& members);
-    void disconnect_locked(const share_ptr<ipc_connection>& connection);
-    // The read thread's handling of one received frame.
-    void receive(const share_ptr<ipc_connection>& connection, binary_t&& frame);
+    // Takes the connection out of the list and both tables; what held it is moved into
+    // `released`, to be dropped by the caller after the list lock.
+    void disconnect_locked(const share_ptr<ipc_connection>& connection, std::vector<share_ptr<ipc_connection>>& released);
+    // The read thread's handling of one received frame; false ends the connection.
+    bool receive(const share_ptr<ipc_connection>& connection, binary_t&& frame);
     void queue_reply(const ipc_event& e, const binary_t& reply_payload);
 
     std::string name_;
@@ -183,6 +221,7 @@ private:
     SRWLOCK response_lock_ = SRWLOCK_INIT;
     CONDITION_VARIABLE response_changed_ = CONDITION_VARIABLE_INIT;
     std::map<table_key, response_slot> responses_;
+    std::map<ipc_connection*, uint32_t> unrequested_counts_;  // under response_lock_
 
     lock list_lock_;
     std::vector<share_ptr<ipc_connection>> connections_;

@@ -8,34 +8,60 @@ namespace mcl::mswin::reg {
 
 namespace {
 
-// RegEnumKeyA / RegEnumValueA over every index with a 256-byte name buffer.
+// RegEnumKeyA / RegEnumValueA over every index with a 256-byte name buffer, until the end or
+// the first failure other than a name too long for the buffer (ERROR_MORE_DATA, skipped). A
+// key deleted meanwhile (ERROR_KEY_DELETED) ends the list with what was read.
 template <typename Enumerate>
-bool collect_names(HKEY root, const std::string& key, std::vector<std::string>& names, Enumerate enumerate) {
-    unique_reg_key handle;
-    if (RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put()) != ERROR_SUCCESS) return false;
+bool collect_names(HKEY handle, std::vector<std::string>& names, Enumerate enumerate) {
     const size_t before = names.size();
     for (DWORD index = 0;; ++index) {
         char name[256] = {};
-        const LONG rc = enumerate(handle.get(), index, name, static_cast<DWORD>(sizeof(name)));
-        if (rc == ERROR_NO_MORE_ITEMS) break;
-        if (rc == ERROR_SUCCESS) names.emplace_back(name);
-        // Any other outcome (a name too long for the buffer) skips this index.
+        const LONG rc = enumerate(handle, index, name, static_cast<DWORD>(sizeof(name)));
+        if (rc == ERROR_SUCCESS) {
+            names.emplace_back(name);
+            continue;
+        }
+        if (rc == ERROR_MORE_DATA) continue;
+        if (rc != ERROR_NO_MORE_ITEMS)
+            NV_LOG("mcl::mswin::reg::collect_names", "Failed to enumerate a reg key at index %lu: %d",
+                   static_cast<unsigned long>(index), static_cast<int>(rc));
+        break;
     }
     return names.size() > before;
 }
 
 }  // namespace
 
-bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names) {
-    return collect_names(root, key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
+bool list_subkeys(HKEY key, std::vector<std::string>& names) {
+    return collect_names(key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
         return RegEnumKeyA(h, index, name, size);
     });
 }
 
-bool list_values(const std::string& key, std::vector<std::string>& names) {
-    return collect_names(HKEY_LOCAL_MACHINE, key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
+bool list_values(HKEY key, std::vector<std::string>& names) {
+    return collect_names(key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
         return RegEnumValueA(h, index, name, &size, nullptr, nullptr, nullptr, nullptr);
     });
+}
+
+bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names) {
+    unique_reg_key handle;
+    return RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put()) == ERROR_SUCCESS &&
+           list_subkeys(handle.get(), names);
+}
+
+bool list_values(const std::string& key, std::vector<std::string>& names) {
+    unique_reg_key handle;
+    return RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.put()) == ERROR_SUCCESS &&
+           list_values(handle.get(), names);
+}
+
+bool for_each_subkey(HKEY root, const std::string& key, const std::function<bool(const std::string&)>& visit) {
+    std::vector<std::string> subkeys;
+    list_subkeys(root, key, subkeys);
+    for (const std::string& sub : subkeys)
+        if (!visit(key + "\\" + sub)) return false;
+    return true;
 }
 
 bool read_value(const std::string& key, const char* name, binary_t& data) {
@@ -117,10 +143,8 @@ bool remove(HKEY root, const std::string& key, const char* value_name) {
         }
         return true;
     }
-    std::vector<std::string> subkeys;
-    list_subkeys(root, key, subkeys);
-    for (const std::string& sub : subkeys)
-        if (!remove(root, key + "\\" + sub, nullptr)) return false;
+    if (!for_each_subkey(root, key, [root](const std::string& sub) { return remove(root, sub, nullptr); }))
+        return false;
     const LONG rc = RegDeleteKeyA(root, key.c_str());
     if (rc != ERROR_SUCCESS) {
         NV_LOG("mcl::mswin::reg::remove", "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));

@@ -8,6 +8,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -19,6 +20,14 @@ namespace mcl::mswin::reg {
 bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names);
 // Value names of HKLM\key. True when any was found.
 bool list_values(const std::string& key, std::vector<std::string>& names);
+// The same for a key already open (with KEY_READ). The list ends at the first failure other
+// than a name too long for the buffer, a key deleted meanwhile included (logged).
+bool list_subkeys(HKEY key, std::vector<std::string>& names);
+bool list_values(HKEY key, std::vector<std::string>& names);
+
+// Calls `visit` with the path (key + "\\" + name) of each direct subkey of root\key, in order,
+// until one returns false. True when every call returned true (also when there is none).
+bool for_each_subkey(HKEY root, const std::string& key, const std::function<bool(const std::string&)>& visit);
 
 // The data of HKLM\key\name, whatever its type and size. `data` is untouched on failure.
 bool read_value(const std::string& key, const char* name, binary_t& data);

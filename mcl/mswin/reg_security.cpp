@@ -18,16 +18,12 @@ constexpr int key_name_information = 3;
 constexpr LONG status_buffer_too_small = static_cast<LONG>(0xC0000023);
 using nt_query_key_fn = LONG(WINAPI*)(HANDLE key, int info_class, void* info, ULONG length, ULONG* result_length);
 
-void apply_to_subkeys(HKEY root, const std::string& key, PACL dacl, bool protect) {
-    std::vector<std::string> subkeys;
-    list_subkeys(root, key, subkeys);
-    for (const std::string& sub : subkeys) (void)set_key_dacl_security(root, key + "\\" + sub, dacl, protect);
-}
-
-void apply_sddl_to_subkeys(HKEY root, const std::string& key, const char* sddl) {
-    std::vector<std::string> subkeys;
-    list_subkeys(root, key, subkeys);
-    for (const std::string& sub : subkeys) (void)set_key_sddl_security_str(root, key + "\\" + sub, sddl);
+// Opens root\key with `access`; on failure writes the one line under `function`.
+bool open_key(const char* function, HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
+    const LONG rc = RegOpenKeyExA(root, key.c_str(), 0, access, handle.put());
+    if (rc == ERROR_SUCCESS) return true;
+    NV_LOG(function, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
+    return false;
 }
 
 // The token's user (TOKEN_USER in a heap block), or an empty block.
@@ -40,11 +36,7 @@ std::vector<BYTE> token_user(HANDLE token) {
 }
 
 bool force_remove_subkeys(HKEY root, const std::string& key) {
-    std::vector<std::string> subkeys;
-    list_subkeys(root, key, subkeys);
-    for (const std::string& sub : subkeys)
-        if (!force_remove(root, key + "\\" + sub)) return false;
-    return true;
+    return for_each_subkey(root, key, [root](const std::string& sub) { return force_remove(root, sub); });
 }
 
 }  // namespace
@@ -55,13 +47,9 @@ bool get_key_dacl_security(HKEY root, const std::string& key, PACL* dacl, PSECUR
     *dacl = nullptr;
     *descriptor = nullptr;
     unique_reg_key handle;
-    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put());
-    if (rc != ERROR_SUCCESS) {
-        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
-        return false;
-    }
+    if (!open_key(fn, root, key, KEY_READ, handle)) return false;
     DWORD size = 0;
-    rc = RegGetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, nullptr, &size);
+    LONG rc = RegGetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, nullptr, &size);
     if (rc != ERROR_INSUFFICIENT_BUFFER) {
         NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -93,13 +81,13 @@ bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool pr
         NV_LOG(fn, "Invalid PACL pointer");
         return false;
     }
-    apply_to_subkeys(root, key, dacl, protect);
+    // Subkeys first, deepest first; their results do not count.
+    (void)for_each_subkey(root, key, [&](const std::string& sub) {
+        (void)set_key_dacl_security(root, sub, dacl, protect);
+        return true;
+    });
     unique_reg_key handle;
-    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_DAC, handle.put());
-    if (rc != ERROR_SUCCESS) {
-        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
-        return false;
-    }
+    if (!open_key(fn, root, key, WRITE_DAC, handle)) return false;
     SECURITY_DESCRIPTOR sd{};
     if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
         NV_LOG(fn, "Failed init security descriptor, error: 0x%X", static_cast<unsigned>(GetLastError()));
@@ -115,7 +103,7 @@ bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool pr
                static_cast<unsigned>(GetLastError()));
         return false;
     }
-    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, &sd);
+    const LONG rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, &sd);
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -129,20 +117,19 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
         NV_LOG(fn, "Invalid SDDL string");
         return false;
     }
-    apply_sddl_to_subkeys(root, key, sddl);
+    (void)for_each_subkey(root, key, [&](const std::string& sub) {
+        (void)set_key_sddl_security_str(root, sub, sddl);
+        return true;
+    });
     unique_reg_key handle;
-    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_DAC, handle.put());
-    if (rc != ERROR_SUCCESS) {
-        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
-        return false;
-    }
+    if (!open_key(fn, root, key, WRITE_DAC, handle)) return false;
     unique_local sd;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr)) {
         NV_LOG(fn, "Failed to convert SDDL string {%s} to security descriptior, error: 0x%X", sddl,
                static_cast<unsigned>(GetLastError()));
         return false;
     }
-    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd.get());
+    const LONG rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd.get());
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -152,12 +139,7 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
 
 std::wstring get_full_path(HKEY root, const std::string& key) {
     unique_reg_key handle;
-    const LONG rc = RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put());
-    if (rc != ERROR_SUCCESS) {
-        NV_LOG("mcl::mswin::reg::get_full_path", "Failed to open key [%s], error: 0x%X", key.c_str(),
-               static_cast<unsigned>(rc));
-        return std::wstring();
-    }
+    if (!open_key("mcl::mswin::reg::get_full_path", root, key, KEY_READ, handle)) return std::wstring();
     HMODULE ntdll = LoadLibraryW(L"ntdll.dll");
     if (ntdll == nullptr) return std::wstring();
     std::wstring path;

@@ -2,8 +2,10 @@
 #include "mcl/mswin/service.h"
 
 #include <cstdio>
+#include <exception>
 
 #include "app/log.h"
+#include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
@@ -82,20 +84,21 @@ bool service::install(const char* command_line, SERVICE_FAILURE_ACTIONSA* failur
     return true;
 }
 
-bool service::uninstall() {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+bool service::uninstall(bool stop_running) {
+    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (manager) svc.reset(OpenServiceA(manager.get(), name_.c_str(), SERVICE_ALL_ACCESS));
-    if (!svc) {
+    if (!open_service(nullptr, name_.c_str(), SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc)) {
         NV_LOG("mcl::mswin::service::uninstall", "Failed to OpenServiceA %s : (%d)", name_.c_str(),
                static_cast<int>(GetLastError()));
         return false;
     }
     SERVICE_STATUS status{};
-    if (ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
-        SleepEx(200, TRUE);
-        while (QueryServiceStatus(svc.get(), &status) && status.dwCurrentState == SERVICE_STOP_PENDING)
+    if (stop_running && ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
+        // Bounded: a service that stays stop pending is deleted anyway, once it has stopped.
+        for (DWORD waited = 0; waited < uninstall_stop_wait_ms; waited += 200) {
             SleepEx(200, TRUE);
+            if (!QueryServiceStatus(svc.get(), &status) || status.dwCurrentState != SERVICE_STOP_PENDING) break;
+        }
     }
     if (!DeleteService(svc.get())) {
         NV_LOG("mcl::mswin::service::uninstall", "DeleteService failed, last error 0x%x",
@@ -127,15 +130,16 @@ DWORD service::controls_accepted() const {
     return can_stop_ ? SERVICE_ACCEPT_STOP | SERVICE_ACCEPT_SHUTDOWN : SERVICE_ACCEPT_SHUTDOWN;
 }
 
-bool service::report_status(DWORD state, DWORD checkpoint) {
+DWORD service::report_status(DWORD state, DWORD checkpoint) {
     status_.dwCurrentState = state;
     status_.dwControlsAccepted = controls_accepted();
     status_.dwWin32ExitCode = 0;
     status_.dwCheckPoint = checkpoint;
     status_.dwWaitHint = 0;
-    if (SetServiceStatus(status_handle_, &status_)) return true;
-    event_log("SetServiceStatus failed");
-    return false;
+    if (SetServiceStatus(status_handle_, &status_)) return ERROR_SUCCESS;
+    const DWORD err = GetLastError();
+    event_log("SetServiceStatus failed", err);
+    return err;
 }
 
 void service::register_service(DWORD argc, char** argv) {
@@ -145,16 +149,11 @@ void service::register_service(DWORD argc, char** argv) {
 
     status_.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status_.dwServiceSpecificExitCode = 0;
-    bool running = true;
-    if (!debug_) {
-        running = report_status(SERVICE_RUNNING, 0);
-        if (!running) status_.dwWin32ExitCode = GetLastError();
-    }
-    if (running) {
-        run_main(static_cast<int>(argc), argv);
-        status_.dwWin32ExitCode = 0;
-    }
-    const DWORD exit_code = status_.dwWin32ExitCode;
+    // The stop machinery exists before the manager hears RUNNING: a stop control that comes at
+    // once finds the event to set.
+    create_events();
+    DWORD exit_code = debug_ ? ERROR_SUCCESS : report_status(SERVICE_RUNNING, 0);
+    if (exit_code == ERROR_SUCCESS) run_main(static_cast<int>(argc), argv);
     status_.dwCurrentState = SERVICE_STOPPED;
     status_.dwControlsAccepted = controls_accepted();
     status_.dwWin32ExitCode = exit_code;
@@ -163,12 +162,22 @@ void service::register_service(DWORD argc, char** argv) {
     if (!SetServiceStatus(status_handle_, &status_)) event_log("SetServiceStatus failed");
 }
 
+void service::create_events() {
+    // Made once and kept: the control handler's thread reads these handles while main runs.
+    if (!stop_event_.valid()) (void)stop_event_.create(stop_event_name(name_).c_str());
+    if (!stopped_event_.valid()) (void)stopped_event_.create(stopped_event_name(name_).c_str());
+}
+
 void service::run_main(int argc, char** argv) {
-    stop_event_.close();
-    stopped_event_.close();
-    (void)stop_event_.create(stop_event_name(name_).c_str());
-    (void)stopped_event_.create(stopped_event_name(name_).c_str());
-    main(argc, argv);
+    create_events();
+    stopped_event_.reset();  // a stop that came already stays set and ends main at once
+    try {
+        main(argc, argv);
+    } catch (const std::exception& e) {
+        NV_LOG("mcl::mswin::service::run_main", "The service ended by an exception: %s", e.what());
+    } catch (...) {
+        NV_LOG("mcl::mswin::service::run_main", "The service ended by an exception");
+    }
     stopped_event_.set();
 }
 
@@ -187,10 +196,11 @@ void service::control_handler(DWORD control) {
     }
 }
 
-void service::event_log(const char* message) {
+void service::event_log(const char* message) { event_log(message, GetLastError()); }
+
+void service::event_log(const char* message, DWORD err) {
     NV_LOG("mcl::mswin::service::event_log", "%s", message);
     if (debug_) return;
-    const DWORD err = GetLastError();
     HANDLE source = RegisterEventSourceA(nullptr, name_.c_str());
     if (source == nullptr) return;
     char detail[300];

@@ -24,6 +24,7 @@ public:
     static constexpr const char* description = "Provides process and file protection services for Norvale Clients";
     // How long a stop control waits for main() to return.
     static constexpr DWORD stop_wait_ms = 120000;
+    static constexpr DWORD uninstall_stop_wait_ms = 30000;
 
     // Reads the named service's configuration; `installed()` tells whether it could be read.
     explicit service(const char* name = default_name);
@@ -41,8 +42,10 @@ public:
     // Registers this service (own process, automatic start, LocalSystem) with `command_line` as
     // its binary path, the description and, when given, `failure_actions`.
     [[nodiscard]] bool install(const char* command_line, SERVICE_FAILURE_ACTIONSA* failure_actions = nullptr);
-    // Stops the service, waits while it is stop pending, and deletes it.
-    [[nodiscard]] bool uninstall();
+    // Stops the service (with `stop_running`), waits up to 30 s while it is stop pending, and
+    // deletes it. The service's own process passes false: a stop control to itself would wait
+    // for the very main() that is uninstalling; it stops on its own when main() returns.
+    [[nodiscard]] bool uninstall(bool stop_running = true);
     // Hands the calling thread to the control dispatcher; true once the service has stopped,
     // false when the dispatcher cannot start (e.g. the process was not started by the manager).
     bool run();
@@ -51,12 +54,13 @@ public:
     void register_service(DWORD argc, char** argv);
     // Called by the dispatcher's thread through g_service.
     void control_handler(DWORD control);
-    // Creates the stop and stopped events, runs main() and sets the stopped event. Shared by
-    // service and console runs.
+    // Creates the stop and stopped events unless they exist, runs main() (an exception ends it
+    // with a log line) and sets the stopped event. Shared by service and console runs.
     void run_main(int argc = 0, char** argv = nullptr);
     // Writes `message` to the debug log and, unless in debug mode, to the Windows event log as an
-    // error under the service's name.
+    // error under the service's name, with `err` (by default the calling thread's last error).
     void event_log(const char* message);
+    void event_log(const char* message, DWORD err);
 
     // Service control by name.
     // Starts the service and waits (without limit) while it is start pending. True when running.
@@ -116,8 +120,11 @@ public:
 
 protected:
     DWORD controls_accepted() const;
-    // Reports `state` to the manager; false (after an event-log entry) when that fails.
-    bool report_status(DWORD state, DWORD checkpoint);
+    // Reports `state` to the manager: ERROR_SUCCESS, or the error of the failed call (after an
+    // event-log entry).
+    DWORD report_status(DWORD state, DWORD checkpoint);
+    // The named stop and stopped events, made once per object.
+    void create_events();
 
     bool can_stop_ = true;
     bool debug_ = false;

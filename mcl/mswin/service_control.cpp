@@ -3,6 +3,7 @@
 
 #include "app/log.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
@@ -57,10 +58,9 @@ bool service::query_config(const wchar_t* name, binary_t& config, bool* opened) 
 }
 
 bool service::query_status_ex(const char* name, SERVICE_STATUS_PROCESS& status) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
-    if (!manager) return false;
-    unique_sc_handle svc(OpenServiceA(manager.get(), name, SERVICE_QUERY_STATUS));
-    if (!svc) return false;
+    unique_sc_handle manager;
+    unique_sc_handle svc;
+    if (!open_service(nullptr, name, GENERIC_READ, SERVICE_QUERY_STATUS, manager, svc)) return false;
     DWORD needed = 0;
     return QueryServiceStatusEx(svc.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
                                 &needed) != FALSE;
@@ -84,13 +84,11 @@ bool service::is_service_stopped(const char* name) {
 }
 
 bool service::start(const char* name, DWORD argc, const char** argv) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, manager_read_access));
-    if (!manager) return false;
-    unique_sc_handle svc(OpenServiceA(manager.get(), name, SERVICE_START | SERVICE_QUERY_STATUS));
-    if (!svc) {
-        NV_LOG("mcl::mswin::service::start", "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
+    unique_sc_handle manager;
+    unique_sc_handle svc;
+    if (!open_service("mcl::mswin::service::start", name, manager_read_access, SERVICE_START | SERVICE_QUERY_STATUS,
+                      manager, svc))
         return false;
-    }
     if (!StartServiceA(svc.get(), argc, argv)) {
         NV_LOG("mcl::mswin::service::start", "StartService failed (%d)\n", static_cast<int>(GetLastError()));
         return false;
@@ -109,14 +107,14 @@ bool service::start(const char* name, DWORD argc, const char** argv) {
 }
 
 bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, manager_read_access));
+    unique_sc_handle manager;
+    unique_sc_handle svc;
+    (void)open_service("mcl::mswin::service::stop", name, manager_read_access, SERVICE_STOP | SERVICE_QUERY_STATUS,
+                       manager, svc);
     if (!manager) {
         if (event_fallback) signal_stop_event(name);
         return false;
     }
-    unique_sc_handle svc(OpenServiceA(manager.get(), name, SERVICE_STOP | SERVICE_QUERY_STATUS));
-    if (!svc)
-        NV_LOG("mcl::mswin::service::stop", "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
 
     SERVICE_STATUS status{};
     if (svc && ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
@@ -130,6 +128,8 @@ bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
             }
             Sleep(1000);
         }
+        // The last sleep may have seen it stop.
+        (void)QueryServiceStatus(svc.get(), &status);
     } else if (svc) {
         (void)QueryServiceStatus(svc.get(), &status);
     }

@@ -9,8 +9,10 @@
 #include <vector>
 
 #include "app/log.h"
+#include "mcl/mswin/crypto.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
+#include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
@@ -18,31 +20,15 @@ namespace mcl::mswin {
 namespace {
 
 bool sha1(const void* data, DWORD size, BYTE (&digest)[20]) {
-    HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextW(&provider, nullptr, nullptr, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT)) return false;
-    HCRYPTHASH hash = 0;
-    DWORD length = sizeof(digest);
-    const bool ok = CryptCreateHash(provider, CALG_SHA1, 0, 0, &hash) &&
-                    CryptHashData(hash, static_cast<const BYTE*>(data), size, 0) &&
-                    CryptGetHashParam(hash, HP_HASHVAL, digest, &length, 0) && length == sizeof(digest);
-    if (hash != 0) CryptDestroyHash(hash);
-    CryptReleaseContext(provider, 0);
-    return ok;
+    std::vector<unsigned char> value;
+    if (!mcl::mswin::digest(CALG_SHA1, data, size, value) || value.size() != sizeof(digest)) return false;
+    memcpy(digest, value.data(), sizeof(digest));
+    return true;
 }
 
 // Opens the service `name` for reading and writing its DACL; `fn` names the caller in the log.
 bool open_for_security(const char* fn, const char* name, unique_sc_handle& manager, unique_sc_handle& svc) {
-    manager.reset(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    if (!manager) {
-        NV_LOG(fn, "OpenSCManagerA failed (%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    svc.reset(OpenServiceA(manager.get(), name, READ_CONTROL | WRITE_DAC));
-    if (!svc) {
-        NV_LOG(fn, "OpenServiceA failed (%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    return true;
+    return open_service(fn, name, SC_MANAGER_ALL_ACCESS, READ_CONTROL | WRITE_DAC, manager, svc);
 }
 
 bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
@@ -221,11 +207,10 @@ bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const st
 }
 
 bool service::set_sid_type(const char* name) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (manager) svc.reset(OpenServiceA(manager.get(), name, SERVICE_ALL_ACCESS));
     SERVICE_SID_INFO info{SERVICE_SID_TYPE_UNRESTRICTED};
-    if (!svc || !ChangeServiceConfig2A(svc.get(), SERVICE_CONFIG_SERVICE_SID_INFO, &info)) {
+    if (!open_service(nullptr, name, SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc) || !ChangeServiceConfig2A(svc.get(), SERVICE_CONFIG_SERVICE_SID_INFO, &info)) {
         NV_LOG("mcl::mswin::service::set_sid_type", "ChangeServiceConfig2 failed (%d)\n",
                static_cast<int>(GetLastError()));
         return false;

@@ -4,18 +4,26 @@
 //       version           send 0x1000009 with an empty payload; exit 0 on the status reply
 //       echo COUNT        COUNT echo round trips; exit 0 when every reply matched
 //       sleep MS          one request whose handler sleeps MS (the test kills this client)
+//   nv_ipc_helper abuse NAME LOG ID STALLED FLOOD_KIB ANNOUNCING SECONDS
+//       hostile clients of NAME that never read: STALLED connections each send requests ID
+//       of 3,000 bytes or, with FLOOD_KIB, that many KiB in 60 KiB requests; ANNOUNCING
+//       connections each announce a 64 MiB frame and send one byte of it per second. Prints
+//       "ready" once all are connected and have sent, holds them SECONDS, then exits 0.
 // Exit codes: 0 success, 2 usage, 3 connect failed, 4 a reply was missing or wrong.
 #include <windows.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/ipc/peer.h"
 #include "tests/helpers/ipc_test_messages.h"
+#include "tests/helpers/raw_client.h"
 
 namespace {
 
@@ -55,31 +63,15 @@ public:
     }
 };
 
-// Exposes the listening-side steps that the service's own accept loop uses.
-class listening_peer : public mcl::ipc_peer {
-public:
-    using mcl::ipc_peer::ipc_peer;
-    bool start_listening() { return setup(true); }
-};
-
-DWORD WINAPI listen_thread(void* peer) {
-    static_cast<listening_peer*>(peer)->listen();
-    return 0;
-}
-
 int run_server(const char* name, const char* stop_name) {
     test_handler handler;
-    listening_peer peer(name, &handler);
+    mcl::ipc_peer peer(name, &handler);
     handler.peer = &peer;
     HANDLE stop = OpenEventA(SYNCHRONIZE, FALSE, stop_name);
     if (stop == nullptr) return 2;
-    if (!peer.start_listening()) return 3;
-    HANDLE t = CreateThread(nullptr, 0, &listen_thread, &peer, 0, nullptr);
-    if (t == nullptr) return 3;
-    WaitForSingleObject(stop, INFINITE);
-    // The base accept loop does not return: leave without unwinding it.
-    fflush(nullptr);
-    ExitProcess(0);
+    peer.serve_until(stop);
+    CloseHandle(stop);
+    return 0;
 }
 
 int run_client(const char* name, const char* command, const char* arg) {
@@ -111,6 +103,56 @@ int run_client(const char* name, const char* command, const char* arg) {
     return 2;
 }
 
+std::vector<unsigned char> request_frame(uint32_t id, uint32_t sequence, uint32_t payload_size) {
+    mcl::binary_t payload;
+    payload.write_at(0, nullptr, payload_size);
+    mcl::binary_t frame;
+    mcl::append_frame(frame, mcl::frame_kind::request, id, sequence, payload);
+    return {frame.data(), frame.data() + frame.size()};
+}
+
+int run_abuse(const char* name, char** args) {
+    const uint32_t id = static_cast<uint32_t>(strtoul(args[0], nullptr, 16));
+    const int stalled = atoi(args[1]);
+    const uint32_t flood_kib = static_cast<uint32_t>(atoi(args[2]));
+    const int announcing = atoi(args[3]);
+    const int seconds = atoi(args[4]);
+    std::vector<std::unique_ptr<nv_test::raw_client>> clients;
+    int failures = 0;
+    for (int i = 0; i < stalled; ++i) {
+        auto c = std::make_unique<nv_test::raw_client>();
+        if (!c->connect(name)) return 3;
+        if (flood_kib == 0) {
+            if (!c->write(request_frame(id, 1, 3000))) ++failures;
+        } else {
+            const auto frame = request_frame(id, 1, 60 * 1024);
+            // The service may end the connection part way: that is what this client is for.
+            for (uint32_t sent = 0; sent < flood_kib && c->write(frame); sent += 60) {
+            }
+        }
+        clients.push_back(std::move(c));
+    }
+    // A header announcing 64 MiB; the pad byte of an empty frame becomes its first byte.
+    std::vector<unsigned char> announce = request_frame(id, 1, 0);
+    const uint32_t length = 64u * 1024 * 1024;
+    memcpy(announce.data() + 12, &length, 4);
+    std::vector<nv_test::raw_client*> tricklers;
+    for (int i = 0; i < announcing; ++i) {
+        auto c = std::make_unique<nv_test::raw_client>();
+        if (!c->connect(name)) return 3;
+        if (!c->write(announce)) ++failures;
+        tricklers.push_back(c.get());
+        clients.push_back(std::move(c));
+    }
+    printf("ready %d\n", failures);
+    fflush(stdout);
+    for (int s = 0; s < seconds; ++s) {
+        Sleep(1000);
+        for (auto* c : tricklers) (void)c->write({0x55});
+    }
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -122,5 +164,6 @@ int main(int argc, char** argv) {
     g_log = &the_log();
     if (strcmp(argv[1], "server") == 0) return run_server(argv[2], argv[4]);
     if (strcmp(argv[1], "client") == 0) return run_client(argv[2], argv[4], argc > 5 ? argv[5] : nullptr);
+    if (strcmp(argv[1], "abuse") == 0 && argc >= 9) return run_abuse(argv[2], argv + 4);
     return 2;
 }

@@ -1,5 +1,8 @@
-// Points g_log at a fresh file for the life of the object, so a test can read the lines the
-// code under test wrote.
+// Lets a test read the log lines written while it runs.
+//
+// The first capture of a process points g_log at one log file that stays open until the process
+// ends (library threads that outlive a test may still write to it); each capture reads what was
+// appended since it was made.
 #pragma once
 
 #include <fstream>
@@ -14,23 +17,16 @@ namespace nv_test {
 
 class log_capture {
 public:
-    log_capture() {
-        const ::testing::TestInfo* info = ::testing::UnitTest::GetInstance()->current_test_info();
-        path_ = ::testing::TempDir() + "nv_capture_" + (info != nullptr ? info->name() : "log") + ".log";
-        log_.open(path_.c_str(), true);
-        saved_ = g_log;
-        g_log = &log_;
-    }
-    ~log_capture() {
-        g_log = saved_;
-        log_.close();
-        std::remove(path_.c_str());
+    log_capture() : path_(shared_log().path()) {
+        std::ifstream in(path_, std::ios::binary | std::ios::ate);
+        start_ = in ? static_cast<std::streamoff>(in.tellg()) : 0;
     }
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 
     std::string text() const {
         std::ifstream in(path_, std::ios::binary);
+        in.seekg(start_);
         std::ostringstream s;
         s << in.rdbuf();
         return s.str();
@@ -44,9 +40,22 @@ public:
     }
 
 private:
+    // Never destroyed: a thread may log at any moment until the process ends.
+    static log_file& shared_log() {
+        static log_file* const log = [] {
+            auto* opened = new log_file;
+            const std::string path =
+                ::testing::TempDir() + "nv_capture_" + std::to_string(::testing::UnitTest::GetInstance()->random_seed()) +
+                "_" + std::to_string(reinterpret_cast<uintptr_t>(opened)) + ".log";
+            opened->open(path.c_str(), /*truncate=*/true);
+            g_log = opened;
+            return opened;
+        }();
+        return *log;
+    }
+
     std::string path_;
-    log_file log_;
-    log_file* saved_ = nullptr;
+    std::streamoff start_ = 0;
 };
 
 }  // namespace nv_test

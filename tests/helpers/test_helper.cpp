@@ -2,6 +2,8 @@
 //   nv_test_helper hold-mutex NAME MS READY_EVENT   create and hold a named mutex for MS ms
 //   nv_test_helper abandon-mutex NAME READY_EVENT   take the mutex and exit without releasing
 //   nv_test_helper set-event NAME                   set an existing named event (exit 2 if none)
+//   nv_test_helper start-stop NAME                  start the service and send it a stop control the
+//       moment it reports running; exit 0 once it has stopped (within 30 s)
 //   nv_test_helper driver-send PREFIX COUNT READY_EVENT GO_EVENT
 //       connect to the driver's command port, set READY_EVENT, wait for GO_EVENT, then send
 //       COUNT process rules PREFIX0, PREFIX1 ...; exit code 0 when every send succeeded
@@ -42,6 +44,28 @@ int main(int argc, char** argv) {
         const BOOL ok = SetEvent(e);
         CloseHandle(e);
         return ok ? 0 : 3;
+    }
+    if (argc >= 3 && strcmp(argv[1], "start-stop") == 0) {
+        SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+        SC_HANDLE svc = manager != nullptr ? OpenServiceA(manager, argv[2], SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS)
+                                           : nullptr;
+        if (svc == nullptr || !StartServiceA(svc, 0, nullptr)) return 2;
+        SERVICE_STATUS status{};
+        int result = 3;
+        for (int i = 0; i < 3000; ++i) {
+            if (!QueryServiceStatus(svc, &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
+            Sleep(10);
+        }
+        if (status.dwCurrentState == SERVICE_RUNNING && ControlService(svc, SERVICE_CONTROL_STOP, &status)) {
+            for (int i = 0; i < 300 && status.dwCurrentState != SERVICE_STOPPED; ++i) {
+                Sleep(100);
+                if (!QueryServiceStatus(svc, &status)) break;
+            }
+            result = status.dwCurrentState == SERVICE_STOPPED ? 0 : 4;
+        }
+        CloseServiceHandle(svc);
+        CloseServiceHandle(manager);
+        return result;
     }
     if (argc >= 6 && strcmp(argv[1], "driver-send") == 0) {
         HANDLE port = INVALID_HANDLE_VALUE;

@@ -70,26 +70,6 @@ for task in hvs_install hvs_fresh hvs_upgrade hvs_uninstall hvs_remove; do
   if cmp -s "$dir/nvhalvernservice.debug.log" "$dir/$copy"; then pass; else fail "$task: $copy is not a copy of the debug log"; fi
 done
 
-# The debug log: a new file starts with an empty line and the header.
-log="$dir/nvhalvernservice.debug.log"
-rm -f "$log"
-run_exe "$exe" -h
-header_re=$'^\r\n===========================[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9]{2}:[0-9]{2}:[0-9]{2}=========================\r$'
-first_two=$(head -c 200 "$log" | head -n 2)
-if [[ "$first_two" =~ $header_re ]]; then pass; else fail "log header: $(head -c 70 "$log" | od -c | head -n 3)"; fi
-
-# Exactly 16 MiB is appended to; one byte more and the file starts afresh.
-head -c 16777216 /dev/zero | tr '\0' 'x' >"$log"
-run_exe "$exe" -h
-size=$(stat -c %s "$log")
-[ "$size" -gt 16777216 ] && pass || fail "16 MiB log not appended to (size $size)"
-expect_eq "header appended at the old end" "$(printf '\r\n=====')" "$(tail -c +16777217 "$log" | head -c 7)"
-head -c 16777217 /dev/zero | tr '\0' 'x' >"$log"
-run_exe "$exe" -h
-size=$(stat -c %s "$log")
-[ "$size" -lt 200 ] && pass || fail "16 MiB + 1 log not emptied (size $size)"
-expect_eq "emptied log starts with the header" "$(printf '\r\n=====')" "$(head -c 7 "$log")"
-
 # A log path over 260 characters: no log, but the program works.
 deep="$work/$(printf 'd%.0s' {1..120})/$(printf 'e%.0s' {1..120})"
 mkdir -p "$deep"

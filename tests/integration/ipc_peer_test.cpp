@@ -4,7 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <psapi.h>
+
+#include <algorithm>
 #include <atomic>
+#include <new>
 #include <random>
 #include <thread>
 
@@ -152,6 +156,16 @@ TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
     EXPECT_EQ(0, late.handler.count(nv_test::msg_posted));
 }
 
+TEST(IpcPeer, AListenerWithoutAWaitingPairFailsTheClientLongBeforeItsTimeOut) {
+    const std::string name = nv_test::unique_name("nv_ipc_nopair");
+    nv_test::raw_listener listener(name);  // the handshake objects, but no pipes
+    client c;
+    const ULONGLONG start = GetTickCount64();
+    EXPECT_FALSE(c.peer.connect(name.c_str(), 180000));
+    EXPECT_LT(GetTickCount64() - start, 90000u) << "not the whole 180 s";
+    EXPECT_TRUE(c.peer.connections().empty());
+}
+
 TEST(IpcPeer, ConnectWithoutListenerTriesEvery50MsUntilTheTimeOut) {
     struct {
         int timeout_ms;
@@ -286,39 +300,14 @@ TEST(IpcPeer, AnOverLongLengthOrGarbageEndsOnlyThatConnection) {
     EXPECT_TRUE(server.running());
 }
 
-// The steps the service's own accept loop is built from.
-class test_listener : public mcl::ipc_peer {
-public:
-    using mcl::ipc_peer::ipc_peer;
-    using mcl::ipc_peer::connected_event;
-    using mcl::ipc_peer::connection_list_lock;
-    using mcl::ipc_peer::new_listen_connection;
-    using mcl::ipc_peer::setup;
-    using mcl::ipc_peer::shutdown_locked;
-};
-
-TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
-    nv_test::log_capture log;
+TEST(IpcPeer, TheAcceptLoopServesClientsUntilItsStopAndThenNobodyIsListening) {
     nv_test::recording_handler handler;
     const std::string name = nv_test::unique_name("nv_ipc_own");
-    const std::string pipe = "\\\\.\\pipe\\" + name;
-    test_listener server(name.c_str(), &handler);
-    EXPECT_EQ(name, server.name());
-
+    mcl::ipc_peer server(name.c_str(), &handler);
     mcl::event stop;
     ASSERT_TRUE(stop.create_unnamed());
-    auto accept_loop = [&] {
-        for (;;) {
-            (void)server.new_listen_connection(pipe.c_str());
-            HANDLE handles[] = {stop.get(), server.connected_event()};
-            if (WaitForMultipleObjects(2, handles, FALSE, INFINITE) != WAIT_OBJECT_0 + 1) return;
-            ResetEvent(server.connected_event());
-        }
-    };
     for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(server.setup(true));
-        ASSERT_NE(nullptr, server.connected_event());
-        std::thread loop(accept_loop);
+        std::thread loop([&] { server.serve_until(stop.get()); });
         nv_test::child other = nv_test::start_client(name, "version");
         client c;
         ASSERT_TRUE(c.connect(name));
@@ -331,10 +320,6 @@ TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
         stop.set();
         loop.join();
         stop.reset();
-        {
-            mcl::scoped_lock guard(server.connection_list_lock());
-            server.shutdown_locked();
-        }
         EXPECT_TRUE(server.connections().empty());
         // The client sees its connection end; nobody listens any more.
         mcl::binary_t request = text_payload("late");
@@ -342,6 +327,113 @@ TEST(IpcPeer, AnOwnAcceptLoopServesClientsAndShutdownEndsEverything) {
         client late;
         EXPECT_FALSE(late.peer.connect(name.c_str(), 200));
     }
+}
+
+// Reads the child's standard output up to the end of the first line.
+std::string first_line(nv_test::child& c) {
+    std::string line;
+    char ch = 0;
+    DWORD n = 0;
+    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n')
+        if (ch != '\r') line.push_back(ch);
+    return line;
+}
+
+nv_test::child start_abuse(const std::string& name, int stalled, int flood_kib, int announcing) {
+    return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" abuse " + name + " \"" +
+                              ::testing::TempDir() + nv_test::unique_name("nv_abuse") + ".log\" 2000001 " +
+                              std::to_string(stalled) + " " + std::to_string(flood_kib) + " " +
+                              std::to_string(announcing) + " 120",
+                          /*capture_output=*/true);
+}
+
+TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
+    nv_test::server_process server;
+    // Clients that never read: thirty with one reply each, four with 20 MiB of replies; and
+    // twenty that announce 64 MiB frames and trickle.
+    nv_test::child stalled = start_abuse(server.name(), 30, 0, 20);
+    nv_test::child flooding = start_abuse(server.name(), 4, 20 * 1024, 0);
+    EXPECT_EQ("ready 0", first_line(stalled));
+    EXPECT_EQ("ready 0", first_line(flooding));
+
+    PROCESS_MEMORY_COUNTERS_EX memory{};
+    ASSERT_TRUE(GetProcessMemoryInfo(server.process().process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
+                                     sizeof(memory)));
+    // The private commit charge (PagefileUsage and PrivateUsage are the same figure; some
+    // systems fill in only the first).
+    const size_t committed = std::max(memory.PrivateUsage, memory.PagefileUsage);
+    EXPECT_GT(committed, 0u);
+    EXPECT_LT(committed, 200u * 1024 * 1024) << committed;
+    EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait()) << "others are still served";
+    for (int i = 0; i < 200 && nv_test::count_of(server.log(), "The other end does not read") < 4; ++i) Sleep(100);
+    EXPECT_EQ(4u, nv_test::count_of(server.log(), "The other end does not read")) << server.log();
+
+    EXPECT_EQ(0u, server.stop(30000)) << "the stop does not wait on any client";
+    stalled.kill();
+    flooding.kill();
+}
+
+// Disconnects its own connection and posts to every client, slowly, so that a stop can come
+// while it is at it.
+class disconnecting_handler : public mcl::ipc_msg_handler {
+public:
+    mcl::ipc_peer* peer = nullptr;
+    mcl::event entered;
+
+    int operator()(mcl::ipc_connection* connection, uint32_t, mcl::binary_t& payload) override {
+        entered.set();
+        Sleep(300);
+        peer->disconnect(mcl::share_ptr<mcl::ipc_connection>(connection));
+        (void)peer->post(nv_test::msg_posted, payload, {});
+        return 0;
+    }
+};
+
+TEST(IpcPeer, AStopWhileAHandlerDisconnectsAndPostsLetsTheEventThreadFinish) {
+    disconnecting_handler handler;
+    ASSERT_TRUE(handler.entered.create_unnamed());
+    const std::string name = nv_test::unique_name("nv_ipc_stop");
+    mcl::ipc_peer server(name.c_str(), &handler);
+    handler.peer = &server;
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    std::thread loop([&] { server.serve_until(stop.get()); });
+    client c;
+    ASSERT_TRUE(c.connect(name));
+    mcl::binary_t payload = text_payload("x");
+    EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+    ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(handler.entered.get(), 20000));
+    stop.set();
+    loop.join();
+    EXPECT_EQ(0u, server.last_exit_code()) << "the event thread returned on its own, it was not terminated";
+    EXPECT_TRUE(server.connections().empty());
+}
+
+// Throws where the payload says "throw"; echoes everything else.
+class throwing_handler : public mcl::ipc_msg_handler {
+public:
+    int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t& payload) override {
+        if (payload == text_payload("throw")) throw std::bad_alloc();
+        return 0;
+    }
+};
+
+TEST(IpcPeer, AHandlerThatThrowsEndsOnlyItsRequest) {
+    nv_test::log_capture log;
+    throwing_handler handler;
+    const std::string name = nv_test::unique_name("nv_ipc_throw");
+    mcl::ipc_peer server(name.c_str(), &handler);
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    std::thread loop([&] { server.serve_until(stop.get()); });
+    client c;
+    ASSERT_TRUE(c.connect(name));
+    mcl::binary_t payload = text_payload("throw");
+    EXPECT_FALSE(c.peer.send(nv_test::msg_echo, payload, c.connection(), 1000)) << "no reply";
+    EXPECT_TRUE(c.echo("still served"));
+    stop.set();
+    loop.join();
+    EXPECT_EQ(1u, log.count("] - The handler of a message failed with an exception: std::bad_alloc")) << log.text();
 }
 
 }  // namespace

@@ -14,6 +14,7 @@
 #include "mcl/event.h"
 #include "mcl/ipc/peer.h"
 #include "tests/helpers/process.h"
+#include "tests/helpers/raw_client.h"
 
 namespace nv_test {
 
@@ -32,6 +33,11 @@ public:
     const std::string& name() const { return name_; }
     std::string log() const { return read_file(log_path_); }
     bool running() { return child_.wait(0) == STILL_ACTIVE; }
+    // Sets the stop event and waits up to `ms` for the exit: its code, or STILL_ACTIVE.
+    DWORD stop(DWORD ms) {
+        stop_.set();
+        return child_.wait(ms);
+    }
     child& process() { return child_; }
 
 private:
@@ -44,24 +50,6 @@ private:
 // Starts nv_ipc_helper as a client of `name` running `command`, logging to `log_path`.
 child start_client(const std::string& name, const std::string& command,
                    const std::string& log_path = ::testing::TempDir() + unique_name("nv_ipc_client") + ".log");
-
-// A client that does the handshake by hand and then reads and writes raw bytes on blocking
-// pipe handles.
-class raw_client {
-public:
-    // Takes the connecting mutex (waiting up to 10 s for the listener), opens both pipes, sets
-    // the connected event and releases the mutex.
-    bool connect(const std::string& name);
-    bool write(const std::vector<unsigned char>& bytes);
-    // Reads exactly n bytes; false when the pipe ends first.
-    bool read(uint32_t n, std::vector<unsigned char>& bytes);
-    void close();
-    ~raw_client() { close(); }
-
-private:
-    HANDLE in_ = nullptr;   // the listener's "_OUTBOUND"
-    HANDLE out_ = nullptr;  // the listener's "_INBOND"
-};
 
 // A listener that creates the handshake objects and one pair of blocking pipes per accept.
 class raw_listener {

@@ -39,8 +39,8 @@ run make "$key" "${guid^^}" 20991231
 run make "$key" "$guid" 20991230
 [ "$first" != "$(cat "$work/out")" ] || fail "the date is signed"
 
-run genkey "$(win "$work/new.priv")" "$(win "$work/new.pub")"
-[ "$rc" = 0 ] || fail "genkey: exit $rc"
+run keygen "$(win "$work/new.priv")" "$(win "$work/new.pub")"
+[ "$rc" = 0 ] || fail "keygen: exit $rc"
 grep -Eq '^[0-9A-F]+$' "$work/new.pub" || fail "public key file is hex"
 run make "$(win "$work/new.priv")" "$guid" 20991231
 [ "$rc" = 0 ] && [ "$first" != "$(cat "$work/out")" ] || fail "a new key makes other codes"

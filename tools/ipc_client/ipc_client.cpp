@@ -15,6 +15,7 @@
 #include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/ipc/peer.h"
+#include "mcl/mswin/service.h"
 
 namespace {
 
@@ -51,7 +52,7 @@ bool parse_id(const char* text, uint32_t& id) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::string name = "norvale_halvern_svc";
+    std::string name = mcl::mswin::service::default_name;
     int timeout_ms = 10000;
     int i = 1;
     for (; i + 1 < argc && argv[i][0] == '-'; i += 2) {

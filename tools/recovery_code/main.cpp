@@ -1,5 +1,6 @@
 // Makes recovery codes for the service's emergency options.
-//   recovery_code genkey PRIVATE_FILE PUBLIC_FILE     new key pair, hex text files
+//   recovery_code keygen PRIVATE_FILE PUBLIC_FILE     new key pair, hex text files; build the
+//                                                    service with -DNV_RECOVERY_PUBLIC_KEY=PUBLIC_FILE
 //   recovery_code make PRIVATE_FILE MACHINE_GUID YYYYMMDD
 //                                                    prints the code for that machine, valid
 //                                                    through that day (UTC)
@@ -29,7 +30,7 @@ bool read_file(const char* path, std::vector<unsigned char>& blob) {
 
 int usage() {
     fprintf(stderr,
-            "usage: recovery_code genkey PRIVATE_FILE PUBLIC_FILE\n"
+            "usage: recovery_code keygen PRIVATE_FILE PUBLIC_FILE\n"
             "       recovery_code make PRIVATE_FILE MACHINE_GUID YYYYMMDD\n");
     return 2;
 }
@@ -37,7 +38,7 @@ int usage() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 4 && strcmp(argv[1], "genkey") == 0) {
+    if (argc == 4 && strcmp(argv[1], "keygen") == 0) {
         std::vector<unsigned char> private_blob;
         std::vector<unsigned char> public_blob;
         if (!nv_tools::generate_key_pair(private_blob, public_blob)) {

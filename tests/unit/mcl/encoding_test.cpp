@@ -114,14 +114,26 @@ TEST(Encoding, AStringListWithFewerStringsThanItsCountKeepsWhatItRead) {
     EXPECT_EQ(b.size(), pos);
 }
 
-TEST(Encoding, AHugeListCountDoesNotReserveMemory) {
-    mcl::binary_t b;
-    mcl::write_u32(b, 0xFFFFFFFF);
-    std::vector<std::string> list;
-    uint32_t pos = 0;
-    EXPECT_FALSE(mcl::read_string_list(list, b, pos));
-    EXPECT_TRUE(list.empty());
-    EXPECT_LT(list.capacity(), 16u);
+TEST(Encoding, AListCountBeyondTheLimitOrThePayloadReservesNothing) {
+    struct {
+        uint32_t count;
+        uint32_t empty_strings;  // how many follow on the wire
+        bool ok;
+    } cases[] = {
+        {0xFFFFFFFF, 0, false},
+        {mcl::max_list_elements + 1, mcl::max_list_elements + 1, false},
+        {mcl::max_list_elements, mcl::max_list_elements, true},
+        {1000, 10, false},
+    };
+    for (const auto& c : cases) {
+        mcl::binary_t b;
+        mcl::write_u32(b, c.count);
+        for (uint32_t i = 0; i < c.empty_strings; ++i) mcl::write_string(b, "");
+        std::vector<std::string> list;
+        uint32_t pos = 0;
+        EXPECT_EQ(c.ok, mcl::read_string_list(list, b, pos)) << c.count;
+        EXPECT_LE(list.capacity(), c.empty_strings > c.count ? c.count : c.empty_strings) << c.count;
+    }
 }
 
 TEST(Encoding, ListOfRecords) {

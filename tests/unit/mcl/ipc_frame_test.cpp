@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
+
 #include <algorithm>
 #include <vector>
 
@@ -133,6 +135,41 @@ TEST(IpcFrame, ALongBacklogOfSmallFramesIsCutInOrder) {
     }
     EXPECT_EQ(50001u, expected);
     EXPECT_EQ(0u, cutter.pending());
+}
+
+TEST(IpcFrame, StorageGrowsWithTheBytesThatCameAndTheBudgetBoundsIt) {
+    // A header announcing the largest frame, then its bytes in 4 KiB pieces into the tail room.
+    mcl::byte_budget budget(1024 * 1024);
+    mcl::frame_cutter cutter(&budget);
+    mcl::binary_t header;
+    mcl::append_frame(header, mcl::frame_kind::request, 1, 1, nullptr, 0);
+    const uint32_t length = mcl::max_frame_payload;
+    header.write_at(12, reinterpret_cast<const unsigned char*>(&length), 4);
+    ASSERT_TRUE(cutter.append(header.data(), header.size()));
+    std::vector<mcl::binary_t> frames;
+    EXPECT_EQ(mcl::frame_cutter::result::ok, cutter.cut(frames));
+    EXPECT_LE(cutter.capacity(), 128u * 1024) << "the announced length alone reserves nothing";
+    EXPECT_EQ(cutter.capacity(), budget.held());
+
+    const std::vector<unsigned char> piece(4096, 0x55);
+    mcl::frame_cutter::result result = mcl::frame_cutter::result::ok;
+    while (result == mcl::frame_cutter::result::ok && cutter.pending() < 4u * 1024 * 1024) {
+        uint32_t room = 0;
+        unsigned char* tail = cutter.frame_tail(4096, room);
+        if (tail != nullptr) {
+            const uint32_t n = std::min<uint32_t>(room, 4096);
+            memcpy(tail, piece.data(), n);
+            cutter.commit(n);
+        } else if (!cutter.append(piece.data(), 4096)) {
+            // The refusal is reported by the next cut.
+        }
+        EXPECT_LE(cutter.capacity(), 4u * cutter.pending() + 128 * 1024) << "proportional to what came";
+        result = cutter.cut(frames);
+    }
+    EXPECT_EQ(mcl::frame_cutter::result::over_budget, result);
+    EXPECT_LE(budget.held(), budget.limit());
+    cutter.reset();
+    EXPECT_EQ(0u, budget.held()) << "everything is given back";
 }
 
 }  // namespace

@@ -93,6 +93,20 @@ TEST_F(Reg, ListingAnEmptyOrMissingKeyIsFalseAndOverlongNamesAreSkipped) {
     EXPECT_EQ(std::vector<std::string>{"child"}, names);
 }
 
+TEST_F(Reg, AKeyDeletedWhileItIsOpenEndsItsListingWithALogLine) {
+    create(root_);
+    ASSERT_TRUE(reg::write_dword(root_, "v", 1));
+    unique_reg_key h;
+    ASSERT_EQ(ERROR_SUCCESS, RegOpenKeyExA(HKEY_LOCAL_MACHINE, root_.c_str(), 0, KEY_READ, h.put()));
+    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr));
+    nv_test::log_capture log;
+    std::vector<std::string> names;
+    EXPECT_FALSE(reg::list_subkeys(h.get(), names));
+    EXPECT_FALSE(reg::list_values(h.get(), names));
+    EXPECT_TRUE(names.empty());
+    EXPECT_EQ(2u, log.count("] - Failed to enumerate a reg key at index 0: 1018")) << log.text();
+}
+
 TEST_F(Reg, ValuesRoundTripWithTheirExactBytes) {
     struct {
         const char* name;

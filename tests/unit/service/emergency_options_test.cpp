@@ -114,4 +114,13 @@ TEST_F(EmergencyOptions, NumbersAreTheFirstFourBytesWhateverTheType) {
     EXPECT_FALSE(start.uninstall);
 }
 
+TEST_F(EmergencyOptions, ServAndFoldWaitForABuildThatActsOnThem) {
+    write({text("serv", "svcC"), text("fold", "C:\\z")});
+    const emergency_start start = consume_emergency_options(key_, emergency_actions{});
+    EXPECT_FALSE(start.emergency) << "nothing was done, so the service listens";
+    std::vector<std::string> left = remaining();
+    std::sort(left.begin(), left.end());
+    EXPECT_EQ((std::vector<std::string>{"fold", "serv"}), left);
+}
+
 }  // namespace

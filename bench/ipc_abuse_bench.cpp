@@ -1,0 +1,92 @@
+// The IPC listener under hostile clients: what it costs in memory and whether it still answers
+// and stops. Run by hand under Wine from the build's bin directory:
+//   ipc_abuse_bench.exe [ANNOUNCING [NEVER_READING [FLOODING]]]
+// It starts nv_ipc_helper as the listener, then nv_ipc_helper abuse clients: ANNOUNCING (200)
+// connections that announce 64 MiB frames and trickle one byte a second, NEVER_READING (50)
+// connections that each leave one 3,000-byte reply unread, and FLOODING (4) connections that
+// send 20 MiB of requests and never read a reply. Prints "name: value unit" lines.
+#include <windows.h>
+
+#include <psapi.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+#include "mcl/event.h"
+#include "tests/helpers/process.h"
+
+namespace {
+
+double now_ms() { return static_cast<double>(GetTickCount64()); }
+
+uint64_t private_bytes(HANDLE process) {
+    PROCESS_MEMORY_COUNTERS_EX memory{};
+    if (!GetProcessMemoryInfo(process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory), sizeof(memory))) return 0;
+    // The private commit charge; some systems fill in only PagefileUsage.
+    return memory.PrivateUsage > memory.PagefileUsage ? memory.PrivateUsage : memory.PagefileUsage;
+}
+
+// Waits for the child's first line of output.
+void wait_ready(nv_test::child& c) {
+    char ch = 0;
+    DWORD n = 0;
+    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n') {
+    }
+}
+
+nv_test::child abuse(const std::string& helper, const std::string& name, int stalled, int flood_kib, int announcing) {
+    return nv_test::start("\"" + helper + "\" abuse " + name + " nul 2000001 " + std::to_string(stalled) + " " +
+                              std::to_string(flood_kib) + " " + std::to_string(announcing) + " 600",
+                          /*capture_output=*/true);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int announcing = argc > 1 ? atoi(argv[1]) : 200;
+    const int never_reading = argc > 2 ? atoi(argv[2]) : 50;
+    const int flooding = argc > 3 ? atoi(argv[3]) : 4;
+    const std::string helper = nv_test::bin_dir() + "nv_ipc_helper.exe";
+    const std::string name = nv_test::unique_name("nv_abuse_bench");
+    const std::string stop_name = "Global\\" + name + "_stop";
+    mcl::event stop;
+    if (stop.create(stop_name.c_str()) != 0) return 1;
+    nv_test::child server = nv_test::start("\"" + helper + "\" server " + name + " nul " + stop_name);
+
+    const double start = now_ms();
+    nv_test::child trickling = abuse(helper, name, 0, 0, announcing);
+    nv_test::child stalled = abuse(helper, name, never_reading, 0, 0);
+    nv_test::child flood = abuse(helper, name, flooding, 20 * 1024, 0);
+    wait_ready(trickling);
+    wait_ready(stalled);
+    wait_ready(flood);
+    printf("abuse_connect_all: %.0f ms\n", now_ms() - start);
+
+    // Ten seconds of trickling, sampling the listener's memory and its answers to a client.
+    uint64_t peak = 0;
+    double worst_answer = 0;
+    int unanswered = 0;
+    for (int i = 0; i < 10; ++i) {
+        const uint64_t bytes = private_bytes(server.process);
+        if (bytes > peak) peak = bytes;
+        const double t = now_ms();
+        nv_test::child version = nv_test::start("\"" + helper + "\" client " + name + " nul version");
+        if (version.wait(30000) != 0) ++unanswered;
+        if (now_ms() - t > worst_answer) worst_answer = now_ms() - t;
+        Sleep(1000 - (static_cast<DWORD>(now_ms() - t) % 1000));
+    }
+    printf("abuse_peak_private_bytes: %.1f MiB (target: under 400)\n", static_cast<double>(peak) / (1024.0 * 1024.0));
+    printf("abuse_version_client_worst: %.0f ms\n", worst_answer);
+    printf("abuse_version_client_unanswered: %d of 10\n", unanswered);
+
+    const double stop_start = now_ms();
+    stop.set();
+    const DWORD code = server.wait(60000);
+    printf("abuse_stop: %.0f ms (target: under 2000; exit code %lu)\n", now_ms() - stop_start,
+           static_cast<unsigned long>(code));
+    trickling.kill();
+    stalled.kill();
+    flood.kill();
+    return 0;
+}

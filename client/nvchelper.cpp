@@ -1,0 +1,465 @@
+// The client object: service control queries, the connect that starts a stopped service, the
+// protocol gates and one request per method.
+#include "client/nvchelper.h"
+
+#include <cstdio>
+#include <utility>
+
+#include "app/log.h"
+#include "client/request_codec.h"
+#include "mcl/encoding.h"
+#include "mcl/mswin/service.h"
+#include "service/message_ids.h"
+
+using NVClientHelper::result;
+namespace codec = nvclient_codec;
+
+nvchelper::nvchelper() : mcl::ipc_peer(own_peer_name, &agent_), agent_(this) {}
+
+nvchelper::~nvchelper() {
+    if (auto connection = the_connection()) {
+        const mcl::binary_t none;
+        (void)post(msg::disconnect, none, connection);
+        // The service drops the connection when it takes the disconnect, which the read thread
+        // sees as the pipe closing. Until then the frame may still be on its way, and closing
+        // would cancel it; but teardown never waits on the service for long.
+        connection = {};
+        for (DWORD waited = 0; waited < disconnect_wait_ms && !connections().empty(); waited += 10) Sleep(10);
+    }
+    close();
+}
+
+// ---------------------------------------------------------------------------------------------
+// Service control and connection
+
+bool nvchelper::is_installed() { return mcl::mswin::service::is_service_installed(service_name); }
+
+bool nvchelper::is_stopped() { return mcl::mswin::service::is_service_stopped(service_name); }
+
+bool nvchelper::connect(int timeout_ms) {
+    if (!is_installed()) return false;
+    // A second connection would leave the object unable to send: requests need exactly one.
+    if (the_connection()) return true;
+    DWORD state = 0;
+    if (!mcl::mswin::service::query_state(service_name, state) || state != SERVICE_RUNNING) {
+        // Whatever the state was, and whether or not the start works: the service may be on its
+        // way up already.
+        (void)mcl::mswin::service::start(service_name);
+        Sleep(100);
+    }
+    return mcl::ipc_peer::connect(service_name, timeout_ms);
+}
+
+bool nvchelper::request_stop() {
+    auto connection = the_connection();
+    if (!connection) return false;
+    const mcl::binary_t none;
+    return post(msg::stop_service, none, connection);
+}
+
+mcl::share_ptr<mcl::ipc_connection> nvchelper::the_connection() {
+    auto all = connections();
+    if (all.size() != 1) return {};
+    return all.front();
+}
+
+bool nvchelper::gate_open(uint32_t minimum, result* r) const {
+    if (protocol_version_ >= minimum) return true;
+    if (r != nullptr) {
+        r->ok = 0;
+        if (protocol_version_ == 0) {
+            r->message = call_proto_compatible_message;
+        } else {
+            char text[260];
+            snprintf(text, sizeof text,
+                     "Service does not support the feature, current IPC protocol version : %d, minimum required "
+                     "version: %d",
+                     static_cast<int>(protocol_version_), static_cast<int>(minimum));
+            r->message = text;
+        }
+    }
+    return false;
+}
+
+bool nvchelper::request(uint32_t id, mcl::binary_t& payload) {
+    auto connection = the_connection();
+    return connection && send(id, payload, connection, reply_timeout_ms);
+}
+
+bool nvchelper::status_request(uint32_t id, mcl::binary_t& payload, result* r) {
+    if (!request(id, payload)) return false;
+    result reply;
+    uint32_t pos = 0;
+    if (!mcl::read_byte(reply.ok, payload, pos) || !mcl::read_string(reply.message, payload, pos)) return false;
+    const bool ok = reply.ok == 1;
+    if (r != nullptr) *r = std::move(reply);
+    return ok;
+}
+
+// Every request method: the gate when it has one, the connection, the encoding (which refuses
+// bad input before anything is sent), the send, the decoding.
+
+// ---------------------------------------------------------------------------------------------
+// Protection rules
+
+bool nvchelper::protect_service(const std::string& name, result* r) {
+    return protect_services({NVClientHelper::service_rule{true, true, name}}, r);
+}
+
+bool nvchelper::unprotect_service(const std::string& name, result* r) {
+    return protect_services({NVClientHelper::service_rule{false, false, name}}, r);
+}
+
+bool nvchelper::protect_process(const std::string& image_path, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_process_path(payload, true, image_path, r)) return false;
+    return status_request(msg::protect_processes, payload, r);
+}
+
+bool nvchelper::unprotect_process(const std::string& image_path, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_process_path(payload, false, image_path, r)) return false;
+    return status_request(msg::protect_processes, payload, r);
+}
+
+bool nvchelper::protect_reg_key(HKEY root, const std::wstring& path, uint32_t level, result* r) {
+    NVClientHelper::reg_key_rule rule;
+    rule.protect = true;
+    rule.root = root;
+    rule.path = path;
+    rule.level = level;
+    return protect_reg_keys({rule}, r);
+}
+
+bool nvchelper::unprotect_reg_key(HKEY root, const std::wstring& path, result* r) {
+    NVClientHelper::reg_key_rule rule;
+    rule.protect = false;
+    rule.root = root;
+    rule.path = path;
+    rule.level = 0;
+    return protect_reg_keys({rule}, r);
+}
+
+bool nvchelper::protect_services(const std::vector<NVClientHelper::service_rule>& rules, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_service_rules(payload, rules, r)) return false;
+    return status_request(msg::protect_services, payload, r);
+}
+
+bool nvchelper::protect_processes(const std::vector<NVClientHelper::process_rule>& rules, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_process_rules(payload, rules, r)) return false;
+    return status_request(msg::protect_processes, payload, r);
+}
+
+bool nvchelper::protect_reg_keys(const std::vector<NVClientHelper::reg_key_rule>& rules, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_reg_key_rules(payload, rules, r)) return false;
+    return status_request(msg::protect_reg_keys, payload, r);
+}
+
+bool nvchelper::query_protected_services(std::vector<NVClientHelper::protected_service_info>& out) {
+    out.clear();
+    mcl::binary_t payload;
+    uint32_t pos = 0;
+    return request(msg::query_protected_services, payload) && codec::read_service_infos(out, payload, pos);
+}
+
+bool nvchelper::query_protected_processes(std::vector<NVClientHelper::protected_process_info>& out) {
+    out.clear();
+    mcl::binary_t payload;
+    uint32_t pos = 0;
+    return request(msg::query_protected_processes, payload) && codec::read_process_infos(out, payload, pos);
+}
+
+bool nvchelper::get_protected_reg_keys(std::vector<NVClientHelper::protected_reg_key_info>& out) {
+    out.clear();
+    mcl::binary_t payload;
+    uint32_t pos = 0;
+    return request(msg::get_protected_reg_keys, payload) && codec::read_reg_key_infos(out, payload, pos);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Driver switches, versions, service control
+
+bool nvchelper::disable_driver_protection(result* r) {
+    mcl::binary_t payload;
+    return status_request(msg::disable_driver_protection, payload, r);
+}
+
+bool nvchelper::enable_driver_protection(result* r) {
+    mcl::binary_t payload;
+    return status_request(msg::enable_driver_protection, payload, r);
+}
+
+bool nvchelper::set_protection_enabled(bool on, result* r) {
+    mcl::binary_t payload;
+    mcl::write_byte(payload, on ? 1 : 0);
+    return status_request(msg::set_protection_enabled, payload, r);
+}
+
+bool nvchelper::proto_compatible() {
+    mcl::binary_t payload;
+    mcl::write_u32(payload, codec::client_protocol_version);
+    if (!request(msg::protocol_compatible, payload)) return false;
+    uint8_t ok = 0;
+    uint32_t version = 0;
+    uint32_t pos = 0;
+    if (!mcl::read_byte(ok, payload, pos) || !mcl::read_u32(version, payload, pos)) return false;
+    protocol_version_ = version;
+    return ok == 1;
+}
+
+uint32_t nvchelper::get_service_version() {
+    mcl::binary_t payload;
+    uint32_t version = 0;
+    uint32_t pos = 0;
+    if (!request(msg::service_version, payload) || !mcl::read_u32(version, payload, pos)) return 0;
+    return version;
+}
+
+bool nvchelper::start_service(const NVClientHelper::start_request& request_, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    codec::input_check check;
+    check.name(request_.name, "Service name");
+    check.list(request_.arguments, NVClientHelper::max_path_chars, "Start argument");
+    if (check.refuse(r)) return false;
+    mcl::write_string(payload, request_.name);
+    mcl::write_string_list(payload, request_.arguments);
+    return status_request(msg::service_ctrl_start_service, payload, r);
+}
+
+bool nvchelper::stop_service(const std::string& name, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_name(payload, name, r)) return false;
+    return status_request(msg::service_ctrl_stop_service, payload, r);
+}
+
+bool nvchelper::recover_service_dacl(const std::string& name, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_name(payload, name, r)) return false;
+    return status_request(msg::service_ctrl_recover_dacl, payload, r);
+}
+
+bool nvchelper::recover_folder_dacl(const std::string& path, result* r) {
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_path(payload, path, r)) return false;
+    return status_request(msg::recover_folder_dacl, payload, r);
+}
+
+bool nvchelper::restore_driver_protection(bool flag, result* r) {
+    mcl::binary_t payload;
+    mcl::write_byte(payload, flag ? 1 : 0);
+    return status_request(msg::restore_driver_protection, payload, r);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Quarantine
+
+bool nvchelper::create_quarantine_container(const std::string& container, const std::vector<std::string>& services,
+                                            result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    codec::input_check check;
+    check.path(container, "Container path");
+    check.list(services, NVClientHelper::max_name_chars, "Service name");
+    if (check.refuse(r)) return false;
+    mcl::write_string(payload, container);
+    mcl::write_string_list(payload, services);
+    return status_request(msg::create_quarantine_container, payload, r);
+}
+
+bool nvchelper::add_quarantine_files(const std::string& container, const std::vector<std::string>& files, result* r) {
+    return quarantine_files(NVClientHelper::quarantine_add, container, files, r);
+}
+
+bool nvchelper::remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives,
+                                        result* r) {
+    return quarantine_files(NVClientHelper::quarantine_remove, container, archives, r);
+}
+
+bool nvchelper::restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives,
+                                         result* r) {
+    return quarantine_files(NVClientHelper::quarantine_restore, container, archives, r);
+}
+
+bool nvchelper::quarantine_files(uint32_t action, const std::string& container, const std::vector<std::string>& paths,
+                                 result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    codec::input_check check;
+    check.path(container, "Container path");
+    check.list(paths, NVClientHelper::max_path_chars, "Path");
+    if (check.refuse(r)) return false;
+    mcl::write_u32(payload, action);
+    mcl::write_string(payload, container);
+    mcl::write_string_list(payload, paths);
+    return status_request(msg::quarantine_files, payload, r);
+}
+
+bool nvchelper::remove_quarantine_container(uint32_t action, const std::string& container, result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    codec::input_check check;
+    check.path(container, "Container path");
+    if (check.refuse(r)) return false;
+    mcl::write_u32(payload, action);
+    mcl::write_string(payload, container);
+    return status_request(msg::remove_quarantine_container, payload, r);
+}
+
+bool nvchelper::get_quarantined_files(const std::string& container, std::vector<NVClientHelper::quarantined_file>& out) {
+    out.clear();
+    if (!gate_open(NVClientHelper::quarantine_protocol, nullptr)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_path(payload, container, nullptr)) return false;
+    uint32_t pos = 0;
+    return request(msg::get_quarantined_files, payload) && codec::read_quarantined_files(out, payload, pos);
+}
+
+bool nvchelper::get_quarantine_containers(std::vector<std::string>& out) {
+    out.clear();
+    if (!gate_open(NVClientHelper::quarantine_protocol, nullptr)) return false;
+    mcl::binary_t payload;
+    uint32_t pos = 0;
+    return request(msg::get_quarantine_containers, payload) && mcl::read_string_list(out, payload, pos);
+}
+
+bool nvchelper::is_file_quarantined(const std::string& path, result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_path(payload, path, r)) return false;
+    return status_request(msg::is_file_quarantined, payload, r);
+}
+
+bool nvchelper::block_file_access(const std::string& path, result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_path(payload, path, r)) return false;
+    return status_request(msg::block_file_access, payload, r);
+}
+
+bool nvchelper::unblock_file_access(const std::string& path, result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_path(payload, path, r)) return false;
+    return status_request(msg::unblock_file_access, payload, r);
+}
+
+bool nvchelper::block_files_access(uint32_t action, const std::vector<std::string>& services,
+                                   const std::vector<std::string>& files, result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    codec::input_check check;
+    check.list(services, NVClientHelper::max_name_chars, "Service name");
+    check.list(files, NVClientHelper::max_path_chars, "Path");
+    if (check.refuse(r)) return false;
+    mcl::write_u32(payload, action);
+    mcl::write_string_list(payload, services);
+    mcl::write_string_list(payload, files);
+    return status_request(msg::block_files_access, payload, r);
+}
+
+bool nvchelper::is_file_access_blocked(const std::string& path, result* r) {
+    if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_path(payload, path, r)) return false;
+    return status_request(msg::is_file_access_blocked, payload, r);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Denied-access notifications
+
+bool nvchelper::subscription_request(bool unsubscribe_, const std::string& subscriber, const std::string& event_name,
+                                     const std::string& file_path, uint8_t major_function, uint8_t minor_function,
+                                     uint32_t type, result* r) {
+    if (!gate_open(NVClientHelper::notification_protocol, r)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    codec::input_check check;
+    check.name(subscriber, "Subscriber name");
+    check.text(event_name, NVClientHelper::max_path_chars, "Event name");
+    check.path(file_path, "Path");
+    if (check.refuse(r)) return false;
+    mcl::write_byte(payload, unsubscribe_ ? 1 : 0);
+    mcl::write_string(payload, subscriber);
+    mcl::write_string(payload, event_name);
+    mcl::write_string(payload, file_path);
+    mcl::write_byte(payload, major_function);
+    mcl::write_byte(payload, minor_function);
+    mcl::write_u32(payload, type);
+    return status_request(msg::subscribe_irp_notification, payload, r);
+}
+
+bool nvchelper::subscribe(const std::string& event_name, const std::string& file_path, uint8_t major_function,
+                          uint8_t minor_function, uint32_t type, result* r) {
+    return subscribe_as(own_peer_name, event_name, file_path, major_function, minor_function, type, r);
+}
+
+bool nvchelper::subscribe_as(const std::string& subscriber, const std::string& event_name, const std::string& file_path,
+                             uint8_t major_function, uint8_t minor_function, uint32_t type, result* r) {
+    return subscription_request(false, subscriber, event_name, file_path, major_function, minor_function, type, r);
+}
+
+bool nvchelper::unsubscribe(const std::string& event_name, const std::string& file_path, uint8_t major_function,
+                            uint8_t minor_function, uint32_t type, result* r) {
+    return unsubscribe_as(own_peer_name, event_name, file_path, major_function, minor_function, type, r);
+}
+
+bool nvchelper::unsubscribe_as(const std::string& subscriber, const std::string& event_name,
+                               const std::string& file_path, uint8_t major_function, uint8_t minor_function,
+                               uint32_t type, result* r) {
+    return subscription_request(true, subscriber, event_name, file_path, major_function, minor_function, type, r);
+}
+
+bool nvchelper::query_notification_data(std::vector<NVClientHelper::notification_data>& out) {
+    return query_notification_data_as(own_peer_name, out);
+}
+
+bool nvchelper::query_notification_data_as(const std::string& subscriber,
+                                           std::vector<NVClientHelper::notification_data>& out) {
+    out.clear();
+    if (!gate_open(NVClientHelper::notification_protocol, nullptr)) return false;
+    if (!the_connection()) return false;
+    mcl::binary_t payload;
+    if (!codec::encode_name(payload, subscriber, nullptr)) return false;
+    uint32_t pos = 0;
+    return request(msg::query_irp_notification_data, payload) && codec::read_notifications(out, payload, pos);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Creation and release
+
+invchelper* NVClientHelper::createHelper() { return new nvchelper(); }
+
+void NVClientHelper::releaseHelper(invchelper* helper) {
+    nvchelper* object = dynamic_cast<nvchelper*>(helper);
+    if (object == nullptr) {
+        NV_LOG("NVClientHelper::releaseHelper", "Failed to convert incoming invchelper pointer to nvhelper");
+        return;
+    }
+    delete object;
+}
+
+uint32_t NVClientHelper::protocolVersion(const invchelper* helper) {
+    const nvchelper* object = dynamic_cast<const nvchelper*>(helper);
+    return object != nullptr ? object->protocol_version() : 0;
+}

@@ -1,0 +1,608 @@
+// Registry key protection: a key's DACL rebuilt so that only chosen services keep full access,
+// a driver rule for the key, a record per key in memory and in the registry, the service's own
+// keys, and the start-up and shutdown steps for them.
+//
+// Crash safety: a key's original DACL is written to its persisted record before the key's DACL
+// is changed, so a service killed between the two can still give it back at the next start.
+#include <windows.h>
+
+#include <sddl.h>
+
+#include <exception>
+#include <string>
+#include <vector>
+
+#include "app/log.h"
+#include "mcl/encoding.h"
+#include "mcl/mswin/reg.h"
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
+#include "mcl/mswin/unique_handle.h"
+#include "service/driver_protocol.h"
+#include "service/filter_library.h"
+#include "service/helper_service.h"
+#include "service/regkey_protection.h"
+
+namespace {
+
+constexpr const char* k_persist_key = "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys";
+constexpr const char* k_own_service = mcl::mswin::service::default_name;
+constexpr uint32_t k_own_level = 1;
+
+// The text in the ANSI code page; false when a character has no ANSI form (it would name
+// another key).
+bool to_ansi(const std::wstring& text, std::string& out) {
+    out.clear();
+    if (text.empty()) return true;
+    BOOL lossy = FALSE;
+    const int n = WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(), static_cast<int>(text.size()),
+                                      nullptr, 0, nullptr, &lossy);
+    if (n <= 0 || lossy) return false;
+    out.resize(static_cast<size_t>(n));
+    return WideCharToMultiByte(CP_ACP, WC_NO_BEST_FIT_CHARS, text.data(), static_cast<int>(text.size()), &out[0], n,
+                               nullptr, &lossy) == n &&
+           !lossy;
+}
+
+std::string ansi(const std::wstring& text) {
+    std::string out;
+    return to_ansi(text, out) ? out : std::string();
+}
+
+HKEY to_hkey(uint32_t root) {
+    return reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(static_cast<LONG_PTR>(static_cast<int32_t>(root))));
+}
+
+// The DACL part of a descriptor as SDDL (revision 1), or empty.
+std::string dacl_sddl(PSECURITY_DESCRIPTOR sd) {
+    char* text = nullptr;
+    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
+                                                              nullptr))
+        return std::string();
+    mcl::mswin::unique_local owner(text);
+    return std::string(text);
+}
+
+// The SDDL of root\path's DACL, or empty (the helper logs why).
+std::string read_dacl_sddl(HKEY root, const std::string& path) {
+    PACL dacl = nullptr;
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    if (!mcl::mswin::reg::get_key_dacl_security(root, path, &dacl, &sd)) return std::string();
+    mcl::mswin::unique_local owner(sd);
+    return dacl_sddl(sd);
+}
+
+// One key's DACL from a descriptor, without touching its subkeys.
+bool write_key_dacl(HKEY root, const std::string& path, PSECURITY_DESCRIPTOR sd) {
+    constexpr const char* fn = "regkey::restore_key_tree";
+    mcl::mswin::unique_reg_key handle;
+    LONG rc = RegOpenKeyExA(root, path.c_str(), 0, WRITE_DAC, handle.put());
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed to open key [%s], error: 0x%X", path.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd);
+    if (rc != ERROR_SUCCESS) {
+        NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", path.c_str(), static_cast<unsigned>(rc));
+        return false;
+    }
+    return true;
+}
+
+// The key first: once its own DACL is back, its subkeys can be listed whatever the protected
+// DACL denied us.
+bool write_tree_dacl(HKEY root, const std::string& path, PSECURITY_DESCRIPTOR sd) {
+    const bool ok = write_key_dacl(root, path, sd);
+    std::vector<std::string> subkeys;
+    mcl::mswin::reg::list_subkeys(root, path, subkeys);
+    for (const std::string& sub : subkeys) (void)write_tree_dacl(root, path + "\\" + sub, sd);
+    return ok;
+}
+
+void lower_ascii(std::wstring& text) {
+    for (wchar_t& c : text)
+        if (c >= L'A' && c <= L'Z') c = static_cast<wchar_t>(c - L'A' + L'a');
+}
+
+// Driver code 13 with an empty text: every key rule goes.
+void drop_all_driver_rules() {
+    constexpr const char* fn = "chelperservice::stopProtectingRegKeys";
+    chelperservice::driver_port port = chelperservice::openDriverPort();
+    if (!port) return;
+    const filter_library::entry_points& lib = filter_library::get();
+    std::vector<uint8_t> message = vqr::build_command(vqr::code::unprotect_regkey, std::wstring());
+    DWORD returned = 0;
+    const HRESULT hr = lib.send == nullptr ? HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND)
+                                           : lib.send(port.get(), message.data(), static_cast<DWORD>(message.size()),
+                                                      nullptr, 0, &returned);
+    if (SUCCEEDED(hr)) return;
+    if (hr == static_cast<HRESULT>(vqr::hr_unloaded)) {
+        NV_LOG(fn, "The kernel component of vqrmonitor has unloaded.");
+    } else {
+        NV_LOG(fn, "UNEXPECTED ERROR received: %d - %ls", static_cast<int>(hr),
+               chelperservice::driver_error_text(hr).c_str());
+    }
+}
+
+// Why a client's entry cannot be protected, or empty: a key that cannot exist, or an owner that
+// the next start would drop at once.
+std::string refusal(const reg_key_entry& entry) {
+    std::string why;
+    if (regkey::predefined_root(entry.root) == nullptr) return "the root is not a predefined key";
+    if (!regkey::valid_key_path(entry.path, why)) return why;
+    if (entry.owner != k_own_service && !mcl::mswin::service::is_service_installed(entry.owner.c_str()))
+        return "its owner service [" + entry.owner + "] is not installed";
+    return std::string();
+}
+
+}  // namespace
+
+// ---- encodings, names and limits
+
+namespace regkey {
+
+DWORD others_mask(uint32_t level) {
+    if (level == 0) return 0;
+    if (level == 2) return 0x40020006;  // generic write, key write rights
+    return 0x80020019;                  // generic read, key read rights
+}
+
+uint64_t widen_root(uint32_t root) { return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(root))); }
+
+std::wstring key_text(uint64_t root, const std::wstring& path) {
+    std::wstring lowered = path;
+    lower_ascii(lowered);
+    return L"\\\\" + std::to_wstring(root) + L"\\" + lowered;
+}
+
+HKEY predefined_root(uint64_t root) {
+    // HKEY_CLASSES_ROOT (0x80000000) to HKEY_CURRENT_USER_LOCAL_SETTINGS (0x80000007), sign-extended.
+    if ((root >> 32) != 0xFFFFFFFFu) return nullptr;
+    const uint32_t low = static_cast<uint32_t>(root);
+    if (low < 0x80000000u || low > 0x80000007u) return nullptr;
+    return to_hkey(low);
+}
+
+bool valid_key_path(const std::wstring& path, std::string& why) {
+    // The persisted record is named by the key text, so the path must fit a value name too.
+    constexpr size_t max_value_name = 16383;
+    const size_t prefix = 2 + 20 + 1;  // two backslashes, a 64-bit number, a backslash
+    if (path.size() > max_key_path || path.size() + prefix > max_value_name) {
+        why = "the path is longer than the registry allows";
+        return false;
+    }
+    size_t start = 0;
+    for (;;) {
+        const size_t end = path.find(L'\\', start);
+        const size_t length = (end == std::wstring::npos ? path.size() : end) - start;
+        if (length == 0) {
+            why = "the path has an empty key name";
+            return false;
+        }
+        if (length > max_key_name) {
+            why = "a key name is longer than 255 characters";
+            return false;
+        }
+        if (end == std::wstring::npos) break;
+        start = end + 1;
+    }
+    std::string narrow;
+    if (!to_ansi(path, narrow)) {
+        why = "the path cannot be written in the ANSI code page";
+        return false;
+    }
+    return true;
+}
+
+bool read_entry(reg_key_entry& entry, const mcl::binary_t& in, uint32_t& pos) {
+    return mcl::read_byte(entry.action, in, pos) && mcl::read_u64(entry.root, in, pos) &&
+           mcl::read_wstring(entry.path, in, pos) && mcl::read_string(entry.owner, in, pos) &&
+           mcl::read_string_list(entry.services, in, pos) && mcl::read_u32(entry.level, in, pos);
+}
+
+void write_entry(mcl::binary_t& out, const reg_key_entry& entry) {
+    mcl::write_byte(out, entry.action);
+    mcl::write_u64(out, entry.root);
+    mcl::write_wstring(out, entry.path);
+    mcl::write_string(out, entry.owner);
+    mcl::write_string_list(out, entry.services);
+    mcl::write_u32(out, entry.level);
+}
+
+bool read_record(reg_key_record& record, const mcl::binary_t& in, uint32_t& pos) {
+    return mcl::read_string(record.original_dacl, in, pos) && mcl::read_string(record.current_dacl, in, pos) &&
+           mcl::read_u32(record.root, in, pos) && mcl::read_wstring(record.path, in, pos) &&
+           mcl::read_string(record.owner, in, pos) && mcl::read_string_list(record.services, in, pos) &&
+           mcl::read_u32(record.level, in, pos);
+}
+
+void write_record(mcl::binary_t& out, const reg_key_record& record) {
+    mcl::write_string(out, record.original_dacl);
+    mcl::write_string(out, record.current_dacl);
+    mcl::write_u32(out, record.root);
+    mcl::write_wstring(out, record.path);
+    mcl::write_string(out, record.owner);
+    mcl::write_string_list(out, record.services);
+    mcl::write_u32(out, record.level);
+}
+
+bool restore_key_tree(HKEY root, const std::string& path, const std::string& sddl) {
+    mcl::mswin::unique_local sd;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, sd.put(), nullptr)) {
+        NV_LOG("regkey::restore_key_tree", "Failed to convert SDDL string {%s} to security descriptior, error: 0x%X",
+               sddl.c_str(), static_cast<unsigned>(GetLastError()));
+        return false;
+    }
+    return write_tree_dacl(root, path, sd.get());
+}
+
+}  // namespace regkey
+
+// ---- the DACL step
+
+void (*regProtector::dacl_write_seam)(HKEY root, const std::string& path) = nullptr;
+
+bool regProtector::protect(HKEY root, const std::string& path, const std::vector<std::string>& services,
+                           uint32_t level, std::string& original, std::string& current,
+                           const before_write_fn& before_write) {
+    return protect_impl(root, path, services, regkey::others_mask(level), original, current, before_write);
+}
+
+bool regProtector::protect_impl(HKEY root, const std::string& path, const std::vector<std::string>& services,
+                                DWORD others, std::string& original, std::string& current,
+                                const before_write_fn& before_write) {
+    constexpr const char* fn = "regProtector::protect_impl";
+    {
+        mcl::mswin::unique_reg_key key;
+        if (RegOpenKeyExA(root, path.c_str(), 0, KEY_QUERY_VALUE, key.put()) != ERROR_SUCCESS &&
+            RegCreateKeyExA(root, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, /*access=*/0x2001d, nullptr,
+                            key.put(), nullptr) != ERROR_SUCCESS) {
+            NV_LOG(fn, "Failed to create the registry key [%s]", path.c_str());
+            return false;
+        }
+    }
+
+    std::vector<mcl::mswin::unique_local> sid_owners;
+    std::vector<PSID> sids;
+    for (const std::string& name : services) {
+        PSID sid = nullptr;
+        if (!mcl::mswin::service::get_sid(name.c_str(), &sid)) {
+            NV_LOG(fn, "Failed to get service sid <%s>", name.c_str());
+            return false;
+        }
+        sid_owners.emplace_back(sid);
+        sids.push_back(sid);
+        if (!mcl::mswin::service::set_sid_type(name.c_str()))
+            NV_LOG(fn, "Failed to set service <%s> sid type to unrestricted, it could have already been done",
+                   name.c_str());
+    }
+
+    PACL old_dacl = nullptr;
+    PSECURITY_DESCRIPTOR old_sd = nullptr;
+    if (!mcl::mswin::reg::get_key_dacl_security(root, path, &old_dacl, &old_sd)) {
+        NV_LOG(fn, "Failed to get dacl for registry key [%s]", path.c_str());
+        return false;
+    }
+    mcl::mswin::unique_local old_sd_owner(old_sd);
+    original = dacl_sddl(old_sd);
+    if (original.empty()) {
+        // Without its text the old DACL could never be given back: leave the key as it is.
+        NV_LOG(fn, "Failed to get dacl for registry key [%s]", path.c_str());
+        return false;
+    }
+    NV_LOG(fn, "original dacl for registry key [%s] : {%s}", path.c_str(), original.c_str());
+
+    PACL new_dacl = nullptr;
+    if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(old_dacl, sids, regkey::service_ace_flags,
+                                                                          regkey::service_full_access, others,
+                                                                          &new_dacl)) {
+        NV_LOG(fn, "Failed to update dacl object");
+        return false;
+    }
+    mcl::mswin::unique_heap new_dacl_owner(new_dacl);
+
+    if (before_write && !before_write(original)) {
+        NV_LOG(fn, "Original dacl for registry key [%s] could not be recorded, the dacl is left as it is",
+               path.c_str());
+        return false;
+    }
+    if (dacl_write_seam != nullptr) dacl_write_seam(root, path);
+    const bool ok = mcl::mswin::reg::set_key_dacl_security(root, path, new_dacl, /*protect=*/true);
+    if (!ok) NV_LOG(fn, "Failed to set dacl for registry key [%s]", path.c_str());
+
+    current = read_dacl_sddl(root, path);
+    if (current.empty()) {
+        NV_LOG(fn, "Failed to get dacl for registry key [%s]", path.c_str());
+    } else {
+        NV_LOG(fn, "Current dacl for registry key [%s] : {%s}", path.c_str(), current.c_str());
+    }
+    return ok;
+}
+
+// ---- the service's operations
+
+const char* const chelperservice::own_reg_keys[6] = {
+    "Software\\Norvale\\NVClientHelper\\ProtectedServices",
+    "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses",
+    "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedFolders",
+    "system\\CurrentControlSet\\Services\\VQRMonitor\\TrustedOpenApps",
+    "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys",
+    "Software\\Norvale\\NVClientHelper\\QuarantineContainers",
+};
+
+void chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::protect_reg_keys";
+    bool result = false;
+    try {
+        std::vector<reg_key_entry> entries;
+        uint32_t pos = 0;
+        if (mcl::read_list(entries, payload, pos, regkey::read_entry)) {
+            result = handle_protect_reg_keys(entries);
+        } else {
+            NV_LOG(fn, "Malformed request: %d bytes do not hold the announced reg key entries",
+                   static_cast<int>(payload.size()));
+        }
+    } catch (const std::exception& e) {
+        NV_LOG(fn, "Request failed: %s", e.what());
+        result = false;
+    } catch (...) {
+        NV_LOG(fn, "Request failed");
+        result = false;
+    }
+    payload.clear();
+    mcl::write_status(payload, result, "");
+}
+
+void chelperservice::get_protected_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
+    payload.clear();
+    uint32_t count = 0;
+    for (const auto& item : protected_reg_keys_)
+        if (!item.second.path.empty()) ++count;
+    mcl::write_u32(payload, count);
+    for (const auto& item : protected_reg_keys_) {
+        const reg_key_record& r = item.second;
+        if (r.path.empty()) continue;
+        mcl::write_byte(payload, 1);
+        mcl::write_string(payload, r.original_dacl);
+        mcl::write_string(payload, r.current_dacl);
+        mcl::write_u64(payload, regkey::widen_root(r.root));
+        mcl::write_wstring(payload, r.path);
+        mcl::write_string(payload, r.owner);
+        mcl::write_string_list(payload, r.services);
+    }
+}
+
+bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries) {
+    constexpr const char* fn = "chelperservice::handle_protect_reg_keys";
+    if (entries.empty()) {
+        NV_LOG(fn, "No reg key set to (un)protect.");
+        return true;
+    }
+    if (entries.front().path.empty()) {
+        if (entries.front().action == 0) stopProtectingRegKeys();
+        return true;
+    }
+    bool result = true;
+    for (const reg_key_entry& entry : entries) {
+        if (entry.path.empty()) continue;
+        const std::wstring text = regkey::key_text(entry.root, entry.path);
+        const auto found = protected_reg_keys_.find(text);
+        if (entry.action == 0) {
+            if (found == protected_reg_keys_.end()) continue;
+            if (!unprotectRegKey(found->second)) {
+                result = false;
+                continue;
+            }
+            NV_LOG(fn, "Reg key %ls has been unprotected.", text.c_str());
+            protected_reg_keys_.erase(found);
+            continue;
+        }
+        if (found != protected_reg_keys_.end()) continue;
+        // Refused before anything is touched.
+        const std::string why = refusal(entry);
+        if (!why.empty()) {
+            NV_LOG(fn, "Reg key %.512ls is not protected: %s.", text.c_str(), why.c_str());
+            result = false;
+            continue;
+        }
+        reg_key_record record;
+        if (!protectRegKey(entry, record, /*persist=*/true)) {
+            result = false;
+            continue;
+        }
+        protected_reg_keys_.emplace(text, std::move(record));
+        NV_LOG(fn, "Reg key %ls has been protected.", text.c_str());
+    }
+    return result;
+}
+
+bool chelperservice::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist) {
+    constexpr const char* fn = "chelperservice::protectRegKey";
+    if (entry.path.empty()) return false;
+    NV_LOG(fn, "Trying to protect reg key (\\\\%llu\\%ls)\n", static_cast<unsigned long long>(entry.root),
+           entry.path.c_str());
+    if (!regkey_protection_enabled_) {
+        NV_LOG(fn, "Registry protection function is disabled\n");
+        return false;
+    }
+    std::vector<std::string> services{k_own_service};
+    if (entry.owner != k_own_service) services.push_back(entry.owner);
+    for (const std::string& name : entry.services)
+        if (name != k_own_service && name != entry.owner) services.push_back(name);
+
+    record.root = static_cast<uint32_t>(entry.root);
+    record.path = entry.path;
+    record.owner = entry.owner;
+    record.level = entry.level;
+    record.services = entry.services;
+    record.kernel_path.clear();
+    const HKEY root = to_hkey(record.root);
+    const std::string path = ansi(entry.path);
+
+    // Runs while the key still has its original DACL: its kernel path can be read, and with
+    // `persist` the original goes to the registry before the DACL changes. A persisted record
+    // left by an earlier run knows the key's DACL from before that run's protect.
+    std::string kept_original;
+    bool written_early = false;
+    const auto before_write = [&](const std::string& original) {
+        record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
+        if (!persist) return true;
+        mcl::binary_t data;
+        reg_key_record earlier;
+        uint32_t pos = 0;
+        if (mcl::mswin::reg::read_value(k_persist_key, ansi(regkey::key_text(regkey::widen_root(record.root),
+                                                                             record.path))
+                                                           .c_str(),
+                                        data) &&
+            regkey::read_record(earlier, data, pos) && !earlier.original_dacl.empty())
+            kept_original = earlier.original_dacl;
+        reg_key_record pending = record;
+        pending.original_dacl = kept_original.empty() ? original : kept_original;
+        pending.current_dacl.clear();
+        written_early = persistRegKeyRecord(pending, /*add=*/true);
+        return written_early;
+    };
+    const bool dacl_ok = regProtector::protect(root, path, services, entry.level, record.original_dacl,
+                                               record.current_dacl, before_write);
+    if (!kept_original.empty()) record.original_dacl = kept_original;
+    if (dacl_ok && persist) {
+        (void)persistRegKeyRecord(record, /*add=*/true);  // failing, the record written first stays
+    } else if (written_early) {
+        // The DACL write failed, perhaps on the key after its subkeys: kept in memory only, once
+        // the tree has its original DACL again.
+        if (regkey::restore_key_tree(root, path, record.original_dacl)) (void)persistRegKeyRecord(record, false);
+    }
+
+    if (record.kernel_path.empty()) record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
+    driver_port port = openDriverPort();
+    if (!port) return false;
+    if (record.kernel_path.empty()) {
+        NV_LOG(fn, "No kernel path for reg key (\\\\%llu\\%ls), no driver rule sent",
+               static_cast<unsigned long long>(entry.root), entry.path.c_str());
+        return false;
+    }
+    drvProtectRegKey(port.get(), record.kernel_path, /*remove=*/false);
+    return true;
+}
+
+bool chelperservice::unprotectRegKey(const reg_key_record& record) {
+    constexpr const char* fn = "chelperservice::unprotectRegKey";
+    NV_LOG(fn, "Trying to unprotect reg key (\\\\%llu\\%ls)\n",
+           static_cast<unsigned long long>(regkey::widen_root(record.root)), record.path.c_str());
+    driver_port port = openDriverPort();
+    if (!port) return false;
+    const HKEY root = to_hkey(record.root);
+    const std::string path = ansi(record.path);
+    const std::wstring kernel_path =
+        record.kernel_path.empty() ? mcl::mswin::reg::get_full_path(root, path) : record.kernel_path;
+    // An empty text would lift every key rule, not this one.
+    if (!kernel_path.empty()) drvProtectRegKey(port.get(), kernel_path, /*remove=*/true);
+    // A record without an original DACL never changed the key's DACL.
+    if (record.original_dacl.empty() || regkey::restore_key_tree(root, path, record.original_dacl))
+        (void)persistRegKeyRecord(record, /*add=*/false);
+    return true;
+}
+
+void chelperservice::stopProtectingRegKeys() {
+    drop_all_driver_rules();
+    restoreAllRegKeys();
+    protected_reg_keys_.clear();
+}
+
+void chelperservice::restoreAllRegKeys() {
+    for (const auto& item : protected_reg_keys_) {
+        const reg_key_record& r = item.second;
+        if (!r.original_dacl.empty()) (void)regkey::restore_key_tree(to_hkey(r.root), ansi(r.path), r.original_dacl);
+    }
+}
+
+bool chelperservice::persistRegKeyRecord(const reg_key_record& record, bool add) {
+    if (record.path.empty()) return true;
+    const std::string name = ansi(regkey::key_text(regkey::widen_root(record.root), record.path));
+    if (!add) return mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
+    mcl::binary_t data;
+    regkey::write_record(data, record);
+    if (mcl::mswin::reg::write_value(k_persist_key, name.c_str(), data.data(), static_cast<DWORD>(data.size()),
+                                     REG_BINARY))
+        return true;
+    NV_LOG("chelperservice::persistRegKeyRecord", "Failed to persist reg key %s", name.c_str());
+    return false;
+}
+
+// ---- start-up and shutdown
+
+void chelperservice::loadProtectedRegKeys() {
+    constexpr const char* fn = "chelperservice::loadProtectedRegKeys";
+    bool own_loaded[6] = {};
+    std::vector<std::string> names;
+    mcl::mswin::reg::list_values(k_persist_key, names);
+    for (const std::string& name : names) {
+        NV_LOG(fn, "Read protected reg key: %s", name.c_str());
+        mcl::binary_t data;
+        reg_key_record saved;
+        uint32_t pos = 0;
+        if (!mcl::mswin::reg::read_value(k_persist_key, name.c_str(), data) || !regkey::read_record(saved, data, pos))
+            continue;
+        std::string why;
+        if (regkey::predefined_root(regkey::widen_root(saved.root)) == nullptr || saved.path.empty() ||
+            !regkey::valid_key_path(saved.path, why)) {
+            NV_LOG(fn, "Persisted reg key %s names no key, skipped", name.c_str());
+            continue;
+        }
+        if (!mcl::mswin::service::is_service_installed(saved.owner.c_str())) {
+            NV_LOG(fn, "Owner service [%s] of reg key {%s} has been uninstalled, unprotect the key.",
+                   saved.owner.c_str(), name.c_str());
+            // The value goes only once the key has its DACL back: otherwise the next start tries again.
+            if (saved.original_dacl.empty() ||
+                regkey::restore_key_tree(to_hkey(saved.root), ansi(saved.path), saved.original_dacl))
+                (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
+            continue;
+        }
+        reg_key_entry entry;
+        entry.action = 1;
+        entry.root = regkey::widen_root(saved.root);
+        entry.path = saved.path;
+        entry.owner = saved.owner;
+        entry.services = saved.services;
+        entry.level = saved.level;
+        if (saved.root == regkey::hklm_root) {
+            const std::string path = ansi(saved.path);
+            for (size_t i = 0; i < 6; ++i) {
+                if (path != own_reg_keys[i]) continue;
+                own_loaded[i] = true;
+                entry.owner = k_own_service;
+                entry.level = k_own_level;
+                entry.services.clear();
+            }
+        }
+        reg_key_record record;
+        if (!protectRegKey(entry, record, /*persist=*/false)) continue;
+        // The key may already carry the protected DACL; the record knows the one from before.
+        record.original_dacl = saved.original_dacl;
+        protected_reg_keys_[regkey::key_text(entry.root, entry.path)] = std::move(record);
+        NV_LOG(fn, "Load protected reg key: %s", name.c_str());
+    }
+    for (size_t i = 0; i < 6; ++i) {
+        if (own_loaded[i]) continue;
+        reg_key_entry entry;
+        entry.action = 1;
+        entry.root = regkey::widen_root(regkey::hklm_root);
+        entry.path = mcl::mswin::widen(own_reg_keys[i]);
+        entry.owner = k_own_service;
+        entry.level = k_own_level;
+        reg_key_record record;
+        if (!protectRegKey(entry, record, /*persist=*/true)) continue;
+        const std::wstring text = regkey::key_text(entry.root, entry.path);
+        protected_reg_keys_[text] = std::move(record);
+        NV_LOG(fn, "Load protected reg key: %ls", text.c_str());
+    }
+}
+
+void chelperservice::unprotectOwnRegKeys() {
+    for (const char* own : own_reg_keys) {
+        const auto found = protected_reg_keys_.find(
+            regkey::key_text(regkey::widen_root(regkey::hklm_root), mcl::mswin::widen(own)));
+        if (found == protected_reg_keys_.end()) continue;
+        if (unprotectRegKey(found->second)) protected_reg_keys_.erase(found);
+    }
+}

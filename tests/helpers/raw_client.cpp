@@ -1,0 +1,83 @@
+#include "tests/helpers/raw_client.h"
+
+#include "mcl/ipc/channel.h"
+
+namespace nv_test {
+
+namespace {
+
+// Opens a pipe, waiting while every instance is busy or none is there yet (the listener
+// makes the next one).
+HANDLE open_waiting(const std::string& name, DWORD access) {
+    for (int tries = 0; tries < 100; ++tries) {
+        HANDLE h = CreateFileA(name.c_str(), access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        if (h != INVALID_HANDLE_VALUE) return h;
+        if (GetLastError() == ERROR_PIPE_BUSY) {
+            WaitNamedPipeA(name.c_str(), 1000);
+        } else if (GetLastError() == ERROR_FILE_NOT_FOUND) {
+            Sleep(50);
+        } else {
+            break;
+        }
+    }
+    return INVALID_HANDLE_VALUE;
+}
+
+}  // namespace
+
+bool raw_client::connect(const std::string& name) {
+    const std::string base = "Global\\" + name;
+    HANDLE mutex = nullptr;
+    for (int i = 0; i < 200 && mutex == nullptr; ++i) {
+        mutex = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, (base + "_MTX_CONNECTING").c_str());
+        if (mutex == nullptr) Sleep(50);
+    }
+    if (mutex == nullptr) return false;
+    const DWORD w = WaitForSingleObject(mutex, 10000);
+    bool ok = w == WAIT_OBJECT_0 || w == WAIT_ABANDONED;
+    const std::string pipe = std::string(mcl::ipc_channel::pipe_prefix) + name;
+    if (ok) {
+        in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
+        out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
+        if (in_ == INVALID_HANDLE_VALUE) in_ = nullptr;
+        if (out_ == INVALID_HANDLE_VALUE) out_ = nullptr;
+        HANDLE connected = OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str());
+        ok = in_ != nullptr && out_ != nullptr && connected != nullptr;
+        if (connected != nullptr) {
+            SetEvent(connected);
+            CloseHandle(connected);
+        }
+        ReleaseMutex(mutex);
+    }
+    CloseHandle(mutex);
+    return ok;
+}
+
+bool raw_client::write(const std::vector<unsigned char>& bytes) {
+    DWORD n = 0;
+    return WriteFile(out_, bytes.data(), static_cast<DWORD>(bytes.size()), &n, nullptr) && n == bytes.size();
+}
+
+bool read_exact(HANDLE h, uint32_t n, std::vector<unsigned char>& bytes) {
+    bytes.assign(n, 0);
+    uint32_t got = 0;
+    while (got < n) {
+        DWORD r = 0;
+        if (!ReadFile(h, bytes.data() + got, n - got, &r, nullptr) || r == 0) {
+            bytes.resize(got);
+            return false;
+        }
+        got += r;
+    }
+    return true;
+}
+
+bool raw_client::read(uint32_t n, std::vector<unsigned char>& bytes) { return read_exact(in_, n, bytes); }
+
+void raw_client::close() {
+    if (in_ != nullptr) CloseHandle(in_);
+    if (out_ != nullptr) CloseHandle(out_);
+    in_ = out_ = nullptr;
+}
+
+}  // namespace nv_test

@@ -1,0 +1,69 @@
+// nv_service_double: plays the protection service for command-line tests.
+//
+//   nv_service_double NAME RECORD STOP_EVENT [--protocol N] [--reply ID HEX]...
+//
+// Listens under NAME until the named event STOP_EVENT is set, appends one line per received
+// message to RECORD ("ID HEX", "-" for an empty payload, ID in upper-case hexadecimal) and
+// answers as nv_test::service_double does, with each --reply overriding one identifier.
+// Exit codes: 0 stopped by the event, 2 usage, 3 cannot listen.
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "mcl/encoding.h"
+#include "tests/helpers/service_double.h"
+
+namespace {
+
+FILE* g_record = nullptr;
+
+void record(const nv_test::recorded_request& r) {
+    const std::string hex = mcl::to_hex(r.payload).c_str();
+    fprintf(g_record, "%X %s\n", r.id, hex.empty() ? "-" : hex.c_str());
+    fflush(g_record);
+}
+
+bool parse_hex(const char* text, mcl::binary_t& out) {
+    const size_t n = strlen(text);
+    if (n % 2 != 0) return false;
+    for (size_t i = 0; i < n; i += 2) {
+        const char pair[3] = {text[i], text[i + 1], 0};
+        char* end = nullptr;
+        const unsigned char byte = static_cast<unsigned char>(strtoul(pair, &end, 16));
+        if (end != pair + 2) return false;
+        out.append(&byte, 1);
+    }
+    return true;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 4) {
+        fprintf(stderr, "usage: nv_service_double NAME RECORD STOP_EVENT [--protocol N] [--reply ID HEX]...\n");
+        return 2;
+    }
+    nv_test::service_double service(argv[1]);
+    for (int i = 4; i < argc; ++i) {
+        if (strcmp(argv[i], "--protocol") == 0 && i + 1 < argc) {
+            service.set_protocol(static_cast<uint32_t>(strtoul(argv[++i], nullptr, 10)));
+        } else if (strcmp(argv[i], "--reply") == 0 && i + 2 < argc) {
+            mcl::binary_t reply;
+            const uint32_t id = static_cast<uint32_t>(strtoul(argv[i + 1], nullptr, 16));
+            if (strcmp(argv[i + 2], "-") != 0 && !parse_hex(argv[i + 2], reply)) return 2;
+            service.set_reply(id, reply);
+            i += 2;
+        } else {
+            return 2;
+        }
+    }
+    g_record = fopen(argv[2], "a");
+    HANDLE stop = CreateEventA(nullptr, TRUE, FALSE, argv[3]);
+    if (g_record == nullptr || stop == nullptr) return 2;
+    service.on_message = &record;
+    if (!service.start_listening()) return 3;
+    WaitForSingleObject(stop, INFINITE);
+    return 0;
+}

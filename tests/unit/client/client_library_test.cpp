@@ -1,0 +1,422 @@
+// The client library against a peer that plays the service: the bytes of every request, the
+// decoding of every reply, the protocol gates, input refused before sending, release.
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "client/invchelper.h"
+#include "client/nvchelper.h"
+#include "mcl/encoding.h"
+#include "service/message_ids.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
+#include "tests/helpers/service_double.h"
+
+using NVClientHelper::result;
+namespace nvc = NVClientHelper;
+
+namespace {
+
+// A payload built field by field.
+struct bytes {
+    mcl::binary_t b;
+    bytes& u8(uint8_t v) { return mcl::write_byte(b, v), *this; }
+    bytes& u32(uint32_t v) { return mcl::write_u32(b, v), *this; }
+    bytes& u64(uint64_t v) { return mcl::write_u64(b, v), *this; }
+    bytes& str(const std::string& v) { return mcl::write_string(b, v), *this; }
+    bytes& wstr(const std::wstring& v) { return mcl::write_wstring(b, v), *this; }
+    bytes& list(const std::vector<std::string>& v) { return mcl::write_string_list(b, v), *this; }
+};
+
+std::string hex(const mcl::binary_t& b) { return mcl::to_hex(b).c_str(); }
+
+// Fields joined by "|" (wide text narrowed: the tests use ASCII).
+void put(std::ostringstream& s, const std::wstring& w) { s << std::string(w.begin(), w.end()); }
+template <typename T>
+void put(std::ostringstream& s, const T& v) { s << +v; }
+void put(std::ostringstream& s, const std::string& v) { s << v; }
+void put(std::ostringstream& s, const std::vector<std::string>& v) {
+    for (const auto& e : v) s << e << ",";
+}
+template <typename... T>
+std::string join(const T&... fields) {
+    std::ostringstream s;
+    ((put(s, fields), s << "|"), ...);
+    return s.str();
+}
+
+const HKEY hklm = HKEY_LOCAL_MACHINE;
+constexpr uint64_t hklm_value = 0xFFFFFFFF80000002ull;
+const std::string own = "NVCHCTRLOFFLOAD";
+
+class client_library : public ::testing::Test {
+protected:
+    void SetUp() override {
+        name_ = nv_test::unique_name("nv_client_test");
+        service_ = std::make_unique<nv_test::service_double>(name_.c_str());
+        ASSERT_TRUE(service_->start_listening());
+        helper_ = nvc::createHelper();
+    }
+    void TearDown() override {
+        if (helper_ != nullptr) nvc::releaseHelper(helper_);
+        service_.reset();
+    }
+    // Connects to the double rather than the installed service.
+    bool connect() { return dynamic_cast<nvchelper*>(helper_)->connect(name_.c_str(), 10000); }
+    bool connect_compatible() { return connect() && helper_->proto_compatible(); }
+    nv_test::recorded_request last() {
+        auto all = service_->received();
+        return all.empty() ? nv_test::recorded_request{} : all.back();
+    }
+
+    std::string name_;
+    std::unique_ptr<nv_test::service_double> service_;
+    invchelper* helper_ = nullptr;
+};
+
+struct request_case {
+    const char* call_text;
+    std::function<bool(invchelper*, result*)> call;
+    uint32_t id;
+    mcl::binary_t payload;
+};
+#define CASE(call, id, payload) {#call, [](invchelper* h, result* r) { return h->call; }, id, payload}
+
+TEST_F(client_library, every_status_request_sends_its_fields_and_returns_the_reply) {
+    ASSERT_TRUE(connect_compatible());
+    const std::vector<request_case> cases = {
+        CASE(protect_service("svcA", r), msg::protect_services, bytes().u32(1).u8(1).u8(1).str("svcA").b),
+        CASE(protect_process("C:\\p\\a.exe", r), msg::protect_processes, bytes().u32(1).u8(1).wstr(L"C:\\p\\a.exe").b),
+        CASE(protect_reg_key(hklm, L"Software\\X", 2, r), msg::protect_reg_keys,
+             bytes().u32(1).u8(1).u64(hklm_value).wstr(L"Software\\X").str("").list({}).u32(2).b),
+        CASE(unprotect_service("svcA", r), msg::protect_services, bytes().u32(1).u8(0).u8(0).str("svcA").b),
+        CASE(unprotect_process("C:\\a.exe", r), msg::protect_processes, bytes().u32(1).u8(0).wstr(L"C:\\a.exe").b),
+        CASE(unprotect_reg_key(hklm, L"Software\\X", r), msg::protect_reg_keys,
+             bytes().u32(1).u8(0).u64(hklm_value).wstr(L"Software\\X").str("").list({}).u32(0).b),
+        CASE(protect_services({{true, false, "a"}, {false, true, "b"}}, r), msg::protect_services,
+             bytes().u32(2).u8(1).u8(0).str("a").u8(0).u8(1).str("b").b),
+        CASE(protect_processes({{true, L"C:\\x.exe"}, {false, L"C:\\y.exe"}}, r), msg::protect_processes,
+             bytes().u32(2).u8(1).wstr(L"C:\\x.exe").u8(0).wstr(L"C:\\y.exe").b),
+        CASE(protect_reg_keys({{true, HKEY_CURRENT_USER, L"K", "owner", {"s1", "s2"}, 0}}, r), msg::protect_reg_keys,
+             bytes().u32(1).u8(1).u64(0xFFFFFFFF80000001ull).wstr(L"K").str("owner").list({"s1", "s2"}).u32(0).b),
+        CASE(disable_driver_protection(r), msg::disable_driver_protection, {}),
+        CASE(enable_driver_protection(r), msg::enable_driver_protection, {}),
+        CASE(set_protection_enabled(false, r), msg::set_protection_enabled, bytes().u8(0).b),
+        CASE(start_service({"svc", {"-a", "b"}}, r), msg::service_ctrl_start_service, bytes().str("svc").list({"-a", "b"}).b),
+        CASE(stop_service("svc", r), msg::service_ctrl_stop_service, bytes().str("svc").b),
+        CASE(recover_service_dacl("svc", r), msg::service_ctrl_recover_dacl, bytes().str("svc").b),
+        CASE(recover_folder_dacl("C:\\f", r), msg::recover_folder_dacl, bytes().str("C:\\f").b),
+        CASE(restore_driver_protection(true, r), msg::restore_driver_protection, bytes().u8(1).b),
+        CASE(create_quarantine_container("C:\\q", {"s"}, r), msg::create_quarantine_container,
+             bytes().str("C:\\q").list({"s"}).b),
+        CASE(add_quarantine_files("C:\\q", {"C:\\a"}, r), msg::quarantine_files,
+             bytes().u32(0).str("C:\\q").list({"C:\\a"}).b),
+        CASE(remove_quarantine_files("C:\\q", {"c:\\q\\a.QUA"}, r), msg::quarantine_files,
+             bytes().u32(1).str("C:\\q").list({"c:\\q\\a.QUA"}).b),
+        CASE(restore_quarantine_files("C:\\q", {"c:\\q\\a.QUA", "x"}, r), msg::quarantine_files,
+             bytes().u32(2).str("C:\\q").list({"c:\\q\\a.QUA", "x"}).b),
+        CASE(quarantine_files(7, "C:\\q", {}, r), msg::quarantine_files, bytes().u32(7).str("C:\\q").list({}).b),
+        CASE(remove_quarantine_container(2, "C:\\q", r), msg::remove_quarantine_container,
+             bytes().u32(2).str("C:\\q").b),
+        CASE(is_file_quarantined("C:\\f", r), msg::is_file_quarantined, bytes().str("C:\\f").b),
+        CASE(block_file_access("C:\\f", r), msg::block_file_access, bytes().str("C:\\f").b),
+        CASE(unblock_file_access("C:\\f", r), msg::unblock_file_access, bytes().str("C:\\f").b),
+        CASE(block_files_access(0, {"s"}, {"C:\\f1", "C:\\f2"}, r), msg::block_files_access,
+             bytes().u32(0).list({"s"}).list({"C:\\f1", "C:\\f2"}).b),
+        CASE(is_file_access_blocked("C:\\f", r), msg::is_file_access_blocked, bytes().str("C:\\f").b),
+        CASE(subscribe("ev", "C:\\f", 3, 0, 1, r), msg::subscribe_irp_notification,
+             bytes().u8(0).str(own).str("ev").str("C:\\f").u8(3).u8(0).u32(1).b),
+        CASE(subscribe_as("me", "ev", "", 0xFF, 0xFF, 0, r), msg::subscribe_irp_notification,
+             bytes().u8(0).str("me").str("ev").str("").u8(0xFF).u8(0xFF).u32(0).b),
+        CASE(unsubscribe("ev", "C:\\f", 3, 0, 1, r), msg::subscribe_irp_notification,
+             bytes().u8(1).str(own).str("ev").str("C:\\f").u8(3).u8(0).u32(1).b),
+        CASE(unsubscribe_as("me", "ev", "C:\\f", 3, 0, 1, r), msg::subscribe_irp_notification,
+             bytes().u8(1).str("me").str("ev").str("C:\\f").u8(3).u8(0).u32(1).b),
+    };
+    for (const request_case& c : cases) {
+        SCOPED_TRACE(c.call_text);
+        service_->set_reply(c.id, bytes().u8(1).str("done").b);
+        result r;
+        EXPECT_TRUE(c.call(helper_, &r));
+        EXPECT_EQ(join(r.ok, r.message), "1|done|");
+        EXPECT_EQ(last().id, c.id);
+        EXPECT_EQ(hex(last().payload), hex(c.payload));
+
+        service_->set_reply(c.id, bytes().u8(0).str("Invalid path.").b);
+        EXPECT_FALSE(c.call(helper_, &r));
+        EXPECT_EQ(join(r.ok, r.message), "0|Invalid path.|");
+        EXPECT_FALSE(c.call(helper_, nullptr));
+        service_->set_reply(c.id, bytes().u8(1).b);  // no message: not decoded, the record untouched
+        EXPECT_FALSE(c.call(helper_, &r));
+        EXPECT_EQ(r.message, "Invalid path.");
+    }
+    // One request byte for byte: a one-rule list, both flags on, "svcA" and its zero.
+    service_->set_reply(msg::protect_services, bytes().u8(1).str("").b);
+    ASSERT_TRUE(helper_->protect_service("svcA"));
+    EXPECT_EQ(hex(last().payload), "0100000001017376634100");
+}
+
+TEST_F(client_library, queries_send_their_fields_and_decode_the_replies) {
+    ASSERT_TRUE(connect_compatible());
+    struct query_case {
+        uint32_t id;
+        mcl::binary_t reply;
+        std::function<bool(invchelper*, std::string&)> call;  // the decoded records, joined
+        mcl::binary_t request;
+        std::string decoded;
+    };
+    const std::vector<query_case> cases = {
+        {msg::query_protected_services,
+         bytes().u32(1).u8(1).u8(1).str("D:S").str("D:F").str("svc").str("S-1-5-80-1").wstr(L"C:\\s\\s.exe").wstr(L"C:\\s").b,
+         [](invchelper* h, std::string& out) {
+             std::vector<nvc::protected_service_info> v;
+             const bool ok = h->query_protected_services(v);
+             for (const auto& e : v)
+                 out += join(e.valid, e.process_protected, e.service_sddl, e.folder_sddl, e.name, e.sid, e.image_path, e.folder);
+             return ok;
+         },
+         {}, "1|1|D:S|D:F|svc|S-1-5-80-1|C:\\s\\s.exe|C:\\s|"},
+        {msg::query_protected_processes,
+         bytes().u32(2).u8(1).str("D:1").wstr(L"C:\\a\\a.exe").wstr(L"C:\\a").u8(1).str("").wstr(L"C:\\b.exe").wstr(L"C:\\").b,
+         [](invchelper* h, std::string& out) {
+             std::vector<nvc::protected_process_info> v;
+             const bool ok = h->query_protected_processes(v);
+             for (const auto& e : v) out += join(e.valid, e.folder_sddl, e.image_path, e.folder);
+             return ok;
+         },
+         {}, "1|D:1|C:\\a\\a.exe|C:\\a|1||C:\\b.exe|C:\\|"},
+        {msg::get_protected_reg_keys,
+         bytes().u32(1).u8(1).str("D:O").str("D:N").u64(hklm_value).wstr(L"software\\x").str("own").list({"s1"}).b,
+         [](invchelper* h, std::string& out) {
+             std::vector<nvc::protected_reg_key_info> v;
+             const bool ok = h->get_protected_reg_keys(v);
+             for (const auto& e : v) out += join(e.valid, e.original_sddl, e.current_sddl, e.root, e.path, e.owner, e.services);
+             return ok;
+         },
+         {}, "1|D:O|D:N|18446744071562067970|software\\x|own|s1,|"},
+        {msg::get_quarantined_files, bytes().u32(1).str("a.txt.0102030405060708.QUA").str("C:\\d\\a.txt").b,
+         [](invchelper* h, std::string& out) {
+             std::vector<nvc::quarantined_file> v;
+             const bool ok = h->get_quarantined_files("C:\\q", v);
+             for (const auto& e : v) out += join(e.archive_name, e.recorded_path);
+             return ok;
+         },
+         bytes().str("C:\\q").b, "a.txt.0102030405060708.QUA|C:\\d\\a.txt|"},
+        {msg::get_quarantine_containers, bytes().list({"c:\\q\\", "c:\\r\\"}).b,
+         [](invchelper* h, std::string& out) {
+             std::vector<std::string> v;
+             const bool ok = h->get_quarantine_containers(v);
+             out = join(v);
+             return ok;
+         },
+         {}, "c:\\q\\,c:\\r\\,|"},
+        {msg::query_irp_notification_data,
+         bytes().u32(1).u64(7).u64(0x01DB000000000000ull).str("c:\\f.txt").u8(3).u8(0).u64(1234).str("C:\\e.exe")
+             .str("Evil").u32(1).b,
+         [](invchelper* h, std::string& out) {
+             std::vector<nvc::notification_data> v;
+             const bool ok = h->query_notification_data(v);
+             for (const auto& e : v)
+                 out += join(e.sequence, e.time, e.file_path, e.major_function, e.minor_function, e.process_id,
+                             e.process_image, e.process_description, e.irp_denied);
+             return ok;
+         },
+         bytes().str(own).b, "7|133700613937561600|c:\\f.txt|3|0|1234|C:\\e.exe|Evil|1|"},
+    };
+    for (const query_case& c : cases) {
+        SCOPED_TRACE(c.decoded);
+        service_->set_reply(c.id, c.reply);
+        std::string decoded;
+        EXPECT_TRUE(c.call(helper_, decoded));
+        EXPECT_EQ(decoded, c.decoded);
+        EXPECT_EQ(last().id, c.id);
+        EXPECT_EQ(hex(last().payload), hex(c.request));
+        // Cut short by one byte: not decoded.
+        service_->set_reply(c.id, mcl::binary_t(c.reply.data(), c.reply.size() - 1));
+        EXPECT_FALSE(c.call(helper_, decoded));
+    }
+    std::vector<nvc::notification_data> notes;
+    (void)helper_->query_notification_data_as("me", notes);
+    EXPECT_EQ(hex(last().payload), hex(bytes().str("me").b));
+}
+
+TEST_F(client_library, versions_and_stop) {
+    ASSERT_TRUE(connect());
+    EXPECT_EQ(helper_->get_service_version(), 196653u);
+    EXPECT_TRUE(helper_->proto_compatible());
+    EXPECT_EQ(nvc::protocolVersion(helper_), 5u);
+    EXPECT_TRUE(helper_->request_stop());
+    ASSERT_TRUE(service_->wait_for(3, 10000));
+    std::string sent;
+    for (const auto& m : service_->received()) sent += join(m.id, hex(m.payload));
+    EXPECT_EQ(sent, "16777226||16777225|05000000|16777217||");  // 0x100000a, 0x1000009 with 5, 0x1000001
+
+    // A version reply cut short gives 0; a compatibility reply saying no is stored but false.
+    service_->set_reply(msg::service_version, bytes().u8(1).b);
+    EXPECT_EQ(helper_->get_service_version(), 0u);
+    service_->set_reply(msg::protocol_compatible, bytes().u8(0).u32(4).b);
+    EXPECT_FALSE(helper_->proto_compatible());
+    EXPECT_EQ(nvc::protocolVersion(helper_), 4u);
+}
+
+TEST_F(client_library, gates_refuse_locally_until_the_service_speaks_the_protocol) {
+    ASSERT_TRUE(connect());
+    const std::string call_first = "Please call proto_compatible() API to confirm the feature is suppported by service.";
+    const std::string too_old =
+        "Service does not support the feature, current IPC protocol version : 3, minimum required version: 5";
+    result r;
+    EXPECT_FALSE(helper_->block_file_access("C:\\f", &r));
+    EXPECT_EQ(join(r.ok, r.message), join(0, call_first));
+    EXPECT_FALSE(helper_->block_file_access("C:\\f"));
+    EXPECT_FALSE(helper_->subscribe("ev", "", 0xFF, 0xFF, 0, &r));
+    EXPECT_EQ(r.message, call_first);
+    std::vector<std::string> containers;
+    EXPECT_FALSE(helper_->get_quarantine_containers(containers));
+    EXPECT_TRUE(service_->received().empty());
+
+    service_->set_protocol(3);
+    ASSERT_TRUE(helper_->proto_compatible());
+    EXPECT_TRUE(helper_->is_file_quarantined("C:\\f", &r));
+    const std::vector<std::function<bool(result*)>> notification_methods = {
+        [&](result* x) { return helper_->subscribe("ev", "", 0xFF, 0xFF, 0, x); },
+        [&](result* x) { return helper_->subscribe_as("me", "ev", "", 0xFF, 0xFF, 0, x); },
+        [&](result* x) { return helper_->unsubscribe("ev", "", 0xFF, 0xFF, 0, x); },
+        [&](result* x) { return helper_->unsubscribe_as("me", "ev", "", 0xFF, 0xFF, 0, x); },
+    };
+    for (const auto& call : notification_methods) {
+        r = {1, ""};
+        EXPECT_FALSE(call(&r));
+        EXPECT_EQ(join(r.ok, r.message), join(0, too_old));
+    }
+    std::vector<nvc::notification_data> notes;
+    EXPECT_FALSE(helper_->query_notification_data(notes));
+    EXPECT_FALSE(helper_->query_notification_data_as("me", notes));
+    EXPECT_EQ(service_->received().size(), 2u);  // the compatibility request and is_file_quarantined
+}
+
+TEST_F(client_library, a_request_before_connect_fails_at_once) {
+    result r{7, "untouched"};
+    const DWORD start = GetTickCount();
+    EXPECT_FALSE(helper_->protect_service("svc", &r));
+    EXPECT_FALSE(helper_->proto_compatible());
+    EXPECT_EQ(helper_->get_service_version(), 0u);
+    EXPECT_FALSE(helper_->request_stop());
+    std::vector<nvc::protected_service_info> list;
+    EXPECT_FALSE(helper_->query_protected_services(list));
+    EXPECT_LT(GetTickCount() - start, 5000u);  // nothing waited for a reply
+    EXPECT_EQ(join(r.ok, r.message), "7|untouched|");
+}
+
+TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent) {
+    ASSERT_TRUE(connect_compatible());
+    const std::string long_path(261, 'p');
+    const std::vector<std::string> long_list(1025, "C:\\f");
+    const std::vector<std::pair<std::function<bool(result*)>, std::string>> cases = {
+        {[&](result* r) { return helper_->protect_process(long_path, r); },
+         "Image path is too long: 261 characters, at most 260."},
+        {[&](result* r) { return helper_->protect_service(std::string(257, 's'), r); },
+         "Service name is too long: 257 characters, at most 256."},
+        {[&](result* r) { return helper_->protect_reg_key(hklm, std::wstring(513, L'k'), 1, r); },
+         "Registry key path is too long: 513 characters, at most 512."},
+        {[&](result* r) { return helper_->recover_folder_dacl(long_path, r); },
+         "Path is too long: 261 characters, at most 260."},
+        {[&](result* r) { return helper_->add_quarantine_files("C:\\q", long_list, r); },
+         "Path list is too long: 1025 entries, at most 1024."},
+        {[&](result* r) { return helper_->create_quarantine_container(long_path, {}, r); },
+         "Container path is too long: 261 characters, at most 260."},
+        {[&](result* r) { return helper_->block_files_access(0, {}, long_list, r); },
+         "Path list is too long: 1025 entries, at most 1024."},
+        {[&](result* r) { return helper_->protect_processes(std::vector<nvc::process_rule>(1025), r); },
+         "Process rule list is too long: 1025 entries, at most 1024."},
+        {[&](result* r) { return helper_->block_file_access(std::string("C:\\a\0b", 6), r); },
+         "Path contains a zero character."},
+        {[&](result* r) { return helper_->subscribe("ev", long_path, 0xFF, 0xFF, 0, r); },
+         "Path is too long: 261 characters, at most 260."},
+    };
+    for (const auto& [call, message] : cases) {
+        result r{1, ""};
+        EXPECT_FALSE(call(&r));
+        EXPECT_EQ(join(r.ok, r.message), join(0, message));
+    }
+    // Frames keep their order: the version request is the second message the peer sees.
+    EXPECT_EQ(helper_->get_service_version(), 196653u);
+    EXPECT_EQ(service_->received().size(), 2u);
+}
+
+// Not an nvchelper: only its type matters to releaseHelper.
+class foreign_helper : public invchelper {
+public:
+    virtual ~foreign_helper() = default;
+    bool is_installed() override { return true; }
+    bool is_stopped() override { return false; }
+    bool connect(int) override { return false; }
+    bool request_stop() override { return false; }
+    bool protect_service(const std::string&, result*) override { return false; }
+    bool protect_process(const std::string&, result*) override { return false; }
+    bool protect_reg_key(HKEY, const std::wstring&, uint32_t, result*) override { return false; }
+    bool unprotect_service(const std::string&, result*) override { return false; }
+    bool unprotect_process(const std::string&, result*) override { return false; }
+    bool unprotect_reg_key(HKEY, const std::wstring&, result*) override { return false; }
+    bool protect_services(const std::vector<nvc::service_rule>&, result*) override { return false; }
+    bool protect_processes(const std::vector<nvc::process_rule>&, result*) override { return false; }
+    bool protect_reg_keys(const std::vector<nvc::reg_key_rule>&, result*) override { return false; }
+    bool query_protected_services(std::vector<nvc::protected_service_info>&) override { return false; }
+    bool query_protected_processes(std::vector<nvc::protected_process_info>&) override { return false; }
+    bool get_protected_reg_keys(std::vector<nvc::protected_reg_key_info>&) override { return false; }
+    bool disable_driver_protection(result*) override { return false; }
+    bool enable_driver_protection(result*) override { return false; }
+    bool set_protection_enabled(bool, result*) override { return false; }
+    bool proto_compatible() override { return false; }
+    uint32_t get_service_version() override { return 0; }
+    bool start_service(const nvc::start_request&, result*) override { return false; }
+    bool stop_service(const std::string&, result*) override { return false; }
+    bool recover_service_dacl(const std::string&, result*) override { return false; }
+    bool recover_folder_dacl(const std::string&, result*) override { return false; }
+    bool restore_driver_protection(bool, result*) override { return false; }
+    bool create_quarantine_container(const std::string&, const std::vector<std::string>&, result*) override { return false; }
+    bool add_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
+    bool remove_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
+    bool restore_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
+    bool quarantine_files(uint32_t, const std::string&, const std::vector<std::string>&, result*) override { return false; }
+    bool remove_quarantine_container(uint32_t, const std::string&, result*) override { return false; }
+    bool get_quarantined_files(const std::string&, std::vector<nvc::quarantined_file>&) override { return false; }
+    bool get_quarantine_containers(std::vector<std::string>&) override { return false; }
+    bool is_file_quarantined(const std::string&, result*) override { return false; }
+    bool block_file_access(const std::string&, result*) override { return false; }
+    bool unblock_file_access(const std::string&, result*) override { return false; }
+    bool block_files_access(uint32_t, const std::vector<std::string>&, const std::vector<std::string>&, result*) override {
+        return false;
+    }
+    bool is_file_access_blocked(const std::string&, result*) override { return false; }
+    bool subscribe(const std::string&, const std::string&, uint8_t, uint8_t, uint32_t, result*) override { return false; }
+    bool subscribe_as(const std::string&, const std::string&, const std::string&, uint8_t, uint8_t, uint32_t,
+                      result*) override { return false; }
+    bool unsubscribe(const std::string&, const std::string&, uint8_t, uint8_t, uint32_t, result*) override { return false; }
+    bool unsubscribe_as(const std::string&, const std::string&, const std::string&, uint8_t, uint8_t, uint32_t,
+                        result*) override { return false; }
+    bool query_notification_data(std::vector<nvc::notification_data>&) override { return false; }
+    bool query_notification_data_as(const std::string&, std::vector<nvc::notification_data>&) override { return false; }
+};
+
+TEST_F(client_library, release_posts_the_disconnect_and_leaves_foreign_pointers_alone) {
+    nv_test::log_capture log;
+    foreign_helper foreign;
+    nvc::releaseHelper(&foreign);
+    EXPECT_EQ(log.count("[NVClientHelper::releaseHelper:"), 1u);
+    EXPECT_TRUE(log.contains("] - Failed to convert incoming invchelper pointer to nvhelper"));
+    EXPECT_TRUE(foreign.is_installed());  // still there
+    EXPECT_EQ(nvc::protocolVersion(&foreign), 0u);
+
+    ASSERT_TRUE(connect());
+    nvc::releaseHelper(helper_);
+    helper_ = nullptr;
+    ASSERT_TRUE(service_->wait_for(1, 10000));
+    EXPECT_EQ(join(last().id, hex(last().payload)), join(msg::disconnect, ""));
+    EXPECT_EQ(log.count("Failed to convert"), 1u);
+}
+
+}  // namespace
