@@ -74,7 +74,9 @@ TEST(RequestDispatch, UnknownIdentifiersAreLoggedAndEchoed) {
 }
 
 TEST(RequestDispatch, CatalogueRequestsWithoutAHandlerAnswerAFailedStatus) {
-    const uint32_t routed[] = {msg::disconnect, msg::stop_service, msg::protocol_compatible, msg::service_version};
+    const uint32_t routed[] = {msg::disconnect, msg::stop_service, msg::protocol_compatible, msg::service_version,
+                               msg::protect_reg_keys, msg::get_protected_reg_keys,
+                               msg::subscribe_irp_notification, msg::query_irp_notification_data};
     chelperservice::helper_msg_handler& handler = chelperservice::instance().msg_handler();
     for (uint32_t id : msg::catalogue) {
         if (std::find(std::begin(routed), std::end(routed), id) != std::end(routed)) continue;
