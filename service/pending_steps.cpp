@@ -12,13 +12,6 @@ void not_yet(const char* function, const char* what) {
 
 }  // namespace
 
-void chelperservice::enableIrpNotifications(bool on) {
-    NV_LOG("chelperservice::enableIrpNotifications",
-           "chelperservice::drvEnableFeature 16 %s: not available in this build", on ? "on" : "off");
-}
-void chelperservice::stopIrpReceiver() {
-    not_yet("chelperservice::stopIrpReceiver", "chelperservice::irp_notification_receiver stop");
-}
 void chelperservice::loadPersistedRules() {
     loadTrustedOpenApps();
     loadProtectedService();

@@ -52,6 +52,8 @@ const request_route routes[] = {
     // Quarantine.
 
     // IRP-denied notifications.
+    {msg::subscribe_irp_notification, &chelperservice::subscribe_irp_notification, "subscribe IRP notification"},
+    {msg::query_irp_notification_data, &chelperservice::query_irp_notification_data, "query IRP notification data"},
 };
 
 const request_route* find_route(uint32_t id) {

@@ -1,0 +1,121 @@
+// IRP-denied notifications through the running service: latency from the simulator's inject
+// to the subscriber's event and to the collected record, and a burst of denials with the
+// records collected and dropped and the service's peak private bytes. bench/irp_bench.sh
+// prepares the prefix, the simulator and the service, then runs this.
+#include <windows.h>
+
+#include <psapi.h>
+#include <tlhelp32.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "mcl/event.h"
+#include "tests/helpers/irp_client.h"
+
+namespace {
+
+double now_ms() {
+    static LARGE_INTEGER frequency = [] {
+        LARGE_INTEGER f;
+        QueryPerformanceFrequency(&f);
+        return f;
+    }();
+    LARGE_INTEGER t;
+    QueryPerformanceCounter(&t);
+    return static_cast<double>(t.QuadPart) * 1000.0 / static_cast<double>(frequency.QuadPart);
+}
+
+double percentile(std::vector<double> v, double p) {
+    std::sort(v.begin(), v.end());
+    const size_t i = static_cast<size_t>(p * static_cast<double>(v.size() - 1) + 0.5);
+    return v[std::min(i, v.size() - 1)];
+}
+
+DWORD service_pid() {
+    mcl::mswin::unique_kernel_handle snap(CreateToolhelp32Snapshot(TH32CS_SNAPPROCESS, 0));
+    PROCESSENTRY32 e{};
+    e.dwSize = sizeof(e);
+    if (!snap || !Process32First(snap.get(), &e)) return 0;
+    do {
+        if (_stricmp(e.szExeFile, "NorvaleHalvernService.exe") == 0) return e.th32ProcessID;
+    } while (Process32Next(snap.get(), &e));
+    return 0;
+}
+
+double peak_private_mib(DWORD pid) {
+    mcl::mswin::unique_kernel_handle p(OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid));
+    PROCESS_MEMORY_COUNTERS c{};
+    if (!p || !GetProcessMemoryInfo(p.get(), &c, sizeof(c))) return -1;
+    return static_cast<double>(c.PeakPagefileUsage) / (1024.0 * 1024.0);
+}
+
+int fail(const char* what) {
+    fprintf(stderr, "irp_bench: %s\n", what);
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int rounds = argc > 1 ? atoi(argv[1]) : 1000;
+    const int burst = argc > 2 ? atoi(argv[2]) : 10000;
+    nv_test::irp_client client;
+    if (!client.connect("norvale_halvern_svc", 10000)) return fail("no service");
+    nv_test::sim_injector sim;
+    if (!sim.open()) return fail("no simulator");
+    const DWORD pid = GetCurrentProcessId();
+
+    mcl::event latency_event;
+    if (latency_event.create("Global\\nv_irp_bench_latency") != 0) return fail("event");
+    uint8_t result = 0;
+    if (!client.subscribe(false, "bench_latency", "Global\\nv_irp_bench_latency", "c:\\bench\\latency.txt", 0xFF, 0xFF,
+                          0, result))
+        return fail("subscribe");
+    std::vector<double> to_event, to_record;
+    std::vector<irp::record> records;
+    uint32_t delivered = 0;
+    for (int i = 0; i < rounds; ++i) {
+        latency_event.reset();
+        const double t0 = now_ms();
+        if (!sim.inject(1, 3, 0, pid, L"\\Device\\HarddiskVolume1\\bench\\latency.txt", delivered) || delivered != 1)
+            return fail("inject");
+        if (WaitForSingleObject(latency_event.get(), 30000) != WAIT_OBJECT_0) return fail("the event did not fire");
+        const double t1 = now_ms();
+        if (!client.query("bench_latency", records) || records.size() != 1) return fail("query");
+        const double t2 = now_ms();
+        to_event.push_back(t1 - t0);
+        to_record.push_back(t2 - t0);
+    }
+    printf("irp_inject_to_event_median: %.3f ms\n", percentile(to_event, 0.5));
+    printf("irp_inject_to_event_p99: %.3f ms\n", percentile(to_event, 0.99));
+    printf("irp_inject_to_record_median: %.3f ms\n", percentile(to_record, 0.5));
+    printf("irp_inject_to_record_p99: %.3f ms\n", percentile(to_record, 0.99));
+    fflush(stdout);
+
+    mcl::event burst_event, marker_event;
+    if (burst_event.create("Global\\nv_irp_bench_burst") != 0 || marker_event.create("Global\\nv_irp_bench_marker") != 0)
+        return fail("event");
+    if (!client.subscribe(false, "bench_burst", "Global\\nv_irp_bench_burst", "c:\\bench\\burst.txt", 0xFF, 0xFF, 0,
+                          result) ||
+        !client.subscribe(false, "bench_marker", "Global\\nv_irp_bench_marker", "c:\\bench\\marker.txt", 0xFF, 0xFF, 0,
+                          result))
+        return fail("subscribe");
+    const double b0 = now_ms();
+    for (int i = 0; i < burst; ++i)
+        if (!sim.inject(1, 3, 0, pid, L"\\Device\\HarddiskVolume1\\bench\\burst.txt", delivered)) return fail("inject");
+    if (!sim.inject(1, 3, 0, pid, L"\\Device\\HarddiskVolume1\\bench\\marker.txt", delivered)) return fail("inject");
+    if (WaitForSingleObject(marker_event.get(), 900000) != WAIT_OBJECT_0) return fail("the burst was not handled");
+    const double b1 = now_ms();
+    if (!client.query("bench_burst", records)) return fail("query");
+    printf("irp_burst_injected: %d records\n", burst);
+    printf("irp_burst_collected: %u records\n", static_cast<unsigned>(records.size()));
+    printf("irp_burst_dropped: %d records\n", burst - static_cast<int>(records.size()));
+    printf("irp_burst_handled_in: %.2f s\n", (b1 - b0) / 1000.0);
+    printf("irp_burst_rate: %.0f records/s\n", burst * 1000.0 / (b1 - b0));
+    printf("service_peak_private_bytes: %.1f MiB\n", peak_private_mib(service_pid()));
+    return 0;
+}

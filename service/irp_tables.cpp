@@ -1,0 +1,233 @@
+#include "service/irp_tables.h"
+
+#include <algorithm>
+
+#include "mcl/encoding.h"
+
+namespace irp {
+namespace {
+
+uint32_t get_u32(const uint8_t* p) {
+    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
+           static_cast<uint32_t>(p[3]) << 24;
+}
+
+// A string field with its own bound: `oversized` rather than reading on past the bound.
+request_check read_bounded(std::string& value, size_t max_bytes, const mcl::binary_t& in, uint32_t& pos) {
+    if (!mcl::read_string(value, in, pos)) return request_check::truncated;
+    return value.size() > max_bytes ? request_check::oversized : request_check::ok;
+}
+
+// The holding and pending lists are kept in rising order, which is arrival order: the receiver
+// hands out sequences from one rising counter. Both operations are then logarithmic, and
+// cheap at the ends where the work happens.
+void insert_sequence(std::deque<uint64_t>& list, uint64_t sequence) {
+    if (list.empty() || sequence > list.back()) {
+        list.push_back(sequence);
+        return;
+    }
+    const auto it = std::lower_bound(list.begin(), list.end(), sequence);
+    if (it == list.end() || *it != sequence) list.insert(it, sequence);  // never twice
+}
+
+void remove_sequence(std::deque<uint64_t>& list, uint64_t sequence) {
+    if (list.empty() || sequence < list.front() || sequence > list.back()) return;
+    if (list.front() == sequence) {
+        list.pop_front();
+        return;
+    }
+    const auto it = std::lower_bound(list.begin(), list.end(), sequence);
+    if (it != list.end() && *it == sequence) list.erase(it);
+}
+
+}  // namespace
+
+message_check parse_message(const uint8_t* data, size_t size, message& out) {
+    out = message{};
+    if (size > message_size) size = message_size;
+    if (data == nullptr || size < message_fixed_size) return message_check::too_short;
+    out.id = static_cast<uint64_t>(get_u32(data + 8)) | static_cast<uint64_t>(get_u32(data + 12)) << 32;
+    out.type = get_u32(data + 16);
+    out.major_function = data[20];
+    out.minor_function = data[21];
+    out.process_id = get_u32(data + 24);
+    if (out.type != type_irp_denied) return message_check::ok;
+    for (size_t pos = message_fixed_size; pos + 1 < size; pos += 2) {
+        const auto unit = static_cast<uint16_t>(data[pos] | data[pos + 1] << 8);
+        if (unit == 0) return message_check::ok;
+        out.file_name.push_back(static_cast<wchar_t>(unit));
+    }
+    out.file_name.clear();
+    return message_check::name_unterminated;
+}
+
+request_check decode_subscribe(const mcl::binary_t& payload, subscribe_request& out) {
+    out = subscribe_request{};
+    if (payload.size() > max_subscribe_payload) return request_check::oversized;
+    uint32_t pos = 0;
+    uint8_t unsubscribe = 0;
+    if (!mcl::read_byte(unsubscribe, payload, pos)) return request_check::truncated;
+    out.unsubscribe = unsubscribe != 0;
+    request_check c = read_bounded(out.subscriber, max_name_bytes, payload, pos);
+    if (c == request_check::ok) c = read_bounded(out.event_name, max_name_bytes, payload, pos);
+    if (c == request_check::ok) c = read_bounded(out.file_path, max_path_bytes, payload, pos);
+    if (c != request_check::ok) return c;
+    if (!mcl::read_byte(out.what.major_function, payload, pos) || !mcl::read_byte(out.what.minor_function, payload, pos) ||
+        !mcl::read_u32(out.what.type, payload, pos))
+        return request_check::truncated;
+    return pos == payload.size() ? request_check::ok : request_check::oversized;
+}
+
+request_check decode_query(const mcl::binary_t& payload, std::string& subscriber) {
+    subscriber.clear();
+    if (payload.size() > max_query_payload) return request_check::oversized;
+    uint32_t pos = 0;
+    const request_check c = read_bounded(subscriber, max_name_bytes, payload, pos);
+    if (c != request_check::ok) return c;
+    return pos == payload.size() ? request_check::ok : request_check::oversized;
+}
+
+void write_record(mcl::binary_t& out, const record& r) {
+    mcl::write_u64(out, r.sequence);
+    mcl::write_u64(out, r.time);
+    mcl::write_string(out, r.file_path);
+    mcl::write_byte(out, r.major_function);
+    mcl::write_byte(out, r.minor_function);
+    mcl::write_u64(out, r.process_id);
+    mcl::write_string(out, r.process_image);
+    mcl::write_string(out, r.process_description);
+    mcl::write_u32(out, r.type == type_irp_denied ? 1 : 0);
+}
+
+subscribe_outcome tables::subscribe(const subscribe_request& request) {
+    auto sub = subscriptions_.find(request.subscriber);
+    if (sub == subscriptions_.end()) {
+        if (request.unsubscribe) return subscribe_outcome::unchanged;
+        if (subscriptions_.size() >= max_subscribers) return subscribe_outcome::refused_full;
+        subscription s;
+        s.subscriber = request.subscriber;
+        s.event_name = request.event_name;
+        s.files[request.file_path] = {request.file_path, {request.what}};
+        subscriptions_.emplace(request.subscriber, std::move(s));
+        return subscribe_outcome::added;
+    }
+    auto& files = sub->second.files;
+    auto file = files.find(request.file_path);
+    if (file == files.end()) {
+        if (request.unsubscribe) return subscribe_outcome::unchanged;
+        if (files.size() >= max_files_per_subscriber) return subscribe_outcome::refused_full;
+        files[request.file_path] = {request.file_path, {request.what}};
+        return subscribe_outcome::added;
+    }
+    auto& filters = file->second.filters;
+    if (request.unsubscribe) {
+        const auto equal = std::find(filters.begin(), filters.end(), request.what);
+        if (equal == filters.end()) return subscribe_outcome::unchanged;
+        filters.erase(equal);  // an emptied entry stays
+        return subscribe_outcome::removed;
+    }
+    for (const filter& f : filters)
+        if (f.covers(request.what)) return subscribe_outcome::unchanged;
+    if (filters.size() >= max_filters_per_file) return subscribe_outcome::refused_full;
+    filters.push_back(request.what);
+    return subscribe_outcome::added;
+}
+
+std::vector<const subscription*> tables::choose(const std::string& file_path, uint8_t major, uint8_t minor) const {
+    std::vector<const subscription*> chosen;
+    for (const auto& entry : subscriptions_) {
+        const auto& files = entry.second.files;
+        auto file = files.find(file_path);
+        if (file == files.end()) file = files.find(any_file);
+        if (file == files.end()) continue;
+        for (const filter& f : file->second.filters) {
+            if (f.matches(major, minor)) {
+                chosen.push_back(&entry.second);
+                break;
+            }
+        }
+    }
+    return chosen;
+}
+
+store_outcome tables::store(const std::string& subscriber, const record& r, uint64_t& counter) {
+    store_outcome outcome;
+    holding& held = holdings_[subscriber];
+    if (held.sequences.size() >= max_records_per_subscriber) {
+        outcome.drops_started = !held.dropping;
+        held.dropping = true;
+        erase_stored(store_.find(held.sequences.front()));
+    }
+    uint64_t sequence = r.sequence;
+    while (store_.count(sequence) != 0) sequence = counter++;
+    stored_record& s = store_[sequence];
+    s.r = r;
+    s.r.sequence = sequence;
+    s.owner = subscriber;
+    by_time_.emplace(r.time, sequence);
+    insert_sequence(held.sequences, sequence);
+    insert_sequence(pending_[subscriber], sequence);
+    outcome.sequence = sequence;
+    return outcome;
+}
+
+void tables::erase_stored(std::map<uint64_t, stored_record>::iterator it) {
+    if (it == store_.end()) return;
+    const uint64_t sequence = it->first;
+    auto range = by_time_.equal_range(it->second.r.time);
+    for (auto t = range.first; t != range.second; ++t) {
+        if (t->second == sequence) {
+            by_time_.erase(t);
+            break;
+        }
+    }
+    auto held = holdings_.find(it->second.owner);
+    if (held != holdings_.end()) remove_sequence(held->second.sequences, sequence);
+    // A record that is gone can never be collected: its pending entry goes too, so the
+    // index of a subscriber that never queries stays bounded by the store.
+    auto pending = pending_.find(it->second.owner);
+    if (pending != pending_.end()) remove_sequence(pending->second, sequence);
+    store_.erase(it);
+}
+
+void tables::purge(uint64_t now) {
+    while (!by_time_.empty()) {
+        const uint64_t time = by_time_.begin()->first;
+        if (time >= now || now - time <= record_lifetime) return;
+        const auto it = store_.find(by_time_.begin()->second);
+        if (it == store_.end()) {
+            by_time_.erase(by_time_.begin());
+            continue;
+        }
+        erase_stored(it);
+    }
+}
+
+std::vector<record> tables::collect(const std::string& subscriber) {
+    std::vector<record> found;
+    auto pending = pending_.find(subscriber);
+    if (pending != pending_.end()) {
+        for (uint64_t sequence : pending->second) {
+            auto it = store_.find(sequence);
+            if (it != store_.end()) found.push_back(it->second.r);
+        }
+        pending->second.clear();
+    }
+    auto held = holdings_.find(subscriber);
+    if (held != holdings_.end()) held->second.dropping = false;
+    return found;
+}
+
+void tables::clear_store() {
+    store_.clear();
+    by_time_.clear();
+    pending_.clear();
+    holdings_.clear();
+}
+
+size_t tables::held_by(const std::string& subscriber) const {
+    auto held = holdings_.find(subscriber);
+    return held == holdings_.end() ? 0 : held->second.sequences.size();
+}
+
+}  // namespace irp

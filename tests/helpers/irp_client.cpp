@@ -1,0 +1,103 @@
+#include "tests/helpers/irp_client.h"
+
+#include "mcl/encoding.h"
+#include "service/message_ids.h"
+#include "tools/driver_sim/sim_channel.h"
+
+namespace nv_test {
+
+irp_client::~irp_client() {
+    if (connection_) {
+        mcl::binary_t none;
+        peer_.post(msg::disconnect, none, connection_);
+        Sleep(50);
+    }
+    connection_ = mcl::share_ptr<mcl::ipc_connection>();
+    peer_.close();
+}
+
+bool irp_client::connect(const char* service, int timeout_ms) {
+    if (!peer_.connect(service, timeout_ms) || peer_.connections().empty()) return false;
+    connection_ = peer_.connections().front();
+    return true;
+}
+
+bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
+                           const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
+    mcl::binary_t payload;
+    mcl::write_byte(payload, unsubscribe ? 1 : 0);
+    mcl::write_string(payload, subscriber);
+    mcl::write_string(payload, event_name);
+    mcl::write_string(payload, path);
+    mcl::write_byte(payload, major);
+    mcl::write_byte(payload, minor);
+    mcl::write_u32(payload, type);
+    if (!peer_.send(msg::subscribe_irp_notification, payload, connection_, 30000)) return false;
+    uint32_t pos = 0;
+    std::string message;
+    return mcl::read_byte(result, payload, pos) && mcl::read_string(message, payload, pos);
+}
+
+bool irp_client::query(const std::string& subscriber, std::vector<irp::record>& records) {
+    mcl::binary_t payload;
+    mcl::write_string(payload, subscriber);
+    if (!peer_.send(msg::query_irp_notification_data, payload, connection_, 30000)) return false;
+    uint32_t pos = 0;
+    return mcl::read_list(records, payload, pos, [](irp::record& r, const mcl::binary_t& in, uint32_t& p) {
+        uint64_t pid = 0;
+        uint32_t denied = 0;
+        const bool ok = mcl::read_u64(r.sequence, in, p) && mcl::read_u64(r.time, in, p) &&
+                        mcl::read_string(r.file_path, in, p) && mcl::read_byte(r.major_function, in, p) &&
+                        mcl::read_byte(r.minor_function, in, p) && mcl::read_u64(pid, in, p) &&
+                        mcl::read_string(r.process_image, in, p) && mcl::read_string(r.process_description, in, p) &&
+                        mcl::read_u32(denied, in, p);
+        r.process_id = static_cast<uint32_t>(pid);
+        r.type = denied;
+        return ok;
+    });
+}
+
+bool sim_injector::open() {
+    for (int attempt = 0; attempt < 10 && !pipe_; ++attempt) {
+        pipe_.reset(CreateFileW(vqr::sim::pipe_name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        if (!pipe_ && GetLastError() == ERROR_PIPE_BUSY) WaitNamedPipeW(vqr::sim::pipe_name, 1000);
+        else if (!pipe_) return false;
+    }
+    if (!pipe_) return false;
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    return SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr) != FALSE;
+}
+
+bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t pid, const std::wstring& file,
+                          uint32_t& delivered) {
+    mcl::binary_t request;
+    mcl::write_u32(request, vqr::sim::op::inject);
+    mcl::write_u32(request, type);
+    mcl::write_byte(request, major);
+    mcl::write_byte(request, minor);
+    mcl::write_u32(request, pid);
+    mcl::write_wstring(request, file);
+    mcl::binary_t answer;
+    if (!transact(request, answer)) return false;
+    uint32_t hr = 0, pos = 0;
+    return mcl::read_u32(hr, answer, pos) && mcl::read_u32(delivered, answer, pos) && hr == 0;
+}
+
+bool sim_injector::journal(std::string& json) {
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, vqr::sim::op::journal);
+    uint32_t pos = 0;
+    return transact(request, answer) && mcl::read_string(json, answer, pos);
+}
+
+bool sim_injector::transact(const mcl::binary_t& request, mcl::binary_t& answer) {
+    std::vector<uint8_t> in(vqr::sim::max_message);
+    DWORD bytes = 0;
+    if (!WriteFile(pipe_.get(), request.data(), request.size(), &bytes, nullptr) ||
+        !ReadFile(pipe_.get(), in.data(), static_cast<DWORD>(in.size()), &bytes, nullptr))
+        return false;
+    answer.assign(in.data(), bytes);
+    return true;
+}
+
+}  // namespace nv_test

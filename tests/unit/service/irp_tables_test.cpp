@@ -1,0 +1,267 @@
+#include "service/irp_tables.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "mcl/encoding.h"
+#include "service/driver_protocol.h"
+
+namespace {
+
+std::vector<uint8_t> notification(uint32_t type, const std::wstring& name) {
+    vqr::irp_notification n;
+    n.message_id = 77;
+    n.type = type;
+    n.major_function = 3;
+    n.minor_function = 1;
+    n.process_id = 0x1234;
+    n.file_name = name;
+    std::vector<uint8_t> out;
+    EXPECT_TRUE(vqr::build_notification(n, out));
+    return out;
+}
+
+TEST(IrpMessage, ReaderChecksHeaderAndNameTerminator) {
+    const std::wstring name = L"\\Device\\HarddiskVolume1\\data\\file.txt";
+    std::vector<uint8_t> full = notification(1, name);
+    std::vector<uint8_t> unterminated = full;
+    for (size_t i = 28; i < unterminated.size(); ++i) unterminated[i] = 'a';
+    const size_t name_end = 28 + 2 * name.size();  // where the terminator starts
+    struct {
+        const char* label;
+        std::vector<uint8_t> data;
+        size_t size;
+        irp::message_check want;
+    } cases[] = {
+        {"whole buffer", full, full.size(), irp::message_check::ok},
+        {"cut right after the terminator", full, name_end + 2, irp::message_check::ok},
+        {"cut inside the terminator", full, name_end + 1, irp::message_check::name_unterminated},
+        {"cut before the terminator", full, name_end, irp::message_check::name_unterminated},
+        {"no terminator in 552 bytes", unterminated, unterminated.size(), irp::message_check::name_unterminated},
+        {"fixed fields only", full, 28, irp::message_check::name_unterminated},
+        {"one byte short of the fixed fields", full, 27, irp::message_check::too_short},
+        {"filter header only", full, 16, irp::message_check::too_short},
+        {"nothing", full, 0, irp::message_check::too_short},
+        {"stop message needs no name", notification(0, L""), 28, irp::message_check::ok},
+        {"unknown type needs no name", unterminated, 28, irp::message_check::ok},
+    };
+    cases[9].data[28] = 'x';  // a stop message's name bytes are not looked at
+    cases[10].data[16] = 7;
+    for (const auto& c : cases) {
+        irp::message m;
+        EXPECT_EQ(c.want, irp::parse_message(c.data.data(), c.size, m)) << c.label;
+        if (c.want == irp::message_check::ok && m.type == 1) {
+            EXPECT_EQ(name, m.file_name) << c.label;
+            EXPECT_EQ(77u, m.id);
+            EXPECT_EQ(3, m.major_function);
+            EXPECT_EQ(1, m.minor_function);
+            EXPECT_EQ(0x1234u, m.process_id);
+        }
+    }
+}
+
+mcl::binary_t subscribe_payload(const std::string& subscriber, const std::string& event, const std::string& path) {
+    mcl::binary_t b;
+    mcl::write_byte(b, 0);
+    mcl::write_string(b, subscriber);
+    mcl::write_string(b, event);
+    mcl::write_string(b, path);
+    mcl::write_byte(b, 0xFF);
+    mcl::write_byte(b, 0xFF);
+    mcl::write_u32(b, 0);
+    return b;
+}
+
+TEST(IrpRequests, TruncatedAndOversizedPayloads) {
+    const mcl::binary_t good = subscribe_payload("sub", "Global\\ev", "c:\\a.txt");
+    irp::subscribe_request r;
+    ASSERT_EQ(irp::request_check::ok, irp::decode_subscribe(good, r));
+    EXPECT_EQ("sub", r.subscriber);
+    EXPECT_EQ("Global\\ev", r.event_name);
+    EXPECT_EQ("c:\\a.txt", r.file_path);
+    // Every cut of a good request is truncated.
+    for (uint32_t cut = 0; cut < good.size(); ++cut) {
+        mcl::binary_t part;
+        part.assign(good.data(), cut);
+        EXPECT_EQ(irp::request_check::truncated, irp::decode_subscribe(part, r)) << cut;
+    }
+    mcl::binary_t trailing = good;
+    mcl::write_byte(trailing, 0);
+    const std::string long_name(irp::max_name_bytes + 1, 'n');
+    const std::string long_path(irp::max_path_bytes + 1, 'p');
+    mcl::binary_t huge;
+    const std::vector<uint8_t> big(irp::max_subscribe_payload + 1, 'x');
+    huge.assign(big.data(), static_cast<uint32_t>(big.size()));
+    struct {
+        const char* label;
+        mcl::binary_t payload;
+    } oversized[] = {
+        {"a byte after the last field", trailing},
+        {"subscriber name too long", subscribe_payload(long_name, "e", "p")},
+        {"event name too long", subscribe_payload("s", long_name, "p")},
+        {"path too long", subscribe_payload("s", "e", long_path)},
+        {"larger than any request", huge},
+    };
+    for (const auto& c : oversized) EXPECT_EQ(irp::request_check::oversized, irp::decode_subscribe(c.payload, r)) << c.label;
+    EXPECT_EQ(irp::request_check::ok,
+              irp::decode_subscribe(subscribe_payload(std::string(irp::max_name_bytes, 'n'),
+                                                      std::string(irp::max_name_bytes, 'e'), std::string(irp::max_path_bytes, 'p')),
+                                    r));
+
+    std::string name;
+    mcl::binary_t q;
+    EXPECT_EQ(irp::request_check::truncated, irp::decode_query(q, name));
+    mcl::write_string(q, "sub");
+    EXPECT_EQ(irp::request_check::ok, irp::decode_query(q, name));
+    EXPECT_EQ("sub", name);
+    mcl::binary_t cut;
+    cut.assign(q.data(), 2);
+    EXPECT_EQ(irp::request_check::truncated, irp::decode_query(cut, name));
+    mcl::write_byte(q, 1);
+    EXPECT_EQ(irp::request_check::oversized, irp::decode_query(q, name));
+    mcl::binary_t long_query;
+    mcl::write_string(long_query, long_name);
+    EXPECT_EQ(irp::request_check::oversized, irp::decode_query(long_query, name));
+}
+
+irp::subscribe_request request(const std::string& sub, const std::string& path, uint8_t major, uint8_t minor,
+                               uint32_t type, bool remove = false) {
+    irp::subscribe_request r;
+    r.unsubscribe = remove;
+    r.subscriber = sub;
+    r.event_name = "Global\\" + sub;
+    r.file_path = path;
+    r.what = {major, minor, type};
+    return r;
+}
+
+TEST(IrpTables, SubscribeAddsCoversAndRemovesFilters) {
+    using o = irp::subscribe_outcome;
+    irp::tables t;
+    struct {
+        const char* label;
+        irp::subscribe_request r;
+        o want;
+    } steps[] = {
+        {"removing from an unknown subscriber", request("a", "c:\\f", 3, 0, 1, true), o::unchanged},
+        {"new subscriber", request("a", "c:\\f", 0xFF, 0xFF, 0), o::added},
+        {"covered by the any filter", request("a", "c:\\f", 3, 0, 1), o::unchanged},
+        {"removing a filter that is not there", request("a", "c:\\f", 3, 0, 1, true), o::unchanged},
+        {"new file", request("a", "c:\\g", 3, 0, 1), o::added},
+        {"same filter again", request("a", "c:\\g", 3, 0, 1), o::unchanged},
+        {"another minor", request("a", "c:\\g", 3, 2, 1), o::added},
+        {"a wider filter is appended", request("a", "c:\\g", 3, 0xFF, 0), o::added},
+        {"removing from an unknown file", request("a", "c:\\h", 3, 0, 1, true), o::unchanged},
+        {"removing the equal filter", request("a", "c:\\g", 3, 0, 1, true), o::removed},
+        {"removing it twice", request("a", "c:\\g", 3, 0, 1, true), o::unchanged},
+        {"the emptied entry stays", request("a", "c:\\f", 0xFF, 0xFF, 0, true), o::removed},
+        {"and takes a filter again", request("a", "c:\\f", 5, 5, 1), o::added},
+    };
+    for (const auto& s : steps) EXPECT_EQ(s.want, t.subscribe(s.r)) << s.label;
+    // Filters of c:\g now: {3,2,1} and {3,0xFF,0}.
+    EXPECT_EQ(1u, t.choose("c:\\g", 3, 9).size());
+    EXPECT_EQ(0u, t.choose("c:\\g", 4, 2).size());
+    EXPECT_EQ(0u, t.choose("c:\\f", 3, 0).size());
+    EXPECT_EQ(1u, t.choose("c:\\f", 5, 5).size());
+}
+
+TEST(IrpTables, ChooseFallsBackToAnyFileOncePerSubscriber) {
+    irp::tables t;
+    ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("b", irp::any_file, 0xFF, 0xFF, 0)));
+    ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("a", "c:\\f", 3, 0xFF, 1)));
+    ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("a", "c:\\f", 0xFF, 0xFF, 0)));
+    ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("a", irp::any_file, 7, 7, 0)));
+    ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("c", "c:\\other", 0xFF, 0xFF, 0)));
+    auto chosen = t.choose("c:\\f", 3, 0);
+    ASSERT_EQ(2u, chosen.size());
+    EXPECT_EQ("a", chosen[0]->subscriber);  // name order, each once
+    EXPECT_EQ("b", chosen[1]->subscriber);
+    // a has an entry for c:\f, so its any-file entry is not consulted.
+    chosen = t.choose("c:\\g", 3, 0);
+    ASSERT_EQ(1u, chosen.size());
+    EXPECT_EQ("b", chosen[0]->subscriber);
+    EXPECT_EQ(2u, t.choose("", 7, 7).size());  // a name that matched no volume reaches any-file subscribers
+}
+
+TEST(IrpTables, TableSizeIsBounded) {
+    irp::tables t;
+    for (size_t i = 0; i < irp::max_subscribers; ++i)
+        ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("s" + std::to_string(i), "p", 1, 1, 1)));
+    EXPECT_EQ(irp::subscribe_outcome::refused_full, t.subscribe(request("one more", "p", 1, 1, 1)));
+    for (size_t i = 1; i < irp::max_files_per_subscriber; ++i)
+        ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("s0", "p" + std::to_string(i), 1, 1, 1)));
+    EXPECT_EQ(irp::subscribe_outcome::refused_full, t.subscribe(request("s0", "one more", 1, 1, 1)));
+    for (uint8_t i = 2; i <= irp::max_filters_per_file; ++i)
+        ASSERT_EQ(irp::subscribe_outcome::added, t.subscribe(request("s1", "p", i, 1, 1)));
+    EXPECT_EQ(irp::subscribe_outcome::refused_full, t.subscribe(request("s1", "p", 0xFE, 1, 1)));
+}
+
+irp::record rec(uint64_t sequence, uint64_t time) {
+    irp::record r;
+    r.sequence = sequence;
+    r.time = time;
+    r.file_path = "c:\\f";
+    return r;
+}
+
+TEST(IrpTables, RecordsAreCollectedOnceAndSequencesStayUnique) {
+    irp::tables t;
+    uint64_t counter = 1;
+    EXPECT_EQ(0u, t.store("a", rec(0, 10), counter).sequence);
+    EXPECT_EQ(1u, t.store("b", rec(0, 10), counter).sequence) << "a second subscriber takes the counter";
+    EXPECT_EQ(2u, counter);
+    auto a = t.collect("a");
+    ASSERT_EQ(1u, a.size());
+    EXPECT_EQ(0u, a[0].sequence);
+    EXPECT_TRUE(t.collect("a").empty());
+    auto b = t.collect("b");
+    ASSERT_EQ(1u, b.size());
+    EXPECT_EQ(1u, b[0].sequence);
+    EXPECT_EQ(2u, t.stored()) << "collected records stay until they expire";
+    EXPECT_TRUE(t.collect("nobody").empty());
+}
+
+TEST(IrpTables, PurgeRemovesRecordsOlderThan300Seconds) {
+    irp::tables t;
+    uint64_t counter = 100;
+    const uint64_t now = 50000000000ULL;
+    t.store("a", rec(1, now - irp::record_lifetime - 1), counter);  // just over 300 s
+    t.store("a", rec(2, now - irp::record_lifetime), counter);      // exactly 300 s: kept
+    t.store("a", rec(3, now), counter);
+    t.store("a", rec(4, now + 5), counter);  // the clock went back: kept
+    t.purge(now);
+    auto got = t.collect("a");
+    ASSERT_EQ(3u, got.size());
+    EXPECT_EQ(2u, got[0].sequence);
+    t.purge(now + irp::record_lifetime + 6);
+    EXPECT_EQ(0u, t.stored());
+    EXPECT_EQ(0u, t.held_by("a"));
+}
+
+TEST(IrpTables, EachSubscriberHoldsAtMostTheBoundOldestDroppedFirst) {
+    irp::tables t;
+    uint64_t counter = 0;
+    int bursts = 0;
+    const size_t extra = 25;
+    for (uint64_t i = 0; i < irp::max_records_per_subscriber + extra; ++i) {
+        if (t.store("a", rec(counter++, 1000 + i), counter).drops_started) ++bursts;
+        t.store("b", rec(counter++, 1000 + i), counter);
+    }
+    EXPECT_EQ(1, bursts) << "one report per burst";
+    EXPECT_EQ(irp::max_records_per_subscriber, t.held_by("a"));
+    auto a = t.collect("a");
+    ASSERT_EQ(irp::max_records_per_subscriber, a.size());
+    EXPECT_EQ(2 * extra, a.front().sequence) << "the oldest went first";
+    EXPECT_EQ(2 * (irp::max_records_per_subscriber + extra - 1), a.back().sequence);
+    EXPECT_EQ(irp::max_records_per_subscriber, t.collect("b").size()) << "b's records are b's alone";
+    // After collecting, the next drop is a new burst.
+    EXPECT_TRUE(t.store("a", rec(counter++, 99999), counter).drops_started);
+    EXPECT_FALSE(t.store("a", rec(counter++, 99999), counter).drops_started);
+    t.clear_store();
+    EXPECT_EQ(0u, t.stored());
+    EXPECT_TRUE(t.collect("a").empty());
+}
+
+}  // namespace
