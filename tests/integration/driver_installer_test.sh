@@ -338,7 +338,7 @@ expect "service install" 0 "Installing halvern service..."
 new_log
 run "$exe" -s start
 expect "service start" 0 ""
-for _ in $(seq 1 100); do
+for _ in $(seq 1 300); do  # up to a minute on a loaded machine
     logged "VQRMonitor Driver Version" && break
     sleep 0.2
 done
