@@ -70,7 +70,7 @@ bool safe_fwrite(const void* data, size_t size, FILE* file) {
 
 compress_result compress_file_internal(FILE* in, FILE* out, archive_header& header, LZ4F_compressionContext_t context,
                                        unsigned char* src, size_t src_capacity, unsigned char* dst,
-                                       size_t dst_capacity) {
+                                       size_t dst_capacity, piece_observer* observer) {
     compress_result result;
     const LZ4F_preferences_t prefs = archive_preferences();
     const size_t header_size = LZ4F_compressBegin(context, dst, dst_capacity, &prefs);
@@ -87,6 +87,7 @@ compress_result compress_file_internal(FILE* in, FILE* out, archive_header& head
         const size_t got = fread(src, 1, src_capacity, in);
         if (got == 0) break;
         result.size_in += got;
+        if (observer != nullptr) observer->seen(src, got);
         const size_t produced = LZ4F_compressUpdate(context, dst, dst_capacity, src, got, nullptr);
         if (LZ4F_isError(produced)) {
             NV_LOG("compress_file_internal", "Compression failed: error %zu\n", produced);
@@ -109,7 +110,7 @@ compress_result compress_file_internal(FILE* in, FILE* out, archive_header& head
     return result;
 }
 
-compress_result compress_file(FILE* in, FILE* out, archive_header& header) {
+compress_result compress_file(FILE* in, FILE* out, archive_header& header, piece_observer* observer) {
     const LZ4F_preferences_t prefs = archive_preferences();
     LZ4F_compressionContext_t context = nullptr;
     const size_t created = LZ4F_createCompressionContext(&context, LZ4F_VERSION);
@@ -121,7 +122,7 @@ compress_result compress_file(FILE* in, FILE* out, archive_header& header) {
     if (LZ4F_isError(created) || context == nullptr || src == nullptr || dst == nullptr) {
         NV_LOG("compress_file", "error : ressource allocation failed \n");
     } else {
-        result = compress_file_internal(in, out, header, context, src, archive_io_size, dst, dst_capacity);
+        result = compress_file_internal(in, out, header, context, src, archive_io_size, dst, dst_capacity, observer);
     }
     LZ4F_freeCompressionContext(context);
     free(src);
@@ -144,6 +145,30 @@ size_t get_block_size(const LZ4F_frameInfo_t* info) {
         NV_LOG("get_block_size", "Impossible with expected frame specification (<=v1.6.1)\n");
         return 0;
     }
+}
+
+bool check_frame_descriptor(FILE* in) {
+    const long at = ftell(in);
+    unsigned char head[LZ4F_HEADER_SIZE_MAX];
+    size_t size = fread(head, 1, sizeof(head), in);
+    if (at < 0 || fseek(in, at, SEEK_SET) != 0) {
+        NV_LOG("check_frame_descriptor", "Failed to read the frame descriptor\n");
+        return false;
+    }
+    LZ4F_dctx* context = nullptr;
+    if (LZ4F_isError(LZ4F_createDecompressionContext(&context, LZ4F_VERSION))) {
+        NV_LOG("check_frame_descriptor", "LZ4F_dctx creation failed\n");
+        return false;
+    }
+    LZ4F_frameInfo_t info;
+    memset(&info, 0, sizeof(info));
+    const size_t hint = LZ4F_getFrameInfo(context, &info, head, &size);
+    LZ4F_freeDecompressionContext(context);
+    if (LZ4F_isError(hint)) {
+        NV_LOG("check_frame_descriptor", "Invalid frame descriptor: %s\n", LZ4F_getErrorName(hint));
+        return false;
+    }
+    return get_block_size(&info) != 0;
 }
 
 namespace {

@@ -34,16 +34,28 @@ private:
     FILE* file_;
 };
 
+// Sees each piece of the input exactly as it goes to the compressor.
+class piece_observer {
+public:
+    virtual ~piece_observer() = default;
+    virtual void seen(const unsigned char* data, size_t size) = 0;
+};
+
 // Writes `size` bytes with one fwrite; false (logged "Write failed" or "Short write") when
 // fewer were written.
 bool safe_fwrite(const void* data, size_t size, FILE* file);
 
 // Streams `in` into `out` as one LZ4 frame whose first non-empty output after the frame header
-// is encrypted; fills decrypt_length and encryption_length of `header`.
-compress_result compress_file(FILE* in, FILE* out, archive_header& header);
+// is encrypted; fills decrypt_length and encryption_length of `header`. `observer`, when
+// given, sees every piece read from `in` before it is compressed.
+compress_result compress_file(FILE* in, FILE* out, archive_header& header, piece_observer* observer = nullptr);
 compress_result compress_file_internal(FILE* in, FILE* out, archive_header& header, LZ4F_compressionContext_t context,
                                        unsigned char* src, size_t src_capacity, unsigned char* dst,
-                                       size_t dst_capacity);
+                                       size_t dst_capacity, piece_observer* observer = nullptr);
+
+// Reads the frame descriptor at the position of `in` and puts the position back. False (logged)
+// when it cannot be read or is not one the decompressor takes.
+bool check_frame_descriptor(FILE* in);
 
 // `in` stands at data_offset. 0 when the whole frame was decoded and nothing follows it,
 // else 1 with one log line. Chunk lengths beyond what a writer produces are refused before

@@ -46,7 +46,6 @@ struct archive_header {
 
 void encode_archive_header(const archive_header& header, unsigned char (&bytes)[archive_header_size]);
 archive_header decode_archive_header(const unsigned char (&bytes)[archive_header_size]);
-void put_u32_le(uint32_t value, unsigned char* bytes);
 
 // Whether the two chunk lengths describe a chunk a writer could have produced: no longer than
 // the cap, whole cipher blocks, and the plain length within the stored one.

@@ -1,13 +1,24 @@
 #include "quarantine/file_archive.h"
 
 #include <chrono>
+#include <condition_variable>
+#include <cstring>
+#include <deque>
+#include <mutex>
 #include <system_error>
 #include <thread>
-#include <cstring>
 #include <vector>
 
+#ifdef _WIN32
+#include <io.h>
+#include <windows.h>
+#else
+#include <unistd.h>
+#endif
+
 #include "app/log.h"
-#include "quarantine/sha256.h"
+#include "mcl/endian.h"
+#include "mcl/file.h"
 
 namespace {
 
@@ -18,12 +29,13 @@ uint64_t now_unix_milliseconds() {
 
 bool write_u32_at(FILE* file, long offset, uint32_t value) {
     unsigned char bytes[4];
-    put_u32_le(value, bytes);
+    mcl::store_u32_le(bytes, value);
     return fseek(file, offset, SEEK_SET) == 0 && fwrite(bytes, 1, sizeof(bytes), file) == sizeof(bytes);
 }
 
 // Runs the steps after both files are open; false when any of them failed (each logged).
-bool write_archive(FILE* source, FILE* archive, const char* source_path, archive_header& header) {
+bool write_archive(FILE* source, FILE* archive, const char* source_path, archive_header& header,
+                   piece_observer& observer) {
     unsigned char bytes[archive_header_size];
     encode_archive_header(header, bytes);
     if (fwrite(bytes, 1, sizeof(bytes), archive) != sizeof(bytes)) {
@@ -35,7 +47,7 @@ bool write_archive(FILE* source, FILE* archive, const char* source_path, archive
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to write original file path\n");
         return false;
     }
-    const compress_result result = compress_file(source, archive, header);
+    const compress_result result = compress_file(source, archive, header, &observer);
     if (result.error != 0) return false;
     if (!write_u32_at(archive, archive_decrypt_length_offset, header.decrypt_length)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to update decrypt length\n");
@@ -48,42 +60,99 @@ bool write_archive(FILE* source, FILE* archive, const char* source_path, archive
     return true;
 }
 
-// The digest of an open source, computed on its own thread (or inline when no thread can be
-// started). result() waits for it; the destructor too, so the stream is never left behind.
-class digest_job {
+// The digest of the pieces the compressor reads, computed on a thread of its own (or inline
+// when no thread can be started). At most four pieces wait for it, so memory does not grow
+// with the file; finish() waits for the last one, and so does the destructor.
+class piece_digest : public piece_observer {
 public:
-    digest_job(FILE* file, const char* path) : file_(file), path_(path) {
+    piece_digest() {
+        ok_ = hasher_.begin();
         try {
             worker_ = std::thread([this] { run(); });
         } catch (const std::system_error&) {
-            run();
         }
     }
-    ~digest_job() { wait(); }
-    digest_job(const digest_job&) = delete;
-    digest_job& operator=(const digest_job&) = delete;
+    ~piece_digest() override { stop(); }
+    piece_digest(const piece_digest&) = delete;
+    piece_digest& operator=(const piece_digest&) = delete;
 
-    const mcl::binary_t& result() {
-        wait();
-        return digest_;
+    void seen(const unsigned char* data, size_t size) override {
+        if (!worker_.joinable()) {
+            if (ok_) ok_ = hasher_.update(data, size);
+            return;
+        }
+        std::unique_lock<std::mutex> hold(lock_);
+        changed_.wait(hold, [this] { return pieces_.size() < max_waiting; });
+        pieces_.emplace_back(data, data + size);
+        changed_.notify_all();
+    }
+
+    // The digest of every piece seen; false when hashing failed.
+    bool finish(mcl::binary_t& digest) {
+        stop();
+        digest.clear();
+        return ok_ && hasher_.finish(digest);
     }
 
 private:
+    static constexpr size_t max_waiting = 4;
+
     void run() {
-        mcl::binary_t scratch;
-        digest_ = sha256_of_stream(file_, path_, scratch);
+        std::unique_lock<std::mutex> hold(lock_);
+        for (;;) {
+            changed_.wait(hold, [this] { return !pieces_.empty() || done_; });
+            if (pieces_.empty()) return;
+            std::vector<unsigned char> piece = std::move(pieces_.front());
+            pieces_.pop_front();
+            changed_.notify_all();
+            hold.unlock();
+            if (ok_) ok_ = hasher_.update(piece.data(), piece.size());
+            hold.lock();
+        }
     }
-    void wait() {
+    void stop() {
+        {
+            std::lock_guard<std::mutex> hold(lock_);
+            done_ = true;
+        }
+        changed_.notify_all();
         if (worker_.joinable()) worker_.join();
     }
 
-    FILE* file_;
-    const char* path_;
-    mcl::binary_t digest_;
+    sha256_hasher hasher_;
+    bool ok_ = false;  // written by the worker while it runs, read after the join
+    std::mutex lock_;
+    std::condition_variable changed_;
+    std::deque<std::vector<unsigned char>> pieces_;
+    bool done_ = false;
     std::thread worker_;
 };
 
 }  // namespace
+
+bool digest_sink::write(const unsigned char* data, size_t size) {
+    if (ok_) ok_ = hasher_.update(data, size);
+    if (file_ != nullptr && !safe_fwrite(data, size, file_)) write_failed_ = true;
+    return ok_ && !write_failed_;
+}
+
+bool flush_and_close(mcl::unique_file file) {
+    bool ok = fflush(file.get()) == 0;
+#ifdef _WIN32
+    ok = ok && _commit(_fileno(file.get())) == 0;
+#else
+    ok = ok && fsync(fileno(file.get())) == 0;
+#endif
+    return fclose(file.release()) == 0 && ok;
+}
+
+bool replace_file(const char* from, const char* to) {
+#ifdef _WIN32
+    return MoveFileExA(from, to, MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH) != FALSE;
+#else
+    return std::rename(from, to) == 0;
+#endif
+}
 
 bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const char* archive_path) {
     const size_t path_length = strlen(source_path);
@@ -95,39 +164,42 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
     header.data_offset = static_cast<uint32_t>(archive_header_size + path_length + 1);
     header.archive_time = now_unix_milliseconds();
 
-    // The digest and the compression each read the whole source. The digest runs on a second
-    // thread while the frame is written, so archiving costs about the longer of the two
-    // instead of their sum; its value goes into the header at the end. The source is opened
-    // for the digest first, so a source that cannot be read still leaves no archive behind.
-    FILE* hashed = open_for_sha256(source_path);
-    if (hashed == nullptr) {
-        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to calculate sha256 hash of the file <%s> \n",
-               source_path);
+    mcl::unique_file source = mcl::open_file(source_path, "rb");
+    if (!source) {
+        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to open the source file <%s>\n", source_path);
         return false;
     }
-    digest_job digest(hashed, source_path);
-
-    FILE* source = fopen(source_path, "rb");
-    FILE* archive = source != nullptr ? fopen(archive_path, "wb") : nullptr;
-    if (archive == nullptr) {
-        if (source != nullptr) fclose(source);
+    const std::string partial = std::string(archive_path) + ".partial";
+    mcl::unique_file archive = mcl::open_file(partial.c_str(), "wb");
+    if (!archive) {
+        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to create <%s>\n", partial.c_str());
         return false;
     }
     NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Archiving : %s -> %s\n", source_path, archive_path);
-    bool ok = write_archive(source, archive, source_path, header);
-    fclose(source);
-    const mcl::binary_t& content_hash = digest.result();
-    if (ok && content_hash.size() != archive_hash_size) {
+    // The digest runs on a second thread over the very pieces the compressor reads, so
+    // archiving costs about the longer of the two, and the recorded digest is that of what the
+    // archive holds even when the source changes meanwhile.
+    piece_digest digest;
+    bool ok = write_archive(source.get(), archive.get(), source_path, header, digest);
+    source.reset();
+    mcl::binary_t content_hash;
+    if (ok && (!digest.finish(content_hash) || content_hash.size() != archive_hash_size)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to calculate sha256 hash of the file <%s> \n",
                source_path);
         ok = false;
-    } else if (ok && (fseek(archive, archive_hash_offset, SEEK_SET) != 0 ||
-                      fwrite(content_hash.data(), 1, archive_hash_size, archive) != archive_hash_size)) {
+    } else if (ok && (fseek(archive.get(), archive_hash_offset, SEEK_SET) != 0 ||
+                      fwrite(content_hash.data(), 1, archive_hash_size, archive.get()) != archive_hash_size)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to write archive header\n");
         ok = false;
     }
-    if (fclose(archive) != 0) ok = false;
+    if (!flush_and_close(std::move(archive))) ok = false;
+    if (ok && !replace_file(partial.c_str(), archive_path)) {
+        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to rename <%s> to <%s>\n", partial.c_str(),
+               archive_path);
+        ok = false;
+    }
     if (!ok) {
+        std::remove(partial.c_str());
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "compress : failed with code %i\n", 1);
         return false;
     }
@@ -142,8 +214,7 @@ bool NVFileArchive::read_archive_info(FILE* archive, archive_info& info) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to read the archive header\n");
         return false;
     }
-    const uint32_t data_offset = uint32_t{first[0]} | (uint32_t{first[1]} << 8) | (uint32_t{first[2]} << 16) |
-                                 (uint32_t{first[3]} << 24);
+    const uint32_t data_offset = mcl::load_u32_le(first);
     if (data_offset <= archive_header_size || data_offset > archive_max_data_offset) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Invalid archive header: data offset %u\n", data_offset);
         return false;
@@ -170,36 +241,45 @@ bool NVFileArchive::read_archive_info(FILE* archive, archive_info& info) {
 }
 
 bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path) {
-    FILE* archive = fopen(archive_path, "rb");
-    if (archive == nullptr) return false;
+    mcl::unique_file archive = mcl::open_file(archive_path, "rb");
+    if (!archive) return false;
     archive_info info;
-    if (!read_archive_info(archive, info)) {
-        fclose(archive);
+    if (!read_archive_info(archive.get(), info)) return false;
+    // Everything that can be checked without decoding is checked before anything is written.
+    if (!archive_chunk_lengths_valid(info.header)) {
+        NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Invalid encrypted chunk: decrypt length %u, encryption length %u\n",
+               info.header.decrypt_length, info.header.encryption_length);
         return false;
     }
+    if (!check_frame_descriptor(archive.get())) return false;
     NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restoring : %s -> %s\n", archive_path, info.path.c_str());
-    FILE* restored = fopen(info.path.c_str(), "wb");
-    if (restored == nullptr) {
-        NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to open the restored file <%s>\n", info.path.c_str());
-        fclose(archive);
+    const std::string partial = info.path + ".restoring";
+    mcl::unique_file restored = mcl::open_file(partial.c_str(), "wb");
+    if (!restored) {
+        NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to open the restored file <%s>\n", partial.c_str());
         return false;
     }
-    int result = decompress_file(archive, restored, info.header);
-    fclose(archive);
-    if (fclose(restored) != 0 && result == 0) result = 1;
+    digest_sink sink(restored.get());
+    int result = decompress_file(archive.get(), sink, info.header);
+    archive.reset();
+    if (!flush_and_close(std::move(restored)) || sink.write_failed()) result = 1;
+    mcl::binary_t digest;
+    bool ok = false;
     if (result != 0) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restore : failed with code %i\n", result);
-        return false;
-    }
-    mcl::binary_t scratch;
-    const mcl::binary_t digest = compute_sha256(info.path.c_str(), scratch);
-    if (digest.size() != archive_hash_size) {
+    } else if (!sink.finish(digest) || digest.size() != archive_hash_size) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to calculate sha256 hash of the file <%s> \n",
                info.path.c_str());
-        return false;
-    }
-    if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
+    } else if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "The hash of restored file is not matched\n");
+    } else if (!replace_file(partial.c_str(), info.path.c_str())) {
+        NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to rename <%s> to <%s>\n", partial.c_str(),
+               info.path.c_str());
+    } else {
+        ok = true;
+    }
+    if (!ok) {
+        std::remove(partial.c_str());
         return false;
     }
     NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restore : done\n");

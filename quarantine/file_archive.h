@@ -3,14 +3,18 @@
 // recorded SHA-256 digest.
 //
 // Stateless; any thread (the quarantine runs them on the request thread). Paths are narrow
-// strings in the ANSI code page. Neither operation deletes anything it wrote when it fails.
+// strings in the ANSI code page. Both operations write under a temporary name beside their
+// destination and rename it into place only when everything succeeded: a failure leaves what
+// was at the destination as it was, and no partial file.
 #pragma once
 
 #include <cstdio>
 #include <string>
 
+#include "mcl/file.h"
 #include "quarantine/archive_codec.h"
 #include "quarantine/archive_format.h"
+#include "quarantine/sha256.h"
 
 // What the start of an archive says: its header and the recorded path.
 struct archive_info {
@@ -18,15 +22,37 @@ struct archive_info {
     std::string path;
 };
 
+// Hashes decoded content on its way to an optional file.
+class digest_sink : public byte_sink {
+public:
+    explicit digest_sink(FILE* file) : file_(file) { ok_ = hasher_.begin(); }
+    bool write(const unsigned char* data, size_t size) override;
+    // The digest of everything written; false when hashing failed.
+    bool finish(mcl::binary_t& digest) { return ok_ && hasher_.finish(digest); }
+    bool write_failed() const { return write_failed_; }
+
+private:
+    FILE* file_;
+    sha256_hasher hasher_;
+    bool ok_ = false;
+    bool write_failed_ = false;
+};
+
+// Flushes `file` to the disk and closes it; false when either failed.
+bool flush_and_close(mcl::unique_file file);
+// Renames `from` to `to`, replacing what `to` names.
+bool replace_file(const char* from, const char* to);
+
 class NVFileArchive {
 public:
-    // Creates or overwrites `archive_path` with the archive of `source_path`. No file is
-    // created when the source cannot be hashed; a failure after that leaves the partial archive.
+    // Creates or replaces `archive_path` with the archive of `source_path`. The digest covers
+    // exactly the bytes that were compressed, so a source that changes meanwhile still gives an
+    // archive that restores to what it recorded.
     static bool NVFileArchive_archiveFile(const char* source_path, const char* archive_path);
 
-    // Writes the content to the path recorded in the archive (creating or truncating it) and
-    // accepts it only when its digest matches. A failure after the restored file was opened
-    // leaves it in place.
+    // Checks the header, the chunk lengths and the frame descriptor, then writes the content
+    // beside the path recorded in the archive and replaces that path with it only when its
+    // digest matches.
     static bool NVFileArchive_restoreFile(const char* archive_path);
 
     // Reads the header and the recorded path from an archive open at its start and leaves the

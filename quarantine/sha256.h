@@ -30,7 +30,6 @@ public:
 private:
     void release();
 
-    uintptr_t provider_ = 0;
     uintptr_t hash_ = 0;
 };
 
@@ -41,9 +40,3 @@ constexpr uint32_t sha256_piece_size = 64 * 1024;
 // The 32-byte digest of the file's content, or an empty buffer (and one log line) when the
 // file cannot be opened or read or the provider fails.
 mcl::binary_t compute_sha256(const char* path, mcl::binary_t& scratch);
-
-// The two halves of compute_sha256, for a caller that opens the file on one thread and hashes
-// it on another: the open ("rb", logged on failure, null then) and the digest of an open
-// stream, which it closes.
-FILE* open_for_sha256(const char* path);
-mcl::binary_t sha256_of_stream(FILE* file, const char* path, mcl::binary_t& scratch);

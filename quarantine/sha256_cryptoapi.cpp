@@ -5,8 +5,10 @@
 #include <wincrypt.h>
 
 #include <mutex>
+#include <vector>
 
 #include "app/log.h"
+#include "mcl/mswin/crypto.h"
 
 namespace {
 
@@ -19,15 +21,14 @@ HCRYPTPROV shared_provider = 0;
 HCRYPTPROV acquire_shared_provider() {
     std::lock_guard<std::mutex> hold(provider_lock);
     if (shared_provider != 0) return shared_provider;
-    HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextA(&provider, /*container=*/nullptr, /*provider_name=*/nullptr, PROV_RSA_AES,
-                              CRYPT_VERIFYCONTEXT)) {
+    mcl::mswin::unique_crypt_prov provider = mcl::mswin::acquire_verify_context();
+    if (!provider) {
         const DWORD err = GetLastError();
         NV_LOG("sha256_hasher::begin", "CryptAcquireContext failed: error %lu\n", static_cast<unsigned long>(err));
         return 0;  // tried again by the next digest
     }
-    shared_provider = provider;
-    return provider;
+    shared_provider = provider.release();
+    return shared_provider;
 }
 
 }  // namespace
@@ -35,61 +36,41 @@ HCRYPTPROV acquire_shared_provider() {
 sha256_hasher::~sha256_hasher() { release(); }
 
 void sha256_hasher::release() {
-    if (hash_ != 0) CryptDestroyHash(static_cast<HCRYPTHASH>(hash_));
+    mcl::mswin::unique_crypt_hash(static_cast<HCRYPTHASH>(hash_)).reset();
     hash_ = 0;
-    provider_ = 0;
 }
 
 bool sha256_hasher::begin() {
     release();
     const HCRYPTPROV provider = acquire_shared_provider();
     if (provider == 0) return false;
-    provider_ = provider;
-    HCRYPTHASH hash = 0;
-    if (!CryptCreateHash(provider, CALG_SHA_256, /*key=*/0, /*flags=*/0, &hash)) {
+    mcl::mswin::unique_crypt_hash hash = mcl::mswin::create_hash(provider, CALG_SHA_256);
+    if (!hash) {
         const DWORD err = GetLastError();
         NV_LOG("sha256_hasher::begin", "CryptCreateHash failed: error %lu\n", static_cast<unsigned long>(err));
-        release();
         return false;
     }
-    hash_ = hash;
+    hash_ = hash.release();
     return true;
 }
 
 bool sha256_hasher::update(const unsigned char* data, size_t size) {
-    while (size != 0) {
-        const DWORD piece = size > 0x40000000 ? 0x40000000 : static_cast<DWORD>(size);
-        if (!CryptHashData(static_cast<HCRYPTHASH>(hash_), data, piece, 0)) {
-            const DWORD err = GetLastError();
-            NV_LOG("sha256_hasher::update", "CryptHashData failed: error %lu\n", static_cast<unsigned long>(err));
-            return false;
-        }
-        data += piece;
-        size -= piece;
-    }
-    return true;
+    if (mcl::mswin::hash_bytes(static_cast<HCRYPTHASH>(hash_), data, size)) return true;
+    const DWORD err = GetLastError();
+    NV_LOG("sha256_hasher::update", "CryptHashData failed: error %lu\n", static_cast<unsigned long>(err));
+    return false;
 }
 
 bool sha256_hasher::finish(mcl::binary_t& digest) {
     digest.clear();
-    DWORD hash_size = 0;
-    DWORD length = sizeof(hash_size);
-    if (!CryptGetHashParam(static_cast<HCRYPTHASH>(hash_), HP_HASHSIZE, reinterpret_cast<BYTE*>(&hash_size), &length, 0) ||
-        hash_size != digest_size) {
-        const DWORD err = GetLastError();
-        NV_LOG("sha256_hasher::finish", "CryptGetHashParam(HP_HASHSIZE) failed: error %lu\n", static_cast<unsigned long>(err));
-        release();
-        return false;
-    }
-    unsigned char value[digest_size];
-    length = digest_size;
-    if (!CryptGetHashParam(static_cast<HCRYPTHASH>(hash_), HP_HASHVAL, value, &length, 0) || length != digest_size) {
-        const DWORD err = GetLastError();
-        NV_LOG("sha256_hasher::finish", "CryptGetHashParam(HP_HASHVAL) failed: error %lu\n", static_cast<unsigned long>(err));
-        release();
-        return false;
-    }
+    std::vector<unsigned char> value;
+    const bool ok = mcl::mswin::hash_value(static_cast<HCRYPTHASH>(hash_), value) && value.size() == digest_size;
+    const DWORD err = GetLastError();
     release();
-    digest.assign(value, digest_size);
+    if (!ok) {
+        NV_LOG("sha256_hasher::finish", "CryptGetHashParam failed: error %lu\n", static_cast<unsigned long>(err));
+        return false;
+    }
+    digest.assign(value.data(), digest_size);
     return true;
 }

@@ -14,7 +14,6 @@ sha256_hasher::~sha256_hasher() { release(); }
 void sha256_hasher::release() {
     if (hash_ != 0) EVP_MD_CTX_free(context_of(hash_));
     hash_ = 0;
-    provider_ = 0;
 }
 
 bool sha256_hasher::begin() {

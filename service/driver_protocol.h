@@ -13,6 +13,9 @@
 #include <string>
 #include <vector>
 
+#include "mcl/endian.h"
+#include "service/driver_hresults.h"
+
 namespace vqr {
 
 // Filter Manager names.
@@ -55,13 +58,6 @@ inline bool is_remove_all_code(uint32_t c) {
     return c == code::unprotect_process || c == code::unprotect_folder || c == code::unprotect_regkey;
 }
 
-// HRESULTs the service acts on (kept as int32_t so that this header needs no <windows.h>).
-inline constexpr int32_t hr_ok = 0;
-inline constexpr int32_t hr_not_found = static_cast<int32_t>(0x80070002);  // port not served: driver not loaded
-inline constexpr int32_t hr_unloaded = static_cast<int32_t>(0x80070006);   // the driver went away
-inline constexpr int32_t hr_aborted = static_cast<int32_t>(0x800703E3);    // a blocking wait was cancelled
-inline constexpr int32_t hr_invalid_parameter = static_cast<int32_t>(0x80070057);
-
 // Command message: u32 code, u32 length = 2n + 2, n UTF-16 units and a 0000 unit.
 inline constexpr size_t message_header_size = 8;
 // Feature switch: u32 feature, u32 length 0, byte on.
@@ -69,23 +65,10 @@ inline constexpr size_t feature_message_size = 9;
 
 inline size_t command_message_size(size_t text_units) { return 2 * text_units + 10; }
 
-inline void put_u32(uint8_t* p, uint32_t v) {
-    p[0] = static_cast<uint8_t>(v);
-    p[1] = static_cast<uint8_t>(v >> 8);
-    p[2] = static_cast<uint8_t>(v >> 16);
-    p[3] = static_cast<uint8_t>(v >> 24);
-}
-inline uint32_t get_u32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
-           static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
-}
-inline void put_u64(uint8_t* p, uint64_t v) {
-    put_u32(p, static_cast<uint32_t>(v));
-    put_u32(p + 4, static_cast<uint32_t>(v >> 32));
-}
-inline uint64_t get_u64(const uint8_t* p) {
-    return static_cast<uint64_t>(get_u32(p)) | static_cast<uint64_t>(get_u32(p + 4)) << 32;
-}
+inline void put_u32(uint8_t* p, uint32_t v) { mcl::store_u32_le(p, v); }
+inline uint32_t get_u32(const uint8_t* p) { return mcl::load_u32_le(p); }
+inline void put_u64(uint8_t* p, uint64_t v) { mcl::store_u64_le(p, v); }
+inline uint64_t get_u64(const uint8_t* p) { return mcl::load_u64_le(p); }
 
 inline std::vector<uint8_t> build_command(uint32_t command, const std::wstring& text) {
     std::vector<uint8_t> out(command_message_size(text.size()), 0);

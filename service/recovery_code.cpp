@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "app/log.h"
+#include "mcl/mswin/crypto.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/recovery_key.h"
 
@@ -36,23 +37,17 @@ bool from_hex(const std::string& text, std::vector<BYTE>& bytes) {
 
 bool verify_signature(const std::string& message, const std::vector<BYTE>& signature, const unsigned char* key,
                       size_t key_size) {
-    HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextW(&provider, nullptr, nullptr, PROV_RSA_AES, CRYPT_VERIFYCONTEXT)) {
+    const mcl::mswin::unique_crypt_prov provider = mcl::mswin::acquire_verify_context();
+    if (!provider) {
         NV_LOG("nv::verify_recovery_code", "CryptAcquireContext failed (%d)", static_cast<int>(GetLastError()));
         return false;
     }
-    HCRYPTKEY public_key = 0;
-    HCRYPTHASH hash = 0;
-    bool ok = CryptImportKey(provider, key, static_cast<DWORD>(key_size), 0, 0, &public_key) &&
-              CryptCreateHash(provider, CALG_SHA_256, 0, 0, &hash) &&
-              CryptHashData(hash, reinterpret_cast<const BYTE*>(message.data()), static_cast<DWORD>(message.size()),
-                            0) &&
-              CryptVerifySignatureW(hash, signature.data(), static_cast<DWORD>(signature.size()), public_key,
-                                    nullptr, 0);
-    if (hash != 0) CryptDestroyHash(hash);
-    if (public_key != 0) CryptDestroyKey(public_key);
-    CryptReleaseContext(provider, 0);
-    return ok;
+    mcl::mswin::unique_crypt_key public_key;
+    if (!CryptImportKey(provider.get(), key, static_cast<DWORD>(key_size), 0, 0, public_key.put())) return false;
+    const mcl::mswin::unique_crypt_hash hash =
+        mcl::mswin::create_hash(provider.get(), CALG_SHA_256, message.data(), message.size());
+    return hash && CryptVerifySignatureW(hash.get(), signature.data(), static_cast<DWORD>(signature.size()),
+                                         public_key.get(), nullptr, 0);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/log.h"
+#include "mcl/mswin/crypto.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
@@ -18,16 +19,10 @@ namespace mcl::mswin {
 namespace {
 
 bool sha1(const void* data, DWORD size, BYTE (&digest)[20]) {
-    HCRYPTPROV provider = 0;
-    if (!CryptAcquireContextW(&provider, nullptr, nullptr, PROV_RSA_FULL, CRYPT_VERIFYCONTEXT)) return false;
-    HCRYPTHASH hash = 0;
-    DWORD length = sizeof(digest);
-    const bool ok = CryptCreateHash(provider, CALG_SHA1, 0, 0, &hash) &&
-                    CryptHashData(hash, static_cast<const BYTE*>(data), size, 0) &&
-                    CryptGetHashParam(hash, HP_HASHVAL, digest, &length, 0) && length == sizeof(digest);
-    if (hash != 0) CryptDestroyHash(hash);
-    CryptReleaseContext(provider, 0);
-    return ok;
+    std::vector<unsigned char> value;
+    if (!mcl::mswin::digest(CALG_SHA1, data, size, value) || value.size() != sizeof(digest)) return false;
+    memcpy(digest, value.data(), sizeof(digest));
+    return true;
 }
 
 // Opens the service `name` for reading and writing its DACL; `fn` names the caller in the log.

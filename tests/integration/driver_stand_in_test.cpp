@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "mcl/mswin/reg.h"
 #include "service/driver_protocol.h"
 #include "tests/helpers/process.h"
 #include "tools/driver_sim/json_writer.h"
@@ -42,6 +43,20 @@ HRESULT send(HANDLE port, const std::vector<uint8_t>& message) {
     return hr;
 }
 
+// Loading, unloading, attaching and detaching need SeLoadDriverPrivilege enabled, as on Windows.
+bool load_driver_privilege(bool enable) {
+    HANDLE token = nullptr;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) return false;
+    const bool ok = mcl::mswin::reg::set_privilege(token, "SeLoadDriverPrivilege", enable);
+    CloseHandle(token);
+    return ok;
+}
+
+std::vector<uint8_t> notification_buffer() { return std::vector<uint8_t>(vqr::notification::size, 0xCC); }
+PFILTER_MESSAGE_HEADER header_of(std::vector<uint8_t>& buffer) {
+    return reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data());
+}
+
 // Every test starts from a freshly loaded driver with an empty journal.
 class DriverStandIn : public ::testing::Test {
 protected:
@@ -50,6 +65,7 @@ protected:
         ctl("load", &code);
         ctl("reset", &code);
         ASSERT_EQ(0u, code) << "driver simulator not running";
+        ASSERT_TRUE(load_driver_privilege(true));
     }
     void TearDown() override {
         for (HANDLE h : ports_) CloseHandle(h);
@@ -202,7 +218,8 @@ TEST_F(DriverStandIn, InjectedDenialArrivesInTheNotificationLayoutAndFeatureOffS
     std::vector<uint8_t> buffer(vqr::notification::size, 0xCC);
     auto* header = reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data());
     ASSERT_EQ(S_OK, FilterGetMessage(notify, header, static_cast<DWORD>(buffer.size()), nullptr));
-    EXPECT_NE(0u, header->MessageId);
+    const ULONGLONG first_id = header->MessageId;
+    EXPECT_NE(0u, first_id);
     EXPECT_EQ(1u, vqr::get_u32(&buffer[16]));
     EXPECT_EQ(0x12, buffer[20]);
     EXPECT_EQ(0x02, buffer[21]);
@@ -218,7 +235,7 @@ TEST_F(DriverStandIn, InjectedDenialArrivesInTheNotificationLayoutAndFeatureOffS
     vqr::irp_notification stop;
     ASSERT_TRUE(vqr::parse_notification(buffer.data(), buffer.size(), stop));
     EXPECT_EQ(vqr::notification::type_stop, stop.type);
-    EXPECT_GT(stop.message_id, header->MessageId - 1);
+    EXPECT_GT(stop.message_id, first_id);
 }
 
 TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEvent) {
@@ -247,33 +264,111 @@ TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEvent) {
     EXPECT_FALSE(GetOverlappedResult(notify, &ov, &bytes, TRUE));
     EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
     CloseHandle(ov.hEvent);
+
+    // Without an event the port handle is signalled; cancelling that very OVERLAPPED ends it.
+    OVERLAPPED bare{};
+    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING),
+              FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), &bare));
+    EXPECT_TRUE(CancelIoEx(notify, &bare));
+    EXPECT_FALSE(GetOverlappedResult(notify, &bare, &bytes, TRUE));
+    EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
+
+    // A message already queued completes the call at once.
+    ctl("inject 3 0 78 \\Device\\HarddiskVolume1\\b");
+    bare = OVERLAPPED{};
+    ASSERT_EQ(S_OK, FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), &bare));
+    EXPECT_TRUE(GetOverlappedResult(notify, &bare, &bytes, FALSE));
+    EXPECT_EQ(vqr::notification::size, bytes);
+    EXPECT_EQ(78u, vqr::get_u32(&buffer[24]));
 }
 
-TEST_F(DriverStandIn, BlockingGetCancelledFromAnotherThreadAnswersAborted) {
-    for (const bool synchronous_cancel : {true, false}) {
-        HANDLE notify = connect(vqr::notify_port_name);
-        std::atomic<HRESULT> result{S_FALSE};
-        std::atomic<bool> entered{false};
-        HANDLE waiter = nullptr;  // the waiting thread, for CancelSynchronousIo
-        std::thread t([&] {
-            std::vector<uint8_t> buffer(vqr::notification::size);
-            DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &waiter, 0, FALSE,
-                            DUPLICATE_SAME_ACCESS);
-            entered = true;
-            result = FilterGetMessage(notify, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data()),
-                                      static_cast<DWORD>(buffer.size()), nullptr);
-        });
-        while (!entered) Sleep(10);
-        Sleep(200);  // the thread is in its wait now
-        if (synchronous_cancel) {
-            EXPECT_TRUE(CancelSynchronousIo(waiter)) << GetLastError();
-        } else {
-            EXPECT_TRUE(CancelIoEx(notify, nullptr)) << GetLastError();
-        }
-        t.join();
-        CloseHandle(waiter);
-        EXPECT_EQ(static_cast<HRESULT>(0x800703E3), result.load()) << "synchronous cancel " << synchronous_cancel;
-    }
+TEST_F(DriverStandIn, RefusesWhatWindowsRefuses) {
+    HANDLE command = connect(vqr::command_port_name);
+    std::vector<uint8_t> message = vqr::build_feature(0, true);
+    DWORD returned = 0;
+    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(command, message.data(), static_cast<DWORD>(message.size()), nullptr, 0,
+                                              nullptr));
+    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(command, nullptr, 0, nullptr, 0, &returned));
+    std::vector<uint8_t> huge(128 * 1024, 0);
+    EXPECT_EQ(E_INVALIDARG,
+              FilterSendMessage(command, huge.data(), static_cast<DWORD>(huge.size()), nullptr, 0, &returned));
+    EXPECT_EQ(S_OK, send(command, message));  // the connection survived all three
+
+    // The notification port takes one connection.
+    connect(vqr::notify_port_name);
+    HANDLE second = INVALID_HANDLE_VALUE;
+    EXPECT_EQ(static_cast<HRESULT>(0x800704D6),
+              FilterConnectCommunicationPort(vqr::notify_port_name, 0, nullptr, 0, nullptr, &second));
+    EXPECT_EQ(INVALID_HANDLE_VALUE, second);
+    // Closing it frees the place at once.
+    CloseHandle(ports_.back());
+    ports_.pop_back();
+    connect(vqr::notify_port_name);
+
+    // Rules are kept exactly as sent: removing another spelling removes nothing.
+    ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::protect_folder, L"C:\\A")));
+    ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::unprotect_folder, L"c:\\a")));
+    EXPECT_NE(std::string::npos, ctl("state").find("\"folder_rules\":[" + json(L"C:\\A") + "]"));
+
+    // Loading, unloading, attaching and detaching need the load-driver privilege.
+    ASSERT_TRUE(load_driver_privilege(false));
+    const HRESULT not_held = HRESULT_FROM_WIN32(ERROR_PRIVILEGE_NOT_HELD);
+    EXPECT_EQ(not_held, FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
+    EXPECT_EQ(not_held, FilterDetach(vqr::filter_name, L"Z:", nullptr));
+    EXPECT_EQ(not_held, FilterUnload(vqr::filter_name));
+    EXPECT_EQ(not_held, FilterLoad(vqr::filter_name));
+    ASSERT_TRUE(load_driver_privilege(true));
+    EXPECT_EQ(std::string::npos, ctl("state").find("\"call\":"));
+}
+
+// With the stop message switched off, a receiver learns of the unload from its failing wait.
+TEST_F(DriverStandIn, UnloadWithoutStopMessageEndsTheWaitWithInvalidHandle) {
+    DWORD code = 0;
+    ctl("stop-message off", &code);
+    ASSERT_EQ(0u, code);
+    EXPECT_NE(std::string::npos, ctl("state").find("\"stop_message\":false"));
+    HANDLE command = connect(vqr::command_port_name);
+    HANDLE notify = connect(vqr::notify_port_name);
+    ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, true)));
+    ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, false)));
+    std::atomic<HRESULT> result{S_FALSE};
+    std::thread t([&] {
+        std::vector<uint8_t> buffer = notification_buffer();
+        result = FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), nullptr);
+    });
+    Sleep(200);
+    ctl("unload", &code);
+    t.join();
+    EXPECT_EQ(static_cast<HRESULT>(0x80070006), result.load());  // no stop message came first
+    ctl("reset");
+    EXPECT_NE(std::string::npos, ctl("state").find("\"stop_message\":true"));
+}
+
+// The port handle is asynchronous, as Windows opens it for options 0: a blocking wait is no
+// synchronous I/O that CancelSynchronousIo could end; only CancelIoEx on the port ends it.
+TEST_F(DriverStandIn, BlockingGetEndsOnlyByCancelIoExOnThePort) {
+    HANDLE notify = connect(vqr::notify_port_name);
+    std::atomic<HRESULT> result{S_FALSE};
+    std::atomic<bool> done{false};
+    HANDLE waiter = nullptr;  // the waiting thread, for CancelSynchronousIo
+    std::atomic<bool> entered{false};
+    std::thread t([&] {
+        DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &waiter, 0, FALSE,
+                        DUPLICATE_SAME_ACCESS);
+        entered = true;
+        std::vector<uint8_t> buffer = notification_buffer();
+        result = FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), nullptr);
+        done = true;
+    });
+    while (!entered) Sleep(10);
+    Sleep(200);
+    CancelSynchronousIo(waiter);
+    Sleep(500);
+    EXPECT_FALSE(done.load()) << "CancelSynchronousIo ended the wait: 0x" << std::hex << result.load();
+    EXPECT_TRUE(CancelIoEx(notify, nullptr)) << GetLastError();
+    t.join();
+    CloseHandle(waiter);
+    EXPECT_EQ(static_cast<HRESULT>(0x800703E3), result.load());
 }
 
 TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
@@ -316,22 +411,41 @@ TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
     connect(vqr::command_port_name);
 }
 
-TEST_F(DriverStandIn, AttachAndDetachAreRecordedWithInstanceNames) {
+TEST_F(DriverStandIn, AttachAndDetachFollowTheInstancesOfTheServiceKey) {
+    const std::string top = "\"instance\":\"VQRMonitor - Top Instance\",\"altitude\":\"383350\"}";
     wchar_t instance[256] = {};
     EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr, sizeof instance, instance));
     EXPECT_STREQ(L"VQRMonitor - Top Instance", instance);
     EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"Z:", nullptr, sizeof instance, instance));
+    EXPECT_EQ(static_cast<HRESULT>(0x801F0012), FilterAttach(vqr::filter_name, L"Z:", nullptr, sizeof instance, instance));
+    EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"Z:", L"VQRMonitor - Bottom Instance", sizeof instance, instance));
     std::string state = ctl("state");
-    EXPECT_NE(std::string::npos, state.find("{\"volume\":" + json(L"\\Device\\HarddiskVolume1") +
-                                            ",\"instance\":\"VQRMonitor - Top Instance\"}")) << state;
-    EXPECT_NE(std::string::npos, state.find("{\"volume\":\"Z:\",\"instance\":\"VQRMonitor - Top Instance\"}")) << state;
+    EXPECT_NE(std::string::npos, state.find("{\"volume\":" + json(L"\\Device\\HarddiskVolume1") + "," + top)) << state;
+    EXPECT_NE(std::string::npos, state.find("{\"volume\":\"Z:\"," + top)) << state;
+    EXPECT_NE(std::string::npos, state.find("\"instance\":\"VQRMonitor - Bottom Instance\",\"altitude\":\"362700\"}"));
 
     EXPECT_EQ(S_OK, FilterDetach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr));
     EXPECT_EQ(static_cast<HRESULT>(0x801F0015), FilterDetach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr));
     EXPECT_EQ(static_cast<HRESULT>(0x801F0013), FilterAttach(L"Other", L"Z:", nullptr, 0, nullptr));
-    state = ctl("state");
-    EXPECT_NE(std::string::npos, state.find("\"volumes\":[{\"volume\":\"Z:\",")) << state;
-    EXPECT_EQ(std::string::npos, state.find("\"volumes\":[{\"volume\":\"Z:\",\"instance\":\"VQRMonitor - Top Instance\"},")) << state;
+    EXPECT_NE(std::string::npos, ctl("state").find("\"volumes\":[{\"volume\":\"Z:\""));
+
+    // An installer's instances replace the defaults.
+    HKEY key = nullptr;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE,
+                                             L"system\\CurrentControlSet\\Services\\VQRMonitor\\Instances\\Test Instance", 0,
+                                             nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
+    const wchar_t altitude[] = L"123456";
+    RegSetValueExW(key, L"Altitude", 0, REG_SZ, reinterpret_cast<const BYTE*>(altitude), sizeof altitude);
+    RegCloseKey(key);
+    const wchar_t name[] = L"Test Instance";
+    RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"system\\CurrentControlSet\\Services\\VQRMonitor\\Instances", L"DefaultInstance",
+                    REG_SZ, name, sizeof name);
+    EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"Y:", nullptr, sizeof instance, instance));
+    EXPECT_STREQ(L"Test Instance", instance);
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
+              FilterAttach(vqr::filter_name, L"Y:", L"VQRMonitor - Top Instance", sizeof instance, instance));
+    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"system\\CurrentControlSet\\Services\\VQRMonitor\\Instances");
+    EXPECT_NE(std::string::npos, ctl("state").find("{\"volume\":\"Y:\",\"instance\":\"Test Instance\",\"altitude\":\"123456\"}"));
 }
 
 TEST_F(DriverStandIn, TwoProcessesConnectedAtOnceAreEachJournaledOnce) {

@@ -83,5 +83,52 @@ expect 0 "content_hash:" -- info info.QUA
 expect 5 "does not match" -- extract digest.QUA out.bin
 
 [ ! -e victim.bin ] || { echo "FAIL: something restored the recorded path"; failures=$((failures + 1)); }
+
+# A failed extract leaves the destination as it was and no partial file beside it.
+printf 'kept' >kept.bin
+expect 4 "damaged content" -- extract short.QUA kept.bin
+[ "$(cat kept.bin)" = kept ] || { echo "FAIL: failed extract changed its destination"; failures=$((failures + 1)); }
+ls | grep -q partial && { echo "FAIL: partial file left: $(ls | grep partial)"; failures=$((failures + 1)); }
+
+# A destination that is the source itself is refused, and the file stays.
+cp good.QUA self.QUA
+expect 1 "is the archive itself" -- extract self.QUA ./self.QUA
+cmp -s good.QUA self.QUA || { echo "FAIL: extract onto itself changed the archive"; failures=$((failures + 1)); }
+expect 1 "is the source itself" -- create orig.bin orig.bin
+[ "$(stat -c %s orig.bin)" = 700000 ] || { echo "FAIL: create onto itself changed the source"; failures=$((failures + 1)); }
+
+# The recorded digest is the SHA-256 of the content, as an independent tool computes it.
+: >empty.bin
+printf 'x' >one.bin
+head -c 300000 /dev/urandom >random.bin
+yes 'quarantined line of text' | head -c 1048593 >text.bin
+for f in empty.bin one.bin random.bin text.bin; do
+  tool_run create "$f" "$f.QUA" && tool_run info "$f.QUA"
+  got=$(sed -n 's/^content_hash: //p' out.txt | tr -d '\r')
+  want=$(sha256sum "$f" | cut -d' ' -f1)
+  [ "$got" = "$want" ] || { echo "FAIL: $f: recorded digest '$got', sha256sum $want"; failures=$((failures + 1)); }
+done
+
+# A source that another process rewrites and appends to while it is archived: archiving fails,
+# or the archive verifies and extracts to the bytes it recorded.
+head -c 8000000 /dev/urandom >moving.bin
+( for i in $(seq 1 40); do
+    head -c 300000 /dev/urandom | dd of=moving.bin bs=300000 seek=$((i % 20)) conv=notrunc status=none
+    head -c 100000 /dev/urandom >>moving.bin
+  done ) &
+writer=$!
+for i in 1 2 3; do
+  rm -f moving.QUA
+  if tool_run create moving.bin moving.QUA; then
+    expect 0 "ok: moving.bin" -- extract moving.QUA moved.bin
+    tool_run info moving.QUA
+    [ "$(sed -n 's/^content_hash: //p' out.txt | tr -d '\r')" = "$(sha256sum moved.bin | cut -d' ' -f1)" ] ||
+      { echo "FAIL: extracted bytes differ from the recorded digest"; failures=$((failures + 1)); }
+  else
+    [ ! -e moving.QUA ] || { echo "FAIL: failed create left an archive"; failures=$((failures + 1)); }
+  fi
+done
+wait "$writer"
+
 if [ "$failures" -ne 0 ]; then echo "$failures failure(s)"; exit 1; fi
 echo "all quarantine_tool checks passed"

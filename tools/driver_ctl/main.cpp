@@ -6,6 +6,9 @@
 //                                             an IRP-denied notification (type 1 unless given)
 //                                             to the notification clients; prints {"delivered":n}
 //   driver_ctl unload | load | reset | quit
+//   driver_ctl stop-message on|off            whether the driver sends the stop message when
+//                                             feature 16 goes off and when it unloads (on after
+//                                             reset)
 //   driver_ctl wait-ready [MS]                waits until a simulator serves (default 10000 ms)
 //
 // Exit codes: 0 done, 1 no simulator or a refused request, 2 usage, 3 nobody got the
@@ -17,11 +20,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "mcl/encoding.h"
 #include "mcl/mswin/unique_handle.h"
 #include "tools/driver_sim/sim_channel.h"
+#include "tools/driver_sim/sim_client.h"
 
 namespace {
 
@@ -31,32 +34,23 @@ namespace op = vqr::sim::op;
 int usage() {
     fprintf(stderr,
             "usage: driver_ctl state | journal | inject MAJOR MINOR PID FILE [TYPE] | unload | load | reset | quit"
-            " | wait-ready [MS]\n");
+            " | stop-message on|off | wait-ready [MS]\n");
     return 2;
 }
 
 // Sends one request and reads the answer; false (with a message) when no simulator answers.
 bool transact(const mcl::binary_t& request, mcl::binary_t& answer) {
     unique_kernel_handle pipe;
-    for (int attempt = 0; attempt < 10 && !pipe; ++attempt) {
-        pipe.reset(CreateFileW(vqr::sim::pipe_name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-        if (!pipe && GetLastError() == ERROR_PIPE_BUSY) WaitNamedPipeW(vqr::sim::pipe_name, 1000);
-        else if (!pipe) break;
-    }
-    if (!pipe) {
-        fprintf(stderr, "driver_ctl: no simulator (error %lu)\n", GetLastError());
+    DWORD err = vqr::sim::open_channel(pipe);
+    if (err != ERROR_SUCCESS) {
+        fprintf(stderr, "driver_ctl: no simulator (error %lu)\n", err);
         return false;
     }
-    DWORD mode = PIPE_READMODE_MESSAGE;
-    SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr);
-    std::vector<uint8_t> in(vqr::sim::max_message);
-    DWORD bytes = 0;
-    if (!WriteFile(pipe.get(), request.data(), request.size(), &bytes, nullptr) ||
-        !ReadFile(pipe.get(), in.data(), static_cast<DWORD>(in.size()), &bytes, nullptr)) {
-        fprintf(stderr, "driver_ctl: the simulator did not answer (error %lu)\n", GetLastError());
+    err = vqr::sim::exchange(pipe.get(), request, answer);
+    if (err != ERROR_SUCCESS) {
+        fprintf(stderr, "driver_ctl: the simulator did not answer (error %lu)\n", err);
         return false;
     }
-    answer.assign(in.data(), bytes);
     return true;
 }
 
@@ -98,6 +92,16 @@ int inject(int argc, wchar_t** argv) {
     return delivered > 0 ? 0 : 3;
 }
 
+int stop_message(int argc, wchar_t** argv) {
+    if (argc < 3 || (wcscmp(argv[2], L"on") != 0 && wcscmp(argv[2], L"off") != 0)) return usage();
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, op::stop_message);
+    mcl::write_u32(request, wcscmp(argv[2], L"on") == 0 ? 1 : 0);
+    uint32_t hr = 0, pos = 0;
+    if (!transact(request, answer) || !mcl::read_u32(hr, answer, pos)) return 1;
+    return hr == 0 ? 0 : 1;
+}
+
 int wait_ready(int argc, wchar_t** argv) {
     const DWORD ms = argc > 2 ? wcstoul(argv[2], nullptr, 0) : 10000;
     unique_kernel_handle ready(CreateEventW(nullptr, TRUE, FALSE, vqr::sim::ready_event_name));
@@ -125,6 +129,7 @@ int main() {
         {L"load", [](int, wchar_t**) { return simple(op::load); }},
         {L"reset", [](int, wchar_t**) { return simple(op::reset); }},
         {L"quit", [](int, wchar_t**) { return simple(op::quit); }},
+        {L"stop-message", stop_message},
         {L"wait-ready", wait_ready},
     };
     for (const auto& e : commands)

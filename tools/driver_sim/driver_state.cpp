@@ -10,16 +10,16 @@ namespace vqr::sim {
 
 namespace {
 
-bool same_path(const std::wstring& a, const std::wstring& b) {
+// Filter names compare as Windows compares service names: without case.
+bool same_name(const std::wstring& a, const std::wstring& b) {
     auto lower = [](wchar_t c) { return c >= L'A' && c <= L'Z' ? static_cast<wchar_t>(c - L'A' + L'a') : c; };
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
                                               [&](wchar_t x, wchar_t y) { return lower(x) == lower(y); });
 }
 
+// Rules are kept exactly as sent: the driver compares what it was given.
 void add_rule(std::vector<std::wstring>& list, const std::wstring& path) {
-    if (path.empty()) return;
-    for (const auto& p : list)
-        if (same_path(p, path)) return;
+    if (path.empty() || std::find(list.begin(), list.end(), path) != list.end()) return;
     list.push_back(path);
 }
 
@@ -28,8 +28,7 @@ void remove_rule(std::vector<std::wstring>& list, const std::wstring& path, bool
         if (empty_removes_all) list.clear();
         return;
     }
-    list.erase(std::remove_if(list.begin(), list.end(), [&](const std::wstring& p) { return same_path(p, path); }),
-               list.end());
+    list.erase(std::remove(list.begin(), list.end(), path), list.end());
 }
 
 std::string hr_text(int32_t hr) {
@@ -54,6 +53,13 @@ const uint32_t feature_codes[] = {code::feature_process_protection, code::featur
                                   code::feature_irp_notify};
 
 }  // namespace
+
+instances_config default_instances() {
+    return {L"VQRMonitor - Top Instance",
+            {{L"VQRMonitor - Bottom Instance", L"362700", 1},
+             {L"VQRMonitor - Middle Instance", L"368520", 1},
+             {L"VQRMonitor - Top Instance", L"383350", 1}}};
+}
 
 int32_t driver_state::handle_message(uint64_t connection, port_kind port, const uint8_t* data, size_t size) {
     journal_entry entry{journal_.size() + 1, connection, port, message_check::ok, {}, {data, data + size}, hr_ok};
@@ -109,35 +115,49 @@ void driver_state::apply(const driver_message& m) {
 int32_t driver_state::attach(const std::wstring& filter, const std::wstring& volume, const std::wstring& instance,
                              std::wstring& created_instance) {
     created_instance.clear();
+    const std::wstring name = instance.empty() ? instances_.default_instance : instance;
+    const instance_config* config = nullptr;
+    for (const auto& i : instances_.instances)
+        if (same_name(i.name, name)) config = &i;
     int32_t hr = hr_ok;
-    const std::wstring name = instance.empty() ? default_instance_name : instance;
-    if (!loaded_ || !same_path(filter, filter_name)) {
+    if (!loaded_ || !same_name(filter, filter_name)) {
         hr = hr_filter_not_found;
+    } else if (config == nullptr) {
+        hr = hr_not_found;  // no such instance in the service key
     } else {
-        volumes_[volume] = name;
-        created_instance = name;
+        for (const auto& a : volumes_) {
+            if (a.volume != volume) continue;
+            if (same_name(a.instance, config->name)) hr = hr_instance_name_collision;
+            else if (a.altitude == config->altitude && hr == hr_ok) hr = hr_altitude_collision;
+        }
+        if (hr == hr_ok) {
+            volumes_.push_back({volume, config->name, config->altitude});
+            created_instance = config->name;
+        }
     }
     filter_calls_.push_back({"attach", volume, name, hr});
     return hr;
 }
 
 int32_t driver_state::detach(const std::wstring& filter, const std::wstring& volume, const std::wstring& instance) {
+    const std::wstring name = instance.empty() ? instances_.default_instance : instance;
+    auto it = std::find_if(volumes_.begin(), volumes_.end(),
+                           [&](const attached& a) { return a.volume == volume && same_name(a.instance, name); });
     int32_t hr = hr_ok;
-    auto it = volumes_.find(volume);
-    if (!loaded_ || !same_path(filter, filter_name)) {
+    if (!loaded_ || !same_name(filter, filter_name)) {
         hr = hr_filter_not_found;
-    } else if (it == volumes_.end() || (!instance.empty() && !same_path(instance, it->second))) {
+    } else if (it == volumes_.end()) {
         hr = hr_instance_not_found;
     } else {
         volumes_.erase(it);
     }
-    filter_calls_.push_back({"detach", volume, instance, hr});
+    filter_calls_.push_back({"detach", volume, name, hr});
     return hr;
 }
 
 int32_t driver_state::load(const std::wstring& filter) {
     int32_t hr = hr_ok;
-    if (!same_path(filter, filter_name)) {
+    if (!same_name(filter, filter_name)) {
         hr = hr_not_found;
     } else if (loaded_) {
         hr = hr_already_loaded;
@@ -150,7 +170,7 @@ int32_t driver_state::load(const std::wstring& filter) {
 
 int32_t driver_state::unload(const std::wstring& filter) {
     int32_t hr = hr_ok;
-    if (!same_path(filter, filter_name) || !loaded_) {
+    if (!same_name(filter, filter_name) || !loaded_) {
         hr = hr_filter_not_found;
     } else {
         set_loaded(false);
@@ -179,6 +199,7 @@ void driver_state::forget_rules() {
 void driver_state::reset() {
     forget_rules();
     loaded_ = true;
+    stop_message_ = true;
     journal_.clear();
     filter_calls_.clear();
     malformed_ = 0;
@@ -210,13 +231,15 @@ std::string driver_state::state_json(size_t command_connections, size_t notify_c
     append_json_string(out, svc_mgr_path_);
     out += ",\"volumes\":[";
     first = true;
-    for (const auto& [volume, instance] : volumes_) {
+    for (const auto& a : volumes_) {
         if (!first) out += ",";
         first = false;
         out += "{\"volume\":";
-        append_json_string(out, volume);
+        append_json_string(out, a.volume);
         out += ",\"instance\":";
-        append_json_string(out, instance);
+        append_json_string(out, a.instance);
+        out += ",\"altitude\":";
+        append_json_string(out, a.altitude);
         out += "}";
     }
     out += "],\"filter_calls\":[";
@@ -234,6 +257,7 @@ std::string driver_state::state_json(size_t command_connections, size_t notify_c
     out += ",\"messages\":" + std::to_string(journal_.size());
     out += ",\"malformed\":" + std::to_string(malformed_);
     out += ",\"notifications_sent\":" + std::to_string(notifications_sent_);
+    out += std::string(",\"stop_message\":") + (stop_message_ ? "true" : "false");
     out += "}";
     return out;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "service/driver_protocol.h"
@@ -14,11 +15,20 @@ namespace vqr::sim {
 
 enum class port_kind { command, notify };
 
-// Filter Manager HRESULTs the stand-in answers besides those of driver_protocol.h.
-inline constexpr int32_t hr_filter_not_found = static_cast<int32_t>(0x801F0013);
-inline constexpr int32_t hr_instance_not_found = static_cast<int32_t>(0x801F0015);
-inline constexpr int32_t hr_already_loaded = static_cast<int32_t>(0x80070420);
-inline constexpr wchar_t default_instance_name[] = L"VQRMonitor - Top Instance";
+
+// The filter's instances as its service key lists them ("Instances": "DefaultInstance" and one
+// subkey per instance with "Altitude" and "Flags").
+struct instance_config {
+    std::wstring name;
+    std::wstring altitude;
+    uint32_t flags = 0;
+};
+struct instances_config {
+    std::wstring default_instance;
+    std::vector<instance_config> instances;
+};
+// What the installer writes; used while the service key has no "Instances".
+instances_config default_instances();
 
 class driver_state {
 public:
@@ -28,7 +38,9 @@ public:
     // `connection`. Returns hr_ok or, for a refused message, hr_invalid_parameter.
     int32_t handle_message(uint64_t connection, port_kind port, const uint8_t* data, size_t size);
 
-    // FilterAttach / FilterDetach / FilterLoad / FilterUnload, recorded in filter_calls.
+    // FilterAttach / FilterDetach / FilterLoad / FilterUnload, recorded in filter_calls. A NULL
+    // instance name is the configured default instance; an instance name must be configured,
+    // and a volume takes each name and each altitude once.
     int32_t attach(const std::wstring& filter, const std::wstring& volume, const std::wstring& instance,
                    std::wstring& created_instance);
     int32_t detach(const std::wstring& filter, const std::wstring& volume, const std::wstring& instance);
@@ -41,6 +53,14 @@ public:
     bool loaded() const { return loaded_; }
     // Back to a freshly loaded driver with an empty journal and zero counters.
     void reset();
+
+    // The instances that attach and detach use; default_instances() until set.
+    void set_instances(instances_config config) { instances_ = std::move(config); }
+
+    // Whether the driver sends the stop message when feature 16 goes off and when it unloads
+    // (on after reset). Off, a waiting receiver sees its wait fail at unload or must cancel it.
+    bool stop_message() const { return stop_message_; }
+    void set_stop_message(bool on) { stop_message_ = on; }
 
     bool feature(uint32_t code) const;
     uint64_t next_message_id() { return ++last_message_id_; }
@@ -77,7 +97,14 @@ private:
     std::vector<std::wstring> blocking_rules_;
     std::vector<std::wstring> registry_rules_;
     std::wstring svc_mgr_path_;
-    std::map<std::wstring, std::wstring> volumes_;  // volume -> instance name
+    struct attached {
+        std::wstring volume;
+        std::wstring instance;
+        std::wstring altitude;
+    };
+    std::vector<attached> volumes_;  // in attach order
+    instances_config instances_ = default_instances();
+    bool stop_message_ = true;
     std::vector<journal_entry> journal_;
     std::vector<filter_call> filter_calls_;
     uint64_t malformed_ = 0;

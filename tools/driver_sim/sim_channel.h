@@ -8,6 +8,7 @@
 // message holding the whole buffer FilterGetMessage fills (header included).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 namespace vqr::sim {
@@ -19,6 +20,11 @@ inline constexpr wchar_t ready_event_name[] = L"Global\\nv_vqrmonitor_sim_ready"
 inline constexpr wchar_t instance_mutex_name[] = L"Global\\nv_vqrmonitor_sim_running";
 
 inline constexpr uint32_t max_message = 64 * 1024;
+// The largest message FilterSendMessage carries (the request adds its u32 operation).
+inline constexpr uint32_t max_send_size = max_message - 4;
+// Connections each port accepts at once; one more answers ERROR_CONNECTION_COUNT_LIMIT.
+inline constexpr size_t max_command_connections = 64;
+inline constexpr size_t max_notify_connections = 1;
 
 namespace op {
 // From fltlib.dll. Answers start with a u32 HRESULT.
@@ -37,6 +43,7 @@ inline constexpr uint32_t unload = 19;        // -> hr
 inline constexpr uint32_t load = 20;          // -> hr
 inline constexpr uint32_t reset = 21;         // -> hr
 inline constexpr uint32_t quit = 22;          // -> hr, then the simulator ends
+inline constexpr uint32_t stop_message = 23;  // u32 on: the stop message at feature 16 off and at unload -> hr
 }  // namespace op
 
 }  // namespace vqr::sim

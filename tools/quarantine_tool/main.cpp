@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <cctype>
 #include <cstring>
 #include <string>
 
@@ -49,35 +50,29 @@ std::string hex(const unsigned char* data, size_t size) {
     return text;
 }
 
-// Hashes the decoded content on its way to an optional file.
-class digest_sink : public byte_sink {
-public:
-    explicit digest_sink(FILE* file) : file_(file) { ok_ = hasher_.begin(); }
-    bool write(const unsigned char* data, size_t size) override {
-        if (ok_) ok_ = hasher_.update(data, size);
-        if (file_ != nullptr && !safe_fwrite(data, size, file_)) write_failed_ = true;
-        return ok_ && !write_failed_;
-    }
-    bool finish(mcl::binary_t& digest) { return ok_ && hasher_.finish(digest); }
-    bool write_failed() const { return write_failed_; }
+// Whether `a` and `b` name the same file: the same file when both exist, else the same
+// absolute path (without case on Windows).
+bool same_file(const char* a, const char* b) {
+    std::error_code ec;
+    if (std::filesystem::equivalent(a, b, ec) && !ec) return true;
+    std::string x = std::filesystem::absolute(a, ec).lexically_normal().string();
+    std::string y = std::filesystem::absolute(b, ec).lexically_normal().string();
+#ifdef _WIN32
+    for (auto* s : {&x, &y})
+        for (char& c : *s) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+#endif
+    return x == y;
+}
 
-private:
-    FILE* file_;
-    sha256_hasher hasher_;
-    bool ok_ = false;
-    bool write_failed_ = false;
-};
-
-FILE* open_archive(const char* path, archive_info& info, int& code) {
-    FILE* archive = fopen(path, "rb");
-    if (archive == nullptr) {
+mcl::unique_file open_archive(const char* path, archive_info& info, int& code) {
+    mcl::unique_file archive = mcl::open_file(path, "rb");
+    if (!archive) {
         fprintf(stderr, "error: cannot open archive %s\n", path);
         code = exit_io;
         return nullptr;
     }
-    if (!NVFileArchive::read_archive_info(archive, info)) {
+    if (!NVFileArchive::read_archive_info(archive.get(), info)) {
         fprintf(stderr, "error: %s: damaged archive header or recorded path\n", path);
-        fclose(archive);
         code = exit_bad_header;
         return nullptr;
     }
@@ -88,9 +83,7 @@ FILE* open_archive(const char* path, archive_info& info, int& code) {
 int run_info(const char* path) {
     archive_info info;
     int code = exit_ok;
-    FILE* archive = open_archive(path, info, code);
-    if (archive == nullptr) return code;
-    fclose(archive);
+    if (!open_archive(path, info, code)) return code;
     const archive_header& h = info.header;
     printf("data_offset: %u\n", h.data_offset);
     printf("marker_a: %u\n", h.marker_a);
@@ -107,48 +100,70 @@ int run_info(const char* path) {
     return exit_ok;
 }
 
-// Decodes the archive into `dest` (null: nowhere) and checks the digest.
+// Decodes the archive into `dest` (null: nowhere) and checks the digest. The content goes to a
+// temporary name beside `dest` that replaces it only once the digest matched; a failure leaves
+// `dest` as it was.
 int run_decode(const char* path, const char* dest) {
+    if (dest != nullptr && same_file(path, dest)) {
+        fprintf(stderr, "error: the destination %s is the archive itself\n", dest);
+        return exit_usage;
+    }
     archive_info info;
     int code = exit_ok;
-    FILE* archive = open_archive(path, info, code);
-    if (archive == nullptr) return code;
-    FILE* out = nullptr;
-    if (dest != nullptr) {
-        out = fopen(dest, "wb");
-        if (out == nullptr) {
-            fprintf(stderr, "error: cannot create %s\n", dest);
-            fclose(archive);
-            return exit_io;
-        }
+    mcl::unique_file archive = open_archive(path, info, code);
+    if (!archive) return code;
+    if (!archive_chunk_lengths_valid(info.header)) {
+        fprintf(stderr, "error: %s: encrypted chunk lengths are invalid\n", path);
+        return exit_bad_header;
     }
-    digest_sink sink(out);
-    const int decoded = decompress_file(archive, sink, info.header);
-    fclose(archive);
-    const bool closed = out == nullptr || fclose(out) == 0;
-    if (decoded != 0) {
+    if (!check_frame_descriptor(archive.get())) {
         fprintf(stderr, "error: %s: damaged content (the compressed or encrypted data cannot be decoded)\n", path);
         return exit_bad_content;
     }
-    if (sink.write_failed() || !closed) {
-        fprintf(stderr, "error: writing %s failed\n", dest);
-        return exit_io;
+    const std::string partial = dest != nullptr ? std::string(dest) + ".partial" : std::string();
+    mcl::unique_file out;
+    if (dest != nullptr) {
+        out = mcl::open_file(partial.c_str(), "wb");
+        if (!out) {
+            fprintf(stderr, "error: cannot create %s\n", partial.c_str());
+            return exit_io;
+        }
     }
+    digest_sink sink(out.get());
+    const int decoded = decompress_file(archive.get(), sink, info.header);
+    archive.reset();
+    const bool closed = !out || flush_and_close(std::move(out));
     mcl::binary_t digest;
-    if (!sink.finish(digest) || digest.size() != archive_hash_size) {
+    if (decoded != 0) {
+        fprintf(stderr, "error: %s: damaged content (the compressed or encrypted data cannot be decoded)\n", path);
+        code = exit_bad_content;
+    } else if (sink.write_failed() || !closed) {
+        fprintf(stderr, "error: writing %s failed\n", partial.c_str());
+        code = exit_io;
+    } else if (!sink.finish(digest) || digest.size() != archive_hash_size) {
         fprintf(stderr, "error: cannot compute the SHA-256 digest\n");
-        return exit_io;
-    }
-    if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
+        code = exit_io;
+    } else if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
         fprintf(stderr, "error: %s: content does not match the recorded digest (recorded %s, got %s)\n", path,
                 hex(info.header.content_hash, archive_hash_size).c_str(), hex(digest.data(), digest.size()).c_str());
-        return exit_bad_digest;
+        code = exit_bad_digest;
+    } else if (dest != nullptr && !replace_file(partial.c_str(), dest)) {
+        fprintf(stderr, "error: cannot rename %s to %s\n", partial.c_str(), dest);
+        code = exit_io;
+    }
+    if (code != exit_ok) {
+        if (dest != nullptr) std::remove(partial.c_str());
+        return code;
     }
     printf("ok: %s\n", info.path.c_str());
     return exit_ok;
 }
 
 int run_create(const char* source, const char* archive) {
+    if (same_file(source, archive)) {
+        fprintf(stderr, "error: the archive %s is the source itself\n", archive);
+        return exit_usage;
+    }
     if (!NVFileArchive::NVFileArchive_archiveFile(source, archive)) {
         fprintf(stderr, "error: archiving %s to %s failed\n", source, archive);
         return exit_io;

@@ -7,6 +7,7 @@
 #include <cctype>
 #include <cstdlib>
 
+#include "mcl/mswin/crypto.h"
 #include "service/recovery_code.h"
 
 namespace nv_tools {
@@ -46,24 +47,20 @@ bool generate_key_pair(std::vector<unsigned char>& private_blob, std::vector<uns
 bool make_recovery_code(const std::vector<unsigned char>& private_blob, const std::string& machine_id,
                         const std::string& expiry_date, std::string& code) {
     provider p;
-    HCRYPTKEY key = 0;
-    HCRYPTHASH hash = 0;
+    mcl::mswin::unique_crypt_key key;
     if (p.handle == 0 ||
-        !CryptImportKey(p.handle, private_blob.data(), static_cast<DWORD>(private_blob.size()), 0, 0, &key))
+        !CryptImportKey(p.handle, private_blob.data(), static_cast<DWORD>(private_blob.size()), 0, 0, key.put()))
         return false;
     const std::string message = nv::recovery_message(machine_id, expiry_date);
     std::vector<unsigned char> signature;
     DWORD size = 0;
-    bool ok = CryptCreateHash(p.handle, CALG_SHA_256, 0, 0, &hash) &&
-              CryptHashData(hash, reinterpret_cast<const BYTE*>(message.data()), static_cast<DWORD>(message.size()),
-                            0) &&
-              CryptSignHashW(hash, AT_SIGNATURE, nullptr, 0, nullptr, &size);
+    const mcl::mswin::unique_crypt_hash hash =
+        mcl::mswin::create_hash(p.handle, CALG_SHA_256, message.data(), message.size());
+    bool ok = hash && CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, nullptr, &size);
     if (ok) {
         signature.resize(size);
-        ok = CryptSignHashW(hash, AT_SIGNATURE, nullptr, 0, signature.data(), &size) != FALSE;
+        ok = CryptSignHashW(hash.get(), AT_SIGNATURE, nullptr, 0, signature.data(), &size) != FALSE;
     }
-    if (hash != 0) CryptDestroyHash(hash);
-    CryptDestroyKey(key);
     if (ok) code = expiry_date + "-" + to_hex(signature);
     return ok;
 }

@@ -16,16 +16,17 @@ int32_t send(driver_state& s, const std::vector<uint8_t>& m, port_kind port = po
 
 bool has(const std::string& text, const std::string& part) { return text.find(part) != std::string::npos; }
 
-TEST(DriverState, RulesFollowTheirCodesAndPathsCompareWithoutCase) {
+TEST(DriverState, RulesFollowTheirCodesAndAreKeptExactlyAsSent) {
     driver_state s;
     namespace c = vqr::code;
     EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::protect_process, L"C:\\A.exe")));
-    EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::protect_process, L"c:\\a.EXE")));  // same rule
+    EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::protect_process, L"C:\\A.exe")));  // same rule
+    EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::unprotect_process, L"c:\\a.exe")));  // another one
     EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::block_path, L"q")));
     EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::unblock_path, L"")));  // not a remove-all code
     EXPECT_TRUE(has(s.state_json(0, 0), "\"process_rules\":[\"C:\\\\A.exe\"]"));
     EXPECT_TRUE(has(s.state_json(0, 0), "\"blocking_rules\":[\"q\"]"));
-    EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::unprotect_process, L"C:\\a.exe")));
+    EXPECT_EQ(vqr::hr_ok, send(s, vqr::build_command(c::unprotect_process, L"C:\\A.exe")));
     EXPECT_TRUE(has(s.state_json(0, 0), "\"process_rules\":[]"));
 }
 
@@ -37,12 +38,12 @@ TEST(DriverState, UnloadForgetsRulesButKeepsTheJournal) {
     EXPECT_TRUE(s.feature(vqr::code::feature_irp_notify));
     EXPECT_EQ(vqr::hr_ok, s.unload(L"vqrmonitor"));
     EXPECT_FALSE(s.feature(vqr::code::feature_irp_notify));
-    EXPECT_EQ(vqr::sim::hr_filter_not_found, s.unload(L"VQRMonitor"));
-    EXPECT_EQ(vqr::sim::hr_filter_not_found, s.attach(L"VQRMonitor", L"C:", L"", instance));
+    EXPECT_EQ(vqr::hr_filter_not_found, s.unload(L"VQRMonitor"));
+    EXPECT_EQ(vqr::hr_filter_not_found, s.attach(L"VQRMonitor", L"C:", L"", instance));
     EXPECT_TRUE(has(s.state_json(0, 0), "\"volumes\":[]"));
     EXPECT_TRUE(has(s.journal_json(), "\"bytes\":\"100000000000000001\""));
     EXPECT_EQ(vqr::hr_ok, s.load(L"VQRMonitor"));
-    EXPECT_EQ(vqr::sim::hr_already_loaded, s.load(L"VQRMonitor"));
+    EXPECT_EQ(vqr::hr_already_loaded, s.load(L"VQRMonitor"));
     EXPECT_EQ(vqr::hr_not_found, s.load(L"Other"));
 }
 

@@ -14,6 +14,8 @@
 
 #include <gtest/gtest.h>
 
+#include "mcl/endian.h"
+
 namespace nv_test {
 
 using bytes = std::vector<unsigned char>;
@@ -44,13 +46,8 @@ inline bytes compressible_bytes(size_t n) {
     return out;
 }
 
-inline uint32_t u32_at(const bytes& b, size_t at) {
-    return uint32_t{b[at]} | (uint32_t{b[at + 1]} << 8) | (uint32_t{b[at + 2]} << 16) | (uint32_t{b[at + 3]} << 24);
-}
-
-inline void set_u32_at(bytes& b, size_t at, uint32_t v) {
-    for (int i = 0; i < 4; ++i) b[at + i] = static_cast<unsigned char>(v >> (8 * i));
-}
+inline uint32_t u32_at(const bytes& b, size_t at) { return mcl::load_u32_le(b.data() + at); }
+inline void set_u32_at(bytes& b, size_t at, uint32_t v) { mcl::store_u32_le(b.data() + at, v); }
 
 // The archive key and chain from the pass phrase: P = phrase and its zero byte, H = "%02X" of
 // P; key = first 32 bytes of P + H, chain = first 32 bytes of H + P.

@@ -1,0 +1,54 @@
+#include "tools/driver_sim/sim_client.h"
+
+#include <vector>
+
+#include "tools/driver_sim/sim_channel.h"
+
+namespace vqr::sim {
+
+using mcl::mswin::unique_kernel_handle;
+
+DWORD open_channel(unique_kernel_handle& pipe) {
+    for (int attempt = 0; attempt < 10; ++attempt) {
+        pipe.reset(CreateFileW(pipe_name, GENERIC_READ | GENERIC_WRITE, /*share=*/0, nullptr, OPEN_EXISTING,
+                               FILE_FLAG_OVERLAPPED, nullptr));
+        if (pipe) {
+            DWORD mode = PIPE_READMODE_MESSAGE;
+            if (!SetNamedPipeHandleState(pipe.get(), &mode, nullptr, nullptr)) return GetLastError();
+            return ERROR_SUCCESS;
+        }
+        const DWORD err = GetLastError();
+        if (err != ERROR_PIPE_BUSY) return err == ERROR_PATH_NOT_FOUND ? ERROR_FILE_NOT_FOUND : err;
+        WaitNamedPipeW(pipe_name, 1000);
+    }
+    return ERROR_PIPE_BUSY;
+}
+
+DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes) {
+    bytes = 0;
+    if (!started) {
+        const DWORD err = GetLastError();
+        if (err != ERROR_IO_PENDING) return err;
+    }
+    return GetOverlappedResult(pipe, &ov, &bytes, /*wait=*/TRUE) ? ERROR_SUCCESS : GetLastError();
+}
+
+DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer) {
+    unique_kernel_handle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    if (!done) return GetLastError();
+    OVERLAPPED ov{};
+    ov.hEvent = done.get();
+    DWORD bytes = 0;
+    DWORD err = finish_io(pipe, WriteFile(pipe, request.data(), request.size(), nullptr, &ov), ov, bytes);
+    if (err != ERROR_SUCCESS) return err;
+    // Every answer fits max_message: a longer one is not the simulator's.
+    std::vector<uint8_t> in(max_message);
+    ov = OVERLAPPED{};
+    ov.hEvent = done.get();
+    err = finish_io(pipe, ReadFile(pipe, in.data(), max_message, nullptr, &ov), ov, bytes);
+    if (err != ERROR_SUCCESS) return err == ERROR_MORE_DATA ? ERROR_INVALID_DATA : err;
+    answer.assign(in.data(), bytes);
+    return ERROR_SUCCESS;
+}
+
+}  // namespace vqr::sim

@@ -1,0 +1,25 @@
+// The client end of the simulator's private pipe, shared by our fltlib.dll and driver_ctl.
+// Handles are opened for overlapped I/O, as Windows opens a communication port, so that every
+// wait on them ends only by completion or by CancelIoEx on the handle.
+#pragma once
+
+#include <windows.h>
+
+#include "mcl/buffer.h"
+#include "mcl/mswin/unique_handle.h"
+
+namespace vqr::sim {
+
+// Opens a pipe instance to the simulator, waiting while every instance is busy. Returns
+// ERROR_SUCCESS or the Win32 error (ERROR_FILE_NOT_FOUND when no simulator serves).
+DWORD open_channel(mcl::mswin::unique_kernel_handle& pipe);
+
+// Finishes one overlapped operation on `pipe` that returned `started`: waits for it when it is
+// pending. Returns ERROR_SUCCESS or the operation's Win32 error (ERROR_MORE_DATA included).
+DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes);
+
+// Writes `request` as one message and reads the one message that answers it into `answer`.
+// The caller keeps other requests on `pipe` out meanwhile. Returns ERROR_SUCCESS or the Win32 error.
+DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer);
+
+}  // namespace vqr::sim
