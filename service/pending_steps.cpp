@@ -49,9 +49,6 @@ void chelperservice::loadTrustedOpenApps() {
 void chelperservice::loadProtectedRegKeys() {
     not_yet("chelperservice::loadProtectedRegKeys", "chelperservice::loadProtectedRegKeys");
 }
-void chelperservice::loadqQuarantineContainers() {
-    not_yet("chelperservice::loadqQuarantineContainers", "chelperservice::loadqQuarantineContainers");
-}
 void chelperservice::unprotectOwnRegKeys() {
     not_yet("chelperservice::unprotectOwnRegKeys", "chelperservice::unprotectRegKey");
 }
