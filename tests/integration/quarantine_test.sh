@@ -260,7 +260,6 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     big=$drive_c/data/big.bin
     head -c $((512 * 1048576)) /dev/urandom >"$big"
     sum_big=$(sum_of "$big")
-    service_pid() { wine tasklist 2>/dev/null | tr -d '\r' | awk '/NorvaleHalvernService/ { print $2 }' | head -n 1; }
     wait_for() {  # wait_for GLOB: until a file of the container matches
         for _ in $(seq 1 600); do
             compgen -G "$drive_c/q/$1" >/dev/null && return 0
@@ -271,6 +270,7 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     check_one_form() {  # LABEL: the source intact or a complete archive that restores
         local label=$1 arcs
         arcs=$(ls "$drive_c/q" | grep '^big\.bin\..*\.QUA$')
+        echo "$label: source $([ -e "$big" ] && echo kept || echo gone), archive $([ -n "$arcs" ] && echo complete || echo none)"
         if [ -e "$big" ] && [ "$(sum_of "$big")" = "$sum_big" ]; then
             [ -z "$arcs" ] || { rm -f "$drive_c/q/$arcs"; }  # both forms: the archive was complete
             return 0
@@ -285,9 +285,9 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
             </dev/null >/dev/null 2>&1) &
         sender=$!
         if [ "$moment" = none ]; then sleep 0.5; else wait_for "$moment" || echo "note: $moment not seen"; fi
-        run taskkill /F /PID "$(service_pid)"
+        run taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
-        wait_svc_state $svc 1
+        wait_svc_state $svc 252
         start_service
         ls "$drive_c/q" | grep -q -E 'verifying|partial' && fail "after $moment: temporaries left"
         check_one_form "killed at $moment"
@@ -302,10 +302,11 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
         if [ "$moment" = none ]; then sleep 0.5; else
             for _ in $(seq 1 600); do [ -e "$big.restoring" ] && break; sleep 0.05; done
         fi
-        run taskkill /F /PID "$(service_pid)"
+        run taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
-        wait_svc_state $svc 1
+        wait_svc_state $svc 252
         start_service
+        echo "restore killed at $moment: archive $([ -e "$(unix_of "$arc_big")" ] && echo kept || echo gone), file $([ -e "$big" ] && echo present || echo absent)"
         if [ -e "$(unix_of "$arc_big")" ]; then
             [ ! -e "$big" ] || expect_eq "restore killed at $moment: restored copy" "$sum_big" "$(sum_of "$big")"
             rm -f "$big.restoring"
