@@ -287,7 +287,6 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
         if [ "$moment" = none ]; then sleep 0.5; else wait_for "$moment" || echo "note: $moment not seen"; fi
         run taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
-        wait_svc_state $svc 252
         start_service
         ls "$drive_c/q" | grep -q -E 'verifying|partial' && fail "after $moment: temporaries left"
         check_one_form "killed at $moment"
@@ -304,7 +303,6 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
         fi
         run taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
-        wait_svc_state $svc 252
         start_service
         echo "restore killed at $moment: archive $([ -e "$(unix_of "$arc_big")" ] && echo kept || echo gone), file $([ -e "$big" ] && echo present || echo absent)"
         if [ -e "$(unix_of "$arc_big")" ]; then
