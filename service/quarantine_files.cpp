@@ -72,6 +72,7 @@ std::string archive_path_for(const std::string& container, const std::string& na
 void delete_or_schedule(const char* fn, const char* what, const std::string& path) {
     if (DeleteFileA(path.c_str())) return;
     const DWORD err = GetLastError();
+    if (err == ERROR_FILE_NOT_FOUND) return;  // already gone (a path listed twice): nothing to schedule
     NV_LOG(fn, "Failed to delete %s <%s>, error: %d\n Trying to delete it after reboot.", what, path.c_str(),
            static_cast<int>(err));
     (void)MoveFileExA(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);

@@ -121,10 +121,11 @@ request 10000ce "$(hex_str '')"
 expect_eq "empty path" "$(status_msg 00 '')" "$reply"
 
 echo "== remove and restore with a foreign archive"
-quarantine 1 'c:\q\' "$arc_c" 'c:\other\x.QUA' 'c:\q\..\nv\NorvaleHalvernService.exe'
+quarantine 1 'c:\q\' "$arc_c" 'c:\other\x.QUA' 'c:\q\..\nv\NorvaleHalvernService.exe' "$arc_c"
 expect_eq "remove: foreign fails" "$(status_msg 00 '')" "$reply"
 [ ! -e "$(unix_of "$arc_c")" ] || fail "remove: archive still there"
 [ -e "$drive_c/nv/NorvaleHalvernService.exe" ] || fail "remove: escaped the container"
+expect_eq "remove: listed twice, nothing scheduled" 0 "$(log_count 'Failed to delete quarantined file')"
 expect_eq "remove: mismatch logged" 2 "$(log_count 'Failed to remove the quarantined file, container path is not matched')"
 quarantine 2 'c:\q\' 'c:\other\x.QUA' "$arc_a"
 expect_eq "restore: foreign fails" "$(status_msg 00 '')" "$reply"
