@@ -138,6 +138,8 @@ void chelperservice::loadqQuarantineContainers() {
         if (is_directory(name)) remove_archive_leftovers(name);
     }
     loadBlockedFiles();
+    NV_LOG(fn, "Quarantine containers loaded: %d, blocked files: %d", static_cast<int>(quarantine_containers_.size()),
+           static_cast<int>(blocked_files_.size()));
 }
 
 void chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
