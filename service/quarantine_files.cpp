@@ -131,6 +131,33 @@ bool in_container(const std::string& container, const std::string& archive) {
     return !name.empty() && name.find_first_of("\\/") == std::string::npos && name != "." && name != "..";
 }
 
+// A file's DACL as it was before the quarantine changed it, put back when the file stays.
+class saved_dacl {
+public:
+    explicit saved_dacl(const std::string& path) {
+        if (object_security::current().get_file_dacl(mcl::mswin::widen(path), &dacl_, descriptor_.put()) != ERROR_SUCCESS)
+            return;
+        SECURITY_DESCRIPTOR_CONTROL control = 0;
+        DWORD revision = 0;
+        if (GetSecurityDescriptorControl(descriptor_.get(), &control, &revision))
+            protected_ = (control & SE_DACL_PROTECTED) != 0;
+        read_ = true;
+    }
+    void put_back(const std::string& path) const {
+        if (!read_) return;
+        const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(path), dacl_, protected_);
+        if (err != ERROR_SUCCESS)
+            NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d", path.c_str(),
+                   static_cast<int>(err));
+    }
+
+private:
+    unique_local descriptor_;
+    PACL dacl_ = nullptr;
+    bool protected_ = false;
+    bool read_ = false;
+};
+
 }  // namespace
 
 bool chelperservice::createPath(const std::string& path) {
@@ -214,12 +241,14 @@ bool chelperservice::add_quarantine_files(const std::string& container, const st
             continue;
         }
         const std::string archive = archive_path_for(container, source.substr(slash + 1));
+        const saved_dacl before(source);
         (void)setQuarantineFilePermissions(source, container);
         const bool archived = archive_verified(source, archive);
         if (archived) {
             message += archive;
         } else {
             NV_LOG(fn, "Failed to archive file to quarantine container: %s -> %s.", source.c_str(), archive.c_str());
+            before.put_back(source);
         }
         message += ";";
         if (archived) delete_or_schedule(fn, "original file", source);

@@ -25,7 +25,10 @@ sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
 quarantine() { request 10000ca "$(hex_u32 "$1")$(hex_str "$2")$(shift 2; hex_list "$@")"; }
 
 mkdir -p "$drive_c/data" "$drive_c/swap"
-printf 'file\tC:\\data\\blk.txt\tD:(A;;FA;;;BA)(A;;0x1200a9;;;BU)\n' >"$journal"
+{
+    printf 'file\tC:\\data\\blk.txt\tD:(A;;FA;;;BA)(A;;0x1200a9;;;BU)\n'
+    printf 'file\tC:\\data\\sub\tD:P(A;OICI;FA;;;BA)\n'
+} >"$journal"
 run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
 run "$exe" -i install
 expect_eq "install" 0 "$rc"
@@ -110,6 +113,12 @@ for pair in "$arc_a|C:\\data\\a.bin" "$arc_b|C:\\data\\b.txt" "$arc_c|C:\\data\\
 done
 request 10000cc "$(hex_str 'c:\notregistered')"
 expect_eq "unregistered listing" "$(hex_u32 0)" "$reply"
+
+mkdir -p "$drive_c/data/sub"
+quarantine 0 'c:\q' 'C:\data\sub'
+expect_eq "a folder as source: empty field" "$(status_msg 01 ';')" "$reply"
+expect_eq "a folder as source: its DACL put back" "D:P(A;OICI;FA;;;BA)" "$(recorded file 'C:\data\sub' | cut -f 1)"
+[ -d "$drive_c/data/sub" ] || fail "a folder as source: removed"
 
 echo "== is quarantined"
 upper_c=$(printf '%s' "$arc_c" | tr 'a-z' 'A-Z')
