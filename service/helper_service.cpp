@@ -35,6 +35,13 @@ void chelperservice::main(int, char**) {
     shutdown();
 }
 
+void chelperservice::loadPersistedRules() {
+    loadTrustedOpenApps();
+    loadProtectedService();
+    loadProtectedRegKeys();
+    loadqQuarantineContainers();
+}
+
 void chelperservice::handleEmergencyStart(const emergency_start& start) {
     if (start.disable || start.uninstall) {
         NV_LOG("chelperservice::main", "Emergency option - protection has been disabled.\n");

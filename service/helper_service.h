@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -281,15 +282,54 @@ public:
     bool persistRegKeyRecord(const reg_key_record& record, bool add);
     const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
 
-    // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp).
+    // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp,
+    // service/blocked_files.cpp). The tables have no lock: the IPC event thread and the start-up
+    // step use them, one at a time. Paths are narrow (ANSI) strings.
+    static constexpr const char* quarantine_containers_key = "Software\\Norvale\\NVClientHelper\\QuarantineContainers";
+    static constexpr const char* protected_folders_key = "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedFolders";
+    // Lower-cased blocked path -> the SDDL text of the DACL it had before; kept across restarts.
+    static constexpr const char* blocked_files_key = "Software\\Norvale\\NVClientHelper\\BlockedFiles";
+    // Creates every missing folder of `path` (a trailing backslash is added); true when all exist.
+    static bool createPath(const std::string& path);
+    bool createQuarantineContainer(const std::string& path, const std::vector<std::string>& services);
+    // Action 1 deletes the archives, 2 restores them; the container goes only when all succeeded.
+    bool removeQuarantineContainer(const std::string& path, uint32_t action);
+    // The container path followed by each "*.QUA" entry name, in directory order; cleared first.
+    static void list_quarantine_files(const std::string& container, std::vector<std::string>& files);
+    // One field per source in `message`, each ended by ";": the archive path or nothing. A source
+    // is deleted only after its archive was written, flushed, read back and renamed into place.
+    bool add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
+                              std::string& message);
+    bool remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
+    // An archive is deleted only once its file is back in place with a matching digest.
+    bool restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
+    bool quarantine_files_action(uint32_t action, const std::string& container, const std::vector<std::string>& paths,
+                                 std::string& message);
+    // The source path recorded in an archive; false (logged) when its header cannot be read.
+    static bool read_quarantine_file_original_path(const std::string& archive, std::string& path);
+    // Copies the folder's DACL onto the file.
+    static bool setQuarantineFilePermissions(const std::string& file, const std::string& folder);
+    // Whether `path` is an archive of a registered container, ignoring ASCII case.
+    bool is_quarantined_file(const std::string& path);
+    bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
+    bool unblockFileAccess(const std::string& path);
+    void create_quarantine_container(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void quarantine_files(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void remove_quarantine_container(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void get_quarantined_files(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void get_quarantine_containers(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void is_file_quarantined(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void block_file_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void unblock_file_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void block_files_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void is_file_access_blocked(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
 private:
     friend class mcl::singleton_ptr<chelperservice>;
     chelperservice();
 
-    // Start-up and shutdown steps whose work belongs to the driver link, the protection
-    // managers and the quarantine; each says in the log what it did (service/pending_steps.cpp
-    // until those land).
+    // Start-up and shutdown steps, each defined with the driver link, protection manager,
+    // quarantine or installer code that does the work; each says in the log what it did.
     void startDriver();
     void logDriverVersion();
     void startEnforcement();
@@ -363,4 +403,8 @@ private:
     std::map<std::wstring, reg_key_record> protected_reg_keys_;
 
     // Quarantine state.
+    std::set<std::string> quarantine_containers_;      // normalised paths ("c:\\q\\")
+    std::map<std::string, std::string> blocked_files_;  // lower-cased path -> previous DACL (SDDL)
+    // Reads the saved descriptors of blocked files back from the registry (start-up).
+    void loadBlockedFiles();
 };

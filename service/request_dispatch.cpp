@@ -50,6 +50,16 @@ const request_route routes[] = {
     {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL"},
 
     // Quarantine.
+    {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container"},
+    {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files"},
+    {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container"},
+    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files"},
+    {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers"},
+    {msg::is_file_quarantined, &chelperservice::is_file_quarantined, "is file quarantined"},
+    {msg::block_file_access, &chelperservice::block_file_access, "block file access"},
+    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access"},
+    {msg::block_files_access, &chelperservice::block_files_access, "block files access"},
+    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked"},
 
     // IRP-denied notifications.
     {msg::subscribe_irp_notification, &chelperservice::subscribe_irp_notification, "subscribe IRP notification"},

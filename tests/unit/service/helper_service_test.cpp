@@ -73,24 +73,6 @@ TEST(RequestDispatch, UnknownIdentifiersAreLoggedAndEchoed) {
     }
 }
 
-TEST(RequestDispatch, CatalogueRequestsWithoutAHandlerAnswerAFailedStatus) {
-    // The quarantine requests have no handler in this build.
-    chelperservice::helper_msg_handler& handler = chelperservice::instance().msg_handler();
-    for (uint32_t id = msg::create_quarantine_container; id <= msg::is_file_access_blocked; ++id) {
-        // The client's own request, a string list, must not come back as if it were the answer.
-        mcl::binary_t payload;
-        mcl::write_string_list(payload, {"a", "b"});
-        EXPECT_EQ(1, handler(conn, id, payload)) << std::hex << id;
-        bool ok = true;
-        std::string message;
-        uint32_t pos = 0;
-        EXPECT_TRUE(mcl::read_status(ok, message, payload, pos)) << std::hex << id;
-        EXPECT_FALSE(ok) << std::hex << id;
-        EXPECT_FALSE(message.empty()) << std::hex << id;
-        EXPECT_EQ(payload.size(), pos) << std::hex << id;
-    }
-}
-
 TEST(RequestDispatch, NoConnectionNoWork) {
     nv_test::log_capture log;
     mcl::binary_t payload = payload_of({});

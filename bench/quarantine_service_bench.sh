@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# Quarantines 64 MiB and 1 GiB files, random and text-like, through the running service
+# (request 0x10000ca: archive, flush, read back and check, rename, delete the source) and with
+# `quarantine_tool create` followed by `quarantine_tool verify` on the same file, both under
+# Wine and both timed with their process start. Prints "name: value unit" lines.
+#
+#   NV_BIN_DIR=build/mingw-x64/bin NV_SOURCE_DIR=$PWD WINEPREFIX=$PWD/build/mingw-x64/wine/prefix \
+#       bench/quarantine_service_bench.sh
+# WINEPREFIX is an existing prefix (the test run's); the bench works in a copy of it.
+set -uo pipefail
+. "$(dirname "$0")/../tests/integration/protection_lib.sh"
+
+tool=$NV_BIN_DIR/quarantine_tool.exe
+now() { date +%s.%N; }
+rate() { awk -v b="$1" -v a="$2" -v z="$3" 'BEGIN { printf "%.1f", b / 1e6 / (z - a) }'; }
+hex_list() {
+    hex_u32 $#
+    for item in "$@"; do hex_str "$item"; done
+}
+
+printf '' >"$journal"
+run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
+run "$exe" -i install
+start_service
+request 10000c9 "$(hex_str 'C:\Q')$(hex_list)"
+mkdir -p "$drive_c/data"
+for size in 64M:67108864 1G:1073741824; do
+    for kind in random text; do
+        label=${kind}_${size%%:*}
+        bytes=${size#*:}
+        file=$drive_c/data/$label.bin
+        case $kind in
+        random) head -c "$bytes" /dev/urandom >"$file" ;;
+        text) seq 1 1000000000 | head -c "$bytes" >"$file" ;;
+        esac
+        cat "$file" >/dev/null
+        t0=$(now)
+        wine "$tool" create "C:\\data\\$label.bin" "C:\\data\\$label.QUA" </dev/null >/dev/null 2>&1
+        wine "$tool" verify "C:\\data\\$label.QUA" </dev/null >/dev/null 2>&1
+        t1=$(now)
+        rm -f "$drive_c/data/$label.QUA"
+        tool_rate=$(rate "$bytes" "$t0" "$t1")
+        echo "tool_create_verify_$label: $tool_rate MB/s"
+        cat "$file" >/dev/null
+        t0=$(now)
+        request 10000ca "$(hex_u32 0)$(hex_str 'c:\q')$(hex_list "C:\\data\\$label.bin")"
+        t1=$(now)
+        [ "${reply:0:2}" = 01 ] && [ ! -e "$file" ] || echo "error: quarantine of $label failed: $reply"
+        service_rate=$(rate "$bytes" "$t0" "$t1")
+        echo "service_quarantine_$label: $service_rate MB/s"
+        awk -v s="$service_rate" -v t="$tool_rate" -v l="$label" 'BEGIN { printf "service_vs_tool_%s: %.2f ratio\n", l, s / t }'
+        awk -v s="$service_rate" -v l="$label" 'BEGIN { printf "fits_180s_%s: %.0f MiB\n", l, s * 1e6 * 180 / 1048576 }'
+        rm -f "$drive_c"/q/*.QUA "$file"
+    done
+done
+stop_service

@@ -1,0 +1,346 @@
+// Quarantined files: archiving sources into a container, deleting and restoring archives, and
+// the folder and archive helpers the container requests share.
+//
+// Nothing is lost on the way: an archive is written under a temporary name in the container,
+// flushed, decoded again and checked against its digest, and only then renamed to its .QUA name;
+// the source is deleted after that rename. A restore writes beside its target and replaces it only
+// when the digest matched; the archive is deleted after that. A crash at any point leaves the
+// source or a complete archive (or both), never neither.
+#include <windows.h>
+
+#include <cstring>
+
+#include "app/log.h"
+#include "mcl/file.h"
+#include "mcl/mswin/text.h"
+#include "mcl/mswin/unique_handle.h"
+#include "quarantine/file_archive.h"
+#include "service/helper_service.h"
+#include "service/object_security.h"
+#include "service/restore_target.h"
+
+namespace {
+
+using mcl::mswin::unique_find_handle;
+using mcl::mswin::unique_local;
+
+constexpr const char* archive_suffix = ".QUA";
+// An archive being written and checked; never matches "*.QUA", so listings do not show it.
+constexpr const char* verifying_suffix = ".verifying";
+
+std::string lower_ascii(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+bool ends_with_nocase(const std::string& text, const char* suffix) {
+    const size_t n = strlen(suffix);
+    return text.size() >= n && _stricmp(text.c_str() + text.size() - n, suffix) == 0;
+}
+
+uint64_t unix_milliseconds_now() {
+    FILETIME ft;
+    GetSystemTimeAsFileTime(&ft);
+    const uint64_t ticks = (static_cast<uint64_t>(ft.dwHighDateTime) << 32) | ft.dwLowDateTime;
+    return (ticks - 116444736000000000ULL) / 10000;
+}
+
+// The 8 bytes of `ms` in memory order (least significant first), "%02X" each.
+std::string time_hex(uint64_t ms) {
+    std::string text;
+    char byte[3];
+    for (int i = 0; i < 8; ++i) {
+        snprintf(byte, sizeof(byte), "%02X", static_cast<unsigned>((ms >> (8 * i)) & 0xFF));
+        text += byte;
+    }
+    return text;
+}
+
+bool exists(const std::string& path) { return GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES; }
+
+// The archive path of `source` in `container`: the file name, the archiving time and ".QUA".
+// Two sources of one name in the same millisecond get the next free millisecond, so an archive
+// never replaces another.
+std::string archive_path_for(const std::string& container, const std::string& name) {
+    for (uint64_t ms = unix_milliseconds_now();; ++ms) {
+        const std::string path = container + name + "." + time_hex(ms) + archive_suffix;
+        if (!exists(path) && !exists(path + verifying_suffix)) return path;
+    }
+}
+
+void delete_or_schedule(const char* fn, const char* what, const std::string& path) {
+    if (DeleteFileA(path.c_str())) return;
+    const DWORD err = GetLastError();
+    if (err == ERROR_FILE_NOT_FOUND) return;  // already gone (a path listed twice): nothing to schedule
+    NV_LOG(fn, "Failed to delete %s <%s>, error: %d\n Trying to delete it after reboot.", what, path.c_str(),
+           static_cast<int>(err));
+    (void)MoveFileExA(path.c_str(), nullptr, MOVEFILE_DELAY_UNTIL_REBOOT);
+}
+
+// Decodes the whole archive and compares the content's digest with the recorded one; the recorded
+// path must be `source`. This is the read-back that allows deleting the source.
+bool verify_archive(const std::string& archive, const std::string& source) {
+    constexpr const char* fn = "chelperservice::add_quarantine_files";
+    mcl::unique_file file = mcl::open_file(archive.c_str(), "rb");
+    archive_info info;
+    if (!file || !NVFileArchive::read_archive_info(file.get(), info)) {
+        NV_LOG(fn, "Archive verification failed, cannot read the header of %s", archive.c_str());
+        return false;
+    }
+    if (info.path != source || !archive_chunk_lengths_valid(info.header) || !check_frame_descriptor(file.get())) {
+        NV_LOG(fn, "Archive verification failed, invalid header in %s", archive.c_str());
+        return false;
+    }
+    digest_sink sink(nullptr);
+    const int decoded = decompress_file(file.get(), sink, info.header);
+    mcl::binary_t digest;
+    if (decoded != 0 || !sink.finish(digest) || digest.size() != archive_hash_size ||
+        memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
+        NV_LOG(fn, "Archive verification failed, the content does not decode to its digest: %s", archive.c_str());
+        return false;
+    }
+    return true;
+}
+
+// Archives `source` to `archive` through a checked temporary; false leaves no file behind.
+bool archive_verified(const std::string& source, const std::string& archive) {
+    constexpr const char* fn = "chelperservice::add_quarantine_files";
+    const std::string temp = archive + verifying_suffix;
+    if (!NVFileArchive::NVFileArchive_archiveFile(source.c_str(), temp.c_str())) return false;
+    if (!verify_archive(temp, source)) {
+        DeleteFileA(temp.c_str());
+        return false;
+    }
+    // No replacing: archive_path_for picked a free name, and an archive is never overwritten.
+    if (!MoveFileExA(temp.c_str(), archive.c_str(), MOVEFILE_WRITE_THROUGH)) {
+        NV_LOG(fn, "Failed to rename %s to %s, error: %d", temp.c_str(), archive.c_str(),
+               static_cast<int>(GetLastError()));
+        DeleteFileA(temp.c_str());
+        return false;
+    }
+    return true;
+}
+
+// The archive path names an entry directly inside the container (compared without case).
+bool in_container(const std::string& container, const std::string& archive) {
+    const std::string lower = lower_ascii(archive);
+    if (lower.find(container) == std::string::npos) return false;
+    if (lower.compare(0, container.size(), container) != 0) return false;
+    const std::string name = lower.substr(container.size());
+    return !name.empty() && name.find_first_of("\\/") == std::string::npos && name != "." && name != "..";
+}
+
+// A file's DACL as it was before the quarantine changed it, put back when the file stays.
+class saved_dacl {
+public:
+    explicit saved_dacl(const std::string& path) {
+        if (object_security::current().get_file_dacl(mcl::mswin::widen(path), &dacl_, descriptor_.put()) != ERROR_SUCCESS)
+            return;
+        SECURITY_DESCRIPTOR_CONTROL control = 0;
+        DWORD revision = 0;
+        if (GetSecurityDescriptorControl(descriptor_.get(), &control, &revision))
+            protected_ = (control & SE_DACL_PROTECTED) != 0;
+        read_ = true;
+    }
+    void put_back(const std::string& path) const {
+        if (!read_) return;
+        const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(path), dacl_, protected_);
+        if (err != ERROR_SUCCESS)
+            NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d", path.c_str(),
+                   static_cast<int>(err));
+    }
+
+private:
+    unique_local descriptor_;
+    PACL dacl_ = nullptr;
+    bool protected_ = false;
+    bool read_ = false;
+};
+
+}  // namespace
+
+bool chelperservice::createPath(const std::string& path) {
+    constexpr const char* fn = "chelperservice::createPath";
+    std::string full = path;
+    if (full.empty() || full.back() != '\\') full += '\\';
+    for (size_t at = full.find('\\'); at != std::string::npos; at = full.find('\\', at + 1)) {
+        const std::string prefix = full.substr(0, at);
+        if (prefix.empty() || (prefix.size() == 2 && prefix[1] == ':')) continue;  // the drive itself
+        if (GetFileAttributesA(prefix.c_str()) != INVALID_FILE_ATTRIBUTES) continue;
+        const DWORD err = GetLastError();
+        if (err != ERROR_FILE_NOT_FOUND && err != ERROR_PATH_NOT_FOUND) {
+            NV_LOG(fn, "GetFileAttributes failed on %s with error: %d", prefix.c_str(), static_cast<int>(err));
+            return false;
+        }
+        if (!CreateDirectoryA(prefix.c_str(), nullptr)) {
+            NV_LOG(fn, "CreateDirectory failed on %s with error: %d", prefix.c_str(),
+                   static_cast<int>(GetLastError()));
+            return false;
+        }
+    }
+    return true;
+}
+
+bool chelperservice::setQuarantineFilePermissions(const std::string& file, const std::string& folder) {
+    constexpr const char* fn = "chelperservice::setQuarantineFilePermissions";
+    std::string dir = folder;
+    if (dir.size() > 3 && dir.back() == '\\') dir.pop_back();
+    PACL dacl = nullptr;
+    unique_local descriptor;
+    DWORD err = object_security::current().get_file_dacl(mcl::mswin::widen(dir), &dacl, descriptor.put());
+    if (err != ERROR_SUCCESS) {
+        NV_LOG(fn, "GetNamedSecurityInfo failed on %s, error: %d", dir.c_str(), static_cast<int>(err));
+        return false;
+    }
+    err = object_security::current().set_file_dacl(mcl::mswin::widen(file), dacl, /*protect=*/false);
+    if (err != ERROR_SUCCESS) {
+        NV_LOG(fn, "SetNamedSecurityInfo failed on %s, error: %d", file.c_str(), static_cast<int>(err));
+        return false;
+    }
+    return true;
+}
+
+void chelperservice::list_quarantine_files(const std::string& container, std::vector<std::string>& files) {
+    files.clear();
+    WIN32_FIND_DATAA entry{};
+    unique_find_handle find(FindFirstFileA((container + "*" + archive_suffix).c_str(), &entry));
+    if (!find) return;
+    do {
+        const std::string name = entry.cFileName;
+        if (name == "." || name == "..") continue;
+        if (!ends_with_nocase(name, archive_suffix)) continue;  // short-name matches
+        files.push_back(container + name);
+    } while (FindNextFileA(find.get(), &entry));
+}
+
+bool chelperservice::read_quarantine_file_original_path(const std::string& archive, std::string& path) {
+    constexpr const char* fn = "chelperservice::read_quarantine_file_original_path";
+    mcl::unique_file file = mcl::open_file(archive.c_str(), "rb");
+    archive_info info;
+    if (!file || !NVFileArchive::read_archive_info(file.get(), info)) {
+        NV_LOG(fn, "Restore quarantined file failed, unable to read quarantine file header: %s", archive.c_str());
+        return false;
+    }
+    path = info.path;
+    return true;
+}
+
+bool chelperservice::add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
+                                          std::string& message) {
+    constexpr const char* fn = "chelperservice::add_quarantine_files";
+    message.clear();
+    bool result = true;
+    for (const std::string& source : files) {
+        killProcessByPath(source);
+        const size_t slash = source.rfind('\\');
+        if (slash == std::string::npos) {
+            NV_LOG(fn, "Invalid file path to quarantine: %s", source.c_str());
+            result = false;
+            message += ";";
+            continue;
+        }
+        const std::string archive = archive_path_for(container, source.substr(slash + 1));
+        const saved_dacl before(source);
+        (void)setQuarantineFilePermissions(source, container);
+        const bool archived = archive_verified(source, archive);
+        if (archived) {
+            message += archive;
+        } else {
+            NV_LOG(fn, "Failed to archive file to quarantine container: %s -> %s.", source.c_str(), archive.c_str());
+            before.put_back(source);
+        }
+        message += ";";
+        if (archived) delete_or_schedule(fn, "original file", source);
+    }
+    return result;
+}
+
+bool chelperservice::remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives) {
+    constexpr const char* fn = "chelperservice::remove_quarantine_files";
+    bool result = true;
+    for (const std::string& archive : archives) {
+        if (!in_container(container, archive)) {
+            NV_LOG(fn, "Failed to remove the quarantined file, container path is not matched %s <> %s.",
+                   archive.c_str(), container.c_str());
+            result = false;
+            continue;
+        }
+        delete_or_schedule(fn, "quarantined file", archive);
+    }
+    return result;
+}
+
+bool chelperservice::restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives) {
+    constexpr const char* fn = "chelperservice::restore_quarantine_files";
+    bool result = true;
+    for (const std::string& archive : archives) {
+        if (!in_container(container, archive)) {
+            NV_LOG(fn, "Failed to restore the quarantined file, container path is not matched %s <> %s.",
+                   archive.c_str(), container.c_str());
+            result = false;
+            continue;
+        }
+        std::string target;
+        bool ok = read_quarantine_file_original_path(archive, target);
+        if (ok && !restore_target_is_safe(target)) {
+            NV_LOG(fn, "Restore refused, the folder of %s is a link or not a local path; the archive is kept: %s",
+                   target.c_str(), archive.c_str());
+            ok = false;
+        }
+        ok = ok && NVFileArchive::NVFileArchive_restoreFile(archive.c_str());
+        if (!ok) {
+            NV_LOG(fn, "Failed to restore quarantine file: %s", archive.c_str());
+            result = false;
+            continue;
+        }
+        delete_or_schedule(fn, "quarantined file", archive);
+    }
+    return result;
+}
+
+bool chelperservice::quarantine_files_action(uint32_t action, const std::string& container,
+                                             const std::vector<std::string>& paths, std::string& message) {
+    switch (action) {
+    case 0:
+        return add_quarantine_files(container, paths, message);
+    case 1:
+        return remove_quarantine_files(container, paths);
+    case 2:
+        return restore_quarantine_files(container, paths);
+    default:
+        message = "Invalid action.";
+        return false;
+    }
+}
+
+bool chelperservice::is_quarantined_file(const std::string& path) {
+    const std::string lower = lower_ascii(path);
+    std::vector<std::string> archives;
+    for (const std::string& container : quarantine_containers_) {
+        if (lower.find(container) == std::string::npos) continue;
+        list_quarantine_files(container, archives);
+        for (const std::string& archive : archives)
+            if (_stricmp(archive.c_str(), path.c_str()) == 0) return true;
+    }
+    return false;
+}
+
+void remove_archive_leftovers(const std::string& container);
+
+// Removes what an interrupted archiving left in a container: temporaries that never became an
+// archive. Their sources were not deleted (that happens only after the rename).
+void remove_archive_leftovers(const std::string& container) {
+    constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
+    for (const char* pattern : {"*.QUA.verifying", "*.QUA.verifying.partial", "*.QUA.partial"}) {
+        WIN32_FIND_DATAA entry{};
+        unique_find_handle find(FindFirstFileA((container + pattern).c_str(), &entry));
+        if (!find) continue;
+        do {
+            const std::string path = container + entry.cFileName;
+            if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) continue;
+            NV_LOG(fn, "Removing an incomplete archive: %s", path.c_str());
+            DeleteFileA(path.c_str());
+        } while (FindNextFileA(find.get(), &entry));
+    }
+}

@@ -1,0 +1,258 @@
+// Quarantine containers and the quarantine requests: create, remove and list containers, the
+// files action, listings and the is-quarantined query, and the start-up reload.
+#include <windows.h>
+
+#include "app/log.h"
+#include "mcl/encoding.h"
+#include "mcl/mswin/reg.h"
+#include "mcl/mswin/text.h"
+#include "service/helper_service.h"
+
+void remove_archive_leftovers(const std::string& container);
+
+namespace {
+
+struct sid_list {
+    std::vector<PSID> sids;
+    ~sid_list() {
+        for (PSID sid : sids) LocalFree(sid);
+    }
+};
+
+std::string lower_ascii(std::string text) {
+    for (char& c : text)
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+    return text;
+}
+
+std::string normalise_container(std::string path) {
+    if (path.empty() || path.back() != '\\') path += '\\';
+    return lower_ascii(std::move(path));
+}
+
+// The folder form the driver and the folder security take: no trailing backslash.
+std::wstring folder_of(const std::string& container) {
+    std::string folder = container;
+    if (folder.size() > 3 && folder.back() == '\\') folder.pop_back();
+    return mcl::mswin::widen(folder);
+}
+
+// A container is a folder below a drive root, "x:\name\...", short enough for the driver and
+// for the archive names inside it, without "." or ".." components.
+bool is_container_path(const std::string& path) {
+    if (path.size() < 5 || path.size() > MAX_PATH) return false;
+    const char d = path[0];
+    if (!((d >= 'a' && d <= 'z')) || path[1] != ':' || path[2] != '\\') return false;
+    if (path.find('/') != std::string::npos || path.find("\\\\") != std::string::npos) return false;
+    return path.find("\\.\\") == std::string::npos && path.find("\\..\\") == std::string::npos;
+}
+
+bool is_directory(const std::string& path) {
+    const DWORD attrs = GetFileAttributesA(path.c_str());
+    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0;
+}
+
+}  // namespace
+
+bool chelperservice::createQuarantineContainer(const std::string& path, const std::vector<std::string>& services) {
+    constexpr const char* fn = "chelperservice::createQuarantineContainer";
+    if (!createPath(path)) return false;
+    if (!is_directory(path)) {
+        NV_LOG(fn, "The quarantine container path is not a folder: %s", path.c_str());
+        return false;
+    }
+    sid_list list;
+    PSID own = nullptr;
+    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own)) {
+        NV_LOG(fn, "Unable to get halvern service's SID.");
+        return false;
+    }
+    list.sids.push_back(own);
+    for (const std::string& name : services) {
+        PSID sid = nullptr;
+        if (!mcl::mswin::service::get_sid(name.c_str(), &sid)) {
+            NV_LOG(fn,
+                   "Unable configure the full access service to the quarantine container, failed to get service's "
+                   "sid for: %s\n",
+                   name.c_str());
+            continue;
+        }
+        list.sids.push_back(sid);
+    }
+    const std::wstring folder = folder_of(path);
+    (void)restorePathPermissions(folder, default_folder_sddl);
+    if (!setPathPermissions(folder, list.sids, nullptr, /*denyOthers=*/true)) return false;
+    {
+        driver_port port = openDriverPort();
+        if (port) drvProtectFolder(port.get(), folder, /*remove=*/false, /*block=*/true);
+    }
+    quarantine_containers_.insert(path);
+    (void)mcl::mswin::reg::write_dword(quarantine_containers_key, path.c_str(), 1);
+    (void)mcl::mswin::reg::write_dword(protected_folders_key, path.c_str(), 1);
+    return true;
+}
+
+bool chelperservice::removeQuarantineContainer(const std::string& path, uint32_t action) {
+    constexpr const char* fn = "chelperservice::removeQuarantineContainer";
+    std::vector<std::string> archives;
+    list_quarantine_files(path, archives);
+    bool emptied = false;
+    if (action == 1) {
+        emptied = remove_quarantine_files(path, archives);
+    } else if (action == 2) {
+        emptied = restore_quarantine_files(path, archives);
+    } else {
+        NV_LOG(fn, "Unable to remove quarantine container <%s>, invalid action", path.c_str());
+        return false;
+    }
+    if (!emptied) return false;
+    const std::wstring folder = folder_of(path);
+    {
+        driver_port port = openDriverPort();
+        if (port) drvProtectFolder(port.get(), folder, /*remove=*/true, /*block=*/true);
+    }
+    (void)restorePathPermissions(folder, default_folder_sddl);
+    if (!RemoveDirectoryA(path.c_str())) {
+        NV_LOG(fn, "Unable to remove quarantine container folder <%s>, error: %d", path.c_str(),
+               static_cast<int>(GetLastError()));
+    }
+    quarantine_containers_.erase(path);
+    (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, quarantine_containers_key, path.c_str());
+    (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_folders_key, path.c_str());
+    return true;
+}
+
+void chelperservice::loadqQuarantineContainers() {
+    constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
+    quarantine_containers_.clear();
+    std::vector<std::string> names;
+    (void)mcl::mswin::reg::list_values(quarantine_containers_key, names);  // names over 255 characters are skipped
+    for (const std::string& name : names) {
+        NV_LOG(fn, "Read quarantine containers: %s", name.c_str());
+        {
+            driver_port port = openDriverPort();
+            if (port) drvProtectFolder(port.get(), folder_of(name), /*remove=*/false, /*block=*/true);
+        }
+        quarantine_containers_.insert(name);
+        (void)mcl::mswin::reg::write_dword(protected_folders_key, name.c_str(), 1);
+        if (is_directory(name)) remove_archive_leftovers(name);
+    }
+    loadBlockedFiles();
+    NV_LOG(fn, "Quarantine containers loaded: %d, blocked files: %d", static_cast<int>(quarantine_containers_.size()),
+           static_cast<int>(blocked_files_.size()));
+}
+
+void chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::create_quarantine_container";
+    std::string path;
+    std::vector<std::string> services;
+    uint32_t pos = 0;
+    const bool decoded = mcl::read_string(path, payload, pos) && mcl::read_string_list(services, payload, pos);
+    payload.clear();
+    if (!decoded) {
+        mcl::write_status(payload, false, "");
+        return;
+    }
+    if (path.empty()) {
+        NV_LOG(fn, "Failed to create quarantine container, invalid path.");
+        mcl::write_status(payload, false, "Invalid path.");
+        return;
+    }
+    path = normalise_container(path);
+    if (quarantine_containers_.count(path) != 0) {
+        mcl::write_status(payload, true, "");
+        return;
+    }
+    if (!is_container_path(path) || !createQuarantineContainer(path, services)) {
+        NV_LOG(fn, "Failed to create quarantine container path.");
+        mcl::write_status(payload, false, "Invalid path.");
+        return;
+    }
+    mcl::write_status(payload, true, "");
+}
+
+void chelperservice::quarantine_files(mcl::ipc_connection*, mcl::binary_t& payload) {
+    uint32_t action = 0;
+    std::string container;
+    std::vector<std::string> paths;
+    uint32_t pos = 0;
+    const bool decoded = mcl::read_u32(action, payload, pos) && mcl::read_string(container, payload, pos) &&
+                         mcl::read_string_list(paths, payload, pos);
+    payload.clear();
+    if (!decoded) {
+        mcl::write_status(payload, false, "");
+        return;
+    }
+    container = normalise_container(container);
+    if (quarantine_containers_.count(container) == 0 || !is_directory(container)) {
+        mcl::write_status(payload, false, "Invalid quarantine container.");
+        return;
+    }
+    std::string message;
+    const bool ok = quarantine_files_action(action, container, paths, message);
+    mcl::write_status(payload, ok, message);
+}
+
+void chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::remove_quarantine_container";
+    uint32_t action = 0;
+    std::string path;
+    uint32_t pos = 0;
+    const bool decoded = mcl::read_u32(action, payload, pos) && mcl::read_string(path, payload, pos);
+    payload.clear();
+    if (!decoded) {
+        mcl::write_status(payload, false, "");
+        return;
+    }
+    if (path.empty()) {
+        NV_LOG(fn, "Failed to remove quarantine container, invalid path.");
+        mcl::write_status(payload, false, "Invalid path.");
+        return;
+    }
+    path = normalise_container(path);
+    if (quarantine_containers_.count(path) == 0) {
+        mcl::write_status(payload, false, "Invalid quarantine container.");
+        return;
+    }
+    if (action != 1 && action != 2) {
+        mcl::write_status(payload, false, "Invalid action.");
+        return;
+    }
+    mcl::write_status(payload, removeQuarantineContainer(path, action), "");
+}
+
+void chelperservice::get_quarantined_files(mcl::ipc_connection*, mcl::binary_t& payload) {
+    std::string path;
+    uint32_t pos = 0;
+    const bool decoded = mcl::read_string(path, payload, pos);
+    payload.clear();
+    std::vector<std::string> archives;
+    if (decoded) {
+        path = normalise_container(path);
+        if (quarantine_containers_.count(path) != 0) list_quarantine_files(path, archives);
+    }
+    mcl::write_u32(payload, static_cast<uint32_t>(archives.size()));
+    for (const std::string& archive : archives) {
+        std::string original;
+        (void)read_quarantine_file_original_path(archive, original);
+        mcl::write_string(payload, archive.substr(archive.rfind('\\') + 1));
+        mcl::write_string(payload, original);
+    }
+}
+
+void chelperservice::get_quarantine_containers(mcl::ipc_connection*, mcl::binary_t& payload) {
+    payload.clear();
+    mcl::write_string_list(payload, std::vector<std::string>(quarantine_containers_.begin(), quarantine_containers_.end()));
+}
+
+void chelperservice::is_file_quarantined(mcl::ipc_connection*, mcl::binary_t& payload) {
+    std::string path;
+    uint32_t pos = 0;
+    const bool decoded = mcl::read_string(path, payload, pos);
+    payload.clear();
+    if (!decoded || path.empty()) {
+        mcl::write_status(payload, false, "");
+        return;
+    }
+    mcl::write_status(payload, true, is_quarantined_file(lower_ascii(path)) ? "yes" : "no");
+}
