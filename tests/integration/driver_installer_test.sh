@@ -332,6 +332,10 @@ wine winecfg -v win7 </dev/null >/dev/null 2>&1
 
 echo "== the service installs a missing driver at start-up and starts it"
 run "$exe" -i uninstdrv
+for _ in $(seq 1 150); do  # a stopping driver service is deleted once it has stopped
+    [ -z "$(service_type)" ] && break
+    sleep 0.2
+done
 [ -z "$(service_type)" ] || fail "start-up: the driver is still installed"
 run "$exe" -i install
 expect "service install" 0 "Installing halvern service..."
