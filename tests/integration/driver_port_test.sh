@@ -134,34 +134,12 @@ shutdown_checks() {
     fi
 }
 
-echo "== Windows 7, console run: start-up, requests, Ctrl+C"
+echo "== Windows 7, console run: start-up, Ctrl+C"
 use_prefix 7 win7
 wine "$exe" -d </dev/null >"$work/console7.txt" 2>&1 &
 service=$!
 wait_listening
 startup_checks "win7" win7
-# The driver protection requests: features 0 and 6 follow the request, 11 the registry switch.
-mark=$(journal | wc -l)
-request 1000006 0100
-request 1000008 "" 0000         # no byte: nothing changes, result 0
-request 1000008 00 0100         # master switch off
-request 1000008 00 0100         # already off: nothing sent
-request 1000007 0100
-request 1000006 0100
-request 1000008 01 0100         # on again
-request 1000008 0101 0100       # already on: nothing sent
-journal | tail -n +$((mark + 1)) >"$work/requests"
-printf '%s\n' \
-    "$(feature 0 0)" "$(feature 6 0)" "$(feature 11 1)" \
-    "$(feature 0 0)" "$(feature 6 0)" "$(feature 11 0)" \
-    "$(feature 0 1)" "$(feature 6 1)" "$(feature 11 0)" \
-    "$(feature 0 0)" "$(feature 6 0)" "$(feature 11 0)" \
-    "$(feature 0 1)" "$(feature 6 1)" "$(feature 11 1)" >"$work/requests.want"
-link_messages <"$work/requests" >"$work/requests.link"
-cmp -s "$work/requests.want" "$work/requests.link" || {
-    fail "messages of the driver protection requests"
-    diff "$work/requests.want" "$work/requests.link"
-}
 mark=$(journal | wc -l)
 kill -INT $service
 wait_exit $service

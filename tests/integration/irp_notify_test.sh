@@ -87,22 +87,6 @@ seqB=$(sed -n 's/^record seq=\([0-9]*\).*/\1/p' <<<"$b")
 [ "$(log_lines 'Notify subscriber <subA> on IRP for file <c:\\data\\file.txt>')" = 1 ] || fail "notify line"
 [ "$(log_lines 'Coverted file path="c:\\data\\file.txt"')" = 1 ] || fail "converted path line"
 
-echo "== covering filters, removal ($(date +%T))"
-run "$sub" subscribe subA 'Global\nv_subA' 'c:\data\file.txt' 3 0 1
-[ "$(cat "$out")" = "subscribe: 0" ] || fail "a covered filter: $(cat "$out")"
-run "$sub" subscribe subA 'Global\nv_subA' 'c:\data\file.txt' 0xFF 0xFF 0 remove
-[ "$(cat "$out")" = "subscribe: 1" ] || fail "removal: $(cat "$out")"
-
-echo "== bad requests are refused with a line, the service goes on ($(date +%T))"
-run "$client" send 10000fa 00
-[ "$(cat "$out")" = "0000" ] || fail "truncated 0x10000fa: $(cat "$out")"
-run "$client" send 10000fb 41424344
-[ "$(cat "$out")" = "00000000" ] || fail "truncated 0x10000fb: $(cat "$out")"
-[ "$(log_lines 'Subscription request of 1 bytes is truncated, refused')" = 1 ] || fail "truncated subscription line"
-[ "$(log_lines 'Query of 4 bytes is truncated, refused')" = 1 ] || fail "truncated query line"
-run "$client" version
-[ "$rc" = 0 ] || fail "the service answers after bad requests"
-
 echo "== the per-subscriber bound ($(date +%T))"
 run "$sub" bound burst 'Global\nv_burst' 10005
 grep -q '^collected: 10000$' "$out" || fail "bound: $(cat "$out")"
