@@ -10,6 +10,7 @@
 #include "mcl/mswin/os_version.h"
 #include "mcl/encoding.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/text.h"
 #include "service/driver_protocol.h"
 #include "service/filter_library.h"
 #include "service/helper_service.h"
@@ -48,36 +49,31 @@ void log_refused_path(const char* function, const std::wstring& path) {
            static_cast<int>(max_driver_path), path.c_str());
 }
 
-// The narrow device form, as the trusted applications take it: QueryDosDeviceA of the drive,
-// then the rest of the path. False, with a log line, for a path without a drive letter, colon
-// and backslash, or too long.
-bool to_device_path_narrow(const std::string& path, std::string& device) {
+DWORD query_dos_device(const char* drive, char* target, DWORD size) { return QueryDosDeviceA(drive, target, size); }
+DWORD query_dos_device(const wchar_t* drive, wchar_t* target, DWORD size) { return QueryDosDeviceW(drive, target, size); }
+
+// The device form of a path: the drive's device name (QueryDosDevice, the drive itself when
+// that fails), then the rest of the path; `volume` is that device name. False, with a log line,
+// for a path without a drive letter, colon and backslash, or too long. The trusted applications
+// take it narrow, the rules wide.
+template <typename Char>
+bool device_form(const std::basic_string<Char>& path, std::basic_string<Char>& volume,
+                 std::basic_string<Char>& device) {
     constexpr const char* fn = "chelperservice::to_device_path";
     if (!has_drive_prefix(path) || path.size() > max_driver_path) {
         log_refused_path(fn, std::wstring(path.begin(), path.end()));
         return false;
     }
-    const std::string drive = path.substr(0, 2);
-    char target[MAX_PATH + 1] = {};
-    std::string volume;
-    if (QueryDosDeviceA(drive.c_str(), target, MAX_PATH) != 0) {
+    const std::basic_string<Char> drive = path.substr(0, 2);
+    Char target[MAX_PATH + 1] = {};
+    if (query_dos_device(drive.c_str(), target, MAX_PATH) != 0) {
         volume = target;
     } else {
         NV_LOG(fn, "fail to get device name: error: %d", static_cast<int>(GetLastError()));
         volume = drive;
     }
-    device = volume + "\\" + path.substr(3);
+    device = volume + Char('\\') + path.substr(3);
     return true;
-}
-
-// The driver takes the trusted-application and service-manager paths as UTF-8.
-std::wstring from_utf8(const std::string& text) {
-    const int n = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);
-    if (n <= 1) return std::wstring();
-    std::wstring wide(static_cast<size_t>(n), L'\0');
-    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, &wide[0], n);
-    wide.resize(static_cast<size_t>(n) - 1);
-    return wide;
 }
 
 // FilterAttach and FilterDetach need SeLoadDriverPrivilege enabled in the caller's token; the
@@ -193,22 +189,9 @@ void chelperservice::drvProtectFolder(HANDLE port, const std::wstring& path, boo
 }
 
 bool chelperservice::to_device_path(const std::wstring& path, bool attach, std::wstring& device) {
-    constexpr const char* fn = "chelperservice::to_device_path";
-    if (!has_drive_prefix(path) || path.size() > max_driver_path) {
-        log_refused_path(fn, path);
-        return false;
-    }
-    const std::wstring drive = path.substr(0, 2);
-    wchar_t target[MAX_PATH + 1] = {};
     std::wstring volume;
-    if (QueryDosDeviceW(drive.c_str(), target, MAX_PATH) != 0) {
-        volume = target;
-    } else {
-        NV_LOG(fn, "fail to get device name: error: %d", static_cast<int>(GetLastError()));
-        volume = drive;
-    }
+    if (!device_form(path, volume, device)) return false;
     if (attach) attachVolume(volume);
-    device = volume + L"\\" + path.substr(3);
     return true;
 }
 
@@ -239,13 +222,13 @@ void chelperservice::detachAllVolumes() {
 void chelperservice::loadTrustedOpenApp(const std::string& path) {
     (void)mcl::mswin::reg::write_dword(trusted_apps_key, path.c_str(), 1);
     const driver_port port = openDriverPort();
-    if (port) drvSendCommand(port.get(), vqr::code::trusted_app, from_utf8(path));
+    if (port) drvSendCommand(port.get(), vqr::code::trusted_app, mcl::mswin::from_utf8(path));
 }
 
 void chelperservice::setSvcMgrPath2Driver(const std::string& path) {
     (void)mcl::mswin::reg::write_string(driver_config_key, svc_mgr_path_value, path);
     const driver_port port = openDriverPort();
-    if (port) drvSendCommand(port.get(), vqr::code::svcmgr_path, from_utf8(path));
+    if (port) drvSendCommand(port.get(), vqr::code::svcmgr_path, mcl::mswin::from_utf8(path));
 }
 
 void chelperservice::loadTrustedOpenApps() {
@@ -257,7 +240,8 @@ void chelperservice::loadTrustedOpenApps() {
         return;
     }
     std::string directory;
-    if (!to_device_path_narrow(std::string(system_dir, n), directory)) return;
+    std::string volume;
+    if (!device_form(std::string(system_dir, n), volume, directory)) return;
     if (directory.empty() || directory.back() != '\\') directory += '\\';
     for (const char* name : {"csrss.exe", "lsass.exe", "svchost.exe"}) loadTrustedOpenApp(directory + name);
     // Only Windows 8 and Server 2012 need to be told the service manager's image.

@@ -13,6 +13,7 @@
 #include "app/file_info.h"
 #include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"
 #include "service/filter_library.h"
@@ -20,17 +21,10 @@
 
 namespace {
 
+using mcl::mswin::to_utf8;
+
 constexpr const char* run_fn = "chelperservice::irp_notification_receiver::run";
 constexpr const char* message_fn = "chelperservice::handleIrpMessage";
-
-std::string to_utf8(const std::wstring& text) {
-    if (text.empty()) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    if (n <= 0) return {};
-    std::string out(static_cast<size_t>(n), '\0');
-    WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
-    return out;
-}
 
 std::wstring lower(std::wstring text) {
     for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(c));

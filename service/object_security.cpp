@@ -23,19 +23,12 @@
 #include "mcl/lock.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace {
 
 using mcl::mswin::unique_local;
-
-std::string utf8_of(const std::wstring& text) {
-    if (text.empty()) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
-    return out;
-}
 
 std::string upper(std::string text) {
     for (char& c : text)
@@ -75,13 +68,13 @@ public:
 
     DWORD get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
         DWORD err = 0;
-        if (read("file", utf8_of(path), dacl, descriptor, err)) return err;
+        if (read("file", mcl::mswin::to_utf8(path), dacl, descriptor, err)) return err;
         return object_security::get_file_dacl(path, dacl, descriptor);
     }
     DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
         // As the system: only an existing file or folder takes a DACL.
         if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
-        return record("file", utf8_of(path), dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
+        return record("file", mcl::mswin::to_utf8(path), dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
     }
     DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
         if (!mcl::mswin::service::is_service_installed(name.c_str())) return ERROR_SERVICE_DOES_NOT_EXIST;

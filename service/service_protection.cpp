@@ -21,14 +21,6 @@ constexpr DWORD service_full_access = 0x101F01FF;
 // Query configuration, query status, enumerate dependents, interrogate, read control.
 constexpr DWORD service_other_access = 0x2008D;
 
-std::string utf8_of(const std::wstring& text) {
-    if (text.empty()) return {};
-    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
-    std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
-    return out;
-}
-
 struct local_sid {
     PSID sid = nullptr;
     ~local_sid() {
@@ -122,7 +114,7 @@ bool chelperservice::protectService(const std::string& name, PSID ownSid, servic
         NV_LOG(fn, "Get service %s image path %ls", name.c_str(), image.c_str());
     }
     if (!record.name.empty()) (void)mcl::mswin::reg::write_dword(protected_services_key, record.name.c_str(), 1);
-    const std::string image_utf8 = utf8_of(record.imagePath);
+    const std::string image_utf8 = mcl::mswin::to_utf8(record.imagePath);
     if (!image_utf8.empty()) (void)mcl::mswin::reg::write_dword(protected_processes_key, image_utf8.c_str(), 1);
 
     DWORD state = 0;
@@ -135,7 +127,7 @@ bool chelperservice::unprotectService(const service_record& record) {
     NV_LOG("chelperservice::unprotectService", "Trying to unprotect service (%s)\n", record.name.c_str());
     enforce_remove(record.name);
     if (!record.name.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, record.name.c_str());
-    const std::string image_utf8 = utf8_of(record.imagePath);
+    const std::string image_utf8 = mcl::mswin::to_utf8(record.imagePath);
     if (!image_utf8.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_processes_key, image_utf8.c_str());
     return object_security::current().set_service_sddl(record.name, default_service_sddl);
 }

@@ -419,18 +419,30 @@ std::string rename_driver_file() {
     return {};
 }
 
-int uninstall_vqrmonitor(bool* marked_for_deletion) {
-    if (marked_for_deletion != nullptr) *marked_for_deletion = false;
+namespace {
+
+// The directories and the INF path that an install or uninstall starts from, logged under `fn`;
+// a missing INF path stops only a caller that needs it.
+int prepare_paths(const char* fn, bool need_inf) {
     int result = initDirs();
     if (result != ok) {
-        NV_LOG("uninstall_vqrmonitor", "Failed to initialize the directories\n");
+        NV_LOG(fn, "Failed to initialize the directories\n");
         return result;
     }
     result = init_inf_file();
     if (result != ok) {
-        NV_LOG("uninstall_vqrmonitor", "Failed to initialize the inf file path\n");
-        return result;
+        NV_LOG(fn, "Failed to initialize the inf file path\n");
+        if (need_inf) return result;
     }
+    return ok;
+}
+
+}  // namespace
+
+int uninstall_vqrmonitor(bool* marked_for_deletion) {
+    if (marked_for_deletion != nullptr) *marked_for_deletion = false;
+    int result = prepare_paths("uninstall_vqrmonitor", /*need_inf=*/true);
+    if (result != ok) return result;
     result = DoUninstall(g_paths.inf, marked_for_deletion);
     if (result == ok) remove_value(service_key, skip_first_create_value);
     return result;
@@ -461,16 +473,8 @@ int check_package(std::string& version) {
 }  // namespace
 
 int install_vqrmonitor(bool force) {
-    int result = initDirs();
-    if (result != ok) {
-        NV_LOG("install_vqrmonitor", "Failed to initialize the directories\n");
-        return result;
-    }
-    result = init_inf_file();
-    if (result != ok) {
-        NV_LOG("install_vqrmonitor", "Failed to initialize the inf file path\n");
-        if (!force) return result;
-    }
+    int result = prepare_paths("install_vqrmonitor", /*need_inf=*/!force);
+    if (result != ok) return result;
     std::string source_version;
     result = check_package(source_version);
     if (result != ok) return result;

@@ -1,4 +1,5 @@
-// Text in the system's ANSI code page, as the narrow Windows calls take it, made wide.
+// Text as the Windows calls take it: the system's ANSI code page or UTF-8, made wide, and wide
+// text made UTF-8.
 #pragma once
 
 #include <string>
@@ -7,5 +8,8 @@ namespace mcl::mswin {
 
 // The ANSI text as UTF-16; empty when the text is empty or cannot be converted.
 std::wstring widen(const std::string& text);
+// UTF-8 text as UTF-16, and UTF-16 text as UTF-8; empty when empty or not convertible.
+std::wstring from_utf8(const std::string& text);
+std::string to_utf8(const std::wstring& text);
 
 }  // namespace mcl::mswin

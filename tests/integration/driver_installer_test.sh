@@ -7,52 +7,21 @@
 # does not make (a non-forced install, the run-command results).
 #   driver_installer_test.sh VERSION NEXT_VERSION
 set -uo pipefail
-: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
-export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
+. "$(dirname "$0")/service_prefix.sh"
 version=${1:?version} next_version=${2:?next version}
 
-work=$(mktemp -d "${TMPDIR:-/tmp}/nv-installer-test.XXXXXX")
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$work/prefix"
-export WINEPREFIX=$work/prefix
-wineserver -p </dev/null >/dev/null 2>&1
-cleanup() {
-    wine "$NV_BIN_DIR/nv_test_helper.exe" set-event 'Global\nv_installer_test_release' </dev/null >/dev/null 2>&1
-    wineserver -k >/dev/null 2>&1
-    rm -rf "$work"
-}
-trap cleanup EXIT
-wine cmd /c exit </dev/null >/dev/null 2>&1  # Wine's own services, detached from the test's output
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim
-
-nv=$WINEPREFIX/drive_c/nv
-mkdir -p "$nv"
-cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$NV_BIN_DIR/installer_probe.exe" "$NV_BIN_DIR/VQRMonitor.inf" "$nv/"
-exe='C:\nv\NorvaleHalvernService.exe'
+before_cleanup() { wine "$helper" set-event "$release" </dev/null >/dev/null 2>&1; }
+new_prefix
+start_sim
+install_service
+cp "$NV_BIN_DIR/installer_probe.exe" "$NV_BIN_DIR/VQRMonitor.inf" "$nv/"
 probe='C:\nv\installer_probe.exe'
-log=$nv/nvhalvernservice.debug.log
 drivers=$WINEPREFIX/drive_c/windows/system32/drivers
 installed=$drivers/VQRMonitor.sys
 key='HKLM\System\CurrentControlSet\Services\VQRMonitor'
 install_key='HKLM\Software\Norvale\NVClientHelper\install'
-helper=$NV_BIN_DIR/nv_test_helper.exe
-ctl=$NV_BIN_DIR/driver_ctl.exe
 release='Global\nv_installer_test_release'
 
-failures=0
-out=$work/out.txt
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-run() {
-    wine "$@" </dev/null >"$out" 2>&1
-    rc=$?
-    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
-}
-expect() {  # expect LABEL RC [EXACT-OUTPUT]
-    [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; output: $(cat "$out")"
-    if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then fail "$1: output [$(cat "$out")], want [$3]"; fi
-}
 # package V: the driver file beside the executable (current, next, unversioned or none)
 package() {
     case $1 in
@@ -353,10 +322,4 @@ expect_logged "start-up" "VQRMonitor Driver Version: $version"
 run "$exe" -s stop
 run "$exe" -i uninstall
 
-if [ "$failures" -ne 0 ]; then
-    echo "---- debug log (last case)"
-    tr -d '\r' <"$log" | grep -v '^$' | tail -n 60
-    echo "$failures failure(s)"
-    exit 1
-fi
-echo "all driver installer checks passed"
+finish "driver installer" 60

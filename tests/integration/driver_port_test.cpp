@@ -12,26 +12,16 @@
 #include "service/driver_protocol.h"
 #include "service/helper_service.h"
 #include "service/message_ids.h"
+#include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
-#include "tools/driver_sim/json_writer.h"
 
 namespace {
 
-std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
-    std::string out;
-    const DWORD code = nv_test::run("driver_ctl.exe", args, &out);
-    if (exit_code) *exit_code = code;
-    return out;
-}
+using nv_test::ctl;
+using nv_test::hex;
+using nv_test::json;
 
-std::string json(const std::wstring& text) {
-    std::string out;
-    vqr::sim::append_json_string(out, text);
-    return out;
-}
-
-std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
 std::string feature_hex(uint32_t feature, bool on) { return hex(vqr::build_feature(feature, on)); }
 std::string command_hex(uint32_t code, const std::wstring& text) { return hex(vqr::build_command(code, text)); }
 
@@ -45,12 +35,6 @@ std::vector<std::string> journal_bytes() {
         out.push_back(journal.substr(at, journal.find('"', at) - at));
     }
     return out;
-}
-
-size_t count_of(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
 }
 
 // A connection that is in no peer's list, for calling request handlers directly.
@@ -106,8 +90,8 @@ TEST_F(DriverPort, FoldersOnOneVolumeAttachItOnceAndTravelInDeviceForm) {
     EXPECT_EQ(want, journal_bytes());
     const std::string state = ctl("state");
     // One attach for the volume; removing its last folder rule does not detach it.
-    EXPECT_EQ(1u, count_of(state, "\"call\":\"attach\"")) << state;
-    EXPECT_EQ(0u, count_of(state, "\"call\":\"detach\"")) << state;
+    EXPECT_EQ(1u, nv_test::count_in(state, "\"call\":\"attach\"")) << state;
+    EXPECT_EQ(0u, nv_test::count_in(state, "\"call\":\"detach\"")) << state;
     EXPECT_NE(std::string::npos, state.find("{\"call\":\"attach\",\"volume\":" + json(volume))) << state;
     EXPECT_NE(std::string::npos, state.find("\"hr\":\"0x00000000\"")) << state;
     EXPECT_FALSE(log.contains("Could not")) << log.text();
@@ -119,8 +103,8 @@ TEST_F(DriverPort, FoldersOnOneVolumeAttachItOnceAndTravelInDeviceForm) {
         service().drvProtectFolder(port.get(), L"C:\\nv_three", false, false);
     }
     const std::string after = ctl("state");
-    EXPECT_EQ(1u, count_of(after, "\"call\":\"detach\"")) << after;
-    EXPECT_EQ(2u, count_of(after, "\"call\":\"attach\"")) << after;
+    EXPECT_EQ(1u, nv_test::count_in(after, "\"call\":\"detach\"")) << after;
+    EXPECT_EQ(2u, nv_test::count_in(after, "\"call\":\"attach\"")) << after;
 }
 
 TEST_F(DriverPort, FolderPathsTheDriverCannotTakeAreRefusedWithALogLine) {
@@ -146,7 +130,7 @@ TEST_F(DriverPort, FolderPathsTheDriverCannotTakeAreRefusedWithALogLine) {
             << log.text();
     }
     EXPECT_TRUE(journal_bytes().empty());
-    EXPECT_EQ(0u, count_of(ctl("state"), "\"call\":\"attach\""));
+    EXPECT_EQ(0u, nv_test::count_in(ctl("state"), "\"call\":\"attach\""));
 
     // 260 characters still fit.
     service().drvProtectFolder(port.get(), L"C:\\" + std::wstring(257, L'a'), false, false);
@@ -172,39 +156,6 @@ TEST_F(DriverPort, RemoveEveryRuleOfAKindIsATenByteMessage) {
     const std::string state = ctl("state");
     EXPECT_NE(std::string::npos, state.find("\"process_rules\":[]")) << state;
     EXPECT_NE(std::string::npos, state.find("\"registry_rules\":[]")) << state;
-}
-
-TEST_F(DriverPort, MasterSwitchSendsOnlyWhenItChanges) {
-    namespace c = vqr::code;
-    const std::vector<std::string> off = {feature_hex(c::feature_process_protection, false),
-                                          feature_hex(c::feature_folder_protection, false),
-                                          feature_hex(c::feature_registry_protection, false)};
-    const std::vector<std::string> on = {feature_hex(c::feature_process_protection, true),
-                                         feature_hex(c::feature_folder_protection, true),
-                                         feature_hex(c::feature_registry_protection, true)};
-    nv_test::log_capture log;
-    ASSERT_TRUE(service().protection_enabled());
-    service().setProtectionEnabled(true);
-    EXPECT_TRUE(journal_bytes().empty());
-
-    // Off: the three features, then every image rule and every folder rule (empty texts).
-    std::vector<std::string> switched_off = off;
-    switched_off.push_back(command_hex(c::unprotect_process, L""));
-    switched_off.push_back(command_hex(c::unprotect_folder, L""));
-    service().setProtectionEnabled(false);
-    EXPECT_FALSE(service().protection_enabled());
-    EXPECT_EQ(switched_off, journal_bytes());
-    EXPECT_EQ(1u, log.count("] - chelperservice::service_enforce_thread stopped")) << log.text();
-
-    service().setProtectionEnabled(false);
-    EXPECT_EQ(switched_off, journal_bytes());
-
-    service().setProtectionEnabled(true);
-    service().setProtectionEnabled(true);
-    std::vector<std::string> want = switched_off;
-    want.insert(want.end(), on.begin(), on.end());
-    EXPECT_EQ(want, journal_bytes());
-    EXPECT_FALSE(log.contains("The enforcement thread could not be started")) << log.text();
 }
 
 TEST_F(DriverPort, ProtectionRequestsSwitchFeaturesAndReply) {
@@ -240,8 +191,10 @@ TEST_F(DriverPort, ProtectionRequestsSwitchFeaturesAndReply) {
           f(c::feature_registry_protection, true)}},
         {"0x1000008 on again", msg::set_protection_enabled, {1}, {1, 0}, {}},
     };
+    nv_test::log_capture log;
     chelperservice::helper_msg_handler& handler = service().msg_handler();
     std::vector<std::string> sent;
+    bool on = true;
     for (const auto& s : steps) {
         mcl::binary_t payload;
         payload.append(s.request.data(), static_cast<uint32_t>(s.request.size()));
@@ -249,8 +202,12 @@ TEST_F(DriverPort, ProtectionRequestsSwitchFeaturesAndReply) {
         EXPECT_EQ(s.reply, std::vector<uint8_t>(payload.data(), payload.data() + payload.size())) << s.label;
         sent.insert(sent.end(), s.sent.begin(), s.sent.end());
         EXPECT_EQ(sent, journal_bytes()) << s.label;
+        if (s.id == msg::set_protection_enabled && !s.request.empty()) on = s.request[0] != 0;
+        EXPECT_EQ(on, service().protection_enabled()) << s.label;
     }
-    EXPECT_TRUE(service().protection_enabled());
+    // Switched off once, the enforcement thread stopped once; switched on, it started again.
+    EXPECT_EQ(1u, log.count("] - chelperservice::service_enforce_thread stopped")) << log.text();
+    EXPECT_FALSE(log.contains("The enforcement thread could not be started")) << log.text();
 }
 
 TEST_F(DriverPort, NoDriverUnloadedDriverAndRefusalsAreLogged) {

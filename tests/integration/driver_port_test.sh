@@ -4,37 +4,11 @@
 # sends and writes to the registry, the driver protection requests, what shutdown sends, and a
 # driver that is not loaded or goes away while the service runs.
 set -uo pipefail
-: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
-export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
-
-base_prefix=$WINEPREFIX
-work=$(mktemp -d "${TMPDIR:-/tmp}/nv-driver-port-test.XXXXXX")
-cleanup() {
-    for p in "$work"/prefix-*; do
-        [ -d "$p" ] && WINEPREFIX=$p wineserver -k >/dev/null 2>&1
-    done
-    rm -rf "$work"
-}
-trap cleanup EXIT
-
-exe='C:\nv\NorvaleHalvernService.exe'
-client=$NV_BIN_DIR/nv_ipc_client.exe
+. "$(dirname "$0")/service_prefix.sh"
 driver_key='HKLM\System\CurrentControlSet\Services\VQRMonitor'
 sysdir='\Device\HarddiskVolume1\windows\system32\'
 not_loaded='Could not connect to filter: -2147024894 - '
 
-failures=0
-out=$work/out.txt
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-# run PROGRAM ARGS...: output in $out, exit code in $rc.
-run() {
-    wine "$@" </dev/null >"$out" 2>&1
-    rc=$?
-    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
-}
 # request ID [HEX] WANT: the reply of one request, in hex.
 request() {
     local label="request $1 ${2:-}" want=${!#}
@@ -42,20 +16,14 @@ request() {
     [ "$rc" = 0 ] && [ "$(cat "$out")" = "$want" ] || fail "$label: exit $rc, reply [$(cat "$out")], want [$want]"
 }
 ctl() { wine "$NV_BIN_DIR/driver_ctl.exe" "$@" </dev/null 2>/dev/null | tr -d '\r'; }
-log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
 
 # use_prefix NAME VERSION: a clone of the test prefix that claims Windows VERSION, with the
 # service in C:\nv and a simulator of its own.
 use_prefix() {
-    WINEPREFIX=$base_prefix bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$work/prefix-$1"
-    export WINEPREFIX=$work/prefix-$1
-    wineserver -p </dev/null >/dev/null 2>&1
-    wine cmd /c exit </dev/null >/dev/null 2>&1
+    new_prefix "$1"
     [ "$2" = win7 ] || wine winecfg -v "$2" </dev/null >/dev/null 2>&1
-    bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim || fail "$1: simulator did not start"
-    mkdir -p "$WINEPREFIX/drive_c/nv"
-    cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$WINEPREFIX/drive_c/nv/"
-    log=$WINEPREFIX/drive_c/nv/nvhalvernservice.debug.log
+    start_sim
+    install_service
     ctl reset >/dev/null
 }
 
@@ -166,34 +134,12 @@ shutdown_checks() {
     fi
 }
 
-echo "== Windows 7, console run: start-up, requests, Ctrl+C"
+echo "== Windows 7, console run: start-up, Ctrl+C"
 use_prefix 7 win7
 wine "$exe" -d </dev/null >"$work/console7.txt" 2>&1 &
 service=$!
 wait_listening
 startup_checks "win7" win7
-# The driver protection requests: features 0 and 6 follow the request, 11 the registry switch.
-mark=$(journal | wc -l)
-request 1000006 0100
-request 1000008 "" 0000         # no byte: nothing changes, result 0
-request 1000008 00 0100         # master switch off
-request 1000008 00 0100         # already off: nothing sent
-request 1000007 0100
-request 1000006 0100
-request 1000008 01 0100         # on again
-request 1000008 0101 0100       # already on: nothing sent
-journal | tail -n +$((mark + 1)) >"$work/requests"
-printf '%s\n' \
-    "$(feature 0 0)" "$(feature 6 0)" "$(feature 11 1)" \
-    "$(feature 0 0)" "$(feature 6 0)" "$(feature 11 0)" \
-    "$(feature 0 1)" "$(feature 6 1)" "$(feature 11 0)" \
-    "$(feature 0 0)" "$(feature 6 0)" "$(feature 11 0)" \
-    "$(feature 0 1)" "$(feature 6 1)" "$(feature 11 1)" >"$work/requests.want"
-link_messages <"$work/requests" >"$work/requests.link"
-cmp -s "$work/requests.want" "$work/requests.link" || {
-    fail "messages of the driver protection requests"
-    diff "$work/requests.want" "$work/requests.link"
-}
 mark=$(journal | wc -l)
 kill -INT $service
 wait_exit $service
@@ -292,10 +238,4 @@ wait_exit $service
 [ "$(journal | wc -l)" = 0 ] || fail "messages reached an unloaded driver: $(journal)"
 ctl load >/dev/null
 
-if [ "$failures" -ne 0 ]; then
-    echo "---- debug log"
-    tr -d '\r' <"$log" | tail -n 80
-    echo "$failures failure(s)"
-    exit 1
-fi
-echo "all driver port checks passed"
+finish "driver port" 80

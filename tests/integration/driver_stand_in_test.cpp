@@ -15,25 +15,14 @@
 
 #include "mcl/mswin/reg.h"
 #include "service/driver_protocol.h"
+#include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/process.h"
-#include "tools/driver_sim/json_writer.h"
 
 namespace {
 
-std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
-    std::string out;
-    const DWORD code = nv_test::run("driver_ctl.exe", args, &out);
-    if (exit_code) *exit_code = code;
-    return out;
-}
-
-std::string json(const std::wstring& text) {
-    std::string out;
-    vqr::sim::append_json_string(out, text);
-    return out;
-}
-
-std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
+using nv_test::ctl;
+using nv_test::hex;
+using nv_test::json;
 
 HRESULT send(HANDLE port, const std::vector<uint8_t>& message) {
     DWORD returned = 123;
@@ -305,14 +294,6 @@ TEST_F(DriverStandIn, NotificationPortTakesOneConnection) {
     CloseHandle(ports_.back());
     ports_.pop_back();
     connect(vqr::notify_port_name);
-}
-
-// Removing another spelling of a rule removes nothing: the driver compares what it was sent.
-TEST_F(DriverStandIn, RulesAreKeptExactlyAsSent) {
-    HANDLE command = connect(vqr::command_port_name);
-    ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::protect_folder, L"C:\\A")));
-    ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::unprotect_folder, L"c:\\a")));
-    EXPECT_NE(std::string::npos, ctl("state").find("\"folder_rules\":[" + json(L"C:\\A") + "]"));
 }
 
 TEST_F(DriverStandIn, LoadUnloadAttachAndDetachNeedTheLoadDriverPrivilege) {

@@ -3,44 +3,11 @@
 # control manager) in a prefix of its own with the driver simulator, subscriber processes
 # (nv_irp_subscriber) and denials injected into the simulator with driver_ctl.
 set -uo pipefail
-: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
-export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/nv-irp-test.XXXXXX")
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$work/prefix"
-export WINEPREFIX=$work/prefix
-wineserver -p </dev/null >/dev/null 2>&1
-cleanup() {
-    wineserver -k >/dev/null 2>&1
-    rm -rf "$work"
-}
-trap cleanup EXIT
-wine cmd /c exit </dev/null >/dev/null 2>&1
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim || { echo "FAIL: no simulator"; exit 1; }
-
-rm -rf "$WINEPREFIX/drive_c/nv"
-mkdir -p "$WINEPREFIX/drive_c/nv"
-cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$WINEPREFIX/drive_c/nv/"
-exe='C:\nv\NorvaleHalvernService.exe'
-log=$WINEPREFIX/drive_c/nv/nvhalvernservice.debug.log
+. "$(dirname "$0")/service_prefix.sh"
+new_prefix
+start_sim
+install_service
 sub=$NV_BIN_DIR/nv_irp_subscriber.exe
-ctl=$NV_BIN_DIR/driver_ctl.exe
-client=$NV_BIN_DIR/nv_ipc_client.exe
-helper=$NV_BIN_DIR/nv_test_helper.exe
-svc=norvale_halvern_svc
-
-failures=0
-out=$work/out.txt
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-run() {
-    wine "$@" </dev/null >"$out" 2>&1
-    rc=$?
-    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
-}
-log_lines() { tr -d '\r' 2>/dev/null <"$log" | grep -c -- "$1"; }
 # wait_log PATTERN COUNT: until the log holds COUNT lines with PATTERN (60 s).
 wait_log() {
     for _ in $(seq 1 300); do
@@ -49,17 +16,6 @@ wait_log() {
     done
     fail "log line [$1] x$2 did not come"
     return 1
-}
-state() {
-    run "$exe" -c $svc
-    echo "$rc"
-}
-wait_state() {
-    for _ in $(seq 1 150); do
-        [ "$(state)" = "$1" ] && return 0
-        sleep 0.2
-    done
-    fail "service state $(state), want $1"
 }
 # watcher NAME EVENT PATH MAJOR MINOR TYPE: a subscriber process in the background; sets $wpid
 # (its Linux pid) and $spid (its Windows process id, once it has subscribed).
@@ -131,22 +87,6 @@ seqB=$(sed -n 's/^record seq=\([0-9]*\).*/\1/p' <<<"$b")
 [ "$(log_lines 'Notify subscriber <subA> on IRP for file <c:\\data\\file.txt>')" = 1 ] || fail "notify line"
 [ "$(log_lines 'Coverted file path="c:\\data\\file.txt"')" = 1 ] || fail "converted path line"
 
-echo "== covering filters, removal ($(date +%T))"
-run "$sub" subscribe subA 'Global\nv_subA' 'c:\data\file.txt' 3 0 1
-[ "$(cat "$out")" = "subscribe: 0" ] || fail "a covered filter: $(cat "$out")"
-run "$sub" subscribe subA 'Global\nv_subA' 'c:\data\file.txt' 0xFF 0xFF 0 remove
-[ "$(cat "$out")" = "subscribe: 1" ] || fail "removal: $(cat "$out")"
-
-echo "== bad requests are refused with a line, the service goes on ($(date +%T))"
-run "$client" send 10000fa 00
-[ "$(cat "$out")" = "0000" ] || fail "truncated 0x10000fa: $(cat "$out")"
-run "$client" send 10000fb 41424344
-[ "$(cat "$out")" = "00000000" ] || fail "truncated 0x10000fb: $(cat "$out")"
-[ "$(log_lines 'Subscription request of 1 bytes is truncated, refused')" = 1 ] || fail "truncated subscription line"
-[ "$(log_lines 'Query of 4 bytes is truncated, refused')" = 1 ] || fail "truncated query line"
-run "$client" version
-[ "$rc" = 0 ] || fail "the service answers after bad requests"
-
 echo "== the per-subscriber bound ($(date +%T))"
 run "$sub" bound burst 'Global\nv_burst' 10005
 grep -q '^collected: 10000$' "$out" || fail "bound: $(cat "$out")"
@@ -206,10 +146,4 @@ wait_state 252
 [ $(($(date +%s) - started)) -lt 60 ] || fail "stop after the unload took too long"
 run "$exe" -i uninstall
 
-if [ "$failures" -ne 0 ]; then
-    echo "---- debug log (last 80 lines)"
-    tr -d '\r' <"$log" | tail -n 80
-    echo "$failures failure(s)"
-    exit 1
-fi
-echo "all IRP notification checks passed"
+finish "IRP notification" 80

@@ -1,44 +1,13 @@
 # Shared by the protection tests and benchmark: a prefix of its own with the driver simulator,
 # the service installed from C:\nv with the object-security recorder selected, request payloads
 # built in hex, and the simulator's journal and the recorder's journal read back.
-: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
-export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/nv-protection.XXXXXX")
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$work/prefix"
-export WINEPREFIX=$work/prefix
-wineserver -p </dev/null >/dev/null 2>&1
-cleanup() {
-    wineserver -k >/dev/null 2>&1
-    rm -rf "$work"
-}
-trap cleanup EXIT
-wine cmd /c exit </dev/null >/dev/null 2>&1
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim || exit 1
-
+: "${NV_SOURCE_DIR:?}"
+. "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
+new_prefix
+start_sim
+install_service
 drive_c=$WINEPREFIX/drive_c
-mkdir -p "$drive_c/nv"
-cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$drive_c/nv/"
-exe='C:\nv\NorvaleHalvernService.exe'
-log=$drive_c/nv/nvhalvernservice.debug.log
 journal=$drive_c/nv/object_security.journal
-client=$NV_BIN_DIR/nv_ipc_client.exe
-ctl=$NV_BIN_DIR/driver_ctl.exe
-svc=norvale_halvern_svc
-
-failures=0
-out=$work/out.txt
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-run() {
-    wine "$@" </dev/null >"$out" 2>&1
-    rc=$?
-    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
-}
-# expect_eq LABEL WANT GOT
-expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
 
 # Payload pieces, upper-case hex.
 hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }

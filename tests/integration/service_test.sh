@@ -3,65 +3,12 @@
 # state checks, stop through the manager and through the named stop event, a second instance,
 # a console run ended by Ctrl+C, the emergency options, uninstall.
 set -uo pipefail
-: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
-export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
-
-work=$(mktemp -d "${TMPDIR:-/tmp}/nv-service-test.XXXXXX")
-bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$work/prefix"
-export WINEPREFIX=$work/prefix
-wineserver -p </dev/null >/dev/null 2>&1
-cleanup() {
-    wineserver -k >/dev/null 2>&1
-    rm -rf "$work"
-}
-trap cleanup EXIT
-wine cmd /c exit </dev/null >/dev/null 2>&1  # Wine's own services, detached from the test's output
-
-# The service runs from a folder of its own, so its debug log is ours alone.
-mkdir -p "$WINEPREFIX/drive_c/nv"
-cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$WINEPREFIX/drive_c/nv/"
-exe='C:\nv\NorvaleHalvernService.exe'
-log=$WINEPREFIX/drive_c/nv/nvhalvernservice.debug.log
-helper=$NV_BIN_DIR/nv_test_helper.exe
-client=$NV_BIN_DIR/nv_ipc_client.exe
+. "$(dirname "$0")/service_prefix.sh"
+new_prefix
+install_service
 ipc_helper=$NV_BIN_DIR/nv_ipc_helper.exe
-svc=norvale_halvern_svc
 emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
 
-failures=0
-out=$work/out.txt
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
-# run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
-run() {
-    wine "$@" </dev/null >"$out" 2>&1
-    rc=$?
-    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
-}
-# expect LABEL RC [EXACT-OUTPUT]
-expect() {
-    local label=$1 want_rc=$2
-    [ "$rc" -eq "$want_rc" ] || fail "$label: exit code $rc, want $want_rc; output: $(cat "$out")"
-    if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then
-        fail "$label: output [$(cat "$out")], want [$3]"
-    fi
-}
-# state: exit code of -c for the service (0 running, 252 stopped, 251 missing)
-state() {
-    run "$exe" -c $svc
-    echo "$rc"
-}
-wait_state() {
-    local want=$1 tries=${2:-100}
-    for _ in $(seq 1 "$tries"); do
-        [ "$(state)" = "$want" ] && return 0
-        sleep 0.2
-    done
-    fail "service state $(state), want $want"
-}
-log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
 reg_has() { wine reg query "$emergency" /v "$1" </dev/null >/dev/null 2>&1; }
 
 echo "== not installed"
@@ -230,10 +177,4 @@ wait_state 251 100
 [ "$(log_lines 'Emergency option - service has been uninstalled.')" = 1 ] || fail "uninstalled line"
 reg_has uninstallService && fail "uninstallService was not consumed"
 
-if [ "$failures" -ne 0 ]; then
-    echo "---- debug log"
-    tr -d '\r' <"$log"
-    echo "$failures failure(s)"
-    exit 1
-fi
-echo "all service checks passed"
+finish service

@@ -15,7 +15,7 @@ mcl::binary_t make(std::initializer_list<unsigned char> bytes) {
 
 std::vector<unsigned char> as_vector(const mcl::binary_t& b) { return {b.data(), b.data() + b.size()}; }
 
-TEST(Encoding, WritersProduceTheWireBytes) {
+TEST(Encoding, WritersProduceTheWireBytesAndReadersGiveThemBack) {
     mcl::binary_t b;
     mcl::write_byte(b, 1);
     mcl::write_u32(b, 0x01000009);
@@ -26,50 +26,44 @@ TEST(Encoding, WritersProduceTheWireBytes) {
     mcl::write_string(b, std::string("Ab"));
     mcl::write_wstring(b, L"C\x00e9");
     mcl::write_status(b, true, "");
+    mcl::write_string_list(b, {"a", "", "c"});
+    mcl::write_status(b, false, "no");
     const std::vector<unsigned char> expected = {
         0x01, 0x09, 0x00, 0x00, 0x01, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,
         0x00,                    // empty narrow string
         0x00, 0x00,              // empty wide string
         0x00, 0x00, 0x00, 0x00,  // empty string list
-        'A', 'b', 0x00, 'C', 0x00, 0xE9, 0x00, 0x00, 0x00, 0x01, 0x00};
+        'A', 'b', 0x00, 'C', 0x00, 0xE9, 0x00, 0x00, 0x00, 0x01, 0x00,
+        0x03, 0x00, 0x00, 0x00, 'a', 0x00, 0x00, 'c', 0x00, 0x00, 'n', 'o', 0x00};
     EXPECT_EQ(expected, as_vector(b));
-}
-
-TEST(Encoding, RoundTripsEveryField) {
-    mcl::binary_t b;
-    mcl::write_byte(b, 0xFE);
-    mcl::write_u32(b, 196653);
-    mcl::write_u64(b, 0xFFFFFFFFFFFFFFFFull);
-    mcl::write_string(b, "C:\\Program Files\\App");
-    mcl::write_wstring(b, L"\\Device\\HarddiskVolume1\\x");
-    mcl::write_string_list(b, {"a", "", "ccc"});
-    mcl::write_status(b, false, "no such service");
 
     uint32_t pos = 0;
     uint8_t byte = 0;
     uint32_t u32 = 0;
     uint64_t u64 = 0;
-    std::string s;
-    std::wstring w;
-    std::vector<std::string> list;
-    bool ok = true;
-    std::string message;
-    ASSERT_TRUE(mcl::read_byte(byte, b, pos));
-    ASSERT_TRUE(mcl::read_u32(u32, b, pos));
-    ASSERT_TRUE(mcl::read_u64(u64, b, pos));
-    ASSERT_TRUE(mcl::read_string(s, b, pos));
-    ASSERT_TRUE(mcl::read_wstring(w, b, pos));
-    ASSERT_TRUE(mcl::read_string_list(list, b, pos));
-    ASSERT_TRUE(mcl::read_status(ok, message, b, pos));
+    std::string s1, s2;
+    std::wstring w1, w2;
+    std::vector<std::string> l1 = {"old"}, l2;
+    bool ok1 = false, ok2 = true;
+    std::string m1 = "old", m2;
+    ASSERT_TRUE(mcl::read_byte(byte, b, pos) && mcl::read_u32(u32, b, pos) && mcl::read_u64(u64, b, pos) &&
+                mcl::read_string(s1, b, pos) && mcl::read_wstring(w1, b, pos) && mcl::read_string_list(l1, b, pos) &&
+                mcl::read_string(s2, b, pos) && mcl::read_wstring(w2, b, pos) && mcl::read_status(ok1, m1, b, pos) &&
+                mcl::read_string_list(l2, b, pos) && mcl::read_status(ok2, m2, b, pos));
     EXPECT_EQ(b.size(), pos);
-    EXPECT_EQ(0xFE, byte);
-    EXPECT_EQ(196653u, u32);
-    EXPECT_EQ(0xFFFFFFFFFFFFFFFFull, u64);
-    EXPECT_EQ("C:\\Program Files\\App", s);
-    EXPECT_EQ(L"\\Device\\HarddiskVolume1\\x", w);
-    EXPECT_EQ((std::vector<std::string>{"a", "", "ccc"}), list);
-    EXPECT_FALSE(ok);
-    EXPECT_EQ("no such service", message);
+    EXPECT_EQ(1, byte);
+    EXPECT_EQ(0x01000009u, u32);
+    EXPECT_EQ(0x0102030405060708ull, u64);
+    EXPECT_EQ("", s1);
+    EXPECT_EQ(L"", w1);
+    EXPECT_TRUE(l1.empty());
+    EXPECT_EQ("Ab", s2);
+    EXPECT_EQ(L"C\x00e9", w2);
+    EXPECT_TRUE(ok1);
+    EXPECT_EQ("", m1);
+    EXPECT_EQ((std::vector<std::string>{"a", "", "c"}), l2);
+    EXPECT_FALSE(ok2);
+    EXPECT_EQ("no", m2);
 }
 
 TEST(Encoding, EveryTruncatedFieldFailsAndLeavesTheCursorBehindTheLastWholeField) {

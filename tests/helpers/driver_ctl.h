@@ -1,0 +1,38 @@
+// The driver simulator as tests inspect it: driver_ctl in a second process, and the simulator's
+// own JSON and hex spellings of what it was sent.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "tests/helpers/process.h"
+#include "tools/driver_sim/json_writer.h"
+
+namespace nv_test {
+
+// driver_ctl ARGS: its standard output; its exit code in `exit_code` when asked.
+inline std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
+    std::string out;
+    const DWORD code = run("driver_ctl.exe", args, &out);
+    if (exit_code) *exit_code = code;
+    return out;
+}
+
+inline std::string json(const std::wstring& text) {
+    std::string out;
+    vqr::sim::append_json_string(out, text);
+    return out;
+}
+
+inline std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
+
+inline size_t count_in(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+}  // namespace nv_test

@@ -1,0 +1,93 @@
+# Shared by the integration tests that run the service in a prefix of their own: a clone of the
+# test prefix with its own wineserver (and driver simulator when asked), the service in C:\nv, and
+# the run / fail / expect helpers. Sourced; the test calls new_prefix, start_sim, install_service.
+: "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
+export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
+
+base_prefix=$WINEPREFIX
+work=$(mktemp -d "${TMPDIR:-/tmp}/nv-service-prefix.XXXXXX")
+# before_cleanup, when a test defines it, runs first (e.g. to release what a process waits on).
+cleanup() {
+    [ "$(type -t before_cleanup)" = function ] && before_cleanup
+    local p
+    for p in "$work"/prefix*; do
+        [ -d "$p" ] && WINEPREFIX=$p wineserver -k >/dev/null 2>&1
+    done
+    rm -rf "$work"
+}
+trap cleanup EXIT
+
+exe='C:\nv\NorvaleHalvernService.exe'
+client=$NV_BIN_DIR/nv_ipc_client.exe
+ctl=$NV_BIN_DIR/driver_ctl.exe
+helper=$NV_BIN_DIR/nv_test_helper.exe
+svc=norvale_halvern_svc
+
+# new_prefix [NAME]: a clone of the test prefix in $work/prefix[-NAME] with a wineserver of its
+# own kept up, and Wine's own services started detached from the test's output.
+new_prefix() {
+    local dest=$work/prefix${1:+-$1}
+    WINEPREFIX=$base_prefix bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$dest"
+    export WINEPREFIX=$dest
+    wineserver -p </dev/null >/dev/null 2>&1
+    wine cmd /c exit </dev/null >/dev/null 2>&1
+}
+# start_sim: this build's Filter Manager stand-in in the prefix and the driver simulator running.
+start_sim() {
+    cp "$NV_BIN_DIR/fltlib.dll" "$WINEPREFIX/drive_c/windows/system32/fltlib.dll"
+    bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim || { echo "FAIL: the driver simulator did not start"; exit 1; }
+}
+# install_service: the service executable alone in C:\nv ($nv), so its debug log ($log) is ours.
+install_service() {
+    nv=$WINEPREFIX/drive_c/nv
+    rm -rf "$nv"
+    mkdir -p "$nv"
+    cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$nv/"
+    log=$nv/nvhalvernservice.debug.log
+}
+
+failures=0
+out=$work/out.txt
+fail() {
+    echo "FAIL: $*"
+    failures=$((failures + 1))
+}
+# run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
+run() {
+    wine "$@" </dev/null >"$out" 2>&1
+    rc=$?
+    tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
+}
+# expect LABEL RC [EXACT-OUTPUT]
+expect() {
+    [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; output: $(cat "$out")"
+    if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then fail "$1: output [$(cat "$out")], want [$3]"; fi
+}
+# expect_eq LABEL WANT GOT
+expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
+# log_lines PATTERN: how many debug log lines match the (basic) regular expression.
+log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
+# state: exit code of -c for the service (0 running, 252 stopped, 251 missing)
+state() {
+    run "$exe" -c $svc
+    echo "$rc"
+}
+wait_state() {  # wait_state WANT [TRIES of 0.2 s]
+    local want=$1 tries=${2:-150}
+    for _ in $(seq 1 "$tries"); do
+        [ "$(state)" = "$want" ] && return 0
+        sleep 0.2
+    done
+    fail "service state $(state), want $want"
+    return 1
+}
+# finish WHAT [LOG-LINES]: with failures, the debug log (its last LOG-LINES lines) and exit 1.
+finish() {
+    if [ "$failures" -ne 0 ]; then
+        echo "---- debug log"
+        if [ -n "${2:-}" ]; then tr -d '\r' <"$log" | tail -n "$2"; else tr -d '\r' <"$log"; fi
+        echo "$failures failure(s)"
+        exit 1
+    fi
+    echo "all $1 checks passed"
+}
