@@ -105,14 +105,17 @@ struct step {
     std::function<bool(invchelper*, result*)> call;
     bool want;
     std::string message;       // the reply's message
-    std::string driver;        // a piece of the simulator's state afterwards ("" for none)
+    std::vector<std::string> driver;  // pieces of the simulator's state afterwards
     std::string driver_not;    // a piece it must not hold
 };
 
 const std::string lib_image = R"(C:\\prot\\lib\\nv_test_service.exe)";  // as JSON writes it
 const std::string app_image = R"(C:\\prot\\app\\a.exe)";
-const std::string all_off = R"("features":{"0":false,"6":false,"11":false)";
-const std::string all_on = R"("features":{"0":true,"6":true,"11":true)";
+// The process, folder and registry protection features.
+std::vector<std::string> features(bool process, bool registry) {
+    const char* p = process ? "true" : "false";
+    return {std::string(R"("0":)") + p, std::string(R"("6":)") + p, std::string(R"("11":)") + (registry ? "true" : "false")};
+}
 
 }  // namespace
 
@@ -122,39 +125,27 @@ TEST(client_with_simulator, every_method_of_the_landed_requests) {
     ASSERT_TRUE(h->connect(30000));
     ASSERT_TRUE(h->proto_compatible());
     const std::wstring key = L"Software\\NvLib\\Key";
-    const std::vector<step> steps = {
-        {"protect_service", [](invchelper* c, result* r) { return c->protect_service("nv_lib_svc", r); }, true, "", lib_image, ""},
-        {"protect_process", [](invchelper* c, result* r) { return c->protect_process(R"(C:\prot\app\a.exe)", r); }, true, "", app_image, ""},
-        {"protect_process, a drive root", [](invchelper* c, result* r) { return c->protect_process(R"(C:\e.exe)", r); }, false, "", "", R"(C:\\e.exe)"},
-        {"protect_reg_key", [&](invchelper* c, result* r) { return c->protect_reg_key(HKEY_LOCAL_MACHINE, key, NVClientHelper::level_write, r); }, true, "", R"(Software\\NvLib\\Key)", ""},
-        {"disable_driver_protection", [](invchelper* c, result* r) { return c->disable_driver_protection(r); }, true, "", R"("features":{"0":false,"6":false,"11":true)", ""},
-        {"set_protection_enabled off", [](invchelper* c, result* r) { return c->set_protection_enabled(false, r); }, true, "", all_off, ""},
-        {"enable_driver_protection", [](invchelper* c, result* r) { return c->enable_driver_protection(r); }, true, "", R"("features":{"0":true,"6":true,"11":false)", ""},
-        {"set_protection_enabled on", [](invchelper* c, result* r) { return c->set_protection_enabled(true, r); }, true, "", all_on, ""},
-        {"disable again", [](invchelper* c, result* r) { return c->disable_driver_protection(r); }, true, "", "", ""},
-        {"restore_driver_protection", [](invchelper* c, result* r) { return c->restore_driver_protection(true, r); }, true, "", all_on, ""},
-        {"start_service", [](invchelper* c, result* r) { return c->start_service({"nv_lib_ctl", {"alpha", "beta gamma"}}, r); }, true, "", "", ""},
-        {"start_service, running", [](invchelper* c, result* r) { return c->start_service({"nv_lib_ctl", {}}, r); }, true, "Service has already been started.", "", ""},
-        {"stop_service", [](invchelper* c, result* r) { return c->stop_service("nv_lib_ctl", r); }, true, "", "", ""},
-        {"stop_service, stopped", [](invchelper* c, result* r) { return c->stop_service("nv_lib_ctl", r); }, true, "Service has already been stopped.", "", ""},
-        {"recover_service_dacl", [](invchelper* c, result* r) { return c->recover_service_dacl("nv_lib_ctl", r); }, true, "", "", ""},
-        {"recover_folder_dacl", [](invchelper* c, result* r) { return c->recover_folder_dacl(R"(C:\prot\lib)", r); }, true, "", "", ""},
+    auto run_steps = [h](const std::vector<step>& steps) {
+        for (const step& s : steps) {
+            result r;
+            r.ok = 7;
+            EXPECT_EQ(s.call(h, &r), s.want) << s.what;
+            EXPECT_EQ(r.ok, s.want ? 1 : 0) << s.what;
+            EXPECT_EQ(r.message, s.message) << s.what;
+            const std::string state = driver_state();
+            for (const std::string& piece : s.driver)
+                EXPECT_NE(state.find(piece), std::string::npos) << s.what << ": " << piece << " in " << state;
+            if (!s.driver_not.empty()) {
+                EXPECT_EQ(state.find(s.driver_not), std::string::npos) << s.what << ": " << state;
+            }
+        }
     };
-    for (const step& s : steps) {
-        result r;
-        r.ok = 7;
-        EXPECT_EQ(s.call(h, &r), s.want) << s.what;
-        EXPECT_EQ(r.ok, s.want ? 1 : 0) << s.what;
-        EXPECT_EQ(r.message, s.message) << s.what;
-        const std::string state = driver_state();
-        if (!s.driver.empty()) {
-            EXPECT_NE(state.find(s.driver), std::string::npos) << s.what << ": " << state;
-        }
-        if (!s.driver_not.empty()) {
-            EXPECT_EQ(state.find(s.driver_not), std::string::npos) << s.what << ": " << state;
-        }
-    }
-
+    run_steps({
+        {"protect_service", [](invchelper* c, result* r) { return c->protect_service("nv_lib_svc", r); }, true, "", {lib_image}, ""},
+        {"protect_process", [](invchelper* c, result* r) { return c->protect_process(R"(C:\prot\app\a.exe)", r); }, true, "", {app_image}, ""},
+        {"protect_process, a drive root", [](invchelper* c, result* r) { return c->protect_process(R"(C:\e.exe)", r); }, false, "", {}, R"(C:\\e.exe)"},
+        {"protect_reg_key", [&](invchelper* c, result* r) { return c->protect_reg_key(HKEY_LOCAL_MACHINE, key, NVClientHelper::level_write, r); }, true, "", {R"(Software\\NvLib\\Key)"}, ""},
+    });
     std::vector<NVClientHelper::protected_service_info> services;
     ASSERT_TRUE(h->query_protected_services(services));
     bool listed = false;
@@ -189,6 +180,21 @@ TEST(client_with_simulator, every_method_of_the_landed_requests) {
     const std::string state = driver_state();
     EXPECT_EQ(state.find(app_image), std::string::npos) << state;
     EXPECT_EQ(state.find(lib_image), std::string::npos) << state;
+
+    // The switches (off lifts every service and process protection), service control, repairs.
+    run_steps({
+        {"disable_driver_protection", [](invchelper* c, result* r) { return c->disable_driver_protection(r); }, true, "", features(false, true), ""},
+        {"set_protection_enabled off", [](invchelper* c, result* r) { return c->set_protection_enabled(false, r); }, true, "", features(false, false), ""},
+        {"enable_driver_protection", [](invchelper* c, result* r) { return c->enable_driver_protection(r); }, true, "", features(true, false), ""},
+        {"set_protection_enabled on", [](invchelper* c, result* r) { return c->set_protection_enabled(true, r); }, true, "", features(true, true), ""},
+        {"disable again", [](invchelper* c, result* r) { return c->disable_driver_protection(r); }, true, "", {}, ""},
+        {"restore_driver_protection", [](invchelper* c, result* r) { return c->restore_driver_protection(true, r); }, true, "", features(true, true), ""},
+        {"start_service", [](invchelper* c, result* r) { return c->start_service({"nv_lib_ctl", {"alpha", "beta gamma"}}, r); }, true, "", {}, ""},
+        {"start_service, running", [](invchelper* c, result* r) { return c->start_service({"nv_lib_ctl", {}}, r); }, true, "Service has already been started.", {}, ""},
+        {"stop_service", [](invchelper* c, result* r) { return c->stop_service("nv_lib_ctl", r); }, true, "", {}, ""},
+        {"recover_service_dacl", [](invchelper* c, result* r) { return c->recover_service_dacl("nv_lib_ctl", r); }, true, "", {}, ""},
+        {"recover_folder_dacl", [](invchelper* c, result* r) { return c->recover_folder_dacl(R"(C:\prot\lib)", r); }, true, "", {}, ""},
+    });
 
     // A denial for a subscribed file sets the subscriber's event; its record is collected once.
     const std::string event_name = "Global\\" + nv_test::unique_name("nv_lib_event");

@@ -42,8 +42,8 @@ rc=$?
 echo "== halvernctl: each command's exit code, JSON output and the driver stand-in afterwards"
 features='[.features["0", "6", "11"]]'
 svc_image='c:\\prot\\svc\\nv_test_service.exe'
-# arguments|exit code|jq test of the JSON output|jq test of the simulator's state (- for none)
-while IFS='|' read -r args want_rc test driver_test; do
+# arguments#exit code#jq test of the JSON output#jq test of the simulator's state (- for none)
+while IFS='#' read -r args want_rc test driver_test; do
     eval "hv_run --json $args"
     expect_eq "halvernctl $args: exit code (stderr: $(cat "$err"))" "$want_rc" "$rc"
     jq -e "$test" "$out" >/dev/null 2>&1 || fail "halvernctl $args: [$test] on $(cat "$out")"
@@ -52,31 +52,31 @@ while IFS='|' read -r args want_rc test driver_test; do
         jq -e "$driver_test" "$work/state.json" >/dev/null 2>&1 || fail "halvernctl $args: driver [$driver_test] on $(cat "$work/state.json")"
     fi
 done <<EOF_TABLE
-service protect nv_ctl_svc|0|.ok|any(.process_rules[]; ascii_downcase == "$svc_image")
-service list|0|any(.services[]; .name == "nv_ctl_svc" and .process_protected and .image == "C:\\\\prot\\\\svc\\\\nv_test_service.exe")|-
-process protect 'C:\prot\app\a.exe' 'C:\prot\app\b.exe'|0|.ok|any(.process_rules[]; ascii_downcase == "c:\\\\prot\\\\app\\\\b.exe")
-process list|0|[.processes[] | select(.folder == "C:\\\\prot\\\\app") | .image] | sort == ["C:\\\\prot\\\\app\\\\a.exe", "C:\\\\prot\\\\app\\\\b.exe"]|-
-process unprotect 'C:\prot\app\b.exe'|0|.ok|all(.process_rules[]; ascii_downcase != "c:\\\\prot\\\\app\\\\b.exe")
-process list|0|all(.processes[]; .image != "C:\\\\prot\\\\app\\\\b.exe")|-
-process protect 'C:\e.exe'|1|.ok == false and .error == "refused" and .exit_code == 1|all(.process_rules[]; ascii_downcase != "c:\\\\e.exe")
-key protect 'HKLM\Software\NvCtl\Key' --level write --service nv_ctl_svc|0|.ok|any(.registry_rules[]; ascii_downcase | endswith("software\\\\nvctl\\\\key"))
-key list|0|any(.keys[]; (.key | ascii_downcase) == "hklm\\\\software\\\\nvctl\\\\key" and .services == "nv_ctl_svc")|-
-key unprotect 'HKLM\Software\NvCtl\Key'|0|.ok|all(.registry_rules[]; ascii_downcase | endswith("software\\\\nvctl\\\\key") | not)
-key list|0|all(.keys[]; (.key | ascii_downcase) != "hklm\\\\software\\\\nvctl\\\\key")|-
-driver off|0|.ok|$features == [false, false, true]
-protection off|0|.ok|$features == [false, false, false]
-driver on|0|.ok|$features == [true, true, false]
-protection on|0|.ok|$features == [true, true, true]
-driver off|0|.ok|$features == [false, false, true]
-driver restore|0|.ok|$features == [true, true, true]
-service start nv_ctl_args alpha 'beta gamma'|0|.ok|-
-service start nv_ctl_args|0|.ok and .message == "Service has already been started."|-
-service stop nv_ctl_args|0|.ok|-
-service stop nv_ctl_args|0|.ok and .message == "Service has already been stopped."|-
-recover service nv_ctl_args|0|.ok|-
-recover folder 'C:\prot\app'|0|.ok|-
-service unprotect nv_ctl_svc|0|.ok|all(.process_rules[]; ascii_downcase != "$svc_image")
-service list|0|all(.services[]; .name != "nv_ctl_svc")|-
+service protect nv_ctl_svc#0#.ok#any(.process_rules[]; ascii_downcase == "$svc_image")
+service list#0#any(.services[]; .name == "nv_ctl_svc" and .process_protected and .image == "C:\\\\prot\\\\svc\\\\nv_test_service.exe")#-
+process protect 'C:\prot\app\a.exe' 'C:\prot\app\b.exe'#0#.ok#any(.process_rules[]; ascii_downcase == "c:\\\\prot\\\\app\\\\b.exe")
+process list#0#[.processes[] | select(.folder == "C:\\\\prot\\\\app") | .image] | sort == ["C:\\\\prot\\\\app\\\\a.exe", "C:\\\\prot\\\\app\\\\b.exe"]#-
+process unprotect 'C:\prot\app\b.exe'#0#.ok#all(.process_rules[]; ascii_downcase != "c:\\\\prot\\\\app\\\\b.exe")
+process list#0#all(.processes[]; .image != "C:\\\\prot\\\\app\\\\b.exe")#-
+process protect 'C:\e.exe'#1#.ok == false and .error == "refused" and .exit_code == 1#all(.process_rules[]; ascii_downcase != "c:\\\\e.exe")
+key protect 'HKLM\Software\NvCtl\Key' --level write --service nv_ctl_svc#0#.ok#any(.registry_rules[]; ascii_downcase | endswith("software\\\\nvctl\\\\key"))
+key list#0#any(.keys[]; (.key | ascii_downcase) == "hklm\\\\software\\\\nvctl\\\\key" and .services == "nv_ctl_svc")#-
+key unprotect 'HKLM\Software\NvCtl\Key'#0#.ok#all(.registry_rules[]; ascii_downcase | endswith("software\\\\nvctl\\\\key") | not)
+key list#0#all(.keys[]; (.key | ascii_downcase) != "hklm\\\\software\\\\nvctl\\\\key")#-
+driver off#0#.ok#$features == [false, false, true]
+protection off#0#.ok#$features == [false, false, false]
+driver on#0#.ok#$features == [true, true, false]
+protection on#0#.ok#$features == [true, true, true]
+driver off#0#.ok#$features == [false, false, true]
+driver restore#0#.ok#$features == [true, true, true]
+service start nv_ctl_args alpha 'beta gamma'#0#.ok#-
+service start nv_ctl_args#0#.ok and .message == "Service has already been started."#-
+service stop nv_ctl_args#0#.ok#-
+service stop nv_ctl_args#0#.ok and .message == "Service has already been stopped."#-
+recover service nv_ctl_args#0#.ok#-
+recover folder 'C:\prot\app'#0#.ok#-
+service unprotect nv_ctl_svc#0#.ok#all(.process_rules[]; ascii_downcase != "$svc_image")
+service list#0#all(.services[]; .name != "nv_ctl_svc")#-
 EOF_TABLE
 expect_eq "start arguments" "alpha
 beta gamma" "$(tr -d '\r' <"$drive_c/prot/args/nv_ctl_args.args" 2>/dev/null)"
@@ -88,20 +88,27 @@ hv_run driver restore
 
 echo "== subscribe, a denial injected into the simulator, collect"
 pid=$(tr -d '\r' <"$drive_c/prot/svc/nv_ctl_svc.pid")
-filter=(--event 'Global\nv_ctl_event' --file 'C:\Data\Ctl.txt')
+# A subscriber name of its own: the library's test has used the client's own name with another event.
+filter=(--as nv_ctl_sub --event 'Global\nv_ctl_event' --file 'C:\Data\Ctl.txt')
+# The subscriber's event, created by a process of its own that waits for it.
+wine "$NV_BIN_DIR/nv_test_helper.exe" wait-event 'Global\nv_ctl_event' 60000 </dev/null >"$work/event.txt" 2>&1 &
+waiter=$!
+for _ in $(seq 1 100); do
+    grep -q ready "$work/event.txt" && break
+    sleep 0.2
+done
 hv_run --json notify subscribe "${filter[@]}"
 expect_eq "subscribe" "0 true" "$rc $(jq .ok "$out")"
 run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\ctl.txt'
 expect_eq "inject" 0 "$rc"
-for _ in 1 2 3 4 5 6 7 8 9 10; do
-    hv_run --json notify collect
-    [ "$(jq '.notifications | length' "$out")" = 0 ] || break
-    sleep 0.5
-done
+wait $waiter
+expect_eq "the subscriber's event was set" "ready
+fired" "$(tr -d '\r' <"$work/event.txt")"
+hv_run --json notify collect --as nv_ctl_sub
 jq -e --argjson pid "$pid" '.notifications == [.notifications[0]] and (.notifications[0] |
     .file == "c:\\data\\ctl.txt" and .major == 3 and .minor == 0 and .pid == $pid and .denied and
     (.image | ascii_downcase) == "c:\\prot\\svc\\nv_test_service.exe")' "$out" >/dev/null || fail "collected: $(cat "$out")"
-hv_run --json notify collect
+hv_run --json notify collect --as nv_ctl_sub
 expect_eq "collected once" "0 0" "$rc $(jq '.notifications | length' "$out")"
 hv_run --json notify unsubscribe "${filter[@]}"
 expect_eq "unsubscribe" "0 true" "$rc $(jq .ok "$out")"
