@@ -59,6 +59,53 @@ echo "== a client asks for the protocol and service versions"
 say "$NV_BIN_DIR/nv_ipc_client.exe" version
 echo "== debug log: $install_dir/nvhalvernservice.debug.log"
 tr -d '\r' <"$install_dir/nvhalvernservice.debug.log" | tail -n 8
+
+# ---- The product at work, through halvernctl (the administrator's command line) ----------------
+# Runs once the service is up, whatever installed it.
+# Each step shows halvernctl's output and, when it is not 0, its exit code; the demo goes on.
+ctl() {
+  local rc=0
+  say "$NV_BIN_DIR/halvernctl.exe" "$@" || rc=$?
+  [ "$rc" = 0 ] || echo "(halvernctl exit code $rc)"
+  return "$rc"
+}
+show_protection() {
+  local app='C:\DemoApp' app_dir="$WINEPREFIX/drive_c/DemoApp"
+  # On Windows the running service writes its own registry records through its service SID, to
+  # which its start-up gives its own keys. Wine's tokens carry no service SID, so once the service
+  # has started, Administrators (every process here) stand in for it on those keys.
+  say "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys >/dev/null || true
+
+  mkdir -p "$app_dir"
+  cp "$NV_BIN_DIR/nv_test_service.exe" "$app_dir/demo.exe"
+  echo "demo data" >"$app_dir/sample.txt"
+  echo "secret" >"$app_dir/secret.txt"
+  echo "== halvernctl status"
+  ctl status || true
+  echo "== halvernctl process protect $app\\demo.exe (the program and its folder)"
+  ctl process protect "$app\\demo.exe" || true
+  echo "== halvernctl process list"
+  ctl process list || true
+  echo "== the driver stand-in now holds the rules: driver_ctl state"
+  say "$NV_BIN_DIR/driver_ctl.exe" state | jq -c '{features, process_rules, folder_rules, blocking_rules}' || true
+
+  # ---- QUARANTINE AND BLOCKED FILES: the service answers these once its quarantine requests are
+  # in the build; until then each says "The request is not available in this version of the service".
+  local container="$app\\Quarantine" archive
+  echo "== halvernctl quarantine create / add / list / restore $app\\sample.txt"
+  if ctl quarantine create "$container"; then
+    archive=$(say "$NV_BIN_DIR/halvernctl.exe" --json quarantine add "$container" "$app\\sample.txt" | jq -r '.archives[0].archive // empty') || true
+    echo "archive: $archive"
+    ctl quarantine list "$container" || true
+    [ -n "$archive" ] && ctl quarantine restore "$container" "$archive" && ls "$app_dir" || true
+  fi
+  echo "== halvernctl block $app\\secret.txt"
+  ctl block "$app\\secret.txt" && ctl is-blocked "$app\\secret.txt" || true
+  # ---- END QUARANTINE AND BLOCKED FILES
+  echo "== driver_ctl state"
+  say "$NV_BIN_DIR/driver_ctl.exe" state | jq -c '{features, process_rules, folder_rules, blocking_rules}' || true
+}
+show_protection
 echo
 echo "The service keeps running in $WINEPREFIX."
 echo "Send it requests with: WINEPREFIX=$WINEPREFIX wine $NV_BIN_DIR/nv_ipc_client.exe send 100000a"

@@ -130,7 +130,9 @@ std::string refusal(const reg_key_entry& entry) {
     std::string why;
     if (regkey::predefined_root(entry.root) == nullptr) return "the root is not a predefined key";
     if (!regkey::valid_key_path(entry.path, why)) return why;
-    if (entry.owner != k_own_service && !mcl::mswin::service::is_service_installed(entry.owner.c_str()))
+    // An empty owner is a key without an owner service (a client's single-key protect sends none).
+    if (!entry.owner.empty() && entry.owner != k_own_service &&
+        !mcl::mswin::service::is_service_installed(entry.owner.c_str()))
         return "its owner service [" + entry.owner + "] is not installed";
     return std::string();
 }

@@ -38,6 +38,17 @@ int main(int argc, char** argv) {
         Sleep(300);
         ExitProcess(0);  // the mutex is abandoned
     }
+    if (argc >= 4 && strcmp(argv[1], "wait-event") == 0) {
+        // Creates the named event, says "ready", and waits for it: "fired" (0) or "timeout" (4).
+        HANDLE e = CreateEventA(nullptr, FALSE, FALSE, argv[2]);
+        if (e == nullptr) return 2;
+        printf("ready\n");
+        fflush(stdout);
+        const DWORD w = WaitForSingleObject(e, static_cast<DWORD>(atoi(argv[3])));
+        printf(w == WAIT_OBJECT_0 ? "fired\n" : "timeout\n");
+        CloseHandle(e);
+        return w == WAIT_OBJECT_0 ? 0 : 4;
+    }
     if (argc >= 3 && strcmp(argv[1], "set-event") == 0) {
         HANDLE e = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[2]);
         if (e == nullptr) return 2;
