@@ -2,6 +2,7 @@
 //   nv_test_helper hold-mutex NAME MS READY_EVENT   create and hold a named mutex for MS ms
 //   nv_test_helper abandon-mutex NAME READY_EVENT   take the mutex and exit without releasing
 //   nv_test_helper set-event NAME                   set an existing named event (exit 2 if none)
+//   nv_test_helper process-alive PID                exit 0 while process PID runs, 1 when it has ended
 //   nv_test_helper driver-send PREFIX COUNT READY_EVENT GO_EVENT
 //       connect to the driver's command port, set READY_EVENT, wait for GO_EVENT, then send
 //       COUNT process rules PREFIX0, PREFIX1 ...; exit code 0 when every send succeeded
@@ -42,6 +43,13 @@ int main(int argc, char** argv) {
         const BOOL ok = SetEvent(e);
         CloseHandle(e);
         return ok ? 0 : 3;
+    }
+    if (argc >= 3 && strcmp(argv[1], "process-alive") == 0) {
+        HANDLE p = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(strtoul(argv[2], nullptr, 10)));
+        if (p == nullptr) return 1;
+        const bool alive = WaitForSingleObject(p, 0) == WAIT_TIMEOUT;
+        CloseHandle(p);
+        return alive ? 0 : 1;
     }
     if (argc >= 6 && strcmp(argv[1], "driver-send") == 0) {
         HANDLE port = INVALID_HANDLE_VALUE;
