@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "mcl/buffer.h"
 #include "mcl/ipc/peer.h"
@@ -13,6 +14,9 @@
 #include "mcl/mswin/unique_handle.h"
 #include "mcl/mutex.h"
 #include "mcl/singleton.h"
+#include "mcl/thread.h"
+#include "mcl/event.h"
+#include "mcl/lock.h"
 #include "service/emergency_options.h"
 
 // The service is the listening IPC peer under its service name; requests reach
@@ -94,11 +98,108 @@ public:
 
     // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
 
-    // Process images and their folders (service/process_protection.cpp).
+    // Process images and their folders (service/process_protection.cpp). The tables have no
+    // lock: the IPC event thread and the start-up and shutdown steps use them, one at a time.
+    struct process_record {
+        std::wstring imagePath;
+        std::wstring folder;  // filled in by protectProcess
+    };
+    struct folder_record {
+        std::string sddl;  // the folder's DACL as read back after the rewrite; empty when unreadable
+        std::wstring folder;
+        uint32_t refCount = 0;  // protected images in the folder; the record lives while >= 1
+    };
+    struct process_rule {
+        bool protect = false;
+        std::wstring imagePath;
+    };
+    // The folder of an image path or of a command line (quoted path and arguments): the text up to
+    // its last backslash, starting at the drive letter; a text without a backslash as it is.
+    static std::wstring image_folder_of(const std::wstring& imagePath);
+    // Sends the image and folder rules and rewrites the folder's DACL; fills record.folder. False,
+    // with nothing changed, when protection is off, the folder is not X:\folder form or the
+    // driver cannot be reached.
+    bool protectProcess(const std::wstring& imagePath, PSID ownSid, process_record& record);
+    // Lifts the image rule and, with the folder's last image, the folder rule and its DACL. With
+    // `force`, an unreachable driver still resets the folder's DACL and drops its record.
+    bool unprotectProcess(const process_record& record, bool force);
+    // Applies a rule list; an empty first path means every image. False when any rule failed.
+    bool handle_protect_processes(const std::vector<process_rule>& rules);
+    // Removes every image and folder rule, detaches every volume, resets every folder's DACL.
+    void stopProtectingProcess();
+    // Rewrites the folder's DACL: full access for `sids` in order, every other ACE cut down to read
+    // and execute (to nothing with `denyOthers`), protected from the parent. With `originalSddl`,
+    // the DACL before the change is returned there (LocalAlloc'd, the caller frees it).
+    bool setPathPermissions(const std::wstring& path, const std::vector<PSID>& sids, char** originalSddl,
+                            bool denyOthers);
+    // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again.
+    bool restorePathPermissions(const std::wstring& path, const char* sddl);
+    void protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void query_protected_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Services (service/service_protection.cpp).
+    // Services (service/service_protection.cpp). The table has no lock (as the process tables).
+    struct service_record {
+        std::string sddl;  // the service's DACL as read back after protection
+        std::string name;
+        std::string sid;  // S-1-5-80-...
+        std::wstring imagePath;
+    };
+    struct service_rule {
+        bool protectService = false;
+        bool protectProcess = false;
+        std::string name;
+    };
+    static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
+    static constexpr const char* protected_processes_key =
+        "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";
+    static constexpr const char* default_service_sddl =
+        "D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)"
+        "S:(AU;FA;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;WD)";
+    // The program path of a service's binary path: cut after the last double quote, quotes
+    // removed (an unquoted path keeps its arguments). Empty when the configuration is unreadable.
+    static std::wstring service_image_path(const std::string& name);
+    // Replaces the service's DACL (own SID and the service's SID in full), records and persists it
+    // and, unless the service is stopped, puts it on the enforcement list. Fills sddl, sid,
+    // imagePath of `record`.
+    bool protectService(const std::string& name, PSID ownSid, service_record& record);
+    // Takes the service off the enforcement list and the persisted lists and writes the default
+    // service DACL back; the result is that of the write.
+    bool unprotectService(const service_record& record);
+    // Applies a rule list, driving the image rules; an empty first name means every service.
+    bool handle_protect_services(const std::vector<service_rule>& rules);
+    void protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Enforcement and service control (service/service_enforcement.cpp).
+    // Keeps the listed services running: a pass every 15 s, and at once when the system reports a
+    // listed service stopping. Its own thread; the list has its own lock.
+    class service_enforce_thread : public mcl::thread {
+    public:
+        explicit service_enforce_thread(chelperservice* owner) : owner_(owner) { (void)changed_.create_unnamed(); }
+        ~service_enforce_thread() override;
+        DWORD run() override;
+        // Wakes the thread so that it watches a newly listed service. Any thread.
+        void list_changed();
+
+    private:
+        chelperservice* owner_;
+        mcl::event changed_;  // set when a name joins the list
+    };
+    // Enforcement list operations; any thread (each takes the list's lock). The service's own
+    // name is never added.
+    void enforce_add(const std::string& name);
+    void enforce_remove(const std::string& name);
+    std::vector<std::string> enforce_list();
+    // Terminates (exit code 9) every process whose image path is `imagePath`, ignoring case.
+    static void killProcessByPath(const std::string& imagePath);
+    // Runs `program` through the shell with the "runas" verb, hidden, and waits up to 30 s for its
+    // exit code when a process handle comes back.
+    static bool run_elevated(const std::string& program, const std::string& parameters, DWORD* exitCode);
+    void service_ctrl_start_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void service_ctrl_stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void service_ctrl_recover_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void restore_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void recover_folder_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Registry keys (service/regkey_protection.cpp).
 
@@ -148,10 +249,21 @@ private:
     // IRP-denied notification state.
 
     // Process and folder protection state.
+    std::map<std::wstring, process_record> protected_processes_;  // image path -> record
+    std::map<std::wstring, folder_record> protected_folders_;     // folder path -> record
 
     // Service protection state.
+    std::map<std::string, service_record> protected_services_;  // service name -> record
+    // The full-access SIDs of a folder: `ownSid`, then the SID of every other protected service
+    // whose image path contains the folder. The caller frees all but the first with LocalFree.
+    std::vector<PSID> folder_sids(const std::wstring& folder, PSID ownSid);
+    // The image rule of a service rule: protect or (forced) unprotect `image`; false on failure.
+    bool apply_service_image(const std::wstring& image, bool protect, PSID ownSid, bool logFailure);
 
     // Enforcement state.
+    mcl::lock enforce_lock_;
+    std::vector<std::string> enforce_list_;
+    service_enforce_thread enforce_thread_{this};
 
     // Registry key protection state.
 

@@ -12,12 +12,6 @@ void not_yet(const char* function, const char* what) {
 
 }  // namespace
 
-void chelperservice::startEnforcement() {
-    not_yet("chelperservice::startEnforcement", "chelperservice::service_enforce_thread start");
-}
-void chelperservice::stopEnforcement() {
-    not_yet("chelperservice::stopEnforcement", "chelperservice::service_enforce_thread stop");
-}
 void chelperservice::skipFirstServiceManagerOpen() {
     not_yet("chelperservice::skipFirstServiceManagerOpen", "chelperservice::drvSkipProcessFirstSvcMgrOpen");
 }
@@ -32,10 +26,6 @@ void chelperservice::enableIrpNotifications(bool on) {
 void chelperservice::stopIrpReceiver() {
     not_yet("chelperservice::stopIrpReceiver", "chelperservice::irp_notification_receiver stop");
 }
-void chelperservice::protectSelf(bool on) {
-    NV_LOG("chelperservice::protectSelf", "chelperservice::handle_protect_services %s %s: not available in this build",
-           service_name().c_str(), on ? "on" : "off");
-}
 void chelperservice::loadPersistedRules() {
     loadTrustedOpenApps();
     loadProtectedService();
@@ -45,30 +35,15 @@ void chelperservice::loadPersistedRules() {
 void chelperservice::loadTrustedOpenApps() {
     not_yet("chelperservice::loadTrustedOpenApps", "chelperservice::loadTrustedOpenApps");
 }
-void chelperservice::loadProtectedService() {
-    not_yet("chelperservice::loadProtectedService", "chelperservice::loadProtectedService");
-}
 void chelperservice::loadProtectedRegKeys() {
     not_yet("chelperservice::loadProtectedRegKeys", "chelperservice::loadProtectedRegKeys");
 }
 void chelperservice::loadqQuarantineContainers() {
     not_yet("chelperservice::loadqQuarantineContainers", "chelperservice::loadqQuarantineContainers");
 }
-void chelperservice::unprotectServiceByName(const std::string& service_name) {
-    NV_LOG("chelperservice::unprotectServiceByName", "chelperservice::unprotectService %s: not available in this build",
-           service_name.c_str());
-}
-void chelperservice::restoreFolder(const std::wstring& path) {
-    NV_LOG("chelperservice::restoreFolder", "chelperservice::restorePathPermissions %ls: not available in this build",
-           path.c_str());
-}
 void chelperservice::unprotectOwnRegKeys() {
     not_yet("chelperservice::unprotectOwnRegKeys", "chelperservice::unprotectRegKey");
 }
 void chelperservice::restoreProtectedRegKeys() {
     not_yet("chelperservice::restoreProtectedRegKeys", "restoring the protected registry keys");
-}
-void chelperservice::restoreProtectedFolders() {
-    not_yet("chelperservice::restoreProtectedFolders",
-            "chelperservice::restorePathPermissions of the protected folders");
 }

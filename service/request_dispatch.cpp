@@ -29,12 +29,21 @@ const request_route routes[] = {
     // Driver command port.
 
     // Process and folder protection.
+    {msg::protect_processes, &chelperservice::protect_processes, "protect processes"},
+    {msg::query_protected_processes, &chelperservice::query_protected_processes, "query protected processes"},
 
     // Service protection.
+    {msg::protect_services, &chelperservice::protect_services, "protect services"},
+    {msg::query_protected_services, &chelperservice::query_protected_services, "query protected services"},
 
     // Registry key protection.
 
     // Enforcement and service control.
+    {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service"},
+    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name"},
+    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL"},
+    {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection"},
+    {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL"},
 
     // Quarantine.
 

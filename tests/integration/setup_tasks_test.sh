@@ -44,8 +44,9 @@ run() {
 }
 expect_rc() { [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; output: $(head -c 300 "$out")"; }
 
-# stage NAME PROGRAM [damaged]: a staging folder C:\stage\NAME with the program (as
-# NorvaleHalvernService.exe), the INF and the stand-in driver.
+# stage NAME PROGRAM|damaged: a staging folder C:\stage\NAME with the program (as
+# NorvaleHalvernService.exe), the INF and the stand-in driver. A damaged program (random bytes)
+# cannot run the task itself: setup.exe, a copy of this build's program, runs it from there.
 stage() {
     local dir=$stage_root/$1
     rm -rf "$dir"
@@ -53,6 +54,7 @@ stage() {
     cp "$NV_BIN_DIR/VQRMonitor.inf" "$NV_BIN_DIR/VQRMonitor.sys" "$dir/"
     if [ "$2" = damaged ]; then
         head -c 4096 /dev/urandom >"$dir/NorvaleHalvernService.exe"
+        cp "$new_exe" "$dir/setup.exe"
     else
         cp "$2" "$dir/NorvaleHalvernService.exe"
     fi
@@ -61,7 +63,9 @@ task() {  # task STAGE TASK [ARG]
     local name=$1
     shift
     : >"$stage_root/$name/nvhalvernservice.debug.log"
-    run "C:\\stage\\$name\\NorvaleHalvernService.exe" -proxy_task "$@"
+    local runner=NorvaleHalvernService.exe
+    [ -f "$stage_root/$name/setup.exe" ] && runner=setup.exe
+    run "C:\\stage\\$name\\$runner" -proxy_task "$@"
 }
 task_log() { tr -d '\r' <"$stage_root/$1/$2"; }
 expect_logged() {  # expect_logged LABEL STAGE LOGFILE PATTERN

@@ -5,6 +5,8 @@
 //   nv_ipc_client [-n NAME] [-t MS] post ID [HEX]    one post, no reply
 //   nv_ipc_client [-n NAME] [-t MS] hold SECONDS     stays connected, idle, for a while
 //
+// HEX may be @FILE: the hex text is read from that file (for payloads longer than a command
+// line). With -m FILE, send writes the request's round trip in milliseconds to FILE.
 // NAME defaults to the service's endpoint; ID is hexadecimal (0x1000009 or 1000009). Exit codes:
 // 0 success, 1 usage, 2 no connection, 3 no reply within the time-out.
 #include <cstdio>
@@ -40,6 +42,23 @@ bool parse_hex(const char* text, mcl::binary_t& out) {
     return true;
 }
 
+bool read_hex_file(const char* path, std::string& text) {
+    FILE* f = fopen(path, "rb");
+    if (f == nullptr) return false;
+    char chunk[4096];
+    size_t n = 0;
+    while ((n = fread(chunk, 1, sizeof(chunk), f)) > 0) text.append(chunk, n);
+    fclose(f);
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    return true;
+}
+
+bool parse_payload(const char* arg, mcl::binary_t& out) {
+    if (arg[0] != '@') return parse_hex(arg, out);
+    std::string text;
+    return read_hex_file(arg + 1, text) && parse_hex(text.c_str(), out);
+}
+
 bool parse_id(const char* text, uint32_t& id) {
     char* end = nullptr;
     const unsigned long v = strtoul(text, &end, 16);
@@ -53,12 +72,15 @@ bool parse_id(const char* text, uint32_t& id) {
 int main(int argc, char** argv) {
     std::string name = "norvale_halvern_svc";
     int timeout_ms = 10000;
+    const char* timing_file = nullptr;
     int i = 1;
     for (; i + 1 < argc && argv[i][0] == '-'; i += 2) {
         if (strcmp(argv[i], "-n") == 0) {
             name = argv[i + 1];
         } else if (strcmp(argv[i], "-t") == 0) {
             timeout_ms = atoi(argv[i + 1]);
+        } else if (strcmp(argv[i], "-m") == 0) {
+            timing_file = argv[i + 1];
         } else {
             usage();
             return 1;
@@ -72,7 +94,7 @@ int main(int argc, char** argv) {
     uint32_t id = 0;
     mcl::binary_t payload;
     if (command == "send" || command == "post") {
-        if (i + 1 >= argc || !parse_id(argv[i + 1], id) || (i + 2 < argc && !parse_hex(argv[i + 2], payload))) {
+        if (i + 1 >= argc || !parse_id(argv[i + 1], id) || (i + 2 < argc && !parse_payload(argv[i + 2], payload))) {
             usage();
             return 1;
         }
@@ -99,7 +121,19 @@ int main(int argc, char** argv) {
         peer.post(id, payload, connection);
         Sleep(200);  // let the write thread hand the frame to the pipe
     } else if (command == "send") {
-        if (peer.send(id, payload, connection, timeout_ms)) {
+        LARGE_INTEGER frequency{}, before{}, after{};
+        QueryPerformanceFrequency(&frequency);
+        QueryPerformanceCounter(&before);
+        const bool replied = peer.send(id, payload, connection, timeout_ms);
+        QueryPerformanceCounter(&after);
+        if (replied && timing_file != nullptr) {
+            FILE* f = fopen(timing_file, "w");
+            if (f != nullptr) {
+                fprintf(f, "%.3f\n", static_cast<double>(after.QuadPart - before.QuadPart) * 1000.0 / frequency.QuadPart);
+                fclose(f);
+            }
+        }
+        if (replied) {
             printf("%s\n", mcl::to_hex(payload).c_str());
         } else {
             fprintf(stderr, "nv_ipc_client: no reply to message %X\n", id);

@@ -1,0 +1,75 @@
+#!/usr/bin/env bash
+# Protecting and then unprotecting 100 and 1,000 process images (ten to a folder) in one request
+# each, against the running service with the driver simulator and the object-security recorder,
+# and the time from a protected service's process being killed to the service running again.
+# Prints "name: value unit" lines.
+#
+#   bench/protection_bench.sh [BUILD_DIR]     BUILD_DIR defaults to build/mingw-x64
+set -uo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
+export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
+[ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
+. "$here/tests/integration/protection_lib.sh"
+
+run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
+run "$exe" -i install
+start_service
+
+# rules N PROTECT: the hex payload of N rules C:\bench\fNNN\imgNNNN.exe, ten images a folder.
+rules() {
+    python3 - "$1" "$2" <<'PY'
+import struct, sys
+n, protect = int(sys.argv[1]), int(sys.argv[2])
+out = bytearray(struct.pack('<I', n))
+for i in range(n):
+    out += bytes([protect]) + ('C:\\bench\\f%03d\\img%04d.exe' % (i // 10, i)).encode('utf-16-le') + b'\0\0'
+print(out.hex().upper())
+PY
+}
+timed_request() {  # ID HEXFILE: round trip in ms into $ms
+    wine "$client" -t 600000 -m 'C:\nv\timing.txt' send "$1" "@$2" </dev/null >"$out" 2>&1
+    ms=$(tr -d '\r' <"$drive_c/nv/timing.txt")
+    [ "$(head -n 1 "$out" | tr -d '\r')" = 0100 ] || echo "warning: request $1 replied $(head -n 1 "$out")" >&2
+}
+
+mkdir -p "$drive_c"/bench/f{000..099}
+declare -A per_rule
+for n in 100 1000; do
+    rules "$n" 1 >"$drive_c/nv/protect.hex"
+    rules "$n" 0 >"$drive_c/nv/unprotect.hex"
+    timed_request 1000003 'C:\nv\protect.hex'
+    protect_ms=$ms
+    timed_request 1000003 'C:\nv\unprotect.hex'
+    unprotect_ms=$ms
+    per_rule[$n]=$(awk -v a="$protect_ms" -v b="$unprotect_ms" -v n="$n" 'BEGIN { printf "%.3f", (a + b) / n }')
+    echo "protect_images_$n: $(awk -v a="$protect_ms" -v n="$n" 'BEGIN { printf "%.3f", a / n }') ms/rule"
+    echo "unprotect_images_$n: $(awk -v a="$unprotect_ms" -v n="$n" 'BEGIN { printf "%.3f", a / n }') ms/rule"
+    echo "protect_unprotect_images_$n: ${per_rule[$n]} ms/rule"
+done
+echo "protect_unprotect_1000_over_100: $(awk -v a="${per_rule[1000]}" -v b="${per_rule[100]}" 'BEGIN { printf "%.2f", a * 10 / b }') x (time for 1000 over time for 100; limit 12)"
+
+# A protected service killed, running again.
+mkdir -p "$drive_c/prot/svc"
+cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/prot/svc/"
+run sc create nv_bench_svc binPath= 'C:\prot\svc\nv_test_service.exe'
+run sc start nv_bench_svc
+wait_svc_state nv_bench_svc 0
+request 1000002 "$(hex_u32 1)0101$(hex_str nv_bench_svc)"
+total=0
+runs=5
+for _ in $(seq 1 $runs); do
+    old=$(tr -d '\r' <"$drive_c/prot/svc/nv_bench_svc.pid")
+    t0=$(date +%s.%N)
+    run taskkill /F /PID "$old"
+    while :; do
+        pid=$(tr -d '\r' <"$drive_c/prot/svc/nv_bench_svc.pid" 2>/dev/null)
+        [ -n "$pid" ] && [ "$pid" != "$old" ] && break
+        sleep 0.02
+    done
+    t1=$(date +%s.%N)
+    total=$(awk -v s="$total" -v a="$t0" -v b="$t1" 'BEGIN { print s + b - a }')
+    sleep 1
+done
+echo "killed_service_running_again: $(awk -v s="$total" -v n=$runs 'BEGIN { printf "%.2f", s / n }') s (mean of $runs, taskkill /f to the new process)"
+stop_service

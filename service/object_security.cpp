@@ -1,0 +1,218 @@
+// Windows' object security for files, folders and services, and the recorder a test run selects.
+//
+// Recorder journal: UTF-8 text, one line per object state, fields separated by tabs:
+//   <kind> TAB <object> TAB <sddl> [TAB <aces>]
+// kind is "file" or "service"; sddl is the DACL in SDDL form ("D:P(...)" when protected); aces,
+// written by the recorder only, lists each ACE as type;flags;mask;sid (hexadecimal flags and
+// mask) separated by blanks. At start the recorder reads the journal and the last line of each
+// object is that object's DACL, so lines a test writes beforehand give objects their initial
+// DACL, and a restarted service reads what it wrote before. Objects it has no line for are read
+// from Windows.
+#include "service/object_security.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <memory>
+
+#include "app/log.h"
+#include "mcl/buffer.h"
+#include "mcl/lock.h"
+#include "mcl/mswin/reg.h"
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/unique_handle.h"
+
+namespace {
+
+using mcl::mswin::unique_local;
+
+std::string utf8_of(const std::wstring& text) {
+    if (text.empty()) return {};
+    const int n = WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), nullptr, 0, nullptr, nullptr);
+    std::string out(n > 0 ? static_cast<size_t>(n) : 0, '\0');
+    if (n > 0) WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
+    return out;
+}
+
+std::string upper(std::string text) {
+    for (char& c : text)
+        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
+    return text;
+}
+
+// "type;flags;mask;sid" for each ACE, separated by blanks.
+std::string ace_list(PACL dacl) {
+    std::string out;
+    ACL_SIZE_INFORMATION info{};
+    if (dacl == nullptr || !GetAclInformation(dacl, &info, sizeof(info), AclSizeInformation)) return out;
+    for (DWORD i = 0; i < info.AceCount; ++i) {
+        void* raw = nullptr;
+        if (!GetAce(dacl, i, &raw)) break;
+        const auto* ace = static_cast<const ACCESS_ALLOWED_ACE*>(raw);
+        char* sid_text = nullptr;
+        std::string sid = "?";
+        if (ConvertSidToStringSidA(const_cast<DWORD*>(&ace->SidStart), &sid_text)) {
+            sid = sid_text;
+            LocalFree(sid_text);
+        }
+        const BYTE type = ace->Header.AceType;
+        char text[128];
+        snprintf(text, sizeof(text), "%s;0x%02X;0x%08X;", type == ACCESS_ALLOWED_ACE_TYPE ? "A" : type == ACCESS_DENIED_ACE_TYPE ? "D" : "?",
+                 static_cast<unsigned>(ace->Header.AceFlags), static_cast<unsigned>(ace->Mask));
+        if (!out.empty()) out += ' ';
+        out += text + sid;
+    }
+    return out;
+}
+
+// Keeps each object's DACL as SDDL and journals every write.
+class recorder : public object_security {
+public:
+    explicit recorder(std::string journal) : journal_(std::move(journal)) { load(); }
+
+    DWORD get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
+        DWORD err = 0;
+        if (read("file", utf8_of(path), dacl, descriptor, err)) return err;
+        return object_security::get_file_dacl(path, dacl, descriptor);
+    }
+    DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
+        // As the system: only an existing file or folder takes a DACL.
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
+        return record("file", utf8_of(path), dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
+    }
+    DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
+        if (!mcl::mswin::service::is_service_installed(name.c_str())) return ERROR_SERVICE_DOES_NOT_EXIST;
+        DWORD err = 0;
+        if (read("service", name, dacl, descriptor, err)) return err;
+        return object_security::get_service_dacl(name, dacl, descriptor);
+    }
+    bool set_service_dacl(const std::string& name, PACL dacl) override {
+        if (!service_exists("object_security::set_service_dacl", name)) return false;
+        return record("service", name, dacl, /*protect=*/true);
+    }
+    bool set_service_sddl(const std::string& name, const char* sddl) override {
+        if (!service_exists("object_security::set_service_sddl", name)) return false;
+        unique_local sd;
+        PACL dacl = nullptr;
+        BOOL present = FALSE, defaulted = FALSE;
+        if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr) ||
+            !GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted))
+            return false;
+        return record("service", name, dacl, /*protect=*/false);
+    }
+
+private:
+    static bool service_exists(const char* fn, const std::string& name) {
+        if (mcl::mswin::service::is_service_installed(name.c_str())) return true;
+        NV_LOG(fn, "OpenServiceA failed (%d)\n", static_cast<int>(ERROR_SERVICE_DOES_NOT_EXIST));
+        return false;
+    }
+
+    static std::string key(const char* kind, const std::string& object) { return std::string(kind) + "\t" + upper(object); }
+
+    void load() {
+        FILE* f = fopen(journal_.c_str(), "rb");
+        if (f == nullptr) return;
+        char line[8192];
+        while (fgets(line, sizeof(line), f) != nullptr) {
+            std::string text(line);
+            while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+            const size_t a = text.find('\t');
+            const size_t b = a == std::string::npos ? a : text.find('\t', a + 1);
+            if (b == std::string::npos) continue;
+            const size_t c = text.find('\t', b + 1);
+            dacls_[key(text.substr(0, a).c_str(), text.substr(a + 1, b - a - 1))] =
+                text.substr(b + 1, c == std::string::npos ? std::string::npos : c - b - 1);
+        }
+        fclose(f);
+    }
+
+    bool read(const char* kind, const std::string& object, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor, DWORD& err) {
+        mcl::scoped_lock guard(lock_);
+        auto it = dacls_.find(key(kind, object));
+        if (it == dacls_.end()) return false;
+        unique_local sd;
+        BOOL present = FALSE, defaulted = FALSE;
+        PACL found = nullptr;
+        if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(it->second.c_str(), SDDL_REVISION_1, sd.put(), nullptr) ||
+            !GetSecurityDescriptorDacl(sd.get(), &present, &found, &defaulted)) {
+            err = GetLastError();
+            return true;
+        }
+        *dacl = found;
+        *descriptor = sd.release();
+        err = ERROR_SUCCESS;
+        return true;
+    }
+
+    bool record(const char* kind, const std::string& object, PACL dacl, bool protect) {
+        SECURITY_DESCRIPTOR sd{};
+        char* text = nullptr;
+        if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
+            !SetSecurityDescriptorDacl(&sd, TRUE, dacl, FALSE) ||
+            !SetSecurityDescriptorControl(&sd, SE_DACL_PROTECTED, protect ? SE_DACL_PROTECTED : 0) ||
+            !ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
+                                                                  nullptr))
+            return false;
+        const std::string sddl = text;
+        LocalFree(text);
+        mcl::scoped_lock guard(lock_);
+        dacls_[key(kind, object)] = sddl;
+        const std::string line = std::string(kind) + "\t" + object + "\t" + sddl + "\t" + ace_list(dacl) + "\n";
+        FILE* f = fopen(journal_.c_str(), "ab");
+        if (f == nullptr) return false;
+        const bool ok = fwrite(line.data(), 1, line.size(), f) == line.size();
+        return fclose(f) == 0 && ok;
+    }
+
+    std::string journal_;
+    mcl::lock lock_;
+    std::map<std::string, std::string> dacls_;  // kind TAB upper-cased object -> SDDL
+};
+
+object_security* choose() {
+    mcl::binary_t value;
+    if (mcl::mswin::reg::read_value(object_security::selector_key, object_security::selector_value, value) &&
+        value.size() > 1) {
+        std::string journal(reinterpret_cast<const char*>(value.data()), value.size());
+        journal.resize(strnlen(journal.c_str(), journal.size()));
+        NV_LOG("object_security::current", "Object security is recorded to %s", journal.c_str());
+        return new recorder(journal);
+    }
+    return new object_security();
+}
+
+}  // namespace
+
+DWORD object_security::get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
+    return GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr,
+                                 descriptor);
+}
+
+DWORD object_security::set_file_dacl(const std::wstring& path, PACL dacl, bool protect) {
+    const SECURITY_INFORMATION info = DACL_SECURITY_INFORMATION |
+                                      (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
+    return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, info, nullptr, nullptr, dacl, nullptr);
+}
+
+DWORD object_security::get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
+    return GetNamedSecurityInfoA(name.c_str(), SE_SERVICE, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr,
+                                 descriptor);
+}
+
+bool object_security::set_service_dacl(const std::string& name, PACL dacl) {
+    return mcl::mswin::service::set_dacl(name.c_str(), dacl);
+}
+
+bool object_security::set_service_sddl(const std::string& name, const char* sddl) {
+    return mcl::mswin::service::set_dacl_str(name.c_str(), sddl);
+}
+
+object_security& object_security::current() {
+    // Built once, never destroyed: threads may still ask while the process ends.
+    static object_security* const chosen = choose();
+    return *chosen;
+}

@@ -1,0 +1,38 @@
+// The DACLs of files, folders and services: the one place where the service reads and writes
+// their security. Registry keys are not here (mcl::mswin::reg handles their security).
+//
+// Windows stores and enforces these DACLs. A test run that cannot observe them selects a
+// recorder instead by naming a journal file in the value "ObjectSecurityJournal" under
+// HKLM\Software\Norvale\NVClientHelper before the service starts: the recorder keeps the DACL
+// each write gave to each object, answers reads with it and appends one line per write to the
+// journal (see object_security.cpp for the line format). Only an administrator can write that
+// value, and an administrator can change these DACLs directly anyway.
+#pragma once
+
+#include <windows.h>
+
+#include <string>
+
+class object_security {
+public:
+    static constexpr const char* selector_key = "Software\\Norvale\\NVClientHelper";
+    static constexpr const char* selector_value = "ObjectSecurityJournal";
+
+    virtual ~object_security() = default;
+
+    // The DACL of a file or folder (GetNamedSecurityInfoW). The Win32 code; on success
+    // *descriptor is LocalAlloc'd (the caller frees it with LocalFree) and *dacl points into it.
+    virtual DWORD get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
+    // SetNamedSecurityInfoW with the DACL, marked protected (nothing inherited from the parent) or
+    // unprotected (the parent's inheritable ACEs apply again). The Win32 code.
+    virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect);
+    // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE), as get_file_dacl.
+    virtual DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
+    // Replace a service's DACL (protected); the service wrapper's helpers, which log failures.
+    virtual bool set_service_dacl(const std::string& name, PACL dacl);
+    virtual bool set_service_sddl(const std::string& name, const char* sddl);
+
+    // The implementation in use, chosen on the first call: Windows', or the recorder when the
+    // selector value names a journal file. Any thread.
+    static object_security& current();
+};

@@ -1,0 +1,308 @@
+// Protected process images and their folders: the image rule and the folder rule in the driver,
+// the folder's DACL, and the requests that protect, unprotect and list images.
+#include <windows.h>
+
+#include <sddl.h>
+#include <shlwapi.h>
+
+#include <cwctype>
+
+#include "app/log.h"
+#include "mcl/encoding.h"
+#include "mcl/mswin/unique_handle.h"
+#include "service/driver_protocol.h"
+#include "service/helper_service.h"
+#include "service/object_security.h"
+
+namespace {
+
+using mcl::mswin::unique_heap;
+using mcl::mswin::unique_local;
+
+constexpr DWORD folder_ace_flags = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
+constexpr DWORD folder_full_access = 0x101F01FF;
+constexpr DWORD folder_other_access = 0xA01200A9;  // read and execute
+constexpr size_t max_image_path = MAX_PATH;
+
+// The driver and the folder rewrite need a folder below a drive root: "X:\name...".
+bool is_protectable_folder(const std::wstring& folder) {
+    return folder.size() > 3 && folder.size() <= max_image_path && std::iswalpha(folder[0]) && folder[1] == L':' &&
+           folder[2] == L'\\';
+}
+
+struct own_sid {
+    PSID sid = nullptr;
+    ~own_sid() {
+        if (sid != nullptr) LocalFree(sid);
+    }
+};
+
+}  // namespace
+
+std::wstring chelperservice::image_folder_of(const std::wstring& imagePath) {
+    std::wstring s = imagePath.substr(0, max_image_path);
+    const size_t drive = s.find(L":\\");
+    if (drive != std::wstring::npos && drive > 0) {
+        s = s.substr(drive - 1);
+    } else if (!s.empty() && s[0] == L'"') {
+        const size_t close = s.find(L'"', 1);
+        s = s.substr(1, close == std::wstring::npos ? std::wstring::npos : close - 1);
+    }
+    const size_t last = s.rfind(L'\\');
+    if (last != std::wstring::npos) s.resize(last);
+    return s;
+}
+
+std::vector<PSID> chelperservice::folder_sids(const std::wstring& folder, PSID ownSid) {
+    std::vector<PSID> sids{ownSid};
+    for (const auto& entry : protected_services_) {
+        const service_record& svc = entry.second;
+        if (svc.name == mcl::mswin::service::default_name || svc.imagePath.empty()) continue;
+        if (StrStrIW(svc.imagePath.c_str(), folder.c_str()) == nullptr) continue;
+        PSID sid = nullptr;
+        if (!mcl::mswin::service::get_sid(svc.name.c_str(), &sid)) continue;
+        if (EqualSid(sid, ownSid)) {
+            LocalFree(sid);
+            continue;
+        }
+        sids.push_back(sid);
+    }
+    return sids;
+}
+
+bool chelperservice::protectProcess(const std::wstring& imagePath, PSID ownSid, process_record& record) {
+    constexpr const char* fn = "chelperservice::protectProcess";
+    NV_LOG(fn, "Trying to protect process (%ls)\n", imagePath.c_str());
+    if (!process_protection_enabled_) {
+        NV_LOG(fn, "Process protection function is disabled\n");
+        return false;
+    }
+    std::wstring folder = image_folder_of(imagePath);
+    if (imagePath.size() > max_image_path || !is_protectable_folder(folder)) {
+        NV_LOG(fn, "Process image refused: it needs a folder below a drive root (X:\\folder), at most %d characters (%ls)",
+               static_cast<int>(max_image_path), imagePath.c_str());
+        return false;
+    }
+    folder_record* existing = nullptr;
+    for (auto& entry : protected_folders_) {
+        if (_wcsicmp(entry.second.folder.c_str(), folder.c_str()) == 0) {
+            folder = entry.second.folder;
+            existing = &entry.second;
+            break;
+        }
+    }
+    record.folder = folder;
+    folder_record fresh{std::string(), folder, 0};
+    folder_record& target = existing != nullptr ? *existing : fresh;
+
+    std::vector<PSID> sids = folder_sids(folder, ownSid);
+    struct sid_list_guard {
+        std::vector<PSID>& sids;
+        ~sid_list_guard() {
+            for (size_t i = 1; i < sids.size(); ++i) LocalFree(sids[i]);
+        }
+    } guard{sids};
+
+    driver_port port = openDriverPort();
+    if (!port) return false;
+    drvProtectProcess(port.get(), imagePath, /*remove=*/false);
+    if (existing != nullptr) drvEnableFeature(port.get(), vqr::code::feature_folder_protection, false);
+    (void)setPathPermissions(folder, sids, nullptr, /*denyOthers=*/false);
+
+    PACL dacl = nullptr;
+    unique_local descriptor;
+    const DWORD err = object_security::current().get_file_dacl(folder, &dacl, descriptor.put());
+    if (err != ERROR_SUCCESS) {
+        NV_LOG(fn, "GetNamedSecurityInfoW failed(%ls, %d)\n", folder.c_str(), static_cast<int>(err));
+    } else {
+        char* text = nullptr;
+        if (ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor.get(), SDDL_REVISION_1,
+                                                                 DACL_SECURITY_INFORMATION, &text, nullptr)) {
+            target.sddl = text;
+            LocalFree(text);
+        } else {
+            NV_LOG(fn, "ConvertSecurityDescriptorToStringSecurityDescriptor failed on path %ls (%d)\n", folder.c_str(),
+                   static_cast<int>(GetLastError()));
+        }
+    }
+    drvEnableFeature(port.get(), vqr::code::feature_folder_protection, true);
+    drvProtectFolder(port.get(), folder, /*remove=*/false, /*block=*/false);
+    if (++target.refCount == 1) protected_folders_[folder] = target;
+    return true;
+}
+
+bool chelperservice::setPathPermissions(const std::wstring& path, const std::vector<PSID>& sids, char** originalSddl,
+                                        bool denyOthers) {
+    constexpr const char* fn = "chelperservice::setPathPermissions";
+    if (sids.empty()) return false;
+    NV_LOG(fn, "Updating permissions of folder (%ls)\n", path.c_str());
+    PACL old_dacl = nullptr;
+    unique_local descriptor;
+    const DWORD err = object_security::current().get_file_dacl(path, &old_dacl, descriptor.put());
+    if (err != ERROR_SUCCESS) {
+        NV_LOG(fn, "GetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
+        return false;
+    }
+    if (originalSddl != nullptr) {
+        if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor.get(), SDDL_REVISION_1,
+                                                                  DACL_SECURITY_INFORMATION, originalSddl, nullptr)) {
+            NV_LOG(fn, "ConvertSecurityDescriptorToStringSecurityDescriptor failed on path %ls (%d)\n", path.c_str(),
+                   static_cast<int>(GetLastError()));
+            return false;
+        }
+        NV_LOG(fn, "folder %ls's original DACL SD String:\n%s", path.c_str(), *originalSddl);
+    }
+    PACL raw_new = nullptr;
+    if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(
+            old_dacl, sids, folder_ace_flags, folder_full_access, denyOthers ? 0 : folder_other_access, &raw_new)) {
+        NV_LOG(fn, "Failed to generate the new dacl\n");
+        return false;
+    }
+    unique_heap new_dacl(raw_new);
+    const DWORD set_err = object_security::current().set_file_dacl(path, raw_new, /*protect=*/true);
+    if (set_err != ERROR_SUCCESS) {
+        NV_LOG(fn, "SetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(set_err));
+        return false;
+    }
+    return true;
+}
+
+bool chelperservice::restorePathPermissions(const std::wstring& path, const char* sddl) {
+    constexpr const char* fn = "chelperservice::restorePathPermissions";
+    NV_LOG(fn, "Restoring permissions of folder (%ls)\n", path.c_str());
+    unique_local descriptor;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, descriptor.put(), nullptr)) {
+        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    BOOL present = FALSE, defaulted = FALSE;
+    PACL dacl = nullptr;
+    if (!GetSecurityDescriptorDacl(descriptor.get(), &present, &dacl, &defaulted)) {
+        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    const DWORD err = object_security::current().set_file_dacl(path, dacl, /*protect=*/false);
+    if (err != ERROR_SUCCESS) {
+        NV_LOG(fn, "SetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
+        return false;
+    }
+    return true;
+}
+
+bool chelperservice::unprotectProcess(const process_record& record, bool force) {
+    constexpr const char* fn = "chelperservice::unprotectProcess";
+    NV_LOG(fn, "Trying to unprotect process (%ls)\n", record.imagePath.c_str());
+    driver_port port = openDriverPort();
+    if (!port) {
+        if (!force) return false;
+        NV_LOG(fn, "Failed to connect driver,  reset the folder permissions (%ls)\n", record.folder.c_str());
+        (void)restorePathPermissions(record.folder, default_folder_sddl);
+        protected_folders_.erase(record.folder);
+        return true;
+    }
+    drvProtectProcess(port.get(), record.imagePath, /*remove=*/true);
+    auto it = protected_folders_.find(record.folder);
+    if (it != protected_folders_.end() && --it->second.refCount == 0) {
+        drvProtectFolder(port.get(), record.folder, /*remove=*/true, /*block=*/false);
+        (void)restorePathPermissions(record.folder, default_folder_sddl);
+        protected_folders_.erase(it);
+    }
+    return true;
+}
+
+bool chelperservice::handle_protect_processes(const std::vector<process_rule>& rules) {
+    constexpr const char* fn = "chelperservice::handle_protect_processes";
+    if (rules.empty()) {
+        NV_LOG(fn, "No process set to (un)protect.");
+        return true;
+    }
+    own_sid own;
+    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own.sid)) {
+        NV_LOG(fn, "Unable to get halvern service's SID.");
+        return true;
+    }
+    if (rules.front().imagePath.empty()) {
+        if (!rules.front().protect) stopProtectingProcess();
+        return true;
+    }
+    bool result = true;
+    for (const process_rule& rule : rules) {
+        if (rule.imagePath.empty()) continue;
+        auto it = protected_processes_.find(rule.imagePath);
+        if (!rule.protect) {
+            if (it == protected_processes_.end()) continue;
+            if (!unprotectProcess(it->second, /*force=*/false)) {
+                result = false;
+                continue;
+            }
+            NV_LOG(fn, "Process %ls has been unprotected.", rule.imagePath.c_str());
+            protected_processes_.erase(it);
+        } else if (it == protected_processes_.end()) {
+            process_record record{rule.imagePath, std::wstring()};
+            if (!protectProcess(rule.imagePath, own.sid, record)) {
+                result = false;
+                continue;
+            }
+            protected_processes_[rule.imagePath] = record;
+            NV_LOG(fn, "Process %ls has been protected.", rule.imagePath.c_str());
+        }
+    }
+    return result;
+}
+
+void chelperservice::stopProtectingProcess() {
+    {
+        driver_port port = openDriverPort();
+        if (port) {
+            drvProtectProcess(port.get(), std::wstring(), /*remove=*/true);
+            drvProtectFolder(port.get(), std::wstring(), /*remove=*/true, /*block=*/false);
+        }
+    }
+    detachAllVolumes();
+    restoreProtectedFolders();
+    protected_processes_.clear();
+    protected_folders_.clear();
+}
+
+void chelperservice::restoreProtectedFolders() {
+    for (const auto& entry : protected_folders_) (void)restorePathPermissions(entry.second.folder, default_folder_sddl);
+}
+
+void chelperservice::restoreFolder(const std::wstring& path) { (void)restorePathPermissions(path, default_folder_sddl); }
+
+namespace {
+
+bool read_process_rule(chelperservice::process_rule& rule, const mcl::binary_t& in, uint32_t& pos) {
+    return mcl::read_bool(rule.protect, in, pos) && mcl::read_wstring(rule.imagePath, in, pos);
+}
+
+}  // namespace
+
+void chelperservice::protect_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
+    std::vector<process_rule> rules;
+    uint32_t pos = 0;
+    bool ok = false;
+    if (!mcl::read_list(rules, payload, pos, read_process_rule)) {
+        NV_LOG("chelperservice::protect_processes", "Malformed process rule list (%d bytes): nothing applied",
+               static_cast<int>(payload.size()));
+    } else {
+        ok = handle_protect_processes(rules);
+    }
+    payload.clear();
+    mcl::write_status(payload, ok, "");
+}
+
+void chelperservice::query_protected_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
+    payload.clear();
+    uint32_t count = 0;
+    for (const auto& entry : protected_processes_) count += entry.first.empty() ? 0 : 1;
+    mcl::write_u32(payload, count);
+    for (const auto& entry : protected_processes_) {
+        if (entry.first.empty()) continue;
+        auto folder = protected_folders_.find(entry.second.folder);
+        mcl::write_byte(payload, 1);
+        mcl::write_string(payload, folder == protected_folders_.end() ? std::string() : folder->second.sddl);
+        mcl::write_wstring(payload, entry.second.imagePath);
+        mcl::write_wstring(payload, entry.second.folder);
+    }
+}
