@@ -1,10 +1,10 @@
-# nv_gtest(<name> SOURCES <files...> [LIBS <libs...>] [LOCK <resource>] [TIMEOUT <s>])
+# nv_gtest(<name> SOURCES <files...> [LIBS <libs...>] [LOCK <resources...>] [TIMEOUT <s>])
 #
 # A GoogleTest executable and its ctest entry. Windows builds run it under Wine in the
 # prefix that the wine_prefix fixture prepares; LOCK serialises tests that share named
 # objects or the service control manager.
 function(nv_gtest name)
-  cmake_parse_arguments(T "" "LOCK;TIMEOUT" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(T "" "TIMEOUT" "SOURCES;LIBS;LOCK" ${ARGN})
   add_executable(${name} ${T_SOURCES})
   if(WIN32)
     target_link_libraries(${name} PRIVATE nv_windows gtest_main gmock ${T_LIBS})
@@ -18,20 +18,20 @@ endfunction()
 
 # nv_script_test(<name> <script> [args...]): a shell test that drives the Windows binaries.
 function(nv_script_test name script)
-  cmake_parse_arguments(T "" "LOCK;TIMEOUT" "ARGS" ${ARGN})
+  cmake_parse_arguments(T "" "TIMEOUT" "ARGS;LOCK" ${ARGN})
   add_test(NAME ${name} COMMAND bash ${script} ${T_ARGS})
   nv_test_properties(${name} LOCK "${T_LOCK}" TIMEOUT "${T_TIMEOUT}")
 endfunction()
 
 function(nv_test_properties name)
-  cmake_parse_arguments(T "" "LOCK;TIMEOUT" "" ${ARGN})
+  cmake_parse_arguments(T "" "TIMEOUT" "LOCK" ${ARGN})
   if(WIN32)
     set_tests_properties(${name} PROPERTIES
       FIXTURES_REQUIRED wine_prefix
       ENVIRONMENT "${NV_WINE_ENV}")
   endif()
   if(T_LOCK)
-    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK ${T_LOCK})
+    set_tests_properties(${name} PROPERTIES RESOURCE_LOCK "${T_LOCK}")
   endif()
   if(T_TIMEOUT)
     set_tests_properties(${name} PROPERTIES TIMEOUT ${T_TIMEOUT})

@@ -2,11 +2,13 @@
 // messages, and the volumes the filter has been attached to.
 #include <windows.h>
 
-#include <cwctype>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
 #include "app/log.h"
+#include "mcl/encoding.h"
+#include "mcl/mswin/reg.h"
 #include "service/driver_protocol.h"
 #include "service/filter_library.h"
 #include "service/helper_service.h"
@@ -33,9 +35,99 @@ void send_message(HANDLE port, std::vector<uint8_t>& message, const char* functi
            chelperservice::driver_error_text(hr).c_str());
 }
 
-bool has_drive_prefix(const std::wstring& path) {
-    return path.size() >= 3 && std::iswalpha(path[0]) && path[1] == L':' && path[2] == L'\\';
+template <typename Char>
+bool has_drive_prefix(const std::basic_string<Char>& path) {
+    const Char c = path.size() >= 3 ? path[0] : Char('?');
+    const bool letter = (c >= Char('A') && c <= Char('Z')) || (c >= Char('a') && c <= Char('z'));
+    return letter && path[1] == Char(':') && path[2] == Char('\\');
 }
+
+void log_refused_path(const char* function, const std::wstring& path) {
+    NV_LOG(function, "Path refused for the driver (needs a drive letter, colon and backslash, at most %d characters): %ls",
+           static_cast<int>(max_driver_path), path.c_str());
+}
+
+// The narrow device form, as the trusted applications take it: QueryDosDeviceA of the drive,
+// then the rest of the path. False, with a log line, for a path without a drive letter, colon
+// and backslash, or too long.
+bool to_device_path_narrow(const std::string& path, std::string& device) {
+    constexpr const char* fn = "chelperservice::to_device_path";
+    if (!has_drive_prefix(path) || path.size() > max_driver_path) {
+        log_refused_path(fn, std::wstring(path.begin(), path.end()));
+        return false;
+    }
+    const std::string drive = path.substr(0, 2);
+    char target[MAX_PATH + 1] = {};
+    std::string volume;
+    if (QueryDosDeviceA(drive.c_str(), target, MAX_PATH) != 0) {
+        volume = target;
+    } else {
+        NV_LOG(fn, "fail to get device name: error: %d", static_cast<int>(GetLastError()));
+        volume = drive;
+    }
+    device = volume + "\\" + path.substr(3);
+    return true;
+}
+
+// The driver takes the trusted-application and service-manager paths as UTF-8.
+std::wstring from_utf8(const std::string& text) {
+    const int n = MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, nullptr, 0);
+    if (n <= 1) return std::wstring();
+    std::wstring wide(static_cast<size_t>(n), L'\0');
+    MultiByteToWideChar(CP_UTF8, 0, text.c_str(), -1, &wide[0], n);
+    wide.resize(static_cast<size_t>(n) - 1);
+    return wide;
+}
+
+// Whether the system is at least version major.minor (service pack 0), as VerifyVersionInfoW
+// answers it.
+bool system_at_least(DWORD major, DWORD minor) {
+    OSVERSIONINFOEXW want{};
+    want.dwOSVersionInfoSize = sizeof(want);
+    want.dwMajorVersion = major;
+    want.dwMinorVersion = minor;
+    want.wServicePackMajor = 0;
+    DWORDLONG mask = VerSetConditionMask(0, VER_MAJORVERSION, VER_GREATER_EQUAL);
+    mask = VerSetConditionMask(mask, VER_MINORVERSION, VER_GREATER_EQUAL);
+    mask = VerSetConditionMask(mask, VER_SERVICEPACKMAJOR, VER_GREATER_EQUAL);
+    return VerifyVersionInfoW(&want, VER_MAJORVERSION | VER_MINORVERSION | VER_SERVICEPACKMAJOR, mask) != FALSE;
+}
+
+// FilterAttach and FilterDetach need SeLoadDriverPrivilege enabled in the caller's token; the
+// service's token holds it disabled. Enabled for the call and put back as it was afterwards.
+class load_driver_privilege {
+public:
+    load_driver_privilege() {
+        HANDLE token = nullptr;
+        if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) {
+            NV_LOG("chelperservice::load_driver_privilege", "OpenProcessToken error: %d", static_cast<int>(GetLastError()));
+            return;
+        }
+        token_.reset(token);
+        TOKEN_PRIVILEGES want{};
+        want.PrivilegeCount = 1;
+        want.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
+        if (!LookupPrivilegeValueW(nullptr, L"SeLoadDriverPrivilege", &want.Privileges[0].Luid)) return;
+        DWORD size = sizeof(previous_);
+        if (!AdjustTokenPrivileges(token_.get(), FALSE, &want, sizeof(want), &previous_, &size) ||
+            GetLastError() == ERROR_NOT_ALL_ASSIGNED) {
+            NV_LOG("chelperservice::load_driver_privilege", "Could not enable SeLoadDriverPrivilege: %d",
+                   static_cast<int>(GetLastError()));
+            return;
+        }
+        adjusted_ = true;
+    }
+    ~load_driver_privilege() {
+        if (adjusted_) AdjustTokenPrivileges(token_.get(), FALSE, &previous_, 0, nullptr, nullptr);
+    }
+    load_driver_privilege(const load_driver_privilege&) = delete;
+    load_driver_privilege& operator=(const load_driver_privilege&) = delete;
+
+private:
+    mcl::mswin::unique_kernel_handle token_;
+    TOKEN_PRIVILEGES previous_{};
+    bool adjusted_ = false;
+};
 
 }  // namespace
 
@@ -116,8 +208,7 @@ void chelperservice::drvProtectFolder(HANDLE port, const std::wstring& path, boo
 bool chelperservice::to_device_path(const std::wstring& path, bool attach, std::wstring& device) {
     constexpr const char* fn = "chelperservice::to_device_path";
     if (!has_drive_prefix(path) || path.size() > max_driver_path) {
-        NV_LOG(fn, "Path refused for the driver (needs a drive letter, colon and backslash, at most %d characters): %ls",
-               static_cast<int>(max_driver_path), path.c_str());
+        log_refused_path(fn, path);
         return false;
     }
     const std::wstring drive = path.substr(0, 2);
@@ -138,6 +229,7 @@ void chelperservice::attachVolume(const std::wstring& volume) {
     if (attached_volumes_.count(volume) != 0) return;
     const filter_library::entry_points& lib = filter_library::get();
     wchar_t instance[256] = {};  // 512 bytes
+    load_driver_privilege privilege;
     if (lib.attach != nullptr) (void)lib.attach(vqr::filter_name, volume.c_str(), nullptr, sizeof(instance), instance);
     // The volume counts as attached whatever the outcome: a failed attach is not retried.
     attached_volumes_[volume] = instance;
@@ -145,6 +237,7 @@ void chelperservice::attachVolume(const std::wstring& volume) {
 
 void chelperservice::detachFilter(const std::wstring& volume) {
     const filter_library::entry_points& lib = filter_library::get();
+    load_driver_privilege privilege;
     const HRESULT hr = lib.detach == nullptr ? missing_export() : lib.detach(vqr::filter_name, volume.c_str(), nullptr);
     if (FAILED(hr))
         NV_LOG("chelperservice::detachFilter", " Could not detach from device %ls: %d - %ls", volume.c_str(),
@@ -154,4 +247,91 @@ void chelperservice::detachFilter(const std::wstring& volume) {
 void chelperservice::detachAllVolumes() {
     for (const auto& entry : attached_volumes_) detachFilter(entry.first);
     attached_volumes_.clear();
+}
+
+void chelperservice::loadTrustedOpenApp(const std::string& path) {
+    (void)mcl::mswin::reg::write_dword(trusted_apps_key, path.c_str(), 1);
+    const driver_port port = openDriverPort();
+    if (port) drvSendCommand(port.get(), vqr::code::trusted_app, from_utf8(path));
+}
+
+void chelperservice::setSvcMgrPath2Driver(const std::string& path) {
+    (void)mcl::mswin::reg::write_string(driver_config_key, svc_mgr_path_value, path);
+    const driver_port port = openDriverPort();
+    if (port) drvSendCommand(port.get(), vqr::code::svcmgr_path, from_utf8(path));
+}
+
+void chelperservice::loadTrustedOpenApps() {
+    constexpr const char* fn = "chelperservice::loadTrustedOpenApps";
+    char system_dir[MAX_PATH + 1] = {};
+    const UINT n = GetSystemDirectoryA(system_dir, sizeof(system_dir));
+    if (n == 0 || n >= sizeof(system_dir)) {
+        NV_LOG(fn, "Failed to get system folder, error: %d", static_cast<int>(n == 0 ? GetLastError() : ERROR_BUFFER_OVERFLOW));
+        return;
+    }
+    std::string directory;
+    if (!to_device_path_narrow(std::string(system_dir, n), directory)) return;
+    if (directory.empty() || directory.back() != '\\') directory += '\\';
+    for (const char* name : {"csrss.exe", "lsass.exe", "svchost.exe"}) loadTrustedOpenApp(directory + name);
+    // Only Windows 8 and Server 2012 need to be told the service manager's image.
+    if (system_at_least(6, 2) && !system_at_least(6, 3)) {
+        NV_LOG(fn, "Windows 8 / Server 2012 detected, set service manager path.");
+        setSvcMgrPath2Driver(directory + "services.exe");
+    }
+}
+
+void chelperservice::skipFirstServiceManagerOpen() {
+    const driver_port port = openDriverPort();
+    if (port) drvSkipProcessFirstSvcMgrOpen(port.get());
+}
+
+void chelperservice::enableDriverFeatures(bool on) {
+    const driver_port port = openDriverPort();
+    if (!port) return;
+    for (const uint32_t feature : {vqr::code::feature_process_protection, vqr::code::feature_folder_protection,
+                                   vqr::code::feature_registry_protection})
+        drvEnableFeature(port.get(), feature, on);
+}
+
+void chelperservice::setProtectionEnabled(bool on) {
+    if (service_protection_enabled_ == on && process_protection_enabled_ == on && regkey_protection_enabled_ == on)
+        return;
+    service_protection_enabled_ = on;
+    process_protection_enabled_ = on;
+    regkey_protection_enabled_ = on;
+    enableDriverFeatures(on);
+    if (on) {
+        startEnforcement();
+        return;
+    }
+    // Registry-key rules stay; only feature 11 went off with the others.
+    removeAllServiceAndProcessRules();
+    stopEnforcement();
+}
+
+void chelperservice::setDriverProtection(bool on) {
+    const driver_port port = openDriverPort();
+    if (!port) return;
+    drvEnableFeature(port.get(), vqr::code::feature_process_protection, on);
+    drvEnableFeature(port.get(), vqr::code::feature_folder_protection, on);
+    drvEnableFeature(port.get(), vqr::code::feature_registry_protection, regkey_protection_enabled_);
+}
+
+void chelperservice::disable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
+    setDriverProtection(/*on=*/false);
+    payload.clear();
+    mcl::write_status(payload, true, "");
+}
+
+void chelperservice::enable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
+    setDriverProtection(/*on=*/true);
+    payload.clear();
+    mcl::write_status(payload, true, "");
+}
+
+void chelperservice::set_protection_enabled(mcl::ipc_connection*, mcl::binary_t& payload) {
+    const bool has_byte = payload.size() >= 1;
+    if (has_byte) setProtectionEnabled(payload.data()[0] != 0);
+    payload.clear();
+    mcl::write_status(payload, has_byte, "");
 }

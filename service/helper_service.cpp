@@ -20,12 +20,6 @@ bool is_windows8_or_later() {
 
 chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_name, &handler_), handler_(this) {}
 
-void chelperservice::setProtectionEnabled(bool on) {
-    service_protection_enabled_ = on;
-    process_protection_enabled_ = on;
-    regkey_protection_enabled_ = on;
-}
-
 void chelperservice::main(int, char**) {
     // Another instance holds the name (or it may not be opened): only the shutdown runs.
     if (instance_mutex_.create(instance_mutex_name, /*inherit=*/nullptr) != -2) {

@@ -51,7 +51,10 @@ public:
     // The accept loop: one listening pipe pair always waits for the next client; serves until
     // the stop event is set, then resets it and closes every connection. Service thread.
     void listen() override;
-    // Switches service, process/folder and registry protection on or off.
+    // The master switch: sets the service, process/folder and registry protection switches
+    // together and the driver's features 0, 6 and 11 with them; nothing when all three already
+    // equal `on`. Off also lifts every service and process rule and stops the enforcement.
+    // Service thread or IPC event thread (service/driver_port.cpp).
     void setProtectionEnabled(bool on);
 
     helper_msg_handler& msg_handler() { return handler_; }
@@ -95,6 +98,20 @@ public:
     // The device form of a drive-letter path (C:\A -> \Device\HarddiskVolume1\A); false, with a
     // log line, for a path without "X:\" or over 260 characters. Attaches the volume when `attach`.
     bool to_device_path(const std::wstring& path, bool attach, std::wstring& device);
+    // The driver's own service key (HKLM) and what the service writes there for the driver.
+    static constexpr const char* driver_config_key = "system\\CurrentControlSet\\Services\\VQRMonitor";
+    static constexpr const char* trusted_apps_key = "system\\CurrentControlSet\\Services\\VQRMonitor\\TrustedOpenApps";
+    static constexpr const char* svc_mgr_path_value = "SvcMgrPath";
+    // Writes REG_DWORD 1 named `path` under trusted_apps_key (outcome not checked), then sends
+    // code 3 with `path` (device form, UTF-8) on a connection of its own.
+    static void loadTrustedOpenApp(const std::string& path);
+    // Writes REG_SZ SvcMgrPath = `path` in driver_config_key, then sends code 15 with it.
+    static void setSvcMgrPath2Driver(const std::string& path);
+    // Request handlers: 0x1000006 (features 0 and 6 off), 0x1000007 (on), feature 11 following
+    // the registry protection switch; 0x1000008 (byte on: setProtectionEnabled). IPC event thread.
+    void disable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void enable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    void set_protection_enabled(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
 
@@ -243,6 +260,12 @@ private:
 
     // Driver command port state.
     void attachVolume(const std::wstring& volume);
+    // Features 0 and 6 to `on`, feature 11 to the registry protection switch (0x1000006/7).
+    void setDriverProtection(bool on);
+    // Switching protection off: every protected service with its image rule, then every process
+    // image and folder rule, go (the protection managers provide it; service/pending_steps.cpp
+    // until then).
+    void removeAllServiceAndProcessRules();
     // Volume device name (or "X:" when it has none) -> instance name FilterAttach gave.
     std::map<std::wstring, std::wstring> attached_volumes_;
 

@@ -12,13 +12,6 @@ void not_yet(const char* function, const char* what) {
 
 }  // namespace
 
-void chelperservice::skipFirstServiceManagerOpen() {
-    not_yet("chelperservice::skipFirstServiceManagerOpen", "chelperservice::drvSkipProcessFirstSvcMgrOpen");
-}
-void chelperservice::enableDriverFeatures(bool on) {
-    NV_LOG("chelperservice::enableDriverFeatures",
-           "chelperservice::drvEnableFeature 0, 6, 11 %s: not available in this build", on ? "on" : "off");
-}
 void chelperservice::enableIrpNotifications(bool on) {
     NV_LOG("chelperservice::enableIrpNotifications",
            "chelperservice::drvEnableFeature 16 %s: not available in this build", on ? "on" : "off");
@@ -32,8 +25,9 @@ void chelperservice::loadPersistedRules() {
     loadProtectedRegKeys();
     loadqQuarantineContainers();
 }
-void chelperservice::loadTrustedOpenApps() {
-    not_yet("chelperservice::loadTrustedOpenApps", "chelperservice::loadTrustedOpenApps");
+void chelperservice::removeAllServiceAndProcessRules() {
+    not_yet("chelperservice::removeAllServiceAndProcessRules",
+            "chelperservice::handle_protect_services / handle_protect_processes remove all");
 }
 void chelperservice::loadProtectedRegKeys() {
     not_yet("chelperservice::loadProtectedRegKeys", "chelperservice::loadProtectedRegKeys");

@@ -27,6 +27,9 @@ const request_route routes[] = {
     {msg::service_version, &chelperservice::service_version_query, "service version"},
 
     // Driver command port.
+    {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off"},
+    {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on"},
+    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch"},
 
     // Process and folder protection.
     {msg::protect_processes, &chelperservice::protect_processes, "protect processes"},

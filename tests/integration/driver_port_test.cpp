@@ -1,0 +1,295 @@
+// The service's driver command port against the driver stand-in: what the senders, the master
+// switch and the driver protection requests put on the wire, as the simulator journals it.
+// The service object runs in this process; the simulator is the one the test prefix runs.
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "mcl/encoding.h"
+#include "service/driver_protocol.h"
+#include "service/helper_service.h"
+#include "service/message_ids.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
+#include "tools/driver_sim/json_writer.h"
+
+namespace {
+
+std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
+    std::string out;
+    const DWORD code = nv_test::run("driver_ctl.exe", args, &out);
+    if (exit_code) *exit_code = code;
+    return out;
+}
+
+std::string json(const std::wstring& text) {
+    std::string out;
+    vqr::sim::append_json_string(out, text);
+    return out;
+}
+
+std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
+std::string feature_hex(uint32_t feature, bool on) { return hex(vqr::build_feature(feature, on)); }
+
+// The bytes of every journaled message, in arrival order.
+std::vector<std::string> journal_bytes() {
+    const std::string journal = ctl("journal");
+    std::vector<std::string> out;
+    const std::string key = "\"bytes\":\"";
+    for (size_t at = journal.find(key); at != std::string::npos; at = journal.find(key, at)) {
+        at += key.size();
+        out.push_back(journal.substr(at, journal.find('"', at) - at));
+    }
+    return out;
+}
+
+size_t count_of(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
+// A connection that is in no peer's list, for calling request handlers directly.
+mcl::share_ptr<mcl::ipc_connection> test_connection(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+
+std::wstring system_volume() {
+    wchar_t target[MAX_PATH + 1] = {};
+    return QueryDosDeviceW(L"C:", target, MAX_PATH) != 0 ? std::wstring(target) : std::wstring(L"C:");
+}
+
+// Every test starts from a freshly loaded driver with an empty journal and leaves the service
+// object with all switches on and no attached volume.
+class DriverPort : public ::testing::Test {
+protected:
+    void SetUp() override {
+        DWORD code = 0;
+        ctl("load");
+        ctl("reset", &code);
+        ASSERT_EQ(0u, code) << "driver simulator not running";
+    }
+    void TearDown() override {
+        ctl("load");
+        service().detachAllVolumes();
+        service().setProtectionEnabled(true);
+    }
+    static chelperservice& service() { return chelperservice::instance(); }
+};
+
+TEST_F(DriverPort, FoldersOnOneVolumeAttachItOnceAndTravelInDeviceForm) {
+    const std::wstring volume = system_volume();
+    nv_test::log_capture log;
+    {
+        const chelperservice::driver_port port = chelperservice::openDriverPort();
+        ASSERT_TRUE(port);
+        service().drvProtectFolder(port.get(), L"C:\\nv_one", /*remove=*/false, /*block=*/false);
+        service().drvProtectFolder(port.get(), L"C:\\nv_two\\sub", false, false);
+        service().drvProtectFolder(port.get(), L"C:\\", false, false);
+        service().drvProtectFolder(port.get(), L"C:\\nv_one", /*remove=*/true, false);
+        service().drvProtectFolder(port.get(), L"C:\\Q\\file.txt.0123456789ABCDEF.QUA", false, /*block=*/true);
+        service().drvProtectFolder(port.get(), L"C:\\Q\\file.txt.0123456789ABCDEF.QUA", true, true);
+        service().drvProtectFolder(port.get(), L"", /*remove=*/true, false);
+    }
+    namespace c = vqr::code;
+    const std::vector<std::string> want = {
+        hex(vqr::build_command(c::protect_folder, volume + L"\\nv_one")),
+        hex(vqr::build_command(c::protect_folder, volume + L"\\nv_two\\sub")),
+        hex(vqr::build_command(c::protect_folder, volume + L"\\")),  // C:\ keeps its backslash
+        hex(vqr::build_command(c::unprotect_folder, volume + L"\\nv_one")),
+        hex(vqr::build_command(c::block_path, volume + L"\\Q\\file.txt.0123456789ABCDEF.QUA")),
+        hex(vqr::build_command(c::unblock_path, volume + L"\\Q\\file.txt.0123456789ABCDEF.QUA")),
+        "08000000020000000000",  // every folder rule
+    };
+    EXPECT_EQ(want, journal_bytes());
+    const std::string state = ctl("state");
+    // One attach for the volume; removing its last folder rule does not detach it.
+    EXPECT_EQ(1u, count_of(state, "\"call\":\"attach\"")) << state;
+    EXPECT_EQ(0u, count_of(state, "\"call\":\"detach\"")) << state;
+    EXPECT_NE(std::string::npos, state.find("{\"call\":\"attach\",\"volume\":" + json(volume))) << state;
+    EXPECT_NE(std::string::npos, state.find("\"hr\":\"0x00000000\"")) << state;
+    EXPECT_FALSE(log.contains("Could not")) << log.text();
+
+    // Detaching every volume: one FilterDetach, and the next add attaches again.
+    service().detachAllVolumes();
+    {
+        const chelperservice::driver_port port = chelperservice::openDriverPort();
+        service().drvProtectFolder(port.get(), L"C:\\nv_three", false, false);
+    }
+    const std::string after = ctl("state");
+    EXPECT_EQ(1u, count_of(after, "\"call\":\"detach\"")) << after;
+    EXPECT_EQ(2u, count_of(after, "\"call\":\"attach\"")) << after;
+}
+
+TEST_F(DriverPort, FolderPathsTheDriverCannotTakeAreRefusedWithALogLine) {
+    const struct {
+        const char* label;
+        std::wstring path;
+    } cases[] = {
+        {"UNC path", L"\\\\server\\share\\folder"},
+        {"device path", L"\\Device\\HarddiskVolume1\\folder"},
+        {"relative path", L"folder\\sub"},
+        {"drive without backslash", L"C:folder"},
+        {"261 characters", L"C:\\" + std::wstring(258, L'a')},
+    };
+    const chelperservice::driver_port port = chelperservice::openDriverPort();
+    ASSERT_TRUE(port);
+    for (const auto& c : cases) {
+        nv_test::log_capture log;
+        service().drvProtectFolder(port.get(), c.path, /*remove=*/false, /*block=*/false);
+        service().drvProtectFolder(port.get(), c.path, /*remove=*/true, /*block=*/true);
+        EXPECT_EQ(2u, log.count("] - Path refused for the driver (needs a drive letter, colon and backslash, at most 260 "
+                                "characters): "))
+            << c.label << "\n"
+            << log.text();
+    }
+    EXPECT_TRUE(journal_bytes().empty());
+    EXPECT_EQ(0u, count_of(ctl("state"), "\"call\":\"attach\""));
+
+    // 260 characters still fit.
+    service().drvProtectFolder(port.get(), L"C:\\" + std::wstring(257, L'a'), false, false);
+    EXPECT_EQ(1u, journal_bytes().size());
+}
+
+TEST_F(DriverPort, RemoveEveryRuleOfAKindIsATenByteMessage) {
+    {
+        const chelperservice::driver_port port = chelperservice::openDriverPort();
+        ASSERT_TRUE(port);
+        chelperservice::drvProtectProcess(port.get(), L"C:\\App\\a.exe", /*remove=*/false);
+        chelperservice::drvProtectProcess(port.get(), L"", /*remove=*/true);
+        chelperservice::drvProtectRegKey(port.get(), L"\\REGISTRY\\MACHINE\\SOFTWARE\\Norvale", false);
+        chelperservice::drvProtectRegKey(port.get(), L"", true);
+    }
+    const std::vector<std::string> want = {
+        hex(vqr::build_command(vqr::code::protect_process, L"C:\\App\\a.exe")),  // drive-letter form as given
+        "02000000020000000000",
+        hex(vqr::build_command(vqr::code::protect_regkey, L"\\REGISTRY\\MACHINE\\SOFTWARE\\Norvale")),
+        "0d000000020000000000",
+    };
+    EXPECT_EQ(want, journal_bytes());
+    const std::string state = ctl("state");
+    EXPECT_NE(std::string::npos, state.find("\"process_rules\":[]")) << state;
+    EXPECT_NE(std::string::npos, state.find("\"registry_rules\":[]")) << state;
+}
+
+TEST_F(DriverPort, MasterSwitchSendsOnlyWhenItChanges) {
+    namespace c = vqr::code;
+    const std::vector<std::string> off = {feature_hex(c::feature_process_protection, false),
+                                          feature_hex(c::feature_folder_protection, false),
+                                          feature_hex(c::feature_registry_protection, false)};
+    const std::vector<std::string> on = {feature_hex(c::feature_process_protection, true),
+                                         feature_hex(c::feature_folder_protection, true),
+                                         feature_hex(c::feature_registry_protection, true)};
+    nv_test::log_capture log;
+    ASSERT_TRUE(service().protection_enabled());
+    service().setProtectionEnabled(true);
+    EXPECT_TRUE(journal_bytes().empty());
+
+    service().setProtectionEnabled(false);
+    EXPECT_FALSE(service().protection_enabled());
+    EXPECT_EQ(off, journal_bytes());
+    EXPECT_TRUE(log.contains("removeAllServiceAndProcessRules")) << log.text();
+    EXPECT_TRUE(log.contains("stopEnforcement")) << log.text();
+
+    service().setProtectionEnabled(false);
+    EXPECT_EQ(off, journal_bytes());
+
+    service().setProtectionEnabled(true);
+    service().setProtectionEnabled(true);
+    std::vector<std::string> want = off;
+    want.insert(want.end(), on.begin(), on.end());
+    EXPECT_EQ(want, journal_bytes());
+    EXPECT_TRUE(log.contains("startEnforcement")) << log.text();
+}
+
+TEST_F(DriverPort, ProtectionRequestsSwitchFeaturesAndReply) {
+    namespace c = vqr::code;
+    const auto f = [](uint32_t feature, bool on) { return feature_hex(feature, on); };
+    const struct {
+        const char* label;
+        uint32_t id;
+        std::vector<uint8_t> request;
+        std::vector<uint8_t> reply;
+        std::vector<std::string> sent;
+    } steps[] = {
+        {"0x1000008 without its byte", msg::set_protection_enabled, {}, {0, 0}, {}},
+        {"0x1000006 with protection on", msg::disable_driver_protection, {9, 9}, {1, 0},
+         {f(c::feature_process_protection, false), f(c::feature_folder_protection, false),
+          f(c::feature_registry_protection, true)}},
+        {"0x1000007 with protection on", msg::enable_driver_protection, {}, {1, 0},
+         {f(c::feature_process_protection, true), f(c::feature_folder_protection, true),
+          f(c::feature_registry_protection, true)}},
+        {"0x1000008 off", msg::set_protection_enabled, {0}, {1, 0},
+         {f(c::feature_process_protection, false), f(c::feature_folder_protection, false),
+          f(c::feature_registry_protection, false)}},
+        {"0x1000008 off again", msg::set_protection_enabled, {0, 1}, {1, 0}, {}},
+        {"0x1000007 with protection off", msg::enable_driver_protection, {}, {1, 0},
+         {f(c::feature_process_protection, true), f(c::feature_folder_protection, true),
+          f(c::feature_registry_protection, false)}},
+        {"0x1000006 with protection off", msg::disable_driver_protection, {}, {1, 0},
+         {f(c::feature_process_protection, false), f(c::feature_folder_protection, false),
+          f(c::feature_registry_protection, false)}},
+        {"0x1000008 any non-zero byte is on", msg::set_protection_enabled, {7}, {1, 0},
+         {f(c::feature_process_protection, true), f(c::feature_folder_protection, true),
+          f(c::feature_registry_protection, true)}},
+        {"0x1000008 on again", msg::set_protection_enabled, {1}, {1, 0}, {}},
+    };
+    chelperservice::helper_msg_handler& handler = service().msg_handler();
+    std::vector<std::string> sent;
+    for (const auto& s : steps) {
+        mcl::binary_t payload;
+        payload.append(s.request.data(), static_cast<uint32_t>(s.request.size()));
+        EXPECT_EQ(1, handler(test_connection.get(), s.id, payload)) << s.label;
+        EXPECT_EQ(s.reply, std::vector<uint8_t>(payload.data(), payload.data() + payload.size())) << s.label;
+        sent.insert(sent.end(), s.sent.begin(), s.sent.end());
+        EXPECT_EQ(sent, journal_bytes()) << s.label;
+    }
+    EXPECT_TRUE(service().protection_enabled());
+}
+
+TEST_F(DriverPort, NoDriverUnloadedDriverAndRefusalsAreLogged) {
+    nv_test::log_capture log;
+    {
+        // The driver goes away while a connection is open: the send fails, nothing retries.
+        const chelperservice::driver_port port = chelperservice::openDriverPort();
+        ASSERT_TRUE(port);
+        ctl("unload");
+        chelperservice::drvEnableFeature(port.get(), vqr::code::feature_process_protection, true);
+        EXPECT_EQ(1u, log.count("[chelperservice::drvEnableFeature:"));
+        EXPECT_EQ(1u, log.count("] - The kernel component of vqrmonitor has unloaded.")) << log.text();
+    }
+    // While it is unloaded no connection opens, and every step that needs one says so.
+    EXPECT_EQ(INVALID_HANDLE_VALUE, chelperservice::connectFilterDriver());
+    const std::string not_found = "Could not connect to filter: -2147024894 - " +
+                                  [] {
+                                      const std::wstring w = chelperservice::driver_error_text(vqr::hr_not_found);
+                                      return std::string(w.begin(), w.end());
+                                  }();
+    EXPECT_EQ(1u, log.count(not_found)) << log.text();
+    chelperservice::loadTrustedOpenApp("\\Device\\HarddiskVolume1\\windows\\system32\\csrss.exe");
+    service().setProtectionEnabled(false);
+    EXPECT_EQ(3u, log.count(not_found)) << log.text();
+    EXPECT_FALSE(service().protection_enabled());  // the switches change all the same
+    ctl("load");
+
+    // A message the driver refuses.
+    {
+        const chelperservice::driver_port port = chelperservice::openDriverPort();
+        chelperservice::drvSendCommand(port.get(), 4, L"x");
+    }
+    const std::wstring invalid = chelperservice::driver_error_text(vqr::hr_invalid_parameter);
+    EXPECT_EQ(1u, log.count("] - UNEXPECTED ERROR received: -2147024809 - " + std::string(invalid.begin(), invalid.end())))
+        << log.text();
+}
+
+TEST(DriverErrorText, KnownAndUnknownCodes) {
+    EXPECT_FALSE(chelperservice::driver_error_text(vqr::hr_not_found).empty());
+    const std::wstring known = chelperservice::driver_error_text(HRESULT_FROM_WIN32(ERROR_ACCESS_DENIED));
+    EXPECT_EQ(std::wstring::npos, known.find(L"Could not translate")) << std::string(known.begin(), known.end());
+    EXPECT_NE(L'\n', known.back());
+    // A Filter Manager code that neither the system nor fltlib.dll can put into words.
+    EXPECT_EQ(L"Could not translate error: -2145451777", chelperservice::driver_error_text(static_cast<HRESULT>(0x801F00FF)));
+}
+
+}  // namespace
