@@ -4,6 +4,8 @@
 
 #include <vector>
 
+#include "service/object_security.h"
+
 namespace folder_security {
 
 namespace {
@@ -14,11 +16,11 @@ std::vector<char> writable(const std::string& text) { return std::vector<char>(t
 }  // namespace
 
 DWORD write_dacl(const std::string& folder, PACL dacl, bool protect) {
-    std::vector<char> name = writable(folder);
-    const SECURITY_INFORMATION what =
-        DACL_SECURITY_INFORMATION | (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
-    return SetNamedSecurityInfoA(name.data(), SE_FILE_OBJECT, what, /*owner=*/nullptr, /*group=*/nullptr, dacl,
-                                 /*sacl=*/nullptr);
+    // Narrow paths are in the ANSI code page, as the narrow calls take them.
+    const int n = MultiByteToWideChar(CP_ACP, 0, folder.c_str(), static_cast<int>(folder.size()), nullptr, 0);
+    std::wstring wide(n > 0 ? static_cast<size_t>(n) : 0, L'\0');
+    if (n > 0) MultiByteToWideChar(CP_ACP, 0, folder.c_str(), static_cast<int>(folder.size()), &wide[0], n);
+    return object_security::current().set_file_dacl(wide, dacl, protect);
 }
 
 DWORD write_owner(const std::string& folder, PSID owner) {

@@ -9,10 +9,11 @@
 
 namespace folder_security {
 
-// SetNamedSecurityInfoA (file object) with DACL_SECURITY_INFORMATION and, unless `protect`,
-// UNPROTECTED_DACL_SECURITY_INFORMATION. The Win32 code.
+// The folder's DACL, through the service's object security (Windows', or the recorder a test run
+// selects), unprotected unless `protect`. The Win32 code.
 DWORD write_dacl(const std::string& folder, PACL dacl, bool protect);
-// SetNamedSecurityInfoA (file object) with OWNER_SECURITY_INFORMATION. The Win32 code.
+// SetNamedSecurityInfoA (file object) with OWNER_SECURITY_INFORMATION. The Win32 code. (The
+// object security interface has no owner operation.)
 DWORD write_owner(const std::string& folder, PSID owner);
 
 }  // namespace folder_security

@@ -184,8 +184,13 @@ expect_logged "repair, port reachable" new nvhalvernservice.debug.log "Driver ca
 [ ! -e "$stage_root/new/hvs_folder_repair.log" ] || fail "repair: a task log was copied"
 echo "== folder repair: the driver unreachable writes the default descriptor on both folders"
 run "$ctl" unload
+run reg add "$helper_key" /v ObjectSecurityJournal /t REG_SZ /d 'C:\stage\repair.journal' /f
 task new hvs_folder_repair 'C:\other'
 expect_rc "repair, port unreachable" 0
+for folder in 'C:\other' 'C:\Program Files\Norvale\Halvern Service\'; do
+    tr -d '\r' <"$stage_root/repair.journal" | grep -F "file	$folder	" | grep -q -F '(A;OICIID;FA;;;BA)' ||
+        fail "repair, port unreachable: no default descriptor written to $folder: $(cat "$stage_root/repair.journal")"
+done
 expect_logged "repair, port unreachable" new nvhalvernservice.debug.log "Driver could not be loaded, repair needed."
 expect_logged "repair, port unreachable" new nvhalvernservice.debug.log "Restoring permissions of folder (C:\\\\other)"
 expect_logged "repair, port unreachable" new nvhalvernservice.debug.log "Restoring permissions of folder (C:\\\\Program Files\\\\Norvale\\\\Halvern Service\\\\)"
@@ -232,7 +237,16 @@ stage old "$old_exe"
 task old hvs_install
 expect_rc "previous release installed" 0
 expect_running "previous release" $old_packed 3
+for name in nv_setup_svc_a nv_setup_svc_b; do
+    mkdir -p "$WINEPREFIX/drive_c/prot/$name"
+    cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/$name/"
+    run sc create "$name" binPath= "C:\\prot\\$name\\nv_test_service.exe" start= demand
+    run sc start "$name"
+done
+run "$halvernctl" service protect nv_setup_svc_a nv_setup_svc_b
+expect_rc "two services protected" 0
 old_pid=$(service_pid)
+: >"$product/nvhalvernservice.debug.log"
 task new hvs_upgrade
 expect_rc "hvs_upgrade" 0
 expect_product_files "hvs_upgrade" "$new_exe"
@@ -241,6 +255,15 @@ expect_running "hvs_upgrade" $new_packed 5
 for line in "Checking halvern service compatibility." "Backup files." "Copying files." "Leaving halvern service install function..."; do
     expect_logged "hvs_upgrade" new hvs_upgrade.log "$line"
 done
+expect_protected() {
+    run "$halvernctl" service list
+    grep -q nv_setup_svc_a "$out" && grep -q nv_setup_svc_b "$out" || fail "$1: the two services are not protected: $(cat "$out")"
+}
+expect_protected "hvs_upgrade"
+[[ "$(wine reg query "$helper_key\\install" /v services_backup </dev/null 2>/dev/null | tr -d '\r')" == *nv_setup_svc_a*nv_setup_svc_b* ]] ||
+    fail "hvs_upgrade: services_backup does not list the two services"
+tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "Received IPC message 1000008, payload size: 1" ||
+    fail "hvs_upgrade: the previous service was not asked to switch protection off"
 
 echo "== a failing upgrade puts the previous release back"
 stage old "$old_exe"
@@ -254,6 +277,7 @@ cmp -s "$old_exe" "$(product_file NorvaleHalvernService.exe)" || fail "failing u
 [ -n "$(product_file vqrmonitor.sys)" ] || fail "failing upgrade: the driver file is not back"
 [ -z "$(find "$product" -maxdepth 1 -iname '*.bak')" ] || fail "failing upgrade: .bak files left: $(ls "$product")"
 expect_running "failing upgrade" $old_packed 3
+expect_protected "failing upgrade"
 for line in "Backup files." "Copying files." "Installing VQRMonitor driver..." "Installing halvern service..." \
     "Failed to run command <" "restore_previous_service.*Installing VQRMonitor driver..." "Leaving halvern service install function..."; do
     expect_logged "failing upgrade" damaged hvs_upgrade.log "$line"
