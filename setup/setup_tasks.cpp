@@ -389,6 +389,12 @@ bool uninstallHV(const std::string& folder) {
 
     NV_LOG(fn, "Removing files...");
     for (const install_file& f : install_files) (void)DeleteFileA((folder + f.name).c_str());
+    // What the product wrote there itself, so that the folder can go: the older program, the
+    // backups of an upgrade, the service's debug log and the task logs.
+    for (const std::string& name : backed_up_files()) (void)DeleteFileA((folder + name + backup_suffix).c_str());
+    for (const char* name : {old_program_name, "nvhalvernservice.debug.log", "hvs_install.log", "hvs_upgrade.log",
+                             "hvs_uninstall.log"})
+        (void)DeleteFileA((folder + name).c_str());
 
     NV_LOG(fn, "trying to remove folder...");
     if (!RemoveDirectoryA(folder.c_str()))

@@ -3,6 +3,7 @@
 //   nv_test_helper abandon-mutex NAME READY_EVENT   take the mutex and exit without releasing
 //   nv_test_helper set-event NAME                   set an existing named event (exit 2 if none)
 //   nv_test_helper process-alive PID                exit 0 while process PID runs, 1 when it has ended
+//   nv_test_helper service-pid NAME                 print the process id of service NAME (0 when none)
 //   nv_test_helper driver-send PREFIX COUNT READY_EVENT GO_EVENT
 //       connect to the driver's command port, set READY_EVENT, wait for GO_EVENT, then send
 //       COUNT process rules PREFIX0, PREFIX1 ...; exit code 0 when every send succeeded
@@ -50,6 +51,19 @@ int main(int argc, char** argv) {
         const bool alive = WaitForSingleObject(p, 0) == WAIT_TIMEOUT;
         CloseHandle(p);
         return alive ? 0 : 1;
+    }
+    if (argc >= 3 && strcmp(argv[1], "service-pid") == 0) {
+        SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+        SC_HANDLE service = manager != nullptr ? OpenServiceA(manager, argv[2], SERVICE_QUERY_STATUS) : nullptr;
+        SERVICE_STATUS_PROCESS status{};
+        DWORD size = 0;
+        if (service == nullptr ||
+            !QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status), &size))
+            status.dwProcessId = 0;
+        printf("%lu\n", static_cast<unsigned long>(status.dwProcessId));
+        if (service != nullptr) CloseServiceHandle(service);
+        if (manager != nullptr) CloseServiceHandle(manager);
+        return 0;
     }
     if (argc >= 6 && strcmp(argv[1], "driver-send") == 0) {
         HANDLE port = INVALID_HANDLE_VALUE;

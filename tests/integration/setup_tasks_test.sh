@@ -88,14 +88,17 @@ field() {  # field SERVICE FIELD: a field of "sc qc" / "sc query"
     wine sc "$3" "$1" </dev/null 2>/dev/null | tr -d '\r' | awk -v f="$2" '$1 == f { $1 = ""; $2 = ""; sub(/^ +/, ""); print; exit }'
 }
 service_state() { field "$1" STATE query | awk '{ print $2 }'; }
-service_binary() { wine sc qc norvale_halvern_svc </dev/null 2>/dev/null | tr -d '\r' | sed -n 's/^ *BINARY_PATH_NAME *: *//p'; }
+service_binary() {
+    wine reg query 'HKLM\System\CurrentControlSet\Services\norvale_halvern_svc' /v ImagePath </dev/null 2>/dev/null |
+        tr -d '\r' | awk '$1 == "ImagePath" { $1 = ""; $2 = ""; sub(/^ +/, ""); print; exit }'
+}
 expect_running() {  # expect_running LABEL PACKED_VERSION PROTOCOL
     [ "$(service_state norvale_halvern_svc)" = RUNNING ] || fail "$1: the service is [$(service_state norvale_halvern_svc)]"
     run "$halvernctl" status
     grep -q "protocol_version: $3" "$out" && grep -q "service_version: $2" "$out" ||
         fail "$1: the running service is not version $2 / protocol $3: $(cat "$out")"
 }
-service_pid() { wine sc queryex norvale_halvern_svc </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "PID" { print $3 }'; }
+service_pid() { wine "$helper" service-pid norvale_halvern_svc </dev/null 2>/dev/null | tr -d '\r'; }
 windows_process_alive() { wine "$helper" process-alive "$1" </dev/null >/dev/null 2>&1; }
 key_exists() { wine reg query "$1" </dev/null >/dev/null 2>&1; }
 helper_key='HKLM\Software\Norvale\NVClientHelper'
@@ -116,6 +119,9 @@ side() {
     stage blocked "$new_exe"
     rm -f "$stage_root/blocked/VQRMonitor.inf"
     mkfifo "$stage_root/blocked/VQRMonitor.inf"
+    # A writer that never writes: the task's read of the INF waits. Held until the end, so that
+    # the task could not go on even if the kill missed it.
+    exec 7<>"$stage_root/blocked/VQRMonitor.inf"
     wine 'C:\stage\blocked\NorvaleHalvernService.exe' -proxy_task hvs_upgrade </dev/null >"$out" 2>&1 &
     local task_pid=$!
     local backed=
@@ -140,6 +146,7 @@ side() {
     expect_logged "upgrade run again" good hvs_upgrade.log "treat it as fresh install"
     expect_product_files "upgrade run again" "$new_exe"
     expect_running "upgrade run again" $new_packed 5
+    exec 7>&-
     end_prefix
     echo "$failures" >"$work/side.failures"
 }
@@ -251,7 +258,7 @@ task new hvs_upgrade
 expect_rc "hvs_upgrade" 0
 expect_product_files "hvs_upgrade" "$new_exe"
 expect_running "hvs_upgrade" $new_packed 5
-[ -n "$old_pid" ] && ! windows_process_alive "$old_pid" || fail "hvs_upgrade: the old service process $old_pid is still there"
+[ -n "$old_pid" ] && [ "$old_pid" != 0 ] && ! windows_process_alive "$old_pid" || fail "hvs_upgrade: the old service process $old_pid is still there"
 for line in "Checking halvern service compatibility." "Backup files." "Copying files." "Leaving halvern service install function..."; do
     expect_logged "hvs_upgrade" new hvs_upgrade.log "$line"
 done
@@ -311,7 +318,11 @@ expect_running "upgrade from the old name" $new_packed 5
 echo "== a service speaking an incompatible protocol: every task fails before anything changes"
 task new hvs_uninstall
 run "$ctl" load
-run sc create norvale_halvern_svc binPath= 'C:\absent\NorvaleHalvernService.exe'
+# A running service whose pipe answers the protocol request with a failure.
+mkdir -p "$WINEPREFIX/drive_c/prot/incompatible"
+cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/incompatible/"
+run sc create norvale_halvern_svc binPath= 'C:\prot\incompatible\nv_test_service.exe' start= demand
+run sc start norvale_halvern_svc
 wine "$NV_BIN_DIR/nv_service_double.exe" norvale_halvern_svc 'C:\double.txt' 'Global\nv_setup_test_double' \
     --reply 1000009 00 </dev/null >/dev/null 2>&1 &
 double_pid=$!
