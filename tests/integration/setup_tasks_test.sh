@@ -3,8 +3,8 @@
 # staging folder holding the program, the INF and the stand-in driver, under Wine's service
 # control manager with the driver simulator, in prefixes of their own. The previous release
 # (bin/previous, IPC protocol 3, once named NVHalvernService.exe) is the one upgraded from and
-# rolled back to. The interrupted upgrade waits out the client's connect time-out (120 s), so it
-# runs in a second prefix beside the other cases.
+# rolled back to. The interrupted upgrade runs in a second prefix beside the other cases.
+# NV_KEEP_WORK=1 keeps the prefixes and logs.
 set -uo pipefail
 : "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
 export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
@@ -35,7 +35,7 @@ prefix() {
     out=$work/$1.out
 }
 end_prefix() { wineserver -k >/dev/null 2>&1; }
-trap 'WINEPREFIX=$work/main wineserver -k >/dev/null 2>&1; WINEPREFIX=$work/side wineserver -k >/dev/null 2>&1; rm -rf "$work"' EXIT
+trap 'WINEPREFIX=$work/main wineserver -k >/dev/null 2>&1; WINEPREFIX=$work/side wineserver -k >/dev/null 2>&1; [ -n "${NV_KEEP_WORK:-}" ] || rm -rf "$work"' EXIT
 
 run() {
     wine "$@" </dev/null >"$out" 2>&1
@@ -107,8 +107,9 @@ new_packed=196653
 old_packed=$(( (3 << 16) + 40 ))
 
 # ---------------------------------------------------------------------------------------------
-# The interrupted upgrade, in its own prefix: the task killed after the backup, before the copy
-# (it blocks reading the staged INF, a pipe nobody writes); run again, it completes.
+# The interrupted upgrade, in its own prefix: the task killed after the backup, before the
+# program and the driver are copied (the staged INF, copied first, is made big enough to copy
+# for a while); run again, it completes.
 side() {
     scope=interrupted
     prefix side
@@ -117,26 +118,24 @@ side() {
     expect_rc "previous release installed" 0
     stage good "$new_exe"
     stage blocked "$new_exe"
-    rm -f "$stage_root/blocked/VQRMonitor.inf"
-    mkfifo "$stage_root/blocked/VQRMonitor.inf"
-    # A writer that never writes: the task's read of the INF waits. Held until the end, so that
-    # the task could not go on even if the kill missed it.
-    exec 7<>"$stage_root/blocked/VQRMonitor.inf"
+    truncate -s 768M "$stage_root/blocked/VQRMonitor.inf"
     wine 'C:\stage\blocked\NorvaleHalvernService.exe' -proxy_task hvs_upgrade </dev/null >"$out" 2>&1 &
     local task_pid=$!
-    local backed=
-    for _ in $(seq 1 300); do
-        if [ -n "$(product_file NorvaleHalvernService.exe.bak)" ] && grep -q "Copying files" \
-            "$stage_root/blocked/nvhalvernservice.debug.log" 2>/dev/null; then
-            backed=1
+    local copying=
+    for _ in $(seq 1 2000); do
+        if grep -q "Copying files" "$stage_root/blocked/nvhalvernservice.debug.log" 2>/dev/null; then
+            kill -9 "$task_pid" 2>/dev/null
+            copying=1
             break
         fi
-        sleep 0.2
+        sleep 0.02
     done
-    [ -n "$backed" ] || fail "the upgrade never reached the copy"
-    sleep 1
-    kill -9 "$task_pid" 2>/dev/null
     wait "$task_pid" 2>/dev/null
+    rm -f "$stage_root/blocked/VQRMonitor.inf"
+    [ -n "$copying" ] || fail "the upgrade never reached the copy"
+    tr -d '\r' <"$stage_root/blocked/nvhalvernservice.debug.log" | grep -q "Installing VQRMonitor driver" &&
+        fail "the task was killed only after the copy"
+    [ -z "$(product_file NorvaleHalvernService.exe)" ] || fail "the new program was copied before the kill"
     # Nothing lost: every file of the previous release is there, under its name or as .bak.
     [ -n "$(product_file NorvaleHalvernService.exe.bak)" ] || fail "the previous program is gone after the kill"
     [ -n "$(product_file vqrmonitor.sys.bak)" ] || fail "the previous driver file is gone after the kill"
@@ -146,7 +145,6 @@ side() {
     expect_logged "upgrade run again" good hvs_upgrade.log "treat it as fresh install"
     expect_product_files "upgrade run again" "$new_exe"
     expect_running "upgrade run again" $new_packed 5
-    exec 7>&-
     end_prefix
     echo "$failures" >"$work/side.failures"
 }
@@ -271,6 +269,8 @@ expect_protected "hvs_upgrade"
     fail "hvs_upgrade: services_backup does not list the two services"
 tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "Received IPC message 1000008, payload size: 1" ||
     fail "hvs_upgrade: the previous service was not asked to switch protection off"
+tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "protect service nv_setup_svc_a" ||
+    fail "hvs_upgrade: the new service was not given the services back"
 
 echo "== a failing upgrade puts the previous release back"
 stage old "$old_exe"
