@@ -147,8 +147,7 @@ public:
     // Stopped or stop pending; false when its state cannot be read.
     virtual bool is_stopped() = 0;
     // Starts the service when it is installed but not running, then connects within `timeout_ms`.
-    // False without any attempt when the service is not installed, and without waiting when it is
-    // still stopped after the start (it cannot be started); true at once when connected.
+    // False without any attempt when the service is not installed; true at once when connected.
     virtual bool connect(int timeout_ms) = 0;
     // Asks the service to stop (no reply).
     virtual bool request_stop() = 0;

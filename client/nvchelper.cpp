@@ -46,9 +46,6 @@ bool nvchelper::connect(int timeout_ms) {
         // way up already.
         (void)mcl::mswin::service::start(service_name);
         Sleep(100);
-        // Unless it is not: a service that is stopped after the start will not listen within the
-        // time-out (its program is missing or damaged), so there is nothing to wait for.
-        if (mcl::mswin::service::query_state(service_name, state) && state == SERVICE_STOPPED) return false;
     }
     return mcl::ipc_peer::connect(service_name, timeout_ms);
 }

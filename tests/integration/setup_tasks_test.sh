@@ -3,7 +3,8 @@
 # staging folder holding the program, the INF and the stand-in driver, under Wine's service
 # control manager with the driver simulator, in prefixes of their own. The previous release
 # (bin/previous, IPC protocol 3, once named NVHalvernService.exe) is the one upgraded from and
-# rolled back to. The interrupted upgrade runs in a second prefix beside the other cases.
+# rolled back to. The interrupted upgrade and the rollback run in prefixes of their own beside
+# the other cases (the rollback waits out the client's connect time-out).
 # NV_KEEP_WORK=1 keeps the prefixes and logs.
 set -uo pipefail
 : "${WINEPREFIX:?}" "${NV_BIN_DIR:?}" "${NV_SOURCE_DIR:?}"
@@ -35,7 +36,7 @@ prefix() {
     out=$work/$1.out
 }
 end_prefix() { wineserver -k >/dev/null 2>&1; }
-trap 'WINEPREFIX=$work/main wineserver -k >/dev/null 2>&1; WINEPREFIX=$work/side wineserver -k >/dev/null 2>&1; [ -n "${NV_KEEP_WORK:-}" ] || rm -rf "$work"' EXIT
+trap 'for p in main side rollback; do WINEPREFIX=$work/$p wineserver -k >/dev/null 2>&1; done; [ -n "${NV_KEEP_WORK:-}" ] || rm -rf "$work"' EXIT
 
 run() {
     wine "$@" </dev/null >"$out" 2>&1
@@ -102,6 +103,22 @@ service_pid() { wine "$helper" service-pid norvale_halvern_svc </dev/null 2>/dev
 windows_process_alive() { wine "$helper" process-alive "$1" </dev/null >/dev/null 2>&1; }
 key_exists() { wine reg query "$1" </dev/null >/dev/null 2>&1; }
 helper_key='HKLM\Software\Norvale\NVClientHelper'
+# Two services of the machine, running and protected by the installed service.
+protect_two_services() {
+    local name
+    for name in nv_setup_svc_a nv_setup_svc_b; do
+        mkdir -p "$WINEPREFIX/drive_c/prot/$name"
+        cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/$name/"
+        run sc create "$name" binPath= "C:\\prot\\$name\\nv_test_service.exe" start= demand
+        run sc start "$name"
+    done
+    run "$halvernctl" service protect nv_setup_svc_a nv_setup_svc_b
+    expect_rc "two services protected" 0
+}
+expect_protected() {
+    run "$halvernctl" service list
+    grep -q nv_setup_svc_a "$out" && grep -q nv_setup_svc_b "$out" || fail "$1: the two services are not protected: $(cat "$out")"
+}
 
 new_packed=196653
 old_packed=$(( (3 << 16) + 40 ))
@@ -150,6 +167,35 @@ side() {
 }
 ( side ) >"$work/side.txt" 2>&1 &
 side_job=$!
+
+# ---------------------------------------------------------------------------------------------
+# A failing upgrade, in its own prefix: the rollback's stop of the new service waits out the
+# client's connect time-out (120 s) on the damaged program that cannot start.
+rollback() {
+    scope=rollback
+    prefix rollback
+    echo "== a failing upgrade puts the previous release back"
+    stage old "$old_exe"
+    task old hvs_install
+    expect_rc "previous release installed" 0
+    protect_two_services
+    stage damaged damaged
+    task damaged hvs_upgrade
+    expect_rc "failing upgrade" 254
+    cmp -s "$old_exe" "$(product_file NorvaleHalvernService.exe)" || fail "failing upgrade: the previous program is not back"
+    [ -n "$(product_file vqrmonitor.sys)" ] || fail "failing upgrade: the driver file is not back"
+    [ -z "$(find "$product" -maxdepth 1 -iname '*.bak')" ] || fail "failing upgrade: .bak files left: $(ls "$product")"
+    expect_running "failing upgrade" $old_packed 3
+    expect_protected "failing upgrade"
+    for line in "Backup files." "Copying files." "Installing VQRMonitor driver..." "Installing halvern service..." \
+        "Failed to run command <" "restore_previous_service.*Installing VQRMonitor driver..." "Leaving halvern service install function..."; do
+        expect_logged "failing upgrade" damaged hvs_upgrade.log "$line"
+    done
+    end_prefix
+    echo "$failures" >"$work/rollback.failures"
+}
+( rollback ) >"$work/rollback.txt" 2>&1 &
+rollback_job=$!
 
 # ---------------------------------------------------------------------------------------------
 scope=main
@@ -242,14 +288,7 @@ stage old "$old_exe"
 task old hvs_install
 expect_rc "previous release installed" 0
 expect_running "previous release" $old_packed 3
-for name in nv_setup_svc_a nv_setup_svc_b; do
-    mkdir -p "$WINEPREFIX/drive_c/prot/$name"
-    cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/$name/"
-    run sc create "$name" binPath= "C:\\prot\\$name\\nv_test_service.exe" start= demand
-    run sc start "$name"
-done
-run "$halvernctl" service protect nv_setup_svc_a nv_setup_svc_b
-expect_rc "two services protected" 0
+protect_two_services
 old_pid=$(service_pid)
 : >"$product/nvhalvernservice.debug.log"
 task new hvs_upgrade
@@ -260,10 +299,6 @@ expect_running "hvs_upgrade" $new_packed 5
 for line in "Checking halvern service compatibility." "Backup files." "Copying files." "Leaving halvern service install function..."; do
     expect_logged "hvs_upgrade" new hvs_upgrade.log "$line"
 done
-expect_protected() {
-    run "$halvernctl" service list
-    grep -q nv_setup_svc_a "$out" && grep -q nv_setup_svc_b "$out" || fail "$1: the two services are not protected: $(cat "$out")"
-}
 expect_protected "hvs_upgrade"
 [[ "$(wine reg query "$helper_key\\install" /v services_backup </dev/null 2>/dev/null | tr -d '\r')" == *nv_setup_svc_a*nv_setup_svc_b* ]] ||
     fail "hvs_upgrade: services_backup does not list the two services"
@@ -271,24 +306,6 @@ tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "Received IPC messag
     fail "hvs_upgrade: the previous service was not asked to switch protection off"
 tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "protect service nv_setup_svc_a" ||
     fail "hvs_upgrade: the new service was not given the services back"
-
-echo "== a failing upgrade puts the previous release back"
-stage old "$old_exe"
-task old hvs_upgrade
-expect_rc "back to the previous release" 0
-expect_running "previous release again" $old_packed 3
-stage damaged damaged
-task damaged hvs_upgrade
-expect_rc "failing upgrade" 254
-cmp -s "$old_exe" "$(product_file NorvaleHalvernService.exe)" || fail "failing upgrade: the previous program is not back"
-[ -n "$(product_file vqrmonitor.sys)" ] || fail "failing upgrade: the driver file is not back"
-[ -z "$(find "$product" -maxdepth 1 -iname '*.bak')" ] || fail "failing upgrade: .bak files left: $(ls "$product")"
-expect_running "failing upgrade" $old_packed 3
-expect_protected "failing upgrade"
-for line in "Backup files." "Copying files." "Installing VQRMonitor driver..." "Installing halvern service..." \
-    "Failed to run command <" "restore_previous_service.*Installing VQRMonitor driver..." "Leaving halvern service install function..."; do
-    expect_logged "failing upgrade" damaged hvs_upgrade.log "$line"
-done
 
 echo "== hvs_upgrade from a release named NVHalvernService.exe"
 task new hvs_uninstall
@@ -302,6 +319,7 @@ run "$old_named" -i install
 run "$old_named" -s start
 expect_running "old name installed" $old_packed 3
 echo "== ... a failing upgrade gives the old name back"
+stage damaged damaged
 task damaged hvs_upgrade
 expect_rc "failing upgrade, old name" 254
 [ -n "$(product_file NVHalvernService.exe)" ] || fail "failing upgrade, old name: NVHalvernService.exe not back"
@@ -343,10 +361,11 @@ wait "$double_pid" 2>/dev/null
 end_prefix
 
 scope=main
-wait "$side_job"
-cat "$work/side.txt"
-side_failures=$(cat "$work/side.failures" 2>/dev/null || echo 1)
-failures=$((failures + side_failures))
+for job in side rollback; do
+    if [ "$job" = side ]; then wait "$side_job"; else wait "$rollback_job"; fi
+    cat "$work/$job.txt"
+    failures=$((failures + $(cat "$work/$job.failures" 2>/dev/null || echo 1)))
+done
 if [ "$failures" -ne 0 ]; then
     echo "$failures failure(s)"
     exit 1
