@@ -70,10 +70,11 @@ task() {  # task STAGE TASK [ARG]
 }
 task_log() { tr -d '\r' <"$stage_root/$1/$2"; }
 expect_logged() {  # expect_logged LABEL STAGE LOGFILE PATTERN
-    task_log "$2" "$3" | grep -q -- "$4" || fail "$1: $3 has no [$4]"
+    # grep reads to the end: a reader that quits early would fail the pipe (pipefail) on a long log.
+    task_log "$2" "$3" | grep -- "$4" >/dev/null || fail "$1: $3 has no [$4]"
 }
 expect_not_logged() {
-    ! task_log "$2" "$3" | grep -q -- "$4" || fail "$1: $3 has [$4]"
+    ! task_log "$2" "$3" | grep -- "$4" >/dev/null || fail "$1: $3 has [$4]"
 }
 # The file of that name (any case) in the product folder, or nothing.
 product_file() { find "$product" -maxdepth 1 -iname "$1" 2>/dev/null | head -n 1; }
@@ -150,7 +151,7 @@ side() {
     wait "$task_pid" 2>/dev/null
     rm -f "$stage_root/blocked/VQRMonitor.inf"
     [ -n "$copying" ] || fail "the upgrade never reached the copy"
-    tr -d '\r' <"$stage_root/blocked/nvhalvernservice.debug.log" | grep -q "Installing VQRMonitor driver" &&
+    tr -d '\r' <"$stage_root/blocked/nvhalvernservice.debug.log" | grep "Installing VQRMonitor driver" >/dev/null &&
         fail "the task was killed only after the copy"
     [ -z "$(product_file NorvaleHalvernService.exe)" ] || fail "the new program was copied before the kill"
     # Nothing lost: every file of the previous release is there, under its name or as .bak.
@@ -302,9 +303,9 @@ done
 expect_protected "hvs_upgrade"
 [[ "$(wine reg query "$helper_key\\install" /v services_backup </dev/null 2>/dev/null | tr -d '\r')" == *nv_setup_svc_a*nv_setup_svc_b* ]] ||
     fail "hvs_upgrade: services_backup does not list the two services"
-tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "Received IPC message 1000008, payload size: 1" ||
+tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep "Received IPC message 1000008, payload size: 1" >/dev/null ||
     fail "hvs_upgrade: the previous service was not asked to switch protection off"
-tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep -q "protect service nv_setup_svc_a" ||
+tr -d '\r' <"$product/nvhalvernservice.debug.log" | grep "protect service nv_setup_svc_a" >/dev/null ||
     fail "hvs_upgrade: the new service was not given the services back"
 
 echo "== hvs_upgrade from a release named NVHalvernService.exe"
