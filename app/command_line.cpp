@@ -7,6 +7,7 @@
 
 #include "app/log.h"
 #include "app/program.h"
+#include "app/release.h"
 #include "app/service_commands.h"
 #include "mcl/mswin/os_version.h"
 #include "mcl/mswin/service.h"
@@ -130,7 +131,7 @@ int proxy_task_option(const char* task, const char* argument) {
 }  // namespace
 
 void print_usage() {
-    printf("Norvale Halvern Service for Windows - Version %s\n", "3.0.45 (Build 1)");
+    printf("Norvale Halvern Service for Windows - Version %s\n", this_release().usage_version);
     printf("\n");
     printf("Usage:\n");
     printf("\tNorvaleHalvernService [OPTIONS]\n");

@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
-# Builds the service and runs it here, under Wine's service control manager, in a prefix of its
-# own (build/run/prefix), then shows a client getting the protocol and service versions back.
-# Everything it needs is installed first. The service keeps running afterwards;
+# Builds the service and installs it here the way the product's installer does: a staging folder
+# holds the program, the driver's INF and the stand-in driver, and "-proxy_task hvs_install" run
+# from there copies them under Program Files, installs the driver and the service and starts it,
+# under Wine's service control manager in a prefix of its own (build/run/prefix). Then a client
+# gets the protocol and service versions back. The service keeps running afterwards;
 #   bash scripts/run.sh stop
 # stops it and ends the prefix's wineserver.
 set -euo pipefail
@@ -10,8 +12,9 @@ cd "$root"
 
 export WINEPREFIX="$root/build/run/prefix" WINEDEBUG=-all WINEDLLOVERRIDES="mscoree,mshtml="
 export NV_BIN_DIR="$root/build/mingw-x64/bin"
-install_dir="$WINEPREFIX/drive_c/Program Files/Norvale/Halvern"
-exe='C:\Program Files\Norvale\Halvern\NorvaleHalvernService.exe'
+staging="$WINEPREFIX/drive_c/staging"
+install_dir="$WINEPREFIX/drive_c/Program Files/Norvale/Halvern Service"
+exe='C:\Program Files\Norvale\Halvern Service\NorvaleHalvernService.exe'
 
 # Wine output goes through files: its helper processes may hold a pipe open.
 say() {
@@ -40,19 +43,20 @@ cmake --preset mingw-x64 >/dev/null
 cmake --build --preset mingw-x64 -j 2
 
 bash tests/wine/prefix.sh create
-mkdir -p "$install_dir"
-# The executable with the driver package it installs (the stand-in VQRMonitor.sys and .inf).
-cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$NV_BIN_DIR/VQRMonitor.sys" "$NV_BIN_DIR/VQRMonitor.inf" "$install_dir/"
+mkdir -p "$staging"
+# The release as its installer ships it: the program with the driver package it installs.
+cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$NV_BIN_DIR/VQRMonitor.sys" "$NV_BIN_DIR/VQRMonitor.inf" "$staging/"
 
-echo "== NorvaleHalvernService -i instdrv"
-say "$exe" -i instdrv
+echo "== C:\staging\NorvaleHalvernService.exe -proxy_task hvs_install"
+if say 'C:\staging\NorvaleHalvernService.exe' -proxy_task hvs_install; then echo "exit code: 0"; else
+  echo "the install failed; its log:"
+  tr -d '\r' <"$staging/hvs_install.log" | tail -n 30
+  exit 1
+fi
+echo "== the product folder"
+ls "$install_dir"
 echo "== the driver service"
 say sc query VQRMonitor | grep -E "SERVICE_NAME|TYPE|STATE" || true
-
-echo "== NorvaleHalvernService -i install"
-say "$exe" -i install
-echo "== NorvaleHalvernService -s start"
-say "$exe" -s start
 echo "== NorvaleHalvernService -c norvale_halvern_svc (0 = running)"
 say "$exe" -c norvale_halvern_svc && echo "exit code: 0"
 echo "== a client asks for the protocol and service versions"

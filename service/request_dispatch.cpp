@@ -3,6 +3,7 @@
 #include <iterator>
 
 #include "app/log.h"
+#include "app/release.h"
 #include "mcl/encoding.h"
 #include "service/helper_service.h"
 #include "service/message_ids.h"
@@ -116,10 +117,10 @@ void chelperservice::protocol_compatible(mcl::ipc_connection*, mcl::binary_t& pa
     const bool ok = payload.size() >= 4;
     payload.clear();
     mcl::write_byte(payload, ok ? 1 : 0);
-    mcl::write_u32(payload, ipc_protocol_version);
+    mcl::write_u32(payload, this_release().ipc_protocol);
 }
 
 void chelperservice::service_version_query(mcl::ipc_connection*, mcl::binary_t& payload) {
     payload.clear();
-    mcl::write_u32(payload, packed_service_version);
+    mcl::write_u32(payload, this_release().packed_version);
 }

@@ -4,6 +4,8 @@
 //   nv_test_helper set-event NAME                   set an existing named event (exit 2 if none)
 //   nv_test_helper start-stop NAME                  start the service and send it a stop control the
 //       moment it reports running; exit 0 once it has stopped (within 30 s)
+//   nv_test_helper process-alive PID                exit 0 while process PID runs, 1 when it has ended
+//   nv_test_helper service-pid NAME                 print the process id of service NAME (0 when none)
 //   nv_test_helper driver-send PREFIX COUNT READY_EVENT GO_EVENT
 //       connect to the driver's command port, set READY_EVENT, wait for GO_EVENT, then send
 //       COUNT process rules PREFIX0, PREFIX1 ...; exit code 0 when every send succeeded
@@ -77,6 +79,26 @@ int main(int argc, char** argv) {
         CloseServiceHandle(svc);
         CloseServiceHandle(manager);
         return result;
+    }
+    if (argc >= 3 && strcmp(argv[1], "process-alive") == 0) {
+        HANDLE p = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(strtoul(argv[2], nullptr, 10)));
+        if (p == nullptr) return 1;
+        const bool alive = WaitForSingleObject(p, 0) == WAIT_TIMEOUT;
+        CloseHandle(p);
+        return alive ? 0 : 1;
+    }
+    if (argc >= 3 && strcmp(argv[1], "service-pid") == 0) {
+        SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+        SC_HANDLE service = manager != nullptr ? OpenServiceA(manager, argv[2], SERVICE_QUERY_STATUS) : nullptr;
+        SERVICE_STATUS_PROCESS status{};
+        DWORD size = 0;
+        if (service == nullptr ||
+            !QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status), &size))
+            status.dwProcessId = 0;
+        printf("%lu\n", static_cast<unsigned long>(status.dwProcessId));
+        if (service != nullptr) CloseServiceHandle(service);
+        if (manager != nullptr) CloseServiceHandle(manager);
+        return 0;
     }
     if (argc >= 6 && strcmp(argv[1], "driver-send") == 0) {
         HANDLE port = INVALID_HANDLE_VALUE;
