@@ -93,8 +93,7 @@ show_protection() {
   echo "== the driver stand-in now holds the rules: driver_ctl state"
   say "$NV_BIN_DIR/driver_ctl.exe" state | jq -c '{features, process_rules, folder_rules, blocking_rules}' || true
 
-  # ---- QUARANTINE AND BLOCKED FILES: the service answers these once its quarantine requests are
-  # in the build; until then each says "The request is not available in this version of the service".
+  # ---- QUARANTINE AND BLOCKED FILES
   local container="$app\\Quarantine" archive
   echo "== halvernctl quarantine create / add / list / restore $app\\sample.txt"
   if ctl quarantine create "$container"; then
