@@ -48,8 +48,19 @@ CASES
 # A stopped and a disabled service.
 svc_stopped=nvcli_stopped_$$
 svc_disabled=nvcli_disabled_$$
-wine sc create "$svc_stopped" binPath= 'C:\windows\system32\notepad.exe' >/dev/null 2>&1 </dev/null
-wine sc create "$svc_disabled" binPath= 'C:\windows\system32\notepad.exe' start= disabled >/dev/null 2>&1 </dev/null
+# sc may fail on a loaded machine: try again until the service manager knows the name.
+create_service() {  # NAME [sc options]
+    local name=$1
+    shift
+    for _ in 1 2 3; do
+        wine sc create "$name" binPath= 'C:\windows\system32\notepad.exe' "$@" >/dev/null 2>&1 </dev/null
+        wine sc query "$name" >/dev/null 2>&1 </dev/null && return 0
+        sleep 1
+    done
+    echo "FAIL: sc create $name"
+}
+create_service "$svc_stopped"
+create_service "$svc_disabled" start= disabled
 run_exe "$exe" -c "$svc_stopped"
 expect_eq "-c of a stopped service" 252 "$rc"
 run_exe "$exe" -c "$svc_disabled"
