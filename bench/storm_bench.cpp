@@ -12,6 +12,7 @@
 
 #include <psapi.h>
 #include <sddl.h>
+#include <winternl.h>
 
 #include <atomic>
 #include <cstdio>
@@ -275,15 +276,29 @@ struct usage {
     SIZE_T private_bytes = 0;
 };
 
+// From the system's process list: it also has the figures of processes this one may not open.
 bool sample(DWORD pid, usage& u) {
-    HANDLE p = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, pid);
-    if (p == nullptr) return false;
-    PROCESS_MEMORY_COUNTERS_EX m{};
-    const bool ok = GetProcessHandleCount(p, &u.handles) &&
-                    GetProcessMemoryInfo(p, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&m), sizeof(m));
-    u.private_bytes = m.PrivateUsage;
-    CloseHandle(p);
-    return ok;
+    using query_fn = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
+    const auto query = reinterpret_cast<query_fn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    if (query == nullptr) return false;
+    std::vector<unsigned char> buffer(1 << 20);
+    ULONG needed = 0;
+    LONG status = 0;
+    while ((status = query(SystemProcessInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed)) ==
+           static_cast<LONG>(0xC0000004))  // STATUS_INFO_LENGTH_MISMATCH
+        buffer.resize(buffer.size() * 2);
+    if (status != 0) return false;
+    for (size_t at = 0;;) {
+        const auto* p = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(buffer.data() + at);
+        if (static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(p->UniqueProcessId)) == pid) {
+            u.handles = p->HandleCount;
+            u.private_bytes = p->PrivatePageCount != 0 ? p->PrivatePageCount : p->VirtualMemoryCounters.PagefileUsage;
+            return u.handles != 0 && u.private_bytes != 0;
+        }
+        if (p->NextEntryOffset == 0) return false;
+        at += p->NextEntryOffset;
+    }
 }
 
 std::set<std::string> value_names(const char* key) {
@@ -305,8 +320,8 @@ std::string lowered(std::string s) {
     return s;
 }
 
-// The persisted record name of a storm key: "\<decimal root>\<lowered path>".
-std::string record_name(int client) { return "\\" + std::to_string(hklm) + "\\" + lowered(storm_key(client)); }
+// The persisted record name of a storm key: two backslashes, the decimal root, a backslash, the lowered path.
+std::string record_name(int client) { return "\\\\" + std::to_string(hklm) + "\\" + lowered(storm_key(client)); }
 
 int failures = 0;
 void check(bool ok, const std::string& what) {
@@ -465,8 +480,28 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
                 ++wrong;
             }
         }
+        std::string reference;
+        HKEY ref = nullptr;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\NVStorm\\ref", 0, READ_CONTROL, &ref) == ERROR_SUCCESS) {
+            reference = dacl_sddl(ref);
+            RegCloseKey(ref);
+        }
+        int kept = 0;
         for (const auto& k : owned.keys) {
             const bool listed = records.count(record_name(k.first)) != 0;
+            // An unprotect that could not write the original DACL back keeps the record: the key
+            // still differs from the reference then.
+            if (listed && !k.second && !reference.empty()) {
+                HKEY key = nullptr;
+                if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, storm_key(k.first).c_str(), 0, READ_CONTROL, &key) == ERROR_SUCCESS) {
+                    const bool differs = dacl_sddl(key) != reference;
+                    RegCloseKey(key);
+                    if (differs) {
+                        ++kept;
+                        continue;
+                    }
+                }
+            }
             if (listed != k.second) {
                 std::printf("key %s: recorded %d, want %d\n", storm_key(k.first).c_str(), listed ? 1 : 0,
                             k.second ? 1 : 0);
@@ -475,6 +510,7 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
         }
         std::printf("owned_services_checked: %zu services\n", owned.services.size());
         std::printf("owned_keys_checked: %zu keys\n", owned.keys.size());
+        std::printf("records_kept_for_unrestored_keys: %d keys\n", kept);
         check(wrong == 0, "the persisted services and keys are what the answered requests left");
     }
     check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
