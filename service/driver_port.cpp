@@ -303,8 +303,9 @@ void chelperservice::enable_driver_protection(mcl::ipc_connection*, mcl::binary_
 }
 
 void chelperservice::set_protection_enabled(mcl::ipc_connection*, mcl::binary_t& payload) {
-    const bool has_byte = payload.size() >= 1;
-    if (has_byte) setProtectionEnabled(payload.data()[0] != 0);
+    bool on = false;
+    const bool has_byte = request_payload::read_protection_switch(payload, on);
+    if (has_byte) setProtectionEnabled(on);
     payload.clear();
     mcl::write_status(payload, has_byte, "");
 }

@@ -21,6 +21,7 @@
 #include "service/emergency_options.h"
 #include "service/irp_tables.h"
 #include "service/regkey_protection.h"
+#include "service/request_payloads.h"
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread.
@@ -165,10 +166,7 @@ public:
         std::wstring folder;
         uint32_t refCount = 0;  // protected images in the folder; the record lives while >= 1
     };
-    struct process_rule {
-        bool protect = false;
-        std::wstring imagePath;
-    };
+    using process_rule = ::process_rule;  // read by request_payload::read_protect_processes
     // The folder of an image path or of a command line (quoted path and arguments): the text up to
     // its last backslash, starting at the drive letter; a text without a backslash as it is.
     static std::wstring image_folder_of(const std::wstring& imagePath);
@@ -200,11 +198,7 @@ public:
         std::string sid;  // S-1-5-80-...
         std::wstring imagePath;
     };
-    struct service_rule {
-        bool protectService = false;
-        bool protectProcess = false;
-        std::string name;
-    };
+    using service_rule = ::service_rule;  // read by request_payload::read_protect_services
     static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
     static constexpr const char* protected_processes_key =
         "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";

@@ -270,19 +270,10 @@ void chelperservice::restoreProtectedFolders() {
 
 void chelperservice::restoreFolder(const std::wstring& path) { (void)restorePathPermissions(path, default_folder_sddl); }
 
-namespace {
-
-bool read_process_rule(chelperservice::process_rule& rule, const mcl::binary_t& in, uint32_t& pos) {
-    return mcl::read_bool(rule.protect, in, pos) && mcl::read_wstring(rule.imagePath, in, pos);
-}
-
-}  // namespace
-
 void chelperservice::protect_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
     std::vector<process_rule> rules;
-    uint32_t pos = 0;
     bool ok = false;
-    if (!mcl::read_list(rules, payload, pos, read_process_rule)) {
+    if (!request_payload::read_protect_processes(payload, rules)) {
         NV_LOG("chelperservice::protect_processes", "Malformed process rule list (%d bytes): nothing applied",
                static_cast<int>(payload.size()));
     } else {

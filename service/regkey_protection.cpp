@@ -197,9 +197,7 @@ bool valid_key_path(const std::wstring& path, std::string& why) {
 }
 
 bool read_entry(reg_key_entry& entry, const mcl::binary_t& in, uint32_t& pos) {
-    return mcl::read_byte(entry.action, in, pos) && mcl::read_u64(entry.root, in, pos) &&
-           mcl::read_wstring(entry.path, in, pos) && mcl::read_string(entry.owner, in, pos) &&
-           mcl::read_string_list(entry.services, in, pos) && mcl::read_u32(entry.level, in, pos);
+    return request_payload::read_reg_key_entry(entry, in, pos);
 }
 
 void write_entry(mcl::binary_t& out, const reg_key_entry& entry) {
@@ -337,8 +335,7 @@ void chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& paylo
     bool result = false;
     try {
         std::vector<reg_key_entry> entries;
-        uint32_t pos = 0;
-        if (mcl::read_list(entries, payload, pos, regkey::read_entry)) {
+        if (request_payload::read_protect_reg_keys(payload, entries)) {
             result = handle_protect_reg_keys(entries);
         } else {
             NV_LOG(fn, "Malformed request: %d bytes do not hold the announced reg key entries",

@@ -10,16 +10,7 @@
 #include <vector>
 
 #include "mcl/buffer.h"
-
-// One item of request 0x100000b.
-struct reg_key_entry {
-    uint8_t action = 0;  // non-zero: protect; 0: unprotect
-    uint64_t root = 0;   // predefined root handle value, sign-extended to 64 bits
-    std::wstring path;   // below the root
-    std::string owner;   // the service on whose behalf the key is protected
-    std::vector<std::string> services;  // further services with full access
-    uint32_t level = 0;  // access left to others: 0 none, 2 write, other values read
-};
+#include "service/request_payloads.h"
 
 // What the service keeps per protected key; persisted in this field order.
 struct reg_key_record {

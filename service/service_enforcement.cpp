@@ -280,9 +280,7 @@ void chelperservice::service_ctrl_start_service(mcl::ipc_connection*, mcl::binar
     constexpr const char* fn = "chelperservice::service_ctrl_start_service";
     std::string name;
     std::vector<std::string> args;
-    uint32_t pos = 0;
-    const bool decoded = !payload.empty() && mcl::read_string(name, payload, pos) &&
-                         mcl::read_string_list(args, payload, pos) && !name.empty();
+    const bool decoded = request_payload::read_start_service(payload, name, args);
     payload.clear();
     if (!decoded) {
         NV_LOG(fn, "Malformed start request: no service name or argument list");
@@ -305,8 +303,7 @@ void chelperservice::service_ctrl_start_service(mcl::ipc_connection*, mcl::binar
 void chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::service_ctrl_stop_service";
     std::string name;
-    uint32_t pos = 0;
-    const bool decoded = !payload.empty() && mcl::read_string(name, payload, pos) && !name.empty();
+    const bool decoded = request_payload::read_name(payload, name);
     payload.clear();
     if (!decoded) {
         NV_LOG(fn, "Malformed stop request: no service name");
@@ -378,8 +375,7 @@ void chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
 void chelperservice::service_ctrl_recover_dacl(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::service_ctrl_recover_dacl";
     std::string name;
-    uint32_t pos = 0;
-    const bool decoded = !payload.empty() && mcl::read_string(name, payload, pos) && !name.empty();
+    const bool decoded = request_payload::read_name(payload, name);
     payload.clear();
     if (!decoded) {
         NV_LOG(fn, "Malformed DACL recovery request: no service name");
@@ -397,7 +393,7 @@ void chelperservice::service_ctrl_recover_dacl(mcl::ipc_connection*, mcl::binary
 }
 
 void chelperservice::restore_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
-    const bool ok = !payload.empty();
+    const bool ok = request_payload::read_restore_driver_protection(payload);
     if (ok) {
         driver_port port = openDriverPort();
         if (port) {
@@ -415,8 +411,7 @@ void chelperservice::restore_driver_protection(mcl::ipc_connection*, mcl::binary
 void chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::recover_folder_dacl";
     std::string path;
-    uint32_t pos = 0;
-    const bool decoded = !payload.empty() && mcl::read_string(path, payload, pos) && !path.empty();
+    const bool decoded = request_payload::read_name(payload, path);
     payload.clear();
     if (!decoded) {
         NV_LOG(fn, "Malformed folder DACL recovery request: no folder path");

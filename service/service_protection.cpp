@@ -255,21 +255,11 @@ void chelperservice::unprotectServiceByName(const std::string& name) {
     (void)unprotectService(record);
 }
 
-namespace {
-
-bool read_service_rule(chelperservice::service_rule& rule, const mcl::binary_t& in, uint32_t& pos) {
-    return mcl::read_bool(rule.protectService, in, pos) && mcl::read_bool(rule.protectProcess, in, pos) &&
-           mcl::read_string(rule.name, in, pos);
-}
-
-}  // namespace
-
 void chelperservice::protect_services(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::protect_services";
     std::vector<service_rule> rules;
-    uint32_t pos = 0;
     bool ok = false;
-    if (!mcl::read_list(rules, payload, pos, read_service_rule)) {
+    if (!request_payload::read_protect_services(payload, rules)) {
         NV_LOG(fn, "Malformed service rule list (%d bytes): nothing applied", static_cast<int>(payload.size()));
     } else {
         if (!rules.empty()) NV_LOG(fn, "protect service %s", rules.front().name.c_str());

@@ -27,7 +27,7 @@ ipc_channel::ipc_channel(direction_type direction, ipc_connection* owner) : dire
 
 ipc_channel::~ipc_channel() { ipc_channel::close(); }
 
-bool ipc_channel::create(const char* pipe_path) {
+bool ipc_channel::create(const char* pipe_path, bool first_instance) {
     if (pipe_path == nullptr || owner_ == nullptr) {
         NV_LOG("mcl::ipc_channel::create", "Failed to create ipc channel, invalid parameters");
         return false;
@@ -46,7 +46,10 @@ bool ipc_channel::create(const char* pipe_path) {
         sa.lpSecurityDescriptor = owner_->security_descriptor();
         sa.bInheritHandle = TRUE;
         const DWORD access = direction_ == read_direction ? PIPE_ACCESS_INBOUND : PIPE_ACCESS_OUTBOUND;
-        HANDLE h = CreateNamedPipeA(name.c_str(), access | FILE_FLAG_OVERLAPPED, /*pipe_mode=*/0,
+        // Only local callers: the service has nothing to say to other machines.
+        requested_open_mode_ = access | FILE_FLAG_OVERLAPPED | (first_instance ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
+        requested_pipe_mode_ = PIPE_TYPE_BYTE | PIPE_REJECT_REMOTE_CLIENTS;
+        HANDLE h = CreateNamedPipeA(name.c_str(), requested_open_mode_, requested_pipe_mode_,
                                     /*max_instances=*/PIPE_UNLIMITED_INSTANCES, /*out_buffer=*/pipe_buffer_size,
                                     /*in_buffer=*/pipe_buffer_size, /*default_timeout=*/pipe_default_timeout_ms, &sa);
         if (h == INVALID_HANDLE_VALUE) {
@@ -96,6 +99,7 @@ bool ipc_channel::listen() {
         // The client got in first: no completion will signal, so signal now.
         if (event_.set()) {
             connected_ = true;
+            if (direction_ == read_direction && owner_ != nullptr) owner_->learn_client();
             return true;
         }
         break;
@@ -112,6 +116,8 @@ bool ipc_channel::finish_connect() {
     if (connected_) return true;
     if (!io_pending_) {
         connected_ = true;
+        if (direction_ == read_direction && owner_ != nullptr && owner_->type() == ipc_connection::listen_type)
+            owner_->learn_client();
         return true;
     }
     // Reset before asking, so that a connect completing in between signals again.
@@ -121,6 +127,8 @@ bool ipc_channel::finish_connect() {
     // A failed connect shows itself in the first read or write.
     io_pending_ = false;
     connected_ = true;
+    if (direction_ == read_direction && owner_ != nullptr && owner_->type() == ipc_connection::listen_type)
+        owner_->learn_client();
     return true;
 }
 
@@ -368,5 +376,28 @@ ipc_connection::~ipc_connection() {
 }
 
 bool ipc_connection::open(const char* pipe_path) { return reader_.create(pipe_path) && writer_.create(pipe_path); }
+
+void ipc_connection::learn_client() {
+    ULONG pid = 0;
+    if (!reader_.is_open() || !GetNamedPipeClientProcessId(reader_.pipe_handle(), &pid)) {
+        const DWORD err = GetLastError();
+        NV_LOG("mcl::ipc_connection::learn_client", "Failed to get the client process id of the pipe, error: [%d:%s]",
+               static_cast<int>(err), error_text(err).c_str());
+        return;
+    }
+    client_process_id_ = pid;
+    client_image_ = process_image(pid);
+}
+
+std::string ipc_connection::process_image(DWORD pid) {
+    HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
+    if (process == nullptr) return {};  // gone already, or not ours to look at: the id must do
+    char path[MAX_PATH * 2];
+    DWORD size = sizeof(path);
+    std::string image;
+    if (QueryFullProcessImageNameA(process, 0, path, &size)) image.assign(path, size);
+    CloseHandle(process);
+    return image;
+}
 
 }  // namespace mcl

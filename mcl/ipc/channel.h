@@ -11,6 +11,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -38,10 +39,12 @@ public:
     ipc_channel& operator=(const ipc_channel&) = delete;
     virtual ~ipc_channel();
 
-    // Listening end: creates the pipe instance. Connecting end: opens the pipe, waiting up to
-    // 30 s on the name while every instance is busy, and sets the channel event so that the I/O
-    // thread runs the channel once. Closes a pipe already open first. Logs its failures.
-    virtual bool create(const char* pipe_path);
+    // Listening end: creates the pipe instance, refusing callers from other machines; with
+    // `first_instance`, only if no instance of the name exists yet (where the system checks
+    // that). Connecting end: opens the pipe, waiting up to 30 s on the name while every
+    // instance is busy, and sets the channel event so that the I/O thread runs the channel
+    // once. Closes a pipe already open first. Logs its failures.
+    virtual bool create(const char* pipe_path, bool first_instance = false);
     // Disconnects (listening end), cancels pending I/O and waits for the cancel, closes the
     // pipe. Never waits on the other end: unread bytes are dropped. Safe on a closed channel.
     // Not while the I/O thread uses the channel.
@@ -51,7 +54,12 @@ public:
 
     HANDLE event_handle() const { return event_.get(); }
     bool is_open() const { return pipe_ != nullptr; }
+    HANDLE pipe_handle() const { return pipe_; }
     bool connected() const { return connected_; }
+    // What the last create asked CreateNamedPipe for (listening end; 0 before): the system
+    // does not report every flag back on the handle.
+    DWORD requested_open_mode() const { return requested_open_mode_; }
+    DWORD requested_pipe_mode() const { return requested_pipe_mode_; }
 
 protected:
     // Takes the finished connect (listening end) off the OVERLAPPED. True when it completed
@@ -65,6 +73,8 @@ protected:
     mcl::event event_;
     std::atomic<bool> connected_{false};
     bool io_pending_ = false;  // an overlapped operation (connect, read or write) is outstanding
+    DWORD requested_open_mode_ = 0;
+    DWORD requested_pipe_mode_ = 0;
     ipc_connection* owner_;
 };
 
@@ -149,11 +159,23 @@ public:
     // connection-list lock.
     uint32_t wait_group = 0;
 
+    // Listening end: the client's process id and image path, learnt when the client has opened
+    // the read pipe (0 and empty before, or when the system would not tell). The read thread
+    // sets them before it reads the first frame; handlers may read them.
+    DWORD client_process_id() const { return client_process_id_; }
+    const std::string& client_image() const { return client_image_; }
+    // Asks the system who is on the other end of the read pipe. The read thread only.
+    void learn_client();
+    // The image path of a process, empty when the system will not tell.
+    static std::string process_image(DWORD pid);
+
 private:
     connection_type type_;
     ipc_read_channel reader_;
     ipc_write_channel writer_;
     void* security_ = nullptr;  // NULL-DACL descriptor (LocalAlloc), or null for default security
+    DWORD client_process_id_ = 0;
+    std::string client_image_;
 };
 
 }  // namespace mcl

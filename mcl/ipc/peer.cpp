@@ -16,6 +16,7 @@ constexpr int pipe_open_wait_ms = static_cast<int>(ipc_channel::pipe_default_tim
 
 constexpr DWORD accept_retry_first_ms = 50;
 constexpr DWORD accept_retry_last_ms = 5000;
+constexpr DWORD unsignalled_check_ms = 5000;
 
 // Erases every entry of a (connection, sequence)-keyed table that belongs to `connection`.
 template <typename Map>
@@ -309,8 +310,11 @@ bool ipc_peer::setup(bool listening) {
     if (listening) {
         const std::string base = std::string(global_prefix) + name_;
         const bool inherit = false;
-        // A second listener under the same name simply has no mutex.
-        (void)connecting_mutex_.create((base + "_MTX_CONNECTING").c_str(), &inherit);
+        // A second listener under the same name simply has no mutex; so has one that finds the
+        // mutex made before it by another process, whose clients it still serves.
+        if (connecting_mutex_.create((base + "_MTX_CONNECTING").c_str(), &inherit) == -2)
+            NV_LOG("mcl::ipc_peer::setup", "The connecting mutex (\"%s_MTX_CONNECTING\") already exists, made before this listener",
+                   base.c_str());
         if (!connected_event_.valid()) (void)connected_event_.create((base + "_EV_CONNECTED").c_str());
     }
     const bool started = start();
@@ -323,12 +327,22 @@ void ipc_peer::listen() { serve_until(nullptr); }
 void ipc_peer::serve_until(HANDLE stop) {
     const std::string pipe_path = std::string(ipc_channel::pipe_prefix) + name_;
     (void)setup(/*listening=*/true);
+    check_pipe_name(pipe_path);
     bool need_pair = true;
+    bool first_pair = true;  // made only where no other process has an instance of the name
     DWORD retry_ms = accept_retry_first_ms;
+    share_ptr<ipc_connection> waiting;  // the pair made for the next client
+    int silent_checks = 0;              // checks that found `waiting` taken without a signal
     for (;;) {
-        DWORD timeout = INFINITE;
+        // A client that opens both pipes and never signals would leave nobody a pair to open:
+        // the loop looks at the waiting pair now and then and makes the next pair once it has
+        // seen the pair taken twice in a row.
+        DWORD timeout = unsignalled_check_ms;
         if (need_pair) {
-            if (new_listen_connection(pipe_path.c_str())) {
+            waiting = new_listen_connection(pipe_path.c_str(), first_pair);
+            silent_checks = 0;
+            if (waiting) {
+                first_pair = false;
                 need_pair = false;
                 retry_ms = accept_retry_first_ms;
             } else {
@@ -357,18 +371,55 @@ void ipc_peer::serve_until(HANDLE stop) {
         if (wait_connected && r == WAIT_OBJECT_0 + count - 1) {
             connected_event_.reset();
             need_pair = true;
+            continue;
+        }
+        const bool timed_out = count == 0 ? r == 0 : r == WAIT_TIMEOUT;
+        if (timed_out && !need_pair && waiting) {
+            silent_checks = waiting->reader().connected() && waiting->writer().connected() ? silent_checks + 1 : 0;
+            if (silent_checks >= 2) {
+                NV_LOG("mcl::ipc_peer::serve_until",
+                       "A client opened the waiting pipes without signalling the connected event, make the next pair");
+                need_pair = true;
+            }
         }
     }
+    waiting = share_ptr<ipc_connection>();
     shutdown();
 }
 
-share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path) {
+void ipc_peer::check_pipe_name(const std::string& pipe_path) {
+    bool taken = false;
+    for (const char* suffix : {"_INBOND", "_OUTBOUND"}) {
+        const std::string name = pipe_path + suffix;
+        HANDLE h = CreateFileA(name.c_str(), FILE_READ_ATTRIBUTES, /*share=*/0, nullptr, OPEN_EXISTING, 0, nullptr);
+        const DWORD err = h == INVALID_HANDLE_VALUE ? GetLastError() : ERROR_SUCCESS;
+        if (err == ERROR_FILE_NOT_FOUND || err == ERROR_PATH_NOT_FOUND) continue;
+        taken = true;
+        ULONG server = 0;
+        if (h != INVALID_HANDLE_VALUE) {
+            if (!GetNamedPipeServerProcessId(h, &server)) server = 0;
+            CloseHandle(h);
+        }
+        // Busy instances do not say whose they are.
+        NV_LOG("mcl::ipc_peer::check_pipe_name",
+               "The named pipe (\"%s\") already exists, made by process %lu (%s): its clients may reach that process "
+               "instead of this one",
+               name.c_str(), static_cast<unsigned long>(server),
+               server != 0 ? ipc_connection::process_image(server).c_str() : "unknown");
+    }
+    if (!taken)
+        NV_LOG("mcl::ipc_peer::check_pipe_name", "The named pipe (\"%s\") has no other instance: this listener is the first",
+               pipe_path.c_str());
+}
+
+share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path, bool first_instance) {
     share_ptr<ipc_connection> connection;
     // An allocation failure is one more failed pair: the accept loop tries again later.
     if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection",
                  [&] { connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type)); }))
         return {};
-    const bool ok = connection->reader().create(pipe_path) && connection->writer().create(pipe_path) &&
+    const bool ok = connection->reader().create(pipe_path, first_instance) &&
+                    connection->writer().create(pipe_path, first_instance) &&
                     connection->reader().listen() && connection->writer().listen();
     if (!ok) {
         NV_LOG("mcl::ipc_peer::new_listen_connection", "Failed to setup listener connection");

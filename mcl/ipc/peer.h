@@ -172,9 +172,13 @@ protected:
     // Listening side (`listening` true): creates the connecting mutex and the connected event;
     // both sides: starts the event, read and write threads.
     bool setup(bool listening);
-    // Creates one listening pair of pipes under `pipe_path`, starts its connect and adds it to
-    // the list. Null (logged) on failure.
-    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path);
+    // Creates one listening pair of pipes under `pipe_path` (with `first_instance`, only where
+    // no instance of the names exists yet), starts its connect and adds it to the list. Null
+    // (logged) on failure.
+    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path, bool first_instance = false);
+    // Start-up: logs whether another process already made pipes under the names this listener
+    // is about to make, and whose they are; such a process could sit in front of this one.
+    static void check_pipe_name(const std::string& pipe_path);
     // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
     void add_connection_locked(const share_ptr<ipc_connection>& connection);
 

@@ -438,3 +438,78 @@ TEST(IpcPeer, AHandlerThatThrowsEndsOnlyItsRequest) {
 }
 
 }  // namespace
+
+namespace {
+
+// Notes the client process of every request it sees.
+class client_recorder : public mcl::ipc_msg_handler {
+public:
+    client_recorder() { (void)seen.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false); }
+    int operator()(mcl::ipc_connection* connection, uint32_t, mcl::binary_t&) override {
+        mcl::scoped_lock guard(lock);
+        pid = connection->client_process_id();
+        image = connection->client_image();
+        seen.set();
+        return 0;
+    }
+    mcl::lock lock;
+    DWORD pid = 0;
+    std::string image;
+    mcl::event seen;
+};
+
+std::string lower(std::string s) {
+    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
+    return s;
+}
+
+TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImage) {
+    client_recorder recorder;
+    const std::string name = nv_test::unique_name("nv_ipc_who");
+    mcl::ipc_peer server(name.c_str(), &recorder);
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    std::thread loop([&] { server.serve_until(stop.get()); });
+    nv_test::child other = nv_test::start_client(name, "version");
+    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(recorder.seen.get(), 30000));
+    {
+        mcl::scoped_lock guard(recorder.lock);
+        EXPECT_EQ(other.pid, recorder.pid);
+        const std::string image = lower(recorder.image);
+        EXPECT_NE(std::string::npos, image.find("nv_ipc_helper.exe")) << recorder.image;
+    }
+    (void)other.wait();
+    stop.set();
+    loop.join();
+}
+
+TEST(IpcPeer, PipesAnotherProcessMadeUnderTheNameAreReportedWithTheirMakerAtStart) {
+    nv_test::server_process squatter;
+    client probe;  // the squatter listens once this gets through
+    ASSERT_TRUE(probe.connect(squatter.name()));
+    nv_test::recording_handler handler;
+    mcl::event stop;
+    ASSERT_TRUE(stop.create_unnamed());
+    stop.set();  // one pass: the start-up check, the first pair, the stop
+    {
+        nv_test::log_capture log;
+        mcl::ipc_peer server(squatter.name().c_str(), &handler);
+        server.serve_until(stop.get());
+        const std::string line = "\\\\.\\pipe\\" + squatter.name() + "_INBOND\") already exists, made by process " +
+                                 std::to_string(squatter.process().pid) + " (";
+        EXPECT_TRUE(log.contains(line)) << log.text();
+        EXPECT_NE(std::string::npos, lower(log.text()).find("nv_ipc_helper.exe): its clients may reach"));
+        EXPECT_FALSE(log.contains("has no other instance"));
+    }
+    {
+        nv_test::log_capture log;
+        const std::string fresh = nv_test::unique_name("nv_ipc_first");
+        mcl::ipc_peer server(fresh.c_str(), &handler);
+        server.serve_until(stop.get());
+        EXPECT_TRUE(log.contains("The named pipe (\"\\\\.\\pipe\\" + fresh + "\") has no other instance: this listener is the first"))
+            << log.text();
+        EXPECT_FALSE(log.contains("already exists"));
+    }
+}
+
+}  // namespace

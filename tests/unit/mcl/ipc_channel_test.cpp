@@ -155,3 +155,33 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
+    const std::string path = pipe_path();
+    for (bool first : {true, false}) {
+        connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+        ASSERT_TRUE(c->reader().create(path.c_str(), first));
+        ASSERT_TRUE(c->writer().create(path.c_str(), first));
+        for (mcl::ipc_channel* ch : {static_cast<mcl::ipc_channel*>(&c->reader()), static_cast<mcl::ipc_channel*>(&c->writer())}) {
+            EXPECT_EQ(static_cast<DWORD>(PIPE_REJECT_REMOTE_CLIENTS), ch->requested_pipe_mode() & PIPE_REJECT_REMOTE_CLIENTS);
+            EXPECT_EQ(first ? static_cast<DWORD>(FILE_FLAG_FIRST_PIPE_INSTANCE) : 0u,
+                      ch->requested_open_mode() & FILE_FLAG_FIRST_PIPE_INSTANCE);
+        }
+    }
+}
+
+TEST(IpcChannel, TheListeningEndLearnsTheClientProcess) {
+    const std::string path = pipe_path();
+    connection_ptr server = listening(path);
+    connection_ptr c = connecting(path);
+    EXPECT_EQ(0u, server->client_process_id());
+    ASSERT_TRUE(server->reader().listen());  // the client is on the pipe already
+    EXPECT_EQ(GetCurrentProcessId(), server->client_process_id());
+    char own[MAX_PATH];
+    const DWORD n = GetModuleFileNameA(nullptr, own, MAX_PATH);
+    EXPECT_EQ(std::string(own, n), server->client_image());
+}
+
+}  // namespace

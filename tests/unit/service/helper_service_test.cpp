@@ -73,6 +73,69 @@ TEST(RequestDispatch, UnknownIdentifiersAreLoggedAndEchoed) {
     }
 }
 
+TEST(RequestDispatch, EachStateChangingRequestWritesOneAuditLineNamingTheClient) {
+    // A listening connection whose client is this process.
+    const std::string path = std::string(mcl::ipc_channel::pipe_prefix) + "nv_audit_" + std::to_string(GetCurrentProcessId());
+    mcl::share_ptr<mcl::ipc_connection> server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+    mcl::share_ptr<mcl::ipc_connection> client(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+    ASSERT_TRUE(server->open(path.c_str()));
+    ASSERT_TRUE(client->open(path.c_str()));
+    ASSERT_TRUE(server->reader().listen());
+    char image[MAX_PATH];
+    const std::string own_image(image, GetModuleFileNameA(nullptr, image, MAX_PATH));
+
+    struct {
+        uint32_t id;
+        const char* name;  // null: a request that only reads, with no audit line
+    } cases[] = {
+        {msg::stop_service, "stop service"},
+        {msg::protect_services, "protect services"},
+        {msg::protect_processes, "protect processes"},
+        {msg::disable_driver_protection, "driver protection off"},
+        {msg::enable_driver_protection, "driver protection on"},
+        {msg::set_protection_enabled, "protection master switch"},
+        {msg::protect_reg_keys, "protect reg keys"},
+        {msg::service_ctrl_start_service, "start service"},
+        {msg::service_ctrl_stop_service, "stop service by name"},
+        {msg::service_ctrl_recover_dacl, "recover service DACL"},
+        {msg::restore_driver_protection, "restore driver protection"},
+        {msg::recover_folder_dacl, "recover folder DACL"},
+        {msg::create_quarantine_container, "create quarantine container"},
+        {msg::quarantine_files, "quarantine files"},
+        {msg::remove_quarantine_container, "remove quarantine container"},
+        {msg::block_file_access, "block file access"},
+        {msg::unblock_file_access, "unblock file access"},
+        {msg::block_files_access, "block files access"},
+        {msg::disconnect, nullptr},
+        {msg::protocol_compatible, nullptr},
+        {msg::service_version, nullptr},
+        {msg::query_protected_services, nullptr},
+        {msg::query_protected_processes, nullptr},
+        {msg::get_protected_reg_keys, nullptr},
+        {msg::get_quarantined_files, nullptr},
+        {msg::get_quarantine_containers, nullptr},
+        {msg::is_file_quarantined, nullptr},
+        {msg::is_file_access_blocked, nullptr},
+        {msg::query_irp_notification_data, nullptr},
+        {0x10000fc, nullptr},
+    };
+    chelperservice::helper_msg_handler& handler = chelperservice::instance().msg_handler();
+    for (const auto& c : cases) {
+        nv_test::log_capture log;
+        mcl::binary_t payload;  // malformed for most: the audit line comes before the handler looks
+        EXPECT_EQ(1, handler(server.get(), c.id, payload)) << std::hex << c.id;
+        if (c.name == nullptr) {
+            EXPECT_FALSE(log.contains("Audit: ")) << std::hex << c.id << "\n" << log.text();
+            continue;
+        }
+        char line[512];
+        snprintf(line, sizeof(line), "] - Audit: request \"%s\" (IPC message %X) from process %lu (%s)", c.name, c.id,
+                 static_cast<unsigned long>(GetCurrentProcessId()), own_image.c_str());
+        EXPECT_EQ(1u, log.count(line)) << c.name << "\n" << log.text();
+        EXPECT_EQ(1u, log.count("Audit: ")) << c.name;
+    }
+}
+
 TEST(RequestDispatch, NoConnectionNoWork) {
     nv_test::log_capture log;
     mcl::binary_t payload = payload_of({});

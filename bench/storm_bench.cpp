@@ -1,0 +1,567 @@
+// The running service under a storm of clients: valid requests of every kind, random payloads,
+// random identifiers, clients that hang up or are killed in the middle of a request. Run by
+// bench/storm_bench.sh, which also drives the driver simulator and, with --crashes, kills the
+// service meanwhile. Prints "name: value unit" lines and "check: ..." lines; exit 0 when every
+// check held, 1 otherwise.
+//
+//   storm_bench storm SECONDS CLIENTS [--crashes]
+//   storm_bench prepare CLIENTS (the storm's registry keys and folders)
+//   storm_bench victim          (a client the storm kills in the middle of its request)
+//   storm_bench check-keys      (every storm key whose DACL changed has its original recorded)
+#include <windows.h>
+
+#include <psapi.h>
+#include <sddl.h>
+#include <winternl.h>
+
+#include <atomic>
+#include <cstdio>
+#include <cstring>
+#include <map>
+#include <mutex>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mcl/encoding.h"
+#include "mcl/ipc/frame.h"
+#include "mcl/mswin/service.h"
+#include "service/message_ids.h"
+#include "tests/helpers/raw_client.h"
+
+namespace {
+
+const std::string endpoint = mcl::mswin::service::default_name;
+constexpr int storm_services = 8;  // nvstorm0..7, installed by the script, never started
+constexpr const char* services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
+constexpr const char* reg_keys_key = "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys";
+constexpr uint64_t hklm = 0xFFFFFFFF80000002ull;
+
+std::string storm_key(int client) { return "SOFTWARE\\NVStorm\\k" + std::to_string(client); }
+std::wstring wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
+
+// Identifiers that random payloads and random identifiers never reach: the service's stop, the
+// protection lists whose final state the storm checks, and the switches that turn protection
+// off (a random payload could do any of that).
+bool kept_from_random(uint32_t id) {
+    return id == msg::stop_service || id == msg::protect_services || id == msg::protect_processes ||
+           id == msg::protect_reg_keys || id == msg::disable_driver_protection ||
+           id == msg::set_protection_enabled || id == msg::enable_driver_protection;
+}
+
+struct counters {
+    std::atomic<uint64_t> answered{0};
+    std::atomic<uint64_t> unanswered{0};
+    std::atomic<uint64_t> hangups{0};
+    std::atomic<uint64_t> killed{0};
+    std::atomic<uint64_t> connect_failures{0};
+};
+
+class client_conn {
+public:
+    bool open() {
+        client_.close();
+        return client_.connect(endpoint);
+    }
+    void close() { client_.close(); }
+    // Sends one request; true with the reply payload when one came.
+    bool request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply) {
+        mcl::binary_t frame;
+        mcl::append_frame(frame, mcl::frame_kind::request, id, ++sequence_, payload);
+        if (!client_.write(std::vector<unsigned char>(frame.data(), frame.data() + frame.size()))) return false;
+        std::vector<unsigned char> header;
+        if (!client_.read(mcl::frame_header_size, header)) return false;
+        mcl::frame_header h;
+        if (!mcl::read_frame_header(header.data(), static_cast<uint32_t>(header.size()), h)) return false;
+        std::vector<unsigned char> body;
+        if (!client_.read(h.length == 0 ? 1 : h.length, body)) return false;
+        reply = mcl::binary_t();
+        if (h.length != 0) reply.append(body.data(), h.length);
+        return true;
+    }
+    // Writes the first `n` bytes of a request frame and nothing more.
+    bool partial(uint32_t id, const mcl::binary_t& payload, uint32_t n) {
+        mcl::binary_t frame;
+        mcl::append_frame(frame, mcl::frame_kind::request, id, ++sequence_, payload);
+        if (n > frame.size()) n = frame.size();
+        return client_.write(std::vector<unsigned char>(frame.data(), frame.data() + n));
+    }
+
+private:
+    nv_test::raw_client client_;
+    uint32_t sequence_ = 0;
+};
+
+bool status_ok(const mcl::binary_t& reply) { return reply.size() >= 1 && reply.data()[0] == 1; }
+
+mcl::binary_t service_rule_payload(int service, bool protect) {
+    mcl::binary_t p;
+    mcl::write_u32(p, 1);
+    mcl::write_byte(p, protect ? 1 : 0);
+    mcl::write_byte(p, 0);
+    mcl::write_string(p, "nvstorm" + std::to_string(service));
+    return p;
+}
+
+mcl::binary_t reg_key_payload(int client, bool protect) {
+    mcl::binary_t p;
+    mcl::write_u32(p, 1);
+    mcl::write_byte(p, protect ? 1 : 0);
+    mcl::write_u64(p, hklm);
+    mcl::write_wstring(p, wide(storm_key(client)));
+    mcl::write_string(p, "nvstorm0");
+    mcl::write_string_list(p, {});
+    mcl::write_u32(p, 1);
+    return p;
+}
+
+mcl::binary_t process_payload(int client, bool protect) {
+    mcl::binary_t p;
+    mcl::write_u32(p, 1);
+    mcl::write_byte(p, protect ? 1 : 0);
+    mcl::write_wstring(p, wide("C:\\storm\\f" + std::to_string(client) + "\\storm.exe"));
+    return p;
+}
+
+// A valid request of `id` that leaves the prefix usable, for client `client`.
+mcl::binary_t valid_payload(uint32_t id, int client, std::mt19937& rng) {
+    mcl::binary_t p;
+    const std::string subscriber = "storm" + std::to_string(client);
+    switch (id) {
+    case msg::protocol_compatible: mcl::write_u32(p, 5); break;
+    case msg::set_protection_enabled: mcl::write_byte(p, 1); break;
+    case msg::protect_processes: p = process_payload(client, rng() % 2 == 0); break;
+    case msg::service_ctrl_start_service:
+        mcl::write_string(p, "nvstorm_absent");
+        mcl::write_string_list(p, {});
+        break;
+    case msg::service_ctrl_stop_service:
+    case msg::service_ctrl_recover_dacl: mcl::write_string(p, "nvstorm_absent"); break;
+    case msg::restore_driver_protection: mcl::write_byte(p, 1); break;
+    case msg::recover_folder_dacl: mcl::write_string(p, "C:\\storm\\f" + std::to_string(client)); break;
+    case msg::subscribe_irp_notification:
+        mcl::write_byte(p, static_cast<uint8_t>(rng() % 2));
+        mcl::write_string(p, subscriber);
+        mcl::write_string(p, "Global\\" + subscriber + "_irp");
+        mcl::write_string(p, "*");
+        mcl::write_byte(p, 0xFF);
+        mcl::write_byte(p, 0xFF);
+        mcl::write_u32(p, 1);
+        break;
+    case msg::query_irp_notification_data: mcl::write_string(p, subscriber); break;
+    default: break;  // the rest take no payload
+    }
+    return p;
+}
+
+// Requests the storm sends valid, besides the owned protect requests: every catalogue request
+// except the service's stop and the switches that turn protection off.
+std::vector<uint32_t> valid_ids() {
+    std::vector<uint32_t> ids;
+    for (uint32_t id : msg::catalogue)
+        if (id != msg::stop_service && id != msg::disable_driver_protection && id != msg::disconnect &&
+            id != msg::protect_services && id != msg::protect_reg_keys)
+            ids.push_back(id);
+    return ids;
+}
+
+struct owned_state {
+    std::mutex lock;
+    std::map<int, bool> services;  // service -> protected after the last answered request
+    std::map<int, bool> keys;      // client -> its key protected after the last answered request
+};
+
+void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, const std::string& self) {
+    std::mt19937 rng(static_cast<unsigned>(index * 7919 + GetTickCount()));
+    const std::vector<uint32_t> ids = valid_ids();
+    client_conn conn;
+    bool open = false;
+    while (GetTickCount64() < end) {
+        if (!open) {
+            open = conn.open();
+            if (!open) {
+                c.connect_failures++;
+                Sleep(200);
+                continue;
+            }
+        }
+        const unsigned action = rng() % 100;
+        mcl::binary_t reply;
+        if (action < 45) {  // a valid request
+            const uint32_t id = ids[rng() % ids.size()];
+            if (conn.request(id, valid_payload(id, index, rng), reply)) {
+                c.answered++;
+            } else {
+                c.unanswered++;
+                open = false;
+            }
+        } else if (action < 60) {  // this client's own key, or service, protected or not
+            const bool protect = rng() % 2 == 0;
+            const bool service = index < storm_services && rng() % 2 == 0;
+            const uint32_t id = service ? msg::protect_services : msg::protect_reg_keys;
+            const mcl::binary_t p = service ? service_rule_payload(index, protect) : reg_key_payload(index, protect);
+            if (conn.request(id, p, reply)) {
+                c.answered++;
+                if (status_ok(reply)) {
+                    std::lock_guard<std::mutex> guard(owned.lock);
+                    (service ? owned.services : owned.keys)[index] = protect;
+                }
+            } else {
+                // Unknown outcome: the next answered request of this client decides again.
+                c.unanswered++;
+                open = false;
+                std::lock_guard<std::mutex> guard(owned.lock);
+                (service ? owned.services : owned.keys).erase(index);
+            }
+        } else if (action < 80) {  // random bytes to a request, or a random identifier
+            uint32_t id = action < 72 ? msg::catalogue[rng() % (sizeof(msg::catalogue) / sizeof(msg::catalogue[0]))]
+                                      : static_cast<uint32_t>(rng());
+            if (kept_from_random(id)) id = msg::service_version;
+            mcl::binary_t p;
+            const uint32_t n = rng() % 64;
+            for (uint32_t i = 0; i < n; ++i) {
+                const auto b = static_cast<unsigned char>(rng());
+                p.append(&b, 1);
+            }
+            if (conn.request(id, p, reply)) {
+                c.answered++;
+            } else {
+                c.unanswered++;
+                open = false;
+            }
+        } else if (action < 92) {  // hang up in the middle of a request
+            const uint32_t id = ids[rng() % ids.size()];
+            (void)conn.partial(id, valid_payload(id, index, rng), 1 + rng() % 20);
+            conn.close();
+            open = false;
+            c.hangups++;
+        } else {  // a client killed in the middle of its request
+            STARTUPINFOA si{};
+            si.cb = sizeof(si);
+            PROCESS_INFORMATION pi{};
+            std::string command = "\"" + self + "\" victim";
+            if (CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
+                Sleep(rng() % 300);
+                TerminateProcess(pi.hProcess, 9);
+                WaitForSingleObject(pi.hProcess, 10000);
+                CloseHandle(pi.hProcess);
+                CloseHandle(pi.hThread);
+                c.killed++;
+            }
+        }
+    }
+    conn.close();
+}
+
+DWORD service_pid() {
+    SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+    if (scm == nullptr) return 0;
+    DWORD pid = 0;
+    SC_HANDLE s = OpenServiceA(scm, endpoint.c_str(), SERVICE_QUERY_STATUS);
+    if (s != nullptr) {
+        SERVICE_STATUS_PROCESS st{};
+        DWORD n = 0;
+        if (QueryServiceStatusEx(s, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&st), sizeof(st), &n))
+            pid = st.dwProcessId;
+        CloseServiceHandle(s);
+    }
+    CloseServiceHandle(scm);
+    return pid;
+}
+
+struct usage {
+    DWORD handles = 0;
+    SIZE_T private_bytes = 0;
+};
+
+// From the system's process list: it also has the figures of processes this one may not open.
+bool sample(DWORD pid, usage& u) {
+    using query_fn = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
+    const auto query = reinterpret_cast<query_fn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    if (query == nullptr) return false;
+    std::vector<unsigned char> buffer(1 << 20);
+    ULONG needed = 0;
+    LONG status = 0;
+    while ((status = query(SystemProcessInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed)) ==
+           static_cast<LONG>(0xC0000004))  // STATUS_INFO_LENGTH_MISMATCH
+        buffer.resize(buffer.size() * 2);
+    if (status != 0) return false;
+    for (size_t at = 0;;) {
+        const auto* p = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(buffer.data() + at);
+        if (static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(p->UniqueProcessId)) == pid) {
+            u.handles = p->HandleCount;
+            u.private_bytes = p->PrivatePageCount != 0 ? p->PrivatePageCount : p->VirtualMemoryCounters.PagefileUsage;
+            return u.handles != 0 && u.private_bytes != 0;
+        }
+        if (p->NextEntryOffset == 0) return false;
+        at += p->NextEntryOffset;
+    }
+}
+
+std::set<std::string> value_names(const char* key) {
+    std::set<std::string> names;
+    HKEY k = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, KEY_READ, &k) != ERROR_SUCCESS) return names;
+    for (DWORD i = 0;; ++i) {
+        char name[1024];
+        DWORD n = sizeof(name);
+        if (RegEnumValueA(k, i, name, &n, nullptr, nullptr, nullptr, nullptr) != ERROR_SUCCESS) break;
+        names.insert(std::string(name, n));
+    }
+    RegCloseKey(k);
+    return names;
+}
+
+std::string lowered(std::string s) {
+    for (char& ch : s) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    return s;
+}
+
+// The persisted record name of a storm key: two backslashes, the decimal root, a backslash, the lowered path.
+std::string record_name(int client) { return "\\\\" + std::to_string(hklm) + "\\" + lowered(storm_key(client)); }
+
+int failures = 0;
+void check(bool ok, const std::string& what) {
+    std::printf("check: %s: %s\n", what.c_str(), ok ? "ok" : "FAILED");
+    if (!ok) ++failures;
+}
+
+// Every request the storm sends valid, once more, on a fresh connection.
+void check_every_request_answers() {
+    std::mt19937 rng(1);
+    client_conn conn;
+    bool open = false;
+    for (int i = 0; i < 100 && !open; ++i) {
+        open = conn.open();
+        if (!open) Sleep(200);
+    }
+    check(open, "a client connects after the storm");
+    int missing = 0;
+    std::vector<uint32_t> ids = valid_ids();
+    ids.push_back(msg::protect_services);
+    ids.push_back(msg::protect_reg_keys);
+    for (uint32_t id : ids) {
+        mcl::binary_t reply;
+        const mcl::binary_t p = id == msg::protect_services ? mcl::binary_t() : valid_payload(id, 0, rng);
+        if (!conn.request(id, p, reply)) {
+            std::printf("no answer to %X\n", id);
+            ++missing;
+            open = conn.open();
+        }
+    }
+    check(missing == 0, "every request type is answered after the storm");
+}
+
+std::string dacl_sddl(HKEY k) {
+    std::vector<char> sd(4096);
+    DWORD n = static_cast<DWORD>(sd.size());
+    if (RegGetKeySecurity(k, DACL_SECURITY_INFORMATION, sd.data(), &n) != ERROR_SUCCESS) return {};
+    char* text = nullptr;
+    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                              &text, nullptr))
+        return {};
+    std::string out(text);
+    LocalFree(text);
+    return out;
+}
+
+// Every storm key whose DACL differs from the one it was made with has its record with the
+// original DACL: the keys are made beside a reference key that nothing protects.
+int check_keys(int clients) {
+    std::string reference;
+    HKEY ref = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\NVStorm\\ref", 0, READ_CONTROL, &ref) == ERROR_SUCCESS) {
+        reference = dacl_sddl(ref);
+        RegCloseKey(ref);
+    }
+    if (reference.empty()) {
+        std::printf("the reference key SOFTWARE\\NVStorm\\ref is missing\n");
+        return 1;
+    }
+    const std::set<std::string> records = value_names(reg_keys_key);
+    int orphans = 0;
+    for (int i = 0; i < clients; ++i) {
+        HKEY k = nullptr;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, storm_key(i).c_str(), 0, READ_CONTROL, &k) != ERROR_SUCCESS) {
+            // Unreadable to us: protected; it must be recorded.
+            if (records.count(record_name(i)) == 0) ++orphans;
+            continue;
+        }
+        const std::string sddl = dacl_sddl(k);
+        RegCloseKey(k);
+        if (sddl != reference && records.count(record_name(i)) == 0) {
+            std::printf("key %s has DACL %s without a record\n", storm_key(i).c_str(), sddl.c_str());
+            ++orphans;
+        }
+    }
+    // And every record holds an original DACL.
+    HKEY k = nullptr;
+    int empty = 0;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, reg_keys_key, 0, KEY_READ, &k) == ERROR_SUCCESS) {
+        for (DWORD i = 0;; ++i) {
+            char name[1024];
+            DWORD n = sizeof(name);
+            std::vector<unsigned char> data(65536);
+            DWORD size = static_cast<DWORD>(data.size());
+            if (RegEnumValueA(k, i, name, &n, nullptr, nullptr, data.data(), &size) != ERROR_SUCCESS) break;
+            mcl::binary_t b;
+            b.append(data.data(), size);
+            uint32_t pos = 0;
+            std::string original;
+            if (!mcl::read_string(original, b, pos) || original.empty()) ++empty;
+        }
+        RegCloseKey(k);
+    }
+    return orphans + empty;
+}
+
+int storm(int seconds, int clients, bool crashes, const std::string& self) {
+    counters c;
+    owned_state owned;
+    const DWORD pid = service_pid();
+    std::printf("service_pid: %lu\n", static_cast<unsigned long>(pid));
+    const ULONGLONG start = GetTickCount64();
+    const ULONGLONG end = start + static_cast<ULONGLONG>(seconds) * 1000;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < clients; ++i)
+        threads.emplace_back([&, i] { storm_client(i, end, c, owned, self); });
+    // Warm-up: a tenth of the run, at least 10 s.
+    const ULONGLONG warm = start + (seconds / 10 < 10 ? 10 : seconds / 10) * 1000ull;
+    while (GetTickCount64() < warm) Sleep(200);
+    const uint64_t answered_at_warm = c.answered.load();
+    usage warm_usage;
+    const bool warm_ok = sample(pid, warm_usage);
+    for (auto& t : threads) t.join();
+    const double elapsed = static_cast<double>(GetTickCount64() - warm) / 1000.0;
+    Sleep(3000);  // the service drops the last connections
+
+    std::printf("storm_seconds: %d s\n", seconds);
+    std::printf("storm_clients: %d clients\n", clients);
+    std::printf("requests_answered: %llu requests\n", static_cast<unsigned long long>(c.answered.load()));
+    std::printf("requests_unanswered: %llu requests\n", static_cast<unsigned long long>(c.unanswered.load()));
+    std::printf("hangups_mid_request: %llu clients\n", static_cast<unsigned long long>(c.hangups.load()));
+    std::printf("killed_mid_request: %llu clients\n", static_cast<unsigned long long>(c.killed.load()));
+    std::printf("connect_failures: %llu attempts\n", static_cast<unsigned long long>(c.connect_failures.load()));
+    std::printf("requests_per_second: %.1f requests/s\n",
+                elapsed > 0 ? static_cast<double>(c.answered.load() - answered_at_warm) / elapsed : 0.0);
+
+    check_every_request_answers();
+    const DWORD pid_after = service_pid();
+    if (!crashes) {
+        check(pid_after == pid, "the service ran the whole storm in one process");
+        usage after;
+        const bool after_ok = sample(pid, after);
+        if (warm_ok && after_ok) {
+            const double handles = 100.0 * (static_cast<double>(after.handles) - warm_usage.handles) / warm_usage.handles;
+            const double bytes =
+                100.0 * (static_cast<double>(after.private_bytes) - warm_usage.private_bytes) / warm_usage.private_bytes;
+            std::printf("handles_after_warmup: %lu handles\n", static_cast<unsigned long>(warm_usage.handles));
+            std::printf("handles_after_storm: %lu handles\n", static_cast<unsigned long>(after.handles));
+            std::printf("handles_change: %.1f %%\n", handles);
+            std::printf("private_bytes_after_warmup: %.1f MiB\n", warm_usage.private_bytes / 1048576.0);
+            std::printf("private_bytes_after_storm: %.1f MiB\n", after.private_bytes / 1048576.0);
+            std::printf("private_bytes_change: %.1f %%\n", bytes);
+            check(handles <= 10.0, "handle count within 10% of its value after warm-up");
+            check(bytes <= 10.0, "private bytes within 10% of their value after warm-up");
+        } else {
+            check(false, "the service's handle count and private bytes can be read");
+        }
+        // The persisted lists hold exactly what the answered requests left.
+        const std::set<std::string> services = value_names(services_key);
+        const std::set<std::string> records = value_names(reg_keys_key);
+        int wrong = 0;
+        for (const auto& s : owned.services) {
+            const bool listed = services.count("nvstorm" + std::to_string(s.first)) != 0;
+            if (listed != s.second) {
+                std::printf("service nvstorm%d: listed %d, want %d\n", s.first, listed ? 1 : 0, s.second ? 1 : 0);
+                ++wrong;
+            }
+        }
+        std::string reference;
+        HKEY ref = nullptr;
+        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, "SOFTWARE\\NVStorm\\ref", 0, READ_CONTROL, &ref) == ERROR_SUCCESS) {
+            reference = dacl_sddl(ref);
+            RegCloseKey(ref);
+        }
+        int kept = 0;
+        for (const auto& k : owned.keys) {
+            const bool listed = records.count(record_name(k.first)) != 0;
+            // An unprotect that could not write the original DACL back keeps the record: the key
+            // still differs from the reference then.
+            if (listed && !k.second && !reference.empty()) {
+                HKEY key = nullptr;
+                if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, storm_key(k.first).c_str(), 0, READ_CONTROL, &key) == ERROR_SUCCESS) {
+                    const bool differs = dacl_sddl(key) != reference;
+                    RegCloseKey(key);
+                    if (differs) {
+                        ++kept;
+                        continue;
+                    }
+                }
+            }
+            if (listed != k.second) {
+                std::printf("key %s: recorded %d, want %d\n", storm_key(k.first).c_str(), listed ? 1 : 0,
+                            k.second ? 1 : 0);
+                ++wrong;
+            }
+        }
+        std::printf("owned_services_checked: %zu services\n", owned.services.size());
+        std::printf("owned_keys_checked: %zu keys\n", owned.keys.size());
+        std::printf("records_kept_for_unrestored_keys: %d keys\n", kept);
+        check(wrong == 0, "the persisted services and keys are what the answered requests left");
+    }
+    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    return failures == 0 ? 0 : 1;
+}
+
+int victim() {
+    client_conn conn;
+    if (!conn.open()) return 1;
+    std::mt19937 rng(GetCurrentProcessId());
+    for (;;) {
+        mcl::binary_t reply;
+        if (!conn.request(msg::protect_processes, process_payload(1000 + static_cast<int>(rng() % 50), true), reply))
+            return 1;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    char self[MAX_PATH];
+    const DWORD n = GetModuleFileNameA(nullptr, self, MAX_PATH);
+    const std::string mode = argc > 1 ? argv[1] : "";
+    if (mode == "victim") return victim();
+    if (mode == "prepare") {
+        // The storm's keys beside the reference key, and its folders.
+        const int clients = argc > 2 ? atoi(argv[2]) : 200;
+        for (int i = -1; i < clients; ++i) {
+            HKEY k = nullptr;
+            const std::string name = i < 0 ? "SOFTWARE\\NVStorm\\ref" : storm_key(i);
+            if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, name.c_str(), 0, nullptr, 0, KEY_READ, nullptr, &k, nullptr) !=
+                ERROR_SUCCESS)
+                return 1;
+            RegCloseKey(k);
+            if (i >= 0) {
+                CreateDirectoryA("C:\\storm", nullptr);
+                CreateDirectoryA(("C:\\storm\\f" + std::to_string(i)).c_str(), nullptr);
+            }
+        }
+        return 0;
+    }
+    if (mode == "check-keys") {
+        const int clients = argc > 2 ? atoi(argv[2]) : 200;
+        check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+        return failures == 0 ? 0 : 1;
+    }
+    if (mode == "storm" && argc >= 4) {
+        const bool crashes = argc > 4 && std::strcmp(argv[4], "--crashes") == 0;
+        return storm(atoi(argv[2]), atoi(argv[3]), crashes, std::string(self, n));
+    }
+    std::fprintf(stderr, "usage: storm_bench storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | check-keys [CLIENTS]\n");
+    return 2;
+}

@@ -1,0 +1,92 @@
+#!/usr/bin/env bash
+# The storm against the running service with the driver simulator, in a prefix of its own:
+# CLIENTS concurrent clients for SECONDS (storm_bench.exe: valid requests of every kind, random
+# payloads and identifiers, hang-ups and kills in mid-request) while the simulator unloads and
+# reloads the driver and injects IRP denials; then the checks storm_bench prints. Then, KILLS
+# times, the service is killed with taskkill /f at a random moment of a second, shorter storm and
+# started again: each time it must answer, load its persisted lists and leave no protected
+# storm key without the record of its original DACL. Prints "name: value unit" lines.
+#
+#   bench/storm_bench.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS]]]]   defaults: build/mingw-x64 600 200 10
+set -uo pipefail
+here=$(cd "$(dirname "$0")/.." && pwd)
+build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
+seconds=${2:-600}
+clients=${3:-200}
+kills=${4:-10}
+export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
+[ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
+. "$here/tests/integration/protection_lib.sh"
+
+storm=$NV_BIN_DIR/storm_bench.exe
+run "$exe" -i install
+for i in 0 1 2 3 4 5 6 7; do
+    run sc create "nvstorm$i" binPath= 'C:\nv\absent.exe' start= demand
+done
+run "$storm" prepare "$clients"
+[ "$rc" = 0 ] || fail "prepare: $(cat "$out")"
+start_service
+
+# The simulator's churn: the driver unloaded and loaded again, denials injected, until told.
+churn() {
+    while [ ! -e "$work/stop_churn" ]; do
+        sleep $((8 + RANDOM % 8))
+        wine "$ctl" unload </dev/null >/dev/null 2>&1
+        sleep 1
+        wine "$ctl" load </dev/null >/dev/null 2>&1
+        for _ in 1 2 3; do
+            wine "$ctl" inject 3 0 4 "C:\\storm\\f$((RANDOM % clients))\\data.txt" </dev/null >/dev/null 2>&1
+        done
+    done
+}
+churn &
+churner=$!
+
+echo "== storm: $clients clients, $seconds s"
+wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1
+storm_rc=$?
+tr -d '\r' <"$work/storm.txt"
+[ "$storm_rc" = 0 ] || fail "storm checks (exit $storm_rc)"
+touch "$work/stop_churn"
+wait "$churner"
+# The simulator must be loaded for what follows.
+wine "$ctl" load </dev/null >/dev/null 2>&1
+
+echo "== crash recovery: $kills kills during a storm"
+crash_seconds=$((kills * 12 + 20))
+crash_clients=$((clients / 4 > 0 ? clients / 4 : 1))
+wine "$storm" storm "$crash_seconds" "$crash_clients" --crashes </dev/null >"$work/crash_storm.txt" 2>&1 &
+crash_storm=$!
+restart_total=0
+for k in $(seq 1 "$kills"); do
+    sleep "$((1 + RANDOM % 5)).$((RANDOM % 10))"
+    t0=$(date +%s.%N)
+    run taskkill /F /IM NorvaleHalvernService.exe
+    [ "$rc" = 0 ] || fail "kill $k: taskkill: $(cat "$out")"
+    start_service
+    t1=$(date +%s.%N)
+    restart_total=$(awk -v s="$restart_total" -v a="$t0" -v b="$t1" 'BEGIN { printf "%.2f", s + b - a }')
+    # The restarted service re-applies what it persisted while the storm goes on: its lists
+    # may take a while to be answered.
+    for id in 100000c 1000004; do
+        listed=""
+        for _ in $(seq 1 60); do
+            run "$client" -t 20000 send "$id"
+            if [ "$rc" = 0 ] && [ -n "$(head -n 1 "$out")" ]; then listed=yes; break; fi
+            sleep 1
+        done
+        [ -n "$listed" ] || fail "kill $k: the restarted service does not answer $id: $(cat "$out")"
+    done
+    run "$storm" check-keys "$clients"
+    [ "$rc" = 0 ] || fail "kill $k: $(cat "$out")"
+done
+wait "$crash_storm"
+crash_rc=$?
+tr -d '\r' <"$work/crash_storm.txt" | sed 's/^/crash storm: /'
+[ "$crash_rc" = 0 ] || fail "crash storm checks (exit $crash_rc)"
+echo "service_kills: $kills kills"
+echo "restart_mean: $(awk -v s="$restart_total" -v n="$kills" 'BEGIN { printf "%.2f", (n > 0) ? s / n : 0 }') s (kill to answering again)"
+
+stop_service
+echo "failures: $failures"
+[ "$failures" = 0 ]
