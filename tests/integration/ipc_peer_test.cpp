@@ -32,7 +32,13 @@ struct client {
     nv_test::recording_handler handler;
     mcl::ipc_peer peer{"", &handler};
 
-    bool connect(const std::string& name) { return peer.connect(name.c_str(), 10000); }
+    // A listener thread that has only just been started may not have its first pipe pair yet
+    // on a loaded machine: try again for up to half a minute.
+    bool connect(const std::string& name) {
+        for (int attempt = 0; attempt < 3; ++attempt)
+            if (peer.connect(name.c_str(), 10000)) return true;
+        return false;
+    }
     mcl::share_ptr<mcl::ipc_connection> connection() {
         auto all = peer.connections();
         return all.empty() ? mcl::share_ptr<mcl::ipc_connection>() : all.back();
