@@ -249,11 +249,15 @@ bool nvchelper::recover_service_dacl(const std::string& name, result* r) {
     return status_request(msg::service_ctrl_recover_dacl, payload, r);
 }
 
-bool nvchelper::recover_folder_dacl(const std::string& path, result* r) {
+bool nvchelper::path_request(uint32_t id, const std::string& path, result* r) {
     if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, path, r)) return false;
-    return status_request(msg::recover_folder_dacl, payload, r);
+    return status_request(id, payload, r);
+}
+
+bool nvchelper::recover_folder_dacl(const std::string& path, result* r) {
+    return path_request(msg::recover_folder_dacl, path, r);
 }
 
 bool nvchelper::restore_driver_protection(bool flag, result* r) {
@@ -340,26 +344,17 @@ bool nvchelper::get_quarantine_containers(std::vector<std::string>& out) {
 
 bool nvchelper::is_file_quarantined(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    if (!the_connection()) return false;
-    mcl::binary_t payload;
-    if (!codec::encode_path(payload, path, r)) return false;
-    return status_request(msg::is_file_quarantined, payload, r);
+    return path_request(msg::is_file_quarantined, path, r);
 }
 
 bool nvchelper::block_file_access(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    if (!the_connection()) return false;
-    mcl::binary_t payload;
-    if (!codec::encode_path(payload, path, r)) return false;
-    return status_request(msg::block_file_access, payload, r);
+    return path_request(msg::block_file_access, path, r);
 }
 
 bool nvchelper::unblock_file_access(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    if (!the_connection()) return false;
-    mcl::binary_t payload;
-    if (!codec::encode_path(payload, path, r)) return false;
-    return status_request(msg::unblock_file_access, payload, r);
+    return path_request(msg::unblock_file_access, path, r);
 }
 
 bool nvchelper::block_files_access(uint32_t action, const std::vector<std::string>& services,
@@ -379,10 +374,7 @@ bool nvchelper::block_files_access(uint32_t action, const std::vector<std::strin
 
 bool nvchelper::is_file_access_blocked(const std::string& path, result* r) {
     if (!gate_open(NVClientHelper::quarantine_protocol, r)) return false;
-    if (!the_connection()) return false;
-    mcl::binary_t payload;
-    if (!codec::encode_path(payload, path, r)) return false;
-    return status_request(msg::is_file_access_blocked, payload, r);
+    return path_request(msg::is_file_access_blocked, path, r);
 }
 
 // ---------------------------------------------------------------------------------------------

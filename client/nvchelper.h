@@ -107,6 +107,8 @@ private:
     bool request(uint32_t id, mcl::binary_t& payload);
     // request(), then the status reply into `r`; true when the service answered ok 1.
     bool status_request(uint32_t id, mcl::binary_t& payload, result* r);
+    // A request whose payload is one path: checked and encoded, then status_request().
+    bool path_request(uint32_t id, const std::string& path, result* r);
     bool subscription_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
                               const std::string& file_path, uint8_t major_function, uint8_t minor_function,
                               uint32_t type, result* r);
