@@ -303,17 +303,14 @@ void ipc_write_channel::take_queue_locked() {
 
 bool ipc_write_channel::complete_write() {
     if (pipe_ == nullptr) return false;
-    if (overflowed_) {
-        NV_LOG("mcl::ipc_write_channel::complete_write",
-               "The other end does not read: %u bytes wait to be written, end the connection",
-               static_cast<unsigned>(charged_ - in_flight_offset_));
-        return false;
-    }
+    // Reset before the overflow check: an overflow flagged after it sets the event again, so
+    // the wake-up that reports it is never lost while a write waits on a client that never reads.
+    if (connected_ && io_pending_) event_.reset();  // a completion after this sets it again
+    if (overflowed_) return end_overflowed();
     if (!connected_) {
         scoped_lock guard(write_lock_);
         if (!finish_connect()) return true;
     } else if (io_pending_) {
-        event_.reset();  // a completion after this sets it again
         DWORD n = 0;
         if (!GetOverlappedResult(pipe_, &overlapped_, &n, FALSE)) {
             const DWORD err = GetLastError();
@@ -339,7 +336,9 @@ bool ipc_write_channel::complete_write() {
             take_queue_locked();
             in_flight = &buffers_[queue_index_ ^ 1];
             if (in_flight_offset_ >= in_flight->size()) {
-                // Nothing left: sleep until the next enqueue. Under the lock, so no wake-up is lost.
+                // Nothing left: sleep until the next enqueue. Under the lock, where overflows
+                // are flagged, so no wake-up is lost.
+                if (overflowed_) break;
                 event_.reset();
                 return true;
             }
@@ -361,6 +360,14 @@ bool ipc_write_channel::complete_write() {
                error_text(err).c_str());
         return false;
     }
+    return end_overflowed();
+}
+
+bool ipc_write_channel::end_overflowed() {
+    NV_LOG("mcl::ipc_write_channel::complete_write",
+           "The other end does not read: %u bytes wait to be written, end the connection",
+           static_cast<unsigned>(charged_ - in_flight_offset_));
+    return false;
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -128,6 +128,8 @@ private:
     void take_queue_locked();
     // Counts `n` more queued bytes; false (and the channel marked overflowed) when refused.
     bool charge_locked(uint32_t n);
+    // Logs that the client does not read what is queued for it; false, ending the connection.
+    bool end_overflowed();
 
     mcl::lock write_lock_;  // guards the queue, which buffer is which, and the connected transition
     binary_t buffers_[2];   // one is the queue that enqueue grows, the other is in flight

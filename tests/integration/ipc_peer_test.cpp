@@ -147,7 +147,8 @@ TEST(IpcPeer, TheRequestOnTheWireIsSeventeenBytesAndSequencesRestartAfterClose) 
 TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
     nv_test::server_process server;
     client clients[3];
-    for (auto& c : clients) ASSERT_TRUE(c.connect(server.name()));
+    // A reply proves the listener's side of each connection is up, so the post cannot race it.
+    for (auto& c : clients) ASSERT_TRUE(c.connect(server.name()) && c.echo("up"));
     mcl::binary_t payload = text_payload("to all");
     ASSERT_TRUE(clients[0].peer.send(nv_test::msg_post_all, payload, clients[0].connection(), 10000));
     EXPECT_EQ(text_payload("posted"), payload);
