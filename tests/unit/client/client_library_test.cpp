@@ -348,58 +348,38 @@ TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent)
 }
 
 // Not an nvchelper: only its type matters to releaseHelper.
+using strings = std::vector<std::string>;
+using str = const std::string&;
+#define NO(name, ...) bool name(__VA_ARGS__) override { return false; }
 class foreign_helper : public invchelper {
 public:
     virtual ~foreign_helper() = default;
     bool is_installed() override { return true; }
-    bool is_stopped() override { return false; }
-    bool connect(int) override { return false; }
-    bool request_stop() override { return false; }
-    bool protect_service(const std::string&, result*) override { return false; }
-    bool protect_process(const std::string&, result*) override { return false; }
-    bool protect_reg_key(HKEY, const std::wstring&, uint32_t, result*) override { return false; }
-    bool unprotect_service(const std::string&, result*) override { return false; }
-    bool unprotect_process(const std::string&, result*) override { return false; }
-    bool unprotect_reg_key(HKEY, const std::wstring&, result*) override { return false; }
-    bool protect_services(const std::vector<nvc::service_rule>&, result*) override { return false; }
-    bool protect_processes(const std::vector<nvc::process_rule>&, result*) override { return false; }
-    bool protect_reg_keys(const std::vector<nvc::reg_key_rule>&, result*) override { return false; }
-    bool query_protected_services(std::vector<nvc::protected_service_info>&) override { return false; }
-    bool query_protected_processes(std::vector<nvc::protected_process_info>&) override { return false; }
-    bool get_protected_reg_keys(std::vector<nvc::protected_reg_key_info>&) override { return false; }
-    bool disable_driver_protection(result*) override { return false; }
-    bool enable_driver_protection(result*) override { return false; }
-    bool set_protection_enabled(bool, result*) override { return false; }
-    bool proto_compatible() override { return false; }
+    NO(is_stopped, void) NO(connect, int) NO(request_stop, void) NO(proto_compatible, void)
     uint32_t get_service_version() override { return 0; }
-    bool start_service(const nvc::start_request&, result*) override { return false; }
-    bool stop_service(const std::string&, result*) override { return false; }
-    bool recover_service_dacl(const std::string&, result*) override { return false; }
-    bool recover_folder_dacl(const std::string&, result*) override { return false; }
-    bool restore_driver_protection(bool, result*) override { return false; }
-    bool create_quarantine_container(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool add_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool remove_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool restore_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool quarantine_files(uint32_t, const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool remove_quarantine_container(uint32_t, const std::string&, result*) override { return false; }
-    bool get_quarantined_files(const std::string&, std::vector<nvc::quarantined_file>&) override { return false; }
-    bool get_quarantine_containers(std::vector<std::string>&) override { return false; }
-    bool is_file_quarantined(const std::string&, result*) override { return false; }
-    bool block_file_access(const std::string&, result*) override { return false; }
-    bool unblock_file_access(const std::string&, result*) override { return false; }
-    bool block_files_access(uint32_t, const std::vector<std::string>&, const std::vector<std::string>&, result*) override {
-        return false;
-    }
-    bool is_file_access_blocked(const std::string&, result*) override { return false; }
-    bool subscribe(const std::string&, const std::string&, uint8_t, uint8_t, uint32_t, result*) override { return false; }
-    bool subscribe_as(const std::string&, const std::string&, const std::string&, uint8_t, uint8_t, uint32_t,
-                      result*) override { return false; }
-    bool unsubscribe(const std::string&, const std::string&, uint8_t, uint8_t, uint32_t, result*) override { return false; }
-    bool unsubscribe_as(const std::string&, const std::string&, const std::string&, uint8_t, uint8_t, uint32_t,
-                        result*) override { return false; }
-    bool query_notification_data(std::vector<nvc::notification_data>&) override { return false; }
-    bool query_notification_data_as(const std::string&, std::vector<nvc::notification_data>&) override { return false; }
+    NO(protect_service, str, result*) NO(protect_process, str, result*) NO(unprotect_service, str, result*)
+    NO(unprotect_process, str, result*) NO(protect_reg_key, HKEY, const std::wstring&, uint32_t, result*)
+    NO(unprotect_reg_key, HKEY, const std::wstring&, result*)
+    NO(protect_services, const std::vector<nvc::service_rule>&, result*)
+    NO(protect_processes, const std::vector<nvc::process_rule>&, result*)
+    NO(protect_reg_keys, const std::vector<nvc::reg_key_rule>&, result*)
+    NO(query_protected_services, std::vector<nvc::protected_service_info>&)
+    NO(query_protected_processes, std::vector<nvc::protected_process_info>&)
+    NO(get_protected_reg_keys, std::vector<nvc::protected_reg_key_info>&)
+    NO(disable_driver_protection, result*) NO(enable_driver_protection, result*) NO(set_protection_enabled, bool, result*)
+    NO(start_service, const nvc::start_request&, result*) NO(stop_service, str, result*)
+    NO(recover_service_dacl, str, result*) NO(recover_folder_dacl, str, result*) NO(restore_driver_protection, bool, result*)
+    NO(create_quarantine_container, str, const strings&, result*) NO(add_quarantine_files, str, const strings&, result*)
+    NO(remove_quarantine_files, str, const strings&, result*) NO(restore_quarantine_files, str, const strings&, result*)
+    NO(quarantine_files, uint32_t, str, const strings&, result*) NO(remove_quarantine_container, uint32_t, str, result*)
+    NO(get_quarantined_files, str, std::vector<nvc::quarantined_file>&) NO(get_quarantine_containers, strings&)
+    NO(is_file_quarantined, str, result*) NO(block_file_access, str, result*) NO(unblock_file_access, str, result*)
+    NO(block_files_access, uint32_t, const strings&, const strings&, result*) NO(is_file_access_blocked, str, result*)
+    NO(subscribe, str, str, uint8_t, uint8_t, uint32_t, result*) NO(subscribe_as, str, str, str, uint8_t, uint8_t, uint32_t, result*)
+    NO(unsubscribe, str, str, uint8_t, uint8_t, uint32_t, result*)
+    NO(unsubscribe_as, str, str, str, uint8_t, uint8_t, uint32_t, result*)
+    NO(query_notification_data, std::vector<nvc::notification_data>&)
+    NO(query_notification_data_as, str, std::vector<nvc::notification_data>&)
 };
 
 TEST_F(client_library, release_posts_the_disconnect_and_leaves_foreign_pointers_alone) {
