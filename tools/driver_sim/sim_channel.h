@@ -35,7 +35,8 @@ inline constexpr uint32_t filter_load = 4;    // wstring filter -> hr
 inline constexpr uint32_t filter_unload = 5;  // wstring filter -> hr
 inline constexpr uint32_t filter_attach = 6;  // wstring filter, volume, instance -> hr, wstring instance
 inline constexpr uint32_t filter_detach = 7;  // wstring filter, volume, instance -> hr
-// From driver_ctl.
+// From driver_ctl; load and unload also from the stand-in image (driver_package/vqrmonitor.c)
+// when its service starts and stops.
 inline constexpr uint32_t state = 16;         // -> string JSON
 inline constexpr uint32_t journal = 17;       // -> string JSON
 inline constexpr uint32_t inject = 18;        // u32 type, byte major, byte minor, u32 pid, wstring file -> hr, u32 delivered

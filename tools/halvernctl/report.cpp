@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-#include <cstdio>
+#include "tools/json_text.h"
 
 namespace halvernctl {
 
@@ -53,26 +53,9 @@ void append_object(std::string& out, const fields& f, bool first) {
 value value::of(const std::wstring& s) { return value::of(wide_to(CP_ACP, s)); }
 
 std::string json_string(const std::string& ansi) {
-    const std::string utf8 = wide_to(CP_UTF8, ansi_to_wide(ansi));
-    std::string out = "\"";
-    for (unsigned char c : utf8) {
-        switch (c) {
-        case '"': out += "\\\""; break;
-        case '\\': out += "\\\\"; break;
-        case '\n': out += "\\n"; break;
-        case '\r': out += "\\r"; break;
-        case '\t': out += "\\t"; break;
-        default:
-            if (c < 0x20) {
-                char esc[8];
-                snprintf(esc, sizeof esc, "\\u%04x", c);
-                out += esc;
-            } else {
-                out += static_cast<char>(c);
-            }
-        }
-    }
-    return out + "\"";
+    std::string out;
+    json_text::append_string(out, ansi_to_wide(ansi));
+    return out;
 }
 
 std::string to_text(const report& r) {

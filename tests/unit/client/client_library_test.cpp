@@ -160,6 +160,15 @@ TEST_F(client_library, every_status_request_sends_its_fields_and_returns_the_rep
     EXPECT_EQ(hex(last().payload), "0100000001017376634100");
 }
 
+// A query's call: its records in a vector `v`, each as the given fields of `e` joined.
+#define QUERY(type, call, ...)                                \
+    [](invchelper* h, std::string& out) {                     \
+        std::vector<type> v;                                  \
+        const bool ok = h->call;                              \
+        for (const auto& e : v) out += join(__VA_ARGS__);     \
+        return ok;                                            \
+    }
+
 TEST_F(client_library, queries_send_their_fields_and_decode_the_replies) {
     ASSERT_TRUE(connect_compatible());
     struct query_case {
@@ -172,59 +181,28 @@ TEST_F(client_library, queries_send_their_fields_and_decode_the_replies) {
     const std::vector<query_case> cases = {
         {msg::query_protected_services,
          bytes().u32(1).u8(1).u8(1).str("D:S").str("D:F").str("svc").str("S-1-5-80-1").wstr(L"C:\\s\\s.exe").wstr(L"C:\\s").b,
-         [](invchelper* h, std::string& out) {
-             std::vector<nvc::protected_service_info> v;
-             const bool ok = h->query_protected_services(v);
-             for (const auto& e : v)
-                 out += join(e.valid, e.process_protected, e.service_sddl, e.folder_sddl, e.name, e.sid, e.image_path, e.folder);
-             return ok;
-         },
+         QUERY(nvc::protected_service_info, query_protected_services(v), e.valid, e.process_protected, e.service_sddl,
+               e.folder_sddl, e.name, e.sid, e.image_path, e.folder),
          {}, "1|1|D:S|D:F|svc|S-1-5-80-1|C:\\s\\s.exe|C:\\s|"},
         {msg::query_protected_processes,
          bytes().u32(2).u8(1).str("D:1").wstr(L"C:\\a\\a.exe").wstr(L"C:\\a").u8(1).str("").wstr(L"C:\\b.exe").wstr(L"C:\\").b,
-         [](invchelper* h, std::string& out) {
-             std::vector<nvc::protected_process_info> v;
-             const bool ok = h->query_protected_processes(v);
-             for (const auto& e : v) out += join(e.valid, e.folder_sddl, e.image_path, e.folder);
-             return ok;
-         },
+         QUERY(nvc::protected_process_info, query_protected_processes(v), e.valid, e.folder_sddl, e.image_path, e.folder),
          {}, "1|D:1|C:\\a\\a.exe|C:\\a|1||C:\\b.exe|C:\\|"},
         {msg::get_protected_reg_keys,
          bytes().u32(1).u8(1).str("D:O").str("D:N").u64(hklm_value).wstr(L"software\\x").str("own").list({"s1"}).b,
-         [](invchelper* h, std::string& out) {
-             std::vector<nvc::protected_reg_key_info> v;
-             const bool ok = h->get_protected_reg_keys(v);
-             for (const auto& e : v) out += join(e.valid, e.original_sddl, e.current_sddl, e.root, e.path, e.owner, e.services);
-             return ok;
-         },
+         QUERY(nvc::protected_reg_key_info, get_protected_reg_keys(v), e.valid, e.original_sddl, e.current_sddl, e.root,
+               e.path, e.owner, e.services),
          {}, "1|D:O|D:N|18446744071562067970|software\\x|own|s1,|"},
         {msg::get_quarantined_files, bytes().u32(1).str("a.txt.0102030405060708.QUA").str("C:\\d\\a.txt").b,
-         [](invchelper* h, std::string& out) {
-             std::vector<nvc::quarantined_file> v;
-             const bool ok = h->get_quarantined_files("C:\\q", v);
-             for (const auto& e : v) out += join(e.archive_name, e.recorded_path);
-             return ok;
-         },
+         QUERY(nvc::quarantined_file, get_quarantined_files("C:\\q", v), e.archive_name, e.recorded_path),
          bytes().str("C:\\q").b, "a.txt.0102030405060708.QUA|C:\\d\\a.txt|"},
         {msg::get_quarantine_containers, bytes().list({"c:\\q\\", "c:\\r\\"}).b,
-         [](invchelper* h, std::string& out) {
-             std::vector<std::string> v;
-             const bool ok = h->get_quarantine_containers(v);
-             out = join(v);
-             return ok;
-         },
-         {}, "c:\\q\\,c:\\r\\,|"},
+         QUERY(std::string, get_quarantine_containers(v), e), {}, "c:\\q\\|c:\\r\\|"},
         {msg::query_irp_notification_data,
          bytes().u32(1).u64(7).u64(0x01DB000000000000ull).str("c:\\f.txt").u8(3).u8(0).u64(1234).str("C:\\e.exe")
              .str("Evil").u32(1).b,
-         [](invchelper* h, std::string& out) {
-             std::vector<nvc::notification_data> v;
-             const bool ok = h->query_notification_data(v);
-             for (const auto& e : v)
-                 out += join(e.sequence, e.time, e.file_path, e.major_function, e.minor_function, e.process_id,
-                             e.process_image, e.process_description, e.irp_denied);
-             return ok;
-         },
+         QUERY(nvc::notification_data, query_notification_data(v), e.sequence, e.time, e.file_path, e.major_function,
+               e.minor_function, e.process_id, e.process_image, e.process_description, e.irp_denied),
          bytes().str(own).b, "7|133700613937561600|c:\\f.txt|3|0|1234|C:\\e.exe|Evil|1|"},
     };
     for (const query_case& c : cases) {
@@ -233,8 +211,7 @@ TEST_F(client_library, queries_send_their_fields_and_decode_the_replies) {
         std::string decoded;
         EXPECT_TRUE(c.call(helper_, decoded));
         EXPECT_EQ(decoded, c.decoded);
-        EXPECT_EQ(last().id, c.id);
-        EXPECT_EQ(hex(last().payload), hex(c.request));
+        EXPECT_EQ(join(last().id, hex(last().payload)), join(c.id, hex(c.request)));
         // Cut short by one byte: not decoded.
         service_->set_reply(c.id, mcl::binary_t(c.reply.data(), c.reply.size() - 1));
         EXPECT_FALSE(c.call(helper_, decoded));
@@ -348,58 +325,38 @@ TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent)
 }
 
 // Not an nvchelper: only its type matters to releaseHelper.
+using strings = std::vector<std::string>;
+using str = const std::string&;
+#define NO(name, ...) bool name(__VA_ARGS__) override { return false; }
 class foreign_helper : public invchelper {
 public:
     virtual ~foreign_helper() = default;
     bool is_installed() override { return true; }
-    bool is_stopped() override { return false; }
-    bool connect(int) override { return false; }
-    bool request_stop() override { return false; }
-    bool protect_service(const std::string&, result*) override { return false; }
-    bool protect_process(const std::string&, result*) override { return false; }
-    bool protect_reg_key(HKEY, const std::wstring&, uint32_t, result*) override { return false; }
-    bool unprotect_service(const std::string&, result*) override { return false; }
-    bool unprotect_process(const std::string&, result*) override { return false; }
-    bool unprotect_reg_key(HKEY, const std::wstring&, result*) override { return false; }
-    bool protect_services(const std::vector<nvc::service_rule>&, result*) override { return false; }
-    bool protect_processes(const std::vector<nvc::process_rule>&, result*) override { return false; }
-    bool protect_reg_keys(const std::vector<nvc::reg_key_rule>&, result*) override { return false; }
-    bool query_protected_services(std::vector<nvc::protected_service_info>&) override { return false; }
-    bool query_protected_processes(std::vector<nvc::protected_process_info>&) override { return false; }
-    bool get_protected_reg_keys(std::vector<nvc::protected_reg_key_info>&) override { return false; }
-    bool disable_driver_protection(result*) override { return false; }
-    bool enable_driver_protection(result*) override { return false; }
-    bool set_protection_enabled(bool, result*) override { return false; }
-    bool proto_compatible() override { return false; }
+    NO(is_stopped, void) NO(connect, int) NO(request_stop, void) NO(proto_compatible, void)
     uint32_t get_service_version() override { return 0; }
-    bool start_service(const nvc::start_request&, result*) override { return false; }
-    bool stop_service(const std::string&, result*) override { return false; }
-    bool recover_service_dacl(const std::string&, result*) override { return false; }
-    bool recover_folder_dacl(const std::string&, result*) override { return false; }
-    bool restore_driver_protection(bool, result*) override { return false; }
-    bool create_quarantine_container(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool add_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool remove_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool restore_quarantine_files(const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool quarantine_files(uint32_t, const std::string&, const std::vector<std::string>&, result*) override { return false; }
-    bool remove_quarantine_container(uint32_t, const std::string&, result*) override { return false; }
-    bool get_quarantined_files(const std::string&, std::vector<nvc::quarantined_file>&) override { return false; }
-    bool get_quarantine_containers(std::vector<std::string>&) override { return false; }
-    bool is_file_quarantined(const std::string&, result*) override { return false; }
-    bool block_file_access(const std::string&, result*) override { return false; }
-    bool unblock_file_access(const std::string&, result*) override { return false; }
-    bool block_files_access(uint32_t, const std::vector<std::string>&, const std::vector<std::string>&, result*) override {
-        return false;
-    }
-    bool is_file_access_blocked(const std::string&, result*) override { return false; }
-    bool subscribe(const std::string&, const std::string&, uint8_t, uint8_t, uint32_t, result*) override { return false; }
-    bool subscribe_as(const std::string&, const std::string&, const std::string&, uint8_t, uint8_t, uint32_t,
-                      result*) override { return false; }
-    bool unsubscribe(const std::string&, const std::string&, uint8_t, uint8_t, uint32_t, result*) override { return false; }
-    bool unsubscribe_as(const std::string&, const std::string&, const std::string&, uint8_t, uint8_t, uint32_t,
-                        result*) override { return false; }
-    bool query_notification_data(std::vector<nvc::notification_data>&) override { return false; }
-    bool query_notification_data_as(const std::string&, std::vector<nvc::notification_data>&) override { return false; }
+    NO(protect_service, str, result*) NO(protect_process, str, result*) NO(unprotect_service, str, result*)
+    NO(unprotect_process, str, result*) NO(protect_reg_key, HKEY, const std::wstring&, uint32_t, result*)
+    NO(unprotect_reg_key, HKEY, const std::wstring&, result*)
+    NO(protect_services, const std::vector<nvc::service_rule>&, result*)
+    NO(protect_processes, const std::vector<nvc::process_rule>&, result*)
+    NO(protect_reg_keys, const std::vector<nvc::reg_key_rule>&, result*)
+    NO(query_protected_services, std::vector<nvc::protected_service_info>&)
+    NO(query_protected_processes, std::vector<nvc::protected_process_info>&)
+    NO(get_protected_reg_keys, std::vector<nvc::protected_reg_key_info>&)
+    NO(disable_driver_protection, result*) NO(enable_driver_protection, result*) NO(set_protection_enabled, bool, result*)
+    NO(start_service, const nvc::start_request&, result*) NO(stop_service, str, result*)
+    NO(recover_service_dacl, str, result*) NO(recover_folder_dacl, str, result*) NO(restore_driver_protection, bool, result*)
+    NO(create_quarantine_container, str, const strings&, result*) NO(add_quarantine_files, str, const strings&, result*)
+    NO(remove_quarantine_files, str, const strings&, result*) NO(restore_quarantine_files, str, const strings&, result*)
+    NO(quarantine_files, uint32_t, str, const strings&, result*) NO(remove_quarantine_container, uint32_t, str, result*)
+    NO(get_quarantined_files, str, std::vector<nvc::quarantined_file>&) NO(get_quarantine_containers, strings&)
+    NO(is_file_quarantined, str, result*) NO(block_file_access, str, result*) NO(unblock_file_access, str, result*)
+    NO(block_files_access, uint32_t, const strings&, const strings&, result*) NO(is_file_access_blocked, str, result*)
+    NO(subscribe, str, str, uint8_t, uint8_t, uint32_t, result*) NO(subscribe_as, str, str, str, uint8_t, uint8_t, uint32_t, result*)
+    NO(unsubscribe, str, str, uint8_t, uint8_t, uint32_t, result*)
+    NO(unsubscribe_as, str, str, str, uint8_t, uint8_t, uint32_t, result*)
+    NO(query_notification_data, std::vector<nvc::notification_data>&)
+    NO(query_notification_data_as, str, std::vector<nvc::notification_data>&)
 };
 
 TEST_F(client_library, release_posts_the_disconnect_and_leaves_foreign_pointers_alone) {

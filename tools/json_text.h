@@ -1,12 +1,16 @@
-#include "tools/driver_sim/json_writer.h"
+// JSON text written by hand, shared by the tools that print JSON (halvernctl, the driver
+// simulator and driver_ctl): their documents are small and flat, and a library would be more
+// code than the output. Plain C++, so it also builds natively.
+#pragma once
 
+#include <cstdint>
 #include <cstdio>
+#include <string>
 
-namespace vqr::sim {
+namespace json_text {
 
-namespace {
-
-void append_utf8(std::string& out, uint32_t cp) {
+// Appends code point `cp` as UTF-8.
+inline void append_utf8(std::string& out, uint32_t cp) {
     if (cp < 0x80) {
         out.push_back(static_cast<char>(cp));
     } else if (cp < 0x800) {
@@ -24,9 +28,8 @@ void append_utf8(std::string& out, uint32_t cp) {
     }
 }
 
-}  // namespace
-
-std::string utf16_to_utf8(const std::wstring& text) {
+// UTF-16 units (one per wchar_t) to UTF-8; a lone surrogate becomes U+FFFD.
+inline std::string utf16_to_utf8(const std::wstring& text) {
     std::string out;
     for (size_t i = 0; i < text.size(); ++i) {
         const uint32_t unit = static_cast<uint16_t>(text[i]);
@@ -43,9 +46,10 @@ std::string utf16_to_utf8(const std::wstring& text) {
     return out;
 }
 
-void append_json_string(std::string& out, const std::string& text) {
+// Appends `utf8` as a quoted JSON string.
+inline void append_string(std::string& out, const std::string& utf8) {
     out.push_back('"');
-    for (const char c : text) {
+    for (const char c : utf8) {
         switch (c) {
             case '"': out += "\\\""; break;
             case '\\': out += "\\\\"; break;
@@ -65,19 +69,6 @@ void append_json_string(std::string& out, const std::string& text) {
     out.push_back('"');
 }
 
-void append_json_string(std::string& out, const std::wstring& text) {
-    append_json_string(out, utf16_to_utf8(text));
-}
+inline void append_string(std::string& out, const std::wstring& text) { append_string(out, utf16_to_utf8(text)); }
 
-std::string hex_bytes(const uint8_t* data, size_t size) {
-    static const char digits[] = "0123456789abcdef";
-    std::string out;
-    out.reserve(2 * size);
-    for (size_t i = 0; i < size; ++i) {
-        out.push_back(digits[data[i] >> 4]);
-        out.push_back(digits[data[i] & 0xF]);
-    }
-    return out;
-}
-
-}  // namespace vqr::sim
+}  // namespace json_text
