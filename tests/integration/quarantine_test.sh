@@ -82,7 +82,8 @@ ms=$(python3 -c "import sys; print(int.from_bytes(bytes.fromhex(sys.argv[1]), 'l
 [ ! -e "$drive_c/data/a.bin" ] && [ ! -e "$drive_c/data/b.txt" ] || fail "sources not deleted"
 for item in "$arc_a|$sum_a|C:\\data\\a.bin" "$arc_b|$sum_b|C:\\data\\b.txt"; do  # libmcrypt and lz4
     IFS='|' read -r arc sum path <<<"$item"
-    expect_eq "decoded path of $arc" "$path" "$(python3 "$decode" "$(unix_of "$arc")" "$work/decoded" 2>&1)"
+    expect_eq "recorded path and digest of $arc" "$path $sum" \
+        "$(python3 "$decode" "$(unix_of "$arc")" "$work/decoded" 2>&1)"
     expect_eq "decoded bytes of $arc" "$sum" "$(sum_of "$work/decoded")"
 done
 ls "$drive_c/q" | grep -v '\.QUA$' && fail "temporaries left in the container"

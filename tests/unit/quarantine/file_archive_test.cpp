@@ -1,6 +1,6 @@
 // Quarantine archives as files: the layout a reader finds on disk, restoring to the recorded
-// path, and every kind of damaged archive failing with its log line without writing anywhere
-// but the recorded path.
+// path, and damaged archives failing with their log line without writing anywhere but the
+// recorded path (tests/integration/quarantine_tool_test.sh damages them in further ways).
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -162,20 +162,13 @@ TEST(file_archive, damaged_archives_fail_with_their_log_line_and_leave_the_exist
     const auto frame = [](const bytes& a) { return nv_test::u32_at(a, 0); };
     const damage cases[] = {
         {"empty_file", [](bytes& a) { a.clear(); }, "Failed to read the archive header"},
-        {"zero_offset", [](bytes& a) { nv_test::set_u32_at(a, 0, 0); }, "Failed to read the archive header"},
         {"offset_inside_header", [](bytes& a) { nv_test::set_u32_at(a, 0, 60); }, "Invalid archive header: data offset 60"},
         {"offset_huge", [](bytes& a) { nv_test::set_u32_at(a, 0, 0xfffffff0u); }, "Invalid archive header: data offset"},
-        {"truncated_path", [&](bytes& a) { a.resize(frame(a) - 5); }, "Archive shorter than its header"},
         {"path_unterminated", [&](bytes& a) { a[frame(a) - 1] = 'x'; }, "Invalid archive header: path not terminated"},
         {"chunk_length_past_end", [&](bytes& a) { a.resize(frame(a) + 7 + 100); },
          "Decompress: failed to read encrypted block"},
         {"chunk_length_over_cap", [](bytes& a) { nv_test::set_u32_at(a, 12, 0x7fffffe0u); }, "Invalid encrypted chunk"},
-        {"frame_magic_garbage", [&](bytes& a) { a[frame(a)] ^= 0x55; }, "Invalid frame descriptor"},
-        {"frame_cut_short", [](bytes& a) { a.resize(a.size() - 1000); }, "Decompress: not enough input or error reading file"},
-        {"trailing_byte", [](bytes& a) { a.push_back(0); }, "Decompress: Trailing data left in file after frame"},
         {"chunk_byte_flipped", [&](bytes& a) { a[frame(a) + 7 + 5] ^= 1; }, "Decompression error"},
-        // Random content is stored raw, so this changes exactly one restored byte.
-        {"plain_block_byte_changed", [](bytes& a) { a[a.size() - 100] ^= 1; }, "The hash of restored file is not matched"},
         {"short_chunk_byte_flipped", [](bytes& a) { a[a.size() - 40] ^= 0x80; }, "Decompression error", true},
     };
     for (const auto& c : cases) {
