@@ -274,8 +274,7 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_
     } else if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "The hash of restored file is not matched\n");
     } else if (destination != nullptr && !destination->confirm(partial)) {
-        NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "The restored file <%s> is not where it was meant to be\n",
-               partial.c_str());
+        // Refused; the destination said why.
     } else if (!replace_file(partial.c_str(), info.path.c_str())) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to rename <%s> to <%s>\n", partial.c_str(),
                info.path.c_str());

@@ -44,6 +44,7 @@ bool flush_and_close(mcl::unique_file file);
 bool replace_file(const char* from, const char* to);
 
 // Where a restore may write, decided by its caller (the service keeps links out of the way).
+// Each refusal is logged by the destination.
 class restore_destination {
 public:
     virtual ~restore_destination() = default;

@@ -3,9 +3,10 @@
 //
 // Nothing is lost on the way: an archive is written under a temporary name in the container,
 // flushed, decoded again and checked against its digest, and only then renamed to its .QUA name;
-// the source is deleted after that rename. A restore writes beside its target and replaces it only
-// when the digest matched; the archive is deleted after that. A crash at any point leaves the
-// source or a complete archive (or both), never neither.
+// the source is deleted after that rename. A restore writes beside its target, in a folder it
+// holds open from its check to the rename (restore_target.h), and replaces the target only when
+// the digest matched; the archive is deleted after that. A crash at any point leaves the source
+// or a complete archive (or both), never neither; start-up removes the temporaries it left.
 #include <windows.h>
 
 #include <cstring>
