@@ -240,7 +240,7 @@ bool NVFileArchive::read_archive_info(FILE* archive, archive_info& info) {
     return true;
 }
 
-bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path) {
+bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_destination* destination) {
     mcl::unique_file archive = mcl::open_file(archive_path, "rb");
     if (!archive) return false;
     archive_info info;
@@ -252,6 +252,7 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path) {
         return false;
     }
     if (!check_frame_descriptor(archive.get())) return false;
+    if (destination != nullptr && !destination->open(info.path)) return false;
     NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restoring : %s -> %s\n", archive_path, info.path.c_str());
     const std::string partial = info.path + ".restoring";
     mcl::unique_file restored = mcl::open_file(partial.c_str(), "wb");
@@ -272,6 +273,8 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path) {
                info.path.c_str());
     } else if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "The hash of restored file is not matched\n");
+    } else if (destination != nullptr && !destination->confirm(partial)) {
+        // Refused; the destination said why.
     } else if (!replace_file(partial.c_str(), info.path.c_str())) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to rename <%s> to <%s>\n", partial.c_str(),
                info.path.c_str());

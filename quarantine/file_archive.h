@@ -43,6 +43,18 @@ bool flush_and_close(mcl::unique_file file);
 // Renames `from` to `to`, replacing what `to` names.
 bool replace_file(const char* from, const char* to);
 
+// Where a restore may write, decided by its caller (the service keeps links out of the way).
+// Each refusal is logged by the destination.
+class restore_destination {
+public:
+    virtual ~restore_destination() = default;
+    // Before anything is written: may the content go beside `target`?
+    virtual bool open(const std::string& target) = 0;
+    // After the temporary `temp` is written and flushed, before it replaces `target`: is it
+    // where open() agreed to?
+    virtual bool confirm(const std::string& temp) = 0;
+};
+
 class NVFileArchive {
 public:
     // Creates or replaces `archive_path` with the archive of `source_path`. The digest covers
@@ -52,8 +64,10 @@ public:
 
     // Checks the header, the chunk lengths and the frame descriptor, then writes the content
     // beside the path recorded in the archive and replaces that path with it only when its
-    // digest matches.
-    static bool NVFileArchive_restoreFile(const char* archive_path);
+    // digest matches. The temporary is the recorded path followed by ".restoring". With a
+    // `destination`, it is asked before writing and again before the rename; a refusal is a
+    // failure that leaves no temporary.
+    static bool NVFileArchive_restoreFile(const char* archive_path, restore_destination* destination = nullptr);
 
     // Reads the header and the recorded path from an archive open at its start and leaves the
     // stream at the frame. False (logged) for a missing or zero data offset, a data offset

@@ -12,17 +12,14 @@
 #include "mcl/mswin/unique_handle.h"
 #include "service/helper_service.h"
 #include "service/object_security.h"
+#include "service/quarantine_access.h"
 
 namespace {
 
 using mcl::mswin::unique_local;
 using mcl::mswin::unique_reg_key;
 
-std::string lower_ascii(std::string text) {
-    for (char& c : text)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return text;
-}
+constexpr const char* already_quarantined = "The file has already been quarantined.";
 
 // The file's DACL as SDDL text; empty when it cannot be read.
 std::string current_sddl(const std::wstring& path) {
@@ -67,37 +64,15 @@ bool chelperservice::blockFileAccess(const std::string& path, const std::vector<
     constexpr const char* fn = "chelperservice::blockFileAccess";
     if (path.empty()) return false;
     killProcessByPath(path);
-    std::vector<PSID> sids;
-    struct release {
-        std::vector<PSID>& sids;
-        ~release() {
-            for (PSID sid : sids) LocalFree(sid);
-        }
-    } hold{sids};
-    PSID own = nullptr;
-    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own)) {
-        NV_LOG(fn, "Unable to get halvern service's SID.");
-        return false;
-    }
-    sids.push_back(own);
-    for (const std::string& name : services) {
-        PSID sid = nullptr;
-        if (!mcl::mswin::service::get_sid(name.c_str(), &sid)) {
-            NV_LOG(fn,
-                   "Unable configure the full access service for the blocked file, failed to get service's sid for: "
-                   "%s\n",
-                   name.c_str());
-            continue;
-        }
-        sids.push_back(sid);
-    }
+    full_access_sids list;
+    if (!list.build(fn, "for the blocked file", services)) return false;
     const std::wstring wide = mcl::mswin::widen(path);
     // The old DACL goes to the registry before the file's DACL changes (a block of an already
     // blocked file keeps the first one).
     const bool recorded_before = blocked_files_.count(path) != 0;
     if (!recorded_before) (void)mcl::mswin::reg::write_string(blocked_files_key, path.c_str(), current_sddl(wide));
     char* previous = nullptr;
-    if (!setPathPermissions(wide, sids, &previous, /*denyOthers=*/true)) {
+    if (!setPathPermissions(wide, list.sids(), &previous, /*denyOthers=*/true)) {
         if (previous != nullptr) LocalFree(previous);
         if (!recorded_before) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, blocked_files_key, path.c_str());
         return false;
@@ -136,14 +111,10 @@ bool chelperservice::unblockFileAccess(const std::string& path) {
 
 void chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
     std::string path;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
-    path = lower_ascii(path);
-    if (!decoded || path.empty()) {
+    if (!read_lowered_path(payload, path)) {
         mcl::write_status(payload, false, "");
     } else if (is_quarantined_file(path)) {
-        mcl::write_status(payload, true, "The file has already been quarantined.");
+        mcl::write_status(payload, true, already_quarantined);
     } else {
         mcl::write_status(payload, blockFileAccess(path, {}), "");
     }
@@ -151,14 +122,10 @@ void chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payl
 
 void chelperservice::unblock_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
     std::string path;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
-    path = lower_ascii(path);
-    if (!decoded || path.empty()) {
+    if (!read_lowered_path(payload, path)) {
         mcl::write_status(payload, false, "");
     } else if (is_quarantined_file(path)) {
-        mcl::write_status(payload, false, "The file has already been quarantined.");
+        mcl::write_status(payload, false, already_quarantined);
     } else {
         mcl::write_status(payload, unblockFileAccess(path), "");
     }
@@ -191,12 +158,9 @@ void chelperservice::block_files_access(mcl::ipc_connection*, mcl::binary_t& pay
 
 void chelperservice::is_file_access_blocked(mcl::ipc_connection*, mcl::binary_t& payload) {
     std::string path;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
-    if (!decoded || path.empty()) {
+    if (!read_lowered_path(payload, path)) {
         mcl::write_status(payload, false, "");
         return;
     }
-    mcl::write_status(payload, true, blocked_files_.count(lower_ascii(path)) != 0 ? "yes" : "no");
+    mcl::write_status(payload, true, blocked_files_.count(path) != 0 ? "yes" : "no");
 }

@@ -3,20 +3,23 @@
 //
 // Nothing is lost on the way: an archive is written under a temporary name in the container,
 // flushed, decoded again and checked against its digest, and only then renamed to its .QUA name;
-// the source is deleted after that rename. A restore writes beside its target and replaces it only
-// when the digest matched; the archive is deleted after that. A crash at any point leaves the
-// source or a complete archive (or both), never neither.
+// the source is deleted after that rename. A restore writes beside its target, in a folder it
+// holds open from its check to the rename (restore_target.h), and replaces the target only when
+// the digest matched; the archive is deleted after that. A crash at any point leaves the source
+// or a complete archive (or both), never neither; start-up removes the temporaries it left.
 #include <windows.h>
 
 #include <cstring>
 
 #include "app/log.h"
 #include "mcl/file.h"
+#include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "quarantine/file_archive.h"
 #include "service/helper_service.h"
 #include "service/object_security.h"
+#include "service/quarantine_access.h"
 #include "service/restore_target.h"
 
 namespace {
@@ -27,12 +30,6 @@ using mcl::mswin::unique_local;
 constexpr const char* archive_suffix = ".QUA";
 // An archive being written and checked; never matches "*.QUA", so listings do not show it.
 constexpr const char* verifying_suffix = ".verifying";
-
-std::string lower_ascii(std::string text) {
-    for (char& c : text)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return text;
-}
 
 bool ends_with_nocase(const std::string& text, const char* suffix) {
     const size_t n = strlen(suffix);
@@ -103,11 +100,32 @@ bool verify_archive(const std::string& archive, const std::string& source) {
     return true;
 }
 
+// A disk that returns other bytes than were written cannot be made here: a test names a file
+// name in the value "ArchiveVerifyFault" under HKLM\Software\Norvale\NVClientHelper, and the
+// archive of a source of that name gets one digest byte changed between writing and reading
+// back. Only an administrator can write that value.
+void damage_for_verify_test(const std::string& source, const std::string& temp) {
+    mcl::binary_t value;
+    if (!mcl::mswin::reg::read_value(object_security::selector_key, "ArchiveVerifyFault", value) || value.size() < 2)
+        return;
+    const char* name = reinterpret_cast<const char*>(value.data());
+    if (strnlen(name, value.size()) == value.size() || _stricmp(name, source.c_str() + source.rfind('\\') + 1) != 0)
+        return;
+    mcl::unique_file file = mcl::open_file(temp.c_str(), "r+b");
+    unsigned char byte = 0;
+    if (file && fseek(file.get(), archive_hash_offset, SEEK_SET) == 0 && fread(&byte, 1, 1, file.get()) == 1 &&
+        fseek(file.get(), archive_hash_offset, SEEK_SET) == 0) {
+        byte ^= 0xFF;
+        (void)fwrite(&byte, 1, 1, file.get());
+    }
+}
+
 // Archives `source` to `archive` through a checked temporary; false leaves no file behind.
 bool archive_verified(const std::string& source, const std::string& archive) {
     constexpr const char* fn = "chelperservice::add_quarantine_files";
     const std::string temp = archive + verifying_suffix;
     if (!NVFileArchive::NVFileArchive_archiveFile(source.c_str(), temp.c_str())) return false;
+    damage_for_verify_test(source, temp);
     if (!verify_archive(temp, source)) {
         DeleteFileA(temp.c_str());
         return false;
@@ -281,15 +299,8 @@ bool chelperservice::restore_quarantine_files(const std::string& container, cons
             result = false;
             continue;
         }
-        std::string target;
-        bool ok = read_quarantine_file_original_path(archive, target);
-        if (ok && !restore_target_is_safe(target)) {
-            NV_LOG(fn, "Restore refused, the folder of %s is a link or not a local path; the archive is kept: %s",
-                   target.c_str(), archive.c_str());
-            ok = false;
-        }
-        ok = ok && NVFileArchive::NVFileArchive_restoreFile(archive.c_str());
-        if (!ok) {
+        restore_folder destination;
+        if (!NVFileArchive::NVFileArchive_restoreFile(archive.c_str(), &destination)) {
             NV_LOG(fn, "Failed to restore quarantine file: %s", archive.c_str());
             result = false;
             continue;
@@ -328,8 +339,10 @@ bool chelperservice::is_quarantined_file(const std::string& path) {
 
 void remove_archive_leftovers(const std::string& container);
 
-// Removes what an interrupted archiving left in a container: temporaries that never became an
-// archive. Their sources were not deleted (that happens only after the rename).
+// Removes what interrupted work left behind: in the container, temporaries that never became an
+// archive (their sources were not deleted, that happens only after the rename); beside each
+// archive's recorded path, the temporary of a restore that never finished (the archive still
+// holds the content, and a restore deletes its archive only after the rename).
 void remove_archive_leftovers(const std::string& container) {
     constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
     for (const char* pattern : {"*.QUA.verifying", "*.QUA.verifying.partial", "*.QUA.partial"}) {
@@ -342,5 +355,19 @@ void remove_archive_leftovers(const std::string& container) {
             NV_LOG(fn, "Removing an incomplete archive: %s", path.c_str());
             DeleteFileA(path.c_str());
         } while (FindNextFileA(find.get(), &entry));
+    }
+    std::vector<std::string> archives;
+    chelperservice::list_quarantine_files(container, archives);
+    for (const std::string& archive : archives) {
+        std::string target;
+        if (!chelperservice::read_quarantine_file_original_path(archive, target)) continue;
+        const std::string leftover = target + ".restoring";
+        const DWORD attrs = GetFileAttributesA(leftover.c_str());
+        // Never through a link, never a folder: only the very file a restore writes.
+        if (attrs == INVALID_FILE_ATTRIBUTES || (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0 ||
+            !restore_target_is_safe(leftover))
+            continue;
+        NV_LOG(fn, "Removing an interrupted restore: %s", leftover.c_str());
+        DeleteFileA(leftover.c_str());
     }
 }

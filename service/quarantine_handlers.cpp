@@ -7,23 +7,11 @@
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
+#include "service/quarantine_access.h"
 
 void remove_archive_leftovers(const std::string& container);
 
 namespace {
-
-struct sid_list {
-    std::vector<PSID> sids;
-    ~sid_list() {
-        for (PSID sid : sids) LocalFree(sid);
-    }
-};
-
-std::string lower_ascii(std::string text) {
-    for (char& c : text)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return text;
-}
 
 std::string normalise_container(std::string path) {
     if (path.empty() || path.back() != '\\') path += '\\';
@@ -61,27 +49,11 @@ bool chelperservice::createQuarantineContainer(const std::string& path, const st
         NV_LOG(fn, "The quarantine container path is not a folder: %s", path.c_str());
         return false;
     }
-    sid_list list;
-    PSID own = nullptr;
-    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own)) {
-        NV_LOG(fn, "Unable to get halvern service's SID.");
-        return false;
-    }
-    list.sids.push_back(own);
-    for (const std::string& name : services) {
-        PSID sid = nullptr;
-        if (!mcl::mswin::service::get_sid(name.c_str(), &sid)) {
-            NV_LOG(fn,
-                   "Unable configure the full access service to the quarantine container, failed to get service's "
-                   "sid for: %s\n",
-                   name.c_str());
-            continue;
-        }
-        list.sids.push_back(sid);
-    }
+    full_access_sids list;
+    if (!list.build(fn, "to the quarantine container", services)) return false;
     const std::wstring folder = folder_of(path);
     (void)restorePathPermissions(folder, default_folder_sddl);
-    if (!setPathPermissions(folder, list.sids, nullptr, /*denyOthers=*/true)) return false;
+    if (!setPathPermissions(folder, list.sids(), nullptr, /*denyOthers=*/true)) return false;
     {
         driver_port port = openDriverPort();
         if (port) drvProtectFolder(port.get(), folder, /*remove=*/false, /*block=*/true);
@@ -247,12 +219,9 @@ void chelperservice::get_quarantine_containers(mcl::ipc_connection*, mcl::binary
 
 void chelperservice::is_file_quarantined(mcl::ipc_connection*, mcl::binary_t& payload) {
     std::string path;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
-    if (!decoded || path.empty()) {
+    if (!read_lowered_path(payload, path)) {
         mcl::write_status(payload, false, "");
         return;
     }
-    mcl::write_status(payload, true, is_quarantined_file(lower_ascii(path)) ? "yes" : "no");
+    mcl::write_status(payload, true, is_quarantined_file(path) ? "yes" : "no");
 }

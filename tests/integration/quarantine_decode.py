@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """Decodes a quarantine archive with independent tools: libmcrypt's rijndael-256 (CBC) for the
-encrypted chunk and the lz4 command for the frame. Prints the recorded path; writes the content.
+encrypted chunk and the lz4 command for the frame. Prints the recorded path and digest; writes
+the content.
 
     quarantine_decode.py ARCHIVE OUTPUT
 """
@@ -48,7 +49,7 @@ def main():
         f.write(frame)
         f.flush()
         subprocess.run(["lz4", "-q", "-d", "-f", f.name, sys.argv[2]], check=True)
-    print(path)
+    print(path, archive[28:60].hex())
 
 
 main()

@@ -7,75 +7,67 @@ set -uo pipefail
 
 own_sid=$(service_sid $svc)
 other_sid=$(service_sid nv_other_svc)
+own_ace="(A;OICI;0x101f01ff;;;$own_sid)"
+other_ace="(A;OICI;0x101f01ff;;;$other_sid)"
 device='\Device\HarddiskVolume1'
 decode=$NV_SOURCE_DIR/tests/integration/quarantine_decode.py
-qkey='HKLM\Software\Norvale\NVClientHelper\QuarantineContainers'
+helper_key='HKLM\Software\Norvale\NVClientHelper'
+qkey="$helper_key\\QuarantineContainers"
 fkey='HKLM\system\CurrentControlSet\Services\VQRMonitor\ProtectedFolders'
-bkey='HKLM\Software\Norvale\NVClientHelper\BlockedFiles'
+bkey="$helper_key\\BlockedFiles"
+quarantined=$(status_msg 01 'The file has already been quarantined.')
 
-hex_list() {  # hex_list ITEM...: a string list
-    hex_u32 $#
-    for item in "$@"; do hex_str "$item"; done
-}
+hex_list() { hex_u32 $#; for item in "$@"; do hex_str "$item"; done; }
 # The text of a status reply's message (hex after the result byte, without the zero).
 reply_text() { printf '%s' "${reply:2}" | sed 's/00$//' | xxd -r -p; }
 reply_result() { printf '%s' "${reply:0:2}"; }
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
+upper() { printf '%s' "$1" | tr 'a-z' 'A-Z'; }
+lower() { printf '%s' "$1" | tr 'A-Z' 'a-z'; }
 quarantine() { request 10000ca "$(hex_u32 "$1")$(hex_str "$2")$(shift 2; hex_list "$@")"; }
+ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
+value_of() { run reg query "$1" /v "$2"; grep -o 'REG_[A-Z]* *.*' "$out" | tr -s ' '; }  # KEY NAME: "TYPE DATA"
+dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }
+new_rules() { driver_messages "$mark" | grep -v feature; }
+damage() { printf 'damage' | dd of="$(unix_of "$1")" bs=1 seek="$2" conv=notrunc status=none; }
 
 mkdir -p "$drive_c/data" "$drive_c/swap"
-{
-    printf 'file\tC:\\data\\blk.txt\tD:(A;;FA;;;BA)(A;;0x1200a9;;;BU)\n'
-    printf 'file\tC:\\data\\sub\tD:P(A;OICI;FA;;;BA)\n'
-} >"$journal"
-run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
+printf 'file\tC:\\data\\blk.txt\tD:(A;;FA;;;BA)(A;;0x1200a9;;;BU)\nfile\tC:\\data\\bad.txt\tD:P(A;;FA;;;BA)\n' >"$journal"
+run reg add "$helper_key" /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
 run "$exe" -i install
 expect_eq "install" 0 "$rc"
 start_service
 
 echo "== containers"
 mark=$(($(driver_count) + 1))
-request 10000c9 "$(hex_str 'C:\Q')$(hex_list nv_other_svc)"
-expect_eq "create C:\\Q" "$status_ok" "$reply"
-request 10000c9 "$(hex_str 'c:\q\')$(hex_list)"
-expect_eq "create c:\\q\\ again" "$status_ok" "$reply"
-request 10000cd
-expect_eq "one container" "$(hex_list 'c:\q\')" "$reply"
-expect_eq "code 9 once, device path" "9 command $device\\q" "$(driver_messages $mark | grep -v feature)"
-case "$(recorded file 'c:\q' | cut -f 1)" in
-"D:P(A;OICI;0x101f01ff;;;$own_sid)(A;OICI;0x101f01ff;;;$other_sid)"*) ;;
-*) fail "container DACL: $(recorded file 'c:\q')" ;;
-esac
-run reg query "$qkey" /v 'c:\q\'
-grep -q 'REG_DWORD *0x1' "$out" || fail "QuarantineContainers value: $(cat "$out")"
-run reg query "$fkey" /v 'c:\q\'
-grep -q 'REG_DWORD *0x1' "$out" || fail "ProtectedFolders value: $(cat "$out")"
+ask "create C:\\Q" "$status_ok" 10000c9 "$(hex_str 'C:\Q')$(hex_list nv_other_svc)"
+ask "create c:\\q\\ again" "$status_ok" 10000c9 "$(hex_str 'c:\q\')$(hex_list)"
+ask "one container" "$(hex_list 'c:\q\')" 10000cd
+expect_eq "code 9 once, device path" "9 command $device\\q" "$(new_rules)"
+dacl_starts "container DACL" 'c:\q' "D:P$own_ace$other_ace"
+expect_eq "QuarantineContainers value" "REG_DWORD 0x1" "$(value_of "$qkey" 'c:\q\')"
+expect_eq "ProtectedFolders value" "REG_DWORD 0x1" "$(value_of "$fkey" 'c:\q\')"
 
 echo "== bad container input"
 mark=$(($(driver_count) + 1))
 printf 'x' >"$drive_c/data/file.txt"
 long='C:\'$(printf 'y%.0s' $(seq 1 270))
-for case in "no backslash:noslash" "relative:q\\r" "over 260:$long" "a file:C:\\data\\file.txt" "dot dot:C:\\q\\..\\windows"; do
-    request 10000c9 "$(hex_str "${case#*:}")$(hex_list)"
-    expect_eq "${case%%:*}" "$(status_msg 00 'Invalid path.')" "$reply"
+for case in "no backslash:noslash" "relative:q\\r" "over 260:$long" "a file:C:\\data\\file.txt" \
+    "dot dot:C:\\q\\..\\windows" "empty:"; do
+    ask "${case%%:*}" "$(status_msg 00 'Invalid path.')" 10000c9 "$(hex_str "${case#*:}")$(hex_list)"
 done
-request 10000c9 "$(hex_str '')$(hex_list)"
-expect_eq "empty" "$(status_msg 00 'Invalid path.')" "$reply"
-request 10000c9 "$(hex_str 'c:\x')"
-expect_eq "no list" "$status_fail" "$reply"
-expect_eq "bad containers: no rule" "" "$(driver_messages $mark | grep -v feature)"
-request 10000cd
-expect_eq "still one container" "$(hex_list 'c:\q\')" "$reply"
+ask "no list" "$status_fail" 10000c9 "$(hex_str 'c:\x')"
+expect_eq "bad containers: no rule" "" "$(new_rules)"
+ask "still one container" "$(hex_list 'c:\q\')" 10000cd
 expect_eq "bad containers logged" 6 "$(log_count 'Failed to create quarantine container')"
 
-echo "== quarantine two files, a bare name"
+echo "== quarantine two files; a bare name and a failed check"
 head -c 1048576 /dev/urandom >"$drive_c/data/a.bin"
 seq 1 200000 >"$drive_c/data/b.txt"
 seq 5 300000 >"$drive_c/data/c.txt"
 sum_a=$(sum_of "$drive_c/data/a.bin")
 sum_b=$(sum_of "$drive_c/data/b.txt")
-sum_c=$(sum_of "$drive_c/data/c.txt")
 t0=$(($(date +%s) * 1000))
 quarantine 0 'C:\Q' 'C:\data\a.bin' 'C:\data\b.txt'
 t1=$(($(date +%s) * 1000 + 1000))
@@ -88,22 +80,29 @@ arc_b=${BASH_REMATCH[3]}
 ms=$(python3 -c "import sys; print(int.from_bytes(bytes.fromhex(sys.argv[1]), 'little'))" "${BASH_REMATCH[2]:-00}")
 [ "$ms" -ge "$t0" ] && [ "$ms" -le "$t1" ] || fail "archive name time $ms not within [$t0, $t1]"
 [ ! -e "$drive_c/data/a.bin" ] && [ ! -e "$drive_c/data/b.txt" ] || fail "sources not deleted"
-check_decoded() {  # ARCHIVE SUM PATH: decoded with libmcrypt and lz4
-    local got
-    got=$(python3 "$decode" "$(unix_of "$1")" "$work/decoded" 2>&1)
-    expect_eq "decoded path of $1" "$3" "$got"
-    expect_eq "decoded bytes of $1" "$2" "$(sum_of "$work/decoded")"
-}
-check_decoded "$arc_a" "$sum_a" 'C:\data\a.bin'
-check_decoded "$arc_b" "$sum_b" 'C:\data\b.txt'
+for item in "$arc_a|$sum_a|C:\\data\\a.bin" "$arc_b|$sum_b|C:\\data\\b.txt"; do  # libmcrypt and lz4
+    IFS='|' read -r arc sum path <<<"$item"
+    expect_eq "recorded path and digest of $arc" "$path $sum" \
+        "$(python3 "$decode" "$(unix_of "$arc")" "$work/decoded" 2>&1)"
+    expect_eq "decoded bytes of $arc" "$sum" "$(sum_of "$work/decoded")"
+done
 ls "$drive_c/q" | grep -v '\.QUA$' && fail "temporaries left in the container"
-quarantine 0 'c:\q' 'bare.txt' 'C:\data\c.txt'
+# The value makes the service damage the archive of bad.txt between writing and reading it back.
+printf 'bad' >"$drive_c/data/bad.txt"
+run reg add "$helper_key" /v ArchiveVerifyFault /t REG_SZ /d BAD.txt /f
+quarantine 0 'c:\q' 'bare.txt' 'C:\data\bad.txt' 'C:\data\c.txt'
+run reg delete "$helper_key" /v ArchiveVerifyFault /f
 expect_eq "bare name: result" 00 "$(reply_result)"
 msg=$(reply_text)
-re2='^;(c:\\q\\c\.txt\.[0-9A-F]{16}\.QUA);$'
-[[ "$msg" =~ $re2 ]] || fail "bare name: message [$msg]"
+re2='^;;(c:\\q\\c\.txt\.[0-9A-F]{16}\.QUA);$'
+[[ "$msg" =~ $re2 ]] || fail "bare name, failed check: message [$msg]"
 arc_c=${BASH_REMATCH[1]}
 expect_eq "bare name logged" 1 "$(log_count 'Invalid file path to quarantine: bare.txt')"
+expect_eq "failed check logged" 1 \
+    "$(log_count 'Archive verification failed, the content does not decode to its digest: c:\q\bad.txt.')"
+expect_eq "failed check: source kept" bad "$(cat "$drive_c/data/bad.txt")"
+expect_eq "failed check: its DACL put back" "D:P(A;;FA;;;BA)" "$(recorded file 'C:\data\bad.txt' | cut -f 1)"
+expect_eq "failed check: no archive nor temporary" "" "$(ls "$drive_c/q" | grep -i '^bad')"
 request 10000cc "$(hex_str 'C:\Q')"
 expect_eq "listing count" "$(hex_u32 3)" "${reply:0:8}"
 for pair in "$arc_a|C:\\data\\a.bin" "$arc_b|C:\\data\\b.txt" "$arc_c|C:\\data\\c.txt"; do
@@ -111,23 +110,12 @@ for pair in "$arc_a|C:\\data\\a.bin" "$arc_b|C:\\data\\b.txt" "$arc_c|C:\\data\\
     name=${name#c:\\q\\}
     [[ "$reply" == *"$(hex_str "$name")$(hex_str "${pair#*|}")"* ]] || fail "listing lacks $name"
 done
-request 10000cc "$(hex_str 'c:\notregistered')"
-expect_eq "unregistered listing" "$(hex_u32 0)" "$reply"
-
-mkdir -p "$drive_c/data/sub"
-quarantine 0 'c:\q' 'C:\data\sub'
-expect_eq "a folder as source: empty field" "$(status_msg 01 ';')" "$reply"
-expect_eq "a folder as source: its DACL put back" "D:P(A;OICI;FA;;;BA)" "$(recorded file 'C:\data\sub' | cut -f 1)"
-[ -d "$drive_c/data/sub" ] || fail "a folder as source: removed"
+ask "unregistered listing" "$(hex_u32 0)" 10000cc "$(hex_str 'c:\notregistered')"
 
 echo "== is quarantined"
-upper_c=$(printf '%s' "$arc_c" | tr 'a-z' 'A-Z')
-request 10000ce "$(hex_str "$upper_c")"
-expect_eq "archive, upper case" "$(status_msg 01 yes)" "$reply"
-request 10000ce "$(hex_str 'C:\data\c.txt')"
-expect_eq "source path" "$(status_msg 01 no)" "$reply"
-request 10000ce "$(hex_str '')"
-expect_eq "empty path" "$(status_msg 00 '')" "$reply"
+ask "archive, upper case" "$(status_msg 01 yes)" 10000ce "$(hex_str "$(upper "$arc_c")")"
+ask "source path" "$(status_msg 01 no)" 10000ce "$(hex_str 'C:\data\c.txt')"
+ask "empty path" "$(status_msg 00 '')" 10000ce "$(hex_str '')"
 
 echo "== remove and restore with a foreign archive"
 quarantine 1 'c:\q\' "$arc_c" 'c:\other\x.QUA' 'c:\q\..\nv\NorvaleHalvernService.exe' "$arc_c"
@@ -150,7 +138,6 @@ quarantine 0 'c:\q' 'C:\data\a.bin' 'C:\DATA\a.bin'
 msg=$(reply_text)
 re3='^(c:\\q\\a\.bin\.[0-9A-F]{16}\.QUA);;$'
 [[ "$msg" =~ $re3 ]] || fail "duplicates: message [$msg]"
-arc_a=${BASH_REMATCH[1]}
 expect_eq "duplicates: one archive of a.bin" 1 "$(ls "$drive_c/q" | grep -c '^a\.bin\.')"
 cp "$NV_BIN_DIR/nv_test_helper.exe" "$drive_c/data/runner.exe"
 wine "C:\\data\\runner.exe" hold-mutex 'Global\nv_runner' 120000 'Global\nv_runner_ready' </dev/null >/dev/null 2>&1 &
@@ -165,7 +152,7 @@ grep -a -q 'Terminating process .*runner.exe' "$log" || fail "running image: no 
 seq 1 1000 >"$drive_c/data/d.txt"
 quarantine 0 'c:\q' 'C:\data\d.txt'
 arc_d=$(reply_text | tr -d ';')
-printf 'damage' | dd of="$(unix_of "$arc_d")" bs=1 seek=200 conv=notrunc status=none
+damage "$arc_d" 200
 seq 1 10 >"$drive_c/data/d.txt"
 sum_d_now=$(sum_of "$drive_c/data/d.txt")
 quarantine 2 'c:\q' "$arc_d"
@@ -191,32 +178,19 @@ echo "== blocked files"
 printf 'blk' >"$drive_c/data/blk.txt"
 printf 'blk2' >"$drive_c/data/blk2.txt"
 mark=$(($(driver_count) + 1))
-request 10000cf "$(hex_str 'C:\Data\Blk.txt')"
-expect_eq "block" "$status_ok" "$reply"
-case "$(recorded file 'c:\data\blk.txt' | cut -f 1)" in
-"D:P(A;OICI;0x101f01ff;;;$own_sid)"*) ;;
-*) fail "blocked DACL: $(recorded file 'c:\data\blk.txt')" ;;
-esac
-expect_eq "block: code 9" "9 command $device\\data\\blk.txt" "$(driver_messages $mark | grep -v feature)"
-request 10000d2 "$(hex_str 'C:\DATA\BLK.TXT')"
-expect_eq "is blocked" "$(status_msg 01 yes)" "$reply"
-run reg query "$bkey" /v 'c:\data\blk.txt'
-grep -q 'REG_SZ *D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)' "$out" || fail "saved descriptor persisted: $(cat "$out")"
-upper_b=$(printf '%s' "$arc_b" | tr 'a-z' 'A-Z')
-request 10000cf "$(hex_str "$upper_b")"
-expect_eq "block an archive" "$(status_msg 01 'The file has already been quarantined.')" "$reply"
-request 10000d0 "$(hex_str "$arc_b")"
-expect_eq "unblock an archive" "$(status_msg 00 'The file has already been quarantined.')" "$reply"
-request 10000d1 "$(hex_u32 0)$(hex_list nv_other_svc)$(hex_list 'C:\data\blk2.txt' "$arc_b")"
-expect_eq "many, block: archive skipped" "$(status_msg 01 '')" "$reply"
-case "$(recorded file 'c:\data\blk2.txt' | cut -f 1)" in
-"D:P(A;OICI;0x101f01ff;;;$own_sid)(A;OICI;0x101f01ff;;;$other_sid)"*) ;;
-*) fail "many: blk2 DACL: $(recorded file 'c:\data\blk2.txt')" ;;
-esac
-request 10000d1 "$(hex_u32 1)$(hex_list)$(hex_list 'C:\data\blk2.txt' "$upper_b")"
-expect_eq "many, unblock: archive listed, lower-cased" "$(status_msg 01 "$(printf '%s' "$arc_b" | tr 'A-Z' 'a-z');")" "$reply"
-request 10000d2 "$(hex_str 'c:\data\blk2.txt')"
-expect_eq "blk2 unblocked" "$(status_msg 01 no)" "$reply"
+ask "block" "$status_ok" 10000cf "$(hex_str 'C:\Data\Blk.txt')"
+dacl_starts "blocked DACL" 'c:\data\blk.txt' "D:P$own_ace"
+expect_eq "block: code 9" "9 command $device\\data\\blk.txt" "$(new_rules)"
+ask "is blocked" "$(status_msg 01 yes)" 10000d2 "$(hex_str 'C:\DATA\BLK.TXT')"
+expect_eq "saved descriptor persisted" "REG_SZ D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)" "$(value_of "$bkey" 'c:\data\blk.txt')"
+ask "block an archive" "$quarantined" 10000cf "$(hex_str "$(upper "$arc_b")")"
+ask "unblock an archive" "$(status_msg 00 'The file has already been quarantined.')" 10000d0 "$(hex_str "$arc_b")"
+ask "many, block: archive skipped" "$(status_msg 01 '')" \
+    10000d1 "$(hex_u32 0)$(hex_list nv_other_svc)$(hex_list 'C:\data\blk2.txt' "$arc_b")"
+dacl_starts "many: blk2 DACL" 'c:\data\blk2.txt' "D:P$own_ace$other_ace"
+ask "many, unblock: archive listed, lower-cased" "$(status_msg 01 "$(lower "$arc_b");")" \
+    10000d1 "$(hex_u32 1)$(hex_list)$(hex_list 'C:\data\blk2.txt' "$(upper "$arc_b")")"
+ask "blk2 unblocked" "$(status_msg 01 no)" 10000d2 "$(hex_str 'c:\data\blk2.txt')"
 
 echo "== restart: containers and blocked files come back"
 run reg add "$qkey" /v "c:\\$(printf 'z%.0s' $(seq 1 300))\\" /t REG_DWORD /d 1 /f
@@ -226,103 +200,84 @@ start_service
 expect_eq "reload logged" 1 "$(log_count 'Read quarantine containers: c:\q\')"
 expect_eq "over-long name skipped" 0 "$(log_count 'Read quarantine containers: c:\zzz')"
 expect_eq "code 9 re-sent" "9 command $device\\q" "$(driver_messages $mark | grep '^9 ')"
-request 10000cd
-expect_eq "containers after restart" "$(hex_list 'c:\q\')" "$reply"
-request 10000d2 "$(hex_str 'c:\data\blk.txt')"
-expect_eq "blocked after restart" "$(status_msg 01 yes)" "$reply"
+ask "containers after restart" "$(hex_list 'c:\q\')" 10000cd
+ask "blocked after restart" "$(status_msg 01 yes)" 10000d2 "$(hex_str 'c:\data\blk.txt')"
 mark=$(($(driver_count) + 1))
-request 10000d0 "$(hex_str 'c:\data\blk.txt')"
-expect_eq "unblock after restart" "$status_ok" "$reply"
+ask "unblock after restart" "$status_ok" 10000d0 "$(hex_str 'c:\data\blk.txt')"
 expect_eq "unblock: saved descriptor back" "D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)" "$(recorded file 'c:\data\blk.txt' | cut -f 1)"
-expect_eq "unblock: code 10" "10 command $device\\data\\blk.txt" "$(driver_messages $mark | grep -v feature)"
-run reg query "$bkey" /v 'c:\data\blk.txt'
-[ "$rc" != 0 ] || fail "saved descriptor not removed"
+expect_eq "unblock: code 10" "10 command $device\\data\\blk.txt" "$(new_rules)"
+expect_eq "saved descriptor removed" "" "$(value_of "$bkey" 'c:\data\blk.txt')"
 
 echo "== remove containers"
 request 10000c9 "$(hex_str 'c:\r')$(hex_list)"
 seq 1 500 >"$drive_c/data/r.txt"
 quarantine 0 'c:\r' 'C:\data\r.txt'
-arc_r=$(reply_text | tr -d ';')
-printf 'damage' | dd of="$(unix_of "$arc_r")" bs=1 seek=150 conv=notrunc status=none
+damage "$(reply_text | tr -d ';')" 150
 mark=$(($(driver_count) + 1))
-request 10000cb "$(hex_u32 2)$(hex_str 'c:\r')"
-expect_eq "restore-remove with a failed restore" "$status_fail" "$reply"
-request 10000cd
-expect_eq "container kept" "$(hex_list 'c:\q\' 'c:\r\')" "$reply"
-run reg query "$qkey" /v 'c:\r\'
-expect_eq "value kept" 0 "$rc"
-expect_eq "rule kept" "" "$(driver_messages $mark | grep -v feature)"
-request 10000cb "$(hex_u32 1)$(hex_str 'C:\R')"
-expect_eq "delete-remove" "$status_ok" "$reply"
+ask "restore-remove with a failed restore" "$status_fail" 10000cb "$(hex_u32 2)$(hex_str 'c:\r')"
+ask "container kept" "$(hex_list 'c:\q\' 'c:\r\')" 10000cd
+expect_eq "value kept" "REG_DWORD 0x1" "$(value_of "$qkey" 'c:\r\')"
+expect_eq "rule kept" "" "$(new_rules)"
+ask "delete-remove" "$status_ok" 10000cb "$(hex_u32 1)$(hex_str 'C:\R')"
 [ ! -e "$drive_c/r" ] || fail "container folder left"
-expect_eq "delete-remove: code 10" "10 command $device\\r" "$(driver_messages $mark | grep -v feature)"
-run reg query "$qkey" /v 'c:\r\'
-[ "$rc" != 0 ] || fail "QuarantineContainers value left"
-run reg query "$fkey" /v 'c:\r\'
-[ "$rc" != 0 ] || fail "ProtectedFolders value left"
-request 10000cb "$(hex_u32 3)$(hex_str 'c:\q')"
-expect_eq "remove: bad action" "$(status_msg 00 'Invalid action.')" "$reply"
-request 10000cb "$(hex_u32 1)$(hex_str 'c:\nothere')"
-expect_eq "remove: unregistered" "$(status_msg 00 'Invalid quarantine container.')" "$reply"
+expect_eq "delete-remove: code 10" "10 command $device\\r" "$(new_rules)"
+expect_eq "QuarantineContainers value removed" "" "$(value_of "$qkey" 'c:\r\')"
+expect_eq "ProtectedFolders value removed" "" "$(value_of "$fkey" 'c:\r\')"
+ask "remove: bad action" "$(status_msg 00 'Invalid action.')" 10000cb "$(hex_u32 3)$(hex_str 'c:\q')"
+ask "remove: unregistered" "$(status_msg 00 'Invalid quarantine container.')" 10000cb "$(hex_u32 1)$(hex_str 'c:\nothere')"
 
 if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     echo "== crash safety: the service killed while quarantining and restoring"
     big=$drive_c/data/big.bin
     head -c $((512 * 1048576)) /dev/urandom >"$big"
     sum_big=$(sum_of "$big")
-    wait_for() {  # wait_for GLOB: until a file of the container matches
-        for _ in $(seq 1 600); do
-            compgen -G "$drive_c/q/$1" >/dev/null && return 0
-            sleep 0.05
-        done
-        return 1
-    }
-    check_one_form() {  # LABEL: the source intact or a complete archive that restores
-        local label=$1 arcs
-        arcs=$(ls "$drive_c/q" | grep '^big\.bin\..*\.QUA$')
-        echo "$label: source $([ -e "$big" ] && echo kept || echo gone), archive $([ -n "$arcs" ] && echo complete || echo none)"
-        if [ -e "$big" ] && [ "$(sum_of "$big")" = "$sum_big" ]; then
-            [ -z "$arcs" ] || { rm -f "$drive_c/q/$arcs"; }  # both forms: the archive was complete
-            return 0
+    # kill_during ACTION PATH GLOB: sends the request, kills the service once GLOB matches (or
+    # half a second after sending for "none"), starts it again.
+    kill_during() {
+        (wine "$client" -t 200000 send 10000ca "$(hex_u32 "$1")$(hex_str 'c:\q')$(hex_list "$2")" </dev/null >/dev/null 2>&1) &
+        local sender=$!
+        if [ "$3" = none ]; then sleep 0.5; else
+            for _ in $(seq 1 600); do compgen -G "$3" >/dev/null && break; sleep 0.05; done
+            compgen -G "$3" >/dev/null || echo "note: $3 not seen"
         fi
-        [ -n "$arcs" ] || { fail "$label: neither the source nor an archive"; return 1; }
-        quarantine 2 'c:\q' "c:\\q\\$arcs"
-        expect_eq "$label: archive restores" "$status_ok" "$reply"
-        expect_eq "$label: restored bytes" "$sum_big" "$(sum_of "$big")"
-    }
-    for moment in 'big.bin.*.QUA.verifying.partial' 'big.bin.*.QUA.verifying' 'big.bin.*.QUA' 'none'; do
-        (wine "$client" -t 200000 send 10000ca "$(hex_u32 0)$(hex_str 'c:\q')$(hex_list 'C:\data\big.bin')" \
-            </dev/null >/dev/null 2>&1) &
-        sender=$!
-        if [ "$moment" = none ]; then sleep 0.5; else wait_for "$moment" || echo "note: $moment not seen"; fi
         run taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
         start_service
+    }
+    for moment in 'big.bin.*.QUA.verifying.partial' 'big.bin.*.QUA.verifying' 'big.bin.*.QUA' 'none'; do
+        glob=$drive_c/q/$moment
+        [ "$moment" = none ] && glob=none
+        kill_during 0 'C:\data\big.bin' "$glob"
         ls "$drive_c/q" | grep -q -E 'verifying|partial' && fail "after $moment: temporaries left"
-        check_one_form "killed at $moment"
+        arcs=$(ls "$drive_c/q" | grep '^big\.bin\..*\.QUA$')
+        echo "killed at $moment: source $([ -e "$big" ] && echo kept || echo gone), archive ${arcs:-none}"
+        if [ -e "$big" ] && [ "$(sum_of "$big")" = "$sum_big" ]; then
+            [ -z "$arcs" ] || rm -f "$drive_c/q/$arcs"  # both forms: the archive was complete
+            continue
+        fi
+        [ -n "$arcs" ] || { fail "killed at $moment: neither the source nor an archive"; continue; }
+        quarantine 2 'c:\q' "c:\\q\\$arcs"
+        expect_eq "killed at $moment: archive restores" "$status_ok" "$reply"
+        expect_eq "killed at $moment: restored bytes" "$sum_big" "$(sum_of "$big")"
     done
     quarantine 0 'c:\q' 'C:\data\big.bin'
     arc_big=$(reply_text | tr -d ';')
     [ -e "$(unix_of "$arc_big")" ] || fail "big archive missing"
-    for moment in 'restoring' 'none'; do
-        (wine "$client" -t 200000 send 10000ca "$(hex_u32 2)$(hex_str 'c:\q')$(hex_list "$arc_big")" \
-            </dev/null >/dev/null 2>&1) &
-        sender=$!
-        if [ "$moment" = none ]; then sleep 0.5; else
-            for _ in $(seq 1 600); do [ -e "$big.restoring" ] && break; sleep 0.05; done
-        fi
-        run taskkill /F /IM NorvaleHalvernService.exe
-        wait $sender
-        start_service
-        echo "restore killed at $moment: archive $([ -e "$(unix_of "$arc_big")" ] && echo kept || echo gone), file $([ -e "$big" ] && echo present || echo absent)"
-        if [ -e "$(unix_of "$arc_big")" ]; then
-            [ ! -e "$big" ] || expect_eq "restore killed at $moment: restored copy" "$sum_big" "$(sum_of "$big")"
-            rm -f "$big.restoring"
-        else
-            expect_eq "restore killed at $moment: restored bytes" "$sum_big" "$(sum_of "$big")"
-            break
-        fi
+    # A restore killed while it writes leaves "big.bin.restoring"; the next start removes it
+    # (the archive still holds the content) and the archive restores.
+    for moment in "$big.restoring" none; do
+        kill_during 2 "$arc_big" "$moment"
+        [ -e "$(unix_of "$arc_big")" ] || break
+        [ ! -e "$big" ] || expect_eq "restore killed at $moment: restored copy" "$sum_big" "$(sum_of "$big")"
+        [ ! -e "$big.restoring" ] || fail "restore killed at $moment: leftover kept"
     done
+    [ "$(log_count 'Removing an interrupted restore: C:\data\big.bin.restoring')" -ge 1 ] || fail "no interrupted restore removed"
+    if [ -e "$(unix_of "$arc_big")" ]; then
+        quarantine 2 'c:\q' "$arc_big"
+        expect_eq "restore after the kills" "$status_ok" "$reply"
+    fi
+    expect_eq "restored bytes" "$sum_big" "$(sum_of "$big")"
+    [ ! -e "$(unix_of "$arc_big")" ] || fail "archive kept after its restore"
     rm -f "$big"
 fi
 

@@ -1,6 +1,6 @@
 // Quarantine archives as files: the layout a reader finds on disk, restoring to the recorded
-// path, and every kind of damaged archive failing with its log line without writing anywhere
-// but the recorded path.
+// path, and damaged archives failing with their log line without writing anywhere but the
+// recorded path (tests/integration/quarantine_tool_test.sh damages them in further ways).
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -142,6 +142,9 @@ TEST(file_archive, failed_archiving_leaves_what_was_at_the_archive_path) {
     EXPECT_FALSE(NVFileArchive::NVFileArchive_archiveFile(source.string().c_str(),
                                                           (dir / "no_such_dir" / "s.QUA").string().c_str()));
     EXPECT_FALSE(log.contains("Archiving : " + source.string()));
+    // A missing archive restores nothing, silently.
+    EXPECT_FALSE(NVFileArchive::NVFileArchive_restoreFile((dir / "none.QUA").string().c_str()));
+    EXPECT_FALSE(log.contains("NVFileArchive_restoreFile"));
 }
 
 // One way to damage a good archive, and the line its restore must log.
@@ -159,29 +162,13 @@ TEST(file_archive, damaged_archives_fail_with_their_log_line_and_leave_the_exist
     const auto frame = [](const bytes& a) { return nv_test::u32_at(a, 0); };
     const damage cases[] = {
         {"empty_file", [](bytes& a) { a.clear(); }, "Failed to read the archive header"},
-        {"truncated_offset", [](bytes& a) { a.resize(3); }, "Failed to read the archive header"},
-        {"zero_offset", [](bytes& a) { nv_test::set_u32_at(a, 0, 0); }, "Failed to read the archive header"},
         {"offset_inside_header", [](bytes& a) { nv_test::set_u32_at(a, 0, 60); }, "Invalid archive header: data offset 60"},
         {"offset_huge", [](bytes& a) { nv_test::set_u32_at(a, 0, 0xfffffff0u); }, "Invalid archive header: data offset"},
-        {"truncated_header", [](bytes& a) { a.resize(40); }, "Archive shorter than its header"},
-        {"truncated_path", [&](bytes& a) { a.resize(frame(a) - 5); }, "Archive shorter than its header"},
         {"path_unterminated", [&](bytes& a) { a[frame(a) - 1] = 'x'; }, "Invalid archive header: path not terminated"},
-        {"offset_past_end", [](bytes& a) { a.resize(1000); nv_test::set_u32_at(a, 0, 2000); },
-         "Archive shorter than its header"},
         {"chunk_length_past_end", [&](bytes& a) { a.resize(frame(a) + 7 + 100); },
          "Decompress: failed to read encrypted block"},
         {"chunk_length_over_cap", [](bytes& a) { nv_test::set_u32_at(a, 12, 0x7fffffe0u); }, "Invalid encrypted chunk"},
-        {"chunk_length_partial_block", [](bytes& a) { nv_test::set_u32_at(a, 12, 262175); }, "Invalid encrypted chunk"},
-        {"decrypt_length_over_stored", [](bytes& a) { nv_test::set_u32_at(a, 8, 262177); }, "Invalid encrypted chunk"},
-        {"frame_magic_garbage", [&](bytes& a) { a[frame(a)] ^= 0x55; }, "Invalid frame descriptor"},
-        {"frame_descriptor_garbage", [&](bytes& a) { a[frame(a) + 5] ^= 0x70; }, "Invalid frame descriptor"},
-        {"no_frame", [&](bytes& a) { a.resize(frame(a)); }, "Invalid frame descriptor"},
-        {"frame_cut_short", [](bytes& a) { a.resize(a.size() - 1000); }, "Decompress: not enough input or error reading file"},
-        {"trailing_byte", [](bytes& a) { a.push_back(0); }, "Decompress: Trailing data left in file after frame"},
         {"chunk_byte_flipped", [&](bytes& a) { a[frame(a) + 7 + 5] ^= 1; }, "Decompression error"},
-        // Random content is stored raw, so this changes exactly one restored byte.
-        {"plain_block_byte_changed", [](bytes& a) { a[a.size() - 100] ^= 1; }, "The hash of restored file is not matched"},
-        {"digest_changed", [](bytes& a) { a[40] ^= 1; }, "The hash of restored file is not matched"},
         {"short_chunk_byte_flipped", [](bytes& a) { a[a.size() - 40] ^= 0x80; }, "Decompression error", true},
     };
     for (const auto& c : cases) {
@@ -203,13 +190,6 @@ TEST(file_archive, damaged_archives_fail_with_their_log_line_and_leave_the_exist
         EXPECT_EQ(existing, nv_test::read_file(source));
         EXPECT_EQ((std::vector<std::string>{"victim.QUA", "victim.bin"}), nv_test::list_dir(dir));
     }
-}
-
-TEST(file_archive, restore_of_a_missing_archive_fails_silently) {
-    nv_test::log_capture log;
-    const fs::path dir = nv_test::fresh_dir("missing");
-    EXPECT_FALSE(NVFileArchive::NVFileArchive_restoreFile((dir / "none.QUA").string().c_str()));
-    EXPECT_FALSE(log.contains("NVFileArchive_restoreFile"));
 }
 
 }  // namespace

@@ -1,13 +1,17 @@
-// Where a restore may write: this system cannot make junctions or symbolic links that report
-// themselves as reparse points, so the check is fed the attributes a link would have.
+// Where a restore may write. This system cannot make junctions or symbolic links that report
+// themselves as such, so the checks are fed the attributes and final paths a link would give.
 #include <gtest/gtest.h>
 
 #include <map>
 #include <string>
 
 #include "service/restore_target.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/unit/quarantine/archive_test_support.h"
 
 namespace {
+
+namespace fs = std::filesystem;
 
 std::map<std::string, DWORD> g_attributes;
 
@@ -16,35 +20,94 @@ DWORD fake_attributes(const char* path) {
     return it == g_attributes.end() ? INVALID_FILE_ATTRIBUTES : it->second;
 }
 
-constexpr DWORD dir = FILE_ATTRIBUTE_DIRECTORY;
+constexpr DWORD folder_attrs = FILE_ATTRIBUTE_DIRECTORY;
 constexpr DWORD link = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
 
 TEST(restore_target, refuses_links_and_odd_paths_anywhere_on_the_way) {
     struct {
-        const char* label;
         std::map<std::string, DWORD> attributes;
         const char* target;
         bool safe;
     } cases[] = {
-        {"plain folders, file missing", {{"C:\\data", dir}, {"C:\\data\\sub", dir}}, "C:\\data\\sub\\a.txt", true},
-        {"file present", {{"C:\\data", dir}, {"C:\\data\\a.txt", FILE_ATTRIBUTE_ARCHIVE}}, "C:\\data\\a.txt", true},
-        {"folder swapped for a junction", {{"C:\\data", link}}, "C:\\data\\a.txt", false},
-        {"deeper link", {{"C:\\data", dir}, {"C:\\data\\sub", link}}, "C:\\data\\sub\\a.txt", false},
-        {"file is a symbolic link", {{"C:\\data", dir}, {"C:\\data\\a.txt", FILE_ATTRIBUTE_REPARSE_POINT}},
-         "C:\\data\\a.txt", false},
-        {"folder gone", {}, "C:\\data\\a.txt", false},
-        {"folder is a file", {{"C:\\data", FILE_ATTRIBUTE_ARCHIVE}}, "C:\\data\\a.txt", false},
-        {"dot dot", {{"C:\\data", dir}}, "C:\\data\\..\\windows\\a.txt", false},
-        {"relative", {{"data", dir}}, "data\\a.txt", false},
-        {"UNC", {}, "\\\\server\\share\\a.txt", false},
-        {"forward slash", {{"C:\\data", dir}}, "C:\\data/a.txt", false},
-        {"empty component", {{"C:\\data", dir}}, "C:\\data\\\\a.txt", false},
-        {"drive root file", {}, "C:\\a.txt", true},
+        {{{"C:\\data", folder_attrs}, {"C:\\data\\sub", folder_attrs}}, "C:\\data\\sub\\a.txt", true},
+        {{{"C:\\data", folder_attrs}, {"C:\\data\\a.txt", FILE_ATTRIBUTE_ARCHIVE}}, "C:\\data\\a.txt", true},
+        {{{"C:\\data", link}}, "C:\\data\\a.txt", false},
+        {{{"C:\\data", folder_attrs}, {"C:\\data\\sub", link}}, "C:\\data\\sub\\a.txt", false},
+        {{{"C:\\data", folder_attrs}, {"C:\\data\\a.txt", FILE_ATTRIBUTE_REPARSE_POINT}}, "C:\\data\\a.txt", false},
+        {{}, "C:\\data\\a.txt", false},
+        {{{"C:\\data", folder_attrs}}, "C:\\data\\..\\windows\\a.txt", false},
+        {{}, "\\\\server\\share\\a.txt", false},
+        {{{"C:\\data", folder_attrs}}, "C:\\data\\\\a.txt", false},
     };
     for (const auto& c : cases) {
         g_attributes = c.attributes;
-        EXPECT_EQ(c.safe, restore_target_is_safe(c.target, fake_attributes)) << c.label;
+        EXPECT_EQ(c.safe, restore_target_is_safe(c.target, fake_attributes)) << c.target;
     }
+}
+
+// Final paths as they are, or with the folder (or only the restore's temporary) moved under
+// C:\windows, as when a link replaced the folder before the check (or after it).
+enum class swapped { none, folder, temporary } g_swap;
+
+bool swapping_final_path(HANDLE handle, std::wstring& path) {
+    wchar_t buffer[1024];
+    const DWORD n = GetFinalPathNameByHandleW(handle, buffer, 1024, 0);
+    if (n == 0 || n >= 1024) return false;
+    path.assign(buffer, n);
+    const bool temporary = path.size() > 10 && path.compare(path.size() - 10, 10, L".restoring") == 0;
+    if (g_swap == swapped::folder || (g_swap == swapped::temporary && temporary))
+        path = L"\\\\?\\C:\\windows" + path.substr(path.rfind(L'\\'));
+    return true;
+}
+
+TEST(restore_folder, holds_the_folder_and_refuses_a_link_swapped_in_before_or_after_the_check) {
+    const nv_test::bytes content = nv_test::random_bytes(5000, 3);
+    const struct {
+        swapped swap;
+        bool restored;
+        const char* line;
+    } cases[] = {
+        {swapped::none, true, "restore : done"},
+        {swapped::folder, false, "is a link or not a local path; the archive is kept."},
+        {swapped::temporary, false, "is not in the folder that was checked; the archive is kept."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.line);
+        nv_test::log_capture log;
+        const fs::path dir = nv_test::fresh_dir(std::to_string(static_cast<int>(c.swap)));
+        const fs::path source = dir / "data" / "a.bin";
+        const fs::path archive = dir / "a.QUA";
+        fs::create_directories(source.parent_path());
+        nv_test::write_file(source, content);
+        ASSERT_TRUE(NVFileArchive::NVFileArchive_archiveFile(source.string().c_str(), archive.string().c_str()));
+        fs::remove(source);
+
+        g_swap = c.swap;
+        restore_folder destination(swapping_final_path);
+        EXPECT_EQ(c.restored, NVFileArchive::NVFileArchive_restoreFile(archive.string().c_str(), &destination));
+        EXPECT_TRUE(log.contains(c.line)) << log.text();
+        EXPECT_EQ(c.restored ? std::vector<std::string>{"a.bin"} : std::vector<std::string>{},
+                  nv_test::list_dir(source.parent_path()));
+        EXPECT_TRUE(fs::exists(archive));
+        if (c.restored) {
+            EXPECT_EQ(content, nv_test::read_file(source));
+        }
+    }
+}
+
+TEST(restore_folder, nobody_can_rename_or_replace_the_held_folder) {
+    const fs::path dir = nv_test::fresh_dir("held");
+    fs::create_directories(dir / "data");
+    const std::wstring folder = (dir / "data").wstring();
+    const std::wstring moved = (dir / "moved").wstring();
+    {
+        restore_folder destination;
+        ASSERT_TRUE(destination.open((dir / "data" / "a.txt").string()));
+        EXPECT_FALSE(MoveFileW(folder.c_str(), moved.c_str()));
+        EXPECT_EQ(static_cast<DWORD>(ERROR_SHARING_VIOLATION), GetLastError());
+        EXPECT_FALSE(RemoveDirectoryW(folder.c_str()));
+    }
+    EXPECT_TRUE(MoveFileW(folder.c_str(), moved.c_str())) << "released with the restore";
 }
 
 }  // namespace
