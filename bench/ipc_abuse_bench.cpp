@@ -5,12 +5,18 @@
 // connections that announce 64 MiB frames and trickle one byte a second, NEVER_READING (50)
 // connections that each leave one 3,000-byte reply unread, and FLOODING (4) connections that
 // send 20 MiB of requests and never read a reply. Prints "name: value unit" lines.
+//   ipc_abuse_bench.exe service [ANNOUNCING [NEVER_READING]]
+// The same against the installed, running service (bench/ipc_abuse_bench.sh sets it up): 8
+// connections that each send one 3,000-byte request of an unknown identifier and never read
+// the reply, 200 that announce 64 MiB frames; then the time from the stop control to the
+// service manager reporting the service stopped.
 #include <windows.h>
 
 #include <psapi.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <string>
 
 #include "mcl/event.h"
@@ -41,9 +47,65 @@ nv_test::child abuse(const std::string& helper, const std::string& name, int sta
                           /*capture_output=*/true);
 }
 
+// Waits for the service to report `state`, polling every 5 ms for up to `ms`.
+bool wait_service_state(SC_HANDLE svc, DWORD state, DWORD ms) {
+    const double start = now_ms();
+    SERVICE_STATUS status{};
+    while (QueryServiceStatus(svc, &status)) {
+        if (status.dwCurrentState == state) return true;
+        if (now_ms() - start > ms) return false;
+        Sleep(5);
+    }
+    return false;
+}
+
+int run_service(int argc, char** argv) {
+    const int announcing = argc > 2 ? atoi(argv[2]) : 200;
+    const int never_reading = argc > 3 ? atoi(argv[3]) : 8;
+    const char* name = "norvale_halvern_svc";
+    const std::string helper = nv_test::bin_dir() + "nv_ipc_helper.exe";
+    SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+    SC_HANDLE svc = manager != nullptr ? OpenServiceA(manager, name, SERVICE_STOP | SERVICE_QUERY_STATUS) : nullptr;
+    if (svc == nullptr || !wait_service_state(svc, SERVICE_RUNNING, 1000)) {
+        printf("the service %s is not running (error %lu)\n", name, static_cast<unsigned long>(GetLastError()));
+        return 1;
+    }
+    SERVICE_STATUS_PROCESS process{};
+    DWORD needed = 0;
+    (void)QueryServiceStatusEx(svc, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&process), sizeof(process), &needed);
+    HANDLE service_process = OpenProcess(PROCESS_QUERY_INFORMATION | PROCESS_VM_READ, FALSE, process.dwProcessId);
+
+    const double start = now_ms();
+    nv_test::child stalled = abuse(helper, name, never_reading, 0, 0);
+    nv_test::child trickling = abuse(helper, name, 0, 0, announcing);
+    wait_ready(stalled);
+    wait_ready(trickling);
+    printf("service_abuse_connect_all: %.0f ms\n", now_ms() - start);
+    Sleep(3000);  // the requests are read and their replies are waiting on the clients
+    if (service_process != nullptr)
+        printf("service_abuse_private_bytes: %.1f MiB\n",
+               static_cast<double>(private_bytes(service_process)) / (1024.0 * 1024.0));
+
+    const double stop_start = now_ms();
+    SERVICE_STATUS status{};
+    const bool sent = ControlService(svc, SERVICE_CONTROL_STOP, &status) != FALSE;
+    const DWORD err = sent ? ERROR_SUCCESS : GetLastError();
+    const bool stopped = wait_service_state(svc, SERVICE_STOPPED, 120000);
+    printf("service_abuse_stop: %.0f ms (target: under 2000; %d never reading, %d announcing%s)\n",
+           now_ms() - stop_start, never_reading, announcing, !sent ? ", stop control failed" : !stopped ? ", not stopped" : "");
+    if (!sent) printf("ControlService error %lu\n", static_cast<unsigned long>(err));
+    stalled.kill();
+    trickling.kill();
+    if (service_process != nullptr) CloseHandle(service_process);
+    CloseServiceHandle(svc);
+    CloseServiceHandle(manager);
+    return stopped ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 1 && strcmp(argv[1], "service") == 0) return run_service(argc, argv);
     const int announcing = argc > 1 ? atoi(argv[1]) : 200;
     const int never_reading = argc > 2 ? atoi(argv[2]) : 50;
     const int flooding = argc > 3 ? atoi(argv[3]) : 4;

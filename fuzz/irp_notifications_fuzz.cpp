@@ -6,6 +6,7 @@
 
 #include "mcl/buffer.h"
 #include "service/irp_tables.h"
+#include "service/request_payloads.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     irp::message m;
@@ -16,14 +17,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     payload.assign(data, static_cast<uint32_t>(size));
     irp::subscribe_request request;
     std::string subscriber;
-    (void)irp::decode_query(payload, subscriber);
+    (void)request_payload::read_query_irp_notification_data(payload, subscriber);
 
     // The tables under a stream of operations chosen by the input.
     static irp::tables tables;
     static uint64_t counter = 0;
     static uint64_t now = 0;
     static unsigned runs = 0;
-    if (irp::decode_subscribe(payload, request) == irp::request_check::ok && !request.subscriber.empty() &&
+    if (request_payload::read_subscribe_irp_notification(payload, request) == irp::request_check::ok && !request.subscriber.empty() &&
         !request.event_name.empty()) {
         if (request.file_path.empty()) request.file_path = irp::any_file;
         (void)tables.subscribe(request);

@@ -62,14 +62,7 @@ void protect_reg_keys(const mcl::binary_t& payload) {
     std::vector<reg_key_entry> entries;
     if (!request_payload::read_protect_reg_keys(payload, entries)) return;
     mcl::binary_t again;
-    mcl::write_list(again, entries, [](mcl::binary_t& out, const reg_key_entry& e) {
-        mcl::write_byte(out, e.action);
-        mcl::write_u64(out, e.root);
-        mcl::write_wstring(out, e.path);
-        mcl::write_string(out, e.owner);
-        mcl::write_string_list(out, e.services);
-        mcl::write_u32(out, e.level);
-    });
+    mcl::write_list(again, entries, request_payload::write_reg_key_entry);
     std::vector<reg_key_entry> reread;
     check(request_payload::read_protect_reg_keys(again, reread) && same(entries, reread));
 }
@@ -108,12 +101,12 @@ void restore_driver_protection(const mcl::binary_t& payload) {
 
 void subscribe_irp_notification(const mcl::binary_t& payload) {
     irp::subscribe_request request;
-    (void)irp::decode_subscribe(payload, request);
+    (void)request_payload::read_subscribe_irp_notification(payload, request);
 }
 
 void query_irp_notification_data(const mcl::binary_t& payload) {
     std::string subscriber;
-    (void)irp::decode_query(payload, subscriber);
+    (void)request_payload::read_query_irp_notification_data(payload, subscriber);
 }
 
 // In the order of the first byte of the corpus files.

@@ -18,6 +18,7 @@
 #include "service/driver_protocol.h"
 #include "service/filter_library.h"
 #include "service/helper_service.h"
+#include "service/request_payloads.h"
 
 namespace {
 
@@ -325,7 +326,7 @@ void chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binar
 void chelperservice::subscribeIrpNotification(mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
     irp::subscribe_request request;
-    const irp::request_check check = irp::decode_subscribe(payload, request);
+    const irp::request_check check = request_payload::read_subscribe_irp_notification(payload, request);
     bool result = false;
     if (check == irp::request_check::truncated) {
         NV_LOG(fn, "Subscription request of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
@@ -376,7 +377,7 @@ void chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::bina
 void chelperservice::queryIrpNotificationData(mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::query_irp_notification_data";
     std::string subscriber;
-    const irp::request_check check = irp::decode_query(payload, subscriber);
+    const irp::request_check check = request_payload::read_query_irp_notification_data(payload, subscriber);
     if (check == irp::request_check::oversized) {
         NV_LOG(fn, "Query of %u bytes is oversized (a subscriber name of at most %u bytes), refused",
                static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_name_bytes));

@@ -3,20 +3,10 @@
 #include <algorithm>
 
 #include "mcl/encoding.h"
+#include "mcl/endian.h"
 
 namespace irp {
 namespace {
-
-uint32_t get_u32(const uint8_t* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
-// A string field with its own bound: `oversized` rather than reading on past the bound.
-request_check read_bounded(std::string& value, size_t max_bytes, const mcl::binary_t& in, uint32_t& pos) {
-    if (!mcl::read_string(value, in, pos)) return request_check::truncated;
-    return value.size() > max_bytes ? request_check::oversized : request_check::ok;
-}
 
 // The holding and pending lists are kept in rising order, which is arrival order: the receiver
 // hands out sequences from one rising counter. Both operations are then logarithmic, and
@@ -46,11 +36,11 @@ message_check parse_message(const uint8_t* data, size_t size, message& out) {
     out = message{};
     if (size > message_size) size = message_size;
     if (data == nullptr || size < message_fixed_size) return message_check::too_short;
-    out.id = static_cast<uint64_t>(get_u32(data + 8)) | static_cast<uint64_t>(get_u32(data + 12)) << 32;
-    out.type = get_u32(data + 16);
+    out.id = static_cast<uint64_t>(mcl::load_u32_le(data + 8)) | static_cast<uint64_t>(mcl::load_u32_le(data + 12)) << 32;
+    out.type = mcl::load_u32_le(data + 16);
     out.major_function = data[20];
     out.minor_function = data[21];
-    out.process_id = get_u32(data + 24);
+    out.process_id = mcl::load_u32_le(data + 24);
     if (out.type != type_irp_denied) return message_check::ok;
     for (size_t pos = message_fixed_size; pos + 1 < size; pos += 2) {
         const auto unit = static_cast<uint16_t>(data[pos] | data[pos + 1] << 8);
@@ -59,32 +49,6 @@ message_check parse_message(const uint8_t* data, size_t size, message& out) {
     }
     out.file_name.clear();
     return message_check::name_unterminated;
-}
-
-request_check decode_subscribe(const mcl::binary_t& payload, subscribe_request& out) {
-    out = subscribe_request{};
-    if (payload.size() > max_subscribe_payload) return request_check::oversized;
-    uint32_t pos = 0;
-    uint8_t unsubscribe = 0;
-    if (!mcl::read_byte(unsubscribe, payload, pos)) return request_check::truncated;
-    out.unsubscribe = unsubscribe != 0;
-    request_check c = read_bounded(out.subscriber, max_name_bytes, payload, pos);
-    if (c == request_check::ok) c = read_bounded(out.event_name, max_name_bytes, payload, pos);
-    if (c == request_check::ok) c = read_bounded(out.file_path, max_path_bytes, payload, pos);
-    if (c != request_check::ok) return c;
-    if (!mcl::read_byte(out.what.major_function, payload, pos) || !mcl::read_byte(out.what.minor_function, payload, pos) ||
-        !mcl::read_u32(out.what.type, payload, pos))
-        return request_check::truncated;
-    return pos == payload.size() ? request_check::ok : request_check::oversized;
-}
-
-request_check decode_query(const mcl::binary_t& payload, std::string& subscriber) {
-    subscriber.clear();
-    if (payload.size() > max_query_payload) return request_check::oversized;
-    uint32_t pos = 0;
-    const request_check c = read_bounded(subscriber, max_name_bytes, payload, pos);
-    if (c != request_check::ok) return c;
-    return pos == payload.size() ? request_check::ok : request_check::oversized;
 }
 
 void write_record(mcl::binary_t& out, const record& r) {

@@ -1,6 +1,6 @@
 // IRP-denied notifications without Windows: the notification message reader, the subscription
-// table, the notification store with its pending index, and the codecs of the subscribe and
-// query requests. The service (service/irp_notifications.cpp) holds one `tables` under its
+// table, the notification store with its pending index, and the reply records of the query
+// request. The service (service/irp_notifications.cpp) holds one `tables` under its
 // IRP lock and does the Windows half (the port, events, processes, volumes, the log lines).
 //
 // Plain C++, so the readers also build natively for the fuzz and sanitizer runs.
@@ -93,12 +93,7 @@ struct subscribe_request {
     filter what;
 };
 
-// 0x10000fa: byte unsubscribe, string subscriber, string event name, string file path, byte
-// major, byte minor, u32 type. Oversized: larger than any well-formed request, a field over its
-// bound, or bytes after the last field. Reads nothing of a payload that is too large.
-request_check decode_subscribe(const mcl::binary_t& payload, subscribe_request& out);
-// 0x10000fb: string subscriber. An empty payload is `truncated`.
-request_check decode_query(const mcl::binary_t& payload, std::string& subscriber);
+// The subscribe and query requests are read by service/request_payloads.h.
 
 // ---- records and tables
 

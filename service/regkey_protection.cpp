@@ -196,19 +196,6 @@ bool valid_key_path(const std::wstring& path, std::string& why) {
     return true;
 }
 
-bool read_entry(reg_key_entry& entry, const mcl::binary_t& in, uint32_t& pos) {
-    return request_payload::read_reg_key_entry(entry, in, pos);
-}
-
-void write_entry(mcl::binary_t& out, const reg_key_entry& entry) {
-    mcl::write_byte(out, entry.action);
-    mcl::write_u64(out, entry.root);
-    mcl::write_wstring(out, entry.path);
-    mcl::write_string(out, entry.owner);
-    mcl::write_string_list(out, entry.services);
-    mcl::write_u32(out, entry.level);
-}
-
 bool read_record(reg_key_record& record, const mcl::binary_t& in, uint32_t& pos) {
     return mcl::read_string(record.original_dacl, in, pos) && mcl::read_string(record.current_dacl, in, pos) &&
            mcl::read_u32(record.root, in, pos) && mcl::read_wstring(record.path, in, pos) &&

@@ -47,8 +47,6 @@ HKEY predefined_root(uint64_t root);
 // False, with the reason in `why`, for a path no registry key can have.
 bool valid_key_path(const std::wstring& path, std::string& why);
 
-[[nodiscard]] bool read_entry(reg_key_entry& entry, const mcl::binary_t& in, uint32_t& pos);
-void write_entry(mcl::binary_t& out, const reg_key_entry& entry);
 [[nodiscard]] bool read_record(reg_key_record& record, const mcl::binary_t& in, uint32_t& pos);
 void write_record(mcl::binary_t& out, const reg_key_record& record);
 

@@ -19,13 +19,12 @@ enum route_effect : bool { reads_only = false, changes_state = true };
 
 struct request_route {
     uint32_t id;
-    handler_fn handler;  // null: the request is not handled by this build
+    handler_fn handler;
     const char* name;
     route_effect effect = reads_only;
 };
 
-// Handlers of the protection, service-control, quarantine and IRP messages join this table as
-// their parts land.
+// One route for every identifier of the catalogue; any other identifier is unknown.
 const request_route routes[] = {
     {msg::disconnect, &chelperservice::disconnect_client, "disconnect"},
     {msg::stop_service, &chelperservice::stop_service, "stop service", changes_state},
@@ -80,14 +79,7 @@ const request_route* find_route(uint32_t id) {
     return nullptr;
 }
 
-// A catalogue request whose handler this build does not have yet: a failed status reply, never
-// the echo of the request, which a client would decode as its answer. A route added to the
-// table takes over.
-void answer_not_available(uint32_t id, mcl::binary_t& payload) {
-    NV_LOG("chelperservice::helper_msg_handler::operator ()", "IPC message %X is not available in this build", id);
-    payload.clear();
-    mcl::write_status(payload, false, "The request is not available in this version of the service");
-}
+static_assert(std::size(routes) == std::size(msg::catalogue), "every catalogue identifier has a route");
 
 }  // namespace
 
@@ -101,10 +93,6 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
         NV_LOG(fn, "Audit: request \"%s\" (IPC message %X) from process %lu (%s)", route->name, msg_id,
                static_cast<unsigned long>(conn->client_process_id()),
                conn->client_image().empty() ? "image unknown" : conn->client_image().c_str());
-    if ((route == nullptr || route->handler == nullptr) && msg::in_catalogue(msg_id)) {
-        answer_not_available(msg_id, payload);
-        return 1;
-    }
     if (route == nullptr) {
         NV_LOG(fn, "Unknow mc::ipc message %X, ignored", msg_id);
         return 1;

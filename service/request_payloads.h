@@ -1,6 +1,7 @@
 // The request payloads the service reads, as plain functions over bytes: the handlers and the
 // fuzz targets share them. Each returns false for a payload that does not hold the request;
-// nothing else is checked here (names, paths and rules are judged by the handlers).
+// nothing else is checked here (names, paths and rules are judged by the handlers), except the
+// bounds of the IRP notification requests.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +9,7 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "service/irp_tables.h"
 
 // One item of request 0x1000003.
 struct process_rule {
@@ -45,11 +47,19 @@ namespace request_payload {
 // 0x100000b: list of reg_key_entry.
 [[nodiscard]] bool read_reg_key_entry(reg_key_entry& entry, const mcl::binary_t& in, uint32_t& pos);
 [[nodiscard]] bool read_protect_reg_keys(const mcl::binary_t& payload, std::vector<reg_key_entry>& entries);
+// One reg_key_entry as read_reg_key_entry reads it.
+void write_reg_key_entry(mcl::binary_t& out, const reg_key_entry& entry);
 // 0x1000065: string service name (not empty), string list of arguments.
 [[nodiscard]] bool read_start_service(const mcl::binary_t& payload, std::string& name, std::vector<std::string>& args);
 // 0x1000066, 0x1000067: string service name; 0x1000069: string folder path. Not empty.
 [[nodiscard]] bool read_name(const mcl::binary_t& payload, std::string& name);
 // 0x1000068: any bytes but none.
 [[nodiscard]] bool read_restore_driver_protection(const mcl::binary_t& payload);
+// 0x10000fa: byte unsubscribe, string subscriber, string event name, string file path, byte
+// major, byte minor, u32 type. Oversized: larger than any well-formed request, a field over its
+// bound, or bytes after the last field. Reads nothing of a payload that is too large.
+irp::request_check read_subscribe_irp_notification(const mcl::binary_t& payload, irp::subscribe_request& out);
+// 0x10000fb: string subscriber. An empty payload is `truncated`.
+irp::request_check read_query_irp_notification_data(const mcl::binary_t& payload, std::string& subscriber);
 
 }  // namespace request_payload

@@ -2,21 +2,11 @@
 
 #include <cstring>
 
+#include "mcl/endian.h"
+
 namespace mcl {
 
 namespace {
-
-uint32_t load_u32(const unsigned char* p) {
-    return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 | static_cast<uint32_t>(p[2]) << 16 |
-           static_cast<uint32_t>(p[3]) << 24;
-}
-
-void store_u32(unsigned char* p, uint32_t v) {
-    p[0] = static_cast<unsigned char>(v);
-    p[1] = static_cast<unsigned char>(v >> 8);
-    p[2] = static_cast<unsigned char>(v >> 16);
-    p[3] = static_cast<unsigned char>(v >> 24);
-}
 
 unsigned char* frame_tail_none(uint32_t& room) {
     room = 0;
@@ -27,20 +17,20 @@ unsigned char* frame_tail_none(uint32_t& room) {
 
 bool read_frame_header(const unsigned char* bytes, uint32_t size, frame_header& header) {
     if (bytes == nullptr || size < frame_header_size) return false;
-    header.kind = load_u32(bytes);
-    header.message_id = load_u32(bytes + 4);
-    header.sequence = load_u32(bytes + 8);
-    header.length = load_u32(bytes + 12);
+    header.kind = load_u32_le(bytes);
+    header.message_id = load_u32_le(bytes + 4);
+    header.sequence = load_u32_le(bytes + 8);
+    header.length = load_u32_le(bytes + 12);
     return true;
 }
 
 void append_frame(binary_t& out, frame_kind kind, uint32_t message_id, uint32_t sequence, const unsigned char* payload,
                   uint32_t length) {
     unsigned char header[frame_header_size];
-    store_u32(header, static_cast<uint32_t>(kind));
-    store_u32(header + 4, message_id);
-    store_u32(header + 8, sequence);
-    store_u32(header + 12, length);
+    store_u32_le(header, static_cast<uint32_t>(kind));
+    store_u32_le(header + 4, message_id);
+    store_u32_le(header + 8, sequence);
+    store_u32_le(header + 12, length);
     out.append(header, frame_header_size);
     if (length == 0) {
         const unsigned char pad = 0;

@@ -65,8 +65,8 @@ bool service::stop_request() {
 }
 
 bool service::install(const char* command_line, SERVICE_FAILURE_ACTIONSA* failure_actions) {
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
-    if (!manager) return false;
+    unique_sc_handle manager;
+    if (!open_manager(nullptr, SC_MANAGER_ALL_ACCESS, manager)) return false;
     unique_sc_handle created(CreateServiceA(manager.get(), name_.c_str(), display_name, SERVICE_ALL_ACCESS,
                                             SERVICE_WIN32_OWN_PROCESS, SERVICE_AUTO_START, SERVICE_ERROR_NORMAL,
                                             command_line, /*load_order_group=*/nullptr, /*tag=*/nullptr,

@@ -20,13 +20,12 @@ void repoint(Char*& field, const unsigned char* from, unsigned char* to, size_t 
     if (p >= from && p < from + size) field = reinterpret_cast<Char*>(to + (p - from));
 }
 
-template <typename Record, typename Char, typename Open, typename Query>
-bool query_config_impl(const Char* name, binary_t& config, bool* opened, Open open_service, Query query) {
+template <typename Record, typename Char, typename Query>
+bool query_config_impl(const Char* name, binary_t& config, bool* opened, Query query) {
     if (opened != nullptr) *opened = false;
-    unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, GENERIC_READ));
-    if (!manager) return false;
-    unique_sc_handle svc(open_service(manager.get(), name, GENERIC_READ));
-    if (!svc) return false;
+    unique_sc_handle manager;
+    unique_sc_handle svc;
+    if (!open_service(nullptr, name, GENERIC_READ, GENERIC_READ, manager, svc)) return false;
     if (opened != nullptr) *opened = true;
 
     DWORD needed = 0;
@@ -50,11 +49,11 @@ bool query_config_impl(const Char* name, binary_t& config, bool* opened, Open op
 }  // namespace
 
 bool service::query_config(const char* name, binary_t& config, bool* opened) {
-    return query_config_impl<QUERY_SERVICE_CONFIGA>(name, config, opened, &OpenServiceA, &QueryServiceConfigA);
+    return query_config_impl<QUERY_SERVICE_CONFIGA>(name, config, opened, &QueryServiceConfigA);
 }
 
 bool service::query_config(const wchar_t* name, binary_t& config, bool* opened) {
-    return query_config_impl<QUERY_SERVICE_CONFIGW>(name, config, opened, &OpenServiceW, &QueryServiceConfigW);
+    return query_config_impl<QUERY_SERVICE_CONFIGW>(name, config, opened, &QueryServiceConfigW);
 }
 
 bool service::query_status_ex(const char* name, SERVICE_STATUS_PROCESS& status) {

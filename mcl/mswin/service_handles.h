@@ -8,27 +8,43 @@
 
 namespace mcl::mswin {
 
-// Opens the local service manager with `manager_access`, then the service `name` with
-// `service_access`. With a `function`, a failure writes "OpenSCManagerA failed (%d)" or
+namespace detail {
+
+inline SC_HANDLE open_service_by_name(SC_HANDLE manager, const char* name, DWORD access) {
+    return OpenServiceA(manager, name, access);
+}
+inline SC_HANDLE open_service_by_name(SC_HANDLE manager, const wchar_t* name, DWORD access) {
+    return OpenServiceW(manager, name, access);
+}
+
+}  // namespace detail
+
+// Opens the local service manager with `manager_access`. With a `function`, a failure writes
+// "OpenSCManagerA failed (%d)" under that name; with null it is silent. GetLastError() still
+// holds the failure afterwards.
+inline bool open_manager(const char* function, DWORD manager_access, unique_sc_handle& manager) {
+    manager.reset(OpenSCManagerA(nullptr, nullptr, manager_access));
+    if (manager) return true;
+    const DWORD err = GetLastError();
+    if (function != nullptr) NV_LOG(function, "OpenSCManagerA failed (%d)\n", static_cast<int>(err));
+    SetLastError(err);
+    return false;
+}
+
+// Opens the local service manager with `manager_access`, then the service `name` (narrow or wide)
+// with `service_access`. With a `function`, a failure writes "OpenSCManagerA failed (%d)" or
 // "OpenServiceA failed (%d)" under that name; with null it is silent (the caller logs, or an
 // absent service is a normal answer). GetLastError() still holds the failure afterwards.
-inline bool open_service(const char* function, const char* name, DWORD manager_access, DWORD service_access,
-                         unique_sc_handle& manager, unique_sc_handle& svc) {
-    manager.reset(OpenSCManagerA(nullptr, nullptr, manager_access));
-    if (!manager) {
-        const DWORD err = GetLastError();
-        if (function != nullptr) NV_LOG(function, "OpenSCManagerA failed (%d)\n", static_cast<int>(err));
-        SetLastError(err);
-        return false;
-    }
-    svc.reset(OpenServiceA(manager.get(), name, service_access));
-    if (!svc) {
-        const DWORD err = GetLastError();
-        if (function != nullptr) NV_LOG(function, "OpenServiceA failed (%d)\n", static_cast<int>(err));
-        SetLastError(err);
-        return false;
-    }
-    return true;
+template <typename Char>
+bool open_service(const char* function, const Char* name, DWORD manager_access, DWORD service_access,
+                  unique_sc_handle& manager, unique_sc_handle& svc) {
+    if (!open_manager(function, manager_access, manager)) return false;
+    svc.reset(detail::open_service_by_name(manager.get(), name, service_access));
+    if (svc) return true;
+    const DWORD err = GetLastError();
+    if (function != nullptr) NV_LOG(function, "OpenServiceA failed (%d)\n", static_cast<int>(err));
+    SetLastError(err);
+    return false;
 }
 
 }  // namespace mcl::mswin

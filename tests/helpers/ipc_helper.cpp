@@ -2,7 +2,6 @@
 //   nv_ipc_helper server NAME LOG STOP_EVENT      listen under NAME until STOP_EVENT is set
 //   nv_ipc_helper client NAME LOG COMMAND [ARG]   connect to NAME and run one command:
 //       version           send 0x1000009 with an empty payload; exit 0 on the status reply
-//       echo COUNT        COUNT echo round trips; exit 0 when every reply matched
 //       sleep MS          one request whose handler sleeps MS (the test kills this client)
 //   nv_ipc_helper abuse NAME LOG ID STALLED FLOOD_KIB ANNOUNCING SECONDS
 //       hostile clients of NAME that never read: STALLED connections each send requests ID
@@ -84,16 +83,6 @@ int run_client(const char* name, const char* command, const char* arg) {
         if (!peer.send(nv_test::msg_version, payload, connection, 10000)) return 4;
         const unsigned char expected[] = {1, 0};
         return payload == mcl::binary_t(expected, 2) ? 0 : 4;
-    }
-    if (strcmp(command, "echo") == 0) {
-        const int count = arg != nullptr ? atoi(arg) : 1;
-        for (int i = 0; i < count; ++i) {
-            mcl::binary_t payload;
-            mcl::write_string(payload, "echo " + std::to_string(i));
-            const mcl::binary_t sent = payload;
-            if (!peer.send(nv_test::msg_echo, payload, connection, 20000) || payload != sent) return 4;
-        }
-        return 0;
     }
     if (strcmp(command, "sleep") == 0) {
         mcl::binary_t payload;

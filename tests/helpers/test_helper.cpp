@@ -6,16 +6,7 @@
 //       moment it reports running; exit 0 once it has stopped (within 30 s)
 //   nv_test_helper process-alive PID                exit 0 while process PID runs, 1 when it has ended
 //   nv_test_helper service-pid NAME                 print the process id of service NAME (0 when none)
-//   nv_test_helper driver-send PREFIX COUNT READY_EVENT GO_EVENT
-//       connect to the driver's command port, set READY_EVENT, wait for GO_EVENT, then send
-//       COUNT process rules PREFIX0, PREFIX1 ...; exit code 0 when every send succeeded
 #include <windows.h>
-
-#include <fltuser.h>
-
-#include <string>
-
-#include "service/driver_protocol.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -99,26 +90,6 @@ int main(int argc, char** argv) {
         if (service != nullptr) CloseServiceHandle(service);
         if (manager != nullptr) CloseServiceHandle(manager);
         return 0;
-    }
-    if (argc >= 6 && strcmp(argv[1], "driver-send") == 0) {
-        HANDLE port = INVALID_HANDLE_VALUE;
-        if (FAILED(FilterConnectCommunicationPort(vqr::command_port_name, 0, nullptr, 0, nullptr, &port))) return 2;
-        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[4]);
-        HANDLE go = OpenEventA(SYNCHRONIZE, FALSE, argv[5]);
-        if (ready == nullptr || go == nullptr) return 3;
-        SetEvent(ready);
-        if (WaitForSingleObject(go, 30000) != WAIT_OBJECT_0) return 4;
-        const std::string prefix = argv[2];
-        int failures = 0;
-        for (int i = 0; i < atoi(argv[3]); ++i) {
-            const std::string text = prefix + std::to_string(i);
-            auto message = vqr::build_command(vqr::code::protect_process, std::wstring(text.begin(), text.end()));
-            DWORD returned = 0;
-            if (FAILED(FilterSendMessage(port, message.data(), static_cast<DWORD>(message.size()), nullptr, 0, &returned)))
-                ++failures;
-        }
-        CloseHandle(port);
-        return failures == 0 ? 0 : 5;
     }
     fprintf(stderr, "nv_test_helper: unknown command\n");
     return 1;

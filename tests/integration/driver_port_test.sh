@@ -217,25 +217,4 @@ cmp -s "$work/emergency.want" "$work/emergency" || {
     diff "$work/emergency.want" "$work/emergency"
 }
 
-echo "== Windows 10: the driver is not loaded"
-ctl reset >/dev/null
-ctl unload >/dev/null
-wine "$exe" -d </dev/null >"$work/console10b.txt" 2>&1 &
-service=$!
-before=$(log_lines "$not_loaded")
-wait_listening
-# Features 0/6/11 and the three trusted applications: each attempt says why.
-started=$(log_lines "$not_loaded")
-[ $((started - before)) -ge 4 ] || fail "connection failures at start-up: $((started - before)), want 4 or more"
-grep -q "Could not connect to filter: -2147024894 - ." "$log" || fail "no error text after the HRESULT"
-request 100000a 2D000300
-request 1000008 00 0100
-request 1000006 0100
-[ "$(log_lines "$not_loaded")" -ge $((started + 2)) ] || fail "requests did not log their connection failure"
-run "$client" post 1000001
-wait_exit $service
-[ "$(log_lines "$not_loaded")" -ge $((started + 3)) ] || fail "shutdown did not try the driver"
-[ "$(journal | wc -l)" = 0 ] || fail "messages reached an unloaded driver: $(journal)"
-ctl load >/dev/null
-
 finish "driver port" 80

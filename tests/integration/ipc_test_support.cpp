@@ -45,7 +45,8 @@ server_process::~server_process() {
     std::remove(log_path_.c_str());
 }
 
-child start_client(const std::string& name, const std::string& command, const std::string& log_path) {
+child start_client(const std::string& name, const std::string& command) {
+    const std::string log_path = ::testing::TempDir() + unique_name("nv_ipc_client") + ".log";
     return start("\"" + bin_dir() + "nv_ipc_helper.exe\" client " + name + " \"" + log_path + "\" " + command);
 }
 

@@ -47,9 +47,8 @@ private:
     child child_;
 };
 
-// Starts nv_ipc_helper as a client of `name` running `command`, logging to `log_path`.
-child start_client(const std::string& name, const std::string& command,
-                   const std::string& log_path = ::testing::TempDir() + unique_name("nv_ipc_client") + ".log");
+// Starts nv_ipc_helper as a client of `name` running `command`, with a log file of its own.
+child start_client(const std::string& name, const std::string& command);
 
 // A listener that creates the handshake objects and one pair of blocking pipes per accept.
 class raw_listener {

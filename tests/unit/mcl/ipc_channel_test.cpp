@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "tests/helpers/log_capture.h"
@@ -82,7 +81,7 @@ TEST(IpcChannel, FramesFlowBothWaysWhatEverTheirSize) {
     ASSERT_TRUE(server->writer().listen());
     connection_ptr client = connecting(path);
 
-    const uint32_t sizes[] = {0, 1, 4095, 4096, 70000, 1u << 20};
+    const uint32_t sizes[] = {0, 4096, 70000, 1u << 20};
     for (uint32_t size : sizes) {
         std::vector<mcl::binary_t> received;
         client->enqueue(frame_of(size % 251, size));
@@ -96,44 +95,6 @@ TEST(IpcChannel, FramesFlowBothWaysWhatEverTheirSize) {
         ASSERT_TRUE(pump(*server, *client, *client, 5, received)) << size;
         for (uint32_t id = 1; id <= 5; ++id) EXPECT_EQ(frame_of(id, size / (id + 1)), received[id - 1]) << size;
     }
-}
-
-TEST(IpcChannel, AClientThatOpensBeforeListenIsSeenAsConnected) {
-    const std::string path = pipe_path();
-    connection_ptr server = listening(path);
-    connection_ptr client = connecting(path);  // before listen: ERROR_PIPE_CONNECTED
-    ASSERT_TRUE(server->reader().listen());
-    ASSERT_TRUE(server->writer().listen());
-    EXPECT_TRUE(server->reader().connected());
-    std::vector<mcl::binary_t> received;
-    client->enqueue(frame_of(3, 3));
-    ASSERT_TRUE(pump(*server, *client, *server, 1, received));
-    EXPECT_EQ(frame_of(3, 3), received[0]);
-}
-
-TEST(IpcChannel, ABusyPipeIsOpenedOnceAnInstanceIsFree) {
-    nv_test::log_capture log;
-    const std::string path = pipe_path();
-    const std::string name = path + "_OUTBOUND";
-    HANDLE first = CreateNamedPipeA(name.c_str(), PIPE_ACCESS_OUTBOUND, 0, 1, 4096, 4096, 5000, nullptr);
-    ASSERT_NE(INVALID_HANDLE_VALUE, first);
-    HANDLE occupant = CreateFileA(name.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_NE(INVALID_HANDLE_VALUE, occupant);
-
-    std::thread freeing([&] {
-        Sleep(300);
-        CloseHandle(occupant);
-        DisconnectNamedPipe(first);
-        ConnectNamedPipe(first, nullptr);  // listens again, then returns when the channel opens
-    });
-    connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
-    const ULONGLONG start = GetTickCount64();
-    EXPECT_TRUE(c->reader().create(path.c_str()));
-    EXPECT_GE(GetTickCount64() - start, 200u);
-    freeing.join();
-    EXPECT_FALSE(log.contains("Failed to open the named pipe"));
-    c->reader().close();
-    CloseHandle(first);
 }
 
 TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
@@ -154,10 +115,6 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     EXPECT_FALSE(log.contains("Failed to read"));
 }
 
-}  // namespace
-
-namespace {
-
 TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
     const std::string path = pipe_path();
     for (bool first : {true, false}) {
@@ -175,9 +132,10 @@ TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstI
 TEST(IpcChannel, TheListeningEndLearnsTheClientProcess) {
     const std::string path = pipe_path();
     connection_ptr server = listening(path);
-    connection_ptr c = connecting(path);
+    connection_ptr c = connecting(path);  // before listen: ERROR_PIPE_CONNECTED
     EXPECT_EQ(0u, server->client_process_id());
-    ASSERT_TRUE(server->reader().listen());  // the client is on the pipe already
+    ASSERT_TRUE(server->reader().listen());
+    EXPECT_TRUE(server->reader().connected());
     EXPECT_EQ(GetCurrentProcessId(), server->client_process_id());
     char own[MAX_PATH];
     const DWORD n = GetModuleFileNameA(nullptr, own, MAX_PATH);

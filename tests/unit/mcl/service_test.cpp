@@ -144,15 +144,6 @@ TEST(ServiceControl, ConsoleRunAnswersStopControlsOnlyWhileItCanStop) {
     EXPECT_FALSE(WaitForSingleObject(svc.service_stop_event(), 0) == WAIT_OBJECT_0) << "main reset the stop event";
 }
 
-TEST(ServiceControl, EventLogInDebugModeOnlyWritesTheLogLine) {
-    service svc(nv_test::unique_name("nv_console_svc").c_str());
-    svc.set_debug(true);
-    nv_test::log_capture log;
-    svc.event_log("SetServiceStatus failed");
-    EXPECT_TRUE(log.contains("[mcl::mswin::service::event_log:")) << log.text();
-    EXPECT_TRUE(log.contains("] - SetServiceStatus failed")) << log.text();
-}
-
 TEST(ServiceControl, RunFromAConsoleFailsAndSaysSoInTheLog) {
     // The dispatcher refuses a process the manager did not start (after about 10 s).
     service svc(nv_test::unique_name("nv_console_svc").c_str());

@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -25,37 +23,6 @@ mcl::binary_t payload_of(std::vector<unsigned char> v) {
     mcl::binary_t b;
     b.append(v.data(), static_cast<uint32_t>(v.size()));
     return b;
-}
-
-TEST(RequestDispatch, ReplyEncodings) {
-    struct {
-        const char* label;
-        uint32_t id;
-        std::vector<unsigned char> request;
-        std::vector<unsigned char> reply;
-    } cases[] = {
-        {"compatibility, empty request", msg::protocol_compatible, {}, {0, 5, 0, 0, 0}},
-        {"compatibility, three bytes", msg::protocol_compatible, {5, 0, 0}, {0, 5, 0, 0, 0}},
-        {"compatibility, client version 5", msg::protocol_compatible, {5, 0, 0, 0}, {1, 5, 0, 0, 0}},
-        {"compatibility, any four or more bytes", msg::protocol_compatible, {9, 9, 9, 9, 9}, {1, 5, 0, 0, 0}},
-        {"service version", msg::service_version, {}, {0x2D, 0x00, 0x03, 0x00}},
-        {"service version ignores the request", msg::service_version, {1, 2, 3, 4, 5, 6}, {0x2D, 0x00, 0x03, 0x00}},
-        {"disconnect writes no reply", msg::disconnect, {7, 7}, {7, 7}},
-    };
-    chelperservice::helper_msg_handler& handler = chelperservice::instance().msg_handler();
-    for (const auto& c : cases) {
-        nv_test::log_capture log;
-        mcl::binary_t payload = payload_of(c.request);
-        EXPECT_EQ(1, handler(conn, c.id, payload)) << c.label;
-        EXPECT_EQ(c.reply, bytes(payload)) << c.label;
-        char line[128];
-        snprintf(line, sizeof(line), "[chelperservice::helper_msg_handler::operator ():");
-        EXPECT_TRUE(log.contains(line)) << c.label;
-        snprintf(line, sizeof(line), "] - Received IPC message %X, payload size: %d", c.id,
-                 static_cast<int>(c.request.size()));
-        EXPECT_TRUE(log.contains(line)) << c.label << "\n" << log.text();
-        EXPECT_FALSE(log.contains("Unknow mc::ipc message")) << c.label;
-    }
 }
 
 TEST(RequestDispatch, UnknownIdentifiersAreLoggedAndEchoed) {

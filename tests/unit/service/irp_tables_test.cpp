@@ -7,6 +7,7 @@
 
 #include "mcl/encoding.h"
 #include "service/driver_protocol.h"
+#include "service/request_payloads.h"
 
 namespace {
 
@@ -77,7 +78,7 @@ mcl::binary_t subscribe_payload(const std::string& subscriber, const std::string
 TEST(IrpRequests, TruncatedAndOversizedPayloads) {
     const mcl::binary_t good = subscribe_payload("sub", "Global\\ev", "c:\\a.txt");
     irp::subscribe_request r;
-    ASSERT_EQ(irp::request_check::ok, irp::decode_subscribe(good, r));
+    ASSERT_EQ(irp::request_check::ok, request_payload::read_subscribe_irp_notification(good, r));
     EXPECT_EQ("sub", r.subscriber);
     EXPECT_EQ("Global\\ev", r.event_name);
     EXPECT_EQ("c:\\a.txt", r.file_path);
@@ -85,7 +86,7 @@ TEST(IrpRequests, TruncatedAndOversizedPayloads) {
     for (uint32_t cut = 0; cut < good.size(); ++cut) {
         mcl::binary_t part;
         part.assign(good.data(), cut);
-        EXPECT_EQ(irp::request_check::truncated, irp::decode_subscribe(part, r)) << cut;
+        EXPECT_EQ(irp::request_check::truncated, request_payload::read_subscribe_irp_notification(part, r)) << cut;
     }
     mcl::binary_t trailing = good;
     mcl::write_byte(trailing, 0);
@@ -104,26 +105,26 @@ TEST(IrpRequests, TruncatedAndOversizedPayloads) {
         {"path too long", subscribe_payload("s", "e", long_path)},
         {"larger than any request", huge},
     };
-    for (const auto& c : oversized) EXPECT_EQ(irp::request_check::oversized, irp::decode_subscribe(c.payload, r)) << c.label;
+    for (const auto& c : oversized) EXPECT_EQ(irp::request_check::oversized, request_payload::read_subscribe_irp_notification(c.payload, r)) << c.label;
     EXPECT_EQ(irp::request_check::ok,
-              irp::decode_subscribe(subscribe_payload(std::string(irp::max_name_bytes, 'n'),
+              request_payload::read_subscribe_irp_notification(subscribe_payload(std::string(irp::max_name_bytes, 'n'),
                                                       std::string(irp::max_name_bytes, 'e'), std::string(irp::max_path_bytes, 'p')),
                                     r));
 
     std::string name;
     mcl::binary_t q;
-    EXPECT_EQ(irp::request_check::truncated, irp::decode_query(q, name));
+    EXPECT_EQ(irp::request_check::truncated, request_payload::read_query_irp_notification_data(q, name));
     mcl::write_string(q, "sub");
-    EXPECT_EQ(irp::request_check::ok, irp::decode_query(q, name));
+    EXPECT_EQ(irp::request_check::ok, request_payload::read_query_irp_notification_data(q, name));
     EXPECT_EQ("sub", name);
     mcl::binary_t cut;
     cut.assign(q.data(), 2);
-    EXPECT_EQ(irp::request_check::truncated, irp::decode_query(cut, name));
+    EXPECT_EQ(irp::request_check::truncated, request_payload::read_query_irp_notification_data(cut, name));
     mcl::write_byte(q, 1);
-    EXPECT_EQ(irp::request_check::oversized, irp::decode_query(q, name));
+    EXPECT_EQ(irp::request_check::oversized, request_payload::read_query_irp_notification_data(q, name));
     mcl::binary_t long_query;
     mcl::write_string(long_query, long_name);
-    EXPECT_EQ(irp::request_check::oversized, irp::decode_query(long_query, name));
+    EXPECT_EQ(irp::request_check::oversized, request_payload::read_query_irp_notification_data(long_query, name));
 }
 
 irp::subscribe_request request(const std::string& sub, const std::string& path, uint8_t major, uint8_t minor,

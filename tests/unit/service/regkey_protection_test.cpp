@@ -118,7 +118,7 @@ TEST(RegKeyRecord, PersistedLayoutRoundTrip) {
 TEST(RegKeyRequests, MalformedAndEmptyRequests) {
     mcl::binary_t whole;
     mcl::write_u32(whole, 1);
-    regkey::write_entry(whole, entry_for(L"Software\\NvUnitTest\\Never"));
+    request_payload::write_reg_key_entry(whole, entry_for(L"Software\\NvUnitTest\\Never"));
     struct {
         const char* label;
         uint32_t cut;  // bytes of `whole` sent
@@ -175,7 +175,7 @@ TEST(RegKeyRequests, SwitchOffRefusesProtection) {
     nv_test::log_capture log;
     mcl::binary_t request;
     mcl::write_u32(request, 1);
-    regkey::write_entry(request, entry_for(L"Software\\NvUnitTest\\Off"));
+    request_payload::write_reg_key_entry(request, entry_for(L"Software\\NvUnitTest\\Off"));
     EXPECT_EQ((std::vector<unsigned char>{0, 0}), reply_of(request));
     service.setProtectionEnabled(true);
     // The message ends in a line break of its own, before the one every entry gets (text mode).
