@@ -80,17 +80,17 @@ expect_rolled_back() {
         "Installing halvern service..." "restore_previous_service.*Installing VQRMonitor driver..." \
         "Leaving halvern service install function..."
 }
+with_previous() {  # with_previous NAME: a prefix of its own where hvs_install installed the previous release
+    in_prefix "$1" && stage old "$old_exe" && task old hvs_install
+    expect "$1: previous release installed" 0
+}
 
 # Killed after the backup, before the program and the driver are copied (the staged INF, copied
 # first, is big enough to copy for a while), the upgrade run again completes; the service it
 # finds installed, stopped and unreachable counts as a fresh install.
 interrupted() {
-    in_prefix interrupted
-    stage old "$old_exe"
-    task old hvs_install
-    expect "interrupted: previous release installed" 0
-    stage good "$new_exe"
-    stage blocked "$new_exe"
+    with_previous interrupted
+    for s in good blocked; do stage $s "$new_exe"; done
     truncate -s 768M "$stage_root/blocked/VQRMonitor.inf"
     wine 'C:\stage\blocked\NorvaleHalvernService.exe' -proxy_task hvs_upgrade </dev/null >"$out" 2>&1 &
     local task_pid=$! copying=
@@ -114,10 +114,7 @@ interrupted() {
 
 # A new release that registers but whose service never starts is rolled back.
 never_starts() {
-    in_prefix never_starts
-    stage old "$old_exe"
-    task old hvs_install
-    expect "never starts: previous release installed" 0
+    with_previous never_starts
     expect_logged "previous release" "$product/nvhalvernservice.debug.log" "Service Version: 3.0.40.1"
     expect_not_logged "previous release" "$product/nvhalvernservice.debug.log" "Service Version: 3.0.45"
     protect_two_services
