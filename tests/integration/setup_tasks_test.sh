@@ -80,16 +80,19 @@ expect_rolled_back() {
         "Installing halvern service..." "restore_previous_service.*Installing VQRMonitor driver..." \
         "Leaving halvern service install function..."
 }
-with_previous() {  # with_previous NAME: a prefix of its own where hvs_install installed the previous release
-    in_prefix "$1" && stage old "$old_exe" && task old hvs_install
-    expect "$1: previous release installed" 0
+install_old_name() {  # the previous release as NVHalvernService.exe, running and protecting two services
+    mkdir -p "$product" && cp "$old_exe" "$NV_BIN_DIR/VQRMonitor.sys" "$NV_BIN_DIR/VQRMonitor.inf" "$product/"
+    for args in "-i instdrv" "-i install" "-s start"; do run "${pf}NVHalvernService.exe" $args; done
+    expect_running "old name installed" $old_version 3
+    protect_two_services
 }
 
 # Killed after the backup, before the program and the driver are copied (the staged INF, copied
 # first, is big enough to copy for a while), the upgrade run again completes; the service it
 # finds installed, stopped and unreachable counts as a fresh install.
 interrupted() {
-    with_previous interrupted
+    in_prefix interrupted && stage old "$old_exe" && task old hvs_install
+    expect "interrupted: previous release installed" 0
     for s in good blocked; do stage $s "$new_exe"; done
     truncate -s 768M "$stage_root/blocked/VQRMonitor.inf"
     wine 'C:\stage\blocked\NorvaleHalvernService.exe' -proxy_task hvs_upgrade </dev/null >"$out" 2>&1 &
@@ -112,15 +115,14 @@ interrupted() {
     expect_running "interrupted: upgrade run again" $new_version 5
 }
 
-# A new release that registers but whose service never starts is rolled back.
+# A new release that registers (under the new name) but whose service never starts is rolled back.
 never_starts() {
-    with_previous never_starts
+    in_prefix never_starts && install_old_name
     expect_logged "previous release" "$product/nvhalvernservice.debug.log" "Service Version: 3.0.40.1"
     expect_not_logged "previous release" "$product/nvhalvernservice.debug.log" "Service Version: 3.0.45"
-    protect_two_services
-    stage stillborn "$NV_BIN_DIR/nv_exit_at_once.exe"
+    stage stillborn "$NV_BIN_DIR/nv_stillborn_service.exe"
     task stillborn hvs_upgrade
-    expect_rolled_back "never starts" stillborn NorvaleHalvernService.exe
+    expect_rolled_back "never starts" stillborn NVHalvernService.exe
     expect_logged "never starts" "$stage_root/stillborn/hvs_upgrade.log" "Fail to start protection service"
     expect_not_logged "never starts" "$stage_root/stillborn/hvs_upgrade.log" "Failed to run command <"
 }
@@ -189,10 +191,7 @@ expect_logged "hvs_uninstall" "$stage_root/new/hvs_uninstall.log" "Entering halv
 run "$ctl" load
 
 echo "== the previous release named NVHalvernService.exe, protecting two services, a damaged upgrade rolled back"
-mkdir -p "$product" && cp "$old_exe" "$NV_BIN_DIR/VQRMonitor.sys" "$NV_BIN_DIR/VQRMonitor.inf" "$product/"
-for args in "-i instdrv" "-i install" "-s start"; do run "${pf}NVHalvernService.exe" $args; done
-expect_running "old name installed" $old_version 3
-protect_two_services
+install_old_name
 stage damaged damaged
 task damaged hvs_upgrade
 expect_rolled_back "failing upgrade" damaged NVHalvernService.exe
