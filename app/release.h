@@ -6,6 +6,7 @@
 
 struct release_identity {
     const char* usage_version;   // shown by the usage text, "3.0.45 (Build 1)"
+    const char* file_version;    // the four numbers of the version resource, logged at start-up, "3.0.45.1"
     uint32_t packed_version;     // major << 16 | minor << 8 | patch, answered to 0x100000a
     uint32_t ipc_protocol;       // answered to 0x1000009
 };

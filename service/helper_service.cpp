@@ -1,6 +1,7 @@
 #include "service/helper_service.h"
 
 #include "app/log.h"
+#include "app/release.h"
 #include "mcl/mswin/os_version.h"
 #include "service/recovery_code.h"
 
@@ -9,7 +10,7 @@ chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_na
 void chelperservice::main(int, char**) {
     // Another instance holds the name (or it may not be opened): only the shutdown runs.
     if (instance_mutex_.create(instance_mutex_name, /*inherit=*/nullptr) != -2) {
-        NV_LOG("chelperservice::main", "Service Version: %s", service_version);
+        NV_LOG("chelperservice::main", "Service Version: %s", this_release().file_version);
 
         emergency_actions actions;
         actions.check_code = [](const std::string& code) { return nv::check_recovery_code(code); };

@@ -29,9 +29,6 @@ class chelperservice : public mcl::mswin::service,
                        public mcl::ipc_peer,
                        public mcl::singleton_ptr<chelperservice> {
 public:
-    static constexpr const char* service_version = "3.0.45.1";
-    static constexpr uint32_t ipc_protocol_version = 5;
-    static constexpr uint32_t packed_service_version = 196653;  // 3.0.45: major << 16 | minor << 8 | patch
     static constexpr const char* instance_mutex_name = "Global\\NORVALE_ClientHelper_Service_Running";
     static constexpr const char* default_folder_sddl =
         "D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;"

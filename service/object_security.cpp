@@ -2,12 +2,12 @@
 //
 // Recorder journal: UTF-8 text, one line per object state, fields separated by tabs:
 //   <kind> TAB <object> TAB <sddl> [TAB <aces>]
-// kind is "file" or "service"; sddl is the DACL in SDDL form ("D:P(...)" when protected); aces,
-// written by the recorder only, lists each ACE as type;flags;mask;sid (hexadecimal flags and
-// mask) separated by blanks. At start the recorder reads the journal and the last line of each
-// object is that object's DACL, so lines a test writes beforehand give objects their initial
-// DACL, and a restarted service reads what it wrote before. Objects it has no line for are read
-// from Windows.
+// kind is "file" or "service" with the DACL in SDDL form ("D:P(...)" when protected), or "owner"
+// with the owner of a file or folder ("O:BA"); aces, written by the recorder only after a DACL,
+// lists each ACE as type;flags;mask;sid (hexadecimal flags and mask) separated by blanks. At start
+// the recorder reads the journal and the last line of each kind and object is that object's DACL
+// or owner, so lines a test writes beforehand give objects their initial state, and a restarted
+// service reads what it wrote before. Objects it has no line for are read from Windows.
 #include "service/object_security.h"
 
 #include <aclapi.h>
@@ -17,6 +17,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "app/log.h"
 #include "mcl/buffer.h"
@@ -28,6 +29,7 @@
 
 namespace {
 
+using mcl::mswin::unique_kernel_handle;
 using mcl::mswin::unique_local;
 
 std::string upper(std::string text) {
@@ -61,6 +63,27 @@ std::string ace_list(PACL dacl) {
     return out;
 }
 
+// Whether the calling thread's token (the process token when it impersonates no one) holds the
+// privilege enabled.
+bool privilege_enabled(const char* name) {
+    LUID luid{};
+    unique_kernel_handle token;
+    if (!LookupPrivilegeValueA(nullptr, name, &luid) ||
+        (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, /*open_as_self=*/TRUE, token.put()) &&
+         !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())))
+        return false;
+    DWORD size = 0;
+    (void)GetTokenInformation(token.get(), TokenPrivileges, nullptr, 0, &size);
+    std::vector<BYTE> buffer(size);
+    if (size == 0 || !GetTokenInformation(token.get(), TokenPrivileges, buffer.data(), size, &size)) return false;
+    const auto* held = reinterpret_cast<const TOKEN_PRIVILEGES*>(buffer.data());
+    for (DWORD i = 0; i < held->PrivilegeCount; ++i) {
+        const LUID_AND_ATTRIBUTES& p = held->Privileges[i];
+        if (p.Luid.LowPart == luid.LowPart && p.Luid.HighPart == luid.HighPart) return (p.Attributes & SE_PRIVILEGE_ENABLED) != 0;
+    }
+    return false;
+}
+
 // Keeps each object's DACL as SDDL and journals every write.
 class recorder : public object_security {
 public:
@@ -72,9 +95,28 @@ public:
         return object_security::get_file_dacl(path, dacl, descriptor);
     }
     DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
-        // As the system: only an existing file or folder takes a DACL.
+        // As the system: only an existing file or folder takes a DACL, and one that another
+        // account owns (whose DACL keeps us out) refuses it until we own it.
         if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
-        return record("file", mcl::mswin::to_utf8(path), dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
+        const std::string object = mcl::mswin::to_utf8(path);
+        if (foreign_owner(object)) return ERROR_ACCESS_DENIED;
+        return record("file", object, dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
+    }
+    DWORD set_file_owner(const std::wstring& path, PSID owner) override {
+        // As the system: taking an object from another account needs SeTakeOwnershipPrivilege.
+        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
+        const std::string object = mcl::mswin::to_utf8(path);
+        if (foreign_owner(object) && !privilege_enabled("SeTakeOwnershipPrivilege")) return ERROR_ACCESS_DENIED;
+        SECURITY_DESCRIPTOR sd{};
+        char* text = nullptr;
+        if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
+            !SetSecurityDescriptorOwner(&sd, owner, FALSE) ||
+            !ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, OWNER_SECURITY_INFORMATION, &text,
+                                                                  nullptr))
+            return ERROR_INVALID_OWNER;
+        const std::string sddl = text;
+        LocalFree(text);
+        return append("owner", object, sddl, "") ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
     }
     DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
         if (!mcl::mswin::service::is_service_installed(name.c_str())) return ERROR_SERVICE_DOES_NOT_EXIST;
@@ -152,9 +194,20 @@ private:
             return false;
         const std::string sddl = text;
         LocalFree(text);
+        return append(kind, object, sddl, ace_list(dacl));
+    }
+
+    // Owned by neither Administrators nor the local system, the accounts the product runs as.
+    bool foreign_owner(const std::string& object) {
+        mcl::scoped_lock guard(lock_);
+        auto it = dacls_.find(key("owner", object));
+        return it != dacls_.end() && it->second != "O:BA" && it->second != "O:SY";
+    }
+
+    bool append(const char* kind, const std::string& object, const std::string& sddl, const std::string& aces) {
         mcl::scoped_lock guard(lock_);
         dacls_[key(kind, object)] = sddl;
-        const std::string line = std::string(kind) + "\t" + object + "\t" + sddl + "\t" + ace_list(dacl) + "\n";
+        const std::string line = std::string(kind) + "\t" + object + "\t" + sddl + (aces.empty() ? "" : "\t" + aces) + "\n";
         FILE* f = fopen(journal_.c_str(), "ab");
         if (f == nullptr) return false;
         const bool ok = fwrite(line.data(), 1, line.size(), f) == line.size();
@@ -163,7 +216,7 @@ private:
 
     std::string journal_;
     mcl::lock lock_;
-    std::map<std::string, std::string> dacls_;  // kind TAB upper-cased object -> SDDL
+    std::map<std::string, std::string> dacls_;  // kind TAB upper-cased object -> SDDL (DACL or owner)
 };
 
 object_security* choose() {
@@ -189,6 +242,11 @@ DWORD object_security::set_file_dacl(const std::wstring& path, PACL dacl, bool p
     const SECURITY_INFORMATION info = DACL_SECURITY_INFORMATION |
                                       (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
     return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, info, nullptr, nullptr, dacl, nullptr);
+}
+
+DWORD object_security::set_file_owner(const std::wstring& path, PSID owner) {
+    return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, owner,
+                                 nullptr, nullptr, nullptr);
 }
 
 DWORD object_security::get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {

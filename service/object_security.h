@@ -6,7 +6,9 @@
 // HKLM\Software\Norvale\NVClientHelper before the service starts: the recorder keeps the DACL
 // each write gave to each object, answers reads with it and appends one line per write to the
 // journal (see object_security.cpp for the line format). Only an administrator can write that
-// value, and an administrator can change these DACLs directly anyway.
+// value, and an administrator can change these DACLs directly anyway. The recorder also keeps the
+// owner of a file or folder: a test that gives one another owner beforehand sees the DACL write
+// refused until ownership has been taken, as the system refuses it.
 #pragma once
 
 #include <windows.h>
@@ -26,6 +28,8 @@ public:
     // SetNamedSecurityInfoW with the DACL, marked protected (nothing inherited from the parent) or
     // unprotected (the parent's inheritable ACEs apply again). The Win32 code.
     virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect);
+    // SetNamedSecurityInfoW with the owner of a file or folder. The Win32 code.
+    virtual DWORD set_file_owner(const std::wstring& path, PSID owner);
     // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE), as get_file_dacl.
     virtual DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
     // Replace a service's DACL (protected); the service wrapper's helpers, which log failures.

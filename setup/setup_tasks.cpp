@@ -13,11 +13,12 @@
 #include "client/invchelper.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"
 #include "service/filter_library.h"
+#include "service/object_security.h"
 #include "setup/driver_installer.h"
-#include "setup/folder_security.h"
 
 using namespace setup_tasks;
 using mcl::mswin::unique_kernel_handle;
@@ -86,6 +87,14 @@ bool start_protection_service(const char* fn) {
     return true;
 }
 
+// The program path of the service's registration; empty when there is none.
+std::string registered_binary() {
+    mcl::binary_t config;
+    if (!svc::query_config(service_name, config)) return {};
+    const auto* c = reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data());
+    return c->lpBinaryPathName != nullptr ? c->lpBinaryPathName : "";
+}
+
 // Registers the program at `program` as the service by running it with "-i install".
 int register_program(const char* fn, const std::string& program) {
     const std::string command = "\"" + program + "\" -i install";
@@ -124,12 +133,8 @@ bool stop_previous_service(invchelper*& helper) {
     }
     if (!waited) Sleep(10000);
 
-    mcl::binary_t config;
-    if (svc::query_config(service_name, config)) {
-        const auto* c = reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data());
-        const std::string binary = c->lpBinaryPathName != nullptr ? c->lpBinaryPathName : "";
-        if (binary.find(program_name) == std::string::npos) (void)uninstall_service();
-    }
+    const std::string binary = registered_binary();
+    if (!binary.empty() && binary.find(program_name) == std::string::npos) (void)uninstall_service();
     return true;
 }
 
@@ -266,11 +271,16 @@ void restore_previous_service(const std::string& folder) {
         (void)DeleteFileA(path.c_str());
         (void)MoveFileA((path + backup_suffix).c_str(), path.c_str());
     }
-    std::string program = folder + program_name;
-    if (!file_exists(program)) {
-        program = folder + old_program_name;
-        (void)MoveFileA((program + backup_suffix).c_str(), program.c_str());
+    const char* name = program_name;
+    if (!file_exists(folder + name)) {
+        name = old_program_name;
+        (void)MoveFileA((folder + name + backup_suffix).c_str(), (folder + name).c_str());
     }
+    const std::string program = folder + name;
+    // The new program's registration (under the new name, after an upgrade from the older one)
+    // would make "-i install" of the previous program a no-op.
+    const std::string registered = registered_binary();
+    if (!registered.empty() && registered.find(name) == std::string::npos) (void)uninstall_service();
 
     NV_LOG(fn, "Installing VQRMonitor driver...");
     (void)install_vqrmonitor(/*force=*/false);
@@ -327,8 +337,6 @@ bool install_hvs(bool upgrade) {
         NV_LOG(fn, "Installing halvern service...");
         if (register_program(fn, folder + program_name) != 0) break;
 
-        remove_backups(folder);
-
         NV_LOG(fn, "Starting protection service\n");
         if (!start_protection_service(fn)) break;
 
@@ -340,6 +348,8 @@ bool install_hvs(bool upgrade) {
         }
 
         if (upgrade && helper.ensure()) services_restore(helper.get());
+        // Only now that the new service runs: until then a failure can still put these back.
+        remove_backups(folder);
         ok = true;
     } while (false);
 
@@ -470,7 +480,7 @@ bool restore_folder_permission(const std::string& folder) {
     }
     bool result = true;
     for (const std::string& f : repair) {
-        const DWORD err = folder_security::write_owner(f, admins);
+        const DWORD err = object_security::current().set_file_owner(mcl::mswin::widen(f), admins);
         if (err != ERROR_SUCCESS) {
             NV_LOG(fn, "Could not set owner for <%s>. Error: %u\n", f.c_str(), static_cast<unsigned>(err));
             result = false;
@@ -501,7 +511,7 @@ bool restoreFolderPermissions(const std::string& folder) {
         NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
-    const DWORD err = folder_security::write_dacl(folder, dacl, /*protect=*/false);
+    const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(folder), dacl, /*protect=*/false);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "SetNamedSecurityInfo failed(%s, %d)\n", folder.c_str(), static_cast<int>(err));
         return false;

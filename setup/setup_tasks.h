@@ -46,8 +46,9 @@ bool program_files(std::string& path);
 }  // namespace setup_tasks
 
 // "hvs_install" / "hvs_fresh" (upgrade false) and "hvs_upgrade" (upgrade true). An upgrade that
-// fails after the backup puts the previous files back, registers and starts the previous program
-// and gives back its service protections.
+// fails after the backup (up to the new service running with the protections back) puts the
+// previous files back, registers and starts the previous program and gives back its service
+// protections. The .bak files go only once the new service runs.
 bool install_hvs(bool upgrade);
 // "hvs_uninstall" / "hvs_remove": stop the service, then uninstallHV on the product folder.
 bool uninstall_hvs();
@@ -71,8 +72,9 @@ void services_restore(invchelper* helper);
 // Renames the program and the driver file (and the older program) in `folder` to .bak.
 void backup_files(const std::string& folder);
 void remove_backups(const std::string& folder);
-// Stops the new service, puts the .bak files back, installs the driver, registers and starts
-// the previous program (under its older name when that is the one backed up).
+// Stops the new service, puts the .bak files back, installs the driver, registers (in place of
+// a registration of the other program name) and starts the previous program (under its older
+// name when that is the one backed up).
 void restore_previous_service(const std::string& folder);
 // Removes the service, the driver, the product files and folder and the product's registry
 // key; always true (what could not be removed is logged).
