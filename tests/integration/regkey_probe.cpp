@@ -1,6 +1,8 @@
 // nv_regkey_probe: what the registry-key tests need from a second process.
 //   sddl KEY                  the DACL of HKLM\KEY as SDDL (read through the owner's rights)
 //   access KEY                "read=ok|denied write=ok|denied" for this process's token
+//   lock KEY                  gives the key to SYSTEM until "unlock" (prints "locked"), so that
+//                             a protected DACL leaves no one the right to write the DACL back
 //   grant KEY                 adds full access for Administrators in front of the key's DACL
 //   grant-own-keys            the same for each of the service's own keys that exists: stands in
 //                             for the service SID that Wine's tokens lack, after a start-up has
@@ -60,6 +62,49 @@ int access_of(const char* key) {
     }
     printf("read=%s write=%s\n", read ? "ok" : "denied", write ? "ok" : "denied");
     return 0;
+}
+
+// Gives HKLM\KEY to SYSTEM, so that only its DACL grants us (and the service) WRITE_DAC, and
+// keeps a handle that can give it back: once "unlock" signals, Administrators own it again.
+// The DACL is written along with the owner (alone, the owner would come with a default DACL).
+// Prints "locked" when the owner is SYSTEM.
+constexpr const char* unlock_event = "Global\\nv_regkey_probe_unlock";
+bool set_owner(HKEY handle, const char* owner) {
+    DWORD size = 0;
+    RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, nullptr, &size);
+    std::vector<BYTE> old(size);
+    char* dacl = nullptr;
+    if (size == 0 || RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, old.data(), &size) != ERROR_SUCCESS ||
+        !ConvertSecurityDescriptorToStringSecurityDescriptorA(old.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                             &dacl, nullptr))
+        return false;
+    const std::string sddl = std::string("O:") + owner + dacl;
+    LocalFree(dacl);
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return false;
+    const LONG rc = RegSetKeySecurity(handle, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, sd);
+    LocalFree(sd);
+    return rc == ERROR_SUCCESS;
+}
+
+int lock(const char* key) {
+    HANDLE unlock = CreateEventA(nullptr, TRUE, FALSE, unlock_event);
+    HKEY handle = nullptr;
+    if (unlock == nullptr ||
+        RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, WRITE_OWNER | WRITE_DAC | READ_CONTROL, &handle) != ERROR_SUCCESS ||
+        !set_owner(handle, "SY"))
+        return 2;
+    printf("locked\n");
+    fflush(stdout);
+    WaitForSingleObject(unlock, 300000);
+    const bool ok = set_owner(handle, "BA");
+    RegCloseKey(handle);
+    return ok ? 0 : 2;
+}
+
+int unlock() {
+    HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, unlock_event);
+    return event != nullptr && SetEvent(event) ? 0 : 2;
 }
 
 int grant(const char* key) {
@@ -166,6 +211,8 @@ int main(int argc, char** argv) {
     }
     if (command == "access" && argc == 3) return access_of(argv[2]);
     if (command == "grant" && argc == 3) return grant(argv[2]);
+    if (command == "lock" && argc == 3) return lock(argv[2]);
+    if (command == "unlock" && argc == 2) return unlock();
     if (command == "grant-own-keys" && argc == 2) {
         int rc = 0;
         for (const char* key : chelperservice::own_reg_keys)

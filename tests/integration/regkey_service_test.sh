@@ -102,7 +102,7 @@ echo "== set-up: service, owner services, test keys"
 run "$exe" -i install
 run sc create nv_owner_a binPath= 'C:\windows\system32\notepad.exe'
 run sc create nv_owner_b binPath= 'C:\windows\system32\notepad.exe'
-for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam; do
+for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked; do
     run reg add "HKLM\\Software\\NvTest\\$k" /f
 done
 wine reg delete 'HKLM\Software\NvTest\Fresh' /f </dev/null >/dev/null 2>&1
@@ -204,6 +204,30 @@ journal_has "rule removed" 13 "\\REGISTRY\\Machine\\Software\\NvTest\\Lvl0"
 has_value "$(value_of "$t\\Lvl0")" && fail "Lvl0 value left"
 expect_eq "nine keys again (Fresh in, Lvl0 out)" "count=9" "$(protected_keys | head -n 1)"
 [ "$(log_lines "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")" = 1 ] || fail "unprotected line"
+
+echo "== an original DACL that cannot be written back: answered 0, the key stays protected"
+# Owned by SYSTEM, the protected key grants nobody here the right to write its DACL.
+wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 &
+locker=$!
+for _ in $(seq 1 150); do grep -q locked "$work/lock.txt" && break; sleep 0.2; done
+protect "1|$hklm|$t\\Locked|nv_owner_a|1|"
+expect_eq "protect reply" 0100 "$reply"
+removed=$(journal_count 13)
+protect "0|$hklm|$t\\Locked|nv_owner_a|1|"
+expect_eq "unprotect reply" 0000 "$reply"
+tree_is "still protected" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\Locked"
+expect_eq "its rule stays" "$removed" "$(journal_count 13)"
+has_value "$(value_of "$t\\Locked")" || fail "Locked record kept"
+protected_keys | grep -q -F "$hklm_text|$t\\Locked|nv_owner_a||$orig|" || fail "Locked still listed: $(protected_keys)"
+expect_eq "failure line" 1 "$(log_lines "Failed to restore the original dacl of reg key (\\\\$hklm_text\\$t\\Locked), the key stays protected")"
+expect_eq "no unprotected line" 0 "$(log_lines "software\\nvtest\\locked has been unprotected.")"
+run "$probe" unlock
+wait "$locker" || fail "lock: the owner was not given back"
+protect "0|$hklm|$t\\Locked|nv_owner_a|1|"
+expect_eq "a later unprotect" 0100 "$reply"
+expect_eq "original DACL back" "$orig" "$(sddl "$t\\Locked")"
+journal_has "rule removed" 13 "\\REGISTRY\\Machine\\Software\\NvTest\\Locked"
+has_value "$(value_of "$t\\Locked")" && fail "Locked value left"
 
 echo "== restart: client keys released while stopped, protected again from their records"
 stop_service
