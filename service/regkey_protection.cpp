@@ -376,6 +376,18 @@ void chelperservice::get_protected_reg_keys(mcl::ipc_connection*, mcl::binary_t&
     }
 }
 
+namespace {
+
+// The persisted record of a key text, when there is one with an original DACL.
+bool persisted_record(const std::wstring& text, reg_key_record& record) {
+    mcl::binary_t data;
+    uint32_t pos = 0;
+    return mcl::mswin::reg::read_value(k_persist_key, ansi(text).c_str(), data) &&
+           regkey::read_record(record, data, pos) && !record.original_dacl.empty() && !record.path.empty();
+}
+
+}  // namespace
+
 bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries) {
     constexpr const char* fn = "chelperservice::handle_protect_reg_keys";
     if (entries.empty()) {
@@ -392,7 +404,19 @@ bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& e
         const std::wstring text = regkey::key_text(entry.root, entry.path);
         const auto found = protected_reg_keys_.find(text);
         if (entry.action == 0) {
-            if (found == protected_reg_keys_.end()) continue;
+            if (found == protected_reg_keys_.end()) {
+                // A protect that failed without the driver may have left the key's protected DACL
+                // and its persisted record (applied again at the next start): that record is
+                // given back as a loaded one would be.
+                reg_key_record saved;
+                if (!persisted_record(text, saved)) continue;
+                if (!unprotectRegKey(saved)) {
+                    result = false;
+                    continue;
+                }
+                NV_LOG(fn, "Reg key %ls has been unprotected.", text.c_str());
+                continue;
+            }
             if (!unprotectRegKey(found->second)) {
                 result = false;
                 continue;

@@ -102,7 +102,7 @@ echo "== set-up: service, owner services, test keys"
 run "$exe" -i install
 run sc create nv_owner_a binPath= 'C:\windows\system32\notepad.exe'
 run sc create nv_owner_b binPath= 'C:\windows\system32\notepad.exe'
-for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked; do
+for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do
     run reg add "HKLM\\Software\\NvTest\\$k" /f
 done
 wine reg delete 'HKLM\Software\NvTest\Fresh' /f </dev/null >/dev/null 2>&1
@@ -228,6 +228,18 @@ expect_eq "a later unprotect" 0100 "$reply"
 expect_eq "original DACL back" "$orig" "$(sddl "$t\\Locked")"
 journal_has "rule removed" 13 "\\REGISTRY\\Machine\\Software\\NvTest\\Locked"
 has_value "$(value_of "$t\\Locked")" && fail "Locked value left"
+
+echo "== a protect without the driver answers 0; an unprotect gives back what it left"
+run "$ctl" unload
+protect "1|$hklm|$t\\NoDriver|nv_owner_a|1|"
+expect_eq "protect without the driver" 0000 "$reply"
+tree_is "its DACL step stays" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\NoDriver"
+has_value "$(value_of "$t\\NoDriver")" || fail "NoDriver record persisted"
+run "$ctl" load
+protect "0|$hklm|$t\\NoDriver|nv_owner_a|1|"
+expect_eq "unprotect reply" 0100 "$reply"
+expect_eq "original DACL back" "$orig" "$(sddl "$t\\NoDriver")"
+has_value "$(value_of "$t\\NoDriver")" && fail "NoDriver value left"
 
 echo "== restart: client keys released while stopped, protected again from their records"
 stop_service
