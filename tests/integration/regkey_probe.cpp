@@ -30,20 +30,34 @@
 
 namespace {
 
-std::string sddl_of(const char* key) {
-    HKEY handle = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, READ_CONTROL, &handle) != ERROR_SUCCESS) return std::string();
+// The DACL of an open key as SDDL, or empty.
+std::string dacl_text(HKEY handle) {
     DWORD size = 0;
     RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, nullptr, &size);
     std::vector<BYTE> sd(size);
     char* text = nullptr;
-    std::string out;
-    if (size != 0 && RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd.data(), &size) == ERROR_SUCCESS &&
-        ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                             &text, nullptr)) {
-        out = text;
-        LocalFree(text);
-    }
+    if (size == 0 || RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd.data(), &size) != ERROR_SUCCESS ||
+        !ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                             &text, nullptr))
+        return std::string();
+    std::string out(text);
+    LocalFree(text);
+    return out;
+}
+
+// Writes the parts `info` names of an SDDL text to an open key.
+bool write_sddl(HKEY handle, SECURITY_INFORMATION info, const std::string& sddl) {
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return false;
+    const LONG rc = RegSetKeySecurity(handle, info, sd);
+    LocalFree(sd);
+    return rc == ERROR_SUCCESS;
+}
+
+std::string sddl_of(const char* key) {
+    HKEY handle = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, READ_CONTROL, &handle) != ERROR_SUCCESS) return std::string();
+    const std::string out = dacl_text(handle);
     RegCloseKey(handle);
     return out;
 }
@@ -70,21 +84,9 @@ int access_of(const char* key) {
 // Prints "locked" when the owner is SYSTEM.
 constexpr const char* unlock_event = "Global\\nv_regkey_probe_unlock";
 bool set_owner(HKEY handle, const char* owner) {
-    DWORD size = 0;
-    RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, nullptr, &size);
-    std::vector<BYTE> old(size);
-    char* dacl = nullptr;
-    if (size == 0 || RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, old.data(), &size) != ERROR_SUCCESS ||
-        !ConvertSecurityDescriptorToStringSecurityDescriptorA(old.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                             &dacl, nullptr))
-        return false;
-    const std::string sddl = std::string("O:") + owner + dacl;
-    LocalFree(dacl);
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return false;
-    const LONG rc = RegSetKeySecurity(handle, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, sd);
-    LocalFree(sd);
-    return rc == ERROR_SUCCESS;
+    const std::string dacl = dacl_text(handle);
+    return !dacl.empty() &&
+           write_sddl(handle, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, std::string("O:") + owner + dacl);
 }
 
 int lock(const char* key) {
@@ -108,20 +110,15 @@ int unlock() {
 }
 
 int grant(const char* key) {
-    std::string sddl = sddl_of(key);
-    const size_t at = sddl.find('(');
-    if (sddl.empty()) return 2;
-    sddl.insert(at == std::string::npos ? sddl.size() : at, "(A;;KA;;;BA)");
-    PSECURITY_DESCRIPTOR sd = nullptr;
     HKEY handle = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return 2;
-    LONG rc = RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, WRITE_DAC, &handle);
-    if (rc == ERROR_SUCCESS) {
-        rc = RegSetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd);
-        RegCloseKey(handle);
-    }
-    LocalFree(sd);
-    return rc == ERROR_SUCCESS ? 0 : 2;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, READ_CONTROL | WRITE_DAC, &handle) != ERROR_SUCCESS) return 2;
+    std::string sddl = dacl_text(handle);
+    const size_t at = sddl.find('(');
+    const bool ok = !sddl.empty() &&
+                    write_sddl(handle, DACL_SECURITY_INFORMATION,
+                               sddl.insert(at == std::string::npos ? sddl.size() : at, "(A;;KA;;;BA)"));
+    RegCloseKey(handle);
+    return ok ? 0 : 2;
 }
 
 std::vector<std::string> split(const std::string& text, char sep) {
