@@ -59,6 +59,7 @@ struct counters {
     std::atomic<uint64_t> hangups{0};
     std::atomic<uint64_t> killed{0};
     std::atomic<uint64_t> connect_failures{0};
+    std::atomic<int> clients_connected{0};  // clients whose first connection succeeded
 };
 
 class client_conn {
@@ -180,6 +181,7 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
     const std::vector<uint32_t> ids = valid_ids();
     client_conn conn;
     bool open = false;
+    bool connected_once = false;
     while (GetTickCount64() < end) {
         if (!open) {
             open = conn.open();
@@ -187,6 +189,10 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
                 c.connect_failures++;
                 Sleep(200);
                 continue;
+            }
+            if (!connected_once) {
+                connected_once = true;
+                c.clients_connected++;
             }
         }
         const unsigned action = rng() % 100;
@@ -430,9 +436,19 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
     std::vector<std::thread> threads;
     for (int i = 0; i < clients; ++i)
         threads.emplace_back([&, i] { storm_client(i, end, c, owned, self); });
-    // Warm-up: a tenth of the run, at least 10 s.
-    const ULONGLONG warm = start + (seconds / 10 < 10 ? 10 : seconds / 10) * 1000ull;
-    while (GetTickCount64() < warm) Sleep(200);
+    // Warm-up: a tenth of the run, at least 10 s, and until every client has connected and 5 s
+    // more have passed (on a loaded machine 200 clients take a while to get in, and the service's
+    // buffers and handle table grow with them), but at most half the run.
+    ULONGLONG warm = start + (seconds / 10 < 10 ? 10 : seconds / 10) * 1000ull;
+    const ULONGLONG warm_limit = start + static_cast<ULONGLONG>(seconds) * 500;
+    ULONGLONG all_in = 0;
+    while (GetTickCount64() < warm || (all_in == 0 || GetTickCount64() < all_in + 5000)) {
+        if (all_in == 0 && c.clients_connected.load() >= clients) all_in = GetTickCount64();
+        if (GetTickCount64() >= warm_limit) break;
+        Sleep(200);
+    }
+    warm = GetTickCount64();
+    std::printf("warmup_seconds: %.1f s\n", static_cast<double>(warm - start) / 1000.0);
     const uint64_t answered_at_warm = c.answered.load();
     usage warm_usage;
     const bool warm_ok = sample(pid, warm_usage);

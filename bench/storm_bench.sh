@@ -39,6 +39,8 @@ churn() {
         done
     done
 }
+# NV_STORM_CHURN=off leaves the driver loaded, to compare.
+if [ "${NV_STORM_CHURN:-on}" = off ]; then touch "$work/stop_churn"; fi
 churn &
 churner=$!
 
