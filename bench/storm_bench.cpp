@@ -436,10 +436,12 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
     std::vector<std::thread> threads;
     for (int i = 0; i < clients; ++i)
         threads.emplace_back([&, i] { storm_client(i, end, c, owned, self); });
-    // Warm-up: a tenth of the run, at least 10 s, and until every client has connected and 5 s
-    // more have passed (on a loaded machine 200 clients take a while to get in, and the service's
-    // buffers and handle table grow with them), but at most half the run.
-    ULONGLONG warm = start + (seconds / 10 < 10 ? 10 : seconds / 10) * 1000ull;
+    // Warm-up: a tenth of the run, but at least 30 s or half the run if that is shorter, and
+    // until every client has connected and 5 s more have passed, at most half the run. The
+    // service's lists, buffers and handle table grow until each client's objects have been
+    // protected once and every client is in (on a loaded machine 200 clients take a while).
+    const int half = seconds / 2 < 30 ? seconds / 2 : 30;
+    ULONGLONG warm = start + static_cast<ULONGLONG>(seconds / 10 > half ? seconds / 10 : half) * 1000;
     const ULONGLONG warm_limit = start + static_cast<ULONGLONG>(seconds) * 500;
     ULONGLONG all_in = 0;
     while (GetTickCount64() < warm || (all_in == 0 || GetTickCount64() < all_in + 5000)) {

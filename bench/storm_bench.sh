@@ -44,7 +44,7 @@ if [ "${NV_STORM_CHURN:-on}" = off ]; then touch "$work/stop_churn"; fi
 churn &
 churner=$!
 
-echo "== storm: $clients clients, $seconds s"
+echo "== storm: $clients clients, $seconds s ($(date +%T))"
 wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1
 storm_rc=$?
 tr -d '\r' <"$work/storm.txt"
@@ -54,7 +54,7 @@ wait "$churner"
 # The simulator must be loaded for what follows.
 wine "$ctl" load </dev/null >/dev/null 2>&1
 
-echo "== crash recovery: $kills kills during a storm"
+echo "== crash recovery: $kills kills during a storm ($(date +%T))"
 crash_seconds=$((kills * 8 + 20))
 crash_clients=$((clients / 4 > 0 ? clients / 4 : 1))
 wine "$storm" storm "$crash_seconds" "$crash_clients" --crashes </dev/null >"$work/crash_storm.txt" 2>&1 &
@@ -65,13 +65,14 @@ for k in $(seq 1 "$kills"); do
     # taskkill /f, a start as soon as the service manager has seen the process end, and the
     # first answers: storm_bench waits on the process and the service's pipe, not in steps.
     run "$storm" restart "$clients" 300
-    sed "s/^/kill $k: /" "$out"
+    sed "s/^/kill $k ($(date +%T)): /" "$out"
     [ "$rc" = 0 ] || fail "kill $k: restart or checks failed"
     restart_total=$(awk -v s="$restart_total" -v a="$(sed -n 's/^restart_seconds: \([0-9.]*\) s$/\1/p' "$out")" \
         'BEGIN { printf "%.2f", s + a }')
     # Stands in for the service SID, as after every start (see protection_lib.sh).
     run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 done
+echo "== waiting for the crash storm's end ($(date +%T))"
 wait "$crash_storm"
 crash_rc=$?
 tr -d '\r' <"$work/crash_storm.txt" | sed 's/^/crash storm: /'
@@ -80,5 +81,6 @@ echo "service_kills: $kills kills"
 echo "restart_mean: $(awk -v s="$restart_total" -v n="$kills" 'BEGIN { printf "%.2f", (n > 0) ? s / n : 0 }') s (kill to answering again)"
 
 stop_service
+echo "== done ($(date +%T))"
 echo "failures: $failures"
 [ "$failures" = 0 ]
