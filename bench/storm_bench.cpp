@@ -8,6 +8,8 @@
 //   storm_bench prepare CLIENTS (the storm's registry keys and folders)
 //   storm_bench victim          (a client the storm kills in the middle of its request)
 //   storm_bench check-keys      (every storm key whose DACL changed has its original recorded)
+//   storm_bench restart CLIENTS [SECONDS]
+//                               (taskkill /f of the service, started again, answering, keys checked)
 #include <windows.h>
 
 #include <psapi.h>
@@ -57,6 +59,7 @@ struct counters {
     std::atomic<uint64_t> hangups{0};
     std::atomic<uint64_t> killed{0};
     std::atomic<uint64_t> connect_failures{0};
+    std::atomic<int> clients_connected{0};  // clients whose first connection succeeded
 };
 
 class client_conn {
@@ -178,6 +181,7 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
     const std::vector<uint32_t> ids = valid_ids();
     client_conn conn;
     bool open = false;
+    bool connected_once = false;
     while (GetTickCount64() < end) {
         if (!open) {
             open = conn.open();
@@ -185,6 +189,10 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
                 c.connect_failures++;
                 Sleep(200);
                 continue;
+            }
+            if (!connected_once) {
+                connected_once = true;
+                c.clients_connected++;
             }
         }
         const unsigned action = rng() % 100;
@@ -428,9 +436,21 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
     std::vector<std::thread> threads;
     for (int i = 0; i < clients; ++i)
         threads.emplace_back([&, i] { storm_client(i, end, c, owned, self); });
-    // Warm-up: a tenth of the run, at least 10 s.
-    const ULONGLONG warm = start + (seconds / 10 < 10 ? 10 : seconds / 10) * 1000ull;
-    while (GetTickCount64() < warm) Sleep(200);
+    // Warm-up: a tenth of the run, but at least 30 s or half the run if that is shorter, and
+    // until every client has connected and 5 s more have passed, at most half the run. The
+    // service's lists, buffers and handle table grow until each client's objects have been
+    // protected once and every client is in (on a loaded machine 200 clients take a while).
+    const int half = seconds / 2 < 30 ? seconds / 2 : 30;
+    ULONGLONG warm = start + static_cast<ULONGLONG>(seconds / 10 > half ? seconds / 10 : half) * 1000;
+    const ULONGLONG warm_limit = start + static_cast<ULONGLONG>(seconds) * 500;
+    ULONGLONG all_in = 0;
+    while (GetTickCount64() < warm || (all_in == 0 || GetTickCount64() < all_in + 5000)) {
+        if (all_in == 0 && c.clients_connected.load() >= clients) all_in = GetTickCount64();
+        if (GetTickCount64() >= warm_limit) break;
+        Sleep(200);
+    }
+    warm = GetTickCount64();
+    std::printf("warmup_seconds: %.1f s\n", static_cast<double>(warm - start) / 1000.0);
     const uint64_t answered_at_warm = c.answered.load();
     usage warm_usage;
     const bool warm_ok = sample(pid, warm_usage);
@@ -489,8 +509,9 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
         int kept = 0;
         for (const auto& k : owned.keys) {
             const bool listed = records.count(record_name(k.first)) != 0;
-            // An unprotect that could not write the original DACL back keeps the record: the key
-            // still differs from the reference then.
+            // A protect answered 0 because the driver was away keeps its DACL step and its
+            // persisted record (applied again at the next start): the key differs from the
+            // reference then.
             if (listed && !k.second && !reference.empty()) {
                 HKEY key = nullptr;
                 if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, storm_key(k.first).c_str(), 0, READ_CONTROL, &key) == ERROR_SUCCESS) {
@@ -510,9 +531,78 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
         }
         std::printf("owned_services_checked: %zu services\n", owned.services.size());
         std::printf("owned_keys_checked: %zu keys\n", owned.keys.size());
-        std::printf("records_kept_for_unrestored_keys: %d keys\n", kept);
+        std::printf("records_left_by_failed_protects: %d keys\n", kept);
         check(wrong == 0, "the persisted services and keys are what the answered requests left");
     }
+    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    return failures == 0 ? 0 : 1;
+}
+
+// One request on a fresh connection, waiting for the service up to `deadline`: the connection
+// waits on the service's pipe and handshake objects, so it returns as soon as they are there.
+bool answered_by(uint32_t id, ULONGLONG deadline) {
+    while (GetTickCount64() < deadline) {
+        client_conn conn;
+        mcl::binary_t reply;
+        if (conn.open() && conn.request(id, mcl::binary_t(), reply) && !reply.empty()) return true;
+        Sleep(100);
+    }
+    return false;
+}
+
+// Kills the service with taskkill /f, starts it again as soon as the service manager has seen
+// its process end, and waits until it answers and lists its protected keys and services; then
+// the key records are checked. Prints the time from the kill to the answer.
+int restart(int clients, int seconds) {
+    const DWORD pid = service_pid();
+    if (pid == 0) {
+        std::printf("restart: the service is not running\n");
+        return 1;
+    }
+    HANDLE process = OpenProcess(SYNCHRONIZE, FALSE, pid);
+    const ULONGLONG start = GetTickCount64();
+    const ULONGLONG deadline = start + static_cast<ULONGLONG>(seconds) * 1000;
+    STARTUPINFOA si{};
+    si.cb = sizeof(si);
+    PROCESS_INFORMATION pi{};
+    std::string command = "taskkill.exe /F /PID " + std::to_string(pid);
+    if (!CreateProcessA(nullptr, &command[0], nullptr, nullptr, FALSE, 0, nullptr, nullptr, &si, &pi)) {
+        std::printf("restart: taskkill cannot be started: %lu\n", static_cast<unsigned long>(GetLastError()));
+        return 1;
+    }
+    WaitForSingleObject(pi.hProcess, INFINITE);
+    DWORD taskkill_rc = 1;
+    GetExitCodeProcess(pi.hProcess, &taskkill_rc);
+    CloseHandle(pi.hProcess);
+    CloseHandle(pi.hThread);
+    if (taskkill_rc != 0) {
+        std::printf("restart: taskkill exit code %lu\n", static_cast<unsigned long>(taskkill_rc));
+        return 1;
+    }
+    if (process != nullptr) {
+        WaitForSingleObject(process, static_cast<DWORD>(deadline - GetTickCount64()));
+        CloseHandle(process);
+    }
+    // The service manager notices the end of the process on its own thread: until then a start
+    // is refused as "already running".
+    bool started = false;
+    SC_HANDLE scm = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
+    SC_HANDLE s = scm == nullptr ? nullptr : OpenServiceA(scm, endpoint.c_str(), SERVICE_START);
+    while (s != nullptr && !started && GetTickCount64() < deadline) {
+        started = StartServiceA(s, 0, nullptr) != FALSE;
+        if (!started && GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) break;
+        if (!started) Sleep(50);
+    }
+    if (s != nullptr) CloseServiceHandle(s);
+    if (scm != nullptr) CloseServiceHandle(scm);
+    if (!started) {
+        std::printf("restart: the service does not start: %lu\n", static_cast<unsigned long>(GetLastError()));
+        return 1;
+    }
+    const bool keys = answered_by(msg::get_protected_reg_keys, deadline);
+    const bool services = keys && answered_by(msg::query_protected_services, deadline);
+    std::printf("restart_seconds: %.2f s\n", static_cast<double>(GetTickCount64() - start) / 1000.0);
+    check(keys && services, "the restarted service answers and lists its protected keys and services");
     check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
     return failures == 0 ? 0 : 1;
 }
@@ -558,10 +648,12 @@ int main(int argc, char** argv) {
         check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
         return failures == 0 ? 0 : 1;
     }
+    if (mode == "restart" && argc >= 3) return restart(atoi(argv[2]), argc > 3 ? atoi(argv[3]) : 300);
     if (mode == "storm" && argc >= 4) {
         const bool crashes = argc > 4 && std::strcmp(argv[4], "--crashes") == 0;
         return storm(atoi(argv[2]), atoi(argv[3]), crashes, std::string(self, n));
     }
-    std::fprintf(stderr, "usage: storm_bench storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | check-keys [CLIENTS]\n");
+    std::fprintf(stderr, "usage: storm_bench storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | check-keys [CLIENTS] | "
+                         "restart CLIENTS [SECONDS]\n");
     return 2;
 }

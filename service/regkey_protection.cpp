@@ -213,6 +213,11 @@ void write_record(mcl::binary_t& out, const reg_key_record& record) {
     mcl::write_u32(out, record.level);
 }
 
+bool key_present(HKEY root, const std::string& path) {
+    mcl::mswin::unique_reg_key handle;
+    return RegOpenKeyExA(root, path.c_str(), 0, 0, handle.put()) != ERROR_FILE_NOT_FOUND;
+}
+
 bool restore_key_tree(HKEY root, const std::string& path, const std::string& sddl) {
     mcl::mswin::unique_local sd;
     if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, sd.put(), nullptr)) {
@@ -358,6 +363,18 @@ void chelperservice::get_protected_reg_keys(mcl::ipc_connection*, mcl::binary_t&
     }
 }
 
+namespace {
+
+// The persisted record of a key text, when there is one with an original DACL.
+bool persisted_record(const std::wstring& text, reg_key_record& record) {
+    mcl::binary_t data;
+    uint32_t pos = 0;
+    return mcl::mswin::reg::read_value(k_persist_key, ansi(text).c_str(), data) &&
+           regkey::read_record(record, data, pos) && !record.original_dacl.empty() && !record.path.empty();
+}
+
+}  // namespace
+
 bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries) {
     constexpr const char* fn = "chelperservice::handle_protect_reg_keys";
     if (entries.empty()) {
@@ -374,7 +391,19 @@ bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& e
         const std::wstring text = regkey::key_text(entry.root, entry.path);
         const auto found = protected_reg_keys_.find(text);
         if (entry.action == 0) {
-            if (found == protected_reg_keys_.end()) continue;
+            if (found == protected_reg_keys_.end()) {
+                // A protect that failed without the driver may have left the key's protected DACL
+                // and its persisted record (applied again at the next start): that record is
+                // given back as a loaded one would be.
+                reg_key_record saved;
+                if (!persisted_record(text, saved)) continue;
+                if (!unprotectRegKey(saved)) {
+                    result = false;
+                    continue;
+                }
+                NV_LOG(fn, "Reg key %ls has been unprotected.", text.c_str());
+                continue;
+            }
             if (!unprotectRegKey(found->second)) {
                 result = false;
                 continue;
@@ -481,11 +510,19 @@ bool chelperservice::unprotectRegKey(const reg_key_record& record) {
     const std::string path = ansi(record.path);
     const std::wstring kernel_path =
         record.kernel_path.empty() ? mcl::mswin::reg::get_full_path(root, path) : record.kernel_path;
+    // The original DACL first: a key that keeps its protected DACL stays protected, with its
+    // driver rule and its record, so that a later unprotect can still give the original back.
+    // A record without an original DACL never changed the key's DACL; a key that is gone has
+    // none left to restore.
+    if (!record.original_dacl.empty() && !regkey::restore_key_tree(root, path, record.original_dacl) &&
+        regkey::key_present(root, path)) {
+        NV_LOG(fn, "Failed to restore the original dacl of reg key (\\\\%llu\\%ls), the key stays protected",
+               static_cast<unsigned long long>(regkey::widen_root(record.root)), record.path.c_str());
+        return false;
+    }
     // An empty text would lift every key rule, not this one.
     if (!kernel_path.empty()) drvProtectRegKey(port.get(), kernel_path, /*remove=*/true);
-    // A record without an original DACL never changed the key's DACL.
-    if (record.original_dacl.empty() || regkey::restore_key_tree(root, path, record.original_dacl))
-        (void)persistRegKeyRecord(record, /*add=*/false);
+    (void)persistRegKeyRecord(record, /*add=*/false);
     return true;
 }
 

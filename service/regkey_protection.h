@@ -54,6 +54,8 @@ void write_record(mcl::binary_t& out, const reg_key_record& record);
 // lets us list its subkeys only once it is restored still gets them all restored. Results of
 // the subkeys are ignored; the result is that of the key itself.
 bool restore_key_tree(HKEY root, const std::string& path, const std::string& sddl);
+// False only when root\path does not exist (a key we may not open is still there).
+bool key_present(HKEY root, const std::string& path);
 
 }  // namespace regkey
 

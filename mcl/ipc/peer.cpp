@@ -310,11 +310,14 @@ bool ipc_peer::setup(bool listening) {
     if (listening) {
         const std::string base = std::string(global_prefix) + name_;
         const bool inherit = false;
-        // A second listener under the same name simply has no mutex; so has one that finds the
-        // mutex made before it by another process, whose clients it still serves.
-        if (connecting_mutex_.create((base + "_MTX_CONNECTING").c_str(), &inherit) == -2)
+        // A mutex made before this listener (a second listener under the same name, or a client
+        // that still held the mutex of a listener that was killed) is opened and held: without a
+        // handle of ours it would vanish with the last client's, and no client could connect.
+        if (connecting_mutex_.create((base + "_MTX_CONNECTING").c_str(), &inherit) == -2) {
             NV_LOG("mcl::ipc_peer::setup", "The connecting mutex (\"%s_MTX_CONNECTING\") already exists, made before this listener",
                    base.c_str());
+            (void)connecting_mutex_.open((base + "_MTX_CONNECTING").c_str());
+        }
         if (!connected_event_.valid()) (void)connected_event_.create((base + "_EV_CONNECTED").c_str());
     }
     const bool started = start();

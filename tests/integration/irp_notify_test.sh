@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# IRP-denied notifications end to end: the real service (console run and under the service
-# control manager) in a prefix of its own with the driver simulator, subscriber processes
-# (nv_irp_subscriber) and denials injected into the simulator with driver_ctl.
+# IRP-denied notifications end to end: the service (console and under the service manager) with
+# the driver simulator, subscriber processes and denials injected with driver_ctl.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
@@ -72,14 +71,11 @@ run "$ctl" inject 3 0 "$pidA" '\Device\HarddiskVolume1\data\file.txt'
 wait $procA $procB
 a=$(watch_result subA)
 b=$(watch_result subB)
-grep -q '^subscribe: 1$' <<<"$a" || fail "subA subscribe: $a"
-grep -q '^event: fired$' <<<"$a" || fail "subA event: $a"
-grep -q '^first query: 1$' <<<"$a" || fail "subA first query: $a"
-grep -q "^record seq=[0-9]* path=c:\\\\data\\\\file.txt major=3 minor=0 pid=$pidA image=.*nv_irp_subscriber.exe description=..* denied=1$" <<<"$a" ||
-    fail "subA record: $a"
-grep -q '^second query: 0$' <<<"$a" || fail "subA second query: $a"
-grep -q '^event: fired$' <<<"$b" || fail "subB (any file) event: $b"
-grep -q '^first query: 1$' <<<"$b" || fail "subB first query: $b"
+for line in '^subscribe: 1$' '^event: fired$' '^first query: 1$' '^second query: 0$' \
+    "^record seq=[0-9]* path=c:\\\\data\\\\file.txt major=3 minor=0 pid=$pidA image=.*nv_irp_subscriber.exe description=..* denied=1$"; do
+    grep -q "$line" <<<"$a" || fail "subA: [$line]: $a"
+done
+for line in '^event: fired$' '^first query: 1$'; do grep -q "$line" <<<"$b" || fail "subB (any file): [$line]: $b"; done
 seqA=$(sed -n 's/^record seq=\([0-9]*\).*/\1/p' <<<"$a")
 seqB=$(sed -n 's/^record seq=\([0-9]*\).*/\1/p' <<<"$b")
 [ -n "$seqA" ] && [ "$seqA" != "$seqB" ] || fail "two records with different sequences: $seqA $seqB"

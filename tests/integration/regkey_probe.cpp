@@ -1,6 +1,8 @@
 // nv_regkey_probe: what the registry-key tests need from a second process.
 //   sddl KEY                  the DACL of HKLM\KEY as SDDL (read through the owner's rights)
 //   access KEY                "read=ok|denied write=ok|denied" for this process's token
+//   lock KEY                  gives the key to SYSTEM until "unlock" (prints "locked"), so that
+//                             a protected DACL leaves no one the right to write the DACL back
 //   grant KEY                 adds full access for Administrators in front of the key's DACL
 //   grant-own-keys            the same for each of the service's own keys that exists: stands in
 //                             for the service SID that Wine's tokens lack, after a start-up has
@@ -28,20 +30,34 @@
 
 namespace {
 
-std::string sddl_of(const char* key) {
-    HKEY handle = nullptr;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, READ_CONTROL, &handle) != ERROR_SUCCESS) return std::string();
+// The DACL of an open key as SDDL, or empty.
+std::string dacl_text(HKEY handle) {
     DWORD size = 0;
     RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, nullptr, &size);
     std::vector<BYTE> sd(size);
     char* text = nullptr;
-    std::string out;
-    if (size != 0 && RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd.data(), &size) == ERROR_SUCCESS &&
-        ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                             &text, nullptr)) {
-        out = text;
-        LocalFree(text);
-    }
+    if (size == 0 || RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd.data(), &size) != ERROR_SUCCESS ||
+        !ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
+                                                             &text, nullptr))
+        return std::string();
+    std::string out(text);
+    LocalFree(text);
+    return out;
+}
+
+// Writes the parts `info` names of an SDDL text to an open key.
+bool write_sddl(HKEY handle, SECURITY_INFORMATION info, const std::string& sddl) {
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return false;
+    const LONG rc = RegSetKeySecurity(handle, info, sd);
+    LocalFree(sd);
+    return rc == ERROR_SUCCESS;
+}
+
+std::string sddl_of(const char* key) {
+    HKEY handle = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, READ_CONTROL, &handle) != ERROR_SUCCESS) return std::string();
+    const std::string out = dacl_text(handle);
     RegCloseKey(handle);
     return out;
 }
@@ -62,21 +78,47 @@ int access_of(const char* key) {
     return 0;
 }
 
-int grant(const char* key) {
-    std::string sddl = sddl_of(key);
-    const size_t at = sddl.find('(');
-    if (sddl.empty()) return 2;
-    sddl.insert(at == std::string::npos ? sddl.size() : at, "(A;;KA;;;BA)");
-    PSECURITY_DESCRIPTOR sd = nullptr;
+// Gives HKLM\KEY to SYSTEM, so that only its DACL grants us (and the service) WRITE_DAC, and
+// keeps a handle that can give it back: once "unlock" signals, Administrators own it again.
+// The DACL is written along with the owner (alone, the owner would come with a default DACL).
+// Prints "locked" when the owner is SYSTEM.
+constexpr const char* unlock_event = "Global\\nv_regkey_probe_unlock";
+bool set_owner(HKEY handle, const char* owner) {
+    const std::string dacl = dacl_text(handle);
+    return !dacl.empty() &&
+           write_sddl(handle, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, std::string("O:") + owner + dacl);
+}
+
+int lock(const char* key) {
+    HANDLE unlock = CreateEventA(nullptr, TRUE, FALSE, unlock_event);
     HKEY handle = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return 2;
-    LONG rc = RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, WRITE_DAC, &handle);
-    if (rc == ERROR_SUCCESS) {
-        rc = RegSetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd);
-        RegCloseKey(handle);
-    }
-    LocalFree(sd);
-    return rc == ERROR_SUCCESS ? 0 : 2;
+    if (unlock == nullptr ||
+        RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, WRITE_OWNER | WRITE_DAC | READ_CONTROL, &handle) != ERROR_SUCCESS ||
+        !set_owner(handle, "SY"))
+        return 2;
+    printf("locked\n");
+    fflush(stdout);
+    WaitForSingleObject(unlock, 300000);
+    const bool ok = set_owner(handle, "BA");
+    RegCloseKey(handle);
+    return ok ? 0 : 2;
+}
+
+int unlock() {
+    HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, unlock_event);
+    return event != nullptr && SetEvent(event) ? 0 : 2;
+}
+
+int grant(const char* key) {
+    HKEY handle = nullptr;
+    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, READ_CONTROL | WRITE_DAC, &handle) != ERROR_SUCCESS) return 2;
+    std::string sddl = dacl_text(handle);
+    const size_t at = sddl.find('(');
+    const bool ok = !sddl.empty() &&
+                    write_sddl(handle, DACL_SECURITY_INFORMATION,
+                               sddl.insert(at == std::string::npos ? sddl.size() : at, "(A;;KA;;;BA)"));
+    RegCloseKey(handle);
+    return ok ? 0 : 2;
 }
 
 std::vector<std::string> split(const std::string& text, char sep) {
@@ -166,6 +208,8 @@ int main(int argc, char** argv) {
     }
     if (command == "access" && argc == 3) return access_of(argv[2]);
     if (command == "grant" && argc == 3) return grant(argv[2]);
+    if (command == "lock" && argc == 3) return lock(argv[2]);
+    if (command == "unlock" && argc == 2) return unlock();
     if (command == "grant-own-keys" && argc == 2) {
         int rc = 0;
         for (const char* key : chelperservice::own_reg_keys)

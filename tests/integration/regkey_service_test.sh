@@ -1,18 +1,9 @@
 #!/usr/bin/env bash
-# Registry key protection against the running service, in a prefix of its own with its own
-# driver stand-in: key and subkey DACLs read back as SDDL, what the driver received, access of a
-# token without the service SIDs, the persisted records across orderly stops, uninstalled owners,
-# a killed service and a process ended between the record write and the DACL write.
-#
-# Wine has no service SIDs: the service's own process holds no SID the protected DACL grants full
-# access to, so after start-up it may only read the protected "ProtectedRegKeys" key, where
-# Windows lets it write through its service SID. After each start the test stands in for that
-# SID by granting Administrators (every Wine process) full access to that one key.
+# Registry key protection against the running service and the driver simulator: key and subkey
+# DACLs as SDDL, what the driver received, access without the service SIDs, persisted records
+# across stops, kills and uninstalled owners, and DACLs that cannot be written back.
 set -uo pipefail
-. "$(dirname "$0")/service_prefix.sh"
-new_prefix
-start_sim
-install_service
+. "$(dirname "$0")/protection_lib.sh"
 probe=$NV_BIN_DIR/nv_regkey_probe.exe
 persist='Software\Norvale\NVClientHelper\ProtectedRegKeys'
 own_keys=(
@@ -25,75 +16,41 @@ own_keys=(
 )
 hklm=FFFFFFFF80000002
 hklm_text=18446744071562067970
-
-# log_lines TEXT: how many debug log lines hold TEXT.
-log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
-sddl() {
-    run "$probe" sddl "$1"
-    cat "$out"
-}
-access() {
-    run "$probe" access "$1"
-    cat "$out"
-}
-# protect ENTRY...: request 0x100000b built from the entries; the reply hex in $reply
+sddl() { run "$probe" sddl "$1" && cat "$out"; }
+access() { run "$probe" access "$1" && cat "$out"; }
+# protect ENTRY...: request 0x100000b from "action|root|path|owner|level|svc,svc"; reply hex in $reply
 protect() {
     run "$probe" request "$@"
-    local payload
-    payload=$(cat "$out")
-    run "$client" -t 60000 send 100000b "$payload"
+    run "$client" -t 60000 send 100000b "$(cat "$out")"
     reply=$(cat "$out")
 }
 protected_keys() {
     run "$client" send 100000c
-    run "$probe" keys "$(cat "$out")"
-    cat "$out"
+    run "$probe" keys "$(cat "$out")" && cat "$out"
 }
-journal() {
-    run "$ctl" journal
-    cat "$out"
-}
-# journal_has LABEL CODE TEXT: a command message CODE with exactly TEXT (as JSON)
+journal() { run "$ctl" journal && cat "$out"; }
+# journal_has LABEL CODE TEXT: a command CODE with exactly TEXT (Windows says MACHINE, Wine Machine)
 journal_has() {
-    local text=${3//\\/\\\\}
-    # Windows names the hive MACHINE, Wine Machine: compared without letter case.
-    journal | grep -q -i -F "\"code\":$2,\"kind\":\"command\",\"text\":\"$text\"" || fail "$1: no code $2 with [$3]"
+    journal | grep -q -i -F "\"code\":$2,\"kind\":\"command\",\"text\":\"${3//\\/\\\\}\"" || fail "$1: no code $2 with [$3]"
 }
 journal_count() { journal | grep -c -F "\"code\":$1,"; }
+# Waits for the six own keys' load lines, then stands in for the service SID on the record key.
 start_service() {
     local before
-    before=$(log_lines 'Load protected reg key: ')
-    # After a kill the manager may still count the service as running for a while.
-    for _ in $(seq 1 60); do
+    before=$(log_count 'Load protected reg key: ')
+    for _ in $(seq 1 60); do  # after a kill the manager may count it as running a while
         run "$exe" -s start
         [ "$rc" = 0 ] && break
         sleep 1
     done
     [ "$rc" = 0 ] || fail "start: $(cat "$out")"
     for _ in $(seq 1 150); do
-        [ "$(log_lines 'Load protected reg key: ')" -ge $((before + 6)) ] && break
+        [ "$(log_count 'Load protected reg key: ')" -ge $((before + 6)) ] && break
         sleep 0.2
     done
-    # Stands in for the service SID that Wine's tokens lack (see the head of this file).
     run "$probe" grant "$persist"
 }
-stop_service() {
-    run "$exe" -s stop
-    [ "$rc" = 0 ] || fail "stop: $(cat "$out")"
-    wait_state 252
-}
 has_value() { wine reg query "HKLM\\$persist" /v "$1" </dev/null >/dev/null 2>&1; }
-# The service SID Windows gives a name: S-1-5-80 and the SHA-1 of the upper-cased UTF-16LE name
-# as five little-endian 32-bit numbers.
-service_sid() {
-    local hex sid=S-1-5-80 w i
-    hex=$(printf '%s' "$1" | tr '[:lower:]' '[:upper:]' | iconv -f ASCII -t UTF-16LE | sha1sum | cut -c1-40)
-    for i in 0 8 16 24 32; do
-        w=${hex:$i:8}
-        sid+="-$((16#${w:6:2}${w:4:2}${w:2:2}${w:0:2}))"
-    done
-    echo "$sid"
-}
 own_sid=$(service_sid $svc)
 owner_sid=$(service_sid nv_owner_a)
 extra_sid=$(service_sid nv_extra)
@@ -102,21 +59,19 @@ echo "== set-up: service, owner services, test keys"
 run "$exe" -i install
 run sc create nv_owner_a binPath= 'C:\windows\system32\notepad.exe'
 run sc create nv_owner_b binPath= 'C:\windows\system32\notepad.exe'
-for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam; do
+for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do
     run reg add "HKLM\\Software\\NvTest\\$k" /f
 done
 wine reg delete 'HKLM\Software\NvTest\Fresh' /f </dev/null >/dev/null 2>&1
 orig=$(sddl 'Software\NvTest\Lvl0')
 [ -n "$orig" ] || fail "original DACL readable"
+declare -A own_orig
 for k in "${own_keys[@]}"; do
     run reg add "HKLM\\$k" /f
+    own_orig[$k]=$(sddl "$k")
 done
-declare -A own_orig
-for k in "${own_keys[@]}"; do own_orig[$k]=$(sddl "$k"); done
 
-# The protected DACL for a level and its full-access SIDs, from Wine's default key DACL
-# "D:(A;CIIO;GR;;;BU)(A;;KA;;;BA)": each SID gets 0x101f003f, inheritable; the other entries keep
-# their mask ANDed with the level's (0: none; 2: 0x40020006, write; other: 0x80020019, read).
+# The protected DACL of Wine's default key DACL for a level and its full-access SIDs.
 protected_sddl() {
     local level=$1 sid text='D:PARAI'
     shift
@@ -148,7 +103,7 @@ expect_eq "own key protected, then granted by the test" "D:PARAI(A;;KA;;;BA)${p#
 # Protected after "ProtectedRegKeys", whose protected DACL lets the service only read it under
 # Wine: its record cannot be written first, so its DACL is left as it was.
 expect_eq "a key whose record cannot be written" "${own_orig[${own_keys[5]}]}" "$(sddl "${own_keys[5]}")"
-[ "$(log_lines "Original dacl for registry key [${own_keys[5]}] could not be recorded, the dacl is left as it is")" = 1 ] ||
+[ "$(log_count "Original dacl for registry key [${own_keys[5]}] could not be recorded, the dacl is left as it is")" = 1 ] ||
     fail "unrecorded key line"
 for k in "${own_keys[@]}"; do journal_has "own key rule" 12 "\\REGISTRY\\Machine\\$k"; done
 expect_eq "own keys listed" "count=6" "$(protected_keys | head -n 1)"
@@ -174,7 +129,7 @@ expect_eq "level 1 access" "read=ok write=denied" "$(access "$t\\Lvl1\\A")"
 expect_eq "an unprotected key" "read=ok write=ok" "$(access "$t\\Crash")"
 expect_eq "nine keys listed" "count=9" "$(protected_keys | head -n 1)"
 protected_keys | grep -q -F "$hklm_text|$t\\Lvl0|nv_owner_a|nv_extra|$orig|" || fail "Lvl0 listed: $(protected_keys)"
-[ "$(log_lines "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected.")" = 1 ] || fail "protected line"
+[ "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected.")" = 1 ] || fail "protected line"
 
 echo "== the same key twice and in another letter case; a key that is not protected"
 rules=$(journal_count 12)
@@ -203,7 +158,43 @@ tree_is "level 0 restored" "$orig" "${lvl0_tree[@]}"
 journal_has "rule removed" 13 "\\REGISTRY\\Machine\\Software\\NvTest\\Lvl0"
 has_value "$(value_of "$t\\Lvl0")" && fail "Lvl0 value left"
 expect_eq "nine keys again (Fresh in, Lvl0 out)" "count=9" "$(protected_keys | head -n 1)"
-[ "$(log_lines "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")" = 1 ] || fail "unprotected line"
+[ "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")" = 1 ] || fail "unprotected line"
+
+echo "== an original DACL that cannot be written back: answered 0, the key stays protected"
+# Owned by SYSTEM, the protected key grants nobody here the right to write its DACL.
+wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 &
+locker=$!
+for _ in $(seq 1 150); do grep -q locked "$work/lock.txt" && break; sleep 0.2; done
+protect "1|$hklm|$t\\Locked|nv_owner_a|1|"
+expect_eq "protect reply" 0100 "$reply"
+removed=$(journal_count 13)
+protect "0|$hklm|$t\\Locked|nv_owner_a|1|"
+expect_eq "unprotect reply" 0000 "$reply"
+tree_is "still protected" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\Locked"
+expect_eq "its rule stays" "$removed" "$(journal_count 13)"
+has_value "$(value_of "$t\\Locked")" || fail "Locked record kept"
+protected_keys | grep -q -F "$hklm_text|$t\\Locked|nv_owner_a||$orig|" || fail "Locked still listed: $(protected_keys)"
+expect_eq "failure line" 1 "$(log_count "Failed to restore the original dacl of reg key (\\\\$hklm_text\\$t\\Locked), the key stays protected")"
+expect_eq "no unprotected line" 0 "$(log_count "software\\nvtest\\locked has been unprotected.")"
+run "$probe" unlock
+wait "$locker" || fail "lock: the owner was not given back"
+protect "0|$hklm|$t\\Locked|nv_owner_a|1|"
+expect_eq "a later unprotect" 0100 "$reply"
+expect_eq "original DACL back" "$orig" "$(sddl "$t\\Locked")"
+journal_has "rule removed" 13 "\\REGISTRY\\Machine\\Software\\NvTest\\Locked"
+has_value "$(value_of "$t\\Locked")" && fail "Locked value left"
+
+echo "== a protect without the driver answers 0; an unprotect gives back what it left"
+run "$ctl" unload
+protect "1|$hklm|$t\\NoDriver|nv_owner_a|1|"
+expect_eq "protect without the driver" 0000 "$reply"
+tree_is "its DACL step stays" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\NoDriver"
+has_value "$(value_of "$t\\NoDriver")" || fail "NoDriver record persisted"
+run "$ctl" load
+protect "0|$hklm|$t\\NoDriver|nv_owner_a|1|"
+expect_eq "unprotect reply" 0100 "$reply"
+expect_eq "original DACL back" "$orig" "$(sddl "$t\\NoDriver")"
+has_value "$(value_of "$t\\NoDriver")" && fail "NoDriver value left"
 
 echo "== restart: client keys released while stopped, protected again from their records"
 stop_service
@@ -220,7 +211,7 @@ echo "== an owner uninstalled while the service was stopped"
 stop_service
 run sc delete nv_owner_b
 start_service
-[ "$(log_lines "Owner service [nv_owner_b] of reg key {$(value_of "$t\\Lvl1")} has been uninstalled, unprotect the key.")" = 1 ] ||
+[ "$(log_count "Owner service [nv_owner_b] of reg key {$(value_of "$t\\Lvl1")} has been uninstalled, unprotect the key.")" = 1 ] ||
     fail "uninstalled owner line"
 tree_is "level 1 given back" "$orig" "${lvl1_tree[@]}"
 has_value "$(value_of "$t\\Lvl1")" && fail "Lvl1 value left"
