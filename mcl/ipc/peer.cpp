@@ -16,7 +16,7 @@ constexpr int pipe_open_wait_ms = static_cast<int>(ipc_channel::pipe_default_tim
 
 constexpr DWORD accept_retry_first_ms = 50;
 constexpr DWORD accept_retry_last_ms = 5000;
-constexpr DWORD unsignalled_check_ms = 5000;
+constexpr DWORD unsignalled_check_ms = 500;
 
 // Erases every entry of a (connection, sequence)-keyed table that belongs to `connection`.
 template <typename Map>

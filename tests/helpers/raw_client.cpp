@@ -25,7 +25,7 @@ HANDLE open_waiting(const std::string& name, DWORD access) {
 
 }  // namespace
 
-bool raw_client::connect(const std::string& name) {
+bool raw_client::connect(const std::string& name, bool signal) {
     const std::string base = "Global\\" + name;
     HANDLE mutex = nullptr;
     for (int i = 0; i < 200 && mutex == nullptr; ++i) {
@@ -44,7 +44,7 @@ bool raw_client::connect(const std::string& name) {
         HANDLE connected = OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str());
         ok = in_ != nullptr && out_ != nullptr && connected != nullptr;
         if (connected != nullptr) {
-            SetEvent(connected);
+            if (signal) SetEvent(connected);
             CloseHandle(connected);
         }
         ReleaseMutex(mutex);

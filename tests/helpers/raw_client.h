@@ -18,8 +18,8 @@ public:
     ~raw_client() { close(); }
 
     // Takes the connecting mutex (waiting up to 10 s for the listener), opens both pipes, sets
-    // the connected event and releases the mutex.
-    bool connect(const std::string& name);
+    // the connected event (unless told not to, as a hostile client may) and releases the mutex.
+    bool connect(const std::string& name, bool signal = true);
     bool write(const std::vector<unsigned char>& bytes);
     // Reads exactly n bytes; false when the pipe ends first.
     bool read(uint32_t n, std::vector<unsigned char>& bytes);

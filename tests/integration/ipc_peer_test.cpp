@@ -169,6 +169,15 @@ TEST(IpcPeer, AClientKilledDuringItsRequestLeavesTheServerServingOthers) {
     EXPECT_TRUE(fresh.connect(server.name()) && fresh.echo("new client"));
 }
 
+TEST(IpcPeer, AClientThatTakesThePipesWithoutSignallingDoesNotShutOutTheNext) {
+    nv_test::server_process server;
+    nv_test::raw_client silent;
+    ASSERT_TRUE(silent.connect(server.name(), /*signal=*/false));
+    // The next client waits for a pair no longer than a pipe's default time-out.
+    EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait());
+    EXPECT_EQ(1u, nv_test::count_of(server.log(), "without signalling the connected event, make the next pair"));
+}
+
 TEST(IpcPeer, ASendWhoseConnectionDiesReturnsFalseAtOnce) {
     nv_test::log_capture log;
     nv_test::server_process server;
