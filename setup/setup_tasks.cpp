@@ -520,21 +520,5 @@ bool restoreFolderPermissions(const std::string& folder) {
 }
 
 bool SetPrivilege(HANDLE token, bool enable) {
-    constexpr const char* fn = "SetPrivilege";
-    TOKEN_PRIVILEGES privileges{};
-    if (!LookupPrivilegeValueA(nullptr, "SeTakeOwnershipPrivilege", &privileges.Privileges[0].Luid)) {
-        NV_LOG(fn, "LookupPrivilegeValue error: %u\n", static_cast<unsigned>(GetLastError()));
-        return false;
-    }
-    privileges.PrivilegeCount = 1;
-    privileges.Privileges[0].Attributes = enable ? SE_PRIVILEGE_ENABLED : 0;
-    if (!AdjustTokenPrivileges(token, FALSE, &privileges, sizeof(privileges), nullptr, nullptr)) {
-        NV_LOG(fn, "AdjustTokenPrivileges error: %u\n", static_cast<unsigned>(GetLastError()));
-        return false;
-    }
-    if (GetLastError() == ERROR_NOT_ALL_ASSIGNED) {
-        NV_LOG(fn, "The token does not have the specified privilege. \n");
-        return false;
-    }
-    return true;
+    return mcl::mswin::reg::set_privilege(token, "SeTakeOwnershipPrivilege", enable, "SetPrivilege");
 }

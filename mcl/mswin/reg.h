@@ -57,8 +57,10 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
 // The kernel path of the key (\REGISTRY\MACHINE\...), or empty.
 std::wstring get_full_path(HKEY root, const std::string& key);
 
-// Enables or disables one privilege of `token`. False when the token does not hold it.
-bool set_privilege(HANDLE token, const char* privilege, bool enable);
+// Enables or disables one privilege of `token`. False when the token does not hold it. Its log
+// lines name `log_fn`.
+bool set_privilege(HANDLE token, const char* privilege, bool enable,
+                   const char* log_fn = "mcl::mswin::reg::set_privilege");
 // Makes the token's user the owner of the key (with the take-ownership and restore privileges,
 // which are disabled again afterwards).
 bool take_ownership(HANDLE token, HKEY root, const std::string& key);

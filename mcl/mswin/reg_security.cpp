@@ -159,8 +159,8 @@ std::wstring get_full_path(HKEY root, const std::string& key) {
     return path;
 }
 
-bool set_privilege(HANDLE token, const char* privilege, bool enable) {
-    constexpr const char* fn = "mcl::mswin::reg::set_privilege";
+bool set_privilege(HANDLE token, const char* privilege, bool enable, const char* log_fn) {
+    const char* const fn = log_fn;
     LUID luid{};
     if (!LookupPrivilegeValueA(nullptr, privilege, &luid)) {
         NV_LOG(fn, "LookupPrivilegeValue error: %u\n", static_cast<unsigned>(GetLastError()));
