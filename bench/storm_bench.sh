@@ -5,7 +5,8 @@
 # reloads the driver every 2-6 s and injects IRP denials; then the checks storm_bench prints.
 # Then, KILLS times, the service is killed with taskkill /f at a random moment of a second,
 # shorter storm and started again: each time it must answer, load its persisted lists and leave
-# no protected storm key without the record of its original DACL. Prints "name: value unit" lines.
+# no protected storm key without the record of its original DACL and no storm file neither at its
+# place nor quarantined. Prints "name: value unit" lines.
 #
 # GROWTH_LIMIT: how much, in percent, the service's handles and private bytes may grow after warm-up.
 #
