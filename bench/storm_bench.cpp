@@ -552,14 +552,22 @@ int check_files(int clients) {
         for (int f = 0; f < files_per_client; ++f)
             if (!holds_bytes(storm_file(i, f), storm_file_bytes(i, f))) pending.emplace_back(i, f);
     size_t archived = 0;
-    for (int round = 0; round < 5 && !pending.empty(); ++round) {
+    int listing_failures = 0;
+    for (int round = 0; round < 5 && !pending.empty();) {
         if (round > 0) Sleep(100);
         std::map<std::string, std::string> archives;
         if (!list_archives(conn, archives)) {
+            // The service may be being killed and started again: a new connection waits for it.
             std::printf("files: the container's listing failed\n");
-            open = conn.open();
+            if (++listing_failures > 5) break;
+            open = false;
+            for (int i = 0; i < 100 && !open; ++i) {
+                open = conn.open();
+                if (!open) Sleep(200);
+            }
             continue;
         }
+        ++round;
         std::vector<std::pair<int, int>> neither;
         for (const auto& f : pending) {
             if (archives.count(lowered(storm_file(f.first, f.second))) != 0)
