@@ -55,6 +55,9 @@ constexpr int files_per_client = 2;
 std::string storm_file(int client, int file) {
     return "C:\\storm\\f" + std::to_string(client) + "\\q" + std::to_string(file) + ".bin";
 }
+// Each client's own container, made and removed again (never the storm's), and its file to block.
+std::string own_container(int client) { return "C:\\storm\\c" + std::to_string(client); }
+std::string blocked_file(int client) { return "C:\\storm\\f" + std::to_string(client) + "\\blk.txt"; }
 std::vector<unsigned char> storm_file_bytes(int client, int file) {
     const unsigned seed = static_cast<unsigned>(client * files_per_client + file);
     std::vector<unsigned char> bytes(4096 + (seed * 7919u) % 61441u);
@@ -235,6 +238,22 @@ mcl::binary_t valid_payload(uint32_t id, int client, std::mt19937& rng) {
         break;
     case msg::query_irp_notification_data: mcl::write_string(p, subscriber); break;
     case msg::get_quarantined_files: mcl::write_string(p, storm_container); break;
+    case msg::create_quarantine_container:
+        mcl::write_string(p, own_container(client));
+        mcl::write_string_list(p, {});
+        break;
+    case msg::remove_quarantine_container:  // restoring what it holds: nothing
+        mcl::write_u32(p, 2);
+        mcl::write_string(p, own_container(client));
+        break;
+    case msg::block_file_access:
+    case msg::unblock_file_access:
+    case msg::is_file_access_blocked: mcl::write_string(p, blocked_file(client)); break;
+    case msg::block_files_access:
+        mcl::write_u32(p, rng() % 2);
+        mcl::write_string_list(p, {});
+        mcl::write_string_list(p, {blocked_file(client)});
+        break;
     case msg::is_file_quarantined: mcl::write_string(p, storm_file(client, 0)); break;
     case msg::quarantine_files:  // an empty list; storm_client quarantines and restores real files
         mcl::write_u32(p, 0);
@@ -820,6 +839,9 @@ int main(int argc, char** argv) {
                 CreateDirectoryA("C:\\storm", nullptr);
                 CreateDirectoryA(storm_container, nullptr);
                 CreateDirectoryA(("C:\\storm\\f" + std::to_string(i)).c_str(), nullptr);
+                HANDLE blk = CreateFileA(blocked_file(i).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+                if (blk == INVALID_HANDLE_VALUE) return 1;
+                CloseHandle(blk);
                 for (int f = 0; f < files_per_client; ++f) {
                     const std::vector<unsigned char> bytes = storm_file_bytes(i, f);
                     HANDLE h = CreateFileA(storm_file(i, f).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
