@@ -59,9 +59,9 @@ std::string storm_file(int client, int file) {
 std::string own_container(int client) { return "C:\\storm\\c" + std::to_string(client); }
 std::string blocked_file(int client) { return "C:\\storm\\f" + std::to_string(client) + "\\blk.txt"; }
 std::vector<unsigned char> storm_file_bytes(int client, int file) {
-    const unsigned seed = static_cast<unsigned>(client * files_per_client + file);
-    std::vector<unsigned char> bytes(4096 + (seed * 7919u) % 61441u);
-    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(seed * 131u + i * 31u + i / 251u);
+    const unsigned number = static_cast<unsigned>(client * files_per_client + file);
+    std::vector<unsigned char> bytes(4096 + (number * 7919u) % 61441u);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(number * 131u + i * 31u + i / 251u);
     return bytes;
 }
 
