@@ -5,11 +5,14 @@
 // check held, 1 otherwise.
 //
 //   storm_bench storm SECONDS CLIENTS [--crashes]
-//   storm_bench prepare CLIENTS (the storm's registry keys and folders)
+//                               (NV_STORM_GROWTH_LIMIT: the allowed growth of handles and private
+//                               bytes after warm-up, in percent; 10 unless set)
+//   storm_bench prepare CLIENTS (the storm's registry keys, folders and files to quarantine)
 //   storm_bench victim          (a client the storm kills in the middle of its request)
 //   storm_bench check-keys      (every storm key whose DACL changed has its original recorded)
 //   storm_bench restart CLIENTS [SECONDS]
-//                               (taskkill /f of the service, started again, answering, keys checked)
+//                               (taskkill /f of the service, started again, answering, keys and
+//                               quarantined files checked)
 #include <windows.h>
 
 #include <psapi.h>
@@ -18,6 +21,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <map>
 #include <mutex>
@@ -44,6 +48,23 @@ constexpr uint64_t hklm = 0xFFFFFFFF80000002ull;
 std::string storm_key(int client) { return "SOFTWARE\\NVStorm\\k" + std::to_string(client); }
 std::wstring wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
 
+// The quarantine container of the storm and each client's files that its clients quarantine and
+// restore: 4-64 KiB each, their bytes derived from the client and file index.
+constexpr const char* storm_container = "C:\\storm\\q";
+constexpr int files_per_client = 2;
+std::string storm_file(int client, int file) {
+    return "C:\\storm\\f" + std::to_string(client) + "\\q" + std::to_string(file) + ".bin";
+}
+// Each client's own container, made and removed again (never the storm's), and its file to block.
+std::string own_container(int client) { return "C:\\storm\\c" + std::to_string(client); }
+std::string blocked_file(int client) { return "C:\\storm\\f" + std::to_string(client) + "\\blk.txt"; }
+std::vector<unsigned char> storm_file_bytes(int client, int file) {
+    const unsigned number = static_cast<unsigned>(client * files_per_client + file);
+    std::vector<unsigned char> bytes(4096 + (number * 7919u) % 61441u);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(number * 131u + i * 31u + i / 251u);
+    return bytes;
+}
+
 // Identifiers that random payloads and random identifiers never reach: the service's stop, the
 // protection lists whose final state the storm checks, and the switches that turn protection
 // off (a random payload could do any of that).
@@ -60,6 +81,8 @@ struct counters {
     std::atomic<uint64_t> killed{0};
     std::atomic<uint64_t> connect_failures{0};
     std::atomic<int> clients_connected{0};  // clients whose first connection succeeded
+    std::atomic<uint64_t> quarantined{0};   // storm files archived into the container
+    std::atomic<uint64_t> restored{0};      // and restored from it
 };
 
 class client_conn {
@@ -98,6 +121,66 @@ private:
 };
 
 bool status_ok(const mcl::binary_t& reply) { return reply.size() >= 1 && reply.data()[0] == 1; }
+
+std::string lowered(std::string s) {
+    for (char& ch : s) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
+    return s;
+}
+
+mcl::binary_t quarantine_payload(uint32_t action, const std::string& path) {
+    mcl::binary_t p;
+    mcl::write_u32(p, action);
+    mcl::write_string(p, storm_container);
+    mcl::write_string_list(p, {path});
+    return p;
+}
+
+// The container's archives as the service lists them: lowered original path -> archive path.
+bool list_archives(client_conn& conn, std::map<std::string, std::string>& archives) {
+    archives.clear();
+    mcl::binary_t p;
+    mcl::write_string(p, storm_container);
+    mcl::binary_t reply;
+    if (!conn.request(msg::get_quarantined_files, p, reply)) return false;
+    uint32_t pos = 0;
+    uint32_t count = 0;
+    if (!mcl::read_u32(count, reply, pos)) return false;
+    for (uint32_t i = 0; i < count; ++i) {
+        std::string name;
+        std::string original;
+        if (!mcl::read_string(name, reply, pos) || !mcl::read_string(original, reply, pos)) return false;
+        archives[lowered(original)] = std::string(storm_container) + "\\" + name;
+    }
+    return true;
+}
+
+// One storm file quarantined when it is at its place, restored when it is not; false when the
+// connection ended. `archive` is where this client last saw the file archived.
+bool quarantine_or_restore(client_conn& conn, int client, int file, std::string& archive, counters& c) {
+    const std::string path = storm_file(client, file);
+    mcl::binary_t reply;
+    if (GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
+        if (!conn.request(msg::quarantine_files, quarantine_payload(0, path), reply)) return false;
+        uint32_t pos = 1;
+        std::string message;
+        if (status_ok(reply) && mcl::read_string(message, reply, pos) && message.size() > 1 && message.back() == ';') {
+            archive = message.substr(0, message.size() - 1);
+            c.quarantined++;
+        }
+        return true;
+    }
+    if (archive.empty()) {  // archived by an earlier run, or the reply was lost
+        std::map<std::string, std::string> archives;
+        if (!list_archives(conn, archives)) return false;
+        const auto found = archives.find(lowered(path));
+        if (found == archives.end()) return true;
+        archive = found->second;
+    }
+    if (!conn.request(msg::quarantine_files, quarantine_payload(2, archive), reply)) return false;
+    if (status_ok(reply)) c.restored++;
+    archive.clear();
+    return true;
+}
 
 mcl::binary_t service_rule_payload(int service, bool protect) {
     mcl::binary_t p;
@@ -154,6 +237,29 @@ mcl::binary_t valid_payload(uint32_t id, int client, std::mt19937& rng) {
         mcl::write_u32(p, 1);
         break;
     case msg::query_irp_notification_data: mcl::write_string(p, subscriber); break;
+    case msg::get_quarantined_files: mcl::write_string(p, storm_container); break;
+    case msg::create_quarantine_container:
+        mcl::write_string(p, own_container(client));
+        mcl::write_string_list(p, {});
+        break;
+    case msg::remove_quarantine_container:  // restoring what it holds: nothing
+        mcl::write_u32(p, 2);
+        mcl::write_string(p, own_container(client));
+        break;
+    case msg::block_file_access:
+    case msg::unblock_file_access:
+    case msg::is_file_access_blocked: mcl::write_string(p, blocked_file(client)); break;
+    case msg::block_files_access:
+        mcl::write_u32(p, rng() % 2);
+        mcl::write_string_list(p, {});
+        mcl::write_string_list(p, {blocked_file(client)});
+        break;
+    case msg::is_file_quarantined: mcl::write_string(p, storm_file(client, 0)); break;
+    case msg::quarantine_files:  // an empty list; storm_client quarantines and restores real files
+        mcl::write_u32(p, 0);
+        mcl::write_string(p, storm_container);
+        mcl::write_string_list(p, {});
+        break;
     default: break;  // the rest take no payload
     }
     return p;
@@ -182,6 +288,7 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
     client_conn conn;
     bool open = false;
     bool connected_once = false;
+    std::string archives[files_per_client];
     while (GetTickCount64() < end) {
         if (!open) {
             open = conn.open();
@@ -199,7 +306,16 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
         mcl::binary_t reply;
         if (action < 45) {  // a valid request
             const uint32_t id = ids[rng() % ids.size()];
-            if (conn.request(id, valid_payload(id, index, rng), reply)) {
+            if (id == msg::quarantine_files) {
+                const int file = static_cast<int>(rng() % files_per_client);
+                if (quarantine_or_restore(conn, index, file, archives[file], c)) {
+                    c.answered++;
+                } else {
+                    c.unanswered++;
+                    open = false;
+                    archives[file].clear();
+                }
+            } else if (conn.request(id, valid_payload(id, index, rng), reply)) {
                 c.answered++;
             } else {
                 c.unanswered++;
@@ -323,11 +439,6 @@ std::set<std::string> value_names(const char* key) {
     return names;
 }
 
-std::string lowered(std::string s) {
-    for (char& ch : s) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
-    return s;
-}
-
 // The persisted record name of a storm key: two backslashes, the decimal root, a backslash, the lowered path.
 std::string record_name(int client) { return "\\\\" + std::to_string(hklm) + "\\" + lowered(storm_key(client)); }
 
@@ -426,11 +537,91 @@ int check_keys(int clients) {
     return orphans + empty;
 }
 
+bool holds_bytes(const std::string& path, const std::vector<unsigned char>& want) {
+    HANDLE h = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, 0, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    std::vector<unsigned char> got(want.size() + 1);
+    DWORD total = 0;
+    DWORD n = 0;
+    while (total < got.size() && ReadFile(h, got.data() + total, static_cast<DWORD>(got.size() - total), &n, nullptr) &&
+           n > 0)
+        total += n;
+    CloseHandle(h);
+    return total == want.size() && std::memcmp(got.data(), want.data(), want.size()) == 0;
+}
+
+// Every storm file is at its place with its bytes, or an archive in the container records its
+// path; never neither. Clients may be moving files meanwhile (an archive is in place before its
+// source goes, a restored file before its archive goes): a file found in neither form is looked
+// for again, archives first, a few times before it counts.
+int check_files(int clients) {
+    client_conn conn;
+    bool open = false;
+    for (int i = 0; i < 100 && !open; ++i) {
+        open = conn.open();
+        if (!open) Sleep(200);
+    }
+    if (!open) {
+        std::printf("files: no connection to list the container\n");
+        return 1;
+    }
+    std::vector<std::pair<int, int>> pending;
+    for (int i = 0; i < clients; ++i)
+        for (int f = 0; f < files_per_client; ++f)
+            if (!holds_bytes(storm_file(i, f), storm_file_bytes(i, f))) pending.emplace_back(i, f);
+    size_t archived = 0;
+    int listing_failures = 0;
+    for (int round = 0; round < 5 && !pending.empty();) {
+        if (round > 0) Sleep(100);
+        std::map<std::string, std::string> archives;
+        if (!list_archives(conn, archives)) {
+            // The service may be being killed and started again: a new connection waits for it.
+            std::printf("files: the container's listing failed\n");
+            if (++listing_failures > 5) break;
+            open = false;
+            for (int i = 0; i < 100 && !open; ++i) {
+                open = conn.open();
+                if (!open) Sleep(200);
+            }
+            continue;
+        }
+        ++round;
+        std::vector<std::pair<int, int>> neither;
+        for (const auto& f : pending) {
+            if (archives.count(lowered(storm_file(f.first, f.second))) != 0)
+                ++archived;
+            else if (!holds_bytes(storm_file(f.first, f.second), storm_file_bytes(f.first, f.second)))
+                neither.push_back(f);
+        }
+        pending.swap(neither);
+    }
+    for (const auto& f : pending)
+        std::printf("file %s: neither at its place with its bytes nor archived\n", storm_file(f.first, f.second).c_str());
+    std::printf("storm_files_archived: %zu files (of %d)\n", archived, clients * files_per_client);
+    return static_cast<int>(pending.size());
+}
+
+// The storm's container, made (or found made) by the service.
+bool register_container() {
+    client_conn conn;
+    mcl::binary_t p;
+    mcl::write_string(p, storm_container);
+    mcl::write_string_list(p, {});
+    mcl::binary_t reply;
+    for (int i = 0; i < 100; ++i) {
+        if (conn.open() && conn.request(msg::create_quarantine_container, p, reply)) return status_ok(reply);
+        Sleep(200);
+    }
+    return false;
+}
+
 int storm(int seconds, int clients, bool crashes, const std::string& self) {
     counters c;
     owned_state owned;
     const DWORD pid = service_pid();
     std::printf("service_pid: %lu\n", static_cast<unsigned long>(pid));
+    check(register_container(), "the storm's quarantine container is made");
     const ULONGLONG start = GetTickCount64();
     const ULONGLONG end = start + static_cast<ULONGLONG>(seconds) * 1000;
     std::vector<std::thread> threads;
@@ -467,6 +658,8 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
     std::printf("connect_failures: %llu attempts\n", static_cast<unsigned long long>(c.connect_failures.load()));
     std::printf("requests_per_second: %.1f requests/s\n",
                 elapsed > 0 ? static_cast<double>(c.answered.load() - answered_at_warm) / elapsed : 0.0);
+    std::printf("files_quarantined: %llu files\n", static_cast<unsigned long long>(c.quarantined.load()));
+    std::printf("files_restored: %llu files\n", static_cast<unsigned long long>(c.restored.load()));
 
     check_every_request_answers();
     const DWORD pid_after = service_pid();
@@ -484,8 +677,12 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
             std::printf("private_bytes_after_warmup: %.1f MiB\n", warm_usage.private_bytes / 1048576.0);
             std::printf("private_bytes_after_storm: %.1f MiB\n", after.private_bytes / 1048576.0);
             std::printf("private_bytes_change: %.1f %%\n", bytes);
-            check(handles <= 10.0, "handle count within 10% of its value after warm-up");
-            check(bytes <= 10.0, "private bytes within 10% of their value after warm-up");
+            // The allowed growth in percent: NV_STORM_GROWTH_LIMIT, 10 unless set.
+            const char* limit_text = std::getenv("NV_STORM_GROWTH_LIMIT");
+            const double limit = limit_text != nullptr && std::atof(limit_text) > 0 ? std::atof(limit_text) : 10.0;
+            const std::string within = " within " + std::to_string(static_cast<int>(limit)) + "% of ";
+            check(handles <= limit, "handle count" + within + "its value after warm-up");
+            check(bytes <= limit, "private bytes" + within + "their value after warm-up");
         } else {
             check(false, "the service's handle count and private bytes can be read");
         }
@@ -535,6 +732,7 @@ int storm(int seconds, int clients, bool crashes, const std::string& self) {
         check(wrong == 0, "the persisted services and keys are what the answered requests left");
     }
     check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
     return failures == 0 ? 0 : 1;
 }
 
@@ -604,6 +802,7 @@ int restart(int clients, int seconds) {
     std::printf("restart_seconds: %.2f s\n", static_cast<double>(GetTickCount64() - start) / 1000.0);
     check(keys && services, "the restarted service answers and lists its protected keys and services");
     check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
     return failures == 0 ? 0 : 1;
 }
 
@@ -638,7 +837,21 @@ int main(int argc, char** argv) {
             RegCloseKey(k);
             if (i >= 0) {
                 CreateDirectoryA("C:\\storm", nullptr);
+                CreateDirectoryA(storm_container, nullptr);
                 CreateDirectoryA(("C:\\storm\\f" + std::to_string(i)).c_str(), nullptr);
+                HANDLE blk = CreateFileA(blocked_file(i).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+                if (blk == INVALID_HANDLE_VALUE) return 1;
+                CloseHandle(blk);
+                for (int f = 0; f < files_per_client; ++f) {
+                    const std::vector<unsigned char> bytes = storm_file_bytes(i, f);
+                    HANDLE h = CreateFileA(storm_file(i, f).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr);
+                    DWORD written_bytes = 0;
+                    const bool written = h != INVALID_HANDLE_VALUE &&
+                                         WriteFile(h, bytes.data(), static_cast<DWORD>(bytes.size()), &written_bytes, nullptr) &&
+                                         written_bytes == bytes.size();
+                    if (h != INVALID_HANDLE_VALUE) CloseHandle(h);
+                    if (!written) return 1;
+                }
             }
         }
         return 0;

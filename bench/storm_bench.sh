@@ -5,15 +5,20 @@
 # reloads the driver every 2-6 s and injects IRP denials; then the checks storm_bench prints.
 # Then, KILLS times, the service is killed with taskkill /f at a random moment of a second,
 # shorter storm and started again: each time it must answer, load its persisted lists and leave
-# no protected storm key without the record of its original DACL. Prints "name: value unit" lines.
+# no protected storm key without the record of its original DACL and no storm file neither at its
+# place nor quarantined. Prints "name: value unit" lines.
 #
-#   bench/storm_bench.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS]]]]   defaults: build/mingw-x64 600 200 10
+# GROWTH_LIMIT: how much, in percent, the service's handles and private bytes may grow after warm-up.
+#
+#   bench/storm_bench.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS [GROWTH_LIMIT]]]]]
+#                                                        defaults: build/mingw-x64 600 200 10 10
 set -uo pipefail
 here=$(cd "$(dirname "$0")/.." && pwd)
 build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
 seconds=${2:-600}
 clients=${3:-200}
 kills=${4:-10}
+export NV_STORM_GROWTH_LIMIT=${5:-10}
 export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
 [ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
 . "$here/tests/integration/protection_lib.sh"
