@@ -12,23 +12,15 @@
 #include <thread>
 #include <vector>
 
+#include "bench/clock.h"
 #include "mcl/ipc/peer.h"
 
 namespace {
 
+using nv_bench::now_ms;
+
 constexpr uint32_t msg_echo = 0x3000001;
 constexpr DWORD pipe_buffer = 4096;
-
-double now_ms() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER t;
-    QueryPerformanceCounter(&t);
-    return 1000.0 * static_cast<double>(t.QuadPart) / static_cast<double>(frequency.QuadPart);
-}
 
 bool read_exact(HANDLE h, void* p, DWORD n) {
     auto* at = static_cast<unsigned char*>(p);

@@ -13,21 +13,13 @@
 #include <string>
 #include <vector>
 
+#include "bench/clock.h"
 #include "mcl/event.h"
 #include "tests/helpers/irp_client.h"
 
 namespace {
 
-double now_ms() {
-    static LARGE_INTEGER frequency = [] {
-        LARGE_INTEGER f;
-        QueryPerformanceFrequency(&f);
-        return f;
-    }();
-    LARGE_INTEGER t;
-    QueryPerformanceCounter(&t);
-    return static_cast<double>(t.QuadPart) * 1000.0 / static_cast<double>(frequency.QuadPart);
-}
+using nv_bench::now_ms;
 
 double percentile(std::vector<double> v, double p) {
     std::sort(v.begin(), v.end());
