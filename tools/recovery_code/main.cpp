@@ -6,6 +6,8 @@
 //                                                    through that day (UTC)
 // The code goes into HKLM\Software\Norvale\NVClientHelper\EmergencyRecover "code" (REG_SZ),
 // beside the options it unlocks.
+#include <windows.h>
+
 #include <cstdio>
 #include <cstring>
 #include <fstream>
@@ -18,7 +20,10 @@ namespace {
 bool write_file(const char* path, const std::vector<unsigned char>& blob) {
     std::ofstream out(path, std::ios::binary);
     out << nv_tools::to_hex(blob) << "\n";
-    return static_cast<bool>(out);
+    out.close();
+    if (out) return true;
+    fprintf(stderr, "cannot write %s\n", path);
+    return false;
 }
 
 bool read_file(const char* path, std::vector<unsigned char>& blob) {
@@ -42,7 +47,7 @@ int main(int argc, char** argv) {
         std::vector<unsigned char> private_blob;
         std::vector<unsigned char> public_blob;
         if (!nv_tools::generate_key_pair(private_blob, public_blob)) {
-            fprintf(stderr, "key generation failed\n");
+            fprintf(stderr, "key generation failed (error 0x%lx)\n", static_cast<unsigned long>(GetLastError()));
             return 1;
         }
         return write_file(argv[2], private_blob) && write_file(argv[3], public_blob) ? 0 : 1;
