@@ -1,6 +1,6 @@
 // nv_regkey_probe: what the registry-key tests need from a second process (keys under HKLM).
 //   sddl KEY...          each key's DACL as SDDL, one line each (read through the owner's rights)
-//   access KEY           "read=ok|denied write=ok|denied" for this process's token
+//   access KEY...        "read=ok|denied write=ok|denied" for this process's token, one line each
 //   grant KEY            adds full access for Administrators in front of the key's DACL
 //   grant-own-keys       the same on each of the service's own keys: stands in for the service
 //                        SID that Wine's tokens lack, so the running service can write its records
@@ -53,7 +53,7 @@ HKEY open(const char* key, REGSAM access) {
     return RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, access, &handle) == ERROR_SUCCESS ? handle : nullptr;
 }
 
-int access_of(const char* key) {
+void print_access(const char* key) {
     HKEY handle = open(key, KEY_READ);
     const bool read = handle != nullptr;
     if (read) RegCloseKey(handle);
@@ -61,9 +61,11 @@ int access_of(const char* key) {
     const DWORD one = 1;
     const bool write = handle != nullptr && RegSetValueExA(handle, "nv_probe", 0, REG_DWORD,
                                                            reinterpret_cast<const BYTE*>(&one), 4) == ERROR_SUCCESS;
-    if (handle != nullptr) RegDeleteValueA(handle, "nv_probe");
+    if (handle != nullptr) {
+        RegDeleteValueA(handle, "nv_probe");
+        RegCloseKey(handle);
+    }
     printf("read=%s write=%s\n", read ? "ok" : "denied", write ? "ok" : "denied");
-    return 0;
 }
 
 // The DACL goes along with the owner: alone, the owner would come with a default DACL.
@@ -150,7 +152,10 @@ int main(int argc, char** argv) {
         }
         return 0;
     }
-    if (command == "access" && argc == 3) return access_of(argv[2]);
+    if (command == "access" && argc >= 3) {
+        for (int i = 2; i < argc; ++i) print_access(argv[i]);
+        return 0;
+    }
     if (command == "grant" && argc == 3) return grant(argv[2]);
     if (command == "lock" && argc == 3) return lock(argv[2]);
     if (command == "unlock" && argc == 2) {

@@ -1,29 +1,19 @@
 #!/usr/bin/env bash
 # Registry key protection against the running service and the driver simulator: key and subkey
-# DACLs as SDDL, what the driver received, access without the service SIDs, bad requests, records
-# across stops, kills and uninstalled owners, and DACLs that cannot be written back.
+# DACLs as SDDL, what the driver received, access without the service SIDs, bad requests, the
+# switch, records across stops, kills and uninstalled owners, DACLs that cannot be written back.
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 probe=$NV_BIN_DIR/nv_regkey_probe.exe
 persist='Software\Norvale\NVClientHelper\ProtectedRegKeys'
-own_keys=(
-    'Software\Norvale\NVClientHelper\ProtectedServices'
+own_keys=('Software\Norvale\NVClientHelper\ProtectedServices'
     'system\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
     'system\CurrentControlSet\Services\VQRMonitor\ProtectedFolders'
-    'system\CurrentControlSet\Services\VQRMonitor\TrustedOpenApps'
-    "$persist"
-    'Software\Norvale\NVClientHelper\QuarantineContainers'
-)
-hklm=FFFFFFFF80000002
-hklm_text=18446744071562067970
-t='Software\NvTest'
+    'system\CurrentControlSet\Services\VQRMonitor\TrustedOpenApps' "$persist"
+    'Software\Norvale\NVClientHelper\QuarantineContainers')
+hklm=FFFFFFFF80000002 hklm_text=18446744071562067970 t='Software\NvTest'
 sddl() { run "$probe" sddl "$@" && cat "$out"; }
-# tree_is LABEL WANT KEY...: every key's DACL as SDDL
-tree_is() {
-    local label=$1 want=$2
-    shift 2
-    expect_eq "$label" "$(for _ in "$@"; do echo "$want"; done)" "$(sddl "$@")"
-}
+tree_is() { expect_eq "$1" "$(for _ in "${@:3}"; do echo "$2"; done)" "$(sddl "${@:3}")"; }  # LABEL WANT KEY...
 # entry "action|root-hex|path|owner|level|svc,svc": one entry of request 0x100000b in hex
 entry() {
     local a r p o l s x n=0 list=''
@@ -32,43 +22,45 @@ entry() {
     printf '%02X%s%s%s%s%s%s%s' "$a" "$(hex_u32 $((0x$r & 0xFFFFFFFF)))" "$(hex_u32 $((0x$r >> 32 & 0xFFFFFFFF)))" \
         "$(hex_wstr "$p")" "$(hex_str "$o")" "$(hex_u32 $n)" "$list" "$(hex_u32 "$l")"
 }
-send_hex() {  # the reply's hex in $reply
-    printf '%s' "$1" >"$work/request.hex"
+send() {  # WANT LABEL HEX: request 0x100000b through a file (any length), its reply WANT
+    printf '%s' "$3" >"$work/request.hex"
     run "$client" -t 60000 send 100000b "@Z:$work/request.hex"
-    reply=$(cat "$out")
+    expect_eq "reply to ${2:0:200}" "$1" "$(cat "$out")"
 }
-protect() {  # protect ENTRY...
+protect() {  # WANT ENTRY...
     local e hex
-    hex=$(hex_u32 $#)
-    for e; do hex+=$(entry "$e"); done
-    send_hex "$hex"
+    hex=$(hex_u32 $(($# - 1)))
+    for e in "${@:2}"; do hex+=$(entry "$e"); done
+    send "$1" "${*:2}" "$hex"
 }
-protected_keys() {
+listing() {  # the records of 0x100000c, one a line after "count=N"
     run "$client" send 100000c
     run "$probe" keys "$(cat "$out")"
     [ "$rc" = 0 ] || fail "0x100000c reply: $(cat "$out")"
     cat "$out"
 }
+listed() { expect_eq "records listed" "count=$1" "$(listing | head -n 1)"; }
 # has_rule CODE TEXT: the simulator got command CODE with TEXT (Windows says MACHINE, Wine Machine)
 has_rule() { driver_messages | grep -q -i -x -F "$1 command $2" || fail "no code $1 with [$2]"; }
 rule_count() { driver_messages | grep -c "^$1 command"; }
 value_of() { echo "\\\\$hklm_text\\$(echo "$1" | tr '[:upper:]' '[:lower:]')"; }
 has_value() { wine reg query "HKLM\\$persist" /v "$(value_of "$1")" </dev/null >/dev/null 2>&1; }
-own_sid=$(service_sid $svc)
-owner_sid=$(service_sid nv_owner_a)
-owner_b_sid=$(service_sid nv_owner_b)
-extra_sid=$(service_sid nv_extra)
-# The protected form of Wine's default key DACL for a level and its full-access SIDs.
-protected_sddl() {
-    local level=$1 sid text='D:PARAI'
-    shift
-    for sid in "$@"; do text+="(A;OICI;0x101f003f;;;$sid)"; done
-    case $level in
+# logged FUNCTION MESSAGE: the one line MESSAGE logged by FUNCTION, then the empty line its own
+# line break leaves
+logged() {
+    expect_eq "$2" "$1: $2||" "$(tr -d '\r' <"$log" | grep -A1 -F -- "] - $2" |
+        sed 's/^.*\[\([^]]*\):[0-9]*\] - /\1: /' | tr '\n' '|')"
+}
+protected_sddl() {  # LEVEL SID...: the protected form of Wine's default key DACL
+    local text='D:PARAI' sid
+    for sid in "${@:2}"; do text+="(A;OICI;0x101f003f;;;$sid)"; done
+    case $1 in
     0) echo "$text(A;CIIO;;;;BU)(A;;;;;BA)" ;;
     2) echo "$text(A;CIIO;;;;BU)(A;;KW;;;BA)" ;;
     *) echo "$text(A;CIIO;GR;;;BU)(A;;KR;;;BA)" ;;
     esac
 }
+own_sid=$(service_sid $svc) owner_sid=$(service_sid nv_owner_a) extra_sid=$(service_sid nv_extra)
 # Every start protects the own keys; the test then stands in for the service SID on the record key.
 start() {
     for _ in $(seq 1 60); do  # after a kill the manager may count the service as running a while
@@ -85,16 +77,14 @@ start() {
     run "$probe" grant "$persist"
     tree_is "own keys protected at start" "$(protected_sddl 1 "$own_sid")" "${own_keys[@]:0:4}"
 }
-stop() {
-    stop_service
-    expect_eq "own keys released at stop" "$(for k in "${own_keys[@]}"; do echo "${own_orig[$k]}"; done)" \
-        "$(sddl "${own_keys[@]}")"
+own_released() {
+    expect_eq "own keys released $1" "$(for k in "${own_keys[@]}"; do echo "${own_orig[$k]}"; done)" "$(sddl "${own_keys[@]}")"
 }
+stop() { stop_service && own_released "at stop"; }
 
 echo "== set-up: service, owner services, test keys"
 run "$exe" -i install
-run sc create nv_owner_a binPath= 'C:\windows\system32\notepad.exe'
-run sc create nv_owner_b binPath= 'C:\windows\system32\notepad.exe'
+for s in nv_owner_a nv_owner_b; do run sc create $s binPath= 'C:\windows\system32\notepad.exe'; done
 for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do
     run reg add "HKLM\\$t\\$k" /f
 done
@@ -105,12 +95,11 @@ for k in "${own_keys[@]}"; do
     run reg add "HKLM\\$k" /f
     own_orig[$k]=$(sddl "$k")
 done
-lvl0_tree=("$t\\Lvl0" "$t\\Lvl0\\A" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C")
-lvl2_tree=("$t\\Lvl2" "$t\\Lvl2\\A")
+lvl0_tree=("$t\\Lvl0" "$t\\Lvl0\\A" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C") lvl2_tree=("$t\\Lvl2" "$t\\Lvl2\\A")
 lvl1_tree=("$t\\Lvl1" "$t\\Lvl1\\A")
-lvl0=$(protected_sddl 0 "$own_sid" "$owner_sid" "$extra_sid")
-lvl2=$(protected_sddl 2 "$own_sid" "$owner_sid")
-lvl1=$(protected_sddl 1 "$own_sid" "$owner_b_sid" "$extra_sid")
+lvl0=$(protected_sddl 0 "$own_sid" "$owner_sid" "$extra_sid") lvl2=$(protected_sddl 2 "$own_sid" "$owner_sid")
+lvl1=$(protected_sddl 1 "$own_sid" "$(service_sid nv_owner_b)" "$extra_sid")
+lvl1_a=$(protected_sddl 1 "$own_sid" "$owner_sid")
 
 echo "== the own keys: protected at start, released by an orderly stop"
 start
@@ -121,15 +110,14 @@ expect_eq "record key, granted by the test" "D:PARAI(A;;KA;;;BA)${p#D:PARAI}" "$
 expect_eq "a key whose record cannot be written" "${own_orig[${own_keys[5]}]}" "$(sddl "${own_keys[5]}")"
 expect_eq "its line" 1 "$(log_count "Original dacl for registry key [${own_keys[5]}] could not be recorded, the dacl is left as it is")"
 for k in "${own_keys[@]}"; do has_rule 12 "\\REGISTRY\\Machine\\$k"; done
-expect_eq "own keys listed" "count=6" "$(protected_keys | head -n 1)"
+listed 6
 stop
 expect_eq "own keys' rules removed" 6 "$(rule_count 13)"
 start
 
 echo "== three trees at levels 0, 2 and 1"
-protect "1|$hklm|$t\\Lvl0|nv_owner_a|0|nv_extra" "1|$hklm|$t\\Lvl2|nv_owner_a|2|" \
+protect 0100 "1|$hklm|$t\\Lvl0|nv_owner_a|0|nv_extra" "1|$hklm|$t\\Lvl2|nv_owner_a|2|" \
     "1|$hklm|$t\\Lvl1|nv_owner_b|1|nv_extra,$svc,nv_owner_b"
-expect_eq "protect reply" 0100 "$reply"
 tree_is "level 0" "$lvl0" "${lvl0_tree[@]}"
 tree_is "level 2" "$lvl2" "${lvl2_tree[@]}"
 tree_is "level 1" "$lvl1" "${lvl1_tree[@]}"
@@ -138,26 +126,20 @@ for k in Lvl0 Lvl2 Lvl1; do
     has_value "$t\\$k" || fail "$k persisted"
 done
 # This process holds no service SID: it keeps only what the level leaves to Administrators.
-expect_eq "level 0 access" "read=denied write=denied" "$(run "$probe" access "$t\\Lvl0\\A" && cat "$out")"
-expect_eq "level 2 access" "read=denied write=ok" "$(run "$probe" access "$t\\Lvl2" && cat "$out")"
-expect_eq "level 1 access" "read=ok write=denied" "$(run "$probe" access "$t\\Lvl1\\A" && cat "$out")"
-expect_eq "an unprotected key" "read=ok write=ok" "$(run "$probe" access "$t\\Crash" && cat "$out")"
-expect_eq "nine keys listed" "count=9" "$(protected_keys | head -n 1)"
-protected_keys | grep -q -x -F "$hklm_text|$t\\Lvl1|nv_owner_b|nv_extra,$svc,nv_owner_b|$orig|$lvl1" ||
-    fail "Lvl1 listed: $(protected_keys)"
+run "$probe" access "$t\\Lvl0\\A" "$t\\Lvl2" "$t\\Lvl1\\A" "$t\\Crash"
+expect_eq "access at levels 0, 2, 1, unprotected" "$(printf 'read=%s write=%s\n' denied denied denied ok ok denied ok ok)" \
+    "$(cat "$out")"
+listed 9
+listing | grep -q -x -F "$hklm_text|$t\\Lvl1|nv_owner_b|nv_extra,$svc,nv_owner_b|$orig|$lvl1" || fail "Lvl1 listed: $(listing)"
 expect_eq "protected line" 1 "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected.")"
 
 echo "== bad requests: answered 0 with a line, nothing applied, the next request served"
 rules=$(rule_count 12) removed=$(rule_count 13)
 whole=$(hex_u32 1)$(entry "1|$hklm|$t\\Bad|nv_owner_a|1|")
-for cut in 0 4 8 18 $((${#whole} - 2)); do
-    send_hex "${whole:0:cut}"
-    expect_eq "cut after $cut hex digits" 0000 "$reply"
-done
+for cut in 0 4 8 18 $((${#whole} - 2)); do send 0000 "cut after $cut hex digits" "${whole:0:cut}"; done
 expect_eq "malformed lines" 5 "$(log_count '] - Malformed request: ')"
 while IFS='#' read -r e why; do
-    protect "$e"
-    expect_eq "$why" 0000 "$reply"
+    protect 0000 "$e"
     expect_eq "$why: line" 1 "$(log_count "is not protected: $why.")"
 done <<EOF
 1|0000000080000002|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
@@ -166,42 +148,44 @@ done <<EOF
 1|$hklm|$t\\Bad|nv_gone|1|#its owner service [nv_gone] is not installed
 EOF
 expect_eq "nothing tried" 0 "$(log_count "$t\\Bad")"
-expect_eq "no rule sent" "$rules" "$(rule_count 12)"
 run reg query "HKLM\\$t\\Bad"
 expect_eq "no key created" 1 "$rc"
 has_value "$t\\Bad" && fail "Bad persisted"
-send_hex 00000000
-expect_eq "no entries" 0100 "$reply"
+send 0100 "no entries" 00000000
 expect_eq "no entries line" 1 "$(log_count '] - No reg key set to (un)protect.')"
 
-echo "== the same key twice and in another letter case; a key that is not protected"
-protect "1|$hklm|SOFTWARE\\NVTEST\\LVL1|nv_owner_a|0|" "1|$hklm|$t\\Lvl1|nv_owner_a|0|"
-expect_eq "again reply" 0100 "$reply"
-tree_is "the first record stays" "$lvl1" "${lvl1_tree[@]}"
-protect "0|$hklm|$t\\Crash|nv_owner_a|0|"
-expect_eq "unprotect of an unprotected key" 0100 "$reply"
+echo "== the registry protection switch off"
+request 1000008 00
+protect 0000 "1|$hklm|$t\\Off|nv_owner_a|1|"
+request 1000008 01
+logged chelperservice::protectRegKey "Trying to protect reg key (\\\\$hklm_text\\$t\\Off)"
+logged chelperservice::protectRegKey "Registry protection function is disabled"
+run reg query "HKLM\\$t\\Off"
+expect_eq "no key created" 1 "$rc"
 expect_eq "no rule sent" "$rules" "$(rule_count 12)"
-expect_eq "no rule removed" "$removed" "$(rule_count 13)"
-expect_eq "still nine" "count=9" "$(protected_keys | head -n 1)"
+
+echo "== the same key twice and in another letter case; a key that is not protected"
+protect 0100 "1|$hklm|SOFTWARE\\NVTEST\\LVL1|nv_owner_a|0|" "1|$hklm|$t\\Lvl1|nv_owner_a|0|"
+tree_is "the first record stays" "$lvl1" "${lvl1_tree[@]}"
+protect 0100 "0|$hklm|$t\\Crash|nv_owner_a|0|"
+expect_eq "no rule sent or removed" "$rules $removed" "$(rule_count 12) $(rule_count 13)"
+listed 9
 
 echo "== an empty first path with action 1 does nothing"
-protect "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
-expect_eq "empty path, action 1" 0100 "$reply"
-expect_eq "nothing changed" "count=9" "$(protected_keys | head -n 1)"
+protect 0100 "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
+listed 9
 tree_is "Lvl0 still protected" "$lvl0" "$t\\Lvl0"
 
 echo "== a missing key is created and protected"
-protect "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
-expect_eq "missing key reply" 0100 "$reply"
-tree_is "created key" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\Fresh\\New"
+protect 0100 "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
+tree_is "created key" "$lvl1_a" "$t\\Fresh\\New"
 
 echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
-protect "0|$hklm|$t\\LVL0|x|0|"
-expect_eq "unprotect reply" 0100 "$reply"
+protect 0100 "0|$hklm|$t\\LVL0|x|0|"
 tree_is "level 0 restored" "$orig" "${lvl0_tree[@]}"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Lvl0"
 has_value "$t\\Lvl0" && fail "Lvl0 value left"
-expect_eq "record gone" 0 "$(protected_keys | grep -c -F "|$t\\Lvl0|")"
+expect_eq "record gone" 0 "$(listing | grep -c -F "|$t\\Lvl0|")"
 expect_eq "unprotected line" 1 "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")"
 
 echo "== an original DACL that cannot be written back: answered 0, the key stays protected"
@@ -209,34 +193,29 @@ echo "== an original DACL that cannot be written back: answered 0, the key stays
 wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 &
 locker=$!
 for _ in $(seq 1 150); do grep -q locked "$work/lock.txt" && break; sleep 0.2; done
-protect "1|$hklm|$t\\Locked|nv_owner_a|1|"
-expect_eq "protect reply" 0100 "$reply"
+protect 0100 "1|$hklm|$t\\Locked|nv_owner_a|1|"
 removed=$(rule_count 13)
-protect "0|$hklm|$t\\Locked|nv_owner_a|1|"
-expect_eq "unprotect reply" 0000 "$reply"
-tree_is "still protected" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\Locked"
+protect 0000 "0|$hklm|$t\\Locked|nv_owner_a|1|"
+tree_is "still protected" "$lvl1_a" "$t\\Locked"
 expect_eq "its rule stays" "$removed" "$(rule_count 13)"
 has_value "$t\\Locked" || fail "Locked record kept"
-protected_keys | grep -q -F "$hklm_text|$t\\Locked|nv_owner_a||$orig|" || fail "Locked still listed: $(protected_keys)"
+listing | grep -q -F "$hklm_text|$t\\Locked|nv_owner_a||$orig|" || fail "Locked still listed: $(listing)"
 expect_eq "failure line" 1 "$(log_count "Failed to restore the original dacl of reg key (\\\\$hklm_text\\$t\\Locked), the key stays protected")"
 expect_eq "no unprotected line" 0 "$(log_count "software\\nvtest\\locked has been unprotected.")"
 run "$probe" unlock
 wait "$locker" || fail "lock: the owner was not given back"
-protect "0|$hklm|$t\\Locked|nv_owner_a|1|"
-expect_eq "a later unprotect" 0100 "$reply"
+protect 0100 "0|$hklm|$t\\Locked|nv_owner_a|1|"
 tree_is "original DACL back" "$orig" "$t\\Locked"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Locked"
 has_value "$t\\Locked" && fail "Locked value left"
 
 echo "== a protect without the driver answers 0; an unprotect gives back what it left"
 run "$ctl" unload
-protect "1|$hklm|$t\\NoDriver|nv_owner_a|1|"
-expect_eq "protect without the driver" 0000 "$reply"
-tree_is "its DACL step stays" "$(protected_sddl 1 "$own_sid" "$owner_sid")" "$t\\NoDriver"
+protect 0000 "1|$hklm|$t\\NoDriver|nv_owner_a|1|"
+tree_is "its DACL step stays" "$lvl1_a" "$t\\NoDriver"
 has_value "$t\\NoDriver" || fail "NoDriver record persisted"
 run "$ctl" load
-protect "0|$hklm|$t\\NoDriver|nv_owner_a|1|"
-expect_eq "unprotect reply" 0100 "$reply"
+protect 0100 "0|$hklm|$t\\NoDriver|nv_owner_a|1|"
 tree_is "original DACL back" "$orig" "$t\\NoDriver"
 has_value "$t\\NoDriver" && fail "NoDriver value left"
 
@@ -246,7 +225,7 @@ tree_is "released while stopped" "$orig" "${lvl2_tree[@]}" "${lvl1_tree[@]}"
 has_value "$t\\Lvl2" || fail "Lvl2 record kept"
 start
 tree_is "level 2 again" "$lvl2" "${lvl2_tree[@]}"
-protect "0|$hklm|$t\\Lvl2|nv_owner_a|0|"
+protect 0100 "0|$hklm|$t\\Lvl2|nv_owner_a|0|"
 tree_is "level 2 restored after the restart" "$orig" "${lvl2_tree[@]}"
 has_value "$t\\Lvl2" && fail "Lvl2 value left"
 
@@ -260,13 +239,11 @@ tree_is "level 1 given back" "$orig" "${lvl1_tree[@]}"
 has_value "$t\\Lvl1" && fail "Lvl1 value left"
 
 echo "== killed right after a protect"
-protect "1|$hklm|$t\\Crash|nv_owner_a|1|"
-expect_eq "protect before the kill" 0100 "$reply"
+protect 0100 "1|$hklm|$t\\Crash|nv_owner_a|1|"
 run taskkill /f /im NorvaleHalvernService.exe
 expect_eq "taskkill" 0 "$rc"
 start
-protect "0|$hklm|$t\\Crash|nv_owner_a|1|"
-expect_eq "unprotect after the kill" 0100 "$reply"
+protect 0100 "0|$hklm|$t\\Crash|nv_owner_a|1|"
 tree_is "DACL from before the first protect" "$orig" "$t\\Crash"
 
 echo "== ended between the record write and the DACL write"
@@ -277,17 +254,15 @@ has_value "$t\\Seam" || fail "record written before the DACL"
 tree_is "DACL not yet changed" "$orig" "$t\\Seam"
 start
 tree_is "protected from its record" "$(protected_sddl 0 "$own_sid" "$owner_sid")" "$t\\Seam"
-protect "0|$hklm|$t\\Seam|nv_owner_a|0|"
+protect 0100 "0|$hklm|$t\\Seam|nv_owner_a|0|"
 tree_is "DACL from before the protect" "$orig" "$t\\Seam"
 
 echo "== an empty first path with action 0 lifts every key rule"
-protect "0|$hklm||nv_owner_a|0|" "1|$hklm|$t\\Lvl0|nv_owner_a|0|"
-expect_eq "remove all reply" 0100 "$reply"
+protect 0100 "0|$hklm||nv_owner_a|0|" "1|$hklm|$t\\Lvl0|nv_owner_a|0|"
 has_rule 13 ""
-expect_eq "no keys left" "count=0" "$(protected_keys | head -n 1)"
+listed 0
 tree_is "fresh key released" "$orig" "$t\\Fresh\\New"
-expect_eq "own keys released by remove all" "$(for k in "${own_keys[@]}"; do echo "${own_orig[$k]}"; done)" \
-    "$(sddl "${own_keys[@]}")"
+own_released "by remove all"
 stop
 
 finish "registry key protection"
