@@ -34,9 +34,7 @@ protect() {  # WANT ENTRY...
     send "$1" "${*:2}" "$hex"
 }
 listing() {  # the records of 0x100000c, one a line after "count=N"
-    run "$client" send 100000c
-    run "$probe" keys "$(cat "$out")"
-    [ "$rc" = 0 ] || fail "0x100000c reply: $(cat "$out")"
+    run "$client" send 100000c && run "$probe" keys "$(cat "$out")" && [ "$rc" = 0 ] || fail "0x100000c: $(cat "$out")"
     cat "$out"
 }
 listed() { expect_eq "records listed" "count=$1" "$(listing | head -n 1)"; }
@@ -54,26 +52,16 @@ logged() {
 protected_sddl() {  # LEVEL SID...: the protected form of Wine's default key DACL
     local text='D:PARAI' sid
     for sid in "${@:2}"; do text+="(A;OICI;0x101f003f;;;$sid)"; done
-    case $1 in
-    0) echo "$text(A;CIIO;;;;BU)(A;;;;;BA)" ;;
-    2) echo "$text(A;CIIO;;;;BU)(A;;KW;;;BA)" ;;
-    *) echo "$text(A;CIIO;GR;;;BU)(A;;KR;;;BA)" ;;
-    esac
+    case $1 in 0) echo "$text(A;CIIO;;;;BU)(A;;;;;BA)" ;; 2) echo "$text(A;CIIO;;;;BU)(A;;KW;;;BA)" ;;
+    *) echo "$text(A;CIIO;GR;;;BU)(A;;KR;;;BA)" ;; esac
 }
 own_sid=$(service_sid $svc) owner_sid=$(service_sid nv_owner_a) extra_sid=$(service_sid nv_extra)
 # Every start protects the own keys; the test then stands in for the service SID on the record key.
+# After a kill the manager may count the service as running a while.
 start() {
-    for _ in $(seq 1 60); do  # after a kill the manager may count the service as running a while
-        run "$exe" -s start
-        [ "$rc" = 0 ] && break
-        sleep 1
-    done
+    for _ in $(seq 1 60); do run "$exe" -s start && [ "$rc" = 0 ] && break; sleep 1; done
     [ "$rc" = 0 ] || fail "start: $(cat "$out")"
-    for _ in $(seq 1 100); do
-        run "$client" send 100000a
-        [ "$rc" = 0 ] && break
-        sleep 0.2
-    done
+    for _ in $(seq 1 100); do run "$client" send 100000a && [ "$rc" = 0 ] && break; sleep 0.2; done
     run "$probe" grant "$persist"
     tree_is "own keys protected at start" "$(protected_sddl 1 "$own_sid")" "${own_keys[@]:0:4}"
 }
@@ -85,16 +73,11 @@ stop() { stop_service && own_released "at stop"; }
 echo "== set-up: service, owner services, test keys"
 run "$exe" -i install
 for s in nv_owner_a nv_owner_b; do run sc create $s binPath= 'C:\windows\system32\notepad.exe'; done
-for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do
-    run reg add "HKLM\\$t\\$k" /f
-done
+for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do run reg add "HKLM\\$t\\$k" /f; done
 orig=$(sddl "$t\\Lvl0")
 [ -n "$orig" ] || fail "original DACL readable"
 declare -A own_orig
-for k in "${own_keys[@]}"; do
-    run reg add "HKLM\\$k" /f
-    own_orig[$k]=$(sddl "$k")
-done
+for k in "${own_keys[@]}"; do run reg add "HKLM\\$k" /f && own_orig[$k]=$(sddl "$k"); done
 lvl0_tree=("$t\\Lvl0" "$t\\Lvl0\\A" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C") lvl2_tree=("$t\\Lvl2" "$t\\Lvl2\\A")
 lvl1_tree=("$t\\Lvl1" "$t\\Lvl1\\A")
 lvl0=$(protected_sddl 0 "$own_sid" "$owner_sid" "$extra_sid") lvl2=$(protected_sddl 2 "$own_sid" "$owner_sid")
@@ -148,8 +131,7 @@ done <<EOF
 1|$hklm|$t\\Bad|nv_gone|1|#its owner service [nv_gone] is not installed
 EOF
 expect_eq "nothing tried" 0 "$(log_count "$t\\Bad")"
-run reg query "HKLM\\$t\\Bad"
-expect_eq "no key created" 1 "$rc"
+wine reg query "HKLM\\$t\\Bad" </dev/null >/dev/null 2>&1 && fail "Bad created"
 has_value "$t\\Bad" && fail "Bad persisted"
 send 0100 "no entries" 00000000
 expect_eq "no entries line" 1 "$(log_count '] - No reg key set to (un)protect.')"
@@ -160,8 +142,7 @@ protect 0000 "1|$hklm|$t\\Off|nv_owner_a|1|"
 request 1000008 01
 logged chelperservice::protectRegKey "Trying to protect reg key (\\\\$hklm_text\\$t\\Off)"
 logged chelperservice::protectRegKey "Registry protection function is disabled"
-run reg query "HKLM\\$t\\Off"
-expect_eq "no key created" 1 "$rc"
+wine reg query "HKLM\\$t\\Off" </dev/null >/dev/null 2>&1 && fail "Off created"
 expect_eq "no rule sent" "$rules" "$(rule_count 12)"
 
 echo "== the same key twice and in another letter case; a key that is not protected"
