@@ -43,8 +43,7 @@ has_rule() { driver_messages | grep -q -i -x -F "$1 command $2" || fail "no code
 rule_count() { driver_messages | grep -c "^$1 command"; }
 value_of() { echo "\\\\$hklm_text\\$(echo "$1" | tr '[:upper:]' '[:lower:]')"; }
 has_value() { wine reg query "HKLM\\$persist" /v "$(value_of "$1")" </dev/null >/dev/null 2>&1; }
-# logged FUNCTION MESSAGE: the one line MESSAGE logged by FUNCTION, then the empty line its own
-# line break leaves
+# logged FUNCTION MESSAGE: MESSAGE logged once by FUNCTION, with a line break of its own
 logged() {
     expect_eq "$2" "$1: $2||" "$(tr -d '\r' <"$log" | grep -A1 -F -- "] - $2" |
         sed 's/^.*\[\([^]]*\):[0-9]*\] - /\1: /' | tr '\n' '|')"
@@ -57,9 +56,8 @@ protected_sddl() {  # LEVEL SID...: the protected form of Wine's default key DAC
 }
 own_sid=$(service_sid $svc) owner_sid=$(service_sid nv_owner_a) extra_sid=$(service_sid nv_extra)
 # Every start protects the own keys; the test then stands in for the service SID on the record key.
-# After a kill the manager may count the service as running a while.
 start() {
-    for _ in $(seq 1 60); do run "$exe" -s start && [ "$rc" = 0 ] && break; sleep 1; done
+    for _ in $(seq 1 60); do run "$exe" -s start && [ "$rc" = 0 ] && break; sleep 1; done  # a killed one may linger
     [ "$rc" = 0 ] || fail "start: $(cat "$out")"
     for _ in $(seq 1 100); do run "$client" send 100000a && [ "$rc" = 0 ] && break; sleep 0.2; done
     run "$probe" grant "$persist"
