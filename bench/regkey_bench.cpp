@@ -4,21 +4,17 @@
 //   regkey_bench [KEY]     works under HKLM\KEY (default Software\NvRegKeyBench), removed afterwards
 #include <windows.h>
 
-#include <chrono>
 #include <cstdio>
 #include <string>
 #include <vector>
 
+#include "bench/clock.h"
 #include "mcl/mswin/reg.h"
 #include "service/regkey_protection.h"
 
 namespace {
 
-using clock_type = std::chrono::steady_clock;
-
-double micros_since(clock_type::time_point start) {
-    return std::chrono::duration<double, std::micro>(clock_type::now() - start).count();
-}
+double micros_since(double start_ms) { return 1000.0 * (nv_bench::now_ms() - start_ms); }
 
 // A root with `count` subkeys, a hundred to a branch, so the tree has two levels below the root.
 bool make_tree(const std::string& root, int count) {
@@ -43,11 +39,11 @@ bool measure(const std::string& base, int count, figures& f) {
     if (!make_tree(root, count)) return false;
     const int keys = count + (count + 99) / 100;  // the leaves and their branch keys
     std::string original, current;
-    auto start = clock_type::now();
+    double start = nv_bench::now_ms();
     const bool protected_ok = regProtector::protect(HKEY_LOCAL_MACHINE, root, {"norvale_halvern_svc", "nv_bench_owner"},
                                                     /*level=*/1, original, current);
     f.protect_us = micros_since(start) / keys;
-    start = clock_type::now();
+    start = nv_bench::now_ms();
     const bool restored = regkey::restore_key_tree(HKEY_LOCAL_MACHINE, root, original);
     f.unprotect_us = micros_since(start) / keys;
     (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, root, nullptr);
