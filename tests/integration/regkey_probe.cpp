@@ -6,7 +6,6 @@
 //                        SID that Wine's tokens lack, so the running service can write its records
 //   lock KEY             gives the key to SYSTEM until "unlock" (prints "locked"): a protected DACL
 //                        then leaves no one the right to write the DACL back
-//   keys HEX             the reply of 0x100000c, one record per line
 //   crash-protect PATH OWNER LEVEL
 //                        protects PATH as the service does and ends (exit code 9) between the
 //                        record write and the DACL write
@@ -20,7 +19,6 @@
 #include <string>
 #include <vector>
 
-#include "mcl/encoding.h"
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
 
@@ -97,33 +95,6 @@ int grant(const char* key) {
                : 2;
 }
 
-int keys(const char* hex) {
-    mcl::binary_t in;
-    for (size_t i = 0; hex[i] != 0 && hex[i + 1] != 0; i += 2) {
-        const char pair[3] = {hex[i], hex[i + 1], 0};
-        const unsigned char byte = static_cast<unsigned char>(strtoul(pair, nullptr, 16));
-        in.append(&byte, 1);
-    }
-    uint32_t pos = 0, count = 0;
-    if (!mcl::read_u32(count, in, pos)) return 2;
-    printf("count=%u\n", count);
-    for (uint32_t i = 0; i < count; ++i) {
-        uint8_t present = 0;
-        std::string original, current, owner, joined;
-        uint64_t root = 0;
-        std::wstring path;
-        std::vector<std::string> services;
-        if (!mcl::read_byte(present, in, pos) || !mcl::read_string(original, in, pos) ||
-            !mcl::read_string(current, in, pos) || !mcl::read_u64(root, in, pos) || !mcl::read_wstring(path, in, pos) ||
-            !mcl::read_string(owner, in, pos) || !mcl::read_string_list(services, in, pos) || present != 1)
-            return 2;
-        for (const std::string& s : services) joined += (joined.empty() ? "" : ",") + s;
-        printf("%llu|%ls|%s|%s|%s|%s\n", static_cast<unsigned long long>(root), path.c_str(), owner.c_str(),
-               joined.c_str(), original.c_str(), current.c_str());
-    }
-    return pos == in.size() ? 0 : 2;
-}
-
 void end_here(HKEY, const std::string&) { TerminateProcess(GetCurrentProcess(), 9); }
 
 int crash_protect(const char* path, const char* owner, const char* level) {
@@ -168,7 +139,6 @@ int main(int argc, char** argv) {
             if (grant(key) != 0) rc = 2;
         return rc;
     }
-    if (command == "keys" && argc == 3) return keys(argv[2]);
     if (command == "crash-protect" && argc == 5) return crash_protect(argv[2], argv[3], argv[4]);
     fprintf(stderr, "usage: see the head of regkey_probe.cpp\n");
     return 1;
