@@ -95,6 +95,7 @@ expect_eq "a key whose record cannot be written" "${own_orig[${own_keys[5]}]}" "
 expect_eq "its line" 1 "$(log_count "Original dacl for registry key [${own_keys[5]}] could not be recorded, the dacl is left as it is")"
 for k in "${own_keys[@]}"; do has_rule 12 "\\REGISTRY\\Machine\\$k"; done
 listed 6
+expect_eq "own key loaded" 1 "$(log_count "] - Load protected reg key: $(value_of "${own_keys[0]}")")"
 stop
 expect_eq "own keys' rules removed" 6 "$(rule_count 13)"
 start
@@ -105,10 +106,7 @@ protect 0100 "1|$hklm|$t\\Lvl0|nv_owner_a|0|nv_extra" "1|$hklm|$t\\Lvl2|nv_owner
 tree_is "level 0" "$lvl0" "${lvl0_tree[@]}"
 tree_is "level 2" "$lvl2" "${lvl2_tree[@]}"
 tree_is "level 1" "$lvl1" "${lvl1_tree[@]}"
-for k in Lvl0 Lvl2 Lvl1; do
-    has_rule 12 "\\REGISTRY\\Machine\\$t\\$k"
-    has_value "$t\\$k" || fail "$k persisted"
-done
+for k in Lvl0 Lvl2 Lvl1; do has_rule 12 "\\REGISTRY\\Machine\\$t\\$k"; has_value "$t\\$k" || fail "$k persisted"; done
 # This process holds no service SID: it keeps only what the level leaves to Administrators.
 run "$probe" access "$t\\Lvl0\\A" "$t\\Lvl2" "$t\\Lvl1\\A" "$t\\Crash"
 expect_eq "access at levels 0, 2, 1, unprotected" "$(printf 'read=%s write=%s\n' denied denied denied ok ok denied ok ok)" \
@@ -116,6 +114,8 @@ expect_eq "access at levels 0, 2, 1, unprotected" "$(printf 'read=%s write=%s\n'
 listed 9
 has_record "$orig" "$lvl1" "1|$hklm|$t\\Lvl1|nv_owner_b|1|nv_extra,$svc,nv_owner_b"
 expect_eq "protected line" 1 "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected.")"
+expect_eq "DACL lines" "1 1" "$(log_count "] - original dacl for registry key [$t\\Lvl1] : {$orig}") $(
+    log_count "] - Current dacl for registry key [$t\\Lvl1] : {$lvl1}")"
 
 echo "== bad requests: answered 0 with a line, nothing applied, the next request served"
 rules=$(rule_count 12) removed=$(rule_count 13)
@@ -168,6 +168,7 @@ tree_is "level 0 restored" "$orig" "${lvl0_tree[@]}"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Lvl0"
 has_value "$t\\Lvl0" && fail "Lvl0 value left"
 listing | grep -q -F "$(hex_wstr "$t\\Lvl0")" && fail "Lvl0 still listed"
+logged chelperservice::unprotectRegKey "Trying to unprotect reg key (\\\\$hklm_text\\$t\\Lvl0)"
 expect_eq "unprotected line" 1 "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")"
 
 echo "== an original DACL that cannot be written back: answered 0, the key stays protected"
@@ -207,6 +208,8 @@ tree_is "released while stopped" "$orig" "${lvl2_tree[@]}" "${lvl1_tree[@]}"
 has_value "$t\\Lvl2" || fail "Lvl2 record kept"
 start
 tree_is "level 2 again" "$lvl2" "${lvl2_tree[@]}"
+expect_eq "read and loaded" "1 1" "$(log_count "] - Read protected reg key: $(value_of "$t\\Lvl2")") $(
+    log_count "] - Load protected reg key: $(value_of "$t\\Lvl2")")"
 protect 0100 "0|$hklm|$t\\Lvl2|nv_owner_a|0|"
 tree_is "level 2 restored after the restart" "$orig" "${lvl2_tree[@]}"
 has_value "$t\\Lvl2" && fail "Lvl2 value left"
