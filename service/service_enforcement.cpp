@@ -142,6 +142,15 @@ DWORD chelperservice::service_enforce_thread::run() {
         for (bool running = true; running;) {
             std::vector<std::string> names = owner_->enforce_list();
             for (const std::string& name : names) enforce_one(name);
+            // Stops reported and processes ended until now are what this pass has just handled (its
+            // own retry's stop among them): only later ones start the next pass early.
+            SleepEx(0, /*alertable=*/TRUE);
+            for (auto& entry : watches) {
+                watch* w = entry.second.get();
+                if (w == nullptr) continue;
+                w->fired = false;
+                if (w->process && WaitForSingleObject(w->process.get(), 0) == WAIT_OBJECT_0) w->process.reset();
+            }
             // Wait for the next pass; a reported stop starts it at once.
             const DWORD started = GetTickCount();
             for (;;) {
