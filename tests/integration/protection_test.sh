@@ -260,6 +260,7 @@ lines=$(wc -l <"$journal")
 run "$exe" -s start
 wait_for '[ "$(log_count "Emergency options have been handled")" = 1 ]' && wait_svc_state $svc 252 || fail "no emergency start"
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_service" || fail "serv: service DACL reset"
+expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"
 
 echo "$failures failures"
