@@ -12,8 +12,7 @@ export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build
 [ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
 . "$here/tests/integration/protection_lib.sh"
 
-run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
-run "$exe" -i install
+install_with_recorder
 start_service
 
 # rules N PROTECT: the hex payload of N rules C:\bench\fNNN\imgNNNN.exe, ten images a folder.
@@ -50,26 +49,19 @@ done
 echo "protect_unprotect_1000_over_100: $(awk -v a="${per_rule[1000]}" -v b="${per_rule[100]}" 'BEGIN { printf "%.2f", a * 10 / b }') x (time for 1000 over time for 100; limit 12)"
 
 # A protected service killed, running again.
-mkdir -p "$drive_c/prot/svc"
-cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/prot/svc/"
-run sc create nv_bench_svc binPath= 'C:\prot\svc\nv_test_service.exe'
+install_test_service nv_bench_svc svc demand
 run sc start nv_bench_svc
 wait_svc_state nv_bench_svc 0
 request 1000002 "$(hex_u32 1)0101$(hex_str nv_bench_svc)"
 total=0
 runs=5
 for _ in $(seq 1 $runs); do
-    old=$(tr -d '\r' <"$drive_c/prot/svc/nv_bench_svc.pid")
+    old=$(pid_of svc nv_bench_svc)
     t0=$(date +%s.%N)
     run taskkill /F /PID "$old"
-    while :; do
-        pid=$(tr -d '\r' <"$drive_c/prot/svc/nv_bench_svc.pid" 2>/dev/null)
-        [ -n "$pid" ] && [ "$pid" != "$old" ] && break
-        sleep 0.02
-    done
-    t1=$(date +%s.%N)
-    total=$(awk -v s="$total" -v a="$t0" -v b="$t1" 'BEGIN { print s + b - a }')
+    wait_new_pid svc nv_bench_svc "$old" || echo "warning: nv_bench_svc not running again" >&2
+    total=$(awk -v s="$total" -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { print s + b - a }')
     sleep 1
 done
-echo "killed_service_running_again: $(awk -v s="$total" -v n=$runs 'BEGIN { printf "%.2f", s / n }') s (mean of $runs, taskkill /f to the new process)"
+echo "killed_service_running_again: $(awk -v s="$total" -v n=$runs 'BEGIN { printf "%.2f", s / n }') s (mean of $runs, taskkill /f to the new process; target 2)"
 stop_service

@@ -6,6 +6,7 @@
 #include <shellapi.h>
 #include <tlhelp32.h>
 
+#include <cctype>
 #include <map>
 #include <memory>
 
@@ -142,6 +143,15 @@ DWORD chelperservice::service_enforce_thread::run() {
         for (bool running = true; running;) {
             std::vector<std::string> names = owner_->enforce_list();
             for (const std::string& name : names) enforce_one(name);
+            // Stops reported and processes ended until now are what this pass has just handled (its
+            // own retry's stop among them): only later ones start the next pass early.
+            SleepEx(0, /*alertable=*/TRUE);
+            for (auto& entry : watches) {
+                watch* w = entry.second.get();
+                if (w == nullptr) continue;
+                w->fired = false;
+                if (w->process && WaitForSingleObject(w->process.get(), 0) == WAIT_OBJECT_0) w->process.reset();
+            }
             // Wait for the next pass; a reported stop starts it at once.
             const DWORD started = GetTickCount();
             for (;;) {
@@ -288,7 +298,9 @@ void chelperservice::service_ctrl_start_service(mcl::ipc_connection*, mcl::binar
         return;
     }
     DWORD state = 0;
-    if (!mcl::mswin::service::query_state(name.c_str(), state) || !stopped_or_stopping(state)) {
+    const bool queried = mcl::mswin::service::query_state(name.c_str(), state);
+    if (!queried) NV_LOG(fn, "Status of service <%s> unknown (%d)", name.c_str(), static_cast<int>(GetLastError()));
+    if (!queried || !stopped_or_stopping(state)) {
         mcl::write_status(payload, true, "Service has already been started.");
         return;
     }
@@ -419,8 +431,14 @@ void chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& pa
         return;
     }
     if (path.back() == '\\') path.pop_back();
+    // A relative path would name a folder below the service's working directory.
+    if (path.size() < 3 || !isalpha(static_cast<unsigned char>(path[0])) || path[1] != ':' || path[2] != '\\') {
+        NV_LOG(fn, "Folder path refused: it needs a drive letter (X:\\folder) (%s)", path.c_str());
+        mcl::write_status(payload, false, "");
+        return;
+    }
     const std::wstring folder = mcl::mswin::widen(path);
-    const bool ok = !folder.empty() && restorePathPermissions(folder, default_folder_sddl);
+    const bool ok = restorePathPermissions(folder, default_folder_sddl);
     if (ok) protected_folders_.erase(folder);
     mcl::write_status(payload, ok, "");
 }

@@ -1,11 +1,13 @@
-// A service for the protection tests to protect, kill, start and stop.
+// A service for the protection tests to protect, kill, start and stop:
 //   nv_test_service [ignore-stop | exit-on-stop]
-// Runs under the service control manager under whatever name it was installed with. Its process
-// identifier is written to <name>.pid and its start arguments, one a line, to <name>.args beside
-// the executable. With ignore-stop it
-// accepts the stop control and goes on running; with exit-on-stop it accepts it and ends its
-// process shortly after without reporting the stop (a process that vanishes).
+// Runs under whatever name it was installed with; writes its process identifier to <name>.pid and
+// its start arguments, one a line, to <name>.args beside the executable. ignore-stop accepts the
+// stop control and goes on running. exit-on-stop denies everyone the right to terminate its
+// process and ends it on the stop control without reporting the stop (a process that vanishes).
 #include <windows.h>
+
+#include <aclapi.h>
+#include <sddl.h>
 
 #include <cstdio>
 #include <cstring>
@@ -15,13 +17,7 @@ namespace {
 
 SERVICE_STATUS_HANDLE g_status = nullptr;
 HANDLE g_stop = nullptr;
-bool g_ignore_stop = false;
-bool g_exit_on_stop = false;
-
-DWORD WINAPI exit_soon(void*) {
-    Sleep(200);
-    ExitProcess(3);
-}
+const char* g_mode = "";
 
 void report(DWORD state) {
     SERVICE_STATUS status{};
@@ -32,41 +28,28 @@ void report(DWORD state) {
 }
 
 DWORD WINAPI handler(DWORD control, DWORD, void*, void*) {
-    if (control != SERVICE_CONTROL_STOP || g_ignore_stop) return NO_ERROR;
-    if (g_exit_on_stop) {
-        HANDLE t = CreateThread(nullptr, 0, exit_soon, nullptr, 0, nullptr);
-        if (t != nullptr) CloseHandle(t);
-        return NO_ERROR;
-    }
+    if (control != SERVICE_CONTROL_STOP || strcmp(g_mode, "ignore-stop") == 0) return NO_ERROR;
+    if (strcmp(g_mode, "exit-on-stop") == 0) ExitProcess(3);
     SetEvent(g_stop);
     return NO_ERROR;
 }
 
-FILE* open_beside(const char* name, const char* extension) {
+void write_beside(const char* name, const char* extension, DWORD argc, char** argv, DWORD pid) {
     char exe[MAX_PATH] = {};
     GetModuleFileNameA(nullptr, exe, MAX_PATH);
-    std::string path(exe);
-    path = path.substr(0, path.rfind('\\') + 1) + name + extension;
-    return fopen(path.c_str(), "w");
-}
-
-void write_args(DWORD argc, char** argv) {
-    FILE* f = open_beside(argv[0], ".pid");
-    if (f != nullptr) {
-        fprintf(f, "%lu\n", GetCurrentProcessId());
-        fclose(f);
-    }
-    if (argc < 2) return;
-    f = open_beside(argv[0], ".args");
+    const std::string path = std::string(exe).substr(0, std::string(exe).rfind('\\') + 1) + name + extension;
+    FILE* f = fopen(path.c_str(), "w");
     if (f == nullptr) return;
+    if (pid != 0) fprintf(f, "%lu\n", pid);
     for (DWORD i = 1; i < argc; ++i) fprintf(f, "%s\n", argv[i]);
     fclose(f);
 }
 
 void WINAPI service_main(DWORD argc, char** argv) {
     g_status = RegisterServiceCtrlHandlerExA(argc > 0 ? argv[0] : "", handler, nullptr);
-    if (g_status == nullptr) return;
-    if (argc > 0) write_args(argc, argv);
+    if (g_status == nullptr || argc == 0) return;
+    write_beside(argv[0], ".pid", 0, argv, GetCurrentProcessId());
+    if (argc > 1) write_beside(argv[0], ".args", argc, argv, 0);
     report(SERVICE_RUNNING);
     WaitForSingleObject(g_stop, INFINITE);
     report(SERVICE_STOPPED);
@@ -75,9 +58,14 @@ void WINAPI service_main(DWORD argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    for (int i = 1; i < argc; ++i)
-        if (strcmp(argv[i], "ignore-stop") == 0) g_ignore_stop = true;
-        else if (strcmp(argv[i], "exit-on-stop") == 0) g_exit_on_stop = true;
+    if (argc > 1) g_mode = argv[1];
+    PSECURITY_DESCRIPTOR sd = nullptr;
+    PACL dacl = nullptr;
+    BOOL present = FALSE, defaulted = FALSE;
+    if (strcmp(g_mode, "exit-on-stop") == 0 &&
+        ConvertStringSecurityDescriptorToSecurityDescriptorA("D:(D;;0x1;;;WD)(A;;GA;;;WD)", SDDL_REVISION_1, &sd, nullptr) &&
+        GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted))
+        SetSecurityInfo(GetCurrentProcess(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr);
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     char name[] = "";
     SERVICE_TABLE_ENTRYA table[] = {{name, service_main}, {nullptr, nullptr}};

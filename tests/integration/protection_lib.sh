@@ -38,23 +38,16 @@ driver_messages() {
     wine "$ctl" journal </dev/null 2>/dev/null | tr -d '\r' |
         jq -r --argjson from "${1:-1}" '.[] | select(.seq >= $from) | "\(.code) \(.kind) \(if .kind == "feature" then .on else .text end)"'
 }
-driver_count() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r' | jq -r .messages; }
 driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
+driver_count() { driver_state | jq -r .messages; }
 
 # The recorder's last line for an object: "sddl<TAB>aces".
 recorded() { grep -a -F -- "$1	$2	" "$journal" | tail -n 1 | cut -f 3-; }
 recorded_count() { grep -a -c -F -- "$1	$2	" "$journal"; }
 
-svc_state() {
-    run "$exe" -c "$1"
-    echo "$rc"
-}
-wait_svc_state() {  # wait_svc_state NAME WANT [TRIES]
-    local tries=${3:-150}
-    for _ in $(seq 1 "$tries"); do
-        [ "$(svc_state "$1")" = "$2" ] && return 0
-        sleep 0.2
-    done
+svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing
+wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
+    for _ in $(seq 1 "${3:-150}"); do [ "$(svc_state "$1")" = "$2" ] && return 0; sleep 0.2; done
     fail "$1: state $(svc_state "$1"), want $2"
     return 1
 }
@@ -74,8 +67,25 @@ start_service() {
     done
     fail "the service does not answer"
 }
-stop_service() {
-    run "$exe" -s stop
-    wait_svc_state $svc 252
-}
+stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
+# wait_for CONDITION: evaluates the shell condition every 0.2 s, up to 30 s.
+wait_for() { for _ in $(seq 1 150); do eval "$1" && return 0; sleep 0.2; done; return 1; }
+
+# The service installed from C:\nv with the object-security recorder journalling to $journal.
+install_with_recorder() {
+    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
+    run "$exe" -i install
+}
+# install_test_service NAME FOLDER START [MODE]: nv_test_service copied to C:\prot\FOLDER, installed.
+install_test_service() {
+    mkdir -p "$drive_c/prot/$2" && cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/prot/$2/"
+    run sc create "$1" binPath= "\"C:\\prot\\$2\\nv_test_service.exe\" ${4:-}" start= "$3"
+    [ "$rc" = 0 ] || fail "install $1: $(cat "$out")"
+}
+pid_of() { tr -d '\r' <"$drive_c/prot/$1/$2.pid" 2>/dev/null; }  # FOLDER NAME: as the test service wrote it
+wait_new_pid() {  # FOLDER NAME OLD: until the service's process is another than OLD (60 s)
+    local pid
+    for _ in $(seq 1 3000); do pid=$(pid_of "$1" "$2"); [ "${pid:-0}" != 0 ] && [ "$pid" != "$3" ] && return 0; sleep 0.02; done
+    return 1
+}
