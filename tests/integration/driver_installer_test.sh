@@ -1,10 +1,6 @@
 #!/usr/bin/env bash
-# The driver installer end to end through the real executable, in a prefix of its own with its
-# own driver simulator: -i instdrv / -i uninstdrv with the stand-in driver package beside the
-# executable (the INF route, the direct route, updates, a locked file, a service marked for
-# deletion, the Windows 7 / 8 / 8.1 / 10 values) and the service installing, starting and
-# connecting to a missing driver at start-up. installer_probe (beside the package) makes the
-# calls the command line does not make.
+# -i instdrv / -i uninstdrv with the stand-in driver package beside the executable, and the
+# service installing a missing driver at start-up; installer_probe makes the other calls.
 #   driver_installer_test.sh VERSION NEXT_VERSION
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"

@@ -1,20 +1,9 @@
 #!/usr/bin/env bash
-# The client library and halvernctl against the running service and the driver simulator, in a
-# prefix of its own: every library method; halvernctl protecting and listing a service,
-# quarantining and restoring a file, blocking and unblocking another (--json output parsed, and
-# what the driver stand-in holds afterwards); a denial injected into the simulator reaching a
-# subscriber and `watch`.
+# The client library and halvernctl against the running service and the driver simulator: --json
+# output and the stand-in's state afterwards, denials injected reaching a subscriber and `watch`.
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 hv=$NV_BIN_DIR/halvernctl.exe
-err=$work/err.txt
-# hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
-hv_run() {
-    wine "$hv" "$@" </dev/null >"$out" 2>"$err"
-    rc=$?
-    sed -i 's/\r$//' "$out" "$err"
-}
-
 run "$exe" -i install
 expect_eq "install" 0 "$rc"
 start_service

@@ -1,20 +1,10 @@
 #!/usr/bin/env bash
-# halvernctl end to end, in a prefix of its own: usage errors and help, a service that is not
-# installed, the library and status against the real service (stopped, then started by a
-# command), then every command against nv_service_double playing the service (the bytes each
-# command sends, text output, refusals, the protocol gate, nobody listening).
+# halvernctl end to end: usage errors, a service not installed, the library and status against the
+# real service, then every command against nv_service_double (the bytes each command sends).
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
 install_service
-hv=$NV_BIN_DIR/halvernctl.exe
-err=$work/err.txt
-# hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
-hv_run() {
-    wine "$hv" "$@" </dev/null >"$out" 2>"$err"
-    rc=$?
-    sed -i 's/\r$//' "$out" "$err"
-}
 expect_rc() { [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; stdout: $(cat "$out"); stderr: $(cat "$err")"; }
 expect_in() { grep -qF -- "$3" "$2" || fail "$1: [$3] not in $(basename "$2"): $(head -c 400 "$2")"; }
 # json EXPRESSION: a Python expression over the JSON document on stdout (as d).

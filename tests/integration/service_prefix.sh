@@ -52,6 +52,13 @@ fail() {
     echo "FAIL: $*"
     failures=$((failures + 1))
 }
+# hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
+err=$work/err.txt
+hv_run() {
+    wine "$NV_BIN_DIR/halvernctl.exe" "$@" </dev/null >"$out" 2>"$err"
+    rc=$?
+    sed -i 's/\r$//' "$out" "$err"
+}
 # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
 run() {
     wine "$@" </dev/null >"$out" 2>&1

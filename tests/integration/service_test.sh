@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# The service under Wine's service control manager, in a prefix of its own: install, start,
-# requests on the wire, a second instance, the three ways to stop with clients that never read,
-# a console run ended by Ctrl+C, the emergency options, uninstall.
+# The service under the service control manager: install, start, requests on the wire, a second
+# instance, the three ways to stop with clients that never read, a console run, emergency options.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
