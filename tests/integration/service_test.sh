@@ -53,8 +53,6 @@ run "$client" send 1000123 ABCD
 expect "an unknown identifier is echoed" 0 "ABCD"
 [ "$(log_lines 'Unknow mc::ipc message 1000123, ignored')" = 1 ] || fail "unknown identifier logged"
 [ "$(log_lines 'Received IPC message 100000A, payload size: 0')" = 1 ] || fail "received line"
-run "$client" version
-expect "versions" 0 $'protocol version: 5 (compatible: yes)\nservice version: 196653 (3.0.45)'
 
 echo "== a second instance stops at once without a version line"
 run "$exe" -d

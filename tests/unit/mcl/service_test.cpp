@@ -16,7 +16,7 @@ using mcl::mswin::unique_sc_handle;
 
 namespace {
 
-// A service entry that is never started, for the configuration and security calls.
+// A service entry that is never started, for the security calls.
 class registered_service {
 public:
     registered_service() : name_(nv_test::unique_name("nv_test_svc")) {
@@ -50,34 +50,6 @@ void wait_for_events(const service& svc) {
         Sleep(10);
     }
     ADD_FAILURE() << "no " << name;
-}
-
-TEST(ServiceQueries, ConfigurationStateAndExistence) {
-    registered_service reg;
-    mcl::binary_t config;
-    bool opened = false;
-    ASSERT_TRUE(service::query_config(reg.name(), config, &opened));
-    EXPECT_TRUE(opened);
-    const auto* narrow = reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data());
-    EXPECT_STREQ("C:\\nowhere\\svc.exe", narrow->lpBinaryPathName) << "points into the copy";
-    EXPECT_STREQ("NV test service", narrow->lpDisplayName);
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_DEMAND_START), narrow->dwStartType);
-
-    const std::string n = reg.name();
-    ASSERT_TRUE(service::query_config(std::wstring(n.begin(), n.end()).c_str(), config, &opened));
-    EXPECT_STREQ(L"C:\\nowhere\\svc.exe",
-                 reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data())->lpBinaryPathName);
-
-    EXPECT_TRUE(service::is_service_installed(reg.name()));
-    EXPECT_TRUE(service::is_service_stopped(reg.name()));
-    DWORD state = 0;
-    ASSERT_TRUE(service::query_state(reg.name(), state));
-    EXPECT_EQ(static_cast<DWORD>(SERVICE_STOPPED), state);
-
-    EXPECT_FALSE(service::query_config("nv_no_such_service", config, &opened));
-    EXPECT_FALSE(opened);
-    EXPECT_FALSE(service::is_service_installed("nv_no_such_service"));
-    EXPECT_FALSE(service::is_service_stopped("nv_no_such_service"));
 }
 
 TEST(ServiceSecurity, DaclWritersLogWhatHappened) {
