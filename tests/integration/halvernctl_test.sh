@@ -94,11 +94,7 @@ start_double() {
     wine "$NV_BIN_DIR/nv_service_double.exe" $svc "$(printf 'Z:%s' "$record" | tr '/' '\\')" "$stop_event" "$@" \
         </dev/null >/dev/null 2>&1 &
     double_pid=$!
-    for _ in $(seq 1 50); do
-        hv_run driver on
-        [ "$rc" = 0 ] && break
-        sleep 0.2
-    done
+    poll 50 0.2 'hv_run driver on; [ "$rc" = 0 ]'
     sleep 1  # the disconnect of the probe
     : >"$record"
 }
@@ -134,11 +130,8 @@ while IFS='|' read -r args id fields; do
     expect_rc "halvernctl $args" 0
     # shellcheck disable=SC2086
     want="$id $(eval "hex $fields")"
-    for _ in $(seq 1 50); do  # the disconnect comes last
-        tail -n +"$((before + 1))" "$record" | tr -d '\r' >"$work/sent.txt"
-        [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ] && break
-        sleep 0.1
-    done
+    # The disconnect comes last.
+    poll 50 0.1 'tail -n +"$((before + 1))" "$record" | tr -d "\r" >"$work/sent.txt"; [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ]'
     expect_eq "halvernctl $args: sent" "1000009 05000000|$want|1000000 -" "$(paste -sd '|' "$work/sent.txt")"
 done <<'EOF'
 service protect a b --service-only|1000002|u32:2 u8:1 u8:0 s:a u8:1 u8:0 s:b
