@@ -14,6 +14,7 @@
 
 #include "mcl/encoding.h"
 #include "tests/helpers/service_double.h"
+#include "tools/recovery_code/signer.h"
 
 namespace {
 
@@ -26,15 +27,9 @@ void record(const nv_test::recorded_request& r) {
 }
 
 bool parse_hex(const char* text, mcl::binary_t& out) {
-    const size_t n = strlen(text);
-    if (n % 2 != 0) return false;
-    for (size_t i = 0; i < n; i += 2) {
-        const char pair[3] = {text[i], text[i + 1], 0};
-        char* end = nullptr;
-        const unsigned char byte = static_cast<unsigned char>(strtoul(pair, &end, 16));
-        if (end != pair + 2) return false;
-        out.append(&byte, 1);
-    }
+    std::vector<unsigned char> bytes;
+    if (!nv_tools::from_hex(text, bytes)) return false;
+    out.append(bytes.data(), static_cast<uint32_t>(bytes.size()));
     return true;
 }
 

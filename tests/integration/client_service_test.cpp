@@ -194,46 +194,24 @@ TEST(client_with_simulator, every_method) {
         {STEP("recover_folder_dacl", recover_folder_dacl(R"(C:\prot\lib)", r)), true, "", {}, ""},
         // Quarantine and blocked files.
         {STEP("create_quarantine_container", create_quarantine_container(R"(C:\prot\libq)", {}, r)), true, "", {}, ""},
-        {STEP("block_file_access", block_file_access(data_file, r)), true, "", {blocked_rule}, ""},
-        {STEP("is_file_access_blocked", is_file_access_blocked(data_file, r)), true, "yes", {}, ""},
-        {STEP("unblock_file_access", unblock_file_access(data_file, r)), true, "", {}, blocked_rule},
         {STEP("block_files_access", block_files_access(NVClientHelper::block_files, {}, {data_file}, r)), true, "", {blocked_rule}, ""},
         {STEP("block_files_access, unblock", block_files_access(NVClientHelper::unblock_files, {}, {data_file}, r)), true, "", {}, blocked_rule},
         {STEP("is_file_access_blocked, no", is_file_access_blocked(data_file, r)), true, "no", {}, ""},
     });
-    std::vector<std::string> containers;
-    ASSERT_TRUE(h->get_quarantine_containers(containers));
-    EXPECT_EQ(containers, std::vector<std::string>{R"(c:\prot\libq\)"});
-
-    // A file quarantined, listed, restored; quarantined again and deleted; then the container.
-    auto quarantine = [&](std::string& archive) {
-        std::ofstream(data_file, std::ios::binary) << "lib";
-        result r;
-        EXPECT_TRUE(h->add_quarantine_files(R"(C:\prot\libq)", {data_file}, &r)) << r.message;
-        archive = r.message.substr(0, r.message.find(';'));
-        EXPECT_EQ(r.message, archive + ";");
-        EXPECT_EQ(archive.rfind(R"(c:\prot\libq\lib.txt.)", 0), 0u) << archive;
-        EXPECT_EQ(GetFileAttributesA(data_file.c_str()), INVALID_FILE_ATTRIBUTES);
-    };
-    std::string archive;
-    quarantine(archive);
-    std::vector<NVClientHelper::quarantined_file> files;
-    ASSERT_TRUE(h->get_quarantined_files(R"(C:\prot\libq)", files));
-    ASSERT_EQ(files.size(), 1u);
-    EXPECT_EQ(R"(c:\prot\libq\)" + files[0].archive_name + "|" + files[0].recorded_path, archive + "|" + data_file);
-    run_steps(h, {
-        {STEP("is_file_quarantined", is_file_quarantined(archive, r)), true, "yes", {}, ""},
-        {STEP("restore_quarantine_files", restore_quarantine_files(R"(C:\prot\libq)", {archive}, r)), true, "", {}, ""},
-        {STEP("is_file_quarantined, restored", is_file_quarantined(archive, r)), true, "no", {}, ""},
-    });
-    EXPECT_EQ(read_file(data_file), "lib");
-    quarantine(archive);
+    // A file quarantined and deleted, then the container (halvernctl_service_test.sh lists and restores).
+    result added;
+    EXPECT_TRUE(h->add_quarantine_files(R"(C:\prot\libq)", {data_file}, &added)) << added.message;
+    const std::string archive = added.message.substr(0, added.message.find(';'));
+    EXPECT_EQ(added.message, archive + ";");
+    EXPECT_EQ(archive.rfind(R"(c:\prot\libq\lib.txt.)", 0), 0u) << archive;
+    EXPECT_EQ(GetFileAttributesA(data_file.c_str()), INVALID_FILE_ATTRIBUTES);
     run_steps(h, {
         {STEP("remove_quarantine_files", remove_quarantine_files(R"(C:\prot\libq)", {archive}, r)), true, "", {}, ""},
         {STEP("remove_quarantine_container", remove_quarantine_container(NVClientHelper::container_delete_archives, R"(C:\prot\libq)", r)), true, "", {}, ""},
     });
     EXPECT_EQ(GetFileAttributesA(archive.c_str()), INVALID_FILE_ATTRIBUTES);
     EXPECT_EQ(GetFileAttributesA(data_file.c_str()), INVALID_FILE_ATTRIBUTES);
+    std::vector<std::string> containers;
     ASSERT_TRUE(h->get_quarantine_containers(containers));
     EXPECT_TRUE(containers.empty());
 

@@ -1,10 +1,6 @@
 #!/usr/bin/env bash
-# The driver installer end to end through the real executable, in a prefix of its own with its
-# own driver simulator: -i instdrv / -i uninstdrv with the stand-in driver package beside the
-# executable (the INF route, the direct route, updates, a locked file, a service marked for
-# deletion, the Windows 7 / 8 / 8.1 / 10 values) and the service installing, starting and
-# connecting to a missing driver at start-up. installer_probe (beside the package) makes the
-# calls the command line does not make.
+# -i instdrv / -i uninstdrv with the stand-in driver package beside the executable, and the
+# service installing a missing driver at start-up; installer_probe makes the other calls.
 #   driver_installer_test.sh VERSION NEXT_VERSION
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
@@ -50,28 +46,18 @@ service_state() { sc_field STATE 4; }
 # The service manager starts the stand-in image in its driver host; a loaded machine may take a while.
 start_driver_service() {
     run net start VQRMonitor
-    for _ in $(seq 1 100); do
-        [ "$(service_state)" = RUNNING ] && return 0
-        sleep 0.2
-    done
-    fail "the driver service does not start: $(cat "$out")"
+    poll 100 0.2 '[ "$(service_state)" = RUNNING ]' || fail "the driver service does not start: $(cat "$out")"
 }
 # hold WHAT ARG: a probe keeping a service handle or an image mapping until release
 hold() {
     wine "$probe" "hold-$1" "$2" "$release" </dev/null >"$work/hold.txt" 2>&1 &
-    for _ in $(seq 1 100); do
-        grep -q holding "$work/hold.txt" 2>/dev/null && return 0
-        sleep 0.2
-    done
-    fail "hold-$1 $2 did not start: $(cat "$work/hold.txt")"
+    poll 100 0.2 'grep -q holding "$work/hold.txt" 2>/dev/null' || fail "hold-$1 $2 did not start: $(cat "$work/hold.txt")"
 }
 unhold() {
     wine "$helper" set-event "$release" </dev/null >/dev/null 2>&1
     wait 2>/dev/null
 }
-# The layout of the driver's service key that both routes leave. "Tag" is not in it: the direct
-# route writes it; after the INF route the service manager assigns it (Windows does for a
-# system-start driver of a load-order group; Wine's does not), which the installer does not check.
+# The driver's service key as both routes leave it ("Tag": the direct route's own, checked there).
 expect_layout() {
     local label=$1 row name altitude
     while read -r name want; do
@@ -103,6 +89,7 @@ installed_version_is() {  # LABEL current|next
     cmp -s "$src" "$installed" || fail "$1: the installed file is not the $2 package"
 }
 sim_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
+features() { sim_state | jq -c '[.features["0", "6", "11"]]'; }
 sim_unloads() { sim_state | jq '[.filter_calls[]? | select(.call == "unload" and .hr == "0x00000000")] | length'; }
 instdrv() {  # LABEL: -i instdrv succeeds
     new_log
@@ -270,28 +257,22 @@ wine winecfg -v win7 </dev/null >/dev/null 2>&1
 
 echo "== the service installs a missing driver at start-up, starts it and connects"
 run "$exe" -i uninstdrv
-for _ in $(seq 1 150); do  # a stopping driver service is deleted once it has stopped
-    [ -z "$(service_type)" ] && break
-    sleep 0.2
-done
-[ -z "$(service_type)" ] || fail "start-up: the driver is still installed"
+# A stopping driver service is deleted once it has stopped.
+poll 150 0.2 '[ -z "$(service_type)" ]' || fail "start-up: the driver is still installed"
 expect_eq "start-up: the simulator before" false "$(sim_state | jq .loaded)"
 run "$exe" -i install
 expect "service install" 0 "Installing halvern service..."
 new_log
 run "$exe" -s start
 expect "service start" 0 ""
-for _ in $(seq 1 300); do  # up to a minute on a loaded machine
-    [ "$(sim_state | jq -c '[.features["0", "6", "11"]]')" = "[true,true,true]" ] && break
-    sleep 0.2
-done
+poll 300 0.2 '[ "$(features)" = "[true,true,true]" ]'  # a minute at most
 expect_logged "start-up" "\\[DoInstall:[0-9]*\\] - Installing with" "rundll command ran successfully" \
     "VQRMonitor Driver Version: $version"
 for line in "StartService failed" "Service is in a wrong state" "Could not connect to filter"; do
     expect_not_logged "start-up" "$line"
 done
 expect_eq "start-up: the driver service" RUNNING "$(service_state)"
-expect_eq "start-up: the features the service switched on" '[true,true,true]' "$(sim_state | jq -c '[.features["0", "6", "11"]]')"
+expect_eq "start-up: the features the service switched on" '[true,true,true]' "$(features)"
 run "$exe" -s stop
 run "$exe" -i uninstall
 

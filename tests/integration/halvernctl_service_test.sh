@@ -1,20 +1,9 @@
 #!/usr/bin/env bash
-# The client library and halvernctl against the running service and the driver simulator, in a
-# prefix of its own: every library method; halvernctl protecting and listing a service,
-# quarantining and restoring a file, blocking and unblocking another (--json output parsed, and
-# what the driver stand-in holds afterwards); a denial injected into the simulator reaching a
-# subscriber and `watch`.
+# The client library and halvernctl against the running service and the driver simulator: --json
+# output and the stand-in's state afterwards, denials injected reaching a subscriber and `watch`.
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 hv=$NV_BIN_DIR/halvernctl.exe
-err=$work/err.txt
-# hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
-hv_run() {
-    wine "$hv" "$@" </dev/null >"$out" 2>"$err"
-    rc=$?
-    sed -i 's/\r$//' "$out" "$err"
-}
-
 run "$exe" -i install
 expect_eq "install" 0 "$rc"
 start_service
@@ -91,10 +80,7 @@ filter=(--as nv_ctl_sub --event 'Global\nv_ctl_event' --file 'C:\Data\Ctl.txt')
 # The subscriber's event, created by a process of its own that waits for it.
 wine "$helper" wait-event 'Global\nv_ctl_event' 60000 </dev/null >"$work/event.txt" 2>&1 &
 waiter=$!
-for _ in $(seq 1 100); do
-    grep -q ready "$work/event.txt" && break
-    sleep 0.2
-done
+poll 100 0.2 'grep -q ready "$work/event.txt"'
 hv_run --json notify subscribe "${filter[@]}"
 expect_eq "subscribe" "0 true" "$rc $(jq .ok "$out")"
 run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\ctl.txt'
@@ -113,17 +99,11 @@ expect_eq "unsubscribe" "0 true" "$rc $(jq .ok "$out")"
 echo "== watch prints an injected denial as it arrives, until Ctrl+C"
 wine "$hv" watch --file 'C:\Data\Watch.txt' </dev/null >"$work/watch.txt" 2>"$work/watch.err" &
 watcher=$!
-for _ in $(seq 1 150); do
-    grep -q '^watching' "$work/watch.err" && break
-    sleep 0.2
-done
+poll 150 0.2 'grep -q "^watching" "$work/watch.err"'
 grep -q '^watching denied access to C:\\Data\\Watch.txt' "$work/watch.err" || fail "watch did not subscribe: $(cat "$work/watch.err")"
 run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\watch.txt'
 injected=$(date +%s.%N)
-for _ in $(seq 1 200); do
-    grep -q 'denied' "$work/watch.txt" && break
-    sleep 0.05
-done
+poll 200 0.05 'grep -q denied "$work/watch.txt"'
 shown=$(date +%s.%N)
 grep -qi "UTC denied c:\\\\data\\\\watch.txt major=3 minor=0 pid=$pid C:\\\\prot\\\\svc\\\\nv_test_service.exe" "$work/watch.txt" ||
     fail "watch output: $(cat "$work/watch.txt")"

@@ -1,20 +1,10 @@
 #!/usr/bin/env bash
-# halvernctl end to end, in a prefix of its own: usage errors and help, a service that is not
-# installed, the library and status against the real service (stopped, then started by a
-# command), then every command against nv_service_double playing the service (the bytes each
-# command sends, text output, refusals, the protocol gate, nobody listening).
+# halvernctl end to end: usage errors, a service not installed, the library and status against the
+# real service, then every command against nv_service_double (the bytes each command sends).
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
 install_service
-hv=$NV_BIN_DIR/halvernctl.exe
-err=$work/err.txt
-# hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
-hv_run() {
-    wine "$hv" "$@" </dev/null >"$out" 2>"$err"
-    rc=$?
-    sed -i 's/\r$//' "$out" "$err"
-}
 expect_rc() { [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; stdout: $(cat "$out"); stderr: $(cat "$err")"; }
 expect_in() { grep -qF -- "$3" "$2" || fail "$1: [$3] not in $(basename "$2"): $(head -c 400 "$2")"; }
 # json EXPRESSION: a Python expression over the JSON document on stdout (as d).
@@ -104,11 +94,7 @@ start_double() {
     wine "$NV_BIN_DIR/nv_service_double.exe" $svc "$(printf 'Z:%s' "$record" | tr '/' '\\')" "$stop_event" "$@" \
         </dev/null >/dev/null 2>&1 &
     double_pid=$!
-    for _ in $(seq 1 50); do
-        hv_run driver on
-        [ "$rc" = 0 ] && break
-        sleep 0.2
-    done
+    poll 50 0.2 'hv_run driver on; [ "$rc" = 0 ]'
     sleep 1  # the disconnect of the probe
     : >"$record"
 }
@@ -144,11 +130,8 @@ while IFS='|' read -r args id fields; do
     expect_rc "halvernctl $args" 0
     # shellcheck disable=SC2086
     want="$id $(eval "hex $fields")"
-    for _ in $(seq 1 50); do  # the disconnect comes last
-        tail -n +"$((before + 1))" "$record" | tr -d '\r' >"$work/sent.txt"
-        [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ] && break
-        sleep 0.1
-    done
+    # The disconnect comes last.
+    poll 50 0.1 'tail -n +"$((before + 1))" "$record" | tr -d "\r" >"$work/sent.txt"; [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ]'
     expect_eq "halvernctl $args: sent" "1000009 05000000|$want|1000000 -" "$(paste -sd '|' "$work/sent.txt")"
 done <<'EOF'
 service protect a b --service-only|1000002|u32:2 u8:1 u8:0 s:a u8:1 u8:0 s:b

@@ -1,7 +1,6 @@
 #!/usr/bin/env bash
-# Quarantine containers, quarantined files and blocked files through requests against the running
-# service, with the driver simulator and the object-security recorder; archives decoded with
-# libmcrypt and the lz4 command; the service killed in the middle of a quarantine and a restore.
+# Quarantine containers, quarantined files and blocked files through requests to the running
+# service; archives decoded with libmcrypt and lz4; the service killed mid-quarantine and mid-restore.
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 
@@ -23,8 +22,6 @@ reply_text() { printf '%s' "${reply:2}" | sed 's/00$//' | xxd -r -p; }
 reply_result() { printf '%s' "${reply:0:2}"; }
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
-upper() { printf '%s' "$1" | tr 'a-z' 'A-Z'; }
-lower() { printf '%s' "$1" | tr 'A-Z' 'a-z'; }
 quarantine() { request 10000ca "$(hex_u32 "$1")$(hex_str "$2")$(shift 2; hex_list "$@")"; }
 ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
 value_of() { run reg query "$1" /v "$2"; grep -o 'REG_[A-Z]* *.*' "$out" | tr -s ' '; }  # KEY NAME: "TYPE DATA"
@@ -113,7 +110,7 @@ done
 ask "unregistered listing" "$(hex_u32 0)" 10000cc "$(hex_str 'c:\notregistered')"
 
 echo "== is quarantined"
-ask "archive, upper case" "$(status_msg 01 yes)" 10000ce "$(hex_str "$(upper "$arc_c")")"
+ask "archive, upper case" "$(status_msg 01 yes)" 10000ce "$(hex_str "${arc_c^^}")"
 ask "source path" "$(status_msg 01 no)" 10000ce "$(hex_str 'C:\data\c.txt')"
 ask "empty path" "$(status_msg 00 '')" 10000ce "$(hex_str '')"
 
@@ -183,13 +180,13 @@ dacl_starts "blocked DACL" 'c:\data\blk.txt' "D:P$own_ace"
 expect_eq "block: code 9" "9 command $device\\data\\blk.txt" "$(new_rules)"
 ask "is blocked" "$(status_msg 01 yes)" 10000d2 "$(hex_str 'C:\DATA\BLK.TXT')"
 expect_eq "saved descriptor persisted" "REG_SZ D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)" "$(value_of "$bkey" 'c:\data\blk.txt')"
-ask "block an archive" "$quarantined" 10000cf "$(hex_str "$(upper "$arc_b")")"
+ask "block an archive" "$quarantined" 10000cf "$(hex_str "${arc_b^^}")"
 ask "unblock an archive" "$(status_msg 00 'The file has already been quarantined.')" 10000d0 "$(hex_str "$arc_b")"
 ask "many, block: archive skipped" "$(status_msg 01 '')" \
     10000d1 "$(hex_u32 0)$(hex_list nv_other_svc)$(hex_list 'C:\data\blk2.txt' "$arc_b")"
 dacl_starts "many: blk2 DACL" 'c:\data\blk2.txt' "D:P$own_ace$other_ace"
-ask "many, unblock: archive listed, lower-cased" "$(status_msg 01 "$(lower "$arc_b");")" \
-    10000d1 "$(hex_u32 1)$(hex_list)$(hex_list 'C:\data\blk2.txt' "$(upper "$arc_b")")"
+ask "many, unblock: archive listed, lower-cased" "$(status_msg 01 "${arc_b,,};")" \
+    10000d1 "$(hex_u32 1)$(hex_list)$(hex_list 'C:\data\blk2.txt' "${arc_b^^}")"
 ask "blk2 unblocked" "$(status_msg 01 no)" 10000d2 "$(hex_str 'c:\data\blk2.txt')"
 
 echo "== restart: containers and blocked files come back"

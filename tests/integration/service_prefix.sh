@@ -52,6 +52,15 @@ fail() {
     echo "FAIL: $*"
     failures=$((failures + 1))
 }
+# poll TRIES PAUSE CONDITION: evaluates CONDITION until it holds, at most TRIES times PAUSE s apart.
+poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$2"; done; return 1; }
+# hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
+err=$work/err.txt
+hv_run() {
+    wine "$NV_BIN_DIR/halvernctl.exe" "$@" </dev/null >"$out" 2>"$err"
+    rc=$?
+    sed -i 's/\r$//' "$out" "$err"
+}
 # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
 run() {
     wine "$@" </dev/null >"$out" 2>&1

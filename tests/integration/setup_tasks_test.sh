@@ -1,8 +1,6 @@
 #!/usr/bin/env bash
-# The setup tasks as an installer runs them ("-proxy_task" from a staging folder with the INF and
-# the stand-in driver), from and back to the previous release (bin/previous: 3.0.40.1, protocol 3,
-# once named NVHalvernService.exe). The two cases that wait out the client's connect time-out
-# (120 s) on a service that cannot start run in prefixes of their own beside the rest.
+# "-proxy_task" from a staging folder, from and back to the previous release (bin/previous:
+# 3.0.40.1, protocol 3, named NVHalvernService.exe). The two slow cases run in prefixes of their own.
 set -uo pipefail
 . "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
 halvernctl=$NV_BIN_DIR/halvernctl.exe

@@ -1,9 +1,6 @@
 #!/usr/bin/env bash
-# Runs a Windows program under Wine in the test prefix (ctest's cross-compiling emulator).
-#
-# Output goes through a file: Wine's helper processes (services.exe and the like) may inherit
-# the descriptors of the program that started them and outlive it, and a runner reading a
-# pipe would then wait for them.
+# ctest's emulator: a Windows program under Wine, its output through a file (Wine's helper
+# processes may inherit a pipe and outlive the program).
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
 out=$(mktemp "${TMPDIR:-/tmp}/nv-wine-out.XXXXXX")
 trap 'rm -f "$out"' EXIT

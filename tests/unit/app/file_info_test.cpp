@@ -21,15 +21,4 @@ TEST(FileInfo, ReadsTheVersionResourceSizeAndTimesOfTheServiceExecutable) {
     EXPECT_EQ(data.ftLastWriteTime.dwHighDateTime, info.last_write_time.dwHighDateTime);
 }
 
-TEST(FileInfo, AMissingFileHasNoSizeOrTimesAndANullPathGivesAnInvalidRecord) {
-    file_info missing("C:\\no\\such\\file.exe");
-    EXPECT_TRUE(missing.version.empty());
-    EXPECT_EQ(UINT64_MAX, missing.size);
-    EXPECT_EQ(0u, missing.last_write_time.dwLowDateTime);
-
-    file_info none(nullptr);
-    EXPECT_FALSE(none.valid);
-    EXPECT_TRUE(none.path.empty());
-}
-
 }  // namespace

@@ -118,10 +118,4 @@ TEST(Encoding, AListCountBeyondTheLimitOrThePayloadReservesNothing) {
     }
 }
 
-TEST(Encoding, ToHexGivesUpperCasePairs) {
-    EXPECT_STREQ("00AB10", mcl::to_hex(make({0x00, 0xAB, 0x10})).c_str());
-    EXPECT_STREQ("", mcl::to_hex(make({})).c_str());
-    EXPECT_EQ(1u, mcl::to_hex(make({})).size());
-}
-
 }  // namespace

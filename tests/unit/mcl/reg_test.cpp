@@ -25,24 +25,9 @@ class Reg : public ::testing::Test {
 protected:
     void SetUp() override { root_ = "Software\\NvTest\\" + nv_test::unique_name("reg"); }
     void TearDown() override {
-        if (!exists(root_)) return;
-        unlock_tree(root_);
-        (void)reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr);
-    }
-
-    // Gives everyone full access to the whole tree again, top down, with the owner's own
-    // WRITE_DAC right.
-    static void unlock_tree(const std::string& key) {
-        unique_reg_key h;
-        if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, WRITE_DAC, h.put()) == ERROR_SUCCESS) {
-            unique_local sd;
-            if (ConvertStringSecurityDescriptorToSecurityDescriptorA("D:(A;;KA;;;WD)", SDDL_REVISION_1, sd.put(),
-                                                                     nullptr))
-                RegSetKeySecurity(h.get(), DACL_SECURITY_INFORMATION, sd.get());
+        if (exists(root_)) {
+            EXPECT_TRUE(reg::force_remove(HKEY_LOCAL_MACHINE, root_)) << root_;
         }
-        std::vector<std::string> subkeys;
-        reg::list_subkeys(HKEY_LOCAL_MACHINE, key, subkeys);
-        for (const std::string& sub : subkeys) unlock_tree(key + "\\" + sub);
     }
 
     static bool exists(const std::string& key) {

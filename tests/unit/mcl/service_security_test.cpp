@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <memory>
 #include <vector>
 
 #include "mcl/mswin/service.h"
@@ -45,14 +44,6 @@ struct sddl_dacl {
         BOOL defaulted = FALSE;
         GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted);
     }
-};
-
-struct sid_holder {
-    PSID sid = nullptr;
-    explicit sid_holder(const char* text) { EXPECT_TRUE(ConvertStringSidToSidA(text, &sid)); }
-    ~sid_holder() { LocalFree(sid); }
-    sid_holder(const sid_holder&) = delete;
-    sid_holder& operator=(const sid_holder&) = delete;
 };
 
 TEST(ServiceSid, DerivedFromTheUpperCasedNameAsWindowsPublishesIt) {
@@ -108,11 +99,11 @@ TEST(SelectedFullAccessDacl, SelectedSidsFirstThenTheOldAcesNarrowed) {
     for (const auto& c : cases) {
         sddl_dacl old_dacl(c.old_sddl);
         const std::string old_before = c.old_sddl != nullptr ? acl_sddl(old_dacl.dacl) : "";
-        std::vector<std::unique_ptr<sid_holder>> holders;
+        std::vector<unique_local> holders(c.sids.size());
         std::vector<PSID> sids;
-        for (const char* s : c.sids) {
-            holders.push_back(std::make_unique<sid_holder>(s));
-            sids.push_back(holders.back()->sid);
+        for (size_t i = 0; i < c.sids.size(); ++i) {
+            EXPECT_TRUE(ConvertStringSidToSidA(c.sids[i], holders[i].put()));
+            sids.push_back(holders[i].get());
         }
         PACL out = nullptr;
         ASSERT_TRUE(service::update_dacl_with_selected_full_access_sids(old_dacl.dacl, sids, c.flags,
