@@ -66,13 +66,14 @@ expect_protected() {
     run "$halvernctl" service list
     grep -q nv_setup_svc_a "$out" && grep -q nv_setup_svc_b "$out" || fail "$1: the two services are not protected: $(cat "$out")"
 }
-# expect_rolled_back LABEL STAGE PROGRAM-NAME: a failed upgrade (exit code in $rc) put the
-# previous release back under that name, registered, running and protecting; its log tells each step.
+# expect_rolled_back LABEL STAGE PROGRAM-NAME [PROGRAM VERSION PROTOCOL]: a failed upgrade (exit code
+# in $rc) put the release it found (the previous one unless named) back under that name, registered,
+# running and protecting; its log tells each step.
 expect_rolled_back() {
     expect "$1" 254
-    expect_product_files "$1" "$old_exe" "$3"
+    expect_product_files "$1" "${4:-$old_exe}" "$3"
     [[ "$(service_binary)" == *"$3" ]] || fail "$1: the service runs [$(service_binary)]"
-    expect_running "$1" $old_version 3
+    expect_running "$1" "${5:-$old_version}" "${6:-3}"
     expect_protected "$1"
     expect_logged "$1" "$stage_root/$2/hvs_upgrade.log" "Backup files." "Copying files." "Installing VQRMonitor driver..." \
         "Installing halvern service..." "restore_previous_service.*Installing VQRMonitor driver..." \
@@ -212,6 +213,11 @@ expect_protected "hvs_upgrade"
 # Protection switched off in the previous service, the services given back to the new one.
 expect_logged "hvs_upgrade" "$product/nvhalvernservice.debug.log" "Received IPC message 1000008, payload size: 1" \
     "protect service nv_setup_svc_a"
+
+echo "== ... a damaged upgrade of a release of the same name rolled back to it"
+rm -f "$stage_root/damaged/hvs_upgrade.log"
+task damaged hvs_upgrade
+expect_rolled_back "same name" damaged NorvaleHalvernService.exe "$new_exe" $new_version 5
 
 echo "== hvs_uninstall ends with 0 when a file cannot be removed"
 cp "$NV_BIN_DIR/installer_probe.exe" "$stage_root/"
