@@ -37,13 +37,6 @@ void send_message(HANDLE port, std::vector<uint8_t>& message, const char* functi
            chelperservice::driver_error_text(hr).c_str());
 }
 
-template <typename Char>
-bool has_drive_prefix(const std::basic_string<Char>& path) {
-    const Char c = path.size() >= 3 ? path[0] : Char('?');
-    const bool letter = (c >= Char('A') && c <= Char('Z')) || (c >= Char('a') && c <= Char('z'));
-    return letter && path[1] == Char(':') && path[2] == Char('\\');
-}
-
 void log_refused_path(const char* function, const std::wstring& path) {
     NV_LOG(function, "Path refused for the driver (needs a drive letter, colon and backslash, at most %d characters): %ls",
            static_cast<int>(max_driver_path), path.c_str());
@@ -60,7 +53,7 @@ template <typename Char>
 bool device_form(const std::basic_string<Char>& path, std::basic_string<Char>& volume,
                  std::basic_string<Char>& device) {
     constexpr const char* fn = "chelperservice::to_device_path";
-    if (!has_drive_prefix(path) || path.size() > max_driver_path) {
+    if (!mcl::mswin::has_drive_prefix(path) || path.size() > max_driver_path) {
         log_refused_path(fn, std::wstring(path.begin(), path.end()));
         return false;
     }

@@ -5,10 +5,10 @@
 #include <sddl.h>
 #include <shlwapi.h>
 
-#include <cwctype>
 
 #include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"
 #include "service/helper_service.h"
@@ -26,8 +26,7 @@ constexpr size_t max_image_path = MAX_PATH;
 
 // The driver and the folder rewrite need a folder below a drive root: "X:\name...".
 bool is_protectable_folder(const std::wstring& folder) {
-    return folder.size() > 3 && folder.size() <= max_image_path && std::iswalpha(folder[0]) && folder[1] == L':' &&
-           folder[2] == L'\\';
+    return folder.size() > 3 && folder.size() <= max_image_path && mcl::mswin::has_drive_prefix(folder);
 }
 
 struct own_sid {

@@ -29,8 +29,7 @@ std::wstring folder_of(const std::string& container) {
 // for the archive names inside it, without "." or ".." components.
 bool is_container_path(const std::string& path) {
     if (path.size() < 5 || path.size() > MAX_PATH) return false;
-    const char d = path[0];
-    if (!((d >= 'a' && d <= 'z')) || path[1] != ':' || path[2] != '\\') return false;
+    if (!mcl::mswin::has_drive_prefix(path) || path[0] < 'a') return false;  // a lower-case drive letter
     if (path.find('/') != std::string::npos || path.find("\\\\") != std::string::npos) return false;
     return path.find("\\.\\") == std::string::npos && path.find("\\..\\") == std::string::npos;
 }

@@ -23,10 +23,7 @@ bool system_final_path(HANDLE handle, std::wstring& path) {
     }
 }
 
-bool is_drive_path(const std::string& path) {
-    const char d = path.size() > 3 ? path[0] : '\0';
-    return ((d >= 'a' && d <= 'z') || (d >= 'A' && d <= 'Z')) && path[1] == ':' && path[2] == '\\';
-}
+bool is_drive_path(const std::string& path) { return path.size() > 3 && mcl::mswin::has_drive_prefix(path); }
 
 bool same_path(const std::wstring& a, const std::wstring& b) {
     return CompareStringOrdinal(a.c_str(), static_cast<int>(a.size()), b.c_str(), static_cast<int>(b.size()),

@@ -6,7 +6,6 @@
 #include <shellapi.h>
 #include <tlhelp32.h>
 
-#include <cctype>
 #include <map>
 #include <memory>
 
@@ -432,7 +431,7 @@ void chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& pa
     }
     if (path.back() == '\\') path.pop_back();
     // A relative path would name a folder below the service's working directory.
-    if (path.size() < 3 || !isalpha(static_cast<unsigned char>(path[0])) || path[1] != ':' || path[2] != '\\') {
+    if (!mcl::mswin::has_drive_prefix(path)) {
         NV_LOG(fn, "Folder path refused: it needs a drive letter (X:\\folder) (%s)", path.c_str());
         mcl::write_status(payload, false, "");
         return;

@@ -12,4 +12,12 @@ std::wstring widen(const std::string& text);
 std::wstring from_utf8(const std::string& text);
 std::string to_utf8(const std::wstring& text);
 
+// Whether the path starts with a drive: an ASCII letter, a colon and a backslash ("X:\...").
+template <typename Char>
+bool has_drive_prefix(const std::basic_string<Char>& path) {
+    const Char c = path.size() >= 3 ? path[0] : Char('?');
+    const bool letter = (c >= Char('A') && c <= Char('Z')) || (c >= Char('a') && c <= Char('z'));
+    return letter && path[1] == Char(':') && path[2] == Char('\\');
+}
+
 }  // namespace mcl::mswin
