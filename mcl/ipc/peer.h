@@ -137,6 +137,9 @@ protected:
         virtual HANDLE channel_event(ipc_connection& connection) = 0;
         // Runs the channel whose event fired; false means the connection is dead.
         virtual bool serve(share_ptr<ipc_connection>& connection) = 0;
+        // Closes this thread's half of an ended connection; true for the call that found both
+        // halves closed.
+        virtual bool close_half(ipc_connection& connection) = 0;
 
         ipc_peer* peer_;
 
@@ -154,6 +157,7 @@ protected:
     protected:
         HANDLE channel_event(ipc_connection& connection) override;
         bool serve(share_ptr<ipc_connection>& connection) override;
+        bool close_half(ipc_connection& connection) override;
 
     private:
         std::vector<binary_t> frames_;
@@ -167,6 +171,7 @@ protected:
     protected:
         HANDLE channel_event(ipc_connection& connection) override;
         bool serve(share_ptr<ipc_connection>& connection) override;
+        bool close_half(ipc_connection& connection) override;
     };
 
     // Listening side (`listening` true): creates the connecting mutex and the connected event;
@@ -179,6 +184,10 @@ protected:
     // Start-up: logs whether another process already made pipes under the names this listener
     // is about to make, and whose they are; such a process could sit in front of this one.
     static void check_pipe_name(const std::string& pipe_path);
+    // The accept loop, for the waiting pair after its client's signal or when it was found
+    // half taken or ended: asks the I/O threads to decide and waits (bounded) until the pair is
+    // verified or both its pipes are closed. Drops `waiting`. False when `stop` came first.
+    bool settle(share_ptr<ipc_connection>& waiting, HANDLE stop);
     // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
     void add_connection_locked(const share_ptr<ipc_connection>& connection);
 
