@@ -301,6 +301,60 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     flooding.kill();
 }
 
+// A client of another process takes one pipe of the waiting pair, signalling or not; in the
+// last case a third process opens the other pipe of that pair and asks the server to exit.
+// No byte of another client's reply reaches it, no request on a pair two processes hold is
+// handled, and honest clients are served (a first attempt may fail cleanly).
+TEST(IpcPeer, AClientHoldingOnePipeOfThePairGetsNoOtherClientsReplyAndOthersAreServed) {
+    struct {
+        const char* pipe;
+        bool signal;
+        bool other_half_asks_exit;
+    } const cases[] = {{"_OUTBOUND", true, false}, {"_OUTBOUND", false, false}, {"_INBOND", true, false},
+                       {"_INBOND", false, false}, {"_OUTBOUND", false, true}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.pipe) + (c.signal ? " signalled" : " silent") + (c.other_half_asks_exit ? " exit" : ""));
+        nv_test::server_process server;
+        const std::string done_name = "Global\\" + nv_test::unique_name("nv_half_done");
+        mcl::event done;
+        ASSERT_EQ(0, done.create(done_name.c_str()));
+        nv_test::child hostile = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + server.name() +
+                                                    " \"" + ::testing::TempDir() + nv_test::unique_name("nv_half") +
+                                                    ".log\" " + c.pipe + " " + (c.signal ? "1" : "0") + " " + done_name,
+                                                /*capture_output=*/true);
+        ASSERT_EQ("ready", first_line(hostile));
+        if (c.other_half_asks_exit) {
+            const std::string inbond = "\\\\.\\pipe\\" + server.name() + "_INBOND";
+            HANDLE in = INVALID_HANDLE_VALUE;
+            for (int i = 0; i < 100 && in == INVALID_HANDLE_VALUE; ++i) {
+                in = CreateFileA(inbond.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+                if (in == INVALID_HANDLE_VALUE && !WaitNamedPipeA(inbond.c_str(), 1000)) Sleep(50);
+            }
+            ASSERT_NE(INVALID_HANDLE_VALUE, in);
+            const auto exit_frame = bytes_of({0, 0, 0, 0, 0x05, 0, 0, 0x02, 1, 0, 0, 0, 0, 0, 0, 0, 0});
+            DWORD n = 0;
+            (void)WriteFile(in, exit_frame.data(), static_cast<DWORD>(exit_frame.size()), &n, nullptr);
+            CloseHandle(in);
+        }
+        bool answered = false;
+        for (int attempt = 0; attempt < 3 && !answered; ++attempt) {
+            client honest;
+            answered = honest.connect(server.name()) && honest.echo("for the honest client only");
+        }
+        EXPECT_TRUE(answered);
+        EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait());
+        EXPECT_TRUE(server.running());
+        done.set();
+        EXPECT_EQ(0u, hostile.wait(30000));
+        EXPECT_EQ("received 0", first_line(hostile));
+        const std::string log = server.log();
+        EXPECT_TRUE(log.find("pipe of the waiting pair has no client, end the pair") != std::string::npos ||
+                    log.find("are held by two processes") != std::string::npos ||
+                    log.find("without the other and did not signal, end the pair") != std::string::npos)
+            << log;
+    }
+}
+
 // An mcl::ipc_peer serving in this process until the object goes.
 struct own_server {
     mcl::event stop;
