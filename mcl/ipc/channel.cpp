@@ -399,11 +399,7 @@ bool ipc_write_channel::end_overflowed() {
 
 ipc_connection::ipc_connection(connection_type type) : type_(type), reader_(this), writer_(this) {
     security_ = make_null_dacl_descriptor();  // null: the pipes get default security
-    if (type == listen_type) {
-        pair_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
-    } else {
-        state_ = pair_state::verified;  // this end opened both pipes itself
-    }
+    if (type == connect_type) state_ = pair_state::verified;  // this end opened both pipes itself
 }
 
 ipc_connection::~ipc_connection() {
@@ -460,7 +456,7 @@ ipc_connection::pair_state ipc_connection::half_connected(ipc_channel::direction
                static_cast<unsigned long>(reads), static_cast<unsigned long>(writes));
     }
     state_ = err == ERROR_SUCCESS && reads == writes ? pair_state::verified : pair_state::ended;
-    pair_event_.set();
+    notify_watcher();
     // The other half's thread waits for this verdict; this thread goes on by itself.
     (half == ipc_channel::read_direction ? static_cast<ipc_channel&>(writer_) : reader_).wake();
     return state_;
@@ -472,7 +468,7 @@ void ipc_connection::end_pair() {
         if (state_ == pair_state::ended) return;
         state_ = pair_state::ended;
     }
-    pair_event_.set();
+    notify_watcher();
     reader_.wake();
     writer_.wake();
 }
@@ -488,8 +484,15 @@ bool ipc_connection::half_closed(ipc_channel::direction_type half) {
     const unsigned bit = 1u << half;
     const unsigned before = closed_halves_.fetch_or(bit);
     if ((before & bit) != 0) return false;
-    pair_event_.set();
+    notify_watcher();
     return (before | bit) == 3;
+}
+
+void ipc_connection::notify_watcher() const {
+    // The watcher's event outlives the I/O threads, the only callers; a late set wakes the
+    // accept loop once for nothing.
+    HANDLE event = watcher_.load();
+    if (event != nullptr) SetEvent(event);
 }
 
 }  // namespace mcl

@@ -201,9 +201,9 @@ public:
     // that found both halves closed.
     bool half_closed(ipc_channel::direction_type half);
     bool halves_closed() const { return closed_halves_.load() == 3; }
-    // Set whenever the pair is verified or ended and when a half is closed: the accept loop
-    // waits on it and resets it. Null on a connecting end.
-    HANDLE pair_event() const { return pair_event_.get(); }
+    // The event to set whenever the pair is verified or ended and when a half is closed: the
+    // accept loop's, for the pair it waits on; null once it stops watching. Any thread.
+    void watch(HANDLE event) { watcher_.store(event); }
 
 private:
     connection_type type_;
@@ -218,7 +218,8 @@ private:
     unsigned connected_halves_ = 0;  // bit per direction, under pair_lock_
     std::atomic<unsigned> closed_halves_{0};
     std::atomic<bool> settle_requested_{false};
-    mcl::event pair_event_;
+    std::atomic<HANDLE> watcher_{nullptr};
+    void notify_watcher() const;
 };
 
 }  // namespace mcl

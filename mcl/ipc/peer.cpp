@@ -323,6 +323,7 @@ bool ipc_peer::setup(bool listening) {
             (void)connecting_mutex_.open((base + "_MTX_CONNECTING").c_str());
         }
         if (!connected_event_.valid()) (void)connected_event_.create((base + "_EV_CONNECTED").c_str());
+        if (!pair_event_.valid()) (void)pair_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
     }
     const bool started = start();
     start_io_threads();
@@ -347,7 +348,9 @@ void ipc_peer::serve_until(HANDLE stop) {
         // seen the pair taken twice in a row.
         DWORD timeout = unsignalled_check_ms;
         if (need_pair) {
-            waiting = new_listen_connection(pipe_path.c_str(), first_pair);
+            if (waiting) waiting->watch(nullptr);
+            pair_event_.reset();
+            waiting = new_listen_connection(pipe_path.c_str(), first_pair, pair_event_.get());
             silent_checks = 0;
             half_checks = 0;
             if (waiting) {
@@ -367,8 +370,9 @@ void ipc_peer::serve_until(HANDLE stop) {
         const bool wait_connected = !need_pair && connected_event_.valid();
         if (wait_connected) handles[count++] = connected_event_.get();
         // The I/O threads end a pair whose pipes two clients took: make the next one at once.
-        const bool wait_pair = !need_pair && waiting->state() != ipc_connection::pair_state::verified;
-        if (wait_pair) handles[count++] = waiting->pair_event();
+        const bool wait_pair =
+            !need_pair && pair_event_.valid() && waiting->state() != ipc_connection::pair_state::verified;
+        if (wait_pair) handles[count++] = pair_event_.get();
         const DWORD r = count == 0 ? SleepEx(timeout, TRUE)
                                    : WaitForMultipleObjectsEx(count, handles, FALSE, timeout, TRUE);
         if (stop != nullptr && r == WAIT_OBJECT_0) break;
@@ -390,7 +394,7 @@ void ipc_peer::serve_until(HANDLE stop) {
             continue;
         }
         if (wait_pair && r == WAIT_OBJECT_0 + count - 1) {
-            ResetEvent(waiting->pair_event());
+            pair_event_.reset();
             if (!waiting->ended()) continue;
             if (!settle(waiting, stop)) break;
             need_pair = true;
@@ -414,6 +418,7 @@ void ipc_peer::serve_until(HANDLE stop) {
             need_pair = true;
         }
     }
+    if (waiting) waiting->watch(nullptr);
     waiting = share_ptr<ipc_connection>();
     shutdown();
 }
@@ -425,8 +430,13 @@ bool ipc_peer::settle(share_ptr<ipc_connection>& waiting, HANDLE stop) {
     // The I/O threads own the pipes: they decide at once and close what ends, each its half.
     pair->request_settle();
     const ULONGLONG deadline = GetTickCount64() + settle_wait_ms;
+    struct unwatch {
+        ipc_connection* pair;
+        ~unwatch() { pair->watch(nullptr); }
+    } const unwatch_on_return{pair.get()};
+    if (!pair_event_.valid()) return true;  // nothing to wait on: the pair settles on its own
     for (;;) {
-        ResetEvent(pair->pair_event());
+        pair_event_.reset();
         const auto state = pair->state();
         if (state == ipc_connection::pair_state::verified) return true;
         if (state == ipc_connection::pair_state::ended && pair->halves_closed()) return true;
@@ -436,7 +446,7 @@ bool ipc_peer::settle(share_ptr<ipc_connection>& waiting, HANDLE stop) {
                    static_cast<unsigned>(settle_wait_ms));
             return true;
         }
-        HANDLE handles[2] = {pair->pair_event(), stop};
+        HANDLE handles[2] = {pair_event_.get(), stop};
         const DWORD r = WaitForMultipleObjects(stop != nullptr ? 2 : 1, handles, FALSE, static_cast<DWORD>(deadline - now));
         if (r == WAIT_OBJECT_0 + 1) return false;
         if (r == WAIT_FAILED) Sleep(accept_retry_first_ms);  // never spin on a broken wait
@@ -468,12 +478,13 @@ void ipc_peer::check_pipe_name(const std::string& pipe_path) {
                pipe_path.c_str());
 }
 
-share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path, bool first_instance) {
+share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path, bool first_instance, HANDLE watcher) {
     share_ptr<ipc_connection> connection;
     // An allocation failure is one more failed pair: the accept loop tries again later.
     if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection",
                  [&] { connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type)); }))
         return {};
+    connection->watch(watcher);
     const bool ok = connection->reader().create(pipe_path, first_instance) &&
                     connection->writer().create(pipe_path, first_instance) &&
                     connection->reader().listen() && connection->writer().listen();

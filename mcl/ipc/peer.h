@@ -178,9 +178,10 @@ protected:
     // both sides: starts the event, read and write threads.
     bool setup(bool listening);
     // Creates one listening pair of pipes under `pipe_path` (with `first_instance`, only where
-    // no instance of the names exists yet), starts its connect and adds it to the list. Null
-    // (logged) on failure.
-    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path, bool first_instance = false);
+    // no instance of the names exists yet), starts its connect and adds it to the list; its
+    // I/O threads set `watcher` (if any) when the pair's state changes. Null (logged) on failure.
+    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path, bool first_instance = false,
+                                                    HANDLE watcher = nullptr);
     // Start-up: logs whether another process already made pipes under the names this listener
     // is about to make, and whose they are; such a process could sit in front of this one.
     static void check_pipe_name(const std::string& pipe_path);
@@ -244,6 +245,7 @@ private:
 
     mutex connecting_mutex_;
     event connected_event_;
+    event pair_event_;  // set by the waiting pair's I/O threads when its state changes
 
     lock sequence_lock_;
     uint32_t sequence_ = 0;
