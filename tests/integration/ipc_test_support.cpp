@@ -97,14 +97,26 @@ void raw_listener::drop() {
     }
 }
 
-int recording_handler::operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) {
+int recording_handler::operator()(mcl::ipc_connection* connection, uint32_t id, mcl::binary_t& payload) {
     if (id == msg_version) {
         payload.clear();
         mcl::write_status(payload, true, "");
     }
     mcl::scoped_lock guard(lock_);
     ids_.push_back(id);
+    pid_ = connection->client_process_id();
+    image_ = connection->client_image();
     return 0;
+}
+
+DWORD recording_handler::last_client_pid() {
+    mcl::scoped_lock guard(lock_);
+    return pid_;
+}
+
+std::string recording_handler::last_client_image() {
+    mcl::scoped_lock guard(lock_);
+    return image_;
 }
 
 int recording_handler::count(uint32_t id) {

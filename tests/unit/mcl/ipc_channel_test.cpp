@@ -16,9 +16,13 @@ std::string pipe_path() {
     return std::string(mcl::ipc_channel::pipe_prefix) + nv_test::unique_name("nv_channel");
 }
 
-connection_ptr listening(const std::string& path) {
+// A listening pair, its connects started unless told otherwise.
+connection_ptr listening(const std::string& path, bool listen = true) {
     connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
     EXPECT_TRUE(c->open(path.c_str()));
+    if (listen) {
+        EXPECT_TRUE(c->reader().listen() && c->writer().listen());
+    }
     return c;
 }
 
@@ -77,8 +81,6 @@ TEST(IpcChannel, CreateAndOpenFailuresAreLoggedOnce) {
 TEST(IpcChannel, FramesFlowBothWaysWhatEverTheirSize) {
     const std::string path = pipe_path();
     connection_ptr server = listening(path);
-    ASSERT_TRUE(server->reader().listen());
-    ASSERT_TRUE(server->writer().listen());
     connection_ptr client = connecting(path);
 
     const uint32_t sizes[] = {0, 4096, 70000, 1u << 20};
@@ -101,8 +103,6 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     nv_test::log_capture log;
     const std::string path = pipe_path();
     connection_ptr server = listening(path);
-    ASSERT_TRUE(server->reader().listen());
-    ASSERT_TRUE(server->writer().listen());
     connection_ptr client = connecting(path);
     std::vector<mcl::binary_t> received;
     client->enqueue(frame_of(1, 10));
@@ -131,7 +131,7 @@ TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstI
 
 TEST(IpcChannel, TheListeningEndLearnsTheClientProcess) {
     const std::string path = pipe_path();
-    connection_ptr server = listening(path);
+    connection_ptr server = listening(path, /*listen=*/false);
     connection_ptr c = connecting(path);  // before listen: ERROR_PIPE_CONNECTED
     EXPECT_EQ(0u, server->client_process_id());
     ASSERT_TRUE(server->reader().listen());
