@@ -27,8 +27,14 @@ HANDLE open_waiting(const std::string& name, DWORD access) {
 
 bool raw_client::connect(const std::string& name, bool signal) { return connect_half(name, "", signal); }
 
-bool raw_client::connect_half(const std::string& name, const std::string& suffix, bool signal) {
+bool raw_client::connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake) {
     const std::string base = "Global\\" + name;
+    if (!handshake) {
+        HANDLE h = open_waiting(std::string(mcl::ipc_channel::pipe_prefix) + name + suffix,
+                                suffix == "_INBOND" ? GENERIC_WRITE : GENERIC_READ);
+        (suffix == "_INBOND" ? out_ : in_) = h == INVALID_HANDLE_VALUE ? nullptr : h;
+        return h != INVALID_HANDLE_VALUE;
+    }
     HANDLE mutex = nullptr;
     for (int i = 0; i < 200 && mutex == nullptr; ++i) {
         mutex = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, (base + "_MTX_CONNECTING").c_str());

@@ -287,9 +287,9 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
 }
 
 // A hostile client of another process takes the waiting pair ("" both pipes) or one pipe of
-// it, signalling or not; in the last case this process writes an exit request into the other
-// pipe of that pair. No reply reaches the hostile client, no request on a pair two processes
-// hold is handled, and honest clients are served (a first attempt may fail cleanly).
+// it, signalling or not; in the last case a third process writes an exit request into the
+// other pipe of that pair. No reply reaches the hostile client, no request on a pair two
+// processes hold is handled, and honest clients are served (a first attempt may fail cleanly).
 TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthersAreServed) {
     struct {
         const char* pipe;
@@ -306,23 +306,17 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
         const std::string done_name = "Global\\" + nv_test::unique_name("nv_half_done");
         mcl::event done;
         ASSERT_EQ(0, done.create(done_name.c_str()));
-        nv_test::child hostile = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + server.name() +
-                                                    " \"" + ::testing::TempDir() + nv_test::unique_name("nv_half") +
-                                                    ".log\" \"" + c.pipe + "\" " + (c.signal ? "1 " : "0 ") + done_name,
-                                                /*capture_output=*/true);
+        auto start_half = [&](const std::string& pipe, const char* signal, const char* exit) {
+            return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + server.name() + " \"" +
+                                      ::testing::TempDir() + nv_test::unique_name("nv_half") + ".log\" \"" + pipe +
+                                      "\" " + signal + " " + done_name + exit,
+                                  /*capture_output=*/true);
+        };
+        nv_test::child hostile = start_half(c.pipe, c.signal ? "1" : "0", "");
         ASSERT_EQ("ready", first_line(hostile));
+        nv_test::child other_half = c.exit_on_other_half ? start_half("_INBOND", "0", " exit") : nv_test::child();
         if (c.exit_on_other_half) {
-            const std::string inbond = "\\\\.\\pipe\\" + server.name() + "_INBOND";
-            HANDLE in = INVALID_HANDLE_VALUE;
-            for (int i = 0; i < 100 && in == INVALID_HANDLE_VALUE; ++i) {
-                in = CreateFileA(inbond.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-                if (in == INVALID_HANDLE_VALUE && !WaitNamedPipeA(inbond.c_str(), 1000)) Sleep(50);
-            }
-            ASSERT_NE(INVALID_HANDLE_VALUE, in);
-            const auto exit_frame = bytes_of({0, 0, 0, 0, 0x05, 0, 0, 0x02, 1, 0, 0, 0, 0, 0, 0, 0, 0});
-            DWORD n = 0;
-            (void)WriteFile(in, exit_frame.data(), static_cast<DWORD>(exit_frame.size()), &n, nullptr);
-            CloseHandle(in);
+            ASSERT_EQ("ready", first_line(other_half));
         }
         bool answered = false;
         for (int attempt = 0; attempt < 3 && !answered; ++attempt) {
@@ -335,6 +329,9 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
         done.set();
         EXPECT_EQ(0u, hostile.wait(30000));
         EXPECT_EQ("received 0", first_line(hostile));
+        if (c.exit_on_other_half) {
+            EXPECT_EQ(0u, other_half.wait(30000));
+        }
         const std::string log = server.log();
         if (c.line != nullptr) {
             EXPECT_EQ(1u, nv_test::count_of(log, c.line)) << log;
@@ -411,9 +408,9 @@ TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImageAndWhoMadePipesBeforeI
         nv_test::child other = nv_test::start_client(name, "version");
         EXPECT_TRUE(recorder.wait_for(nv_test::msg_version, 1, 30000));
         (void)other.wait();
-        std::string image = recorder.last_client_image();
+        auto [pid, image] = recorder.last_client();
         std::transform(image.begin(), image.end(), image.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
-        EXPECT_EQ(other.pid, recorder.last_client_pid());
+        EXPECT_EQ(other.pid, pid);
         EXPECT_NE(std::string::npos, image.find("nv_ipc_helper.exe")) << image;
     }
 

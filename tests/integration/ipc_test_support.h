@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mcl/buffer.h"
@@ -59,11 +60,10 @@ public:
     // Waits until a client has opened both pipes (prepared here if prepare was not called).
     bool accept();
     bool read(uint32_t n, std::vector<unsigned char>& bytes);
-    bool write(const std::vector<unsigned char>& bytes);
-    void drop();
     ~raw_listener();
 
 private:
+    void drop();
     std::string name_;
     HANDLE mutex_ = nullptr;
     mcl::event connected_;
@@ -79,8 +79,7 @@ public:
     int operator()(mcl::ipc_connection* connection, uint32_t id, mcl::binary_t& payload) override;
     int count(uint32_t id);
     // The client process id and image of the last request's connection.
-    DWORD last_client_pid();
-    std::string last_client_image();
+    std::pair<DWORD, std::string> last_client();
     // Waits up to `ms` for `count(id)` to reach n.
     bool wait_for(uint32_t id, int n, DWORD ms);
 
