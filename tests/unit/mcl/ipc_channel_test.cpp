@@ -115,6 +115,40 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     EXPECT_FALSE(log.contains("Failed to read"));
 }
 
+// Another process writes a request into "_INBOND" while this one opens "_OUTBOUND": the pair
+// ends when its second half connects, before a byte of either pipe is read or written.
+TEST(IpcChannel, APairWhosePipesTwoProcessesHoldEndsBeforeAnyIo) {
+    nv_test::log_capture log;
+    const std::string name = nv_test::unique_name("nv_channel");
+    const std::string path = std::string(mcl::ipc_channel::pipe_prefix) + name;
+    connection_ptr server = listening(path);
+    mcl::event done;
+    ASSERT_EQ(0, done.create(("Global\\" + name + "_done").c_str()));
+    nv_test::child other = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + name + " \"" +
+                                              ::testing::TempDir() + name + ".log\" _INBOND 0 Global\\" + name + "_done exit",
+                                          /*capture_output=*/true);
+    char ready[5] = {};
+    DWORD n = 0;
+    for (DWORD got = 0; got < 5 && ReadFile(other.output, ready + got, 5 - got, &n, nullptr) && n > 0; got += n) {
+    }
+    ASSERT_EQ("ready", std::string(ready, 5));
+    HANDLE out = CreateFileA((path + "_OUTBOUND").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, out);
+
+    std::vector<mcl::binary_t> frames;
+    EXPECT_TRUE(server->reader().read(frames));  // its half has come; it waits for the other
+    EXPECT_FALSE(server->writer().complete_write());
+    EXPECT_FALSE(server->reader().read(frames));
+    EXPECT_TRUE(frames.empty());
+    EXPECT_EQ(mcl::ipc_connection::pair_state::ended, server->state());
+    EXPECT_TRUE(log.contains("] - The pipes of a connection are held by two processes (" + std::to_string(other.pid) +
+                             " writes \"_INBOND\", " + std::to_string(GetCurrentProcessId()) +
+                             " reads \"_OUTBOUND\"), end the connection")) << log.text();
+    CloseHandle(out);
+    done.set();
+    EXPECT_EQ(0u, other.wait());
+}
+
 TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
     const std::string path = pipe_path();
     for (bool first : {true, false}) {
