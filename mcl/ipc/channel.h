@@ -119,7 +119,8 @@ public:
 
     // Queues a whole frame and wakes the write thread. Any thread; frames never interleave.
     // When the frame would pass max_queued_bytes or the process budget, nothing is queued and
-    // the write thread ends the connection (with a log line); false then.
+    // the write thread ends the connection (with a log line); false then, and also once the
+    // pipe is closed.
     bool enqueue(const binary_t& frame);
     // As above, taking over the frame's storage when nothing else is queued.
     bool enqueue(binary_t&& frame);

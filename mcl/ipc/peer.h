@@ -103,7 +103,9 @@ public:
     virtual void listen();
     // Listening side, the accept loop: setup(true), then keeps one listening pair of pipes
     // waiting for the next client (a failed pair is tried again after 50 ms, doubling up to
-    // 5 s) until `stop` is signalled; then shutdown(). The calling thread.
+    // 5 s) until `stop` is signalled; then shutdown(). The calling thread. A pair is served
+    // only when one client process holds both its pipes; one that a client took only in part
+    // (seen at its signal, or twice by the 500 ms check) is closed before the next is made.
     void serve_until(HANDLE stop);
     // Connecting side: the handshake with the listener of `name`, then one more connection.
     virtual bool connect(const char* name, int timeout_ms);
