@@ -112,6 +112,32 @@ bool ipc_channel::listen() {
     return false;
 }
 
+bool ipc_channel::paired(bool& alive) {
+    alive = true;
+    if (paired_) return true;
+    if (owner_ == nullptr) return paired_ = true;
+    // Reset before asking: a verdict reached on the other half's thread after this sets it again.
+    event_.reset();
+    switch (owner_->half_connected(direction_)) {
+    case ipc_connection::pair_state::verified:
+        return paired_ = true;
+    case ipc_connection::pair_state::ended:
+        alive = false;
+        return false;
+    case ipc_connection::pair_state::waiting:
+        break;
+    }
+    return false;
+}
+
+bool ipc_channel::settle_due() const {
+    if (owner_ == nullptr || owner_->type() != ipc_connection::listen_type || !owner_->settle_requested()) return false;
+    NV_LOG("mcl::ipc_channel::settle_due", "The \"%s\" pipe of the waiting pair has no client, end the pair",
+           pipe_suffix(owner_->type(), direction_));
+    owner_->end_pair();
+    return true;
+}
+
 bool ipc_channel::finish_connect() {
     if (connected_) return true;
     if (!io_pending_) {
@@ -165,6 +191,9 @@ void ipc_read_channel::take_read(uint32_t n) {
 }
 
 bool ipc_read_channel::collect_pending_result() {
+    // Reset before asking: a wake-up while the read is under way would otherwise leave the event
+    // set and the read thread spinning; a completion after this sets it again.
+    event_.reset();
     DWORD n = 0;
     if (GetOverlappedResult(pipe_, &overlapped_, &n, FALSE)) {
         io_pending_ = false;
@@ -183,9 +212,10 @@ bool ipc_read_channel::collect_pending_result() {
 bool ipc_read_channel::read(std::vector<binary_t>& frames) {
     frames.clear();
     if (pipe_ == nullptr) return false;
-    if (!connected_) {
-        if (!finish_connect()) return true;
-    } else if (io_pending_) {
+    if (!connected_ && !finish_connect()) return !settle_due();
+    bool alive = true;
+    if (!paired(alive)) return alive;  // no read starts before both pipes are known to be one client's
+    if (io_pending_) {
         if (!collect_pending_result()) return false;
         if (io_pending_) return true;
     }
@@ -238,8 +268,9 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
 ipc_write_channel::~ipc_write_channel() { ipc_write_channel::close(); }
 
 void ipc_write_channel::close() {
-    ipc_channel::close();
+    // Under the lock: enqueue sees the pipe gone and queues nothing more.
     scoped_lock guard(write_lock_);
+    ipc_channel::close();
     buffers_[0].release_storage();
     buffers_[1].release_storage();
     queue_index_ = 0;
@@ -261,6 +292,7 @@ bool ipc_write_channel::charge_locked(uint32_t n) {
 
 bool ipc_write_channel::enqueue(const binary_t& frame) {
     scoped_lock guard(write_lock_);
+    if (pipe_ == nullptr) return false;
     if (!charge_locked(frame.size())) return false;
     buffers_[queue_index_].append(frame);
     event_.set();
@@ -269,6 +301,7 @@ bool ipc_write_channel::enqueue(const binary_t& frame) {
 
 bool ipc_write_channel::enqueue(binary_t&& frame) {
     scoped_lock guard(write_lock_);
+    if (pipe_ == nullptr) return false;
     if (!charge_locked(frame.size())) return false;
     binary_t& queue = buffers_[queue_index_];
     if (queue.empty()) {
@@ -276,17 +309,6 @@ bool ipc_write_channel::enqueue(binary_t&& frame) {
     } else {
         queue.append(frame);
     }
-    event_.set();
-    return true;
-}
-
-bool ipc_write_channel::enqueue_if_connected(const binary_t& frame) {
-    scoped_lock guard(write_lock_);
-    // connected_ turns true under this lock before any write starts, so while it is false the
-    // OVERLAPPED still holds the connect and tells whether a client has come.
-    if (!connected_ && (pipe_ == nullptr || (io_pending_ && !HasOverlappedIoCompleted(&overlapped_)))) return false;
-    if (!charge_locked(frame.size())) return false;
-    buffers_[queue_index_].append(frame);
     event_.set();
     return true;
 }
@@ -309,8 +331,11 @@ bool ipc_write_channel::complete_write() {
     if (overflowed_) return end_overflowed();
     if (!connected_) {
         scoped_lock guard(write_lock_);
-        if (!finish_connect()) return true;
-    } else if (io_pending_) {
+        if (!finish_connect()) return !settle_due();
+    }
+    bool alive = true;
+    if (!paired(alive)) return alive;  // nothing is written before both pipes are known to be one client's
+    if (io_pending_) {
         DWORD n = 0;
         if (!GetOverlappedResult(pipe_, &overlapped_, &n, FALSE)) {
             const DWORD err = GetLastError();
@@ -374,6 +399,7 @@ bool ipc_write_channel::end_overflowed() {
 
 ipc_connection::ipc_connection(connection_type type) : type_(type), reader_(this), writer_(this) {
     security_ = make_null_dacl_descriptor();  // null: the pipes get default security
+    if (type == connect_type) state_ = pair_state::verified;  // this end opened both pipes itself
 }
 
 ipc_connection::~ipc_connection() {
@@ -405,6 +431,68 @@ std::string ipc_connection::process_image(DWORD pid) {
     if (QueryFullProcessImageNameA(process, 0, path, &size)) image.assign(path, size);
     CloseHandle(process);
     return image;
+}
+
+ipc_connection::pair_state ipc_connection::half_connected(ipc_channel::direction_type half) {
+    scoped_lock guard(pair_lock_);
+    if (state_ != pair_state::waiting) return state_;
+    connected_halves_ |= 1u << half;
+    if (connected_halves_ != 3) return pair_state::waiting;
+    // Both pipes are open here: a channel is closed only after its pair has ended.
+    ULONG reads = 0;   // the client writing into "_INBOND", whose frames this end reads
+    ULONG writes = 0;  // the client reading "_OUTBOUND", which gets this end's replies
+    DWORD err = ERROR_SUCCESS;
+    if (!GetNamedPipeClientProcessId(reader_.pipe_handle(), &reads) ||
+        !GetNamedPipeClientProcessId(writer_.pipe_handle(), &writes))
+        err = GetLastError();
+    if (err != ERROR_SUCCESS) {
+        NV_LOG("mcl::ipc_connection::half_connected",
+               "Failed to get the client process ids of the pipes of a connection, error: [%d:%s], end the connection",
+               static_cast<int>(err), error_text(err).c_str());
+    } else if (reads != writes) {
+        NV_LOG("mcl::ipc_connection::half_connected",
+               "The pipes of a connection are held by two processes (%lu writes \"_INBOND\", %lu reads \"_OUTBOUND\"), "
+               "end the connection",
+               static_cast<unsigned long>(reads), static_cast<unsigned long>(writes));
+    }
+    state_ = err == ERROR_SUCCESS && reads == writes ? pair_state::verified : pair_state::ended;
+    notify_watcher();
+    // The other half's thread waits for this verdict; this thread goes on by itself.
+    (half == ipc_channel::read_direction ? static_cast<ipc_channel&>(writer_) : reader_).wake();
+    return state_;
+}
+
+void ipc_connection::end_pair() {
+    {
+        scoped_lock guard(pair_lock_);
+        if (state_ == pair_state::ended) return;
+        state_ = pair_state::ended;
+    }
+    notify_watcher();
+    reader_.wake();
+    writer_.wake();
+}
+
+void ipc_connection::request_settle() {
+    settle_requested_ = true;
+    if (state_.load() != pair_state::waiting) return;
+    reader_.wake();
+    writer_.wake();
+}
+
+bool ipc_connection::half_closed(ipc_channel::direction_type half) {
+    const unsigned bit = 1u << half;
+    const unsigned before = closed_halves_.fetch_or(bit);
+    if ((before & bit) != 0) return false;
+    notify_watcher();
+    return (before | bit) == 3;
+}
+
+void ipc_connection::notify_watcher() const {
+    // The watcher's event outlives the I/O threads, the only callers; a late set wakes the
+    // accept loop once for nothing.
+    HANDLE event = watcher_.load();
+    if (event != nullptr) SetEvent(event);
 }
 
 }  // namespace mcl

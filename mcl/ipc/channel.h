@@ -53,6 +53,8 @@ public:
     virtual bool listen();
 
     HANDLE event_handle() const { return event_.get(); }
+    // Makes the channel's I/O thread run the channel once. Any thread.
+    bool wake() const { return event_.set(); }
     bool is_open() const { return pipe_ != nullptr; }
     HANDLE pipe_handle() const { return pipe_; }
     bool connected() const { return connected_; }
@@ -66,12 +68,21 @@ protected:
     // (connected is then set) or there was none; false while the client has not come yet.
     // The I/O thread only.
     bool finish_connect();
+    // Listening end, the I/O thread: once this half's client has come, whether the I/O may
+    // start: true when both pipes of the connection are held by one client; false with `alive`
+    // false when the connection is to end, or with `alive` true while the other half waits for
+    // its client (the I/O thread is woken when that changes). Always true on the connecting end.
+    bool paired(bool& alive);
+    // Listening end, the I/O thread, while the client has not come: true (logged) when the
+    // accept loop asked the pair to settle, so that this free half ends now.
+    bool settle_due() const;
 
     direction_type direction_;
     HANDLE pipe_ = nullptr;
     OVERLAPPED overlapped_{};
     mcl::event event_;
     std::atomic<bool> connected_{false};
+    bool paired_ = false;      // the pair was verified: I/O may run (the I/O thread only)
     bool io_pending_ = false;  // an overlapped operation (connect, read or write) is outstanding
     DWORD requested_open_mode_ = 0;
     DWORD requested_pipe_mode_ = 0;
@@ -108,19 +119,18 @@ public:
 
     // Queues a whole frame and wakes the write thread. Any thread; frames never interleave.
     // When the frame would pass max_queued_bytes or the process budget, nothing is queued and
-    // the write thread ends the connection (with a log line); false then.
+    // the write thread ends the connection (with a log line); false then, and also once the
+    // pipe is closed.
     bool enqueue(const binary_t& frame);
     // As above, taking over the frame's storage when nothing else is queued.
     bool enqueue(binary_t&& frame);
-    // As enqueue, but only once a client is on the pipe; false (nothing queued) while a
-    // listening pipe still waits for its client. Any thread.
-    bool enqueue_if_connected(const binary_t& frame);
     // Writes as much as the pipe takes now and leaves the rest pending. False means the
     // connection is dead. The write thread only.
     bool complete_write();
 
-    // Drops what is queued and gives its bytes back to the budget. With the write lock, or
-    // once no other thread uses the channel.
+    // Closes the pipe under the write lock, drops what is queued and gives its bytes back to
+    // the budget; enqueue refuses from then on. The write thread, or once no other thread uses
+    // the channel.
     void close() override;
 
 private:
@@ -143,6 +153,10 @@ private:
 class ipc_connection : public share_obj {
 public:
     enum connection_type : uint32_t { connect_type = 0, listen_type = 1 };
+
+    // Whether both pipes of a listening connection are held by one client. A connecting end
+    // opened both itself and starts verified.
+    enum class pair_state : int { waiting, verified, ended };
 
     explicit ipc_connection(connection_type type);
     ~ipc_connection() override;
@@ -171,6 +185,27 @@ public:
     // The image path of a process, empty when the system will not tell.
     static std::string process_image(DWORD pid);
 
+    // Listening end, the I/O thread of `half`, once that half's client has come. When both
+    // halves have come, compares the client processes of the two pipes: the same process
+    // verifies the pair; two processes, or one the system will not tell, end it (logged), so
+    // that no frame of one client is read or written on a pipe another client holds.
+    pair_state half_connected(ipc_channel::direction_type half);
+    pair_state state() const { return state_.load(); }
+    bool ended() const { return state_.load() == pair_state::ended; }
+    // Ends the pair and wakes both I/O threads, which then close their halves. Any thread.
+    void end_pair();
+    // The accept loop: asks the I/O threads to decide now; a half whose client has not come
+    // ends the pair. Any thread.
+    void request_settle();
+    bool settle_requested() const { return settle_requested_.load(); }
+    // The I/O thread of `half`, after it closed its channel: true exactly once, for the call
+    // that found both halves closed.
+    bool half_closed(ipc_channel::direction_type half);
+    bool halves_closed() const { return closed_halves_.load() == 3; }
+    // The event to set whenever the pair is verified or ended and when a half is closed: the
+    // accept loop's, for the pair it waits on; null once it stops watching. Any thread.
+    void watch(HANDLE event) { watcher_.store(event); }
+
 private:
     connection_type type_;
     ipc_read_channel reader_;
@@ -178,6 +213,14 @@ private:
     void* security_ = nullptr;  // NULL-DACL descriptor (LocalAlloc), or null for default security
     DWORD client_process_id_ = 0;
     std::string client_image_;
+
+    mcl::lock pair_lock_;  // guards the pair's verdict and the halves connected
+    std::atomic<pair_state> state_{pair_state::waiting};
+    unsigned connected_halves_ = 0;  // bit per direction, under pair_lock_
+    std::atomic<unsigned> closed_halves_{0};
+    std::atomic<bool> settle_requested_{false};
+    std::atomic<HANDLE> watcher_{nullptr};
+    void notify_watcher() const;
 };
 
 }  // namespace mcl

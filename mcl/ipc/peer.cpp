@@ -17,6 +17,8 @@ constexpr int pipe_open_wait_ms = static_cast<int>(ipc_channel::pipe_default_tim
 constexpr DWORD accept_retry_first_ms = 50;
 constexpr DWORD accept_retry_last_ms = 5000;
 constexpr DWORD unsignalled_check_ms = 500;
+// How long the accept loop waits for the I/O threads to settle a pair before it makes the next.
+constexpr DWORD settle_wait_ms = 5000;
 
 // Erases every entry of a (connection, sequence)-keyed table that belongs to `connection`.
 template <typename Map>
@@ -89,7 +91,8 @@ bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connec
     slot.connection = connection;
     ReleaseSRWLockExclusive(&response_lock_);
 
-    connection->enqueue(std::move(frame));
+    // A refused frame: the connection is ending (its pipes closed, or it overflowed).
+    const bool queued = connection->enqueue(std::move(frame));
 
     // The time-out is spent in 50 ms steps; a stored reply or a dropped connection wakes the
     // wait at once.
@@ -109,7 +112,7 @@ bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connec
             (void)SleepConditionVariableSRW(&response_changed_, &response_lock_, static_cast<DWORD>(step_end - now), 0);
         }
         const auto it = responses_.find(key);
-        if (it == responses_.end()) {
+        if (it == responses_.end() || !queued) {
             dropped = true;
             break;
         }
@@ -139,8 +142,9 @@ bool ipc_peer::post(uint32_t message_id, const binary_t& payload, share_ptr<ipc_
         return true;
     }
     scoped_lock guard(list_lock_);
-    // A listening pipe still waiting for its client is not a live connection yet.
-    for (auto& c : connections_) (void)c->writer().enqueue_if_connected(frame);
+    // A listening pair not yet known to be held by one client is not a live connection.
+    for (auto& c : connections_)
+        if (c->state() == ipc_connection::pair_state::verified) (void)c->enqueue(frame);
     return true;
 }
 
@@ -319,6 +323,7 @@ bool ipc_peer::setup(bool listening) {
             (void)connecting_mutex_.open((base + "_MTX_CONNECTING").c_str());
         }
         if (!connected_event_.valid()) (void)connected_event_.create((base + "_EV_CONNECTED").c_str());
+        if (!pair_event_.valid()) (void)pair_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
     }
     const bool started = start();
     start_io_threads();
@@ -335,15 +340,19 @@ void ipc_peer::serve_until(HANDLE stop) {
     bool first_pair = true;  // made only where no other process has an instance of the name
     DWORD retry_ms = accept_retry_first_ms;
     share_ptr<ipc_connection> waiting;  // the pair made for the next client
-    int silent_checks = 0;              // checks that found `waiting` taken without a signal
+    int silent_checks = 0;              // checks that found `waiting` taken whole without a signal
+    int half_checks = 0;                // checks that found one pipe of `waiting` taken alone
     for (;;) {
         // A client that opens both pipes and never signals would leave nobody a pair to open:
         // the loop looks at the waiting pair now and then and makes the next pair once it has
         // seen the pair taken twice in a row.
         DWORD timeout = unsignalled_check_ms;
         if (need_pair) {
-            waiting = new_listen_connection(pipe_path.c_str(), first_pair);
+            if (waiting) waiting->watch(nullptr);
+            pair_event_.reset();
+            waiting = new_listen_connection(pipe_path.c_str(), first_pair, pair_event_.get());
             silent_checks = 0;
+            half_checks = 0;
             if (waiting) {
                 first_pair = false;
                 need_pair = false;
@@ -355,11 +364,15 @@ void ipc_peer::serve_until(HANDLE stop) {
                 retry_ms = retry_ms * 2 > accept_retry_last_ms ? accept_retry_last_ms : retry_ms * 2;
             }
         }
-        HANDLE handles[2];
+        HANDLE handles[3];
         DWORD count = 0;
         if (stop != nullptr) handles[count++] = stop;
         const bool wait_connected = !need_pair && connected_event_.valid();
         if (wait_connected) handles[count++] = connected_event_.get();
+        // The I/O threads end a pair whose pipes two clients took: make the next one at once.
+        const bool wait_pair =
+            !need_pair && pair_event_.valid() && waiting->state() != ipc_connection::pair_state::verified;
+        if (wait_pair) handles[count++] = pair_event_.get();
         const DWORD r = count == 0 ? SleepEx(timeout, TRUE)
                                    : WaitForMultipleObjectsEx(count, handles, FALSE, timeout, TRUE);
         if (stop != nullptr && r == WAIT_OBJECT_0) break;
@@ -371,23 +384,73 @@ void ipc_peer::serve_until(HANDLE stop) {
             Sleep(accept_retry_first_ms);  // never spin on a broken wait
             continue;
         }
-        if (wait_connected && r == WAIT_OBJECT_0 + count - 1) {
+        const DWORD connected_index = WAIT_OBJECT_0 + (stop != nullptr ? 1 : 0);
+        if (wait_connected && r == connected_index) {
             connected_event_.reset();
+            // The client that signalled took the pair, or what of it it could: a half it left
+            // free is closed before the next pair exists, so no later client can open it.
+            if (!settle(waiting, stop)) break;
+            need_pair = true;
+            continue;
+        }
+        if (wait_pair && r == WAIT_OBJECT_0 + count - 1) {
+            pair_event_.reset();
+            if (!waiting->ended()) continue;
+            if (!settle(waiting, stop)) break;
             need_pair = true;
             continue;
         }
         const bool timed_out = count == 0 ? r == 0 : r == WAIT_TIMEOUT;
-        if (timed_out && !need_pair && waiting) {
-            silent_checks = waiting->reader().connected() && waiting->writer().connected() ? silent_checks + 1 : 0;
-            if (silent_checks >= 2) {
-                NV_LOG("mcl::ipc_peer::serve_until",
-                       "A client opened the waiting pipes without signalling the connected event, make the next pair");
-                need_pair = true;
-            }
+        if (!timed_out || need_pair || !waiting) continue;
+        const bool reader = waiting->reader().connected();
+        const bool writer = waiting->writer().connected();
+        const auto state = waiting->state();
+        silent_checks = state == ipc_connection::pair_state::verified ? silent_checks + 1 : 0;
+        half_checks = state == ipc_connection::pair_state::waiting && reader != writer ? half_checks + 1 : 0;
+        if (silent_checks >= 2) {
+            NV_LOG("mcl::ipc_peer::serve_until",
+                   "A client opened the waiting pipes without signalling the connected event, make the next pair");
+            need_pair = true;
+        } else if (half_checks >= 2) {
+            NV_LOG("mcl::ipc_peer::serve_until",
+                   "A client holds one pipe of the waiting pair without the other and did not signal, end the pair");
+            if (!settle(waiting, stop)) break;
+            need_pair = true;
         }
     }
+    if (waiting) waiting->watch(nullptr);
     waiting = share_ptr<ipc_connection>();
     shutdown();
+}
+
+bool ipc_peer::settle(share_ptr<ipc_connection>& waiting, HANDLE stop) {
+    share_ptr<ipc_connection> pair;
+    pair.swap(waiting);
+    if (!pair) return true;
+    // The I/O threads own the pipes: they decide at once and close what ends, each its half.
+    pair->request_settle();
+    const ULONGLONG deadline = GetTickCount64() + settle_wait_ms;
+    struct unwatch {
+        ipc_connection* pair;
+        ~unwatch() { pair->watch(nullptr); }
+    } const unwatch_on_return{pair.get()};
+    if (!pair_event_.valid()) return true;  // nothing to wait on: the pair settles on its own
+    for (;;) {
+        pair_event_.reset();
+        const auto state = pair->state();
+        if (state == ipc_connection::pair_state::verified) return true;
+        if (state == ipc_connection::pair_state::ended && pair->halves_closed()) return true;
+        const ULONGLONG now = GetTickCount64();
+        if (now >= deadline) {
+            NV_LOG("mcl::ipc_peer::settle", "The waiting pair was not settled within %u ms, make the next pair",
+                   static_cast<unsigned>(settle_wait_ms));
+            return true;
+        }
+        HANDLE handles[2] = {pair_event_.get(), stop};
+        const DWORD r = WaitForMultipleObjects(stop != nullptr ? 2 : 1, handles, FALSE, static_cast<DWORD>(deadline - now));
+        if (r == WAIT_OBJECT_0 + 1) return false;
+        if (r == WAIT_FAILED) Sleep(accept_retry_first_ms);  // never spin on a broken wait
+    }
 }
 
 void ipc_peer::check_pipe_name(const std::string& pipe_path) {
@@ -415,12 +478,13 @@ void ipc_peer::check_pipe_name(const std::string& pipe_path) {
                pipe_path.c_str());
 }
 
-share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path, bool first_instance) {
+share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path, bool first_instance, HANDLE watcher) {
     share_ptr<ipc_connection> connection;
     // An allocation failure is one more failed pair: the accept loop tries again later.
     if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection",
                  [&] { connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type)); }))
         return {};
+    connection->watch(watcher);
     const bool ok = connection->reader().create(pipe_path, first_instance) &&
                     connection->writer().create(pipe_path, first_instance) &&
                     connection->reader().listen() && connection->writer().listen();
@@ -613,9 +677,17 @@ DWORD ipc_peer::msg_io_thread::run() {
         share_ptr<ipc_connection> connection = members[index - 2];
         bool alive = false;
         // An exception (an allocation failure included) ends this connection, not the thread.
-        if (guarded("mcl::ipc_peer::msg_io_thread::run", "Serving a connection", [&] { alive = serve(connection); }) &&
+        if (!connection->ended() &&
+            guarded("mcl::ipc_peer::msg_io_thread::run", "Serving a connection", [&] { alive = serve(connection); }) &&
             alive)
             continue;
+        // The connection ends: each I/O thread closes its own half at once, so that no later
+        // client can open a listening pipe whose pair is gone; end_pair wakes the other half's
+        // thread, and the last of the two takes the connection out of the list.
+        connection->end_pair();
+        const bool both_closed = close_half(*connection);
+        ResetEvent(channel_event(*connection));  // a closed half has nothing more to say
+        if (!both_closed) continue;
         if (!peer_->lock_list_unless(stop_event())) break;
         std::vector<share_ptr<ipc_connection>> released;
         peer_->disconnect_locked(connection, released);
@@ -631,6 +703,11 @@ ipc_peer::msg_read_thread::~msg_read_thread() { msg_read_thread::stop(thread_sto
 
 HANDLE ipc_peer::msg_read_thread::channel_event(ipc_connection& connection) {
     return connection.reader().event_handle();
+}
+
+bool ipc_peer::msg_read_thread::close_half(ipc_connection& connection) {
+    connection.reader().close();
+    return connection.half_closed(ipc_channel::read_direction);
 }
 
 bool ipc_peer::msg_read_thread::serve(share_ptr<ipc_connection>& connection) {
@@ -649,8 +726,14 @@ HANDLE ipc_peer::msg_write_thread::channel_event(ipc_connection& connection) {
     return connection.writer().event_handle();
 }
 
+bool ipc_peer::msg_write_thread::close_half(ipc_connection& connection) {
+    connection.writer().close();
+    return connection.half_closed(ipc_channel::write_direction);
+}
+
 bool ipc_peer::msg_write_thread::serve(share_ptr<ipc_connection>& connection) {
     if (connection->writer().complete_write()) return true;
+    if (connection->ended()) return false;  // ended meanwhile on the other half: nothing failed here
     NV_LOG("mcl::ipc_peer::msg_write_thread::run", "ipc channel write failed, abort the ipc connection.");
     return false;
 }

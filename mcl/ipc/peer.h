@@ -103,7 +103,9 @@ public:
     virtual void listen();
     // Listening side, the accept loop: setup(true), then keeps one listening pair of pipes
     // waiting for the next client (a failed pair is tried again after 50 ms, doubling up to
-    // 5 s) until `stop` is signalled; then shutdown(). The calling thread.
+    // 5 s) until `stop` is signalled; then shutdown(). The calling thread. A pair is served
+    // only when one client process holds both its pipes; one that a client took only in part
+    // (seen at its signal, or twice by the 500 ms check) is closed before the next is made.
     void serve_until(HANDLE stop);
     // Connecting side: the handshake with the listener of `name`, then one more connection.
     virtual bool connect(const char* name, int timeout_ms);
@@ -137,6 +139,9 @@ protected:
         virtual HANDLE channel_event(ipc_connection& connection) = 0;
         // Runs the channel whose event fired; false means the connection is dead.
         virtual bool serve(share_ptr<ipc_connection>& connection) = 0;
+        // Closes this thread's half of an ended connection; true for the call that found both
+        // halves closed.
+        virtual bool close_half(ipc_connection& connection) = 0;
 
         ipc_peer* peer_;
 
@@ -154,6 +159,7 @@ protected:
     protected:
         HANDLE channel_event(ipc_connection& connection) override;
         bool serve(share_ptr<ipc_connection>& connection) override;
+        bool close_half(ipc_connection& connection) override;
 
     private:
         std::vector<binary_t> frames_;
@@ -167,18 +173,24 @@ protected:
     protected:
         HANDLE channel_event(ipc_connection& connection) override;
         bool serve(share_ptr<ipc_connection>& connection) override;
+        bool close_half(ipc_connection& connection) override;
     };
 
     // Listening side (`listening` true): creates the connecting mutex and the connected event;
     // both sides: starts the event, read and write threads.
     bool setup(bool listening);
     // Creates one listening pair of pipes under `pipe_path` (with `first_instance`, only where
-    // no instance of the names exists yet), starts its connect and adds it to the list. Null
-    // (logged) on failure.
-    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path, bool first_instance = false);
+    // no instance of the names exists yet), starts its connect and adds it to the list; its
+    // I/O threads set `watcher` (if any) when the pair's state changes. Null (logged) on failure.
+    share_ptr<ipc_connection> new_listen_connection(const char* pipe_path, bool first_instance = false,
+                                                    HANDLE watcher = nullptr);
     // Start-up: logs whether another process already made pipes under the names this listener
     // is about to make, and whose they are; such a process could sit in front of this one.
     static void check_pipe_name(const std::string& pipe_path);
+    // The accept loop, for the waiting pair after its client's signal or when it was found
+    // half taken or ended: asks the I/O threads to decide and waits (bounded) until the pair is
+    // verified or both its pipes are closed. Drops `waiting`. False when `stop` came first.
+    bool settle(share_ptr<ipc_connection>& waiting, HANDLE stop);
     // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
     void add_connection_locked(const share_ptr<ipc_connection>& connection);
 
@@ -235,6 +247,7 @@ private:
 
     mutex connecting_mutex_;
     event connected_event_;
+    event pair_event_;  // set by the waiting pair's I/O threads when its state changes
 
     lock sequence_lock_;
     uint32_t sequence_ = 0;

@@ -3,6 +3,10 @@
 //   nv_ipc_helper client NAME LOG COMMAND [ARG]   connect to NAME and run one command:
 //       version           send 0x1000009 with an empty payload; exit 0 on the status reply
 //       sleep MS          one request whose handler sleeps MS (the test kills this client)
+//   nv_ipc_helper half NAME LOG SUFFIX SIGNAL EVENT [exit]
+//       a hostile client holding only the listener's SUFFIX pipe, signalling when SIGNAL is 1;
+//       with "exit", it opens that pipe without the handshake and writes an exit request into
+//       it. Prints "ready", then "received N" (the bytes that came on it) once EVENT is set
 //   nv_ipc_helper abuse NAME LOG ID STALLED FLOOD_KIB ANNOUNCING SECONDS
 //       hostile clients of NAME that never read: STALLED connections each send requests ID
 //       of 3,000 bytes or, with FLOOD_KIB, that many KiB in 60 KiB requests; ANNOUNCING
@@ -142,6 +146,22 @@ int run_abuse(const char* name, char** args) {
     return 0;
 }
 
+int run_half(const char* name, const char* suffix, bool signal, const char* event_name, bool exit_request) {
+    nv_test::raw_client hostile;
+    HANDLE done = OpenEventA(SYNCHRONIZE, FALSE, event_name);
+    if (done == nullptr || !hostile.connect_half(name, suffix, signal, /*handshake=*/!exit_request)) return 3;
+    if (exit_request) (void)hostile.write(request_frame(nv_test::msg_exit, 1, 0));
+    printf("ready\n");
+    fflush(stdout);
+    uint32_t received = 0;
+    bool open = true;
+    for (int step = 0; step < 1200 && WaitForSingleObject(done, 50) != WAIT_OBJECT_0; ++step)
+        if (open) open = hostile.drain(received);
+    printf("received %u\n", received);
+    CloseHandle(done);
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -153,6 +173,8 @@ int main(int argc, char** argv) {
     g_log = &the_log();
     if (strcmp(argv[1], "server") == 0) return run_server(argv[2], argv[4]);
     if (strcmp(argv[1], "client") == 0) return run_client(argv[2], argv[4], argc > 5 ? argv[5] : nullptr);
+    if (strcmp(argv[1], "half") == 0 && argc >= 7)
+        return run_half(argv[2], argv[4], strcmp(argv[5], "1") == 0, argv[6], argc > 7 && strcmp(argv[7], "exit") == 0);
     if (strcmp(argv[1], "abuse") == 0 && argc >= 9) return run_abuse(argv[2], argv + 4);
     return 2;
 }

@@ -25,8 +25,16 @@ HANDLE open_waiting(const std::string& name, DWORD access) {
 
 }  // namespace
 
-bool raw_client::connect(const std::string& name, bool signal) {
+bool raw_client::connect(const std::string& name, bool signal) { return connect_half(name, "", signal); }
+
+bool raw_client::connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake) {
     const std::string base = "Global\\" + name;
+    if (!handshake) {
+        HANDLE h = open_waiting(std::string(mcl::ipc_channel::pipe_prefix) + name + suffix,
+                                suffix == "_INBOND" ? GENERIC_WRITE : GENERIC_READ);
+        (suffix == "_INBOND" ? out_ : in_) = h == INVALID_HANDLE_VALUE ? nullptr : h;
+        return h != INVALID_HANDLE_VALUE;
+    }
     HANDLE mutex = nullptr;
     for (int i = 0; i < 200 && mutex == nullptr; ++i) {
         mutex = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, (base + "_MTX_CONNECTING").c_str());
@@ -37,12 +45,12 @@ bool raw_client::connect(const std::string& name, bool signal) {
     bool ok = w == WAIT_OBJECT_0 || w == WAIT_ABANDONED;
     const std::string pipe = std::string(mcl::ipc_channel::pipe_prefix) + name;
     if (ok) {
-        in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
-        out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
+        if (suffix != "_INBOND") in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
+        if (suffix != "_OUTBOUND") out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
         if (in_ == INVALID_HANDLE_VALUE) in_ = nullptr;
         if (out_ == INVALID_HANDLE_VALUE) out_ = nullptr;
         HANDLE connected = OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str());
-        ok = in_ != nullptr && out_ != nullptr && connected != nullptr;
+        ok = (in_ != nullptr || suffix == "_INBOND") && (out_ != nullptr || suffix == "_OUTBOUND") && connected != nullptr;
         if (connected != nullptr) {
             if (signal) SetEvent(connected);
             CloseHandle(connected);
@@ -69,6 +77,15 @@ bool read_exact(HANDLE h, uint32_t n, std::vector<unsigned char>& bytes) {
         }
         got += r;
     }
+    return true;
+}
+
+bool raw_client::drain(uint32_t& total) {
+    DWORD available = 0;
+    if (in_ == nullptr || !PeekNamedPipe(in_, nullptr, 0, nullptr, &available, nullptr)) return false;
+    std::vector<unsigned char> bytes;
+    if (available > 0 && !read_exact(in_, available, bytes)) return false;
+    total += available;
     return true;
 }
 

@@ -20,6 +20,12 @@ public:
     // Takes the connecting mutex (waiting up to 10 s for the listener), opens both pipes, sets
     // the connected event (unless told not to, as a hostile client may) and releases the mutex.
     bool connect(const std::string& name, bool signal = true);
+    // The handshake holding only the listener's `suffix` pipe ("_OUTBOUND" or "_INBOND"); with
+    // `handshake` false, only that pipe is opened, as a hostile client may.
+    bool connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake = true);
+    // Reads what has come on the listener's "_OUTBOUND" without waiting, adding it to `total`;
+    // false once that pipe has ended (or is not held).
+    bool drain(uint32_t& total);
     bool write(const std::vector<unsigned char>& bytes);
     // Reads exactly n bytes; false when the pipe ends first.
     bool read(uint32_t n, std::vector<unsigned char>& bytes);

@@ -79,28 +79,23 @@ TEST(IpcPeer, HandshakeAndTheReplyBytesForAnEmptyVersionRequest) {
 TEST(IpcPeer, TheClientsFramesOnTheWireAndSequencesRestartAfterClose) {
     const std::string name = nv_test::unique_name("nv_ipc_raw");
     nv_test::raw_listener listener(name);
-    std::vector<unsigned char> request;
     client c;
-    ASSERT_TRUE(listener.prepare());
-    std::thread accepting([&] { EXPECT_TRUE(listener.accept()); });
-    ASSERT_TRUE(c.connect(name));
-    accepting.join();
-    for (int sequence : {1, 2}) {
-        mcl::binary_t payload = text_payload("x");
-        EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
-        ASSERT_TRUE(listener.read(18, request));
-        EXPECT_EQ(bytes_of({4, 0, 0, 0, 0x01, 0, 0, 0x02, sequence, 0, 0, 0, 2, 0, 0, 0, 'x', 0}), request);
+    for (int round = 0; round < 2; ++round) {
+        ASSERT_TRUE(listener.prepare());
+        std::thread accepting([&] { EXPECT_TRUE(listener.accept()); });
+        const bool connected = c.connect(name);
+        accepting.join();
+        ASSERT_TRUE(connected);
+        for (int sequence = 1; sequence <= 2 - round; ++sequence) {
+            mcl::binary_t payload = text_payload("x");
+            EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
+            std::vector<unsigned char> request;
+            ASSERT_TRUE(listener.read(18, request));
+            EXPECT_EQ(bytes_of({4, 0, 0, 0, 0x01, 0, 0, 0x02, sequence, 0, 0, 0, 2, 0, 0, 0, 'x', 0}), request);
+        }
+        c.peer.close();
+        EXPECT_TRUE(c.peer.connections().empty());
     }
-    c.peer.close();
-    EXPECT_TRUE(c.peer.connections().empty());
-    ASSERT_TRUE(listener.prepare());
-    accepting = std::thread([&] { EXPECT_TRUE(listener.accept()); });
-    ASSERT_TRUE(c.connect(name));
-    accepting.join();
-    mcl::binary_t payload = text_payload("x");
-    EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
-    ASSERT_TRUE(listener.read(18, request));
-    EXPECT_EQ(1u, request[8]);
 }
 
 TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
@@ -157,42 +152,7 @@ TEST(IpcPeer, AHundredConnectionsAtOnceAreAllAnswered) {
     EXPECT_EQ(count, answered.load());
 }
 
-TEST(IpcPeer, AClientKilledDuringItsRequestLeavesTheServerServingOthers) {
-    nv_test::server_process server;
-    client other;
-    ASSERT_TRUE(other.connect(server.name()));
-    nv_test::child doomed = nv_test::start_client(server.name(), "sleep 1500");
-    Sleep(700);  // connected and inside the handler by now
-    doomed.kill();
-    EXPECT_TRUE(other.echo("still here"));
-    client fresh;
-    EXPECT_TRUE(fresh.connect(server.name()) && fresh.echo("new client"));
-}
-
-TEST(IpcPeer, AClientThatTakesThePipesWithoutSignallingDoesNotShutOutTheNext) {
-    nv_test::server_process server;
-    nv_test::raw_client silent;
-    ASSERT_TRUE(silent.connect(server.name(), /*signal=*/false));
-    // The next client waits for a pair no longer than a pipe's default time-out.
-    EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait());
-    EXPECT_EQ(1u, nv_test::count_of(server.log(), "without signalling the connected event, make the next pair"));
-}
-
-TEST(IpcPeer, ASendWhoseConnectionDiesReturnsFalseAtOnce) {
-    nv_test::log_capture log;
-    nv_test::server_process server;
-    client c;
-    ASSERT_TRUE(c.connect(server.name()));
-    mcl::binary_t payload;
-    EXPECT_FALSE(c.peer.send(nv_test::msg_exit, payload, c.connection(), 600000));
-    EXPECT_EQ(7u, server.process().wait());
-    EXPECT_TRUE(log.contains("[mcl::ipc_peer::send:"));
-    EXPECT_TRUE(log.contains("] - IPC connection has been terminated when waiting for response for message [33554437]"));
-    EXPECT_FALSE(log.contains("Time out when waiting"));
-    EXPECT_TRUE(c.peer.connections().empty());
-}
-
-TEST(IpcPeer, AHandlerWithANegativeResultLeavesTheRequesterToTimeOut) {
+TEST(IpcPeer, ASendTimesOutOnANegativeHandlerResultAndReturnsAtOnceWhenItsConnectionDies) {
     nv_test::log_capture log;
     nv_test::server_process server;
     client c;
@@ -202,13 +162,24 @@ TEST(IpcPeer, AHandlerWithANegativeResultLeavesTheRequesterToTimeOut) {
     EXPECT_EQ(1u, nv_test::count_of(log.text(), "] - Time out when waiting for response for message [33554435]"));
     EXPECT_EQ(text_payload("unanswered"), payload);
     EXPECT_TRUE(c.echo("next"));
+
+    payload.clear();
+    EXPECT_FALSE(c.peer.send(nv_test::msg_exit, payload, c.connection(), 600000));
+    EXPECT_EQ(7u, server.process().wait());
+    EXPECT_TRUE(log.contains("[mcl::ipc_peer::send:"));
+    EXPECT_TRUE(log.contains("] - IPC connection has been terminated when waiting for response for message [33554437]"));
+    EXPECT_EQ(1u, log.count("Time out when waiting"));
+    EXPECT_TRUE(c.peer.connections().empty());
 }
 
-TEST(IpcPeer, AnOverLongLengthOrGarbageEndsOnlyThatConnection) {
+TEST(IpcPeer, AClientKilledInItsRequestAnOverLongLengthOrGarbageEndOnlyThatConnection) {
     nv_test::server_process server;
     client steady;
     ASSERT_TRUE(steady.connect(server.name()));
-
+    nv_test::child doomed = nv_test::start_client(server.name(), "sleep 1500");
+    Sleep(700);  // connected and inside the handler by now
+    doomed.kill();
+    EXPECT_TRUE(steady.echo("still here"));
     {
         nv_test::raw_client raw;
         ASSERT_TRUE(raw.connect(server.name()));
@@ -229,6 +200,8 @@ TEST(IpcPeer, AnOverLongLengthOrGarbageEndsOnlyThatConnection) {
         raw.close();
         EXPECT_TRUE(steady.echo("round " + std::to_string(round))) << round;
     }
+    client fresh;
+    EXPECT_TRUE(fresh.connect(server.name()) && fresh.echo("new client"));
 }
 
 TEST(IpcPeer, TheAcceptLoopServesClientsUntilItsStopAndThenNobodyIsListening) {
@@ -301,6 +274,64 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     flooding.kill();
 }
 
+// A hostile client of another process takes the waiting pair ("" both pipes) or one pipe of
+// it, signalling or not; in the last case a third process writes an exit request into the
+// other pipe of that pair. No reply reaches the hostile client, no request on a pair two
+// processes hold is handled, and honest clients are served (a first attempt may fail cleanly).
+TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthersAreServed) {
+    struct {
+        const char* pipe;
+        bool signal;
+        bool exit_on_other_half;
+        const char* line;  // the server's log line, or one of the three ends of a half-taken pair
+    } const cases[] = {{"", false, false, "without signalling the connected event, make the next pair"},
+                       {"_OUTBOUND", true, false, nullptr}, {"_OUTBOUND", false, false, nullptr},
+                       {"_INBOND", true, false, nullptr}, {"_INBOND", false, false, nullptr},
+                       {"_OUTBOUND", false, true, nullptr}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.pipe) + (c.signal ? " signalled" : " silent") + (c.exit_on_other_half ? " exit" : ""));
+        nv_test::server_process server;
+        const std::string done_name = "Global\\" + nv_test::unique_name("nv_half_done");
+        mcl::event done;
+        ASSERT_EQ(0, done.create(done_name.c_str()));
+        auto start_half = [&](const std::string& pipe, const char* signal, const char* exit) {
+            return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + server.name() + " \"" +
+                                      ::testing::TempDir() + nv_test::unique_name("nv_half") + ".log\" \"" + pipe +
+                                      "\" " + signal + " " + done_name + exit,
+                                  /*capture_output=*/true);
+        };
+        nv_test::child hostile = start_half(c.pipe, c.signal ? "1" : "0", "");
+        ASSERT_EQ("ready", first_line(hostile));
+        nv_test::child other_half = c.exit_on_other_half ? start_half("_INBOND", "0", " exit") : nv_test::child();
+        if (c.exit_on_other_half) {
+            ASSERT_EQ("ready", first_line(other_half));
+        }
+        bool answered = false;
+        for (int attempt = 0; attempt < 3 && !answered; ++attempt) {
+            client honest;
+            answered = honest.connect(server.name()) && honest.echo("for the honest client only");
+        }
+        EXPECT_TRUE(answered);
+        EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait());
+        EXPECT_TRUE(server.running());
+        done.set();
+        EXPECT_EQ(0u, hostile.wait(30000));
+        EXPECT_EQ("received 0", first_line(hostile));
+        if (c.exit_on_other_half) {
+            EXPECT_EQ(0u, other_half.wait(30000));
+        }
+        const std::string log = server.log();
+        if (c.line != nullptr) {
+            EXPECT_EQ(1u, nv_test::count_of(log, c.line)) << log;
+        } else {
+            EXPECT_TRUE(log.find("pipe of the waiting pair has no client, end the pair") != std::string::npos ||
+                        log.find("are held by two processes") != std::string::npos ||
+                        log.find("without the other and did not signal, end the pair") != std::string::npos)
+                << log;
+        }
+    }
+}
+
 // An mcl::ipc_peer serving in this process until the object goes.
 struct own_server {
     mcl::event stop;
@@ -317,14 +348,16 @@ struct own_server {
     ~own_server() { finish(); }
 };
 
-// Disconnects its own connection and posts to every client, slowly, so that a stop can come
-// while it is at it.
-class disconnecting_handler : public mcl::ipc_msg_handler {
+// Throws on "throw"; on "leave" disconnects its own connection and posts to every client,
+// slowly, so that a stop can come while it is at it; echoes everything else.
+class misbehaving_handler : public mcl::ipc_msg_handler {
 public:
     mcl::ipc_peer* peer = nullptr;
     mcl::event entered;
 
     int operator()(mcl::ipc_connection* connection, uint32_t, mcl::binary_t& payload) override {
+        if (payload == text_payload("throw")) throw std::bad_alloc();
+        if (payload != text_payload("leave")) return 0;
         entered.set();
         Sleep(300);
         peer->disconnect(mcl::share_ptr<mcl::ipc_connection>(connection));
@@ -333,78 +366,40 @@ public:
     }
 };
 
-TEST(IpcPeer, AStopWhileAHandlerDisconnectsAndPostsLetsTheEventThreadFinish) {
-    disconnecting_handler handler;
+TEST(IpcPeer, AHandlerThatThrowsEndsOnlyItsRequestAndAStopWhileOneDisconnectsAndPostsLetsItFinish) {
+    nv_test::log_capture log;
+    misbehaving_handler handler;
     ASSERT_TRUE(handler.entered.create_unnamed());
     const std::string name = nv_test::unique_name("nv_ipc_stop");
     own_server server(name, &handler);
     handler.peer = &server.peer;
     client c;
     ASSERT_TRUE(c.connect(name));
-    mcl::binary_t payload = text_payload("x");
+    mcl::binary_t payload = text_payload("throw");
+    EXPECT_FALSE(c.peer.send(nv_test::msg_echo, payload, c.connection(), 1000)) << "no reply";
+    EXPECT_TRUE(c.echo("still served"));
+
+    payload = text_payload("leave");
     EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(handler.entered.get(), 20000));
     server.finish();
     EXPECT_EQ(0u, server.peer.last_exit_code()) << "the event thread returned on its own, it was not terminated";
     EXPECT_TRUE(server.peer.connections().empty());
-}
-
-// Throws where the payload says "throw"; echoes everything else.
-class throwing_handler : public mcl::ipc_msg_handler {
-public:
-    int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t& payload) override {
-        if (payload == text_payload("throw")) throw std::bad_alloc();
-        return 0;
-    }
-};
-
-TEST(IpcPeer, AHandlerThatThrowsEndsOnlyItsRequest) {
-    nv_test::log_capture log;
-    throwing_handler handler;
-    const std::string name = nv_test::unique_name("nv_ipc_throw");
-    own_server server(name, &handler);
-    client c;
-    ASSERT_TRUE(c.connect(name));
-    mcl::binary_t payload = text_payload("throw");
-    EXPECT_FALSE(c.peer.send(nv_test::msg_echo, payload, c.connection(), 1000)) << "no reply";
-    EXPECT_TRUE(c.echo("still served"));
-    server.finish();
     EXPECT_EQ(1u, log.count("] - The handler of a message failed with an exception: std::bad_alloc")) << log.text();
 }
 
-// Notes the client process of every request it sees.
-class client_recorder : public mcl::ipc_msg_handler {
-public:
-    client_recorder() { (void)seen.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false); }
-    int operator()(mcl::ipc_connection* connection, uint32_t, mcl::binary_t&) override {
-        mcl::scoped_lock guard(lock);
-        pid = connection->client_process_id();
-        image = connection->client_image();
-        seen.set();
-        return 0;
-    }
-    mcl::lock lock;
-    DWORD pid = 0;
-    std::string image;
-    mcl::event seen;
-};
-
-std::string lower(std::string s) {
-    std::transform(s.begin(), s.end(), s.begin(), [](unsigned char c) { return static_cast<char>(tolower(c)); });
-    return s;
-}
-
 TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImageAndWhoMadePipesBeforeIt) {
-    client_recorder recorder;
+    nv_test::recording_handler recorder;
     const std::string name = nv_test::unique_name("nv_ipc_who");
     {
         own_server server(name, &recorder);
         nv_test::child other = nv_test::start_client(name, "version");
-        EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(recorder.seen.get(), 30000));
+        EXPECT_TRUE(recorder.wait_for(nv_test::msg_version, 1, 30000));
         (void)other.wait();
-        mcl::scoped_lock guard(recorder.lock);
-        EXPECT_EQ(other.pid, recorder.pid);
-        EXPECT_NE(std::string::npos, lower(recorder.image).find("nv_ipc_helper.exe")) << recorder.image;
+        auto [pid, image] = recorder.last_client();
+        std::transform(image.begin(), image.end(), image.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
+        EXPECT_EQ(other.pid, pid);
+        EXPECT_NE(std::string::npos, image.find("nv_ipc_helper.exe")) << image;
     }
 
     nv_test::server_process squatter;
@@ -416,9 +411,11 @@ TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImageAndWhoMadePipesBeforeI
     stop.set();  // one pass: the start-up check, the first pair, the stop
     mcl::ipc_peer server(squatter.name().c_str(), &recorder);
     server.serve_until(stop.get());
+    std::string text = log.text();
     EXPECT_TRUE(log.contains("\\\\.\\pipe\\" + squatter.name() + "_INBOND\") already exists, made by process " +
-                             std::to_string(squatter.process().pid) + " (")) << log.text();
-    EXPECT_NE(std::string::npos, lower(log.text()).find("nv_ipc_helper.exe): its clients may reach"));
+                             std::to_string(squatter.process().pid) + " (")) << text;
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
+    EXPECT_NE(std::string::npos, text.find("nv_ipc_helper.exe): its clients may reach"));
     EXPECT_FALSE(log.contains("has no other instance"));
 }
 

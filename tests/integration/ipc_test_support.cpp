@@ -81,11 +81,6 @@ bool raw_listener::accept() {
 
 bool raw_listener::read(uint32_t n, std::vector<unsigned char>& bytes) { return read_exact(in_, n, bytes); }
 
-bool raw_listener::write(const std::vector<unsigned char>& bytes) {
-    DWORD n = 0;
-    return WriteFile(out_, bytes.data(), static_cast<DWORD>(bytes.size()), &n, nullptr) && n == bytes.size();
-}
-
 void raw_listener::drop() {
     for (HANDLE* h : {&in_, &out_}) {
         if (*h != nullptr && *h != INVALID_HANDLE_VALUE) {
@@ -97,14 +92,21 @@ void raw_listener::drop() {
     }
 }
 
-int recording_handler::operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) {
+int recording_handler::operator()(mcl::ipc_connection* connection, uint32_t id, mcl::binary_t& payload) {
     if (id == msg_version) {
         payload.clear();
         mcl::write_status(payload, true, "");
     }
     mcl::scoped_lock guard(lock_);
     ids_.push_back(id);
+    pid_ = connection->client_process_id();
+    image_ = connection->client_image();
     return 0;
+}
+
+std::pair<DWORD, std::string> recording_handler::last_client() {
+    mcl::scoped_lock guard(lock_);
+    return {pid_, image_};
 }
 
 int recording_handler::count(uint32_t id) {

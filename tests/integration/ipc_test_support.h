@@ -8,6 +8,7 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mcl/buffer.h"
@@ -59,11 +60,10 @@ public:
     // Waits until a client has opened both pipes (prepared here if prepare was not called).
     bool accept();
     bool read(uint32_t n, std::vector<unsigned char>& bytes);
-    bool write(const std::vector<unsigned char>& bytes);
-    void drop();
     ~raw_listener();
 
 private:
+    void drop();
     std::string name_;
     HANDLE mutex_ = nullptr;
     mcl::event connected_;
@@ -72,18 +72,22 @@ private:
     HANDLE out_ = nullptr;  // "_OUTBOUND": the client reads
 };
 
-// Records what a peer's handler receives; answers 0x1000009 with a status reply (1, "") and
+// Records what a peer's handler receives and from which client; answers 0x1000009 with a status reply (1, "") and
 // leaves other payloads as they came.
 class recording_handler : public mcl::ipc_msg_handler {
 public:
-    int operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) override;
+    int operator()(mcl::ipc_connection* connection, uint32_t id, mcl::binary_t& payload) override;
     int count(uint32_t id);
+    // The client process id and image of the last request's connection.
+    std::pair<DWORD, std::string> last_client();
     // Waits up to `ms` for `count(id)` to reach n.
     bool wait_for(uint32_t id, int n, DWORD ms);
 
 private:
     mcl::lock lock_;
     std::vector<uint32_t> ids_;
+    DWORD pid_ = 0;
+    std::string image_;
 };
 
 }  // namespace nv_test

@@ -16,9 +16,13 @@ std::string pipe_path() {
     return std::string(mcl::ipc_channel::pipe_prefix) + nv_test::unique_name("nv_channel");
 }
 
-connection_ptr listening(const std::string& path) {
+// A listening pair, its connects started unless told otherwise.
+connection_ptr listening(const std::string& path, bool listen = true) {
     connection_ptr c(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
     EXPECT_TRUE(c->open(path.c_str()));
+    if (listen) {
+        EXPECT_TRUE(c->reader().listen() && c->writer().listen());
+    }
     return c;
 }
 
@@ -77,8 +81,6 @@ TEST(IpcChannel, CreateAndOpenFailuresAreLoggedOnce) {
 TEST(IpcChannel, FramesFlowBothWaysWhatEverTheirSize) {
     const std::string path = pipe_path();
     connection_ptr server = listening(path);
-    ASSERT_TRUE(server->reader().listen());
-    ASSERT_TRUE(server->writer().listen());
     connection_ptr client = connecting(path);
 
     const uint32_t sizes[] = {0, 4096, 70000, 1u << 20};
@@ -101,8 +103,6 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     nv_test::log_capture log;
     const std::string path = pipe_path();
     connection_ptr server = listening(path);
-    ASSERT_TRUE(server->reader().listen());
-    ASSERT_TRUE(server->writer().listen());
     connection_ptr client = connecting(path);
     std::vector<mcl::binary_t> received;
     client->enqueue(frame_of(1, 10));
@@ -113,6 +113,40 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     ASSERT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(server->reader().event_handle(), 5000));
     EXPECT_FALSE(server->reader().read(frames));
     EXPECT_FALSE(log.contains("Failed to read"));
+}
+
+// Another process writes a request into "_INBOND" while this one opens "_OUTBOUND": the pair
+// ends when its second half connects, before a byte of either pipe is read or written.
+TEST(IpcChannel, APairWhosePipesTwoProcessesHoldEndsBeforeAnyIo) {
+    nv_test::log_capture log;
+    const std::string name = nv_test::unique_name("nv_channel");
+    const std::string path = std::string(mcl::ipc_channel::pipe_prefix) + name;
+    connection_ptr server = listening(path);
+    mcl::event done;
+    ASSERT_EQ(0, done.create(("Global\\" + name + "_done").c_str()));
+    nv_test::child other = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + name + " \"" +
+                                              ::testing::TempDir() + name + ".log\" _INBOND 0 Global\\" + name + "_done exit",
+                                          /*capture_output=*/true);
+    char ready[5] = {};
+    DWORD n = 0;
+    for (DWORD got = 0; got < 5 && ReadFile(other.output, ready + got, 5 - got, &n, nullptr) && n > 0; got += n) {
+    }
+    ASSERT_EQ("ready", std::string(ready, 5));
+    HANDLE out = CreateFileA((path + "_OUTBOUND").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_NE(INVALID_HANDLE_VALUE, out);
+
+    std::vector<mcl::binary_t> frames;
+    EXPECT_TRUE(server->reader().read(frames));  // its half has come; it waits for the other
+    EXPECT_FALSE(server->writer().complete_write());
+    EXPECT_FALSE(server->reader().read(frames));
+    EXPECT_TRUE(frames.empty());
+    EXPECT_EQ(mcl::ipc_connection::pair_state::ended, server->state());
+    EXPECT_TRUE(log.contains("] - The pipes of a connection are held by two processes (" + std::to_string(other.pid) +
+                             " writes \"_INBOND\", " + std::to_string(GetCurrentProcessId()) +
+                             " reads \"_OUTBOUND\"), end the connection")) << log.text();
+    CloseHandle(out);
+    done.set();
+    EXPECT_EQ(0u, other.wait());
 }
 
 TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
@@ -131,7 +165,7 @@ TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstI
 
 TEST(IpcChannel, TheListeningEndLearnsTheClientProcess) {
     const std::string path = pipe_path();
-    connection_ptr server = listening(path);
+    connection_ptr server = listening(path, /*listen=*/false);
     connection_ptr c = connecting(path);  // before listen: ERROR_PIPE_CONNECTED
     EXPECT_EQ(0u, server->client_process_id());
     ASSERT_TRUE(server->reader().listen());

@@ -24,25 +24,6 @@ mcl::binary_t frame(mcl::frame_kind kind, uint32_t id, uint32_t sequence, const 
     return out;
 }
 
-// The frame bytes on the wire are checked end to end by the IPC peer test.
-TEST(IpcFrame, HeaderAndPayloadOfAFrame) {
-    EXPECT_EQ(bytes({4, 0, 0, 0, 0x78, 0x56, 0x34, 0x12, 0, 1, 0, 0, 1, 0, 0, 0, 0xAB}),
-              frame(mcl::frame_kind::post, 0x12345678, 256, bytes({0xAB})));
-    mcl::frame_header h;
-    ASSERT_TRUE(mcl::read_frame_header(frame(mcl::frame_kind::routed_reply, 7, 9, bytes({1, 2, 3})), h));
-    EXPECT_EQ(3u, h.kind);
-    EXPECT_EQ(7u, h.message_id);
-    EXPECT_EQ(9u, h.sequence);
-    EXPECT_EQ(3u, h.length);
-    EXPECT_FALSE(mcl::read_frame_header(bytes({0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0}), h));
-
-    mcl::binary_t payload = bytes({9});
-    mcl::copy_frame_payload(frame(mcl::frame_kind::request, 1, 1, {}), payload);
-    EXPECT_TRUE(payload.empty());  // the pad byte is not payload
-    mcl::copy_frame_payload(frame(mcl::frame_kind::request, 1, 1, bytes({5, 6})), payload);
-    EXPECT_EQ(bytes({5, 6}), payload);
-}
-
 // Feeds `stream` in pieces of the given sizes and returns every frame cut.
 std::vector<mcl::binary_t> cut_in_pieces(const mcl::binary_t& stream, const std::vector<uint32_t>& pieces) {
     mcl::frame_cutter cutter;
