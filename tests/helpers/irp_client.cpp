@@ -22,8 +22,8 @@ bool irp_client::connect(const char* service, int timeout_ms) {
     return true;
 }
 
-bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
-                           const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
+mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
+                                const std::string& path, uint8_t major, uint8_t minor, uint32_t type) {
     mcl::binary_t payload;
     mcl::write_byte(payload, unsubscribe ? 1 : 0);
     mcl::write_string(payload, subscriber);
@@ -32,6 +32,30 @@ bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, cons
     mcl::write_byte(payload, major);
     mcl::write_byte(payload, minor);
     mcl::write_u32(payload, type);
+    return payload;
+}
+
+bool read_records(const mcl::binary_t& reply, std::vector<irp::record>& records) {
+    uint32_t pos = 0;
+    return mcl::read_list(records, reply, pos,
+                          [](irp::record& r, const mcl::binary_t& in, uint32_t& p) {
+                              uint64_t pid = 0;
+                              const bool ok = mcl::read_u64(r.sequence, in, p) && mcl::read_u64(r.time, in, p) &&
+                                              mcl::read_string(r.file_path, in, p) &&
+                                              mcl::read_byte(r.major_function, in, p) &&
+                                              mcl::read_byte(r.minor_function, in, p) && mcl::read_u64(pid, in, p) &&
+                                              mcl::read_string(r.process_image, in, p) &&
+                                              mcl::read_string(r.process_description, in, p) &&
+                                              mcl::read_u32(r.type, in, p);  // the irpDenied flag
+                              r.process_id = static_cast<uint32_t>(pid);
+                              return ok && pid <= UINT32_MAX;
+                          }) &&
+           pos == reply.size();
+}
+
+bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
+                           const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
+    mcl::binary_t payload = subscribe_request(unsubscribe, subscriber, event_name, path, major, minor, type);
     if (!peer_.send(msg::subscribe_irp_notification, payload, connection_, 30000)) return false;
     uint32_t pos = 0;
     std::string message;
@@ -41,20 +65,7 @@ bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, cons
 bool irp_client::query(const std::string& subscriber, std::vector<irp::record>& records) {
     mcl::binary_t payload;
     mcl::write_string(payload, subscriber);
-    if (!peer_.send(msg::query_irp_notification_data, payload, connection_, 30000)) return false;
-    uint32_t pos = 0;
-    return mcl::read_list(records, payload, pos, [](irp::record& r, const mcl::binary_t& in, uint32_t& p) {
-        uint64_t pid = 0;
-        uint32_t denied = 0;
-        const bool ok = mcl::read_u64(r.sequence, in, p) && mcl::read_u64(r.time, in, p) &&
-                        mcl::read_string(r.file_path, in, p) && mcl::read_byte(r.major_function, in, p) &&
-                        mcl::read_byte(r.minor_function, in, p) && mcl::read_u64(pid, in, p) &&
-                        mcl::read_string(r.process_image, in, p) && mcl::read_string(r.process_description, in, p) &&
-                        mcl::read_u32(denied, in, p);
-        r.process_id = static_cast<uint32_t>(pid);
-        r.type = denied;
-        return ok;
-    });
+    return peer_.send(msg::query_irp_notification_data, payload, connection_, 30000) && read_records(payload, records);
 }
 
 bool sim_injector::open() {
