@@ -94,13 +94,6 @@ bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t 
     return mcl::read_u32(hr, answer, pos) && mcl::read_u32(delivered, answer, pos) && hr == 0;
 }
 
-bool sim_injector::journal(std::string& json) {
-    mcl::binary_t request, answer;
-    mcl::write_u32(request, vqr::sim::op::journal);
-    uint32_t pos = 0;
-    return transact(request, answer) && mcl::read_string(json, answer, pos);
-}
-
 bool sim_injector::transact(const mcl::binary_t& request, mcl::binary_t& answer) {
     std::vector<uint8_t> in(vqr::sim::max_message);
     DWORD bytes = 0;

@@ -43,8 +43,6 @@ public:
     // An IRP-denied (or other `type`) notification; `delivered` is how many ports got it.
     bool inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t pid, const std::wstring& file,
                 uint32_t& delivered);
-    // Every message the simulator received, as driver_ctl journal prints it.
-    bool journal(std::string& json);
 
 private:
     bool transact(const mcl::binary_t& request, mcl::binary_t& answer);
