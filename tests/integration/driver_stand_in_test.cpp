@@ -130,7 +130,7 @@ TEST_F(DriverStandIn, EmptyTextRemovesEveryRuleOfItsKindOnly) {
     }
 }
 
-TEST_F(DriverStandIn, MalformedMessagesAreRefusedCountedAndServingGoesOn) {
+TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
     HANDLE port = connect(vqr::command_port_name);
     auto with = [](std::vector<uint8_t> m, size_t at, uint8_t value) {
         m[at] = value;
@@ -149,6 +149,12 @@ TEST_F(DriverStandIn, MalformedMessagesAreRefusedCountedAndServingGoesOn) {
         {"unknown_code", vqr::build_command(14, L"x")},
     };
     for (const auto& c : cases) EXPECT_EQ(static_cast<HRESULT>(0x80070057), send(port, c.message)) << c.name;
+    // FilterSendMessage itself refuses a call without its buffers or above the port's limit.
+    std::vector<uint8_t> huge(128 * 1024, 0);
+    DWORD returned = 0;
+    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(port, huge.data(), static_cast<DWORD>(huge.size()), nullptr, 0, &returned));
+    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(port, nullptr, 0, nullptr, 0, &returned));
+    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(port, huge.data(), 9, nullptr, 0, nullptr));
     EXPECT_EQ(S_OK, send(port, text));
     const std::string journal = ctl("journal");
     for (const auto& c : cases)
@@ -224,19 +230,6 @@ TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEvent) {
     EXPECT_EQ(78u, vqr::get_u32(&buffer[24]));
 }
 
-TEST_F(DriverStandIn, SendRefusesMissingArgumentsAndOversizedMessagesAndKeepsTheConnection) {
-    HANDLE command = connect(vqr::command_port_name);
-    std::vector<uint8_t> message = vqr::build_feature(0, true);
-    DWORD returned = 0;
-    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(command, message.data(), static_cast<DWORD>(message.size()), nullptr, 0,
-                                              nullptr));
-    EXPECT_EQ(E_INVALIDARG, FilterSendMessage(command, nullptr, 0, nullptr, 0, &returned));
-    std::vector<uint8_t> huge(128 * 1024, 0);
-    EXPECT_EQ(E_INVALIDARG,
-              FilterSendMessage(command, huge.data(), static_cast<DWORD>(huge.size()), nullptr, 0, &returned));
-    EXPECT_EQ(S_OK, send(command, message));
-}
-
 TEST_F(DriverStandIn, NotificationPortTakesOneConnection) {
     connect(vqr::notify_port_name);
     HANDLE second = INVALID_HANDLE_VALUE;
@@ -247,17 +240,6 @@ TEST_F(DriverStandIn, NotificationPortTakesOneConnection) {
     CloseHandle(ports_.back());
     ports_.pop_back();
     connect(vqr::notify_port_name);
-}
-
-TEST_F(DriverStandIn, LoadUnloadAttachAndDetachNeedTheLoadDriverPrivilege) {
-    ASSERT_TRUE(load_driver_privilege(false));
-    const HRESULT not_held = HRESULT_FROM_WIN32(ERROR_PRIVILEGE_NOT_HELD);
-    EXPECT_EQ(not_held, FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
-    EXPECT_EQ(not_held, FilterDetach(vqr::filter_name, L"Z:", nullptr));
-    EXPECT_EQ(not_held, FilterUnload(vqr::filter_name));
-    EXPECT_EQ(not_held, FilterLoad(vqr::filter_name));
-    ASSERT_TRUE(load_driver_privilege(true));
-    EXPECT_EQ(std::string::npos, ctl("state").find("\"call\":"));
 }
 
 // The port handle is asynchronous, as Windows opens it for options 0: a blocking wait is no
@@ -323,7 +305,16 @@ TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
     connect(vqr::command_port_name);
 }
 
-TEST_F(DriverStandIn, AttachAndDetachFollowTheInstancesOfTheServiceKey) {
+TEST_F(DriverStandIn, AttachAndDetachNeedTheLoadDriverPrivilegeAndFollowTheServiceKeysInstances) {
+    ASSERT_TRUE(load_driver_privilege(false));
+    const HRESULT not_held = HRESULT_FROM_WIN32(ERROR_PRIVILEGE_NOT_HELD);
+    EXPECT_EQ(not_held, FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
+    EXPECT_EQ(not_held, FilterDetach(vqr::filter_name, L"Z:", nullptr));
+    EXPECT_EQ(not_held, FilterUnload(vqr::filter_name));
+    EXPECT_EQ(not_held, FilterLoad(vqr::filter_name));
+    ASSERT_TRUE(load_driver_privilege(true));
+    EXPECT_EQ(std::string::npos, ctl("state").find("\"call\":"));
+
     const std::string top = "\"instance\":\"VQRMonitor - Top Instance\",\"altitude\":\"383350\"}";
     wchar_t instance[256] = {};
     EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"\\Device\\HarddiskVolume1", nullptr, sizeof instance, instance));
