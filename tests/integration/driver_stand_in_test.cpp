@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"
 #include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/process.h"
@@ -191,42 +192,38 @@ TEST_F(DriverStandIn, InjectedDenialArrivesInTheNotificationLayoutAndFeatureOffS
     EXPECT_GT(stop.message_id, first_id);
 }
 
-TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEvent) {
+TEST_F(DriverStandIn, OverlappedGetCompletesThroughItsEventOrIsCancelled) {
     HANDLE command = connect(vqr::command_port_name);
     HANDLE notify = connect(vqr::notify_port_name);
     ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, true)));
     std::vector<uint8_t> buffer = notification_buffer();
-    const DWORD size = static_cast<DWORD>(buffer.size());
     OVERLAPPED ov{};
-    ov.hEvent = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING), FilterGetMessage(notify, header_of(buffer), size, &ov));
-    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(ov.hEvent, 100));
-    ctl("inject 3 0 77 \\Device\\HarddiskVolume1\\a");
     DWORD bytes = 0;
-    EXPECT_TRUE(GetOverlappedResult(notify, &ov, &bytes, TRUE));
+    const auto get = [&](HANDLE event) {
+        ov = OVERLAPPED{};
+        ov.hEvent = event;
+        return FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), &ov);
+    };
+    mcl::mswin::unique_kernel_handle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING), get(event.get()));
+    EXPECT_EQ(static_cast<DWORD>(WAIT_TIMEOUT), WaitForSingleObject(event.get(), 100));
+    ctl("inject 3 0 77 \\Device\\HarddiskVolume1\\a");
+    EXPECT_EQ(static_cast<DWORD>(WAIT_OBJECT_0), WaitForSingleObject(event.get(), 30000));
+    EXPECT_TRUE(GetOverlappedResult(notify, &ov, &bytes, FALSE));
     EXPECT_EQ(vqr::notification::size, bytes);
     EXPECT_EQ(77u, vqr::get_u32(&buffer[24]));
-
-    // Cancelled with CancelIoEx, the pending get ends as an aborted operation.
-    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING), FilterGetMessage(notify, header_of(buffer), size, &ov));
-    EXPECT_TRUE(CancelIoEx(notify, nullptr));
-    EXPECT_FALSE(GetOverlappedResult(notify, &ov, &bytes, TRUE));
-    EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
-    CloseHandle(ov.hEvent);
-
-    // Without an event the port handle is signalled; cancelling that very OVERLAPPED ends it.
-    OVERLAPPED bare{};
-    ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING), FilterGetMessage(notify, header_of(buffer), size, &bare));
-    EXPECT_TRUE(CancelIoEx(notify, &bare));
-    EXPECT_FALSE(GetOverlappedResult(notify, &bare, &bytes, TRUE));
-    EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
-
+    // Cancelled with CancelIoEx (all of the port's I/O, or without an event that very
+    // OVERLAPPED), a pending get ends as an aborted operation.
+    for (HANDLE e : {event.get(), HANDLE(nullptr)}) {
+        ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING), get(e));
+        EXPECT_TRUE(CancelIoEx(notify, e != nullptr ? nullptr : &ov));
+        EXPECT_FALSE(GetOverlappedResult(notify, &ov, &bytes, TRUE));
+        EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
+    }
     // A message already queued completes the call at once.
     ctl("inject 3 0 78 \\Device\\HarddiskVolume1\\b");
-    bare = OVERLAPPED{};
-    ASSERT_EQ(S_OK, FilterGetMessage(notify, header_of(buffer), size, &bare));
-    EXPECT_TRUE(GetOverlappedResult(notify, &bare, &bytes, FALSE));
-    EXPECT_EQ(vqr::notification::size, bytes);
+    ASSERT_EQ(S_OK, get(nullptr));
+    EXPECT_TRUE(GetOverlappedResult(notify, &ov, &bytes, FALSE));
     EXPECT_EQ(78u, vqr::get_u32(&buffer[24]));
 }
 
@@ -333,21 +330,14 @@ TEST_F(DriverStandIn, AttachAndDetachNeedTheLoadDriverPrivilegeAndFollowTheServi
     EXPECT_NE(std::string::npos, ctl("state").find("\"volumes\":[{\"volume\":\"Z:\""));
 
     // An installer's instances replace the defaults.
-    HKEY key = nullptr;
-    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExW(HKEY_LOCAL_MACHINE,
-                                             L"system\\CurrentControlSet\\Services\\VQRMonitor\\Instances\\Test Instance", 0,
-                                             nullptr, 0, KEY_ALL_ACCESS, nullptr, &key, nullptr));
-    const wchar_t altitude[] = L"123456";
-    RegSetValueExW(key, L"Altitude", 0, REG_SZ, reinterpret_cast<const BYTE*>(altitude), sizeof altitude);
-    RegCloseKey(key);
-    const wchar_t name[] = L"Test Instance";
-    RegSetKeyValueW(HKEY_LOCAL_MACHINE, L"system\\CurrentControlSet\\Services\\VQRMonitor\\Instances", L"DefaultInstance",
-                    REG_SZ, name, sizeof name);
+    const std::string instances = "system\\CurrentControlSet\\Services\\VQRMonitor\\Instances";
+    ASSERT_TRUE(mcl::mswin::reg::write_string(instances + "\\Test Instance", "Altitude", "123456"));
+    ASSERT_TRUE(mcl::mswin::reg::write_string(instances, "DefaultInstance", "Test Instance"));
     EXPECT_EQ(S_OK, FilterAttach(vqr::filter_name, L"Y:", nullptr, sizeof instance, instance));
     EXPECT_STREQ(L"Test Instance", instance);
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
               FilterAttach(vqr::filter_name, L"Y:", L"VQRMonitor - Top Instance", sizeof instance, instance));
-    RegDeleteTreeW(HKEY_LOCAL_MACHINE, L"system\\CurrentControlSet\\Services\\VQRMonitor\\Instances");
+    mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, instances, nullptr);
     EXPECT_NE(std::string::npos, ctl("state").find("{\"volume\":\"Y:\",\"instance\":\"Test Instance\",\"altitude\":\"123456\"}"));
 }
 
