@@ -3,6 +3,7 @@
 #include "mcl/encoding.h"
 #include "service/message_ids.h"
 #include "tools/driver_sim/sim_channel.h"
+#include "tools/driver_sim/sim_client.h"
 
 namespace nv_test {
 
@@ -68,16 +69,7 @@ bool irp_client::query(const std::string& subscriber, std::vector<irp::record>& 
     return peer_.send(msg::query_irp_notification_data, payload, connection_, 30000) && read_records(payload, records);
 }
 
-bool sim_injector::open() {
-    for (int attempt = 0; attempt < 10 && !pipe_; ++attempt) {
-        pipe_.reset(CreateFileW(vqr::sim::pipe_name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-        if (!pipe_ && GetLastError() == ERROR_PIPE_BUSY) WaitNamedPipeW(vqr::sim::pipe_name, 1000);
-        else if (!pipe_) return false;
-    }
-    if (!pipe_) return false;
-    DWORD mode = PIPE_READMODE_MESSAGE;
-    return SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr) != FALSE;
-}
+bool sim_injector::open() { return vqr::sim::open_channel(pipe_) == ERROR_SUCCESS; }
 
 bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t pid, const std::wstring& file,
                           uint32_t& delivered) {
@@ -89,19 +81,9 @@ bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t 
     mcl::write_u32(request, pid);
     mcl::write_wstring(request, file);
     mcl::binary_t answer;
-    if (!transact(request, answer)) return false;
+    if (vqr::sim::exchange(pipe_.get(), request, answer) != ERROR_SUCCESS) return false;
     uint32_t hr = 0, pos = 0;
     return mcl::read_u32(hr, answer, pos) && mcl::read_u32(delivered, answer, pos) && hr == 0;
-}
-
-bool sim_injector::transact(const mcl::binary_t& request, mcl::binary_t& answer) {
-    std::vector<uint8_t> in(vqr::sim::max_message);
-    DWORD bytes = 0;
-    if (!WriteFile(pipe_.get(), request.data(), request.size(), &bytes, nullptr) ||
-        !ReadFile(pipe_.get(), in.data(), static_cast<DWORD>(in.size()), &bytes, nullptr))
-        return false;
-    answer.assign(in.data(), bytes);
-    return true;
 }
 
 }  // namespace nv_test

@@ -45,7 +45,6 @@ public:
                 uint32_t& delivered);
 
 private:
-    bool transact(const mcl::binary_t& request, mcl::binary_t& answer);
     mcl::mswin::unique_kernel_handle pipe_;
 };
 
