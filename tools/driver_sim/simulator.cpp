@@ -124,8 +124,10 @@ int simulator::run() {
                     GetOverlappedResult(pipe.get(), &ov, &ignored, TRUE);
                     break;
                 }
+                // The event is set: waiting reads the final status, where not waiting could
+                // still see the operation as incomplete and drop a client that is connected.
                 DWORD ignored = 0;
-                ok = GetOverlappedResult(pipe.get(), &ov, &ignored, FALSE) != FALSE;
+                ok = GetOverlappedResult(pipe.get(), &ov, &ignored, TRUE) != FALSE;
             } else {
                 ok = err == ERROR_PIPE_CONNECTED;  // otherwise the client left already
             }
