@@ -29,6 +29,17 @@ inline std::string json(const std::wstring& text) {
 
 inline std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
 
+// The bytes (hex) of every message the simulator journaled, in arrival order.
+inline std::vector<std::string> journal_bytes() {
+    const std::string journal = ctl("journal"), key = "\"bytes\":\"";
+    std::vector<std::string> out;
+    for (size_t at = journal.find(key); at != std::string::npos; at = journal.find(key, at)) {
+        at += key.size();
+        out.push_back(journal.substr(at, journal.find('"', at) - at));
+    }
+    return out;
+}
+
 inline size_t count_in(const std::string& text, const std::string& needle) {
     size_t n = 0;
     for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;

@@ -3,6 +3,7 @@
 #include "mcl/encoding.h"
 #include "service/message_ids.h"
 #include "tools/driver_sim/sim_channel.h"
+#include "tools/driver_sim/sim_client.h"
 
 namespace nv_test {
 
@@ -22,8 +23,8 @@ bool irp_client::connect(const char* service, int timeout_ms) {
     return true;
 }
 
-bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
-                           const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
+mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
+                                const std::string& path, uint8_t major, uint8_t minor, uint32_t type) {
     mcl::binary_t payload;
     mcl::write_byte(payload, unsubscribe ? 1 : 0);
     mcl::write_string(payload, subscriber);
@@ -32,6 +33,30 @@ bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, cons
     mcl::write_byte(payload, major);
     mcl::write_byte(payload, minor);
     mcl::write_u32(payload, type);
+    return payload;
+}
+
+bool read_records(const mcl::binary_t& reply, std::vector<irp::record>& records) {
+    uint32_t pos = 0;
+    return mcl::read_list(records, reply, pos,
+                          [](irp::record& r, const mcl::binary_t& in, uint32_t& p) {
+                              uint64_t pid = 0;
+                              const bool ok = mcl::read_u64(r.sequence, in, p) && mcl::read_u64(r.time, in, p) &&
+                                              mcl::read_string(r.file_path, in, p) &&
+                                              mcl::read_byte(r.major_function, in, p) &&
+                                              mcl::read_byte(r.minor_function, in, p) && mcl::read_u64(pid, in, p) &&
+                                              mcl::read_string(r.process_image, in, p) &&
+                                              mcl::read_string(r.process_description, in, p) &&
+                                              mcl::read_u32(r.type, in, p);  // the irpDenied flag
+                              r.process_id = static_cast<uint32_t>(pid);
+                              return ok && pid <= UINT32_MAX;
+                          }) &&
+           pos == reply.size();
+}
+
+bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
+                           const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
+    mcl::binary_t payload = subscribe_request(unsubscribe, subscriber, event_name, path, major, minor, type);
     if (!peer_.send(msg::subscribe_irp_notification, payload, connection_, 30000)) return false;
     uint32_t pos = 0;
     std::string message;
@@ -41,32 +66,10 @@ bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, cons
 bool irp_client::query(const std::string& subscriber, std::vector<irp::record>& records) {
     mcl::binary_t payload;
     mcl::write_string(payload, subscriber);
-    if (!peer_.send(msg::query_irp_notification_data, payload, connection_, 30000)) return false;
-    uint32_t pos = 0;
-    return mcl::read_list(records, payload, pos, [](irp::record& r, const mcl::binary_t& in, uint32_t& p) {
-        uint64_t pid = 0;
-        uint32_t denied = 0;
-        const bool ok = mcl::read_u64(r.sequence, in, p) && mcl::read_u64(r.time, in, p) &&
-                        mcl::read_string(r.file_path, in, p) && mcl::read_byte(r.major_function, in, p) &&
-                        mcl::read_byte(r.minor_function, in, p) && mcl::read_u64(pid, in, p) &&
-                        mcl::read_string(r.process_image, in, p) && mcl::read_string(r.process_description, in, p) &&
-                        mcl::read_u32(denied, in, p);
-        r.process_id = static_cast<uint32_t>(pid);
-        r.type = denied;
-        return ok;
-    });
+    return peer_.send(msg::query_irp_notification_data, payload, connection_, 30000) && read_records(payload, records);
 }
 
-bool sim_injector::open() {
-    for (int attempt = 0; attempt < 10 && !pipe_; ++attempt) {
-        pipe_.reset(CreateFileW(vqr::sim::pipe_name, GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-        if (!pipe_ && GetLastError() == ERROR_PIPE_BUSY) WaitNamedPipeW(vqr::sim::pipe_name, 1000);
-        else if (!pipe_) return false;
-    }
-    if (!pipe_) return false;
-    DWORD mode = PIPE_READMODE_MESSAGE;
-    return SetNamedPipeHandleState(pipe_.get(), &mode, nullptr, nullptr) != FALSE;
-}
+bool sim_injector::open() { return vqr::sim::open_channel(pipe_) == ERROR_SUCCESS; }
 
 bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t pid, const std::wstring& file,
                           uint32_t& delivered) {
@@ -78,26 +81,9 @@ bool sim_injector::inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t 
     mcl::write_u32(request, pid);
     mcl::write_wstring(request, file);
     mcl::binary_t answer;
-    if (!transact(request, answer)) return false;
+    if (vqr::sim::exchange(pipe_.get(), request, answer) != ERROR_SUCCESS) return false;
     uint32_t hr = 0, pos = 0;
     return mcl::read_u32(hr, answer, pos) && mcl::read_u32(delivered, answer, pos) && hr == 0;
-}
-
-bool sim_injector::journal(std::string& json) {
-    mcl::binary_t request, answer;
-    mcl::write_u32(request, vqr::sim::op::journal);
-    uint32_t pos = 0;
-    return transact(request, answer) && mcl::read_string(json, answer, pos);
-}
-
-bool sim_injector::transact(const mcl::binary_t& request, mcl::binary_t& answer) {
-    std::vector<uint8_t> in(vqr::sim::max_message);
-    DWORD bytes = 0;
-    if (!WriteFile(pipe_.get(), request.data(), request.size(), &bytes, nullptr) ||
-        !ReadFile(pipe_.get(), in.data(), static_cast<DWORD>(in.size()), &bytes, nullptr))
-        return false;
-    answer.assign(in.data(), bytes);
-    return true;
 }
 
 }  // namespace nv_test

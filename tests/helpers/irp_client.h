@@ -14,6 +14,12 @@
 
 namespace nv_test {
 
+// The 0x10000fa request, and the records of a 0x10000fb reply (false when it does not decode
+// to the end).
+mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
+                                const std::string& path, uint8_t major = 0xFF, uint8_t minor = 0xFF, uint32_t type = 0);
+bool read_records(const mcl::binary_t& reply, std::vector<irp::record>& records);
+
 class irp_client {
 public:
     irp_client() : peer_("nv_irp_subscriber", nullptr) {}
@@ -37,11 +43,8 @@ public:
     // An IRP-denied (or other `type`) notification; `delivered` is how many ports got it.
     bool inject(uint32_t type, uint8_t major, uint8_t minor, uint32_t pid, const std::wstring& file,
                 uint32_t& delivered);
-    // Every message the simulator received, as driver_ctl journal prints it.
-    bool journal(std::string& json);
 
 private:
-    bool transact(const mcl::binary_t& request, mcl::binary_t& answer);
     mcl::mswin::unique_kernel_handle pipe_;
 };
 

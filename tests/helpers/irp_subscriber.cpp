@@ -1,23 +1,17 @@
-// nv_irp_subscriber: plays a subscriber of IRP-denied notifications against the running service.
-//
-//   watch NAME EVENT PATH MAJOR MINOR TYPE WAIT_MS READY_FILE
-//       creates the named event, subscribes, writes its process id to READY_FILE, waits up to
-//       WAIT_MS for the event, then queries twice and prints both answers
+// nv_irp_subscriber: a subscriber of IRP-denied notifications against the running service.
+//   watch NAME EVENT PATH MAJOR MINOR TYPE WAIT_MS READY_FILE   creates EVENT, subscribes, writes
+//       its process id to READY_FILE, waits for EVENT, then queries twice and prints both answers
 //   subscribe NAME EVENT PATH MAJOR MINOR TYPE [remove]   one 0x10000fa; prints its result
 //   query NAME                                          one 0x10000fb; prints the records
-//   bound NAME EVENT COUNT
-//       subscribes NAME to c:\data\burst.txt and a marker subscriber to c:\data\marker.txt,
-//       injects COUNT denials on the first and then one on the marker straight into the
-//       simulator, waits for the marker's event (so the service has handled every one) and
-//       prints what NAME collects
-//
-// Numbers may be decimal or 0x-hex. Exit codes: 0 done, 1 usage, 2 no service, 3 a request or
-// an injection failed, 4 the event did not fire.
+//   bound NAME EVENT COUNT   subscribes NAME to c:\data\burst.txt and a marker subscriber to
+//       c:\data\marker.txt, injects COUNT denials on the first and then one on the marker, waits
+//       for the marker's event (every denial handled) and prints how many NAME collects
+// Numbers may be decimal or 0x-hex. Exit codes: 0 done, 1 usage, 2 no service, 3 a request or an
+// injection failed, 4 the event did not fire.
 #include <windows.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <vector>
 
@@ -25,8 +19,6 @@
 #include "tests/helpers/irp_client.h"
 
 namespace {
-
-constexpr const char* service_name = "norvale_halvern_svc";
 
 void print_records(const char* label, const std::vector<irp::record>& records) {
     printf("%s: %u\n", label, static_cast<unsigned>(records.size()));
@@ -36,77 +28,63 @@ void print_records(const char* label, const std::vector<irp::record>& records) {
                r.process_id, r.process_image.c_str(), r.process_description.c_str(), r.type);
 }
 
-unsigned long number(const char* text) { return strtoul(text, nullptr, 0); }
+uint8_t byte(const char* text) { return static_cast<uint8_t>(strtoul(text, nullptr, 0)); }
 
 int subscribe(nv_test::irp_client& client, char** a, bool remove) {
     uint8_t result = 0;
-    if (!client.subscribe(remove, a[0], a[1], a[2], static_cast<uint8_t>(number(a[3])),
-                          static_cast<uint8_t>(number(a[4])), static_cast<uint32_t>(number(a[5])), result))
-        return 3;
+    if (!client.subscribe(remove, a[0], a[1], a[2], byte(a[3]), byte(a[4]), strtoul(a[5], nullptr, 0), result)) return 3;
     printf("subscribe: %u\n", result);
     return 0;
 }
 
 int watch(nv_test::irp_client& client, char** a) {
     mcl::event event;
-    if (event.create(a[1]) != 0) return 3;
-    HANDLE auto_reset = event.get();
-    if (subscribe(client, a, false) != 0) return 3;
+    if (event.create(a[1]) != 0 || subscribe(client, a, false) != 0) return 3;
     fflush(stdout);
     FILE* ready = fopen(a[7], "w");
     if (ready == nullptr) return 3;
     fprintf(ready, "%lu\n", GetCurrentProcessId());
     fclose(ready);
-    const bool fired = WaitForSingleObject(auto_reset, static_cast<DWORD>(number(a[6]))) == WAIT_OBJECT_0;
+    const bool fired = WaitForSingleObject(event.get(), strtoul(a[6], nullptr, 0)) == WAIT_OBJECT_0;
     printf("event: %s\n", fired ? "fired" : "timeout");
     std::vector<irp::record> records;
-    if (!client.query(a[0], records)) return 3;
-    print_records("first query", records);
-    if (!client.query(a[0], records)) return 3;
-    print_records("second query", records);
+    for (const char* label : {"first query", "second query"}) {
+        if (!client.query(a[0], records)) return 3;
+        print_records(label, records);
+    }
     return fired ? 0 : 4;
 }
 
 int bound(nv_test::irp_client& client, char** a) {
-    const std::string name = a[0];
-    const std::string marker = name + "_marker";
+    const std::string name = a[0], marker = name + "_marker", marker_event_name = std::string(a[1]) + "_marker";
     mcl::event event, marker_event;
-    const std::string marker_event_name = std::string(a[1]) + "_marker";
-    if (event.create(a[1]) != 0 || marker_event.create(marker_event_name.c_str()) != 0) return 3;
     uint8_t result = 0;
-    if (!client.subscribe(false, name, a[1], "C:\\data\\burst.txt", 0xFF, 0xFF, 0, result) || result != 1) return 3;
-    if (!client.subscribe(false, marker, marker_event_name, "C:\\data\\marker.txt", 0xFF, 0xFF, 0, result) ||
-        result != 1)
-        return 3;
     nv_test::sim_injector sim;
-    if (!sim.open()) return 3;
-    const unsigned long count = number(a[2]);
-    uint32_t delivered = 0;
-    for (unsigned long i = 0; i < count; ++i)
-        if (!sim.inject(1, 3, 0, GetCurrentProcessId(), L"\\Device\\HarddiskVolume1\\data\\burst.txt", delivered))
-            return 3;
-    if (!sim.inject(1, 3, 0, GetCurrentProcessId(), L"\\Device\\HarddiskVolume1\\data\\marker.txt", delivered))
+    if (event.create(a[1]) != 0 || marker_event.create(marker_event_name.c_str()) != 0 ||
+        !client.subscribe(false, name, a[1], "C:\\data\\burst.txt", 0xFF, 0xFF, 0, result) || result != 1 ||
+        !client.subscribe(false, marker, marker_event_name, "C:\\data\\marker.txt", 0xFF, 0xFF, 0, result) ||
+        result != 1 || !sim.open())
         return 3;
+    uint32_t delivered = 0;
+    for (unsigned long i = 0, count = strtoul(a[2], nullptr, 0); i <= count; ++i)
+        if (!sim.inject(1, 3, 0, GetCurrentProcessId(),
+                        i < count ? L"\\Device\\HarddiskVolume1\\data\\burst.txt" : L"\\Device\\HarddiskVolume1\\data\\marker.txt",
+                        delivered))
+            return 3;
     if (WaitForSingleObject(marker_event.get(), 120000) != WAIT_OBJECT_0) return 4;
     std::vector<irp::record> records;
     if (!client.query(name, records)) return 3;
-    printf("injected: %lu\ncollected: %u\n", count, static_cast<unsigned>(records.size()));
-    if (!records.empty())
-        printf("first: %llu\nlast: %llu\n", static_cast<unsigned long long>(records.front().sequence),
-               static_cast<unsigned long long>(records.back().sequence));
+    printf("collected: %u\n", static_cast<unsigned>(records.size()));
     return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 3) {
-        fprintf(stderr, "usage: nv_irp_subscriber watch|subscribe|query|bound ...\n");
-        return 1;
-    }
-    const std::string mode = argv[1];
+    const std::string mode = argc > 1 ? argv[1] : "";
     nv_test::irp_client client;
-    if (!client.connect(service_name, 10000)) {
+    if (argc < 3) return 1;
+    if (!client.connect("norvale_halvern_svc", 10000)) {
         fprintf(stderr, "nv_irp_subscriber: no service\n");
         return 2;
     }

@@ -5,7 +5,11 @@
 //   driver_ctl inject MAJOR MINOR PID FILE [TYPE]
 //                                             an IRP-denied notification (type 1 unless given)
 //                                             to the notification clients; prints {"delivered":n}
+//   driver_ctl inject-raw HEX                 one notification of exactly these bytes (header
+//                                             included); prints {"delivered":n}
 //   driver_ctl unload | load | reset | quit
+//   driver_ctl unload-on-send                 the driver unloads as the next command message
+//                                             arrives, failing that send with 0x80070006
 //   driver_ctl stop-message on|off            whether the driver sends the stop message when
 //                                             feature 16 goes off and when it unloads (on after
 //                                             reset)
@@ -34,7 +38,7 @@ namespace op = vqr::sim::op;
 int usage() {
     fprintf(stderr,
             "usage: driver_ctl state | journal | inject MAJOR MINOR PID FILE [TYPE] | unload | load | reset | quit"
-            " | stop-message on|off | wait-ready [MS]\n");
+            " | inject-raw HEX | unload-on-send | stop-message on|off | wait-ready [MS]\n");
     return 2;
 }
 
@@ -92,6 +96,22 @@ int inject(int argc, wchar_t** argv) {
     return delivered > 0 ? 0 : 3;
 }
 
+int inject_raw(int argc, wchar_t** argv) {
+    if (argc < 3 || wcslen(argv[2]) % 2 != 0) return usage();
+    mcl::binary_t request, answer;
+    mcl::write_u32(request, op::inject_raw);
+    for (const wchar_t* p = argv[2]; *p != L'\0'; p += 2) {
+        const wchar_t pair[3] = {p[0], p[1], L'\0'};
+        const uint8_t byte = static_cast<uint8_t>(wcstoul(pair, nullptr, 16));
+        request.append(&byte, 1);
+    }
+    uint32_t hr = 0, delivered = 0, pos = 0;
+    if (!transact(request, answer) || !mcl::read_u32(hr, answer, pos) || !mcl::read_u32(delivered, answer, pos) || hr != 0)
+        return 1;
+    printf("{\"delivered\":%u}\n", delivered);
+    return delivered > 0 ? 0 : 3;
+}
+
 int stop_message(int argc, wchar_t** argv) {
     if (argc < 3 || (wcscmp(argv[2], L"on") != 0 && wcscmp(argv[2], L"off") != 0)) return usage();
     mcl::binary_t request, answer;
@@ -125,10 +145,12 @@ int main() {
         {L"state", [](int, wchar_t**) { return print_text(op::state); }},
         {L"journal", [](int, wchar_t**) { return print_text(op::journal); }},
         {L"inject", inject},
+        {L"inject-raw", inject_raw},
         {L"unload", [](int, wchar_t**) { return simple(op::unload); }},
         {L"load", [](int, wchar_t**) { return simple(op::load); }},
         {L"reset", [](int, wchar_t**) { return simple(op::reset); }},
         {L"quit", [](int, wchar_t**) { return simple(op::quit); }},
+        {L"unload-on-send", [](int, wchar_t**) { return simple(op::unload_on_send); }},
         {L"stop-message", stop_message},
         {L"wait-ready", wait_ready},
     };

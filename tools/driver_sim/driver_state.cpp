@@ -200,6 +200,7 @@ void driver_state::reset() {
     forget_rules();
     loaded_ = true;
     stop_message_ = true;
+    unload_on_send_ = false;
     journal_.clear();
     filter_calls_.clear();
     malformed_ = 0;

@@ -61,6 +61,10 @@ public:
     // (on after reset). Off, a waiting receiver sees its wait fail at unload or must cancel it.
     bool stop_message() const { return stop_message_; }
     void set_stop_message(bool on) { stop_message_ = on; }
+    // Whether the next command-port message finds the driver going away (off after reset); true
+    // once, when it does.
+    void set_unload_on_send(bool on) { unload_on_send_ = on; }
+    bool take_unload_on_send() { return std::exchange(unload_on_send_, false); }
 
     bool feature(uint32_t code) const;
     uint64_t next_message_id() { return ++last_message_id_; }
@@ -105,6 +109,7 @@ private:
     std::vector<attached> volumes_;  // in attach order
     instances_config instances_ = default_instances();
     bool stop_message_ = true;
+    bool unload_on_send_ = false;
     std::vector<journal_entry> journal_;
     std::vector<filter_call> filter_calls_;
     uint64_t malformed_ = 0;

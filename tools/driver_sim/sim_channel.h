@@ -45,6 +45,8 @@ inline constexpr uint32_t load = 20;          // -> hr
 inline constexpr uint32_t reset = 21;         // -> hr
 inline constexpr uint32_t quit = 22;          // -> hr, then the simulator ends
 inline constexpr uint32_t stop_message = 23;  // u32 on: the stop message at feature 16 off and at unload -> hr
+inline constexpr uint32_t inject_raw = 25;      // bytes: one notification exactly as given -> hr, u32 delivered
+inline constexpr uint32_t unload_on_send = 24;  // the driver unloads as the next command message arrives -> hr
 }  // namespace op
 
 }  // namespace vqr::sim

@@ -124,8 +124,10 @@ int simulator::run() {
                     GetOverlappedResult(pipe.get(), &ov, &ignored, TRUE);
                     break;
                 }
+                // The event is set: waiting reads the final status, where not waiting could
+                // still see the operation as incomplete and drop a client that is connected.
                 DWORD ignored = 0;
-                ok = GetOverlappedResult(pipe.get(), &ov, &ignored, FALSE) != FALSE;
+                ok = GetOverlappedResult(pipe.get(), &ov, &ignored, TRUE) != FALSE;
             } else {
                 ok = err == ERROR_PIPE_CONNECTED;  // otherwise the client left already
             }
@@ -240,6 +242,13 @@ bool simulator::handle_port_request(connection& c, uint32_t op, const mcl::binar
                 write_hr(reply, hr_invalid_parameter);
                 return false;
             }
+            if (c.kind == role::command_port && state_.take_unload_on_send()) {
+                // The driver goes away under a message in flight: the send fails, the ports go.
+                state_.set_loaded(false);
+                unload_locked(after);
+                write_hr(reply, hr_unloaded);
+                return false;
+            }
             const uint8_t* data = request.data() + pos;
             const size_t size = request.size() - pos;
             const port_kind port = c.kind == role::command_port ? port_kind::command : port_kind::notify;
@@ -322,6 +331,22 @@ bool simulator::handle_control_request(uint32_t op, const mcl::binary_t& request
             after.reply_delivered = true;
             return true;
         }
+        case op::inject_raw: {
+            // A notification that breaks the layout, as a faulty driver would send it.
+            const std::vector<uint8_t> bytes(request.data() + pos, request.data() + request.size());
+            if (bytes.empty() || bytes.size() > notification::size) {
+                write_hr(reply, hr_invalid_parameter);
+                mcl::write_u32(reply, 0);
+                return true;
+            }
+            if (state_.loaded() && state_.feature(code::feature_irp_notify)) {
+                for (const auto& c : connections_)
+                    if (c->kind == role::notify_port && !c->gone) after.notifications.emplace_back(c, bytes);
+            }
+            write_hr(reply, hr_ok);
+            after.reply_delivered = true;
+            return true;
+        }
         case op::unload:
             if (state_.loaded()) {
                 state_.set_loaded(false);
@@ -335,6 +360,10 @@ bool simulator::handle_control_request(uint32_t op, const mcl::binary_t& request
             return true;
         case op::reset:
             state_.reset();
+            write_hr(reply, hr_ok);
+            return true;
+        case op::unload_on_send:
+            state_.set_unload_on_send(true);
             write_hr(reply, hr_ok);
             return true;
         case op::stop_message: {
