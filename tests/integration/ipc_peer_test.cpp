@@ -405,6 +405,9 @@ TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImageAndWhoMadePipesBeforeI
     nv_test::server_process squatter;
     client probe;  // the squatter listens once this gets through
     ASSERT_TRUE(probe.connect(squatter.name()));
+    // The squatter makes its next pair once it has settled the probe's: wait until both pipes are free.
+    for (const char* suffix : {"_INBOND", "_OUTBOUND"})
+        ASSERT_TRUE(WaitNamedPipeA(("\\\\.\\pipe\\" + squatter.name() + suffix).c_str(), 30000)) << GetLastError();
     nv_test::log_capture log;
     mcl::event stop;
     ASSERT_TRUE(stop.create_unnamed());
