@@ -45,12 +45,6 @@ driver_count() { driver_state | jq -r .messages; }
 recorded() { grep -a -F -- "$1	$2	" "$journal" | tail -n 1 | cut -f 3-; }
 recorded_count() { grep -a -c -F -- "$1	$2	" "$journal"; }
 
-svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing
-wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
-    for _ in $(seq 1 "${3:-150}"); do [ "$(svc_state "$1")" = "$2" ] && return 0; sleep 0.2; done
-    fail "$1: state $(svc_state "$1"), want $2"
-    return 1
-}
 # Once the service answers, its start-up has protected its own registry keys. Wine's tokens carry
 # no service SID, so the running service could no longer write its own records there, as it does
 # on Windows through its service SID: the test stands in for that SID (Administrators, which every
@@ -58,19 +52,11 @@ wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
 start_service() {
     run "$exe" -s start
     wait_svc_state $svc 0
-    for _ in $(seq 1 100); do
-        if run "$client" send 100000a; [ "$rc" = 0 ]; then
-            run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
-            return 0
-        fi
-        sleep 0.2
-    done
-    fail "the service does not answer"
+    poll 100 0.2 'run "$client" send 100000a; [ "$rc" = 0 ]' || { fail "the service does not answer"; return; }
+    run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 }
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
-# wait_for CONDITION: evaluates the shell condition every 0.2 s, up to 30 s.
-wait_for() { for _ in $(seq 1 150); do eval "$1" && return 0; sleep 0.2; done; return 1; }
 
 # The service installed from C:\nv with the object-security recorder journalling to $journal.
 install_with_recorder() {
@@ -85,7 +71,6 @@ install_test_service() {
 }
 pid_of() { tr -d '\r' <"$drive_c/prot/$1/$2.pid" 2>/dev/null; }  # FOLDER NAME: as the test service wrote it
 wait_new_pid() {  # FOLDER NAME OLD: until the service's process is another than OLD (60 s)
-    local pid
-    for _ in $(seq 1 3000); do pid=$(pid_of "$1" "$2"); [ "${pid:-0}" != 0 ] && [ "$pid" != "$3" ] && return 0; sleep 0.02; done
-    return 1
+    local folder=$1 name=$2 old=$3 pid
+    poll 3000 0.02 'pid=$(pid_of "$folder" "$name"); [ "${pid:-0}" != 0 ] && [ "$pid" != "$old" ]'
 }

@@ -111,7 +111,7 @@ echo "killed service running again after $(awk -v a="$t0" -v b="$(date +%s.%N)" 
 mark
 rm -f "$drive_c/prot/fragile/nv_test_service.exe"
 run taskkill /F /PID "$(pid_of fragile nv_fragile)"
-wait_for '[ "$(log_count "retrying start service nv_fragile... without process protection")" -ge 1 ] && [ "$(sent | wc -l)" -ge 2 ]' ||
+poll 150 0.2 '[ "$(log_count "retrying start service nv_fragile... without process protection")" -ge 1 ] && [ "$(sent | wc -l)" -ge 2 ]' ||
     fail "no retry without process protection"
 expect_eq "image rule lifted for the retry, then sent again" "$(msgs "2 command C:\\prot\\fragile\\nv_test_service.exe" "1 command C:\\prot\\fragile\\nv_test_service.exe")" "$(sent | head -n 2)"
 # That pass went over the whole list: a service stopped when protected is not on it.
@@ -258,7 +258,7 @@ run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v serv /t R
 run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v fold /t REG_SZ /d 'C:\prot\stubborn' /f
 lines=$(wc -l <"$journal")
 run "$exe" -s start
-wait_for '[ "$(log_count "Emergency options have been handled")" = 1 ]' && wait_svc_state $svc 252 || fail "no emergency start"
+poll 150 0.2 '[ "$(log_count "Emergency options have been handled")" = 1 ]' && wait_svc_state $svc 252 || fail "no emergency start"
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_service" || fail "serv: service DACL reset"
 expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"

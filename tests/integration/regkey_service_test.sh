@@ -60,9 +60,8 @@ protected_sddl() {  # LEVEL SID...: the protected form of Wine's default key DAC
 own_sid=$(service_sid $svc) owner_sid=$(service_sid nv_owner_a) extra_sid=$(service_sid nv_extra)
 # Every start protects the own keys; the test then stands in for the service SID on the record key.
 start() {
-    for _ in $(seq 1 60); do run "$exe" -s start && [ "$rc" = 0 ] && break; sleep 1; done  # a killed one may linger
-    [ "$rc" = 0 ] || fail "start: $(cat "$out")"
-    for _ in $(seq 1 100); do run "$client" send 100000a && [ "$rc" = 0 ] && break; sleep 0.2; done
+    poll 60 1 'run "$exe" -s start; [ "$rc" = 0 ]' || fail "start: $(cat "$out")"  # a killed one may linger
+    poll 100 0.2 'run "$client" send 100000a; [ "$rc" = 0 ]'
     run "$probe" grant "$persist"
     tree_is "own keys protected at start" "$(protected_sddl 1 "$own_sid")" "${own_keys[@]:0:4}"
 }
@@ -175,7 +174,7 @@ echo "== an original DACL that cannot be written back: answered 0, the key stays
 # Owned by SYSTEM, the protected key grants nobody here the right to write its DACL.
 wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 &
 locker=$!
-for _ in $(seq 1 150); do grep -q locked "$work/lock.txt" && break; sleep 0.2; done
+poll 150 0.2 'grep -q locked "$work/lock.txt"'
 protect 0100 "1|$hklm|$t\\Locked|nv_owner_a|1|"
 removed=$(rule_count 13)
 protect 0000 "0|$hklm|$t\\Locked|nv_owner_a|1|"

@@ -27,7 +27,8 @@ svc=norvale_halvern_svc
 # own kept up, and Wine's own services started detached from the test's output.
 new_prefix() {
     local dest=$work/prefix${1:+-$1}
-    WINEPREFIX=$base_prefix bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" clone "$dest"
+    rm -rf "$dest"
+    cp -a "$base_prefix" "$dest"
     export WINEPREFIX=$dest
     wineserver -p </dev/null >/dev/null 2>&1
     wine cmd /c exit </dev/null >/dev/null 2>&1
@@ -76,20 +77,15 @@ expect() {
 expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
 # log_lines PATTERN: how many debug log lines match the (basic) regular expression.
 log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
-# state: exit code of -c for the service (0 running, 252 stopped, 251 missing)
-state() {
-    run "$exe" -c $svc
-    echo "$rc"
-}
-wait_state() {  # wait_state WANT [TRIES of 0.2 s]
-    local want=$1 tries=${2:-150}
-    for _ in $(seq 1 "$tries"); do
-        [ "$(state)" = "$want" ] && return 0
-        sleep 0.2
-    done
-    fail "service state $(state), want $want"
+svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing
+wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
+    local name=$1 want=$2
+    poll "${3:-150}" 0.2 '[ "$(svc_state "$name")" = "$want" ]' && return 0
+    fail "$name: state $(svc_state "$name"), want $want"
     return 1
 }
+state() { svc_state $svc; }  # of this product's service
+wait_state() { wait_svc_state $svc "$@"; }  # wait_state WANT [TRIES of 0.2 s]
 # finish WHAT [LOG-LINES]: with failures, the debug log (its last LOG-LINES lines) and exit 1.
 finish() {
     if [ "$failures" -ne 0 ]; then

@@ -2,8 +2,7 @@
 # Prepares or ends the Wine prefix of a test run.
 #   prefix.sh create   fresh prefix at $WINEPREFIX, persistent wineserver
 #   prefix.sh stop     ends the wineserver (and with it every process of the prefix)
-#   prefix.sh clone D  copies $WINEPREFIX to D for a test that needs a prefix of its own
-#   prefix.sh sim      starts the driver simulator in $WINEPREFIX (create does this; a clone
+#   prefix.sh sim      starts the driver simulator in $WINEPREFIX (create does this; a copy
 #                      runs under its own wineserver and needs its own)
 set -euo pipefail
 : "${WINEPREFIX:?WINEPREFIX must be set}"
@@ -46,13 +45,8 @@ case "${1:-}" in
   sim)
     start_simulator
     ;;
-  clone)
-    dest=${2:?destination}
-    rm -rf "$dest"
-    cp -a "$WINEPREFIX" "$dest"
-    ;;
   *)
-    echo "usage: prefix.sh create|stop|sim|clone DEST" >&2
+    echo "usage: prefix.sh create|stop|sim" >&2
     exit 2
     ;;
 esac
