@@ -5,40 +5,12 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <vector>
 
-#include "mcl/encoding.h"
 #include "service/message_ids.h"
 #include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
 
 namespace {
-
-// A connection that is in no peer's list: disconnect leaves the peer as it was.
-mcl::share_ptr<mcl::ipc_connection> test_connection(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
-mcl::ipc_connection* const conn = test_connection.get();
-
-std::vector<unsigned char> bytes(const mcl::binary_t& b) { return {b.data(), b.data() + b.size()}; }
-
-mcl::binary_t payload_of(std::vector<unsigned char> v) {
-    mcl::binary_t b;
-    b.append(v.data(), static_cast<uint32_t>(v.size()));
-    return b;
-}
-
-TEST(RequestDispatch, UnknownIdentifiersAreLoggedAndEchoed) {
-    const uint32_t unknown[] = {0x10000fc, 0xFFFFFF, 0, 0x100000d, 0x1000064, 0x100006a, 0x10000c8, 0x10000d3,
-                                0x10000f9, 0x2000009, 0xFFFFFFFF};
-    chelperservice::helper_msg_handler& handler = chelperservice::instance().msg_handler();
-    for (uint32_t id : unknown) {
-        nv_test::log_capture log;
-        mcl::binary_t payload = payload_of({1, 2, 3});
-        EXPECT_EQ(1, handler(conn, id, payload)) << std::hex << id;
-        EXPECT_EQ((std::vector<unsigned char>{1, 2, 3}), bytes(payload)) << std::hex << id;
-        char line[96];
-        snprintf(line, sizeof(line), "] - Unknow mc::ipc message %X, ignored", id);
-        EXPECT_TRUE(log.contains(line)) << log.text();
-    }
-}
 
 TEST(RequestDispatch, EachStateChangingRequestWritesOneAuditLineNamingTheClient) {
     // A listening connection whose client is this process.
@@ -96,6 +68,43 @@ TEST(RequestDispatch, EachStateChangingRequestWritesOneAuditLineNamingTheClient)
         EXPECT_EQ(1, handler(server.get(), id, payload)) << std::hex << id;
         EXPECT_FALSE(log.contains("Audit: ")) << std::hex << id << "\n" << log.text();
     }
+}
+
+TEST(ImageFolder, PathsAndCommandLines) {
+    struct {
+        const wchar_t* in;
+        const wchar_t* want;
+    } cases[] = {
+        {L"C:\\Program Files\\App\\app.exe", L"C:\\Program Files\\App"},
+        {L"\"C:\\Program Files\\App\\app.exe\" -k netsvcs", L"C:\\Program Files\\App"},
+        {L"\"\\\\server\\share\\app.exe\" -x", L"\\\\server\\share"},
+        {L"junk before C:\\A\\b.exe", L"C:\\A"},
+        {L"C:\\app.exe", L"C:"},
+        {L"app.exe", L"app.exe"},
+        {L"", L""},
+    };
+    for (const auto& c : cases) EXPECT_EQ(chelperservice::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
+}
+
+TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
+    char temp[MAX_PATH] = {};
+    ASSERT_NE(GetTempPathA(MAX_PATH, temp), 0u);
+    const std::string copy = std::string(temp) + nv_test::unique_name("nv_kill_") + ".exe";
+    const std::string original = nv_test::bin_dir() + "nv_test_helper.exe";
+    ASSERT_TRUE(CopyFileA(original.c_str(), copy.c_str(), FALSE));
+    auto hold = [](const std::string& exe) {
+        return nv_test::start("\"" + exe + "\" hold-mutex " + nv_test::unique_name("Global\\nv_kill_") + " 60000 none");
+    };
+    nv_test::child a = hold(copy), b = hold(copy), other = hold(original);
+    Sleep(500);
+    std::string upper = copy;
+    CharUpperBuffA(&upper[0], static_cast<DWORD>(upper.size()));
+    chelperservice::killProcessByPath(upper);  // the comparison ignores case
+    EXPECT_EQ(a.wait(10000), 9u);
+    EXPECT_EQ(b.wait(10000), 9u);
+    EXPECT_EQ(other.wait(0), static_cast<DWORD>(STILL_ACTIVE));
+    other.kill();
+    DeleteFileA(copy.c_str());
 }
 
 }  // namespace
