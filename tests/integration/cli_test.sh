@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The one-shot options as a user sees them: output bytes and process exit codes
-# (a Windows exit code of -2 reaches the Linux shell as 254, -3 as 253 and so on).
+# (a Windows exit code of -2 reaches the Linux shell as 254, -3 as 253 and so on); then the
+# recovery_code tool: usage errors, key generation and codes made from the test key.
 . "$(dirname "$0")/service_prefix.sh"
 
 # A private copy of the program, so its debug log is this test's own.
@@ -19,6 +20,12 @@ check() {
   elif [ -s "$out" ]; then fail "output of [$2]: $(head -c 200 "$out")"; fi
 }
 
+# A disabled service for -c (sc may fail on a loaded machine: try again); service_test has a stopped one.
+for _ in 1 2 3; do
+  wine sc create nvcli_disabled binPath= 'C:\windows\system32\notepad.exe' start= disabled </dev/null >/dev/null 2>&1
+  wine sc query nvcli_disabled </dev/null >/dev/null 2>&1 && break
+  sleep 1
+done
 while read -r want args; do check "$exe" "$args" "$want" usage; done <<'CASES'
 0   -h
 0   -H
@@ -36,24 +43,14 @@ while read -r want args; do check "$exe" "$args" "$want" empty; done <<'CASES'
 251 -c no_such_service_here
 0   -c RpcSs
 0   -C rpcss
+253 -c nvcli_disabled
 254 -proxy_task
 254 -proxy_task no_such_task
 254 -proxy_task hvs_folder_repair
 254 -PROXY_TASK HVS_FOLDER_REPAIR
 0   -proxy_task hvs_unchange
 CASES
-
-# A stopped and a disabled service (sc may fail on a loaded machine: try again).
-for row in "252 nvcli_stopped_$$" "253 nvcli_disabled_$$ start= disabled"; do
-  read -r want name options <<<"$row"
-  for _ in 1 2 3; do
-    wine sc create "$name" binPath= 'C:\windows\system32\notepad.exe' $options </dev/null >/dev/null 2>&1
-    wine sc query "$name" </dev/null >/dev/null 2>&1 && break
-    sleep 1
-  done
-  check "$exe" "-c $name" "$want" empty
-  wine sc delete "$name" </dev/null >/dev/null 2>&1
-done
+wine sc delete nvcli_disabled </dev/null >/dev/null 2>&1
 
 # Folder repair never leaves a task log; the other tasks copy the debug log whatever their result.
 [ ! -e "$dir/hvs_folder_repair.log" ] && [ ! -e "$dir/hvs_install.log" ] || fail "unexpected task log"
@@ -70,5 +67,33 @@ mkdir -p "$deep"
 cp "$exe" "$deep/"
 check "$deep/NorvaleHalvernService.exe" -h 0 usage
 [ ! -e "$deep/nvhalvernservice.debug.log" ] || fail "a log was written despite the long path"
+
+tool=$NV_BIN_DIR/recovery_code.exe
+win() { local p=${1//\//\\}; printf 'Z:%s' "$p"; }  # Z: maps the Linux root
+key=$(win "$NV_SOURCE_DIR/tests/data/recovery_test_key.priv.hex")
+guid=19487ca1-b523-4f5c-99a0-5e2aba76551a
+
+run "$tool"
+expect "no arguments" 2
+run "$tool" make "$key" "$guid" 2099-12-31
+expect "bad date" 2
+run "$tool" make "$(win "$work/missing.hex")" "$guid" 20991231
+expect "missing key" 1
+
+run "$tool" make "$key" "$guid" 20991231
+expect "make" 0
+grep -Eq '^20991231-[0-9A-F]{512}$' "$out" || fail "code format: $(cat "$out")"
+first=$(cat "$out")
+run "$tool" make "$key" "$guid" 20991231
+expect_eq "the same input makes the same code" "$first" "$(cat "$out")"
+run "$tool" make "$key" "${guid^^}" 20991231
+expect_eq "the machine id is taken in any case" "$first" "$(cat "$out")"
+
+run "$tool" keygen "$(win "$work/new.priv")" "$(win "$work/new.pub")"
+expect "keygen" 0
+grep -Eq '^[0-9A-F]+$' "$work/new.pub" || fail "public key file is hex"
+run "$tool" make "$(win "$work/new.priv")" "$guid" 20991231
+expect "a new key" 0
+[ "$first" != "$(cat "$out")" ] || fail "a new key makes other codes"
 
 finish cli 40
