@@ -11,22 +11,13 @@ service_double::service_double(const char* name) : mcl::ipc_peer(name, &handler_
 
 service_double::~service_double() {
     stop_.set();
-    if (accept_thread_ != nullptr) {
-        WaitForSingleObject(accept_thread_, INFINITE);
-        CloseHandle(accept_thread_);
-    }
+    if (accept_thread_.joinable()) accept_thread_.join();
     close();
 }
 
 bool service_double::start_listening() {
-    accept_thread_ = CreateThread(nullptr, 0, &accept_main, this, 0, nullptr);
-    return accept_thread_ != nullptr;
-}
-
-DWORD WINAPI service_double::accept_main(void* self) {
-    auto* double_ = static_cast<service_double*>(self);
-    double_->serve_until(double_->stop_.get());
-    return 0;
+    accept_thread_ = std::thread([this] { serve_until(stop_.get()); });
+    return true;
 }
 
 void service_double::set_protocol(uint32_t version) {

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <map>
+#include <thread>
 #include <vector>
 
 #include "mcl/buffer.h"
@@ -48,15 +49,13 @@ private:
     private:
         service_double* owner_;
     };
-    static DWORD WINAPI accept_main(void* self);
-
     handler handler_;
     mcl::lock lock_;
     std::vector<recorded_request> received_;
     std::map<uint32_t, mcl::binary_t> replies_;
     uint32_t protocol_ = 5;
     mcl::event stop_;
-    HANDLE accept_thread_ = nullptr;
+    std::thread accept_thread_;
 };
 
 }  // namespace nv_test

@@ -26,13 +26,6 @@ void record(const nv_test::recorded_request& r) {
     fflush(g_record);
 }
 
-bool parse_hex(const char* text, mcl::binary_t& out) {
-    std::vector<unsigned char> bytes;
-    if (!nv_tools::from_hex(text, bytes)) return false;
-    out.append(bytes.data(), static_cast<uint32_t>(bytes.size()));
-    return true;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -45,10 +38,11 @@ int main(int argc, char** argv) {
         if (strcmp(argv[i], "--protocol") == 0 && i + 1 < argc) {
             service.set_protocol(static_cast<uint32_t>(strtoul(argv[++i], nullptr, 10)));
         } else if (strcmp(argv[i], "--reply") == 0 && i + 2 < argc) {
+            std::vector<unsigned char> bytes;
+            if (strcmp(argv[i + 2], "-") != 0 && !nv_tools::from_hex(argv[i + 2], bytes)) return 2;
             mcl::binary_t reply;
-            const uint32_t id = static_cast<uint32_t>(strtoul(argv[i + 1], nullptr, 16));
-            if (strcmp(argv[i + 2], "-") != 0 && !parse_hex(argv[i + 2], reply)) return 2;
-            service.set_reply(id, reply);
+            reply.append(bytes.data(), static_cast<uint32_t>(bytes.size()));
+            service.set_reply(static_cast<uint32_t>(strtoul(argv[i + 1], nullptr, 16)), reply);
             i += 2;
         } else {
             return 2;

@@ -13,23 +13,20 @@
 #include <cstring>
 
 int main(int argc, char** argv) {
-    if (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0) {
+    const bool abandon = argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0;
+    if (abandon || (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0)) {
         HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
         if (m == nullptr) return 2;
-        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[4]);
+        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[abandon ? 3 : 4]);
         if (ready != nullptr) SetEvent(ready);
+        if (abandon) {
+            Sleep(300);
+            ExitProcess(0);  // the mutex is abandoned
+        }
         Sleep(static_cast<DWORD>(atoi(argv[3])));
         ReleaseMutex(m);
         CloseHandle(m);
         return 0;
-    }
-    if (argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0) {
-        HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
-        if (m == nullptr) return 2;
-        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[3]);
-        if (ready != nullptr) SetEvent(ready);
-        Sleep(300);
-        ExitProcess(0);  // the mutex is abandoned
     }
     if (argc >= 4 && strcmp(argv[1], "wait-event") == 0) {
         // Creates the named event, says "ready", and waits for it: "fired" (0) or "timeout" (4).
