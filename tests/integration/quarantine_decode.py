@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Decodes a quarantine archive with independent tools: libmcrypt's rijndael-256 (CBC) for the
-encrypted chunk and the lz4 command for the frame. Prints the recorded path and digest; writes
-the content.
+encrypted chunk and the lz4 command for the frame. Prints the recorded path, the digest and what
+the encrypted chunk holds ("whole": the whole frame, end mark included; "first": exactly its
+first block); writes the content.
 
     quarantine_decode.py ARCHIVE OUTPUT
 """
@@ -45,11 +46,15 @@ def main():
     path = archive[60:archive.index(b"\0", 60)].decode("latin-1")
     chunk = decrypt(archive[offset + 7:offset + 7 + stored])
     frame = archive[offset:offset + 7] + chunk[:plain] + archive[offset + 7 + stored:]
+    if offset + 7 + stored == len(archive) and chunk[plain - 4:plain] == bytes(4):
+        holds = "whole"
+    else:
+        holds = "first" if 4 + (struct.unpack_from("<I", chunk)[0] & 0x7FFFFFFF) == plain else "other"
     with tempfile.NamedTemporaryFile(suffix=".lz4") as f:
         f.write(frame)
         f.flush()
         subprocess.run(["lz4", "-q", "-d", "-f", f.name, sys.argv[2]], check=True)
-    print(path, archive[28:60].hex())
+    print(path, archive[28:60].hex(), holds)
 
 
 main()

@@ -27,7 +27,9 @@ ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want
 value_of() { run reg query "$1" /v "$2"; grep -o 'REG_[A-Z]* *.*' "$out" | tr -s ' '; }  # KEY NAME: "TYPE DATA"
 dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }
 new_rules() { driver_messages "$mark" | grep -v feature; }
-damage() { printf 'damage' | dd of="$(unix_of "$1")" bs=1 seek="$2" conv=notrunc status=none; }
+# patch OFFSET HEX FILE: the bytes given as hex written at OFFSET; flip OFFSET MASK FILE: one byte xor MASK.
+patch() { printf '%s' "$2" | xxd -r -p | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
+flip() { patch "$1" "$(printf '%02x' $((0x$(xxd -s "$1" -l 1 -p "$3") ^ $2)))" "$3"; }
 
 mkdir -p "$drive_c/data" "$drive_c/swap"
 printf 'file\tC:\\data\\blk.txt\tD:(A;;FA;;;BA)(A;;0x1200a9;;;BU)\nfile\tC:\\data\\bad.txt\tD:P(A;;FA;;;BA)\n' >"$journal"
@@ -79,7 +81,7 @@ ms=$(python3 -c "import sys; print(int.from_bytes(bytes.fromhex(sys.argv[1]), 'l
 [ ! -e "$drive_c/data/a.bin" ] && [ ! -e "$drive_c/data/b.txt" ] || fail "sources not deleted"
 for item in "$arc_a|$sum_a|C:\\data\\a.bin" "$arc_b|$sum_b|C:\\data\\b.txt"; do  # libmcrypt and lz4
     IFS='|' read -r arc sum path <<<"$item"
-    expect_eq "recorded path and digest of $arc" "$path $sum" \
+    expect_eq "recorded path, digest and first block of $arc" "$path $sum first" \
         "$(python3 "$decode" "$(unix_of "$arc")" "$work/decoded" 2>&1)"
     expect_eq "decoded bytes of $arc" "$sum" "$(sum_of "$work/decoded")"
 done
@@ -124,13 +126,14 @@ expect_eq "remove: mismatch logged" 2 "$(log_count 'Failed to remove the quarant
 quarantine 2 'c:\q\' 'c:\other\x.QUA' "$arc_a"
 expect_eq "restore: foreign fails" "$(status_msg 00 '')" "$reply"
 expect_eq "restore: bytes back" "$sum_a" "$(sum_of "$drive_c/data/a.bin")"
+expect_eq "restore: logged" "1 1" "$(log_count "restoring : $arc_a -> C:\data\a.bin") $(log_count 'restore : done')"
 [ ! -e "$(unix_of "$arc_a")" ] || fail "restore: archive still there"
 quarantine 3 'c:\q\' "$arc_b"
 expect_eq "bad action" "$(status_msg 00 'Invalid action.')" "$reply"
 quarantine 0 'c:\nothere' 'C:\data\a.bin'
 expect_eq "unregistered container" "$(status_msg 00 'Invalid quarantine container.')" "$reply"
 
-echo "== duplicates, a running image, a damaged archive"
+echo "== duplicates, a running image, a missing archive, damaged archives"
 quarantine 0 'c:\q' 'C:\data\a.bin' 'C:\DATA\a.bin'
 msg=$(reply_text)
 re3='^(c:\\q\\a\.bin\.[0-9A-F]{16}\.QUA);;$'
@@ -146,18 +149,55 @@ expect_eq "running image: archived" 01 "$(reply_result)"
 for _ in $(seq 1 50); do kill -0 $runner 2>/dev/null || break; sleep 0.2; done
 kill -0 $runner 2>/dev/null && fail "running image: not terminated"
 grep -a -q 'Terminating process .*runner.exe' "$log" || fail "running image: no termination logged"
-seq 1 1000 >"$drive_c/data/d.txt"
-quarantine 0 'c:\q' 'C:\data\d.txt'
-arc_d=$(reply_text | tr -d ';')
-damage "$arc_d" 200
-seq 1 10 >"$drive_c/data/d.txt"
-sum_d_now=$(sum_of "$drive_c/data/d.txt")
-quarantine 2 'c:\q' "$arc_d"
-expect_eq "damaged archive: fails" "$(status_msg 00 '')" "$reply"
-[ -e "$(unix_of "$arc_d")" ] || fail "damaged archive: not kept"
-expect_eq "damaged archive: existing file untouched" "$sum_d_now" "$(sum_of "$drive_c/data/d.txt")"
-ls "$drive_c/data" | grep -q restoring && fail "damaged archive: temporary left"
-expect_eq "damaged archive: logged" 1 "$(log_count "Failed to restore quarantine file: $arc_d")"
+from=$(($(wc -l <"$log") + 1))
+quarantine 2 'c:\q' 'c:\q\none.bin.0000000000000000.QUA'
+expect_eq "missing archive: fails" "$(status_msg 00 '')" "$reply"
+expect_eq "missing archive: the archive code logs nothing" "" "$(tail -n +$from "$log" | grep -a NVFileArchive)"
+# Damaged archives restored over existing files, each failing with its line in the log:
+#   NAME|CONTENT (long: an encrypted first block and plain blocks; short: the whole frame
+#   encrypted)|DAMAGE to the archive $f whose frame starts at $o|THE LINE
+damaged=$(cat <<'EOT'
+empty|long|truncate -s 0 "$f"|Failed to read the archive header
+offset_inside_header|long|patch 0 "$(hex_u32 60)" "$f"|Invalid archive header: data offset 60
+offset_huge|long|patch 0 "$(hex_u32 4294967280)" "$f"|Invalid archive header: data offset 4294967280
+path_unterminated|long|patch $((o - 1)) 78 "$f"|Invalid archive header: path not terminated
+chunk_past_end|long|truncate -s $((o + 107)) "$f"|Decompress: failed to read encrypted block
+chunk_over_cap|long|patch 12 "$(hex_u32 2147483616)" "$f"|Invalid encrypted chunk: decrypt length
+chunk_byte|long|flip $((o + 12)) 1 "$f"|Decompression error
+short_chunk_byte|short|flip $(($(stat -c %s "$f") - 40)) 128 "$f"|Decompression error
+EOT
+)
+sources=()
+while IFS='|' read -r name content _; do
+    if [ "$content" = long ]; then head -c 300000 /dev/urandom; else yes 'quarantined text' | head -c 5000; fi >"$drive_c/data/$name"
+    sources+=("C:\\data\\$name")
+done <<<"$damaged"
+quarantine 0 'c:\q' "${sources[@]}"
+IFS=';' read -r -a archives <<<"$(reply_text)"
+expect_eq "damaged archives: made" "01 8" "$(reply_result) ${#archives[@]}"
+i=0
+while IFS='|' read -r name _ how _; do
+    f=$(unix_of "${archives[$i]}")
+    o=$(od -An -tu4 -N4 "$f" | tr -d ' ')
+    eval "$how"
+    printf 'existing %s' "$name" >"$drive_c/data/$name"
+    i=$((i + 1))
+done <<<"$damaged"
+from=$(($(wc -l <"$log") + 1))
+quarantine 2 'c:\q' "${archives[@]}"
+expect_eq "damaged archives: fail" "$(status_msg 00 '')" "$reply"
+restore_log=$(tail -n +$from "$log" | tr -d '\r')
+i=0
+while IFS='|' read -r name _ _ line; do
+    [ -e "$(unix_of "${archives[$i]}")" ] || fail "damaged $name: archive not kept"
+    expect_eq "damaged $name: existing file untouched" "existing $name" "$(cat "$drive_c/data/$name")"
+    grep -q -F -- "$line" <<<"$restore_log" || fail "damaged $name: no [$line] in the log"
+    expect_eq "damaged $name: logged" 1 "$(grep -c -F -- "Failed to restore quarantine file: ${archives[$i]}" <<<"$restore_log")"
+    i=$((i + 1))
+done <<<"$damaged"
+expect_eq "damaged archives: two decompression errors" 2 "$(grep -c 'Decompression error' <<<"$restore_log")"
+grep -q 'restore : done' <<<"$restore_log" && fail "damaged archives: a restore done"
+ls "$drive_c/data" | grep -q restoring && fail "damaged archives: temporary left"
 
 echo "== restore through a link swapped in"
 printf 'swap' >"$drive_c/swap/s.txt"
@@ -209,7 +249,7 @@ echo "== remove containers"
 request 10000c9 "$(hex_str 'c:\r')$(hex_list)"
 seq 1 500 >"$drive_c/data/r.txt"
 quarantine 0 'c:\r' 'C:\data\r.txt'
-damage "$(reply_text | tr -d ';')" 150
+flip 150 255 "$(unix_of "$(reply_text | tr -d ';')")"
 mark=$(($(driver_count) + 1))
 ask "restore-remove with a failed restore" "$status_fail" 10000cb "$(hex_u32 2)$(hex_str 'c:\r')"
 ask "container kept" "$(hex_list 'c:\q\' 'c:\r\')" 10000cd

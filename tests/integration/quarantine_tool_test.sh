@@ -1,10 +1,12 @@
 #!/usr/bin/env bash
-# quarantine_tool: exit codes and messages for good and damaged archives, and that verify
-# writes nothing and extract writes only where it is told.
+# quarantine_tool: the archive layout of every content shape (decoded with libmcrypt and lz4 by
+# quarantine_decode.py), exit codes and messages for good and damaged archives, and that verify
+# writes nothing and create and extract write only where they are told.
 #   quarantine_tool_test.sh wine|native TOOL
 set -u
 mode=$1
 tool=$2
+decode=$(cd "$(dirname "$0")" && pwd)/quarantine_decode.py
 work=$(mktemp -d "${TMPDIR:-/tmp}/nv-qtool.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
@@ -28,23 +30,68 @@ expect() {  # expect CODE TEXT-IN-OUTPUT -- ARGS...
 }
 # patch OFFSET HEX FILE: writes the bytes given as hex at OFFSET of FILE.
 patch() { printf "$(echo "$2" | sed 's/../\\x&/g')" | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
-recorded_digest() { tool_run info "$1"; sed -n 's/^content_hash: //p' out.txt | tr -d '\r'; }
+field() { sed -n "s/^$1: //p" out.txt | tr -d '\r'; }  # a field that info printed
+sum_of() { sha256sum "$1" | cut -d' ' -f1; }
+text() { yes 'quarantined line of text' | head -c "$1"; }  # content that LZ4 shrinks a lot
 
 head -c 700000 /dev/urandom >orig.bin  # stored blocks: a flipped plain byte is one content byte
+# Each content shape the format has an edge case for, archived as the service does:
+#   NAME|CONTENT|DECRYPT LENGTH|ENCRYPTION LENGTH (- where compression decides)|ENCRYPTED CHUNK
+# where the chunk is the "whole" frame, end mark included, or its "first" block with plain
+# blocks after it. Longer than the first 16 KiB read: the reader completes the chunk from the
+# file; a first block shrunk below 16 KiB: plain blocks follow it inside the first read.
+while IFS='|' read -r name content dlen elen chunk; do
+  eval "$content" >"$name"
+  t0=$(date +%s%3N)
+  expect 0 "ok: $name.QUA" -- --log shapes.log create "$name" "$name.QUA"
+  t1=$(date +%s%3N)
+  tool_run info "$name.QUA"
+  [ "$dlen" = - ] && dlen=$(field decrypt_length) && elen=$(((dlen + 31) / 32 * 32))
+  sum=$(sum_of "$name")
+  [ "$(field data_offset) $(field marker_a) $(field decrypt_length) $(field encryption_length) $(field marker_b)" = \
+    "$((61 + ${#name})) 1 $dlen $elen 1" ] || fail "$name: header $(tr -d '\r' <out.txt)"
+  [ "$(field content_hash) $(field path)" = "$sum $name" ] || fail "$name: recorded digest and path"
+  time=$(field archive_time)
+  [ "$t0" -le "$time" ] && [ "$time" -le "$t1" ] || fail "$name: archive time $time not within [$t0, $t1]"
+  [ "$(python3 "$decode" "$name.QUA" decoded.bin 2>&1)" = "$name $sum $chunk" ] || fail "$name: independent decode"
+  cmp -s "$name" decoded.bin || fail "$name: independently decoded content differs"
+  expect 0 "ok: $name" -- extract "$name.QUA" extracted.bin
+  cmp -s "$name" extracted.bin || fail "$name: extracted content differs"
+  [ "$(grep -c -e "NVFileArchive_archiveFile:[0-9]*\] - Archiving : $name -> $name.QUA\$" \
+        -e 'header size 7 bytes' -e 'Archiving : done' <(tr -d '\r' <shapes.log))" = 3 ] ||
+    fail "$name: log lines $(cat shapes.log)"
+  rm shapes.log
+done <<EOT
+empty|:|4|32|whole
+one_byte|head -c 1 orig.bin|9|32|whole
+chunk_multiple_of_32|head -c 24 orig.bin|32|32|whole
+small_text|text 1000|-|-|whole
+just_under_256k|head -c 262143 orig.bin|262151|262176|whole
+exactly_256k|head -c 262144 orig.bin|262148|262176|first
+random_300k|head -c 300000 orig.bin|262148|262176|first
+text_1m|text 1048593|-|-|first
+EOT
+
 cp orig.bin victim.bin
 expect 1 "usage" -- bogus
 expect 1 "usage" -- info
-expect 0 "ok: good.QUA" -- --log tool.log create victim.bin good.QUA
-grep -q "Archiving : done" tool.log || fail "no log line from create"
+expect 0 "ok: good.QUA" -- create victim.bin good.QUA
 rm victim.bin
-expect 0 "path: victim.bin" -- info good.QUA
-grep -q "data_offset: 71" out.txt && grep -q "decrypt_length: 262148" out.txt || fail "info: $(cat out.txt)"
 before=$(ls | sort)
 expect 0 "ok: victim.bin" -- verify good.QUA
 [ "$(ls | sort)" = "$before" ] || fail "verify wrote a file"
-expect 0 "ok: victim.bin" -- extract good.QUA copy.bin
-cmp -s orig.bin copy.bin || fail "extracted content differs"
 expect 2 "cannot open archive" -- verify missing.QUA
+
+# A failed create leaves what was at the archive path and no partial file.
+mkdir folder
+cp good.QUA kept.QUA
+expect 2 "archiving missing.bin to kept.QUA failed" -- --log failed.log create missing.bin kept.QUA
+grep -q 'Failed to open the source file <missing.bin>' failed.log || fail "no log line for a missing source"
+expect 2 "failed" -- create folder kept.QUA
+expect 2 "failed" -- --log failed.log create orig.bin no_such_dir/s.QUA
+grep -q 'Archiving : orig.bin' failed.log && fail "archiving started without an archive to write"
+cmp -s good.QUA kept.QUA || fail "a failed create changed what was at the archive path"
+ls | grep -q partial && fail "partial file left by create: $(ls | grep partial)"
 
 # NAME CODE TEXT DAMAGE: a copy of good.QUA damaged by the command DAMAGE (given the file) fails verify.
 n=$(stat -c %s good.QUA)
@@ -77,14 +124,6 @@ cmp -s good.QUA self.QUA || fail "extract onto itself changed the archive"
 expect 1 "is the source itself" -- create orig.bin orig.bin
 [ "$(stat -c %s orig.bin)" = 700000 ] || fail "create onto itself changed the source"
 
-# The recorded digest is the SHA-256 of the content, as sha256sum computes it.
-: >empty.bin
-yes 'quarantined line of text' | head -c 1048593 >text.bin
-for f in empty.bin text.bin; do
-  tool_run create "$f" "$f.QUA"
-  [ "$(recorded_digest "$f.QUA")" = "$(sha256sum "$f" | cut -d' ' -f1)" ] || fail "$f: recorded digest"
-done
-
 # A source that another process rewrites and appends to while it is archived: archiving fails,
 # or the archive extracts to the bytes it recorded.
 head -c 8000000 /dev/urandom >moving.bin
@@ -97,7 +136,8 @@ for i in 1 2; do
   rm -f moving.QUA
   if tool_run create moving.bin moving.QUA; then
     expect 0 "ok: moving.bin" -- extract moving.QUA moved.bin
-    [ "$(recorded_digest moving.QUA)" = "$(sha256sum moved.bin | cut -d' ' -f1)" ] || fail "moving: digest"
+    tool_run info moving.QUA
+    [ "$(field content_hash)" = "$(sum_of moved.bin)" ] || fail "moving: digest"
   else
     [ ! -e moving.QUA ] || fail "failed create left an archive"
   fi

@@ -88,54 +88,21 @@ struct request_case {
 
 TEST_F(client_library, every_status_request_sends_its_fields_and_returns_the_reply) {
     ASSERT_TRUE(connect_compatible());
+    // The methods whose requests halvernctl_test.sh does not check byte for byte through a command.
     const std::vector<request_case> cases = {
-        CASE(protect_service("svcA", r), msg::protect_services, bytes().u32(1).u8(1).u8(1).str("svcA").b),
         CASE(protect_process("C:\\p\\a.exe", r), msg::protect_processes, bytes().u32(1).u8(1).wstr(L"C:\\p\\a.exe").b),
-        CASE(protect_reg_key(hklm, L"Software\\X", 2, r), msg::protect_reg_keys,
-             bytes().u32(1).u8(1).u64(hklm_value).wstr(L"Software\\X").str("").list({}).u32(2).b),
         CASE(unprotect_service("svcA", r), msg::protect_services, bytes().u32(1).u8(0).u8(0).str("svcA").b),
-        CASE(unprotect_process("C:\\a.exe", r), msg::protect_processes, bytes().u32(1).u8(0).wstr(L"C:\\a.exe").b),
-        CASE(unprotect_reg_key(hklm, L"Software\\X", r), msg::protect_reg_keys,
-             bytes().u32(1).u8(0).u64(hklm_value).wstr(L"Software\\X").str("").list({}).u32(0).b),
-        CASE(protect_services({{true, false, "a"}, {false, true, "b"}}, r), msg::protect_services,
-             bytes().u32(2).u8(1).u8(0).str("a").u8(0).u8(1).str("b").b),
-        CASE(protect_processes({{true, L"C:\\x.exe"}, {false, L"C:\\y.exe"}}, r), msg::protect_processes,
-             bytes().u32(2).u8(1).wstr(L"C:\\x.exe").u8(0).wstr(L"C:\\y.exe").b),
-        CASE(protect_reg_keys({{true, HKEY_CURRENT_USER, L"K", "owner", {"s1", "s2"}, 0}}, r), msg::protect_reg_keys,
-             bytes().u32(1).u8(1).u64(0xFFFFFFFF80000001ull).wstr(L"K").str("owner").list({"s1", "s2"}).u32(0).b),
-        CASE(disable_driver_protection(r), msg::disable_driver_protection, {}),
         CASE(enable_driver_protection(r), msg::enable_driver_protection, {}),
-        CASE(set_protection_enabled(false, r), msg::set_protection_enabled, bytes().u8(0).b),
-        CASE(start_service({"svc", {"-a", "b"}}, r), msg::service_ctrl_start_service, bytes().str("svc").list({"-a", "b"}).b),
-        CASE(stop_service("svc", r), msg::service_ctrl_stop_service, bytes().str("svc").b),
-        CASE(recover_service_dacl("svc", r), msg::service_ctrl_recover_dacl, bytes().str("svc").b),
         CASE(recover_folder_dacl("C:\\f", r), msg::recover_folder_dacl, bytes().str("C:\\f").b),
-        CASE(restore_driver_protection(true, r), msg::restore_driver_protection, bytes().u8(1).b),
-        CASE(create_quarantine_container("C:\\q", {"s"}, r), msg::create_quarantine_container,
-             bytes().str("C:\\q").list({"s"}).b),
-        CASE(add_quarantine_files("C:\\q", {"C:\\a"}, r), msg::quarantine_files,
-             bytes().u32(0).str("C:\\q").list({"C:\\a"}).b),
-        CASE(remove_quarantine_files("C:\\q", {"c:\\q\\a.QUA"}, r), msg::quarantine_files,
-             bytes().u32(1).str("C:\\q").list({"c:\\q\\a.QUA"}).b),
-        CASE(restore_quarantine_files("C:\\q", {"c:\\q\\a.QUA", "x"}, r), msg::quarantine_files,
-             bytes().u32(2).str("C:\\q").list({"c:\\q\\a.QUA", "x"}).b),
         CASE(quarantine_files(7, "C:\\q", {}, r), msg::quarantine_files, bytes().u32(7).str("C:\\q").list({}).b),
-        CASE(remove_quarantine_container(2, "C:\\q", r), msg::remove_quarantine_container,
-             bytes().u32(2).str("C:\\q").b),
         CASE(is_file_quarantined("C:\\f", r), msg::is_file_quarantined, bytes().str("C:\\f").b),
         CASE(block_file_access("C:\\f", r), msg::block_file_access, bytes().str("C:\\f").b),
         CASE(unblock_file_access("C:\\f", r), msg::unblock_file_access, bytes().str("C:\\f").b),
-        CASE(block_files_access(0, {"s"}, {"C:\\f1", "C:\\f2"}, r), msg::block_files_access,
-             bytes().u32(0).list({"s"}).list({"C:\\f1", "C:\\f2"}).b),
         CASE(is_file_access_blocked("C:\\f", r), msg::is_file_access_blocked, bytes().str("C:\\f").b),
-        CASE(subscribe("ev", "C:\\f", 3, 0, 1, r), msg::subscribe_irp_notification,
-             bytes().u8(0).str(own).str("ev").str("C:\\f").u8(3).u8(0).u32(1).b),
         CASE(subscribe_as("me", "ev", "", 0xFF, 0xFF, 0, r), msg::subscribe_irp_notification,
              bytes().u8(0).str("me").str("ev").str("").u8(0xFF).u8(0xFF).u32(0).b),
         CASE(unsubscribe("ev", "C:\\f", 3, 0, 1, r), msg::subscribe_irp_notification,
              bytes().u8(1).str(own).str("ev").str("C:\\f").u8(3).u8(0).u32(1).b),
-        CASE(unsubscribe_as("me", "ev", "C:\\f", 3, 0, 1, r), msg::subscribe_irp_notification,
-             bytes().u8(1).str("me").str("ev").str("C:\\f").u8(3).u8(0).u32(1).b),
     };
     for (const request_case& c : cases) {
         SCOPED_TRACE(c.call_text);
@@ -154,7 +121,8 @@ TEST_F(client_library, every_status_request_sends_its_fields_and_returns_the_rep
         EXPECT_FALSE(c.call(helper_, &r));
         EXPECT_EQ(r.message, "Invalid path.");
     }
-    // One request byte for byte: a one-rule list, both flags on, "svcA" and its zero.
+    // protect_service byte for byte, not through the encoders: a one-rule list, both flags on,
+    // "svcA" and its zero.
     service_->set_reply(msg::protect_services, bytes().u8(1).str("").b);
     ASSERT_TRUE(helper_->protect_service("svcA"));
     EXPECT_EQ(hex(last().payload), "0100000001017376634100");
@@ -216,22 +184,10 @@ TEST_F(client_library, queries_send_their_fields_and_decode_the_replies) {
         service_->set_reply(c.id, mcl::binary_t(c.reply.data(), c.reply.size() - 1));
         EXPECT_FALSE(c.call(helper_, decoded));
     }
-    std::vector<nvc::notification_data> notes;
-    (void)helper_->query_notification_data_as("me", notes);
-    EXPECT_EQ(hex(last().payload), hex(bytes().str("me").b));
 }
 
-TEST_F(client_library, versions_and_stop) {
+TEST_F(client_library, version_replies_cut_short_or_refusing) {
     ASSERT_TRUE(connect());
-    EXPECT_EQ(helper_->get_service_version(), 196653u);
-    EXPECT_TRUE(helper_->proto_compatible());
-    EXPECT_EQ(nvc::protocolVersion(helper_), 5u);
-    EXPECT_TRUE(helper_->request_stop());
-    ASSERT_TRUE(service_->wait_for(3, 10000));
-    std::string sent;
-    for (const auto& m : service_->received()) sent += join(m.id, hex(m.payload));
-    EXPECT_EQ(sent, "16777226||16777225|05000000|16777217||");  // 0x100000a, 0x1000009 with 5, 0x1000001
-
     // A version reply cut short gives 0; a compatibility reply saying no is stored but false.
     service_->set_reply(msg::service_version, bytes().u8(1).b);
     EXPECT_EQ(helper_->get_service_version(), 0u);
