@@ -29,9 +29,10 @@ inline std::string json(const std::wstring& text) {
 
 inline std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
 
-// The bytes (hex) of every message the simulator journaled, in arrival order.
-inline std::vector<std::string> journal_bytes() {
-    const std::string journal = ctl("journal"), key = "\"bytes\":\"";
+// One text field ("bytes": the hex, "check": why it was refused or "ok") of every message the
+// simulator journaled, in arrival order.
+inline std::vector<std::string> journal_bytes(const std::string& field = "bytes") {
+    const std::string journal = ctl("journal"), key = "\"" + field + "\":\"";
     std::vector<std::string> out;
     for (size_t at = journal.find(key); at != std::string::npos; at = journal.find(key, at)) {
         at += key.size();

@@ -1,8 +1,6 @@
 // nv_irp_subscriber: a subscriber of IRP-denied notifications against the running service.
 //   watch NAME EVENT PATH MAJOR MINOR TYPE WAIT_MS READY_FILE   creates EVENT, subscribes, writes
 //       its process id to READY_FILE, waits for EVENT, then queries twice and prints both answers
-//   subscribe NAME EVENT PATH MAJOR MINOR TYPE [remove]   one 0x10000fa; prints its result
-//   query NAME                                          one 0x10000fb; prints the records
 //   bound NAME EVENT COUNT   subscribes NAME to c:\data\burst.txt and a marker subscriber to
 //       c:\data\marker.txt, injects COUNT denials on the first and then one on the marker, waits
 //       for the marker's event (every denial handled) and prints how many NAME collects
@@ -30,16 +28,13 @@ void print_records(const char* label, const std::vector<irp::record>& records) {
 
 uint8_t byte(const char* text) { return static_cast<uint8_t>(strtoul(text, nullptr, 0)); }
 
-int subscribe(nv_test::irp_client& client, char** a, bool remove) {
-    uint8_t result = 0;
-    if (!client.subscribe(remove, a[0], a[1], a[2], byte(a[3]), byte(a[4]), strtoul(a[5], nullptr, 0), result)) return 3;
-    printf("subscribe: %u\n", result);
-    return 0;
-}
-
 int watch(nv_test::irp_client& client, char** a) {
     mcl::event event;
-    if (event.create(a[1]) != 0 || subscribe(client, a, false) != 0) return 3;
+    uint8_t result = 0;
+    if (event.create(a[1]) != 0 ||
+        !client.subscribe(false, a[0], a[1], a[2], byte(a[3]), byte(a[4]), strtoul(a[5], nullptr, 0), result))
+        return 3;
+    printf("subscribe: %u\n", result);
     fflush(stdout);
     FILE* ready = fopen(a[7], "w");
     if (ready == nullptr) return 3;
@@ -89,14 +84,7 @@ int main(int argc, char** argv) {
         return 2;
     }
     if (mode == "watch" && argc == 10) return watch(client, argv + 2);
-    if (mode == "subscribe" && (argc == 8 || argc == 9)) return subscribe(client, argv + 2, argc == 9);
     if (mode == "bound" && argc == 5) return bound(client, argv + 2);
-    if (mode == "query" && argc == 3) {
-        std::vector<irp::record> records;
-        if (!client.query(argv[2], records)) return 3;
-        print_records("records", records);
-        return 0;
-    }
     fprintf(stderr, "nv_irp_subscriber: bad arguments\n");
     return 1;
 }

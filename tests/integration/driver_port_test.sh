@@ -1,9 +1,10 @@
 #!/usr/bin/env bash
-# The real service's driver steps against the driver simulator, on prefixes claiming Windows 7,
+# The real service's driver link against the driver simulator, on prefixes claiming Windows 7,
 # 8 and 10 (each a clone with its own wineserver and simulator): what start-up sends and writes
-# to the registry, the driver protection requests, what shutdown sends, a second instance, and a
-# driver that goes away while the service runs. A junk fltlib.dll beside the service, which is
-# also its current directory, must never be loaded in place of the system's.
+# to the registry, the driver protection requests, what shutdown sends, a second instance, a
+# driver that goes away or is not loaded, and IRP-denied notifications to subscriber processes
+# (denials injected with driver_ctl). A junk fltlib.dll beside the service, which is also its
+# current directory, must never be loaded in place of the system's.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 driver_key='HKLM\System\CurrentControlSet\Services\VQRMonitor'
@@ -85,6 +86,35 @@ shutdown_checks() {  # LABEL MARK: feature 16 off before 0, 6 and 11, and no rem
     ! grep -qE '^(02|08|0a)000000' <<<"$sent" || fail "$1: remove command at shutdown: $sent"
 }
 
+# IRP-denied notifications. wait_log PATTERN COUNT: until the log holds COUNT lines (60 s).
+wait_log() {
+    local pattern=$1 count=$2
+    poll 300 0.2 '[ "$(log_lines "$pattern")" -ge "$count" ]' || fail "log line [$1] x$2 did not come"
+}
+expect_log() { [ "$(log_lines "$1")" = "$2" ] || fail "log line [$1]: $(log_lines "$1") times, want $2"; }
+sub=$NV_BIN_DIR/nv_irp_subscriber.exe
+file='\Device\HarddiskVolume1\data\file.txt'
+# watcher NAME EVENT PATH MAJOR MINOR TYPE: a subscriber process in the background ($wpid); its
+# Windows process id in $spid once it has subscribed.
+watcher() {
+    local ready=$work/$1.ready
+    rm -f "$ready"
+    wine "$sub" watch "$@" 60000 "$(printf 'Z:%s' "$ready" | tr '/' '\\')" </dev/null >"$work/$1.out" 2>&1 &
+    wpid=$!
+    poll 150 0.2 '[ -s "$ready" ]'
+    spid=$(tr -d '\r\n' <"$ready" 2>/dev/null)
+    [ -n "$spid" ] || fail "$1 did not subscribe: $(cat "$work/$1.out")"
+}
+expect_watch() {  # NAME LINES...: the watcher's output holds each line (a regular expression)
+    local name=$1 got line
+    got=$(tr -d '\r' <"$work/$name.out")
+    shift
+    for line in "$@"; do grep -q "$line" <<<"$got" || fail "$name: [$line]: $got"; done
+}
+# Request payloads: a string with its terminator; 0x10000fa: REMOVE SUBSCRIBER EVENT PATH [MAJOR MINOR TYPE].
+s() { printf '%s' "$1" | od -An -tx1 -v | tr -d ' \n'; printf '00'; }
+subscription() { printf '%02x%s%s%s%s' "$1" "$(s "$2")" "$(s "$3")" "$(s "$4")" "${5:-ffff00000000}"; }
+
 echo "== Windows 7, console run: start-up, the protection requests, the driver going away, Ctrl+C"
 use_prefix 7 win7
 console
@@ -117,35 +147,138 @@ wait_exit $service
 echo "   shutdown took $(($(date +%s) - started)) s"
 shutdown_checks "win7 Ctrl+C" "$mark"
 
-echo "== Windows 8, under the service control manager"
+echo "== Windows 8, under the service control manager; a stop message without a name"
 use_prefix 8 win8
 run "$exe" -i install
-expect "install" 0
 run "$exe" -s start
 expect "start" 0
 wait_listening
 startup_checks win8
 ctl state | grep -qF '"svc_mgr_path":"\\Device\\HarddiskVolume1\\windows\\system32\\services.exe"' ||
     fail "win8: the driver's service manager path: $(ctl state)"
+watcher scm 'Global\nv_scm' 'c:\data\file.txt' 3 0xFF 1
+run "$ctl" inject 3 0 "$spid" "$file"
+wait $wpid
+expect_watch scm "^record seq=[0-9]* path=c:\\\\data\\\\file.txt major=3 minor=0 pid=$spid " '^second query: 0$'
+# Type 0 and the fixed fields only: a stop message's name is not read.
+run "$ctl" inject-raw "$(printf '%032d' 0)000000000000000000000000"
+wait_log 'Received the stop message from driver' 1
+run "$client" version
+expect "a request after the stop message" 0
 mark=$(journal | wc -l)
+started=$(date +%s)
 run "$exe" -s stop
 expect "stop" 0
+[ $(($(date +%s) - started)) -lt 30 ] || fail "the stop after the stop message took $(($(date +%s) - started)) s"
 shutdown_checks "win8 stop" "$mark"
 run "$exe" -i uninstall
 
-echo "== Windows 10, console run: a second instance, the stop message, an emergency start"
+echo "== Windows 10, console run: IRP-denied notifications"
 use_prefix 10 win10
 console
 wait_listening
 startup_checks win10
+poll 150 0.2 'ctl state | grep -q "\"notify\":1"' || fail "one notification connection: $(ctl state)"
+
+echo "== a denial reaches two subscribers, each collects its own record once"
+watcher subA 'Global\nv_subA' 'C:\Data\File.TXT' 0xFF 0xFF 0
+pidA=$spid procA=$wpid
+watcher subB 'Global\nv_subB' '' 0xFF 0xFF 0
+run "$ctl" inject 3 0 "$pidA" "$file"
+expect "inject" 0
+wait $procA $wpid
+expect_watch subA '^subscribe: 1$' '^event: fired$' '^first query: 1$' '^second query: 0$' \
+    "^record seq=[0-9]* path=c:\\\\data\\\\file.txt major=3 minor=0 pid=$pidA image=.*nv_irp_subscriber.exe description=..* denied=1$"
+expect_watch subB '^event: fired$' '^first query: 1$' '^second query: 0$'
+seqs=$(cat "$work/subA.out" "$work/subB.out" | sed -n 's/^record seq=\([0-9]*\).*/\1/p' | sort -u | wc -l)
+[ "$seqs" = 2 ] || fail "two records with different sequences"
+expect_log 'Add subscription for <subB> on file <subscribe_any_file>' 1
+expect_log 'Notify subscriber <subA> on IRP for file <c:\\data\\file.txt>' 1
+expect_log 'Coverted file path="c:\\data\\file.txt"' 1
+expect_log 'Received the IRP denied notification: FileName="\\Device\\HarddiskVolume1\\data\\file.txt" MajorFun=3, MinorFunc=0, pid=0x' 1
+expect_log "Found notification data for <subA> on file <c:\\\\data\\\\file.txt>, from pid <$pidA>" 1
+
+echo "== a name on no volume reaches the any-file subscribers with an empty path; an event that is gone"
+watcher any 'Global\nv_any' '' 0xFF 0xFF 0
+run "$ctl" inject 3 0 "$spid" '\Device\NoSuchVolume\x'
+wait $wpid
+expect_watch any "^record seq=[0-9]* path= major=3 minor=0 pid=$spid " '^second query: 0$'
+expect_log 'Failed to notify subscriber <subB> on IRP for file <>, unable to open event <Global\\nv_subB>, error: 2' 1
+
+echo "== requests on the wire: bad ones refused with a line, the table left alone"
+# ID|PAYLOAD|REPLY|LOG LINE ('-': none)
+while IFS='|' read -r id payload reply line; do
+    run "$client" send "$id" ${payload:+"$payload"}
+    [ "$rc" = 0 ] && [ "$(cat "$out")" = "$reply" ] || fail "$id [$payload]: exit $rc, reply [$(cat "$out")], want [$reply]"
+    [ "$line" = - ] || [ "$(log_lines "$line")" = 1 ] || fail "$id [$payload]: log line [$line] x$(log_lines "$line")"
+done <<ROWS
+10000fa|$(subscription 0 wire 'Global\wire_ev' 'C:\Wire\A.TXT')|0100|Add subscription for <wire> on file <c:\\\\wire\\\\a.txt>
+10000fa|$(subscription 0 wire 'Global\x' 'c:\wire\a.txt' 030001000000)|0000|-
+10000fa|$(subscription 0 wire 'Global\wire_ev' '')|0100|Add subscription for <wire> on file <subscribe_any_file>
+10000fa|$(subscription 1 wire '' 'C:\WIRE\a.txt')|0000|-
+10000fa|$(subscription 1 wire e 'C:\WIRE\a.txt')|0100|Remove subscription for <wire> on file <c:\\\\wire\\\\a.txt>
+10000fa|$(subscription 0 '' e p)|0000|-
+10000fa|71|0000|Subscription request of 1 bytes is truncated, refused
+10000fa||0000|Subscription request of 0 bytes is truncated, refused
+10000fa|$(subscription 0 "$(printf 's%.0s' $(seq 300))" e p)|0000|Subscription request of 312 bytes is oversized (at most 1554 bytes, names 260, path 1024), refused
+10000fb|$(s nobody)|00000000|-
+10000fb||00000000|-
+10000fb|00|00000000|-
+10000fb|71|00000000|Query of 1 bytes is truncated, refused
+10000fb|$(s "$(printf 'q%.0s' $(seq 261))")|00000000|Query of 262 bytes is oversized (a subscriber name of at most 260 bytes), refused
+10000fb|$(s wire)00|00000000|Query of 6 bytes is oversized
+10000fa|$(subscription 0 wire 'Global\wire_ev' '')|0000|-
+ROWS
+
+echo "== malformed notifications are dropped with a line"
+header=$(printf '%032d' 0) fixed=010000000300000000000000  # type 1, functions 3 and 0, pid 0
+run "$ctl" inject-raw "$header${fixed:0:22}"  # 27 bytes
+run "$ctl" inject-raw "$header$fixed"
+run "$ctl" inject-raw "${header}070000000300000000000000"  # an unknown type: its name is not read
+run "$ctl" inject-raw "$header${fixed}410000"  # cut inside the terminator
+run "$ctl" inject-raw "$header$fixed$(printf '41%.0s' $(seq 524))"  # to byte 552 without a terminator
+run "$ctl" inject-raw "$header${fixed}41000000"  # cut right after the terminator: taken
+wait_log 'Received the IRP denied notification: FileName="A"' 1
+expect_log 'Message of 27 bytes is shorter than its header (28 bytes), dropped.' 1
+expect_log 'The file name of message 0 does not end inside the message, dropped.' 3
+expect_log 'Invalid notification type 7, message ignored.' 1
+
+echo "== the per-subscriber bound"
+run "$sub" bound burst 'Global\nv_burst' 10005
+grep -q '^collected: 10000$' "$out" || fail "bound: $(cat "$out")"
+expect_log 'Subscriber <burst> holds 10000 notification records, dropping the oldest' 1
+
+echo "== a second instance; with the stop message switched off the receiver's own wait is cancelled at the stop"
+run "$ctl" stop-message off
 mark=$(journal | wc -l)
 run "$exe" -d
 expect "second instance" 0
 shutdown_checks "win10 second instance" "$mark"
 mark=$(journal | wc -l)
+started=$(date +%s)
 run "$client" post 1000001
 wait_exit $service
+[ $(($(date +%s) - started)) -lt 30 ] || fail "the stop took $(($(date +%s) - started)) s"
 shutdown_checks "win10 stop message" "$mark"
+expect_log '\[IRP Notification\]: FilterGetMessage aborted: -2147023901 - [A-Za-z]' 1
+expect_log 'Received the stop message from driver' 0
+expect_log 'Failed to close the notification port' 0
+run "$ctl" stop-message on
+
+echo "== driver not loaded: start-up goes on without the receiver, requests are still served"
+run "$ctl" unload
+console
+wait_listening
+# Features 0/6/11, feature 16 and the three trusted applications: a line each at least.
+[ "$(log_lines "$not_loaded")" -ge 5 ] || fail "a connection failure line with its text for every attempt"
+expect_log 'Could not connect to filter for notification' 0
+request 10000fa "$(subscription 0 nodrv 'Global\nv_nodrv' 'c:\x')" 0100
+request 10000fb "$(s nodrv)" 00000000
+run "$client" post 1000001
+wait_exit $service
+run "$ctl" load
+
+echo "== an emergency start"
 ctl reset >/dev/null
 run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v disableProtection /t REG_DWORD /d 1 /f
 run "$exe" -d
@@ -154,4 +287,4 @@ expect "emergency start" 0
 expect_sent "emergency start" "$(journal | link)" \
     "$(off3; f 16 1; for app in csrss.exe lsass.exe svchost.exe; do command 3 "$sysdir$app"; done; off3; f 16 0; off3)"
 
-finish "driver port" 80
+finish "driver link" 80

@@ -82,7 +82,9 @@ TEST_F(DriverStandIn, EveryCodeLandsInStateAndJournalByteForByte) {
         vqr::build_feature(c::feature_folder_protection, true),
         vqr::build_feature(c::feature_irp_notify, true),
         vqr::build_command(c::protect_process, L"C:\\App\\a.exe"),
-        vqr::build_command(c::unprotect_process, L"C:\\App\\b.exe"),
+        vqr::build_command(c::protect_process, L"C:\\App\\a.exe"),    // the same rule again
+        vqr::build_command(c::unprotect_process, L"c:\\app\\A.EXE"),  // another rule: compared as sent
+        vqr::build_command(c::unprotect_process, L"\x20AC"),
         vqr::build_command(c::trusted_app, sys + L"lsass.exe"),
         vqr::build_command(c::protect_folder, L"\\Device\\HarddiskVolume1\\App\\"),
         vqr::build_command(c::unprotect_folder, L"\\Device\\HarddiskVolume1\\Other"),
@@ -99,6 +101,9 @@ TEST_F(DriverStandIn, EveryCodeLandsInStateAndJournalByteForByte) {
         sent.push_back(hex(m));
     }
     EXPECT_EQ(sent, nv_test::journal_bytes());
+    // The layout spelled out: a feature switch, and a text of one UTF-16 unit with its terminator.
+    EXPECT_EQ("000000000000000001", sent[0]);
+    EXPECT_EQ("0200000004000000ac200000", sent[7]);
     const std::string journal = ctl("journal");
     EXPECT_EQ(messages.size(), nv_test::count_in(journal, "\"hr\":\"0x00000000\""));
     EXPECT_NE(std::string::npos, journal.find("\"code\":1,\"kind\":\"command\",\"text\":" + json(L"C:\\App\\a.exe")));
@@ -122,8 +127,10 @@ TEST_F(DriverStandIn, EmptyTextRemovesEveryRuleOfItsKindOnly) {
     for (const auto& [add, remove, list] : {std::make_tuple(c::protect_process, c::unprotect_process, "process_rules"),
                                             std::make_tuple(c::protect_folder, c::unprotect_folder, "folder_rules"),
                                             std::make_tuple(c::protect_regkey, c::unprotect_regkey, "registry_rules")}) {
+        // An empty unblock removes nothing: code 10 takes no remove-all.
         for (const auto& m : {vqr::build_command(add, L"one"), vqr::build_command(add, L"two"),
-                              vqr::build_command(c::block_path, L"kept"), vqr::build_command(remove, L"")})
+                              vqr::build_command(c::block_path, L"kept"), vqr::build_command(c::unblock_path, L""),
+                              vqr::build_command(remove, L"")})
             ASSERT_EQ(S_OK, send(port, m));
         const std::string state = ctl("state");
         EXPECT_NE(std::string::npos, state.find(std::string("\"") + list + "\":[]")) << state;
@@ -133,23 +140,36 @@ TEST_F(DriverStandIn, EmptyTextRemovesEveryRuleOfItsKindOnly) {
 
 TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
     HANDLE port = connect(vqr::command_port_name);
+    HANDLE notify = connect(vqr::notify_port_name);
     auto with = [](std::vector<uint8_t> m, size_t at, uint8_t value) {
         m[at] = value;
         return m;
     };
+    auto resized = [](std::vector<uint8_t> m, size_t n) {
+        m.resize(n);
+        return m;
+    };
     const auto text = vqr::build_command(vqr::code::protect_process, L"C:\\x.exe");
+    const auto feature = vqr::build_feature(6, true);
     const struct {
         const char* name;
         std::vector<uint8_t> message;
+        HANDLE port;
     } cases[] = {
-        {"too_short", {1, 0, 0, 0}},
-        {"bad_switch", with(vqr::build_feature(6, true), 8, 2)},
-        {"length_mismatch", with(text, 4, 4)},
-        {"no_terminator", with(text, text.size() - 1, 0x41)},
-        {"unknown_code", vqr::build_command(4, L"x")},
-        {"unknown_code", vqr::build_command(14, L"x")},
+        {"too_short", {1, 0, 0, 0}, port},
+        {"too_short", resized(text, 7), port},
+        {"bad_size", resized(feature, 10), port},
+        {"bad_size", with(with(resized(text, 9), 4, 1), 0, 7), port},  // a text of length 1
+        {"bad_switch", with(feature, 8, 2), port},
+        {"bad_switch", with(feature, 4, 1), port},  // a switch has length 0
+        {"length_mismatch", with(text, 4, 4), port},
+        {"length_mismatch", resized(text, text.size() + 2), port},
+        {"no_terminator", with(text, text.size() - 1, 0x41), port},
+        {"unknown_code", vqr::build_command(4, L"x"), port},
+        {"unknown_code", vqr::build_command(14, L"x"), port},
+        {"ok", feature, notify},  // the notification port takes no commands
     };
-    for (const auto& c : cases) EXPECT_EQ(static_cast<HRESULT>(0x80070057), send(port, c.message)) << c.name;
+    for (const auto& c : cases) EXPECT_EQ(static_cast<HRESULT>(0x80070057), send(c.port, c.message)) << c.name;
     // FilterSendMessage itself refuses a call without its buffers or above the port's limit.
     std::vector<uint8_t> huge(128 * 1024, 0);
     DWORD returned = 0;
@@ -157,9 +177,11 @@ TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
     EXPECT_EQ(E_INVALIDARG, FilterSendMessage(port, nullptr, 0, nullptr, 0, &returned));
     EXPECT_EQ(E_INVALIDARG, FilterSendMessage(port, huge.data(), 9, nullptr, 0, nullptr));
     EXPECT_EQ(S_OK, send(port, text));
-    const std::string journal = ctl("journal");
-    for (const auto& c : cases)
-        EXPECT_NE(std::string::npos, journal.find(std::string("\"check\":\"") + c.name + "\"")) << c.name;
+    std::vector<std::string> checks;
+    for (const auto& c : cases) checks.push_back(c.name);
+    checks.push_back("ok");
+    EXPECT_EQ(checks, nv_test::journal_bytes("check"));
+    EXPECT_EQ(1u, nv_test::count_in(ctl("journal"), "\"port\":\"notify\""));
     const std::string state = ctl("state");
     EXPECT_NE(std::string::npos, state.find("\"malformed\":" + std::to_string(std::size(cases)))) << state;
     EXPECT_NE(std::string::npos, state.find("\"process_rules\":[" + json(L"C:\\x.exe") + "]")) << state;
@@ -183,6 +205,10 @@ TEST_F(DriverStandIn, InjectedDenialArrivesInTheNotificationLayoutAndFeatureOffS
     EXPECT_EQ(0, memcmp(name.c_str(), &buffer[28], 2 * name.size()));
     const std::vector<uint8_t> rest(buffer.begin() + 28 + 2 * name.size(), buffer.end());
     EXPECT_EQ(std::vector<uint8_t>(rest.size(), 0), rest);
+    // The longest name that fits ends with its terminator in the last two bytes.
+    ctl("inject 3 0 1 " + std::string(261, 'x'));
+    ASSERT_EQ(S_OK, FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), nullptr));
+    EXPECT_EQ("78000000", hex({buffer.end() - 4, buffer.end()}));
 
     ASSERT_EQ(S_OK, send(command, vqr::build_feature(vqr::code::feature_irp_notify, false)));
     ASSERT_EQ(S_OK, FilterGetMessage(notify, header_of(buffer), static_cast<DWORD>(buffer.size()), nullptr));
@@ -271,6 +297,8 @@ TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
     HANDLE notify = connect(vqr::notify_port_name);
     ASSERT_EQ(S_OK, send(command, vqr::build_command(vqr::code::protect_process, L"C:\\a.exe")));
 
+    wchar_t instance[256] = {};
+    ASSERT_EQ(S_OK, FilterAttach(vqr::filter_name, L"Z:", nullptr, sizeof instance, instance));
     HANDLE other = INVALID_HANDLE_VALUE;
     DWORD code = 0;
     ctl("unload-on-send", &code);
@@ -289,6 +317,12 @@ TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
     const std::string state = ctl("state");
     EXPECT_NE(std::string::npos, state.find("\"loaded\":false,")) << state;
     EXPECT_NE(std::string::npos, state.find("\"process_rules\":[]")) << state;
+    EXPECT_NE(std::string::npos, state.find("\"volumes\":[]")) << state;
+    EXPECT_EQ(static_cast<HRESULT>(0x801F0013), FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
+    EXPECT_EQ(static_cast<HRESULT>(0x801F0013), FilterUnload(vqr::filter_name));
+    EXPECT_EQ(std::vector<std::string>{hex(vqr::build_command(vqr::code::protect_process, L"C:\\a.exe"))},
+              nv_test::journal_bytes())
+        << "the journal outlives the unload";
 
     // Loaded again and unloaded through the Filter Manager calls that the installer makes.
     ctl("load", &code);
@@ -299,6 +333,8 @@ TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
     EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND),
               FilterConnectCommunicationPort(vqr::command_port_name, 0, nullptr, 0, nullptr, &other));
     EXPECT_EQ(S_OK, FilterLoad(vqr::filter_name));
+    EXPECT_EQ(static_cast<HRESULT>(0x80070420), FilterLoad(vqr::filter_name));
+    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), FilterLoad(L"Other"));
     connect(vqr::command_port_name);
 }
 

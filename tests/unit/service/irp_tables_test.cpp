@@ -6,53 +6,9 @@
 #include <vector>
 
 #include "mcl/encoding.h"
-#include "service/driver_protocol.h"
 #include "service/request_payloads.h"
 
 namespace {
-
-TEST(IrpMessage, ReaderChecksHeaderAndNameTerminator) {
-    const std::wstring name = L"\\Device\\HarddiskVolume1\\data\\file.txt";
-    vqr::irp_notification n;
-    n.message_id = 77;
-    n.major_function = 3;
-    n.minor_function = 1;
-    n.process_id = 0x1234;
-    n.file_name = name;
-    std::vector<uint8_t> full, stop, odd;
-    ASSERT_TRUE(vqr::build_notification(n, full));
-    n.type = 0;
-    n.file_name.assign(300 / 2, L'x');
-    ASSERT_TRUE(vqr::build_notification(n, stop));
-    n.type = 7;
-    ASSERT_TRUE(vqr::build_notification(n, odd));
-    const size_t name_end = 28 + 2 * name.size();  // where the terminator starts
-    struct {
-        const char* label;
-        const std::vector<uint8_t>& data;
-        size_t size;
-        irp::message_check want;
-    } cases[] = {
-        {"whole buffer", full, full.size(), irp::message_check::ok},
-        {"cut right after the terminator", full, name_end + 2, irp::message_check::ok},
-        {"cut inside the terminator", full, name_end + 1, irp::message_check::name_unterminated},
-        {"fixed fields only", full, 28, irp::message_check::name_unterminated},
-        {"one byte short of the fixed fields", full, 27, irp::message_check::too_short},
-        {"a stop message's name is not read", stop, 40, irp::message_check::ok},
-        {"nor an unknown type's", odd, 28, irp::message_check::ok},
-    };
-    for (const auto& c : cases) {
-        irp::message m;
-        EXPECT_EQ(c.want, irp::parse_message(c.data.data(), c.size, m)) << c.label;
-        if (c.want == irp::message_check::ok && m.type == 1) {
-            EXPECT_EQ(name, m.file_name) << c.label;
-            EXPECT_EQ(77u, m.id);
-            EXPECT_EQ(3, m.major_function);
-            EXPECT_EQ(1, m.minor_function);
-            EXPECT_EQ(0x1234u, m.process_id);
-        }
-    }
-}
 
 mcl::binary_t subscribe_payload(const std::string& subscriber, const std::string& event, const std::string& path) {
     mcl::binary_t b;
