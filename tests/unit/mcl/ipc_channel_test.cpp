@@ -129,9 +129,9 @@ TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
             EXPECT_TRUE(client.post(0x2000001, payload, client.connections().front()));
             std::vector<mcl::binary_t> received;
             ASSERT_TRUE(pump({server.get()}, *server, 1, received));
-            const unsigned char want[] = {4, 0, 0, 0, 0x01, 0, 0, 0x02, static_cast<unsigned char>(sequence), 0, 0, 0,
-                                          2, 0, 0, 0, 'x', 0};
-            EXPECT_EQ(mcl::binary_t(want, sizeof(want)), received[0]) << round;
+            const std::vector<unsigned char> want = {4, 0, 0, 0, 0x01, 0, 0, 0x02, static_cast<unsigned char>(sequence),
+                                                     0, 0, 0, 2, 0, 0, 0, 'x', 0};
+            EXPECT_EQ(want, std::vector<unsigned char>(received[0].data(), received[0].data() + received[0].size())) << round;
         }
         client.close();
         EXPECT_TRUE(client.connections().empty());
