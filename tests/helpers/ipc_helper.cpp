@@ -25,7 +25,6 @@
 #include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/ipc/peer.h"
-#include "tests/helpers/ipc_test_messages.h"
 #include "tests/helpers/raw_client.h"
 
 namespace {

@@ -15,6 +15,21 @@
 
 namespace nv_test {
 
+// A file's bytes from `offset` on (empty when it cannot be read).
+inline std::string file_text(const std::string& path, std::streamoff offset = 0) {
+    std::ifstream in(path, std::ios::binary);
+    in.seekg(offset);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+inline size_t count_of(const std::string& text, const std::string& needle) {
+    size_t n = 0;
+    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
+    return n;
+}
+
 class log_capture {
 public:
     log_capture() : path_(shared_log().path()) {
@@ -24,20 +39,9 @@ public:
     log_capture(const log_capture&) = delete;
     log_capture& operator=(const log_capture&) = delete;
 
-    std::string text() const {
-        std::ifstream in(path_, std::ios::binary);
-        in.seekg(start_);
-        std::ostringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
+    std::string text() const { return file_text(path_, start_); }
     bool contains(const std::string& needle) const { return text().find(needle) != std::string::npos; }
-    size_t count(const std::string& needle) const {
-        const std::string t = text();
-        size_t n = 0;
-        for (size_t at = t.find(needle); at != std::string::npos; at = t.find(needle, at + 1)) ++n;
-        return n;
-    }
+    size_t count(const std::string& needle) const { return count_of(text(), needle); }
 
 private:
     // Never destroyed: a thread may log at any moment until the process ends.

@@ -25,6 +25,25 @@ HANDLE open_waiting(const std::string& name, DWORD access) {
 
 }  // namespace
 
+child start_ipc_helper(const std::string& mode, const std::string& name, const std::string& args,
+                       std::string* log_path) {
+    char temp[MAX_PATH] = {};
+    GetTempPathA(MAX_PATH, temp);
+    const std::string log = temp + unique_name("nv_ipc_helper") + ".log";
+    if (log_path != nullptr) *log_path = log;
+    return start("\"" + bin_dir() + "nv_ipc_helper.exe\" " + mode + " " + name + " \"" + log + "\" " + args,
+                 /*capture_output=*/true);
+}
+
+std::string first_line(child& c) {
+    std::string line;
+    char ch = 0;
+    DWORD n = 0;
+    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n')
+        if (ch != '\r') line.push_back(ch);
+    return line;
+}
+
 bool raw_client::connect(const std::string& name, bool signal) { return connect_half(name, "", signal); }
 
 bool raw_client::connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake) {

@@ -1,5 +1,6 @@
 // A client that does the IPC handshake by hand and then reads and writes raw bytes on blocking
-// pipe handles: the tests' and benchmarks' way of being a hostile or a precise client.
+// pipe handles: the tests' and benchmarks' way of being a hostile or a precise client. Also the
+// launcher of nv_ipc_helper, the second process of the IPC tests.
 #pragma once
 
 #include <windows.h>
@@ -8,7 +9,25 @@
 #include <string>
 #include <vector>
 
+#include "tests/helpers/process.h"
+
 namespace nv_test {
+
+// Message identifiers that the IPC tests and nv_ipc_helper share.
+constexpr uint32_t msg_version = 0x1000009;   // answered with a status reply (1, "")
+constexpr uint32_t msg_echo = 0x2000001;      // the payload comes back unchanged
+constexpr uint32_t msg_sleep = 0x2000002;     // u32 milliseconds: sleeps, then answers "slept"
+constexpr uint32_t msg_no_reply = 0x2000003;  // the handler returns -1
+constexpr uint32_t msg_post_all = 0x2000004;  // posts msg_posted to every client, answers "posted"
+constexpr uint32_t msg_exit = 0x2000005;      // the helper process exits inside the handler
+constexpr uint32_t msg_posted = 0x2000010;    // the post that msg_post_all sends
+
+// Starts `nv_ipc_helper MODE NAME LOG ARGS` (see ipc_helper.cpp) with standard output captured and
+// a log file of its own in the temporary folder, whose path goes to `log_path` when asked.
+child start_ipc_helper(const std::string& mode, const std::string& name, const std::string& args,
+                       std::string* log_path = nullptr);
+// Reads a child's standard output up to the end of its first line.
+std::string first_line(child& c);
 
 class raw_client {
 public:

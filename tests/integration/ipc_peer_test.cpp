@@ -8,18 +8,101 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdio>
 #include <new>
 #include <random>
 #include <thread>
 
 #include "mcl/encoding.h"
-#include "tests/helpers/ipc_test_messages.h"
+#include "mcl/event.h"
 #include "tests/helpers/log_capture.h"
-#include "tests/integration/ipc_test_support.h"
+#include "tests/helpers/raw_client.h"
 
 namespace {
 
-using nv_test::bytes_of;
+using nv_test::first_line;
+
+std::vector<unsigned char> bytes_of(std::initializer_list<int> values) {
+    std::vector<unsigned char> out;
+    for (int v : values) out.push_back(static_cast<unsigned char>(v));
+    return out;
+}
+
+// nv_ipc_helper listening under a fresh endpoint name, with its own log file.
+class server_process {
+public:
+    server_process() : name_(nv_test::unique_name("nv_ipc")) {
+        const std::string stop_name = "Global\\" + name_ + "_test_stop";
+        EXPECT_EQ(0, stop_.create(stop_name.c_str()));
+        child_ = nv_test::start_ipc_helper("server", name_, stop_name, &log_path_);
+        EXPECT_NE(nullptr, child_.process);
+    }
+    ~server_process() {
+        stop_.set();
+        if (child_.wait(10000) == STILL_ACTIVE) child_.kill();
+        std::remove(log_path_.c_str());
+    }
+    server_process(const server_process&) = delete;
+    server_process& operator=(const server_process&) = delete;
+
+    const std::string& name() const { return name_; }
+    std::string log() const { return nv_test::file_text(log_path_); }
+    bool running() { return child_.wait(0) == STILL_ACTIVE; }
+    // Sets the stop event and waits up to `ms` for the exit: its code, or STILL_ACTIVE.
+    DWORD stop(DWORD ms) {
+        stop_.set();
+        return child_.wait(ms);
+    }
+    nv_test::child& process() { return child_; }
+
+private:
+    std::string name_;
+    std::string log_path_;
+    mcl::event stop_;
+    nv_test::child child_;
+};
+
+// nv_ipc_helper as a client of `name` running `command` (see ipc_helper.cpp).
+nv_test::child start_client(const std::string& name, const std::string& command) {
+    return nv_test::start_ipc_helper("client", name, command);
+}
+
+// Records what a peer's handler receives and from which client; answers 0x1000009 with a status
+// reply (1, "") and leaves other payloads as they came.
+class recording_handler : public mcl::ipc_msg_handler {
+public:
+    int operator()(mcl::ipc_connection* connection, uint32_t id, mcl::binary_t& payload) override {
+        if (id == nv_test::msg_version) {
+            payload.clear();
+            mcl::write_status(payload, true, "");
+        }
+        mcl::scoped_lock guard(lock_);
+        ids_.push_back(id);
+        pid_ = connection->client_process_id();
+        image_ = connection->client_image();
+        return 0;
+    }
+    int count(uint32_t id) {
+        mcl::scoped_lock guard(lock_);
+        return static_cast<int>(std::count(ids_.begin(), ids_.end(), id));
+    }
+    // The client process id and image of the last request's connection.
+    std::pair<DWORD, std::string> last_client() {
+        mcl::scoped_lock guard(lock_);
+        return {pid_, image_};
+    }
+    // Waits up to `ms` for `count(id)` to reach n.
+    bool wait_for(uint32_t id, int n, DWORD ms) {
+        for (DWORD waited = 0; waited < ms && count(id) < n; waited += 20) Sleep(20);
+        return count(id) >= n;
+    }
+
+private:
+    mcl::lock lock_;
+    std::vector<uint32_t> ids_;
+    DWORD pid_ = 0;
+    std::string image_;
+};
 
 mcl::binary_t text_payload(const std::string& text) {
     mcl::binary_t payload;
@@ -29,7 +112,7 @@ mcl::binary_t text_payload(const std::string& text) {
 
 // An in-process client peer connected to `name`.
 struct client {
-    nv_test::recording_handler handler;
+    recording_handler handler;
     mcl::ipc_peer peer{"", &handler};
 
     // A listener thread that has only just been started may not have its first pipe pair yet
@@ -50,7 +133,7 @@ struct client {
 };
 
 TEST(IpcPeer, HandshakeAndTheReplyBytesForAnEmptyVersionRequest) {
-    nv_test::server_process server;
+    server_process server;
     nv_test::raw_client raw;
     ASSERT_TRUE(raw.connect(server.name()));
 
@@ -76,30 +159,8 @@ TEST(IpcPeer, HandshakeAndTheReplyBytesForAnEmptyVersionRequest) {
     EXPECT_EQ(bytes_of({3, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'}), reply);
 }
 
-TEST(IpcPeer, TheClientsFramesOnTheWireAndSequencesRestartAfterClose) {
-    const std::string name = nv_test::unique_name("nv_ipc_raw");
-    nv_test::raw_listener listener(name);
-    client c;
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(listener.prepare());
-        std::thread accepting([&] { EXPECT_TRUE(listener.accept()); });
-        const bool connected = c.connect(name);
-        accepting.join();
-        ASSERT_TRUE(connected);
-        for (int sequence = 1; sequence <= 2 - round; ++sequence) {
-            mcl::binary_t payload = text_payload("x");
-            EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
-            std::vector<unsigned char> request;
-            ASSERT_TRUE(listener.read(18, request));
-            EXPECT_EQ(bytes_of({4, 0, 0, 0, 0x01, 0, 0, 0x02, sequence, 0, 0, 0, 2, 0, 0, 0, 'x', 0}), request);
-        }
-        c.peer.close();
-        EXPECT_TRUE(c.peer.connections().empty());
-    }
-}
-
 TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
-    nv_test::server_process server;
+    server_process server;
     client clients[3];
     // A reply proves the listener's side of each connection is up, so the post cannot race it.
     for (auto& c : clients) ASSERT_TRUE(c.connect(server.name()) && c.echo("up"));
@@ -132,7 +193,7 @@ TEST(IpcPeer, ConnectWithoutListenerTriesEvery50MsUntilTheTimeOut) {
 }
 
 TEST(IpcPeer, AHundredConnectionsAtOnceAreAllAnswered) {
-    nv_test::server_process server;
+    server_process server;
     client c;
     constexpr int count = 100;
     for (int i = 0; i < count; ++i) ASSERT_TRUE(c.connect(server.name())) << i;
@@ -154,7 +215,7 @@ TEST(IpcPeer, AHundredConnectionsAtOnceAreAllAnswered) {
 
 TEST(IpcPeer, ASendTimesOutOnANegativeHandlerResultAndReturnsAtOnceWhenItsConnectionDies) {
     nv_test::log_capture log;
-    nv_test::server_process server;
+    server_process server;
     client c;
     ASSERT_TRUE(c.connect(server.name()));
     mcl::binary_t payload = text_payload("unanswered");
@@ -173,10 +234,10 @@ TEST(IpcPeer, ASendTimesOutOnANegativeHandlerResultAndReturnsAtOnceWhenItsConnec
 }
 
 TEST(IpcPeer, AClientKilledInItsRequestAnOverLongLengthOrGarbageEndOnlyThatConnection) {
-    nv_test::server_process server;
+    server_process server;
     client steady;
     ASSERT_TRUE(steady.connect(server.name()));
-    nv_test::child doomed = nv_test::start_client(server.name(), "sleep 1500");
+    nv_test::child doomed = start_client(server.name(), "sleep 1500");
     Sleep(700);  // connected and inside the handler by now
     doomed.kill();
     EXPECT_TRUE(steady.echo("still here"));
@@ -204,22 +265,30 @@ TEST(IpcPeer, AClientKilledInItsRequestAnOverLongLengthOrGarbageEndOnlyThatConne
     EXPECT_TRUE(fresh.connect(server.name()) && fresh.echo("new client"));
 }
 
-TEST(IpcPeer, TheAcceptLoopServesClientsUntilItsStopAndThenNobodyIsListening) {
-    nv_test::recording_handler handler;
+std::string lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
+    return text;
+}
+
+TEST(IpcPeer, TheAcceptLoopKnowsEachClientsProcessAndImageUntilItsStopAndThenNobodyIsListening) {
+    recording_handler handler;
     const std::string name = nv_test::unique_name("nv_ipc_own");
     mcl::ipc_peer server(name.c_str(), &handler);
     mcl::event stop;
     ASSERT_TRUE(stop.create_unnamed());
     for (int round = 0; round < 2; ++round) {
         std::thread loop([&] { server.serve_until(stop.get()); });
-        nv_test::child other = nv_test::start_client(name, "version");
         client c;
         ASSERT_TRUE(c.connect(name));
         mcl::binary_t payload = text_payload("hello");
         EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
         EXPECT_TRUE(handler.wait_for(nv_test::msg_echo, round + 1, 5000));
-        EXPECT_TRUE(handler.wait_for(nv_test::msg_version, round + 1, 5000));
+        nv_test::child other = start_client(name, "version");
+        EXPECT_TRUE(handler.wait_for(nv_test::msg_version, round + 1, 30000));
         EXPECT_EQ(0u, other.wait());
+        const auto [pid, image] = handler.last_client();
+        EXPECT_EQ(other.pid, pid);
+        EXPECT_NE(std::string::npos, lower(image).find("nv_ipc_helper.exe")) << image;
 
         stop.set();
         loop.join();
@@ -230,26 +299,13 @@ TEST(IpcPeer, TheAcceptLoopServesClientsUntilItsStopAndThenNobodyIsListening) {
     }
 }
 
-// Reads the child's standard output up to the end of the first line.
-std::string first_line(nv_test::child& c) {
-    std::string line;
-    char ch = 0;
-    DWORD n = 0;
-    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n')
-        if (ch != '\r') line.push_back(ch);
-    return line;
-}
-
 nv_test::child start_abuse(const std::string& name, int stalled, int flood_kib, int announcing) {
-    return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" abuse " + name + " \"" +
-                              ::testing::TempDir() + nv_test::unique_name("nv_abuse") + ".log\" 2000001 " +
-                              std::to_string(stalled) + " " + std::to_string(flood_kib) + " " +
-                              std::to_string(announcing) + " 120",
-                          /*capture_output=*/true);
+    return nv_test::start_ipc_helper("abuse", name, "2000001 " + std::to_string(stalled) + " " + std::to_string(flood_kib) +
+                                                        " " + std::to_string(announcing) + " 120");
 }
 
 TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
-    nv_test::server_process server;
+    server_process server;
     // Clients that never read: thirty with one reply each, four with 20 MiB of replies; and
     // twenty that announce 64 MiB frames and trickle.
     nv_test::child stalled = start_abuse(server.name(), 30, 0, 20);
@@ -264,7 +320,7 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     // systems fill in only the first).
     const size_t committed = std::max(memory.PrivateUsage, memory.PagefileUsage);
     EXPECT_LT(committed, 200u * 1024 * 1024) << committed;
-    EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait()) << "others are still served";
+    EXPECT_EQ(0u, start_client(server.name(), "version").wait()) << "others are still served";
     // Up to a minute: the flooding clients' replies take a while to pile up on a loaded machine.
     for (int i = 0; i < 600 && nv_test::count_of(server.log(), "The other end does not read") < 4; ++i) Sleep(100);
     EXPECT_EQ(4u, nv_test::count_of(server.log(), "The other end does not read")) << server.log();
@@ -290,15 +346,12 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
                        {"_OUTBOUND", false, true, nullptr}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.pipe) + (c.signal ? " signalled" : " silent") + (c.exit_on_other_half ? " exit" : ""));
-        nv_test::server_process server;
+        server_process server;
         const std::string done_name = "Global\\" + nv_test::unique_name("nv_half_done");
         mcl::event done;
         ASSERT_EQ(0, done.create(done_name.c_str()));
         auto start_half = [&](const std::string& pipe, const char* signal, const char* exit) {
-            return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + server.name() + " \"" +
-                                      ::testing::TempDir() + nv_test::unique_name("nv_half") + ".log\" \"" + pipe +
-                                      "\" " + signal + " " + done_name + exit,
-                                  /*capture_output=*/true);
+            return nv_test::start_ipc_helper("half", server.name(), "\"" + pipe + "\" " + signal + " " + done_name + exit);
         };
         nv_test::child hostile = start_half(c.pipe, c.signal ? "1" : "0", "");
         ASSERT_EQ("ready", first_line(hostile));
@@ -312,7 +365,7 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
             answered = honest.connect(server.name()) && honest.echo("for the honest client only");
         }
         EXPECT_TRUE(answered);
-        EXPECT_EQ(0u, nv_test::start_client(server.name(), "version").wait());
+        EXPECT_EQ(0u, start_client(server.name(), "version").wait());
         EXPECT_TRUE(server.running());
         done.set();
         EXPECT_EQ(0u, hostile.wait(30000));
@@ -388,21 +441,9 @@ TEST(IpcPeer, AHandlerThatThrowsEndsOnlyItsRequestAndAStopWhileOneDisconnectsAnd
     EXPECT_EQ(1u, log.count("] - The handler of a message failed with an exception: std::bad_alloc")) << log.text();
 }
 
-TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImageAndWhoMadePipesBeforeIt) {
-    nv_test::recording_handler recorder;
-    const std::string name = nv_test::unique_name("nv_ipc_who");
-    {
-        own_server server(name, &recorder);
-        nv_test::child other = nv_test::start_client(name, "version");
-        EXPECT_TRUE(recorder.wait_for(nv_test::msg_version, 1, 30000));
-        (void)other.wait();
-        auto [pid, image] = recorder.last_client();
-        std::transform(image.begin(), image.end(), image.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
-        EXPECT_EQ(other.pid, pid);
-        EXPECT_NE(std::string::npos, image.find("nv_ipc_helper.exe")) << image;
-    }
-
-    nv_test::server_process squatter;
+TEST(IpcPeer, AListenerNamesTheProcessThatMadeItsPipesBeforeIt) {
+    recording_handler recorder;
+    server_process squatter;
     client probe;  // the squatter listens once this gets through
     ASSERT_TRUE(probe.connect(squatter.name()));
     // The squatter makes its next pair once it has settled the probe's: wait until both pipes are free.
@@ -414,11 +455,10 @@ TEST(IpcPeer, TheListenerKnowsEachClientsProcessIdAndImageAndWhoMadePipesBeforeI
     stop.set();  // one pass: the start-up check, the first pair, the stop
     mcl::ipc_peer server(squatter.name().c_str(), &recorder);
     server.serve_until(stop.get());
-    std::string text = log.text();
+    const std::string text = log.text();
     EXPECT_TRUE(log.contains("\\\\.\\pipe\\" + squatter.name() + "_INBOND\") already exists, made by process " +
                              std::to_string(squatter.process().pid) + " (")) << text;
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
-    EXPECT_NE(std::string::npos, text.find("nv_ipc_helper.exe): its clients may reach"));
+    EXPECT_NE(std::string::npos, lower(text).find("nv_ipc_helper.exe): its clients may reach"));
     EXPECT_FALSE(log.contains("has no other instance"));
 }
 

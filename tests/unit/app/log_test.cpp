@@ -45,23 +45,38 @@ void write_size(const std::string& path, size_t size) {
 // The header line: 27 '=', date and time, 25 '='.
 const std::regex header("===========================\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d=========================");
 
-TEST(Log, ANewFileStartsWithAnEmptyLineAndTheHeader) {
+TEST(Log, ANewFileStartsWithTheHeaderAndTheCallSiteHelperWritesWholeOrCutEntries) {
     const std::string path = temp_path("new.log");
     remove(path.c_str());
     ASSERT_TRUE(log_needs_truncate(path.c_str()));
-    {
-        log_file log;
-        ASSERT_TRUE(log.open(path.c_str(), true));
-        EXPECT_TRUE(log.write("[x:1] - hello"));
-    }
+    log_file log;
+    ASSERT_TRUE(log.open(path.c_str(), true));
+    log_file* saved = g_log;
+    g_log = nullptr;
+    NV_LOG("ns::cls::fn", "not written: %d", 1);  // no log set: nothing happens
+    g_log = &log;
+    NV_LOG("ns::cls::fn", "value %d and %s", 42, "text");
+    const std::string huge(5000, 'z');
+    NV_LOG("ns::cls::fn", "%s", huge.c_str());
+    g_log = saved;
+    log.close();
+
     const std::string text = read_all(path);
     ASSERT_EQ(eol, text.substr(0, strlen(eol)));
     const size_t header_end = text.find(eol, strlen(eol));
     ASSERT_NE(std::string::npos, header_end);
     EXPECT_TRUE(std::regex_match(text.substr(strlen(eol), header_end - strlen(eol)), header)) << text;
-    const std::string entry = text.substr(header_end + strlen(eol));
-    EXPECT_TRUE(std::regex_match(entry, std::regex(std::string("\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d, \\[x:1\\] - hello") + eol)))
+    const size_t entry_start = header_end + strlen(eol);
+    const std::string entry = text.substr(entry_start, text.find(eol, entry_start) + strlen(eol) - entry_start);
+    EXPECT_TRUE(std::regex_match(
+        entry, std::regex(std::string("\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d, \\[ns::cls::fn:\\d+\\] - value 42 and text") + eol)))
         << entry;
+    // The cut line holds the prefix and as many 'z' as fit in 2047 characters.
+    const size_t start = text.find("] - zzz");
+    ASSERT_NE(std::string::npos, start);
+    const size_t line_start = text.rfind(", [", start) + 2;
+    const size_t line_end = text.find(eol, start);
+    EXPECT_EQ(2047u, line_end - line_start);
 }
 
 TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
@@ -88,34 +103,6 @@ TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
         }
         remove(path.c_str());
     }
-}
-
-TEST(Log, CallSiteHelperFormatsThePrefixAndCutsOverlongText) {
-    const std::string path = temp_path("helper.log");
-    remove(path.c_str());
-    log_file log;
-    ASSERT_TRUE(log.open(path.c_str(), true));
-
-    log_file* saved = g_log;
-    g_log = nullptr;
-    NV_LOG("ns::cls::fn", "not written: %d", 1);  // no log set: nothing happens
-    g_log = &log;
-    NV_LOG("ns::cls::fn", "value %d and %s", 42, "text");
-    const std::string huge(5000, 'z');
-    NV_LOG("ns::cls::fn", "%s", huge.c_str());
-    g_log = saved;
-    log.close();
-
-    const std::string text = read_all(path);
-    EXPECT_EQ(std::string::npos, text.find("not written"));
-    EXPECT_NE(std::string::npos, text.find(", [ns::cls::fn:"));
-    EXPECT_TRUE(std::regex_search(text, std::regex("\\[ns::cls::fn:\\d+\\] - value 42 and text")));
-    // The cut line holds the prefix and as many 'z' as fit in 2047 characters.
-    const size_t start = text.find("] - zzz");
-    ASSERT_NE(std::string::npos, start);
-    const size_t line_start = text.rfind(", [", start) + 2;
-    const size_t line_end = text.find(eol, start);
-    EXPECT_EQ(2047u, line_end - line_start);
 }
 
 TEST(Log, TwoThreadsLoggingAtOnceGiveWholeLines) {

@@ -5,8 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "mcl/encoding.h"
+#include "mcl/ipc/peer.h"
+#include "mcl/mswin/unique_handle.h"
 #include "tests/helpers/log_capture.h"
-#include "tests/helpers/process.h"
+#include "tests/helpers/raw_client.h"
 
 namespace {
 
@@ -32,18 +35,21 @@ connection_ptr connecting(const std::string& path) {
     return c;
 }
 
-// Runs the channels of both ends as the peer's I/O threads would, until `receiver` has cut
-// `want` frames or the time is up. False when a channel reports the connection dead.
-bool pump(mcl::ipc_connection& a, mcl::ipc_connection& b, mcl::ipc_connection& receiver, size_t want,
+// Runs the channels of `ends` as the peer's I/O threads would, until `receiver` has cut `want`
+// frames or the time is up. False when a channel reports the connection dead.
+bool pump(std::initializer_list<mcl::ipc_connection*> ends, mcl::ipc_connection& receiver, size_t want,
           std::vector<mcl::binary_t>& received, DWORD ms = 10000) {
     std::vector<mcl::binary_t> frames;
+    std::vector<HANDLE> events;
+    for (mcl::ipc_connection* c : ends) {
+        events.push_back(c->reader().event_handle());
+        events.push_back(c->writer().event_handle());
+    }
     const ULONGLONG end = GetTickCount64() + ms;
     while (received.size() < want && GetTickCount64() < end) {
-        HANDLE events[] = {a.reader().event_handle(), a.writer().event_handle(), b.reader().event_handle(),
-                           b.writer().event_handle()};
-        const DWORD r = WaitForMultipleObjects(4, events, FALSE, 100);
+        const DWORD r = WaitForMultipleObjects(static_cast<DWORD>(events.size()), events.data(), FALSE, 100);
         if (r == WAIT_TIMEOUT) continue;
-        mcl::ipc_connection& c = r < WAIT_OBJECT_0 + 2 ? a : b;
+        mcl::ipc_connection& c = *ends.begin()[(r - WAIT_OBJECT_0) / 2];
         if ((r - WAIT_OBJECT_0) % 2 == 1) {
             if (!c.writer().complete_write()) return false;
             continue;
@@ -87,15 +93,48 @@ TEST(IpcChannel, FramesFlowBothWaysWhatEverTheirSize) {
     for (uint32_t size : sizes) {
         std::vector<mcl::binary_t> received;
         client->enqueue(frame_of(size % 251, size));
-        ASSERT_TRUE(pump(*server, *client, *server, 1, received)) << size;
+        ASSERT_TRUE(pump({server.get(), client.get()}, *server, 1, received)) << size;
         ASSERT_EQ(1u, received.size());
         EXPECT_EQ(frame_of(size % 251, size), received[0]) << size;
 
         // Several frames queued while a write is outstanding arrive whole and in order.
         received.clear();
         for (uint32_t id = 1; id <= 5; ++id) server->enqueue(frame_of(id, size / (id + 1)));
-        ASSERT_TRUE(pump(*server, *client, *client, 5, received)) << size;
+        ASSERT_TRUE(pump({server.get(), client.get()}, *client, 5, received)) << size;
         for (uint32_t id = 1; id <= 5; ++id) EXPECT_EQ(frame_of(id, size / (id + 1)), received[id - 1]) << size;
+    }
+}
+
+struct no_handler : mcl::ipc_msg_handler {
+    int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t&) override { return -1; }
+};
+
+// A client peer's posts on the wire, as this end's listening pair receives them: numbered from 1,
+// and from 1 again after close.
+TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
+    const std::string name = nv_test::unique_name("nv_channel");
+    const std::string base = "Global\\" + name;
+    // The handshake objects that a listener makes.
+    const mcl::mswin::unique_kernel_handle mutex(CreateMutexA(nullptr, FALSE, (base + "_MTX_CONNECTING").c_str()));
+    mcl::event signalled;
+    ASSERT_EQ(0, signalled.create((base + "_EV_CONNECTED").c_str()));
+    no_handler handler;
+    mcl::ipc_peer client("", &handler);
+    for (int round = 0; round < 2; ++round) {
+        connection_ptr server = listening(std::string(mcl::ipc_channel::pipe_prefix) + name);
+        ASSERT_TRUE(client.connect(name.c_str(), 10000));
+        for (int sequence = 1; sequence <= 2 - round; ++sequence) {
+            mcl::binary_t payload;
+            mcl::write_string(payload, "x");
+            EXPECT_TRUE(client.post(0x2000001, payload, client.connections().front()));
+            std::vector<mcl::binary_t> received;
+            ASSERT_TRUE(pump({server.get()}, *server, 1, received));
+            const std::vector<unsigned char> want = {4, 0, 0, 0, 0x01, 0, 0, 0x02, static_cast<unsigned char>(sequence),
+                                                     0, 0, 0, 2, 0, 0, 0, 'x', 0};
+            EXPECT_EQ(want, std::vector<unsigned char>(received[0].data(), received[0].data() + received[0].size())) << round;
+        }
+        client.close();
+        EXPECT_TRUE(client.connections().empty());
     }
 }
 
@@ -106,7 +145,7 @@ TEST(IpcChannel, TheOtherEndClosingEndsTheConnectionWithoutALogLine) {
     connection_ptr client = connecting(path);
     std::vector<mcl::binary_t> received;
     client->enqueue(frame_of(1, 10));
-    ASSERT_TRUE(pump(*server, *client, *server, 1, received));
+    ASSERT_TRUE(pump({server.get(), client.get()}, *server, 1, received));
 
     client.reset();  // closes both pipes
     std::vector<mcl::binary_t> frames;
@@ -124,14 +163,8 @@ TEST(IpcChannel, APairWhosePipesTwoProcessesHoldEndsBeforeAnyIo) {
     connection_ptr server = listening(path);
     mcl::event done;
     ASSERT_EQ(0, done.create(("Global\\" + name + "_done").c_str()));
-    nv_test::child other = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_helper.exe\" half " + name + " \"" +
-                                              ::testing::TempDir() + name + ".log\" _INBOND 0 Global\\" + name + "_done exit",
-                                          /*capture_output=*/true);
-    char ready[5] = {};
-    DWORD n = 0;
-    for (DWORD got = 0; got < 5 && ReadFile(other.output, ready + got, 5 - got, &n, nullptr) && n > 0; got += n) {
-    }
-    ASSERT_EQ("ready", std::string(ready, 5));
+    nv_test::child other = nv_test::start_ipc_helper("half", name, "_INBOND 0 Global\\" + name + "_done exit");
+    ASSERT_EQ("ready", nv_test::first_line(other));
     HANDLE out = CreateFileA((path + "_OUTBOUND").c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_NE(INVALID_HANDLE_VALUE, out);
 
