@@ -1,7 +1,7 @@
-// The client library against the real service. client_against_the_service runs from
-// halvernctl_test.sh, where NV_SERVICE_EXE names the service's program and the service starts
-// uninstalled; client_with_simulator runs from halvernctl_test.sh, where the service
-// runs with the driver simulator (NV_WITH_SIMULATOR set).
+// The client library against the real service, both suites run from halvernctl_test.sh:
+// client_against_the_service first, where NV_SERVICE_EXE names the service's program and the
+// service starts uninstalled; then client_with_simulator, where the service runs with the
+// driver simulator (NV_WITH_SIMULATOR set).
 #include <gtest/gtest.h>
 
 #include <cstdlib>
