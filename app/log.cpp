@@ -5,7 +5,8 @@
 #include <ctime>
 
 #if defined(_WIN32)
-#include <share.h>
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 #else
 #include <sys/stat.h>
@@ -33,11 +34,33 @@ local_time now_local() {
 #endif
 }
 
-FILE* open_shared(const char* path, const char* mode) {
+// Opens the log denying nothing to other processes: mode "w+t" (create or empty) when truncate is
+// set, else "a+t" (create or append). The service and console runs of the program append to the one
+// file at once, each through its own open file. The C runtime's append mode seeks to the end and
+// then writes, so two processes can write over each other's entries; through a handle that may
+// only append (no FILE_WRITE_DATA) the system puts each write at the end in one piece.
+FILE* open_shared(const char* path, bool truncate) {
 #if defined(_WIN32)
-    return _fsopen(path, mode, _SH_DENYNO);
+    const DWORD share = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    if (truncate) {
+        HANDLE emptied = CreateFileA(path, GENERIC_WRITE, share, nullptr, CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr);
+        if (emptied == INVALID_HANDLE_VALUE) return nullptr;
+        CloseHandle(emptied);
+    }
+    HANDLE file = CreateFileA(path, FILE_GENERIC_READ | FILE_APPEND_DATA, share, nullptr, OPEN_ALWAYS,
+                              FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (file == INVALID_HANDLE_VALUE) return nullptr;
+    // The descriptor owns the handle from here; the stream owns the descriptor.
+    const int fd = _open_osfhandle(reinterpret_cast<intptr_t>(file), _O_APPEND | _O_TEXT);
+    if (fd == -1) {
+        CloseHandle(file);
+        return nullptr;
+    }
+    FILE* stream = _fdopen(fd, "a+t");
+    if (stream == nullptr) _close(fd);
+    return stream;
 #else
-    return fopen(path, mode);
+    return fopen(path, truncate ? "w+t" : "a+t");
 #endif
 }
 
@@ -61,7 +84,7 @@ bool log_file::open(const char* path, bool truncate) {
     if (path == nullptr || strlen(path) > max_path) return false;
     path_ = path;
     close();
-    stream_ = open_shared(path, truncate ? "w+t" : "a+t");
+    stream_ = open_shared(path, truncate);
     if (stream_ == nullptr) return false;
     const local_time t = now_local();
     fprintf(stream_, "\n===========================%04d/%02d/%02d %02d:%02d:%02d=========================\n",
