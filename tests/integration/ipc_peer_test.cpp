@@ -35,7 +35,7 @@ public:
         const std::string stop_name = "Global\\" + name_ + "_test_stop";
         EXPECT_EQ(0, stop_.create(stop_name.c_str()));
         child_ = nv_test::start_ipc_helper("server", name_, stop_name, &log_path_);
-        EXPECT_NE(nullptr, child_.process);
+        EXPECT_NE(nullptr, child_.process) << "CreateProcess error " << GetLastError();
     }
     ~server_process() {
         stop_.set();
@@ -116,10 +116,13 @@ struct client {
     mcl::ipc_peer peer{"", &handler};
 
     // A listener thread that has only just been started may not have its first pipe pair yet
-    // on a loaded machine: try again for up to half a minute.
+    // on a loaded machine, and a connect then fails at once: try again for up to half a minute.
     bool connect(const std::string& name) {
-        for (int attempt = 0; attempt < 3; ++attempt)
+        const ULONGLONG deadline = GetTickCount64() + 30000;
+        do {
             if (peer.connect(name.c_str(), 10000)) return true;
+            Sleep(50);
+        } while (GetTickCount64() < deadline);
         return false;
     }
     mcl::share_ptr<mcl::ipc_connection> connection() {
