@@ -31,7 +31,8 @@ public:
 
     // Opens (truncate: "w+t", else "a+t") with sharing that denies nothing, and writes the
     // start header. On Windows the file is written through a handle that may only append, so
-    // entries of several processes logging at once never overwrite one another. False for a null path, a path over 260 characters or a failed open.
+    // entries of several processes logging at once never overwrite one another. False for a
+    // null path, a path over 260 characters or a failed open.
     bool open(const char* path, bool truncate);
     // Writes one entry with the local date and time; false when no file is open.
     bool write(const char* text);
