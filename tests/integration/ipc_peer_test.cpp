@@ -22,11 +22,7 @@ namespace {
 
 using nv_test::first_line;
 
-std::vector<unsigned char> bytes_of(std::initializer_list<int> values) {
-    std::vector<unsigned char> out;
-    for (int v : values) out.push_back(static_cast<unsigned char>(v));
-    return out;
-}
+using bytes = std::vector<unsigned char>;
 
 // nv_ipc_helper listening under a fresh endpoint name, with its own log file, until its stop event.
 struct server_process {
@@ -138,25 +134,25 @@ TEST(IpcPeer, HandshakeAndTheReplyBytesForAnEmptyVersionRequest) {
     ASSERT_TRUE(raw.connect(server.name));
 
     // Request 0x1000009, sequence 1, empty payload: 17 bytes with the pad byte.
-    ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0})));
-    std::vector<unsigned char> reply;
+    ASSERT_TRUE(raw.write(bytes({0, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 0, 0, 0, 0, 0})));
+    bytes reply;
     ASSERT_TRUE(raw.read(18, reply));
-    EXPECT_EQ(bytes_of({1, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 2, 0, 0, 0, 1, 0}), reply);
+    EXPECT_EQ(bytes({1, 0, 0, 0, 0x09, 0, 0, 0x01, 1, 0, 0, 0, 2, 0, 0, 0, 1, 0}), reply);
 
     // An echo of an empty payload comes back as a 17-byte frame too.
-    ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0})));
+    ASSERT_TRUE(raw.write(bytes({0, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0})));
     ASSERT_TRUE(raw.read(17, reply));
-    EXPECT_EQ(bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0}), reply);
+    EXPECT_EQ(bytes({1, 0, 0, 0, 0x01, 0, 0, 0x02, 7, 0, 0, 0, 0, 0, 0, 0, 0}), reply);
 
-    // Kinds 1, 3 (nobody waits for them), 4 and unknown kinds get no reply; kind 2 is
-    // answered with kind 3. Only the last frame's reply may come back.
-    ASSERT_TRUE(raw.write(bytes_of({1, 0, 0, 0, 0x01, 0, 0, 0x02, 8, 0, 0, 0, 1, 0, 0, 0, 'a',  //
+    // Five frames in one write: kinds 1, 3 (nobody waits for them), 4 and unknown kinds get no
+    // reply; kind 2 is answered with kind 3. Only the last frame's reply may come back.
+    ASSERT_TRUE(raw.write(bytes({1, 0, 0, 0, 0x01, 0, 0, 0x02, 8, 0, 0, 0, 1, 0, 0, 0, 'a',  //
                                     3, 0, 0, 0, 0x01, 0, 0, 0x02, 9, 0, 0, 0, 1, 0, 0, 0, 'b',  //
                                     4, 0, 0, 0, 0x01, 0, 0, 0x02, 10, 0, 0, 0, 1, 0, 0, 0, 'c', //
                                     9, 0, 0, 0, 0x01, 0, 0, 0x02, 11, 0, 0, 0, 1, 0, 0, 0, 'd', //
                                     2, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'})));
     ASSERT_TRUE(raw.read(17, reply));
-    EXPECT_EQ(bytes_of({3, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'}), reply);
+    EXPECT_EQ(bytes({3, 0, 0, 0, 0x01, 0, 0, 0x02, 12, 0, 0, 0, 1, 0, 0, 0, 'e'}), reply);
 }
 
 TEST(IpcPeer, APostWithoutConnectionReachesEveryConnectedClientOnce) {
@@ -253,8 +249,8 @@ TEST(IpcPeer, AClientKilledInItsRequestAnOverLongLengthOrGarbageEndOnlyThatConne
     {
         nv_test::raw_client raw;
         ASSERT_TRUE(raw.connect(server.name));
-        ASSERT_TRUE(raw.write(bytes_of({0, 0, 0, 0, 1, 0, 0, 2, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3})));
-        std::vector<unsigned char> nothing;
+        ASSERT_TRUE(raw.write(bytes({0, 0, 0, 0, 1, 0, 0, 2, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F, 1, 2, 3})));
+        bytes nothing;
         EXPECT_FALSE(raw.read(1, nothing));  // the server ended the connection
     }
     EXPECT_TRUE(steady.echo("after the long one"));
