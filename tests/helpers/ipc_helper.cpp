@@ -1,8 +1,5 @@
 // The second process of the IPC tests.
 //   nv_ipc_helper server NAME LOG STOP_EVENT      listen under NAME until STOP_EVENT is set
-//   nv_ipc_helper client NAME LOG COMMAND [ARG]   connect to NAME and run one command:
-//       version           send 0x1000009 with an empty payload; exit 0 on the status reply
-//       sleep MS          one request whose handler sleeps MS (the test kills this client)
 //   nv_ipc_helper half NAME LOG SUFFIX SIGNAL EVENT [exit]
 //       a hostile client holding only the listener's SUFFIX pipe, signalling when SIGNAL is 1;
 //       with "exit", it opens that pipe without the handshake and writes an exit request into
@@ -12,7 +9,7 @@
 //       of 3,000 bytes or, with FLOOD_KIB, that many KiB in 60 KiB requests; ANNOUNCING
 //       connections each announce a 64 MiB frame and send one byte of it per second. Prints
 //       "ready" once all are connected and have sent, holds them SECONDS, then exits 0.
-// Exit codes: 0 success, 2 usage, 3 connect failed, 4 a reply was missing or wrong.
+// Exit codes: 0 success, 2 usage, 3 connect failed.
 #include <windows.h>
 
 #include <cstdio>
@@ -74,25 +71,6 @@ int run_server(const char* name, const char* stop_name) {
     peer.serve_until(stop);
     CloseHandle(stop);
     return 0;
-}
-
-int run_client(const char* name, const char* command, const char* arg) {
-    test_handler handler;
-    mcl::ipc_peer peer("", &handler);
-    if (!peer.connect(name, 10000)) return 3;
-    const auto connection = peer.connections().front();
-    if (strcmp(command, "version") == 0) {
-        mcl::binary_t payload;
-        if (!peer.send(nv_test::msg_version, payload, connection, 10000)) return 4;
-        const unsigned char expected[] = {1, 0};
-        return payload == mcl::binary_t(expected, 2) ? 0 : 4;
-    }
-    if (strcmp(command, "sleep") == 0) {
-        mcl::binary_t payload;
-        mcl::write_u32(payload, arg != nullptr ? static_cast<uint32_t>(atoi(arg)) : 10000);
-        return peer.send(nv_test::msg_sleep, payload, connection, 60000) ? 0 : 4;
-    }
-    return 2;
 }
 
 std::vector<unsigned char> request_frame(uint32_t id, uint32_t sequence, uint32_t payload_size) {
@@ -165,13 +143,12 @@ int run_half(const char* name, const char* suffix, bool signal, const char* even
 
 int main(int argc, char** argv) {
     if (argc < 5) {
-        fprintf(stderr, "nv_ipc_helper: usage: server|client NAME LOG ...\n");
+        fprintf(stderr, "nv_ipc_helper: usage: server|half|abuse NAME LOG ...\n");
         return 2;
     }
     the_log().open(argv[3], true);
     g_log = &the_log();
     if (strcmp(argv[1], "server") == 0) return run_server(argv[2], argv[4]);
-    if (strcmp(argv[1], "client") == 0) return run_client(argv[2], argv[4], argc > 5 ? argv[5] : nullptr);
     if (strcmp(argv[1], "half") == 0 && argc >= 7)
         return run_half(argv[2], argv[4], strcmp(argv[5], "1") == 0, argv[6], argc > 7 && strcmp(argv[7], "exit") == 0);
     if (strcmp(argv[1], "abuse") == 0 && argc >= 9) return run_abuse(argv[2], argv + 4);

@@ -23,6 +23,21 @@ HANDLE open_waiting(const std::string& name, DWORD access) {
     return INVALID_HANDLE_VALUE;
 }
 
+// Reads exactly n bytes from a blocking handle; false when it ends first.
+bool read_exact(HANDLE h, uint32_t n, std::vector<unsigned char>& bytes) {
+    bytes.assign(n, 0);
+    uint32_t got = 0;
+    while (got < n) {
+        DWORD r = 0;
+        if (!ReadFile(h, bytes.data() + got, n - got, &r, nullptr) || r == 0) {
+            bytes.resize(got);
+            return false;
+        }
+        got += r;
+    }
+    return true;
+}
+
 }  // namespace
 
 child start_ipc_helper(const std::string& mode, const std::string& name, const std::string& args,
@@ -83,20 +98,6 @@ bool raw_client::connect_half(const std::string& name, const std::string& suffix
 bool raw_client::write(const std::vector<unsigned char>& bytes) {
     DWORD n = 0;
     return WriteFile(out_, bytes.data(), static_cast<DWORD>(bytes.size()), &n, nullptr) && n == bytes.size();
-}
-
-bool read_exact(HANDLE h, uint32_t n, std::vector<unsigned char>& bytes) {
-    bytes.assign(n, 0);
-    uint32_t got = 0;
-    while (got < n) {
-        DWORD r = 0;
-        if (!ReadFile(h, bytes.data() + got, n - got, &r, nullptr) || r == 0) {
-            bytes.resize(got);
-            return false;
-        }
-        got += r;
-    }
-    return true;
 }
 
 bool raw_client::drain(uint32_t& total) {

