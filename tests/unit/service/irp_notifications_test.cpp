@@ -39,7 +39,9 @@ std::vector<irp::record> collect(const std::string& sub) {
     return records;
 }
 
-// Hands one IRP-denied message to the service as the receiver would.
+// Hands one IRP-denied message to the service as the receiver would, with the running sequence
+// number the receiver keeps.
+uint64_t sequence = 0;
 bool deliver(uint64_t id, const std::wstring& file, uint8_t major = 3) {
     vqr::irp_notification n;
     n.message_id = id;
@@ -48,7 +50,6 @@ bool deliver(uint64_t id, const std::wstring& file, uint8_t major = 3) {
     n.file_name = file;
     std::vector<uint8_t> m;
     EXPECT_TRUE(vqr::build_notification(n, m));
-    uint64_t sequence = 0;
     return svc().handleIrpMessage(m.data(), m.size(), sequence);
 }
 
