@@ -92,9 +92,10 @@ subscription() { printf '%02x%s%s%s%s' "$1" "$(s "$2")" "$(s "$3")" "$(s "$4")" 
 # subscriber NAME EVENT PATH [MAJOR MINOR TYPE in hex]: a process of its own creates EVENT and waits
 # for it ($wpid, exit 0 once it fired), then NAME subscribes with it over the pipe.
 subscriber() {
-    wine "$helper" wait-event "$2" 60000 </dev/null >"$work/$1.event" 2>&1 &
+    local said=$work/$1.event
+    wine "$helper" wait-event "$2" 60000 </dev/null >"$said" 2>&1 &
     wpid=$!
-    poll 150 0.2 'grep -q ready "$work/$1.event"' || fail "$1: the event was not made"
+    poll 150 0.2 'grep -q ready "$said"' || fail "$1: the event was not made"
     request 10000fa "$(subscription 0 "$@")" 0100
 }
 # records NAME: NAME's records from one collect, "file|major|minor|pid|denied|image|description|sequence"
