@@ -3,7 +3,7 @@
 # 8 and 10 (each a clone with its own wineserver and simulator): what start-up sends and writes
 # to the registry, the driver protection requests, what shutdown sends, a second instance, a
 # driver that goes away or is not loaded, and IRP-denied notifications to subscriber processes
-# (denials injected with driver_ctl, collected with halvernctl). A junk fltlib.dll beside the service, which is also its
+# (denials injected with driver_ctl). A junk fltlib.dll beside the service, which is also its
 # current directory, must never be loaded in place of the system's.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
@@ -98,15 +98,16 @@ subscriber() {
     poll 150 0.2 'grep -q ready "$said"' || fail "$1: the event was not made"
     request 10000fa "$(subscription 0 "$@")" 0100
 }
-# records NAME: NAME's records from one collect, "file|major|minor|pid|denied|image|description|sequence"
-# a line; then a line saying so if the next collect is not empty.
+# records NAME: the reply to one 0x10000fb in hex, then " again" unless the next reply is empty.
 records() {
-    hv_run --json notify collect --as "$1"
-    jq -r '.notifications[] | [.file, .major, .minor, .pid, .denied, .image, .description, .sequence] |
-        map(tostring) | join("|")' "$out"
-    hv_run --json notify collect --as "$1"
-    [ "$(jq '.notifications | length' "$out")" = 0 ] || echo "collected twice"
+    local name=$1
+    run "$client" send 10000fb "$(s "$name")"
+    cat "$out"
+    run "$client" send 10000fb "$(s "$name")"
+    [ "$(cat "$out")" = 00000000 ] || echo " again"
 }
+# record PATH PID IMAGE DESCRIPTION: a list of one IRP-denied record (any sequence and time) as a pattern.
+record() { printf '01000000[0-9a-f]{32}%s0300%s00000000%s%s01000000' "$(s "$1")" "$(le32 "$2")" "$(s "$3")" "$(s "$4")"; }
 
 echo "== Windows 7, console run: start-up, the protection requests, the driver going away, Ctrl+C"
 use_prefix 7 win7
@@ -154,8 +155,9 @@ subscriber scm 'Global\nv_scm' 'c:\data\file.txt' 03ff01000000
 spid=$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')
 run "$ctl" inject 3 0 "$spid" "$file"
 wait $wpid || fail "scm: the event did not fire"
-expect_eq "scm: the record" "c:\data\file.txt|3|0|$spid|true|C:\nv\NorvaleHalvernService.exe|Norvale Halvern Service" \
-    "$(records scm | sed 's/|[0-9]*$//')"
+got=$(records scm)
+[[ "$got" =~ ^$(record 'c:\data\file.txt' "$spid" 'C:\nv\NorvaleHalvernService.exe' 'Norvale Halvern Service')$ ]] ||
+    fail "scm: the record [$got]"
 # Type 0 and the fixed fields only: a stop message's name is not read.
 run "$ctl" inject-raw "$(printf '%032d' 0)000000000000000000000000"
 wait_log 'Received the stop message from driver' 1
@@ -184,9 +186,10 @@ run "$ctl" inject 3 0 4000000 "$file"  # no such process: no image, no descripti
 expect "inject" 0
 wait $procA && wait $wpid || fail "an event did not fire"
 a=$(records subA) b=$(records subB)
-expect_eq "subA's record" 'c:\data\file.txt|3|0|4000000|true||' "${a%|*}"
-expect_eq "subB's record" 'c:\data\file.txt|3|0|4000000|true||' "${b%|*}"
-[ "${a##*|}" != "${b##*|}" ] || fail "two records with one sequence: $a / $b"
+for got in "$a" "$b"; do
+    [[ "$got" =~ ^$(record 'c:\data\file.txt' 4000000 '' '')$ ]] || fail "a subscriber's record [$got]"
+done
+[ "${a:8:16}" != "${b:8:16}" ] || fail "two records with one sequence: $a / $b"
 expect_log 'Add subscription for <subB> on file <subscribe_any_file>' 1
 expect_log 'Notify subscriber <subA> on IRP for file <c:\\data\\file.txt>' 1
 expect_log 'Coverted file path="c:\\data\\file.txt"' 1
@@ -197,7 +200,8 @@ echo "== a name on no volume reaches the any-file subscribers with an empty path
 subscriber any 'Global\nv_any' ''
 run "$ctl" inject 3 0 4000000 '\Device\NoSuchVolume\x'
 wait $wpid || fail "any: the event did not fire"
-expect_eq "any: the record" '|3|0|4000000|true||' "$(records any | sed 's/|[0-9]*$//')"
+got=$(records any)
+[[ "$got" =~ ^$(record '' 4000000 '' '')$ ]] || fail "any: the record [$got]"
 expect_log 'Failed to notify subscriber <subB> on IRP for file <>, unable to open event <Global\\nv_subB>, error: 2' 1
 
 echo "== requests on the wire: bad ones refused with a line, the table left alone"
