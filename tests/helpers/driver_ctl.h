@@ -41,10 +41,4 @@ inline std::vector<std::string> journal_bytes(const std::string& field = "bytes"
     return out;
 }
 
-inline size_t count_in(const std::string& text, const std::string& needle) {
-    size_t n = 0;
-    for (size_t at = text.find(needle); at != std::string::npos; at = text.find(needle, at + 1)) ++n;
-    return n;
-}
-
 }  // namespace nv_test

@@ -1,4 +1,4 @@
-// A subscriber of IRP-denied notifications for tests and the benchmark: the two requests over
+// A subscriber of IRP-denied notifications for the benchmark: the two requests over
 // the service's pipe, and injections straight into the driver simulator's control pipe.
 #pragma once
 

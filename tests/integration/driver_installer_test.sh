@@ -4,9 +4,9 @@
 #   driver_installer_test.sh VERSION NEXT_VERSION
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
+. "$(dirname "$0")/installer_support.sh"
 version=${1:?version} next_version=${2:?next version}
 
-before_cleanup() { wine "$helper" set-event "$release" </dev/null >/dev/null 2>&1; }
 new_prefix
 start_sim
 install_service
@@ -15,7 +15,6 @@ probe='C:\nv\installer_probe.exe'
 installed=$WINEPREFIX/drive_c/windows/system32/drivers/VQRMonitor.sys
 key='HKLM\System\CurrentControlSet\Services\VQRMonitor'
 install_key='HKLM\Software\Norvale\NVClientHelper\install'
-release='Global\nv_installer_test_release'
 
 package() {  # the driver file beside the executable: current, next, unversioned or none
     rm -f "$nv/VQRMonitor.sys"
@@ -27,35 +26,12 @@ package() {  # the driver file beside the executable: current, next, unversioned
 good_inf() { cp "$NV_BIN_DIR/VQRMonitor.inf" "$nv/"; }
 broken_inf() { printf '[Version]\r\nSignature="$Windows NT$"\r\n' >"$nv/VQRMonitor.inf"; }
 new_log() { : >"$log"; }
-logged() { tr -d '\r' <"$log" | grep -q -- "$1"; }
-expect_logged() { # LABEL LINE...
-    local label=$1 line
-    shift
-    for line in "$@"; do logged "$line" || fail "$label: log has no [$line]"; done
-}
-expect_not_logged() { ! logged "$2" || fail "$1: log has [$2]"; }
-# value KEY NAME: "TYPE DATA" of a registry value, empty when it is missing
-value() {
-    wine reg query "$1" /v "$2" </dev/null 2>/dev/null | tr -d '\r' |
-        awk -v n="$2" '$1 == n { $1 = ""; sub(/^ +/, ""); gsub(/ {4}/, " "); print; exit }'
-}
-expect_value() { expect_eq "$1: $3" "$4" "$(value "$2" "$3")"; }  # LABEL KEY NAME "TYPE DATA" (empty: missing)
-sc_field() { wine sc query VQRMonitor </dev/null 2>/dev/null | tr -d '\r' | awk -v f="$1" -v c="$2" '$1 == f { print $c }'; }
-service_type() { sc_field TYPE 3; }
-service_state() { sc_field STATE 4; }
+expect_value() { expect_eq "$1: $3" "$4" "$(reg_value "$2" "$3")"; }  # LABEL KEY NAME "TYPE DATA" (empty: missing)
+service_type() { wine sc query VQRMonitor </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "TYPE" { print $3 }'; }
 # The service manager starts the stand-in image in its driver host; a loaded machine may take a while.
 start_driver_service() {
     run net start VQRMonitor
-    poll 100 0.2 '[ "$(service_state)" = RUNNING ]' || fail "the driver service does not start: $(cat "$out")"
-}
-# hold WHAT ARG: a probe keeping a service handle or an image mapping until release
-hold() {
-    wine "$probe" "hold-$1" "$2" "$release" </dev/null >"$work/hold.txt" 2>&1 &
-    poll 100 0.2 'grep -q holding "$work/hold.txt" 2>/dev/null' || fail "hold-$1 $2 did not start: $(cat "$work/hold.txt")"
-}
-unhold() {
-    wine "$helper" set-event "$release" </dev/null >/dev/null 2>&1
-    wait 2>/dev/null
+    poll 100 0.2 '[ "$(sc_state VQRMonitor)" = RUNNING ]' || fail "the driver service does not start: $(cat "$out")"
 }
 # The driver's service key as both routes leave it ("Tag": the direct route's own, checked there).
 expect_layout() {
@@ -73,8 +49,8 @@ Description REG_SZ VQRMonitor mini-filter driver
 SupportedFeatures REG_DWORD 0x3
 WOW64
 EOF
-    [[ "$(value "$key" ImagePath)" =~ ^REG_(EXPAND_)?SZ\ .*\\[Dd]rivers\\VQRMonitor.sys$ ]] ||
-        fail "$label: ImagePath [$(value "$key" ImagePath)]"
+    [[ "$(reg_value "$key" ImagePath)" =~ ^REG_(EXPAND_)?SZ\ .*\\[Dd]rivers\\VQRMonitor.sys$ ]] ||
+        fail "$label: ImagePath [$(reg_value "$key" ImagePath)]"
     expect_value "$label" "$key\\Instances" DefaultInstance "REG_SZ VQRMonitor - Top Instance"
     for row in "Bottom 362700" "Middle 368520" "Top 383350"; do
         read -r name altitude <<<"$row"
@@ -97,16 +73,6 @@ instdrv() {  # LABEL: -i instdrv succeeds
     expect "$1" 0 "Installing driver..."
 }
 
-echo "== a package without its driver file or its version changes nothing"
-for p in none unversioned; do
-    package $p
-    new_log
-    run "$exe" -i instdrv
-    expect "package $p" 254 $'Installing driver...\nFailed to install driver!'
-    [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "package $p: something was installed"
-done
-expect_logged "no version" "has no readable version, nothing changed"
-
 echo "== clean Windows 7 prefix: the INF route"
 package current
 run reg add "$key" /v WOW64 /t REG_DWORD /d 1 /f
@@ -116,20 +82,20 @@ expect_layout "clean install"
 expect_value "clean install" "$key" SkipProc1stCreate "REG_DWORD 0x1"
 expect_value "clean install" "$key" SvcMgrPath ""
 expect_value "clean install" "$install_key" DriverUpdated ""
-expect_logged "clean install" "InstallHinfSection DefaultInstall 132 C:\\\\nv\\\\" "rundll command ran successfully"
-expect_not_logged "clean install" "Begin install VQRMonitor driver"
+expect_logged "clean install" "$log" "InstallHinfSection DefaultInstall 132 C:\\\\nv\\\\" "rundll command ran successfully"
+expect_not_logged "clean install" "$log" "Begin install VQRMonitor driver"
 
 echo "== the same version with a responding port: nothing happens"
 run reg add "$install_key" /v DriverUpdated /t REG_DWORD /d 1 /f
 instdrv "same version"
-expect_logged "same version" "Installed driver version has not changed - not doing install"
-expect_not_logged "same version" "Uninstalling with"
+expect_logged "same version" "$log" "Installed driver version has not changed - not doing install"
+expect_not_logged "same version" "$log" "Uninstalling with"
 expect_value "same version" "$install_key" DriverUpdated ""
 
 echo "== the same version with the driver not serving: reinstalled"
 run "$ctl" unload
 instdrv "same version, no port"
-expect_logged "same version, no port" "Could not connect to filter: -2147024894 - .*, reinstall the driver." \
+expect_logged "same version, no port" "$log" "Could not connect to filter: -2147024894 - .*, reinstall the driver." \
     "DefaultUninstall 132" "DefaultInstall 132"
 expect_value "same version, no port" "$install_key" DriverUpdated "REG_DWORD 0x1"
 expect_layout "same version, no port"
@@ -142,13 +108,18 @@ before=$(sim_unloads)
 instdrv "newer version"
 installed_version_is "newer version" next
 expect_value "newer version" "$install_key" DriverUpdated "REG_DWORD 0x1"
-expect_logged "newer version" "fileVersionString: '$next_version'"
+expect_logged "newer version" "$log" "fileVersionString: '$next_version'"
 [ "$(sim_unloads)" -gt "$before" ] || fail "newer version: the unload did not reach the driver"
 expect_layout "newer version"
-package none
-run "$exe" -i instdrv
-expect "missing package, driver installed" 254 $'Installing driver...\nFailed to install driver!'
-installed_version_is "missing package, driver installed" next
+echo "== a package without its driver file or its version changes nothing"
+for p in none unversioned; do
+    package $p
+    new_log
+    run "$exe" -i instdrv
+    expect "package $p" 254 $'Installing driver...\nFailed to install driver!'
+    installed_version_is "package $p" next
+done
+expect_logged "no version" "$log" "has no readable version, nothing changed"
 package current
 
 echo "== -i uninstdrv: unload, INF uninstall, service and file gone"
@@ -159,14 +130,14 @@ run "$exe" -i uninstdrv
 expect "uninstall" 0 "Uninstalling driver..."
 [ "$(sim_unloads)" -gt "$before" ] || fail "uninstall: the unload did not reach the driver"
 expect_eq "uninstall: the simulator" false "$(sim_state | jq .loaded)"
-expect_logged "uninstall" "DefaultUninstall 132 C:\\\\nv\\\\"
+expect_logged "uninstall" "$log" "DefaultUninstall 132 C:\\\\nv\\\\"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "uninstall: the service or the file is still there"
 expect_value "uninstall" "$key" SkipProc1stCreate ""
 
 echo "== the INF route failing: the direct route, tag 160"
 broken_inf
 instdrv "direct route"
-expect_logged "direct route" "Driver install failed" "Begin install VQRMonitor driver" \
+expect_logged "direct route" "$log" "Driver install failed" "Begin install VQRMonitor driver" \
     "Copying 'C:\\\\nv\\\\VQRMonitor.sys' to" "Creating service 'VQRMonitor'" "Service created" \
     "Restore any missing driver registry." "Driver install succeeded"
 expect_layout "direct route"
@@ -178,7 +149,7 @@ start_driver_service
 new_log
 run "$exe" -i uninstdrv
 expect "direct uninstall" 0 "Uninstalling driver..."
-expect_logged "direct uninstall" "Stopping service 'VQRMonitor'" "Service stopped" "Deleting service 'VQRMonitor'" \
+expect_logged "direct uninstall" "$log" "Stopping service 'VQRMonitor'" "Service stopped" "Deleting service 'VQRMonitor'" \
     "Service deleted" "Installed file 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys' deleted" "End uninstall, res = 0"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "direct uninstall: the service or the file is still there"
 good_inf
@@ -192,9 +163,9 @@ for n in 0 1; do
     run "$exe" -i uninstdrv
     expect "locked file $n" 0 "Uninstalling driver..."
     [ ! -e "$installed" ] && [ -f "$installed.$n" ] || fail "locked file $n: not renamed to VQRMonitor.sys.$n"
-    expect_logged "locked file $n" "Renamed driver file .* -> 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys.$n'" \
+    expect_logged "locked file $n" "$log" "Renamed driver file .* -> 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys.$n'" \
         "will be deleted after reboot"
-    [[ "$(value 'HKLM\System\CurrentControlSet\Control\Session Manager' PendingFileRenameOperations)" == *"VQRMonitor.sys.$n"* ]] ||
+    [[ "$(reg_value 'HKLM\System\CurrentControlSet\Control\Session Manager' PendingFileRenameOperations)" == *"VQRMonitor.sys.$n"* ]] ||
         fail "locked file $n: no deletion at reboot registered"
     unhold
     run "$ctl" load
@@ -207,15 +178,15 @@ package next
 new_log
 run "$probe" install 0
 expect "marked, not forced" 0 "result=0"
-expect_logged "marked, not forced" "Failed to delete service. error 1072" \
+expect_logged "marked, not forced" "$log" "Failed to delete service. error 1072" \
     "Previous driver service has been marked for deletion, but not yet removed"
-expect_not_logged "marked, not forced" "DefaultInstall 132"
+expect_not_logged "marked, not forced" "$log" "DefaultInstall 132"
 echo "== ... a forced one goes on; the direct route keeps an existing Start = 3"
 broken_inf
 run reg add "$key" /v Start /t REG_DWORD /d 3 /f
 run reg delete "$key\\Instances" /f
 instdrv "marked, forced"
-expect_logged "marked, forced" "Failed to create service. error 1072"
+expect_logged "marked, forced" "$log" "Failed to create service. error 1072"
 expect_value "marked, forced" "$key" Start "REG_DWORD 0x3"
 expect_value "marked, forced" "$key" Tag "REG_DWORD 0xa0"
 expect_value "marked, forced" "$key\\Instances\\VQRMonitor - Top Instance" Altitude "REG_SZ 383350"
@@ -236,7 +207,7 @@ rm -f "$nv/VQRMonitor.inf"
 new_log
 run "$probe" uninstall
 expect "missing INF" 0 "result=2 marked=0"
-expect_logged "missing INF" "Failed to get short path name for path 'C:\\\\nv\\\\VQRMonitor.inf'. error 2" \
+expect_logged "missing INF" "$log" "Failed to get short path name for path 'C:\\\\nv\\\\VQRMonitor.inf'. error 2" \
     "Failed to initialize the inf file path"
 run "$exe" -i uninstdrv
 expect "missing INF, -i uninstdrv" 254 "Uninstalling driver..."
@@ -250,7 +221,7 @@ for row in "win7 1 -" "win8 1 1" "win81 - -" "win10 - -"; do
     instdrv "$winver install"
     expect_value "$winver" "$key" SkipProc1stCreate "$([ "$skip" = 1 ] && echo 'REG_DWORD 0x1')"
     expect_value "$winver" "$key" SvcMgrPath "$([ "$svcmgr" = 1 ] && echo 'REG_SZ C:\windows\System32\services.exe')"
-    [ "$(logged "Windows 8 / Server 2012 detected, set service manager path." && echo 1 || echo -)" = "$svcmgr" ] ||
+    [ "$(logged "$log" "Windows 8 / Server 2012 detected, set service manager path." && echo 1 || echo -)" = "$svcmgr" ] ||
         fail "$winver: the Windows 8 line"
 done
 wine winecfg -v win7 </dev/null >/dev/null 2>&1
@@ -266,12 +237,12 @@ new_log
 run "$exe" -s start
 expect "service start" 0 ""
 poll 300 0.2 '[ "$(features)" = "[true,true,true]" ]'  # a minute at most
-expect_logged "start-up" "\\[DoInstall:[0-9]*\\] - Installing with" "rundll command ran successfully" \
+expect_logged "start-up" "$log" "\\[DoInstall:[0-9]*\\] - Installing with" "rundll command ran successfully" \
     "VQRMonitor Driver Version: $version"
 for line in "StartService failed" "Service is in a wrong state" "Could not connect to filter"; do
-    expect_not_logged "start-up" "$line"
+    expect_not_logged "start-up" "$log" "$line"
 done
-expect_eq "start-up: the driver service" RUNNING "$(service_state)"
+expect_eq "start-up: the driver service" RUNNING "$(sc_state VQRMonitor)"
 expect_eq "start-up: the features the service switched on" '[true,true,true]' "$(features)"
 run "$exe" -s stop
 run "$exe" -i uninstall

@@ -72,16 +72,16 @@ TEST_F(DriverPort, RulesTravelAsSentFoldersInDeviceFormAttachingTheirVolumeOnce)
     EXPECT_EQ(want, journal_bytes());
     // One attach for the two folders; removing the volume's last folder rule does not detach it.
     std::string state = ctl("state");
-    EXPECT_EQ(1u, nv_test::count_in(state, "{\"call\":\"attach\",\"volume\":" + nv_test::json(volume))) << state;
-    EXPECT_EQ(0u, nv_test::count_in(state, "\"call\":\"detach\"")) << state;
+    EXPECT_EQ(1u, nv_test::count_of(state, "{\"call\":\"attach\",\"volume\":" + nv_test::json(volume))) << state;
+    EXPECT_EQ(0u, nv_test::count_of(state, "\"call\":\"detach\"")) << state;
     EXPECT_FALSE(log.contains("Could not")) << log.text();
 
     // Detaching every volume: one FilterDetach, and the next add attaches again.
     service().detachAllVolumes();
     service().drvProtectFolder(chelperservice::openDriverPort().get(), L"C:\\nv_three", false, false);
     state = ctl("state");
-    EXPECT_EQ(1u, nv_test::count_in(state, "\"call\":\"detach\"")) << state;
-    EXPECT_EQ(2u, nv_test::count_in(state, "\"call\":\"attach\"")) << state;
+    EXPECT_EQ(1u, nv_test::count_of(state, "\"call\":\"detach\"")) << state;
+    EXPECT_EQ(2u, nv_test::count_of(state, "\"call\":\"attach\"")) << state;
     // A volume the filter is not attached to.
     chelperservice::detachFilter(L"Q:");
     EXPECT_EQ(1u, log.count("] -  Could not detach from device Q:: -2145452011 - ")) << log.text();
@@ -100,7 +100,7 @@ TEST_F(DriverPort, FolderPathsTheDriverCannotTakeAreRefusedWithALogLine) {
                             "characters): "))
         << log.text();
     EXPECT_TRUE(journal_bytes().empty());
-    EXPECT_EQ(0u, nv_test::count_in(ctl("state"), "\"call\":\"attach\""));
+    EXPECT_EQ(0u, nv_test::count_of(ctl("state"), "\"call\":\"attach\""));
     service().drvProtectFolder(port.get(), L"C:\\" + std::wstring(257, L'a'), false, false);  // 260 fit
     EXPECT_EQ(1u, journal_bytes().size());
 }

@@ -44,19 +44,12 @@ request() {
     [ $# -lt 4 ] || expect_sent "request $1 [$2]" "$(journal "$mark")" "$4"
 }
 wait_listening() {
-    for _ in $(seq 1 150); do
-        wine "$client" -t 2000 send 100000a </dev/null >/dev/null 2>&1 && return 0
-        sleep 0.2
-    done
-    fail "the service did not start listening"
+    poll 150 0.2 'wine "$client" -t 2000 send 100000a </dev/null >/dev/null 2>&1' || fail "the service did not start listening"
 }
 wait_exit() {  # PID: the console run ends within 30 s
-    for _ in $(seq 1 150); do
-        kill -0 "$1" 2>/dev/null || { wait "$1"; return 0; }
-        sleep 0.2
-    done
-    fail "the service did not stop within 30 s"
-    kill -9 "$1" 2>/dev/null
+    local pid=$1
+    poll 150 0.2 '! kill -0 $pid 2>/dev/null' || { fail "the service did not stop within 30 s"; kill -9 "$pid" 2>/dev/null; }
+    wait "$pid" 2>/dev/null
 }
 
 startup_checks() {  # VERSION: the start-up messages and registry values
@@ -92,28 +85,29 @@ wait_log() {
     poll 300 0.2 '[ "$(log_lines "$pattern")" -ge "$count" ]' || fail "log line [$1] x$2 did not come"
 }
 expect_log() { [ "$(log_lines "$1")" = "$2" ] || fail "log line [$1]: $(log_lines "$1") times, want $2"; }
-sub=$NV_BIN_DIR/nv_irp_subscriber.exe
 file='\Device\HarddiskVolume1\data\file.txt'
-# watcher NAME EVENT PATH MAJOR MINOR TYPE: a subscriber process in the background ($wpid); its
-# Windows process id in $spid once it has subscribed.
-watcher() {
-    local ready=$work/$1.ready
-    rm -f "$ready"
-    wine "$sub" watch "$@" 60000 "$(printf 'Z:%s' "$ready" | tr '/' '\\')" </dev/null >"$work/$1.out" 2>&1 &
-    wpid=$!
-    poll 150 0.2 '[ -s "$ready" ]'
-    spid=$(tr -d '\r\n' <"$ready" 2>/dev/null)
-    [ -n "$spid" ] || fail "$1 did not subscribe: $(cat "$work/$1.out")"
-}
-expect_watch() {  # NAME LINES...: the watcher's output holds each line (a regular expression)
-    local name=$1 got line
-    got=$(tr -d '\r' <"$work/$name.out")
-    shift
-    for line in "$@"; do grep -q "$line" <<<"$got" || fail "$name: [$line]: $got"; done
-}
 # Request payloads: a string with its terminator; 0x10000fa: REMOVE SUBSCRIBER EVENT PATH [MAJOR MINOR TYPE].
 s() { printf '%s' "$1" | od -An -tx1 -v | tr -d ' \n'; printf '00'; }
 subscription() { printf '%02x%s%s%s%s' "$1" "$(s "$2")" "$(s "$3")" "$(s "$4")" "${5:-ffff00000000}"; }
+# subscriber NAME EVENT PATH [MAJOR MINOR TYPE in hex]: a process of its own creates EVENT and waits
+# for it ($wpid, exit 0 once it fired), then NAME subscribes with it over the pipe.
+subscriber() {
+    local said=$work/$1.event
+    wine "$helper" wait-event "$2" 60000 </dev/null >"$said" 2>&1 &
+    wpid=$!
+    poll 150 0.2 'grep -q ready "$said"' || fail "$1: the event was not made"
+    request 10000fa "$(subscription 0 "$@")" 0100
+}
+# records NAME: the reply to one 0x10000fb in hex, then " again" unless the next reply is empty.
+records() {
+    local name=$1
+    run "$client" send 10000fb "$(s "$name")"
+    cat "$out"
+    run "$client" send 10000fb "$(s "$name")"
+    [ "$(cat "$out")" = 00000000 ] || echo " again"
+}
+# record PATH PID IMAGE DESCRIPTION: a list of one IRP-denied record (any sequence and time) as a pattern.
+record() { printf '01000000[0-9a-f]{32}%s0300%s00000000%s%s01000000' "$(s "$1")" "$(le32 "$2")" "$(s "$3")" "$(s "$4")"; }
 
 echo "== Windows 7, console run: start-up, the protection requests, the driver going away, Ctrl+C"
 use_prefix 7 win7
@@ -156,10 +150,14 @@ wait_listening
 startup_checks win8
 ctl state | grep -qF '"svc_mgr_path":"\\Device\\HarddiskVolume1\\windows\\system32\\services.exe"' ||
     fail "win8: the driver's service manager path: $(ctl state)"
-watcher scm 'Global\nv_scm' 'c:\data\file.txt' 3 0xFF 1
+# A denial by the service's own process: its image and description in the record.
+subscriber scm 'Global\nv_scm' 'c:\data\file.txt' 03ff01000000
+spid=$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')
 run "$ctl" inject 3 0 "$spid" "$file"
-wait $wpid
-expect_watch scm "^record seq=[0-9]* path=c:\\\\data\\\\file.txt major=3 minor=0 pid=$spid " '^second query: 0$'
+wait $wpid || fail "scm: the event did not fire"
+got=$(records scm | tr A-F a-f)  # nv_ipc_client prints upper-case hex
+[[ "$got" =~ ^$(record 'c:\data\file.txt' "$spid" 'C:\nv\NorvaleHalvernService.exe' 'Norvale Halvern Service')$ ]] ||
+    fail "scm: the record [$got]"
 # Type 0 and the fixed fields only: a stop message's name is not read.
 run "$ctl" inject-raw "$(printf '%032d' 0)000000000000000000000000"
 wait_log 'Received the stop message from driver' 1
@@ -181,28 +179,29 @@ startup_checks win10
 poll 150 0.2 'ctl state | grep -q "\"notify\":1"' || fail "one notification connection: $(ctl state)"
 
 echo "== a denial reaches two subscribers, each collects its own record once"
-watcher subA 'Global\nv_subA' 'C:\Data\File.TXT' 0xFF 0xFF 0
-pidA=$spid procA=$wpid
-watcher subB 'Global\nv_subB' '' 0xFF 0xFF 0
-run "$ctl" inject 3 0 "$pidA" "$file"
+subscriber subA 'Global\nv_subA' 'C:\Data\File.TXT'
+procA=$wpid
+subscriber subB 'Global\nv_subB' ''
+run "$ctl" inject 3 0 4000000 "$file"  # no such process: no image, no description
 expect "inject" 0
-wait $procA $wpid
-expect_watch subA '^subscribe: 1$' '^event: fired$' '^first query: 1$' '^second query: 0$' \
-    "^record seq=[0-9]* path=c:\\\\data\\\\file.txt major=3 minor=0 pid=$pidA image=.*nv_irp_subscriber.exe description=..* denied=1$"
-expect_watch subB '^event: fired$' '^first query: 1$' '^second query: 0$'
-seqs=$(cat "$work/subA.out" "$work/subB.out" | sed -n 's/^record seq=\([0-9]*\).*/\1/p' | sort -u | wc -l)
-[ "$seqs" = 2 ] || fail "two records with different sequences"
+wait $procA && wait $wpid || fail "an event did not fire"
+a=$(records subA | tr A-F a-f) b=$(records subB | tr A-F a-f)
+for got in "$a" "$b"; do
+    [[ "$got" =~ ^$(record 'c:\data\file.txt' 4000000 '' '')$ ]] || fail "a subscriber's record [$got]"
+done
+[ "${a:8:16}" != "${b:8:16}" ] || fail "two records with one sequence: $a / $b"
 expect_log 'Add subscription for <subB> on file <subscribe_any_file>' 1
 expect_log 'Notify subscriber <subA> on IRP for file <c:\\data\\file.txt>' 1
 expect_log 'Coverted file path="c:\\data\\file.txt"' 1
 expect_log 'Received the IRP denied notification: FileName="\\Device\\HarddiskVolume1\\data\\file.txt" MajorFun=3, MinorFunc=0, pid=0x' 1
-expect_log "Found notification data for <subA> on file <c:\\\\data\\\\file.txt>, from pid <$pidA>" 1
+expect_log "Found notification data for <subA> on file <c:\\\\data\\\\file.txt>, from pid <4000000>" 1
 
 echo "== a name on no volume reaches the any-file subscribers with an empty path; an event that is gone"
-watcher any 'Global\nv_any' '' 0xFF 0xFF 0
-run "$ctl" inject 3 0 "$spid" '\Device\NoSuchVolume\x'
-wait $wpid
-expect_watch any "^record seq=[0-9]* path= major=3 minor=0 pid=$spid " '^second query: 0$'
+subscriber any 'Global\nv_any' ''
+run "$ctl" inject 3 0 4000000 '\Device\NoSuchVolume\x'
+wait $wpid || fail "any: the event did not fire"
+got=$(records any | tr A-F a-f)
+[[ "$got" =~ ^$(record '' 4000000 '' '')$ ]] || fail "any: the record [$got]"
 expect_log 'Failed to notify subscriber <subB> on IRP for file <>, unable to open event <Global\\nv_subB>, error: 2' 1
 
 echo "== requests on the wire: bad ones refused with a line, the table left alone"
@@ -242,11 +241,6 @@ wait_log 'Received the IRP denied notification: FileName="A"' 1
 expect_log 'Message of 27 bytes is shorter than its header (28 bytes), dropped.' 1
 expect_log 'The file name of message 0 does not end inside the message, dropped.' 3
 expect_log 'Invalid notification type 7, message ignored.' 1
-
-echo "== the per-subscriber bound"
-run "$sub" bound burst 'Global\nv_burst' 10005
-grep -q '^collected: 10000$' "$out" || fail "bound: $(cat "$out")"
-expect_log 'Subscriber <burst> holds 10000 notification records, dropping the oldest' 1
 
 echo "== a second instance; with the stop message switched off the receiver's own wait is cancelled at the stop"
 run "$ctl" stop-message off

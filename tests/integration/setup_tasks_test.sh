@@ -3,6 +3,7 @@
 # 3.0.40.1, protocol 3, named NVHalvernService.exe). The two slow cases run in prefixes of their own.
 set -uo pipefail
 . "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
+. "$NV_SOURCE_DIR/tests/integration/installer_support.sh"
 halvernctl=$NV_BIN_DIR/halvernctl.exe
 new_exe=$NV_BIN_DIR/NorvaleHalvernService.exe
 old_exe=$NV_BIN_DIR/previous/NVHalvernService.exe
@@ -29,26 +30,18 @@ task() {  # task STAGE TASK [ARG]
     [ -f "$stage_root/$dir/setup.exe" ] && runner=setup.exe
     run "C:\\stage\\$dir\\$runner" -proxy_task "$@"
 }
-# expect_logged LABEL FILE PATTERN...: a line for each (grep reads to the end, not to fail the pipe).
-expect_logged() {
-    local label=$1 file=$2 p
-    shift 2
-    for p; do tr -d '\r' <"$file" | grep -- "$p" >/dev/null || fail "$label: $(basename "$file") has no [$p]"; done
-}
-expect_not_logged() { ! tr -d '\r' <"$2" | grep -- "$3" >/dev/null || fail "$1: $(basename "$2") has [$3]"; }
 product_file() { find "$product" -maxdepth 1 -iname "$1" 2>/dev/null | head -n 1; }
 expect_product_files() {  # expect_product_files LABEL PROGRAM-FILE [NAME]: INF, driver, that program, no .bak
     [ -n "$(product_file vqrmonitor.inf)" ] && [ -n "$(product_file vqrmonitor.sys)" ] && [ -z "$(product_file '*.bak')" ] &&
         cmp -s "$2" "$(product_file "${3:-NorvaleHalvernService.exe}")" || fail "$1: the product folder holds [$(ls "$product")]"
 }
-service_state() { wine sc query "$1" </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "STATE" { print $4 }'; }
-service_binary() { wine reg query "HKLM\\System\\CurrentControlSet\\Services\\$svc" /v ImagePath </dev/null 2>/dev/null | tr -d '\r' | grep -o 'C:.*exe'; }
+service_binary() { reg_value "HKLM\\System\\CurrentControlSet\\Services\\$svc" ImagePath | grep -o 'C:.*exe'; }
 driver() {  # "present" (service and file) or "gone" (neither)
-    local state=$(service_state VQRMonitor) file=$WINEPREFIX/drive_c/windows/system32/drivers/VQRMonitor.sys
+    local state=$(sc_state VQRMonitor) file=$WINEPREFIX/drive_c/windows/system32/drivers/VQRMonitor.sys
     if [ -n "$state" ] && [ -f "$file" ]; then echo present; elif [ -z "$state" ] && [ ! -e "$file" ]; then echo gone; fi
 }
 expect_running() {  # expect_running LABEL PACKED_VERSION PROTOCOL
-    [ "$(service_state $svc)" = RUNNING ] || fail "$1: the service is [$(service_state $svc)]"
+    [ "$(sc_state $svc)" = RUNNING ] || fail "$1: the service is [$(sc_state $svc)]"
     run "$halvernctl" status
     grep -q "protocol_version: $3" "$out" && grep -q "service_version: $2" "$out" ||
         fail "$1: the running service is not version $2 / protocol $3: $(cat "$out")"
@@ -138,7 +131,7 @@ expect "fresh, damaged" 254
 expect_logged "fresh, damaged" "$stage_root/damaged/hvs_install.log" \
     "Failed to run command <\"C:\\\\Program Files\\\\Norvale\\\\Halvern Service\\\\NorvaleHalvernService.exe\" -i install>"
 expect_not_logged "fresh, damaged" "$stage_root/damaged/hvs_install.log" restore_previous_service
-[ -z "$(service_state $svc)" ] || fail "fresh, damaged: a service was registered"
+[ -z "$(sc_state $svc)" ] || fail "fresh, damaged: a service was registered"
 rm -rf "$product"
 
 echo "== hvs_install on a clean machine"
@@ -181,7 +174,7 @@ echo "== hvs_uninstall: service, driver, files, folder and registry key gone"
 run reg add "$helper_key\\install" /v services_backup /t REG_MULTI_SZ /d x /f
 task new hvs_uninstall
 expect "hvs_uninstall" 0
-[ -z "$(service_state $svc)" ] && [ "$(driver)" = gone ] || fail "hvs_uninstall: the service or the driver is still there"
+[ -z "$(sc_state $svc)" ] && [ "$(driver)" = gone ] || fail "hvs_uninstall: the service or the driver is still there"
 [ ! -e "$product" ] || fail "hvs_uninstall: the product folder is still there: $(ls "$product")"
 ! wine reg query "$helper_key" </dev/null >/dev/null 2>&1 || fail "hvs_uninstall: $helper_key is still there"
 expect_logged "hvs_uninstall" "$stage_root/new/hvs_uninstall.log" "Entering halvern service uninstall proxy function..." \
@@ -208,7 +201,7 @@ expect "hvs_upgrade" 0
 expect_product_files "hvs_upgrade" "$new_exe"
 expect_running "hvs_upgrade" $new_version 5
 expect_protected "hvs_upgrade"
-[[ "$(wine reg query "$helper_key\\install" /v services_backup </dev/null 2>/dev/null | tr -d '\r')" == *nv_setup_svc_a*nv_setup_svc_b* ]] ||
+[[ "$(reg_value "$helper_key\\install" services_backup)" == *nv_setup_svc_a*nv_setup_svc_b* ]] ||
     fail "hvs_upgrade: services_backup does not list the two services"
 # Protection switched off in the previous service, the services given back to the new one.
 expect_logged "hvs_upgrade" "$product/nvhalvernservice.debug.log" "Received IPC message 1000008, payload size: 1" \
@@ -221,16 +214,14 @@ expect_rolled_back "same name" damaged NorvaleHalvernService.exe "$new_exe" $new
 
 echo "== hvs_uninstall ends with 0 when a file cannot be removed"
 cp "$NV_BIN_DIR/installer_probe.exe" "$stage_root/"
-wine 'C:\stage\installer_probe.exe' hold-image "${pf}vqrmonitor.sys" 'Global\nv_setup_test_release' </dev/null >"$work/hold.txt" 2>&1 &
-hold_pid=$!
-for _ in $(seq 1 100); do grep -q holding "$work/hold.txt" && break; sleep 0.2; done
+probe='C:\stage\installer_probe.exe'
+hold image "${pf}vqrmonitor.sys"
 task new hvs_uninstall
 expect "hvs_uninstall, file held" 0
 expect_logged "hvs_uninstall, file held" "$stage_root/new/hvs_uninstall.log" \
     "Unable to remove folder <C:\\\\Program Files\\\\Norvale\\\\Halvern Service\\\\>"
-[ -z "$(service_state $svc)" ] || fail "hvs_uninstall, file held: the service is still there"
-wine "$helper" set-event 'Global\nv_setup_test_release' </dev/null >/dev/null 2>&1
-wait "$hold_pid" 2>/dev/null
+[ -z "$(sc_state $svc)" ] || fail "hvs_uninstall, file held: the service is still there"
+unhold
 rm -rf "$product"
 run "$ctl" load
 
@@ -246,7 +237,7 @@ for t in hvs_install hvs_upgrade hvs_uninstall; do
     expect_logged "incompatible, $t" "$stage_root/new/$t.log" "uses an incompatible IPC protocol" \
         "Fail to initialize the communicate interface with protection service"
     expect_not_logged "incompatible, $t" "$stage_root/new/$t.log" "Initializing directories.\|Uninstalling halvern service...\|Fail to stop"
-    [ ! -e "$product" ] && [ -n "$(service_state $svc)" ] && [ "$(driver)" = gone ] || fail "incompatible, $t: something changed"
+    [ ! -e "$product" ] && [ -n "$(sc_state $svc)" ] && [ "$(driver)" = gone ] || fail "incompatible, $t: something changed"
 done
 wine "$helper" set-event 'Global\nv_setup_test_double' </dev/null >/dev/null 2>&1
 wait "$double_pid" 2>/dev/null

@@ -1,6 +1,7 @@
-// The 300-second purge of IRP-denied records, through the service's clock seam: a driver message
-// handed over as the receiver does. Everything else about the notifications, bad requests and
-// malformed messages included, is shown end to end (driver_port_test.sh).
+// The 300-second purge of IRP-denied records, through the service's clock seam, and the bound on
+// what one subscriber holds: driver messages handed over as the receiver does. Everything else
+// about the notifications, bad requests and malformed messages included, is shown end to end
+// (driver_port_test.sh).
 #include <windows.h>
 
 #include <gtest/gtest.h>
@@ -14,6 +15,7 @@
 #include "service/helper_service.h"
 #include "service/message_ids.h"
 #include "tests/helpers/irp_client.h"
+#include "tests/helpers/log_capture.h"
 
 namespace {
 
@@ -37,16 +39,17 @@ std::vector<irp::record> collect(const std::string& sub) {
     return records;
 }
 
-// Hands one IRP-denied message to the service as the receiver would.
-bool deliver(uint64_t id, const std::wstring& file) {
+// Hands one IRP-denied message to the service as the receiver would, with the running sequence
+// number the receiver keeps.
+uint64_t sequence = 0;
+bool deliver(uint64_t id, const std::wstring& file, uint8_t major = 3) {
     vqr::irp_notification n;
     n.message_id = id;
-    n.major_function = 3;
+    n.major_function = major;
     n.process_id = GetCurrentProcessId();
     n.file_name = file;
     std::vector<uint8_t> m;
     EXPECT_TRUE(vqr::build_notification(n, m));
-    uint64_t sequence = 0;
     return svc().handleIrpMessage(m.data(), m.size(), sequence);
 }
 
@@ -69,6 +72,21 @@ TEST(IrpMessages, RecordsExpireWhenAMessageArrivesMoreThan300SecondsAfterThem) {
     EXPECT_TRUE(deliver(44, L"\\Device\\HarddiskVolume1\\elsewhere"));
     EXPECT_TRUE(collect("test_a").empty()) << "purged";
     svc().setIrpClock(&chelperservice::irpSystemTime);
+}
+
+TEST(IrpMessages, ASubscriberHoldsAtMostTheBoundOldestDroppedFirstWithOneLinePerBurst) {
+    mcl::event ev;
+    ASSERT_EQ(0, ev.create("Global\\nv_irp_test_b"));
+    const mcl::binary_t request = subscribe_request(0, "test_b", "Global\\nv_irp_test_b", "C:\\Data\\Burst.txt");
+    EXPECT_EQ(std::vector<uint8_t>({1, 0}), call(msg::subscribe_irp_notification, request));
+    nv_test::log_capture log;
+    const size_t extra = 5;  // sent first, with another major function, to be dropped
+    for (uint64_t i = 0; i < irp::max_records_per_subscriber + extra; ++i)
+        ASSERT_TRUE(deliver(100 + i, L"\\Device\\HarddiskVolume1\\data\\burst.txt", i < extra ? 4 : 3));
+    const auto records = collect("test_b");
+    ASSERT_EQ(irp::max_records_per_subscriber, records.size());
+    for (const irp::record& r : records) ASSERT_EQ(3, r.major_function);
+    EXPECT_EQ(1u, log.count("Subscriber <test_b> holds 10000 notification records, dropping the oldest"));
 }
 
 }  // namespace

@@ -139,27 +139,4 @@ TEST(IrpTables, SequencesStayUniqueAndRecordsExpireAfter300Seconds) {
     EXPECT_EQ(0u, t.held_by("a"));
 }
 
-TEST(IrpTables, EachSubscriberHoldsAtMostTheBoundOldestDroppedFirst) {
-    irp::tables t;
-    uint64_t counter = 0;
-    int bursts = 0;
-    const size_t extra = 25;
-    for (uint64_t i = 0; i < irp::max_records_per_subscriber + extra; ++i) {
-        if (t.store("a", rec(counter++, 1000 + i), counter).drops_started) ++bursts;
-        t.store("b", rec(counter++, 1000 + i), counter);
-    }
-    EXPECT_EQ(1, bursts) << "one report per burst";
-    auto a = t.collect("a");
-    ASSERT_EQ(irp::max_records_per_subscriber, a.size());
-    EXPECT_EQ(2 * extra, a.front().sequence) << "the oldest went first";
-    EXPECT_EQ(2 * (irp::max_records_per_subscriber + extra - 1), a.back().sequence);
-    EXPECT_EQ(irp::max_records_per_subscriber, t.collect("b").size()) << "b's records are b's alone";
-    // After collecting, the next drop is a new burst.
-    EXPECT_TRUE(t.store("a", rec(counter++, 99999), counter).drops_started);
-    EXPECT_FALSE(t.store("a", rec(counter++, 99999), counter).drops_started);
-    t.clear_store();
-    EXPECT_EQ(0u, t.stored());
-    EXPECT_TRUE(t.collect("a").empty());
-}
-
 }  // namespace
