@@ -5,22 +5,17 @@
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 
-own_sid=$(service_sid $svc)
 default_folder='D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;SDGXGWGR;;;AU)'
 restored_folder=${default_folder/D:AI/D:}  # written back unprotected: the parent's entries flow in again
 default_service='D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)'
-device='\Device\HarddiskVolume1'
 procs='HKLM\System\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
 persisted() {  # LABEL KEY VALUE WANT: reg query's exit code for VALUE under NVClientHelper\KEY (or a full KEY)
     local key=$2
     [[ $key == *\\* ]] || key="HKLM\\Software\\Norvale\\NVClientHelper\\$key"
     run reg query "$key" /v "$3"; expect_eq "$1" "$4" "$rc"
 }
-ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
 images() { hex_u32 $(($# / 2)); while [ $# -gt 1 ]; do printf '%s' "$1"; hex_wstr "$2"; shift 2; done; }
 services() { hex_u32 $(($# / 3)); while [ $# -gt 2 ]; do printf '%s%s' "$1" "$2"; hex_str "$3"; shift 3; done; }
-mark() { from=$(($(driver_count) + 1)); }
-sent() { driver_messages "$from"; }
 entry() { printf '01'; hex_str "$1"; hex_wstr "$2"; hex_wstr "$3"; }  # one image of 0x1000005
 msgs() { printf '%s\n' "$@"; }  # one a line
 started=$(status_msg 01 'Service has already been started.')
@@ -263,5 +258,4 @@ tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_
 expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"
 
-echo "$failures failures"
-[ "$failures" -eq 0 ]
+finish protection 300
