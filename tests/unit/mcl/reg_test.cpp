@@ -87,27 +87,6 @@ TEST_F(Reg, AKeyDeletedWhileItIsOpenEndsItsListingWithALogLine) {
     EXPECT_EQ(2u, log.count("] - Failed to enumerate a reg key at index 0: 1018")) << log.text();
 }
 
-// Up to 512 bytes are read at once; longer values take a second read of their size.
-TEST_F(Reg, ValuesRoundTripWithTheirExactBytes) {
-    struct {
-        const char* name;
-        std::vector<unsigned char> bytes;
-        DWORD type;
-    } cases[] = {
-        {"small", {1, 2, 3}, REG_BINARY},
-        {"exactly512", std::vector<unsigned char>(512, 0x5A), REG_BINARY},
-        {"large", std::vector<unsigned char>(5000, 0xA5), REG_BINARY},
-        {"empty", {}, REG_BINARY},
-    };
-    for (const auto& c : cases) {
-        ASSERT_TRUE(reg::write_value(root_, c.name, c.bytes.data(), static_cast<DWORD>(c.bytes.size()), c.type));
-        mcl::binary_t data;
-        data.append(reinterpret_cast<const unsigned char*>("stale"), 5);
-        ASSERT_TRUE(reg::read_value(root_, c.name, data)) << c.name;
-        EXPECT_EQ(std::vector<unsigned char>(data.data(), data.data() + data.size()), c.bytes) << c.name;
-    }
-}
-
 // Two strings with an empty one between them: only the two come back.
 TEST_F(Reg, StringListSkipsEmptyStrings) {
     const char gap[] = "first\0\0second\0";
