@@ -8,10 +8,12 @@ start_sim
 install_service
 drive_c=$WINEPREFIX/drive_c
 journal=$drive_c/nv/object_security.journal
+device='\Device\HarddiskVolume1'
 
 # Payload pieces, upper-case hex.
 hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
 hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
+hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
 hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
 status_ok='0100'
 status_fail='0000'
@@ -23,6 +25,7 @@ request() {
     reply=$(head -n 1 "$out")
     [ "$rc" = 0 ] || fail "request $1: client exit $rc: $(cat "$out")"
 }
+ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
 
 # The service SID of a name: S-1-5-80 and the SHA-1 of its upper-cased UTF-16LE name.
 service_sid() {
@@ -32,6 +35,7 @@ d = hashlib.sha1(sys.argv[1].upper().encode('utf-16-le')).digest()
 print('S-1-5-80-' + '-'.join(str(w) for w in struct.unpack('<5I', d)))
 PY
 }
+own_sid=$(service_sid $svc)
 
 # Simulator journal as lines "code kind text|on" from message number $1 on (1-based).
 driver_messages() {
@@ -40,6 +44,8 @@ driver_messages() {
 }
 driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
 driver_count() { driver_state | jq -r .messages; }
+mark() { from=$(($(driver_count) + 1)); }  # sent: the simulator's messages since the last mark
+sent() { driver_messages "$from"; }
 
 # The recorder's last line for an object: "sddl<TAB>aces".
 recorded() { grep -a -F -- "$1	$2	" "$journal" | tail -n 1 | cut -f 3-; }
@@ -48,12 +54,12 @@ recorded_count() { grep -a -c -F -- "$1	$2	" "$journal"; }
 # Once the service answers, its start-up has protected its own registry keys. Wine's tokens carry
 # no service SID, so the running service could no longer write its own records there, as it does
 # on Windows through its service SID: the test stands in for that SID (Administrators, which every
-# Wine process is) on each own key.
-start_service() {
-    run "$exe" -s start
+# Wine process is) on each own key, or with PROBE-ARGS ("grant KEY") on the keys named.
+start_service() {  # [PROBE-ARGS]
+    poll 60 1 'run "$exe" -s start; [ "$rc" = 0 ]' || fail "start: $(cat "$out")"  # a killed one may linger
     wait_svc_state $svc 0
     poll 100 0.2 'run "$client" send 100000a; [ "$rc" = 0 ]' || { fail "the service does not answer"; return; }
-    run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
+    run "$NV_BIN_DIR/nv_regkey_probe.exe" "${@:-grant-own-keys}"
 }
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }

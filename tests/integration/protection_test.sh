@@ -5,22 +5,17 @@
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 
-own_sid=$(service_sid $svc)
 default_folder='D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;SDGXGWGR;;;AU)'
 restored_folder=${default_folder/D:AI/D:}  # written back unprotected: the parent's entries flow in again
 default_service='D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)'
-device='\Device\HarddiskVolume1'
 procs='HKLM\System\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
-persisted() {  # LABEL KEY VALUE WANT: reg query's exit code for VALUE under NVClientHelper\KEY (or a full KEY)
-    local key=$2
-    [[ $key == *\\* ]] || key="HKLM\\Software\\Norvale\\NVClientHelper\\$key"
-    run reg query "$key" /v "$3"; expect_eq "$1" "$4" "$rc"
+persisted() {  # LABEL WANT SERVICE [FOLDER]: reg query's exit code for the service (and C:\prot\FOLDER's image)
+    run reg query 'HKLM\Software\Norvale\NVClientHelper\ProtectedServices' /v "$3"; expect_eq "$1" "$2" "$rc"
+    [ $# -lt 4 ] && return
+    run reg query "$procs" /v "C:\\prot\\$4\\nv_test_service.exe"; expect_eq "$1: image" "$2" "$rc"
 }
-ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
 images() { hex_u32 $(($# / 2)); while [ $# -gt 1 ]; do printf '%s' "$1"; hex_wstr "$2"; shift 2; done; }
 services() { hex_u32 $(($# / 3)); while [ $# -gt 2 ]; do printf '%s%s' "$1" "$2"; hex_str "$3"; shift 3; done; }
-mark() { from=$(($(driver_count) + 1)); }
-sent() { driver_messages "$from"; }
 entry() { printf '01'; hex_str "$1"; hex_wstr "$2"; hex_wstr "$3"; }  # one image of 0x1000005
 msgs() { printf '%s\n' "$@"; }  # one a line
 started=$(status_msg 01 'Service has already been started.')
@@ -42,7 +37,7 @@ start_service
 grep -q "Object security is recorded to" "$log" || fail "recorder not selected"
 self_sddl=$(recorded service $svc | cut -f 1)
 expect_eq "own service DACL" "D:P(A;;0x101f01ff;;;$own_sid)(A;;CCLCSWLORC;;;SY)(A;;CCLCSWLORC;;;BA)(A;;CCLCSWLORC;;;IU)(A;;CCLCSWLORC;;;SU)" "$self_sddl"
-persisted "own service persisted" ProtectedServices $svc 0
+persisted "own service persisted" 0 $svc
 driver_messages | grep -q -F '1 command C:\nv\NorvaleHalvernService.exe' || fail "own image rule: $(driver_messages)"
 
 echo "== two images in one folder"
@@ -89,8 +84,7 @@ expect_eq "service DACL" "$service_sddl" "$(recorded service nv_test_svc | cut -
 expect_eq "service image rules" "$(msgs "1 command C:\\prot\\svc\\nv_test_service.exe" "6 feature true" "7 command $device\\prot\\svc")" "$(sent)"
 recorded file 'C:\prot\svc' | cut -f 2 | grep -q "^A;0x03;0x101F01FF;$own_sid A;0x03;0x101F01FF;$svc_sid " ||
     fail "service folder: own SID, then the service's: $(recorded file 'C:\prot\svc')"
-persisted "service persisted" ProtectedServices nv_test_svc 0
-persisted "image persisted" "$procs" 'C:\prot\svc\nv_test_service.exe' 0
+persisted "service and image persisted" 0 nv_test_svc svc
 mark
 ask "protect again: nothing to do" $status_ok 1000002 "$(services 01 01 nv_test_svc)"
 expect_eq "protect again: nothing sent" "" "$(sent)"
@@ -153,16 +147,14 @@ ask "re-apply switches" $status_ok 1000068 00
 expect_eq "switches" "$features_on" "$(sent)"
 ask "recover a service DACL" $status_ok 1000067 "$(hex_str nv_test_auto)"
 expect_eq "service DACL back to the default" "$default_service" "$(recorded service nv_test_auto | cut -f 1)"
-persisted "recovered service no longer persisted" ProtectedServices nv_test_auto 1
-persisted "nor its image" "$procs" 'C:\prot\auto\nv_test_service.exe' 1
+persisted "recovered service and its image no longer persisted" 1 nv_test_auto auto
 
 echo "== unprotect a service"
 mark
 ask "unprotect nv_test_svc" $status_ok 1000002 "$(services 00 00 nv_test_svc)"
 expect_eq "service DACL default" "$default_service" "$(recorded service nv_test_svc | cut -f 1)"
 expect_eq "image and folder released" "$(msgs "2 command C:\\prot\\svc\\nv_test_service.exe" "8 command $device\\prot\\svc")" "$(sent)"
-persisted "unpersisted" ProtectedServices nv_test_svc 1
-persisted "image unpersisted" "$procs" 'C:\prot\svc\nv_test_service.exe' 1
+persisted "service and image unpersisted" 1 nv_test_svc svc
 
 echo "== driver unreachable: protect fails, unprotect keeps the entry, a service's image is forced off"
 ask "protect f.exe" $status_ok 1000003 "$(images 01 'C:\prot\other\f.exe')"
@@ -190,7 +182,7 @@ expect_eq "every service and image rule removed" "$(msgs "0 feature false" "6 fe
 ask "no services" 00000000 1000004
 ask "no images" 00000000 1000005
 expect_eq "own service DACL default" "$default_service" "$(recorded service $svc | cut -f 1)"
-persisted "own service unpersisted" ProtectedServices $svc 1
+persisted "own service unpersisted" 1 $svc
 expect_eq "enforcement stopped" $((n + 1)) "$(log_count 'service_enforce_thread stopped')"
 ask "protect while off" $status_fail 1000002 "$(services 01 01 nv_test_svc)"
 ask "protect an image while off" $status_fail 1000003 "$(images 01 'C:\prot\app\a.exe')"
@@ -263,5 +255,4 @@ tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_
 expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"
 
-echo "$failures failures"
-[ "$failures" -eq 0 ]
+finish protection 300

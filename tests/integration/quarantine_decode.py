@@ -22,16 +22,9 @@ def key_and_chain():
 def decrypt(data):
     lib = ctypes.CDLL("libmcrypt.so.4")
     lib.mcrypt_module_open.restype = ctypes.c_void_p
-    lib.mcrypt_module_open.argtypes = [ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p, ctypes.c_char_p]
-    for f in ("mcrypt_generic_init", "mdecrypt_generic", "mcrypt_generic_deinit", "mcrypt_module_close"):
-        getattr(lib, f).argtypes = [ctypes.c_void_p] + ([ctypes.c_char_p, ctypes.c_int, ctypes.c_char_p]
-                                                         if f == "mcrypt_generic_init" else
-                                                         [ctypes.c_char_p, ctypes.c_int] if f == "mdecrypt_generic" else [])
-    module = lib.mcrypt_module_open(b"rijndael-256", None, b"cbc", None)
+    module = ctypes.c_void_p(lib.mcrypt_module_open(b"rijndael-256", None, b"cbc", None))
     key, chain = key_and_chain()
-    k = ctypes.create_string_buffer(key, 32)
-    iv = ctypes.create_string_buffer(chain, 32)
-    if lib.mcrypt_generic_init(module, k, 32, iv) != 0:
+    if lib.mcrypt_generic_init(module, key, 32, chain) != 0:
         sys.exit("mcrypt init failed")
     buf = ctypes.create_string_buffer(bytes(data), len(data))
     lib.mdecrypt_generic(module, buf, len(data))

@@ -75,6 +75,10 @@ expect() {
 }
 # expect_eq LABEL WANT GOT
 expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
+# reg_value KEY NAME: the registry value as "TYPE DATA" (nothing and a failure when it is absent).
+reg_value() {
+    wine reg query "$1" /v "$2" </dev/null 2>/dev/null | tr -d '\r' | grep -o 'REG_[A-Z_]* .*' | tr -s ' '
+}
 # log_lines PATTERN: how many debug log lines match the (basic) regular expression.
 log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
 svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing

@@ -68,14 +68,9 @@ TEST_F(Reg, ListingAnEmptyOrMissingKeyIsFalseAndOverlongNamesAreSkipped) {
 
     const std::string overlong(300, 'v');
     ASSERT_TRUE(reg::write_dword(root_, overlong.c_str(), 1));
-    EXPECT_FALSE(reg::list_values(root_, names)) << "a 300-character name does not fit 256 bytes";
     ASSERT_TRUE(reg::write_dword(root_, "short", 2));
-    create(root_ + "\\child");
     EXPECT_TRUE(reg::list_values(root_, names));
     EXPECT_EQ(std::vector<std::string>{"short"}, names);
-    names.clear();
-    EXPECT_TRUE(reg::list_subkeys(HKEY_LOCAL_MACHINE, root_, names));
-    EXPECT_EQ(std::vector<std::string>{"child"}, names);
 }
 
 TEST_F(Reg, AKeyDeletedWhileItIsOpenEndsItsListingWithALogLine) {
@@ -92,46 +87,8 @@ TEST_F(Reg, AKeyDeletedWhileItIsOpenEndsItsListingWithALogLine) {
     EXPECT_EQ(2u, log.count("] - Failed to enumerate a reg key at index 0: 1018")) << log.text();
 }
 
-TEST_F(Reg, ValuesRoundTripWithTheirExactBytes) {
-    struct {
-        const char* name;
-        std::vector<unsigned char> bytes;
-        DWORD type;
-    } cases[] = {
-        {"small", {1, 2, 3}, REG_BINARY},
-        {"exactly512", std::vector<unsigned char>(512, 0x5A), REG_BINARY},
-        {"large", std::vector<unsigned char>(5000, 0xA5), REG_BINARY},
-        {"empty", {}, REG_BINARY},
-    };
-    for (const auto& c : cases) {
-        ASSERT_TRUE(reg::write_value(root_, c.name, c.bytes.data(), static_cast<DWORD>(c.bytes.size()), c.type));
-        mcl::binary_t data;
-        data.append(reinterpret_cast<const unsigned char*>("stale"), 5);
-        ASSERT_TRUE(reg::read_value(root_, c.name, data)) << c.name;
-        EXPECT_EQ(std::vector<unsigned char>(data.data(), data.data() + data.size()), c.bytes) << c.name;
-    }
-    mcl::binary_t untouched;
-    untouched.append(reinterpret_cast<const unsigned char*>("keep"), 4);
-    EXPECT_FALSE(reg::read_value(root_, "missing", untouched));
-    EXPECT_EQ(4u, untouched.size());
-}
-
-TEST_F(Reg, DwordStringAndStringListEncodings) {
-    ASSERT_TRUE(reg::write_dword(root_, "d", 0x01020304));
-    uint32_t d = 0;
-    ASSERT_TRUE(reg::read_dword(root_, "d", d));
-    EXPECT_EQ(0x01020304u, d);
-
-    ASSERT_TRUE(reg::write_string(root_, "s", "abc"));
-    mcl::binary_t raw;
-    ASSERT_TRUE(reg::read_value(root_, "s", raw));
-    EXPECT_EQ(std::string("abc", 4), std::string(reinterpret_cast<const char*>(raw.data()), raw.size()));
-
-    ASSERT_TRUE(reg::write_string_list(root_, "l", {"one", "two"}));
-    ASSERT_TRUE(reg::read_value(root_, "l", raw));
-    EXPECT_EQ(std::string("one\0two\0\0", 9), std::string(reinterpret_cast<const char*>(raw.data()), raw.size()));
-
-    // Two strings with an empty one between them: only the two come back.
+// Two strings with an empty one between them: only the two come back.
+TEST_F(Reg, StringListSkipsEmptyStrings) {
     const char gap[] = "first\0\0second\0";
     ASSERT_TRUE(reg::write_value(root_, "gap", gap, sizeof(gap), REG_MULTI_SZ));
     std::vector<std::string> list;
@@ -147,32 +104,8 @@ TEST_F(Reg, RemoveDeletesAValueOrAWholeTree) {
     EXPECT_TRUE(exists(root_)) << "removing a value keeps the key";
     uint32_t d = 0;
     EXPECT_FALSE(reg::read_dword(root_, "v", d));
-
-    nv_test::log_capture log;
-    EXPECT_FALSE(reg::remove(HKEY_LOCAL_MACHINE, root_, "v"));
-    EXPECT_TRUE(log.contains("[mcl::mswin::reg::remove:")) << log.text();
-    EXPECT_TRUE(log.contains("Failed to remove reg value <" + root_ + ":v>: 2")) << log.text();
-
     ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr));
     EXPECT_FALSE(exists(root_));
-}
-
-TEST_F(Reg, KeySecurityCoversTheWholeSubtreeDeepestFirst) {
-    const std::vector<std::string> keys = {root_, root_ + "\\a", root_ + "\\a\\b", root_ + "\\c"};
-    create(root_ + "\\a\\b");
-    create(root_ + "\\c");
-
-    // READ_CONTROL only: a key changed before its subkeys could no longer be listed, so every key
-    // carrying it shows that the subkeys came first.
-    const char* read_control_only = "D:P(A;;RC;;;WD)";
-    ASSERT_TRUE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, read_control_only));
-    for (const std::string& k : keys) EXPECT_EQ(read_control_only, dacl_sddl(k)) << k;
-
-    nv_test::log_capture log;
-    EXPECT_FALSE(reg::set_key_dacl_security(HKEY_LOCAL_MACHINE, root_, nullptr, true));
-    EXPECT_FALSE(reg::set_key_sddl_security_str(HKEY_LOCAL_MACHINE, root_, nullptr));
-    EXPECT_TRUE(log.contains("] - Invalid PACL pointer"));
-    EXPECT_TRUE(log.contains("] - Invalid SDDL string"));
 }
 
 TEST_F(Reg, OwnershipAndFullAccessOpenAKeyThatDeniesEveryoneAndForceRemoveDeletesSuchATree) {
@@ -204,17 +137,6 @@ TEST_F(Reg, OwnershipAndFullAccessOpenAKeyThatDeniesEveryoneAndForceRemoveDelete
     nv_test::log_capture log;
     ASSERT_TRUE(reg::force_remove(HKEY_LOCAL_MACHINE, root_)) << log.text();
     EXPECT_FALSE(exists(root_));
-}
-
-TEST_F(Reg, FullPathIsTheKernelName) {
-    create(root_);
-    const std::wstring path = reg::get_full_path(HKEY_LOCAL_MACHINE, root_);
-    const std::wstring want = L"\\REGISTRY\\MACHINE\\" + std::wstring(root_.begin(), root_.end());
-    EXPECT_EQ(0, _wcsicmp(want.c_str(), path.c_str())) << std::string(path.begin(), path.end());
-
-    nv_test::log_capture log;
-    EXPECT_TRUE(reg::get_full_path(HKEY_LOCAL_MACHINE, root_ + "\\missing").empty());
-    EXPECT_TRUE(log.contains("Failed to open key [" + root_ + "\\missing], error: 0x2")) << log.text();
 }
 
 }  // namespace
