@@ -8,8 +8,6 @@ set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 expect_rc() { [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; stdout: $(cat "$out"); stderr: $(cat "$err")"; }
 expect_in() { grep -qF -- "$3" "$2" || fail "$1: [$3] not in $(basename "$2"): $(head -c 400 "$2")"; }
-# json EXPRESSION: a Python expression over the JSON document on stdout (as d).
-json() { python3 -c "import json,sys; d=json.load(open(sys.argv[1])); v=($1); print(v)" "$out" 2>&1; }
 
 echo "== usage errors give exit code 2 and the help text"
 while IFS='|' read -r args want; do
@@ -52,7 +50,7 @@ expect_rc "status, not installed" 4
 expect_eq "status, not installed" "|halvernctl: the service norvale_halvern_svc is not installed" "$(cat "$out")|$(cat "$err")"
 hv_run --json service list
 expect_rc "--json service list, not installed" 4
-expect_eq "not installed as JSON" "('not_installed', 4, 'service list')" "$(json 'd["error"], d["exit_code"], d["command"]')"
+expect_eq "not installed as JSON" '["not_installed",4,"service list"]' "$(jq -c '[.error, .exit_code, .command]' "$out")"
 
 echo "== every command against a peer playing the service"
 # The manager knows the service (stopped, with no program), so commands try to start it and
@@ -125,7 +123,7 @@ expect_eq "is-blocked" $'ok: yes\nblocked: no\nmessage: no' "$(cat "$out")"
 hv_run recover folder 'C:\f'
 expect_eq "refused: exit code 1, the message on stderr" "1 halvernctl: Invalid path." "$rc $(cat "$err")"
 hv_run --json recover folder 'C:\f'
-expect_eq "refused as JSON" "(False, 'refused', 'Invalid path.', 1)" "$(json 'd["ok"], d["error"], d["message"], d["exit_code"]')"
+expect_eq "refused as JSON" '[false,"refused","Invalid path.",1]' "$(jq -c '[.ok, .error, .message, .exit_code]' "$out")"
 stop_double
 
 echo "== a service speaking protocol 3"
@@ -161,8 +159,8 @@ protocol_version: 5
 service_version: 196653
 service_version_text: 3.0.45" "$(cat "$out")"
 hv_run --json status
-expect_eq "status as JSON" "(True, 5, 196653, '3.0.45')" \
-    "$(json 'd["running"], d["protocol_version"], d["service_version"], d["service_version_text"]')"
+expect_eq "status as JSON" '[true,5,196653,"3.0.45"]' \
+    "$(jq -c '[.running, .protocol_version, .service_version, .service_version_text]' "$out")"
 # The service's own keys as its service SID would have them (see start_service).
 run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 
