@@ -108,15 +108,4 @@ TEST(ServiceControl, ConsoleRunAnswersStopControlsOnlyWhileItCanStop) {
     EXPECT_FALSE(WaitForSingleObject(svc.service_stop_event(), 0) == WAIT_OBJECT_0) << "main reset the stop event";
 }
 
-TEST(ServiceControl, RunFromAConsoleFailsAndSaysSoInTheLog) {
-    // The dispatcher refuses a process the manager did not start (after about 10 s).
-    service svc(nv_test::unique_name("nv_console_svc").c_str());
-    nv_test::log_capture log;
-    EXPECT_FALSE(svc.run());
-    EXPECT_EQ(&svc, mcl::mswin::g_service);
-    mcl::mswin::g_service = nullptr;
-    EXPECT_TRUE(log.contains("] - service - Run Service")) << log.text();
-    EXPECT_TRUE(log.contains("] - StartServiceCtrlDispatcher failed.")) << log.text();
-}
-
 }  // namespace
