@@ -15,8 +15,6 @@ run "$exe" -s start
 expect "start when not installed" 254 "Failed to start halvern service!"
 run "$exe" -s stop
 expect "stop when not installed" 254 "Failed to stop halvern service!"
-run "$exe" -c $svc
-expect "-c when not installed" 251 ""
 
 echo "== install"
 run "$exe" -i install
