@@ -7,8 +7,10 @@
 #include <string>
 #include <vector>
 
+#include "mcl/event.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
+#include "tests/helpers/process.h"
 
 using mcl::mswin::service;
 using mcl::mswin::unique_local;
@@ -109,6 +111,16 @@ TEST(SelectedFullAccessDacl, SelectedSidsFirstThenTheOldAcesNarrowed) {
             EXPECT_EQ(old_before, acl_sddl(old_dacl.dacl)) << c.label << ": old DACL kept";
         }
     }
+}
+
+TEST(ServiceControl, StopWithFallbackSignalsTheStopEventOfAMissingService) {
+    const std::string name = nv_test::unique_name("nv_missing_svc");
+    mcl::event stop_event;
+    ASSERT_EQ(0, stop_event.create(service::stop_event_name(name).c_str()));
+    EXPECT_FALSE(service::stop(name.c_str(), /*event_fallback=*/false, 1));
+    EXPECT_FALSE(stop_event.is_set()) << "no fallback, no signal";
+    EXPECT_FALSE(service::stop(name.c_str(), /*event_fallback=*/true, 1));
+    EXPECT_TRUE(stop_event.is_set());
 }
 
 }  // namespace
