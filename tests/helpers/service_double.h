@@ -6,8 +6,6 @@
 // status reply (1, ""); set_reply overrides one identifier.
 #pragma once
 
-#include <windows.h>
-
 #include <cstdint>
 #include <map>
 #include <thread>
