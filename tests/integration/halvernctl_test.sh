@@ -72,45 +72,31 @@ stop_double() {
     wine "$helper" set-event "$stop_event" </dev/null >/dev/null 2>&1
     wait "$double_pid" 2>/dev/null
 }
-# hex FIELD...: a payload in the wire encodings (u8:N u32:N u64:N s:TEXT w:TEXT l:A,B l:).
-hex() {
-    python3 - "$@" <<'PY'
-import struct, sys
-out = b""
-for f in sys.argv[1:]:
-    kind, _, v = f.partition(":")
-    if kind in ("u8", "u32", "u64"): out += struct.pack({"u8": "<B", "u32": "<I", "u64": "<Q"}[kind], int(v, 0))
-    elif kind == "s": out += v.encode() + b"\0"
-    elif kind == "w": out += v.encode("utf-16-le") + b"\0\0"
-    elif kind == "l":
-        items = v.split(",") if v else []
-        out += struct.pack("<I", len(items)) + b"".join(i.encode() + b"\0" for i in items)
-print(out.hex().upper() or "-")
-PY
-}
-start_double --reply 1000004 "$(hex u32:1 u8:1 u8:1 s:D:S s:D:F s:svcA s:S-1-5-80-9 'w:C:\svcA\a.exe' 'w:C:\svcA')" \
-    --reply 10000CD "$(hex 'l:c:\q\')" --reply 10000D2 "$(hex u8:1 s:no)" --reply 1000069 "$(hex u8:0 's:Invalid path.')"
+# Payloads in protection_lib.sh's encoders; single bytes and the registry roots written out.
+containers_reply=$(hex_u32 1)$(hex_str 'c:\q\')
+start_double --reply 1000004 "$(hex_u32 1)0101$(hex_str D:S)$(hex_str D:F)$(hex_str svcA)$(hex_str S-1-5-80-9)$(
+    hex_wstr 'C:\svcA\a.exe')$(hex_wstr 'C:\svcA')" --reply 10000CD "$containers_reply" --reply 10000D2 "01$(hex_str no)" \
+    --reply 1000069 "00$(hex_str 'Invalid path.')"
 
-# command|message id|payload fields (the request the command sends after the protocol query); the
-# other commands are checked by their effect on the running service.
-while IFS='|' read -r args id fields; do
+# command|message id|payload (the request the command sends after the protocol query); the other
+# commands are checked by their effect on the running service. HKLM is 0xFFFFFFFF80000002.
+while IFS='|' read -r args id payload; do
     before=$(wc -l <"$record")
     eval "hv_run $args"
     expect_rc "halvernctl $args" 0
-    # shellcheck disable=SC2086
-    want="$id $(eval "hex $fields")"
+    want="$id $(eval "printf %s \"$payload\"")"
     # The disconnect comes last.
     poll 50 0.1 'tail -n +"$((before + 1))" "$record" | tr -d "\r" >"$work/sent.txt"; [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ]'
     expect_eq "halvernctl $args: sent" "1000009 05000000|$want|1000000 -" "$(paste -sd '|' "$work/sent.txt")"
 done <<'EOF'
-service protect a b --service-only|1000002|u32:2 u8:1 u8:0 s:a u8:1 u8:0 s:b
-key protect 'HKLM\Software\X' --level write|100000B|u32:1 u8:1 u64:0xFFFFFFFF80000002 'w:Software\X' s: l: u32:2
-key protect 'HKCU\Software\X' --owner o --service s1 --service s2|100000B|u32:1 u8:1 u64:0xFFFFFFFF80000001 'w:Software\X' s:o l:s1,s2 u32:1
-quarantine create 'C:\q' --service s1|10000C9|'s:C:\q' l:s1
-quarantine drop 'C:\q' --restore|10000CB|u32:2 's:C:\q'
-block 'C:\f' 'C:\g' --service s1|10000D1|u32:0 l:s1 'l:C:\f,C:\g'
-notify subscribe --event E --file 'C:\f' --major 3|10000FA|u8:0 s:NVCHCTRLOFFLOAD s:E 's:C:\f' u8:3 u8:255 u32:0
-notify unsubscribe --event E --as me --type 1|10000FA|u8:1 s:me s:E s: u8:255 u8:255 u32:1
+service protect a b --service-only|1000002|$(hex_u32 2)0100$(hex_str a)0100$(hex_str b)
+key protect 'HKLM\Software\X' --level write|100000B|$(hex_u32 1)01$(hex_u32 0x80000002)FFFFFFFF$(hex_wstr 'Software\X')00$(hex_u32 0)$(hex_u32 2)
+key protect 'HKCU\Software\X' --owner o --service s1 --service s2|100000B|$(hex_u32 1)01$(hex_u32 0x80000001)FFFFFFFF$(hex_wstr 'Software\X')$(hex_str o)$(hex_u32 2)$(hex_str s1)$(hex_str s2)$(hex_u32 1)
+quarantine create 'C:\q' --service s1|10000C9|$(hex_str 'C:\q')$(hex_u32 1)$(hex_str s1)
+quarantine drop 'C:\q' --restore|10000CB|$(hex_u32 2)$(hex_str 'C:\q')
+block 'C:\f' 'C:\g' --service s1|10000D1|$(hex_u32 0)$(hex_u32 1)$(hex_str s1)$(hex_u32 2)$(hex_str 'C:\f')$(hex_str 'C:\g')
+notify subscribe --event E --file 'C:\f' --major 3|10000FA|00$(hex_str NVCHCTRLOFFLOAD)$(hex_str E)$(hex_str 'C:\f')03FF$(hex_u32 0)
+notify unsubscribe --event E --as me --type 1|10000FA|01$(hex_str me)$(hex_str E)00FFFF$(hex_u32 1)
 EOF
 
 echo "== text output, a refusal"
@@ -127,7 +113,7 @@ expect_eq "refused as JSON" '[false,"refused","Invalid path.",1]' "$(jq -c '[.ok
 stop_double
 
 echo "== a service speaking protocol 3"
-start_double --reply 1000009 "$(hex u8:1 u32:3)" --reply 10000CD "$(hex 'l:c:\q\')"
+start_double --reply 1000009 "01$(hex_u32 3)" --reply 10000CD "$containers_reply"
 hv_run quarantine containers
 expect_rc "quarantine against protocol 3" 0
 hv_run notify collect
