@@ -182,17 +182,14 @@ done <<EOF_TABLE
 service protect nv_ctl_svc#0#.ok#any(.process_rules[]; ascii_downcase == "$svc_image")
 service list#0#any(.services[]; .name == "nv_ctl_svc" and .process_protected and .image == "C:\\\\prot\\\\svc\\\\nv_test_service.exe")#-
 service unprotect nv_ctl_svc#0#.ok#all(.process_rules[]; ascii_downcase != "$svc_image")
-service list#0#all(.services[]; .name != "nv_ctl_svc")#-
 service protect nv_ctl_svc nv_lib_svc#0#.ok#any(.process_rules[]; ascii_downcase == "$lib_image")
 service list#0#[.services[] | select(.process_protected) | .name] - ["norvale_halvern_svc"] | sort == ["nv_ctl_svc", "nv_lib_svc"]#-
 service unprotect nv_ctl_svc nv_lib_svc#0#.ok#all(.process_rules[]; ascii_downcase != "$svc_image" and ascii_downcase != "$lib_image")
-service list#0#all(.services[]; .name != "nv_ctl_svc" and .name != "nv_lib_svc")#-
 process protect 'C:\prot\app\a.exe'#0#.ok#any(.process_rules[]; ascii_downcase == "c:\\\\prot\\\\app\\\\a.exe")
 process protect 'C:\prot\app\b.exe' 'C:\prot\app\c.exe'#0#.ok#any(.process_rules[]; ascii_downcase == "c:\\\\prot\\\\app\\\\c.exe")
 process list#0#[.processes[] | select(.folder == "C:\\\\prot\\\\app") | .image] | sort == ["C:\\\\prot\\\\app\\\\a.exe", "C:\\\\prot\\\\app\\\\b.exe", "C:\\\\prot\\\\app\\\\c.exe"]#-
 process unprotect 'C:\prot\app\a.exe'#0#.ok#all(.process_rules[]; ascii_downcase != "c:\\\\prot\\\\app\\\\a.exe")
 process unprotect 'C:\prot\app\b.exe' 'C:\prot\app\c.exe'#0#.ok#all(.process_rules[]; ascii_downcase | startswith("c:\\\\prot\\\\app") | not)
-process list#0#all(.processes[]; .folder != "C:\\\\prot\\\\app")#-
 process protect 'C:\e.exe'#1#.ok == false and .error == "refused" and .exit_code == 1#all(.process_rules[]; ascii_downcase != "c:\\\\e.exe")
 key protect '$key' --level write#0#.ok#$nvlib_rule
 key list#0#any(.keys[]; $nvlib_key)#-
@@ -200,7 +197,6 @@ key unprotect '$key'#0#.ok#$nvlib_rule | not
 key protect '$key' --owner nv_lib_svc --service nv_ctl_svc#0#.ok#$nvlib_rule
 key list#0#any(.keys[]; $nvlib_key and .owner == "nv_lib_svc" and .services == "nv_ctl_svc")#-
 key unprotect '$key'#0#.ok#$nvlib_rule | not
-key list#0#all(.keys[]; $nvlib_key | not)#-
 driver off#0#.ok#$features == [false, false, true]
 protection off#0#.ok#$features == [false, false, false]
 driver on#0#.ok#$features == [true, true, false]
