@@ -276,15 +276,10 @@ watcher=$!
 poll 150 0.2 'grep -q "^watching" "$work/watch.err"'
 grep -q '^watching denied access to C:\\Data\\Watch.txt' "$work/watch.err" || fail "watch did not subscribe: $(cat "$work/watch.err")"
 run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\watch.txt'
-injected=$(date +%s.%N)
-poll 200 0.05 'grep -q denied "$work/watch.txt"'
-shown=$(date +%s.%N)
+# Woken by the subscriber's event; a loaded machine may still take a moment to schedule it.
+poll 100 0.05 'grep -q denied "$work/watch.txt"' || fail "watch printed no denial within 5 s"
 grep -qi "UTC denied c:\\\\data\\\\watch.txt major=3 minor=0 pid=$pid C:\\\\prot\\\\svc\\\\nv_test_service.exe" "$work/watch.txt" ||
     fail "watch output: $(cat "$work/watch.txt")"
-latency=$(awk -v a="$injected" -v b="$shown" 'BEGIN { printf "%.2f", b - a }')
-echo "watch printed the denial $latency s after the injection"
-# Woken by the subscriber's event; a loaded machine may still take a moment to schedule it.
-awk -v l="$latency" 'BEGIN { exit !(l < 5) }' || fail "watch took $latency s"
 kill -INT $watcher
 wait $watcher
 expect_eq "watch ends on Ctrl+C" 0 "$?"
