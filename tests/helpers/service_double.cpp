@@ -5,9 +5,7 @@
 
 namespace nv_test {
 
-service_double::service_double(const char* name) : mcl::ipc_peer(name, &handler_), handler_(this) {
-    (void)stop_.create_unnamed();
-}
+service_double::service_double(const char* name) : mcl::ipc_peer(name, this) { (void)stop_.create_unnamed(); }
 
 service_double::~service_double() {
     stop_.set();
@@ -15,14 +13,8 @@ service_double::~service_double() {
     close();
 }
 
-bool service_double::start_listening() {
+void service_double::start_listening() {
     accept_thread_ = std::thread([this] { serve_until(stop_.get()); });
-    return true;
-}
-
-void service_double::set_protocol(uint32_t version) {
-    mcl::scoped_lock guard(lock_);
-    protocol_ = version;
 }
 
 void service_double::set_reply(uint32_t id, const mcl::binary_t& reply) {
@@ -35,39 +27,28 @@ std::vector<recorded_request> service_double::received() {
     return received_;
 }
 
-bool service_double::wait_for(size_t count, DWORD timeout_ms) {
-    for (DWORD waited = 0;; waited += 10) {
-        {
-            mcl::scoped_lock guard(lock_);
-            if (received_.size() >= count) return true;
-        }
-        if (waited >= timeout_ms) return false;
-        Sleep(10);
-    }
-}
-
-int service_double::handler::operator()(mcl::ipc_connection* conn, uint32_t id, mcl::binary_t& payload) {
+int service_double::operator()(mcl::ipc_connection* conn, uint32_t id, mcl::binary_t& payload) {
     recorded_request record{id, payload};
     mcl::binary_t reply;
     {
-        mcl::scoped_lock guard(owner_->lock_);
-        owner_->received_.push_back(record);
-        const auto canned = owner_->replies_.find(id);
-        if (canned != owner_->replies_.end()) {
+        mcl::scoped_lock guard(lock_);
+        received_.push_back(record);
+        const auto canned = replies_.find(id);
+        if (canned != replies_.end()) {
             reply = canned->second;
         } else if (id == msg::protocol_compatible) {
             mcl::write_byte(reply, 1);
-            mcl::write_u32(reply, owner_->protocol_);
+            mcl::write_u32(reply, 5);
         } else if (id == msg::service_version) {
             mcl::write_u32(reply, 196653);
         } else {
             mcl::write_status(reply, true, "");
         }
     }
-    if (owner_->on_message != nullptr) owner_->on_message(record);
+    if (on_message != nullptr) on_message(record);
     if (id == msg::disconnect) {
         // As the service does: the client waits for its pipe to close.
-        owner_->disconnect(mcl::share_ptr<mcl::ipc_connection>(conn));
+        disconnect(mcl::share_ptr<mcl::ipc_connection>(conn));
         return 0;
     }
     payload = reply;

@@ -1,11 +1,10 @@
 // A listening peer that plays the protection service for client tests: it records every
 // request and post it receives and answers with canned replies.
 //
-// It drops a connection on the disconnect message, as the service does. Default replies: 0x1000009 gets ok 1 and the configured protocol version (5), 0x100000a gets
-// 196653, every other identifier a status reply (1, ""); set_reply overrides one identifier.
+// It drops a connection on the disconnect message, as the service does. Default replies:
+// 0x1000009 gets ok 1 and protocol version 5, 0x100000a gets 196653, every other identifier a
+// status reply (1, ""); set_reply overrides one identifier.
 #pragma once
-
-#include <windows.h>
 
 #include <cstdint>
 #include <map>
@@ -24,36 +23,25 @@ struct recorded_request {
     mcl::binary_t payload;
 };
 
-class service_double : public mcl::ipc_peer {
+class service_double : public mcl::ipc_msg_handler, public mcl::ipc_peer {
 public:
     explicit service_double(const char* name);
     ~service_double() override;
 
-    // Starts listening under the name; false when the listener cannot be set up.
-    bool start_listening();
-    void set_protocol(uint32_t version);
+    // Listens under the name on a thread of its own until destroyed.
+    void start_listening();
     void set_reply(uint32_t id, const mcl::binary_t& reply);
     // Every message received so far, in arrival order.
     std::vector<recorded_request> received();
-    // Waits until at least `count` messages arrived; false after `timeout_ms`.
-    bool wait_for(size_t count, DWORD timeout_ms);
     // Called on the event thread for every message, after it was recorded (for a log file).
     void (*on_message)(const recorded_request&) = nullptr;
 
-private:
-    class handler : public mcl::ipc_msg_handler {
-    public:
-        explicit handler(service_double* owner) : owner_(owner) {}
-        int operator()(mcl::ipc_connection* conn, uint32_t id, mcl::binary_t& payload) override;
+    int operator()(mcl::ipc_connection* conn, uint32_t id, mcl::binary_t& payload) override;
 
-    private:
-        service_double* owner_;
-    };
-    handler handler_;
+private:
     mcl::lock lock_;
     std::vector<recorded_request> received_;
     std::map<uint32_t, mcl::binary_t> replies_;
-    uint32_t protocol_ = 5;
     mcl::event stop_;
     std::thread accept_thread_;
 };

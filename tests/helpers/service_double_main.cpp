@@ -1,11 +1,11 @@
 // nv_service_double: plays the protection service for command-line tests.
 //
-//   nv_service_double NAME RECORD STOP_EVENT [--protocol N] [--reply ID HEX]...
+//   nv_service_double NAME RECORD STOP_EVENT [--reply ID HEX]...
 //
 // Listens under NAME until the named event STOP_EVENT is set, appends one line per received
 // message to RECORD ("ID HEX", "-" for an empty payload, ID in upper-case hexadecimal) and
 // answers as nv_test::service_double does, with each --reply overriding one identifier.
-// Exit codes: 0 stopped by the event, 2 usage, 3 cannot listen.
+// Exit codes: 0 stopped by the event, 2 usage.
 #include <windows.h>
 
 #include <cstdio>
@@ -30,14 +30,12 @@ void record(const nv_test::recorded_request& r) {
 
 int main(int argc, char** argv) {
     if (argc < 4) {
-        fprintf(stderr, "usage: nv_service_double NAME RECORD STOP_EVENT [--protocol N] [--reply ID HEX]...\n");
+        fprintf(stderr, "usage: nv_service_double NAME RECORD STOP_EVENT [--reply ID HEX]...\n");
         return 2;
     }
     nv_test::service_double service(argv[1]);
     for (int i = 4; i < argc; ++i) {
-        if (strcmp(argv[i], "--protocol") == 0 && i + 1 < argc) {
-            service.set_protocol(static_cast<uint32_t>(strtoul(argv[++i], nullptr, 10)));
-        } else if (strcmp(argv[i], "--reply") == 0 && i + 2 < argc) {
+        if (strcmp(argv[i], "--reply") == 0 && i + 2 < argc) {
             std::vector<unsigned char> bytes;
             if (strcmp(argv[i + 2], "-") != 0 && !nv_tools::from_hex(argv[i + 2], bytes)) return 2;
             mcl::binary_t reply;
@@ -52,7 +50,7 @@ int main(int argc, char** argv) {
     HANDLE stop = CreateEventA(nullptr, TRUE, FALSE, argv[3]);
     if (g_record == nullptr || stop == nullptr) return 2;
     service.on_message = &record;
-    if (!service.start_listening()) return 3;
+    service.start_listening();
     WaitForSingleObject(stop, INFINITE);
     return 0;
 }

@@ -51,6 +51,10 @@ while read -r want args; do check "$exe" "$args" "$want" empty; done <<'CASES'
 0   -proxy_task hvs_unchange
 CASES
 wine sc delete nvcli_disabled </dev/null >/dev/null 2>&1
+# No option, outside the service manager: the control dispatcher refuses the process (after about 10 s).
+run "$exe"
+expect "no option, from a console" 0 "halvern service could not be started!"
+[ "$(log_lines '\] - StartServiceCtrlDispatcher failed\.')" = 1 ] || fail "no option: the dispatcher's refusal not logged"
 
 # Folder repair never leaves a task log; the other tasks copy the debug log whatever their result.
 [ ! -e "$dir/hvs_folder_repair.log" ] && [ ! -e "$dir/hvs_install.log" ] || fail "unexpected task log"

@@ -1,14 +1,13 @@
 #!/usr/bin/env bash
-# halvernctl and the client library end to end, in one prefix with the driver simulator: usage
-# errors, a service not installed, every command against nv_service_double (the bytes each command
-# sends), then the library and halvernctl against the real service: status, --json output and the
-# stand-in's state afterwards, denials injected reaching a subscriber and `watch`.
+# halvernctl, and through it every method of the client library, in one prefix with the driver
+# simulator: usage errors, a service not installed, commands against nv_service_double (the bytes
+# of the requests whose fields the real service does not show, refusals, an older protocol), then
+# every command against the real service: status, --json output and the stand-in's state
+# afterwards, denials injected reaching a subscriber and `watch`.
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
 expect_rc() { [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; stdout: $(cat "$out"); stderr: $(cat "$err")"; }
 expect_in() { grep -qF -- "$3" "$2" || fail "$1: [$3] not in $(basename "$2"): $(head -c 400 "$2")"; }
-# json EXPRESSION: a Python expression over the JSON document on stdout (as d).
-json() { python3 -c "import json,sys; d=json.load(open(sys.argv[1])); v=($1); print(v)" "$out" 2>&1; }
 
 echo "== usage errors give exit code 2 and the help text"
 while IFS='|' read -r args want; do
@@ -51,7 +50,7 @@ expect_rc "status, not installed" 4
 expect_eq "status, not installed" "|halvernctl: the service norvale_halvern_svc is not installed" "$(cat "$out")|$(cat "$err")"
 hv_run --json service list
 expect_rc "--json service list, not installed" 4
-expect_eq "not installed as JSON" "('not_installed', 4, 'service list')" "$(json 'd["error"], d["exit_code"], d["command"]')"
+expect_eq "not installed as JSON" '["not_installed",4,"service list"]' "$(jq -c '[.error, .exit_code, .command]' "$out")"
 
 echo "== every command against a peer playing the service"
 # The manager knows the service (stopped, with no program), so commands try to start it and
@@ -73,63 +72,31 @@ stop_double() {
     wine "$helper" set-event "$stop_event" </dev/null >/dev/null 2>&1
     wait "$double_pid" 2>/dev/null
 }
-# hex FIELD...: a payload in the wire encodings (u8:N u32:N u64:N s:TEXT w:TEXT l:A,B l:).
-hex() {
-    python3 - "$@" <<'PY'
-import struct, sys
-out = b""
-for f in sys.argv[1:]:
-    kind, _, v = f.partition(":")
-    if kind in ("u8", "u32", "u64"): out += struct.pack({"u8": "<B", "u32": "<I", "u64": "<Q"}[kind], int(v, 0))
-    elif kind == "s": out += v.encode() + b"\0"
-    elif kind == "w": out += v.encode("utf-16-le") + b"\0\0"
-    elif kind == "l":
-        items = v.split(",") if v else []
-        out += struct.pack("<I", len(items)) + b"".join(i.encode() + b"\0" for i in items)
-print(out.hex().upper() or "-")
-PY
-}
-start_double --reply 1000004 "$(hex u32:1 u8:1 u8:1 s:D:S s:D:F s:svcA s:S-1-5-80-9 'w:C:\svcA\a.exe' 'w:C:\svcA')" \
-    --reply 1000005 "$(hex u32:0)" --reply 100000C "$(hex u32:0)" --reply 10000FB "$(hex u32:0)" \
-    --reply 10000CD "$(hex 'l:c:\q\')" --reply 10000D2 "$(hex u8:1 s:no)" --reply 1000069 "$(hex u8:0 's:Invalid path.')"
+# Payloads in protection_lib.sh's encoders; single bytes and the registry roots written out.
+containers_reply=$(hex_u32 1)$(hex_str 'c:\q\')
+start_double --reply 1000004 "$(hex_u32 1)0101$(hex_str D:S)$(hex_str D:F)$(hex_str svcA)$(hex_str S-1-5-80-9)$(
+    hex_wstr 'C:\svcA\a.exe')$(hex_wstr 'C:\svcA')" --reply 10000CD "$containers_reply" --reply 10000D2 "01$(hex_str no)" \
+    --reply 1000069 "00$(hex_str 'Invalid path.')"
 
-# command|message id|payload fields (the request the command sends after the protocol query); the
-# commands that take one plain argument are checked against the running service instead.
-while IFS='|' read -r args id fields; do
+# command|message id|payload (the request the command sends after the protocol query); the other
+# commands are checked by their effect on the running service. HKLM is 0xFFFFFFFF80000002.
+while IFS='|' read -r args id payload; do
     before=$(wc -l <"$record")
     eval "hv_run $args"
     expect_rc "halvernctl $args" 0
-    # shellcheck disable=SC2086
-    want="$id $(eval "hex $fields")"
+    want="$id $(eval "printf %s \"$payload\"")"
     # The disconnect comes last.
     poll 50 0.1 'tail -n +"$((before + 1))" "$record" | tr -d "\r" >"$work/sent.txt"; [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ]'
     expect_eq "halvernctl $args: sent" "1000009 05000000|$want|1000000 -" "$(paste -sd '|' "$work/sent.txt")"
 done <<'EOF'
-service protect a b --service-only|1000002|u32:2 u8:1 u8:0 s:a u8:1 u8:0 s:b
-service start svcA -x y|1000065|s:svcA l:-x,y
-service stop svcA|1000066|s:svcA
-process protect 'C:\a.exe' 'C:\b.exe'|1000003|u32:2 u8:1 'w:C:\a.exe' u8:1 'w:C:\b.exe'
-process unprotect 'C:\p\a.exe'|1000003|u32:1 u8:0 'w:C:\p\a.exe'
-process list|1000005|
-key protect 'HKLM\Software\X' --level write|100000B|u32:1 u8:1 u64:0xFFFFFFFF80000002 'w:Software\X' s: l: u32:2
-key protect 'HKCU\Software\X' --owner o --service s1 --service s2|100000B|u32:1 u8:1 u64:0xFFFFFFFF80000001 'w:Software\X' s:o l:s1,s2 u32:1
-key unprotect 'HKLM\Software\X'|100000B|u32:1 u8:0 u64:0xFFFFFFFF80000002 'w:Software\X' s: l: u32:0
-key list|100000C|
-driver off|1000006|
-driver restore|1000068|u8:1
-protection off|1000008|u8:0
-recover service svcA|1000067|s:svcA
-quarantine create 'C:\q' --service s1|10000C9|'s:C:\q' l:s1
-quarantine add 'C:\q' 'C:\d\a.txt'|10000CA|u32:0 's:C:\q' 'l:C:\d\a.txt'
-quarantine remove 'C:\q' 'c:\q\a.1.QUA'|10000CA|u32:1 's:C:\q' 'l:c:\q\a.1.QUA'
-quarantine restore 'C:\q' 'c:\q\a.1.QUA'|10000CA|u32:2 's:C:\q' 'l:c:\q\a.1.QUA'
-quarantine drop 'C:\q' --restore|10000CB|u32:2 's:C:\q'
-block 'C:\f' 'C:\g' --service s1|10000D1|u32:0 l:s1 'l:C:\f,C:\g'
-unblock 'C:\f' 'C:\g'|10000D1|u32:1 l: 'l:C:\f,C:\g'
-notify subscribe --event E --file 'C:\f' --major 3|10000FA|u8:0 s:NVCHCTRLOFFLOAD s:E 's:C:\f' u8:3 u8:255 u32:0
-notify unsubscribe --event E --as me --type 1|10000FA|u8:1 s:me s:E s: u8:255 u8:255 u32:1
-notify collect --as me|10000FB|s:me
-shutdown|1000001|
+service protect a b --service-only|1000002|$(hex_u32 2)0100$(hex_str a)0100$(hex_str b)
+key protect 'HKLM\Software\X' --level write|100000B|$(hex_u32 1)01$(hex_u32 0x80000002)FFFFFFFF$(hex_wstr 'Software\X')00$(hex_u32 0)$(hex_u32 2)
+key protect 'HKCU\Software\X' --owner o --service s1 --service s2|100000B|$(hex_u32 1)01$(hex_u32 0x80000001)FFFFFFFF$(hex_wstr 'Software\X')$(hex_str o)$(hex_u32 2)$(hex_str s1)$(hex_str s2)$(hex_u32 1)
+quarantine create 'C:\q' --service s1|10000C9|$(hex_str 'C:\q')$(hex_u32 1)$(hex_str s1)
+quarantine drop 'C:\q' --restore|10000CB|$(hex_u32 2)$(hex_str 'C:\q')
+block 'C:\f' 'C:\g' --service s1|10000D1|$(hex_u32 0)$(hex_u32 1)$(hex_str s1)$(hex_u32 2)$(hex_str 'C:\f')$(hex_str 'C:\g')
+notify subscribe --event E --file 'C:\f' --major 3|10000FA|00$(hex_str NVCHCTRLOFFLOAD)$(hex_str E)$(hex_str 'C:\f')03FF$(hex_u32 0)
+notify unsubscribe --event E --as me --type 1|10000FA|01$(hex_str me)$(hex_str E)00FFFF$(hex_u32 1)
 EOF
 
 echo "== text output, a refusal"
@@ -142,11 +109,11 @@ expect_eq "is-blocked" $'ok: yes\nblocked: no\nmessage: no' "$(cat "$out")"
 hv_run recover folder 'C:\f'
 expect_eq "refused: exit code 1, the message on stderr" "1 halvernctl: Invalid path." "$rc $(cat "$err")"
 hv_run --json recover folder 'C:\f'
-expect_eq "refused as JSON" "(False, 'refused', 'Invalid path.', 1)" "$(json 'd["ok"], d["error"], d["message"], d["exit_code"]')"
+expect_eq "refused as JSON" '[false,"refused","Invalid path.",1]' "$(jq -c '[.ok, .error, .message, .exit_code]' "$out")"
 stop_double
 
 echo "== a service speaking protocol 3"
-start_double --protocol 3 --reply 10000CD "$(hex 'l:c:\q\')"
+start_double --reply 1000009 "01$(hex_u32 3)" --reply 10000CD "$containers_reply"
 hv_run quarantine containers
 expect_rc "quarantine against protocol 3" 0
 hv_run notify collect
@@ -161,12 +128,6 @@ hv_run driver on
 expect_rc "no listener" 3
 expect_eq "no listener" "halvernctl: cannot connect to the service norvale_halvern_svc" "$(cat "$err")"
 run sc delete $svc
-
-echo "== the client library against the real service"
-NV_SERVICE_EXE=$exe wine "$NV_BIN_DIR/client_service_test.exe" --gtest_filter='client_against_the_service.*' </dev/null >"$out" 2>&1
-rc=$?
-[ "$rc" = 0 ] && grep -q 'PASSED  \] 2 tests' "$out" ||
-    fail "client_service_test: $(tr -d '\r' <"$out" | grep -E 'Failure|FAILED|Expected|Actual|Which' | head -20)"
 
 echo "== status leaves a stopped service stopped, a command starts it"
 run "$exe" -i install
@@ -184,8 +145,8 @@ protocol_version: 5
 service_version: 196653
 service_version_text: 3.0.45" "$(cat "$out")"
 hv_run --json status
-expect_eq "status as JSON" "(True, 5, 196653, '3.0.45')" \
-    "$(json 'd["running"], d["protocol_version"], d["service_version"], d["service_version_text"]')"
+expect_eq "status as JSON" '[true,5,196653,"3.0.45"]' \
+    "$(jq -c '[.running, .protocol_version, .service_version, .service_version_text]' "$out")"
 # The service's own keys as its service SID would have them (see start_service).
 run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 
@@ -200,14 +161,13 @@ mkdir -p "$drive_c/prot/app" "$drive_c/prot/data"
 printf 'sample' >"$drive_c/prot/data/sample.txt"
 printf 'secret' >"$drive_c/prot/data/secret.txt"
 
-echo "== the client library: every method"
-NV_WITH_SIMULATOR=1 wine "$NV_BIN_DIR/client_service_test.exe" --gtest_filter='client_with_simulator.*' </dev/null >"$out" 2>&1
-rc=$?
-[ "$rc" = 0 ] && grep -q 'PASSED  \] 1 test' "$out" ||
-    fail "client_with_simulator: $(tr -d '\r' <"$out" | grep -E 'Failure|FAILED|Expected|Which|Value of|: ' | head -30)"
-
-echo "== halvernctl: exit code, JSON output and the driver stand-in afterwards"
+echo "== every command: exit code, JSON output and the driver stand-in afterwards"
 svc_image='c:\\prot\\svc\\nv_test_service.exe'
+lib_image='c:\\prot\\lib\\nv_test_service.exe'
+key='HKLM\Software\NvLib\Key'
+nvlib_key='(.key | ascii_downcase) == "hklm\\software\\nvlib\\key"'
+nvlib_rule='any(.registry_rules[]; contains("Software\\NvLib\\Key"))'
+features='[.features["0","6","11"]]'  # process, folder and registry protection
 sample='C:\prot\data\sample.txt'
 secret='C:\prot\data\secret.txt'
 blocked='any(.blocking_rules[]; ascii_downcase | endswith("\\prot\\data\\secret.txt"))'
@@ -221,19 +181,47 @@ while IFS='#' read -r args want_rc test driver_test; do
 done <<EOF_TABLE
 service protect nv_ctl_svc#0#.ok#any(.process_rules[]; ascii_downcase == "$svc_image")
 service list#0#any(.services[]; .name == "nv_ctl_svc" and .process_protected and .image == "C:\\\\prot\\\\svc\\\\nv_test_service.exe")#-
+service unprotect nv_ctl_svc#0#.ok#all(.process_rules[]; ascii_downcase != "$svc_image")
+service protect nv_ctl_svc nv_lib_svc#0#.ok#any(.process_rules[]; ascii_downcase == "$lib_image")
+service list#0#[.services[] | select(.process_protected) | .name] - ["norvale_halvern_svc"] | sort == ["nv_ctl_svc", "nv_lib_svc"]#-
+service unprotect nv_ctl_svc nv_lib_svc#0#.ok#all(.process_rules[]; ascii_downcase != "$svc_image" and ascii_downcase != "$lib_image")
+process protect 'C:\prot\app\a.exe'#0#.ok#any(.process_rules[]; ascii_downcase == "c:\\\\prot\\\\app\\\\a.exe")
+process protect 'C:\prot\app\b.exe' 'C:\prot\app\c.exe'#0#.ok#any(.process_rules[]; ascii_downcase == "c:\\\\prot\\\\app\\\\c.exe")
+process list#0#[.processes[] | select(.folder == "C:\\\\prot\\\\app") | .image] | sort == ["C:\\\\prot\\\\app\\\\a.exe", "C:\\\\prot\\\\app\\\\b.exe", "C:\\\\prot\\\\app\\\\c.exe"]#-
+process unprotect 'C:\prot\app\a.exe'#0#.ok#all(.process_rules[]; ascii_downcase != "c:\\\\prot\\\\app\\\\a.exe")
+process unprotect 'C:\prot\app\b.exe' 'C:\prot\app\c.exe'#0#.ok#all(.process_rules[]; ascii_downcase | startswith("c:\\\\prot\\\\app") | not)
 process protect 'C:\e.exe'#1#.ok == false and .error == "refused" and .exit_code == 1#all(.process_rules[]; ascii_downcase != "c:\\\\e.exe")
+key protect '$key' --level write#0#.ok#$nvlib_rule
+key list#0#any(.keys[]; $nvlib_key)#-
+key unprotect '$key'#0#.ok#$nvlib_rule | not
+key protect '$key' --owner nv_lib_svc --service nv_ctl_svc#0#.ok#$nvlib_rule
+key list#0#any(.keys[]; $nvlib_key and .owner == "nv_lib_svc" and .services == "nv_ctl_svc")#-
+key unprotect '$key'#0#.ok#$nvlib_rule | not
+driver off#0#.ok#$features == [false, false, true]
+protection off#0#.ok#$features == [false, false, false]
+driver on#0#.ok#$features == [true, true, false]
+protection on#0#.ok#$features == [true, true, true]
+driver off#0#.ok#$features == [false, false, true]
+driver restore#0#.ok#$features == [true, true, true]
+service start nv_lib_ctl alpha 'beta gamma'#0#.ok#-
+service start nv_lib_ctl#0#.ok and .message == "Service has already been started."#-
+service stop nv_lib_ctl#0#.ok#-
+recover service nv_lib_ctl#0#.ok#-
+recover folder 'C:\prot\lib'#0#.ok#-
 quarantine create 'C:\prot\q'#0#.ok#-
 quarantine containers#0#[.containers[].path] == ["c:\\\\prot\\\\q\\\\"]#-
 block '$secret'#0#.ok#$blocked
 is-blocked '$secret'#0#.ok and .blocked#-
 unblock '$secret'#0#.ok#$blocked | not
 is-blocked '$secret'#0#.ok and (.blocked | not)#-
-service unprotect nv_ctl_svc#0#.ok#all(.process_rules[]; ascii_downcase != "$svc_image")
-service list#0#all(.services[]; .name != "nv_ctl_svc")#-
+block '$secret' '$sample'#0#.ok#$blocked
+unblock '$secret' '$sample'#0#.ok#$blocked | not
 EOF_TABLE
+expect_eq "the arguments the service was started with" $'alpha\nbeta gamma' "$(tr -d '\r' <"$drive_c/prot/libctl/nv_lib_ctl.args")"
+wait_svc_state nv_lib_ctl 252
 
-echo "== halvernctl: quarantine a file and restore it"
-hv_run --json quarantine add 'C:\prot\q' 'C:\prot\data\sample.txt'
+echo "== halvernctl: quarantine a file and restore it, quarantine it and remove the archive"
+hv_run --json quarantine add 'C:\prot\q' "$sample"
 archive=$(jq -r '.archives[0].archive' "$out")
 [[ "$rc $(jq -c '[.ok, (.archives | length)]' "$out") $archive" =~ ^'0 [true,1] c:\prot\q\sample.txt.'[0-9A-F]{16}'.QUA'$ ]] ||
     fail "quarantine add: $rc $(cat "$out") $(cat "$err")"
@@ -248,13 +236,22 @@ expect_eq "restore" "0 true" "$rc $(jq .ok "$out")"
 expect_eq "the restored file" sample "$(cat "$drive_c/prot/data/sample.txt" 2>/dev/null)"
 hv_run --json quarantine list 'C:\prot\q'
 expect_eq "nothing left in the container" "0 0" "$rc $(jq '.files | length' "$out")"
+hv_run --json quarantine add 'C:\prot\q' "$sample"
+archive=$(jq -r '.archives[0].archive' "$out")
+hv_run --json quarantine remove 'C:\prot\q' "$archive"
+expect_eq "remove" "0 true" "$rc $(jq .ok "$out")"
+[ -e "$drive_c/prot/q/${archive##*\\}" ] || [ -e "$drive_c/prot/data/sample.txt" ] && fail "removed: [$archive] or the file is there"
+hv_run --json quarantine drop 'C:\prot\q' --delete
+expect_eq "drop" "0 true" "$rc $(jq .ok "$out")"
+hv_run --json quarantine containers
+expect_eq "no container left" "0 0" "$rc $(jq '.containers | length' "$out")"
 hv_run process protect 'C:\e.exe'
 expect_eq "a refusal on stderr" "halvernctl: the service refused the request" "$(cat "$err")"
 
 echo "== subscribe, a denial injected into the simulator, collect"
 pid=$(pid_of svc nv_ctl_svc)
-# A subscriber name of its own: the library's test has used the client's own name with another event.
-filter=(--as nv_ctl_sub --event 'Global\nv_ctl_event' --file 'C:\Data\Ctl.txt')
+# Under the client's own subscriber name; `watch` below subscribes under a name it gives.
+filter=(--event 'Global\nv_ctl_event' --file 'C:\Data\Ctl.txt')
 # The subscriber's event, created by a process of its own that waits for it.
 wine "$helper" wait-event 'Global\nv_ctl_event' 60000 </dev/null >"$work/event.txt" 2>&1 &
 waiter=$!
@@ -265,30 +262,24 @@ run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\ctl.txt'
 expect_eq "inject" 0 "$rc"
 wait $waiter
 expect_eq "the subscriber's event was set" $'ready\nfired' "$(tr -d '\r' <"$work/event.txt")"
-hv_run --json notify collect --as nv_ctl_sub
+hv_run --json notify collect
 jq -e --argjson pid "$pid" '.notifications == [.notifications[0]] and (.notifications[0] |
     .file == "c:\\data\\ctl.txt" and .major == 3 and .minor == 0 and .pid == $pid and .denied and
     (.image | ascii_downcase) == "c:\\prot\\svc\\nv_test_service.exe")' "$out" >/dev/null || fail "collected: $(cat "$out")"
-hv_run --json notify collect --as nv_ctl_sub
+hv_run --json notify collect
 expect_eq "collected once" "0 0" "$rc $(jq '.notifications | length' "$out")"
 hv_run --json notify unsubscribe "${filter[@]}"
 expect_eq "unsubscribe" "0 true" "$rc $(jq .ok "$out")"
-
 echo "== watch prints an injected denial as it arrives, until Ctrl+C"
 wine "$NV_BIN_DIR/halvernctl.exe" watch --file 'C:\Data\Watch.txt' </dev/null >"$work/watch.txt" 2>"$work/watch.err" &
 watcher=$!
 poll 150 0.2 'grep -q "^watching" "$work/watch.err"'
 grep -q '^watching denied access to C:\\Data\\Watch.txt' "$work/watch.err" || fail "watch did not subscribe: $(cat "$work/watch.err")"
 run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\watch.txt'
-injected=$(date +%s.%N)
-poll 200 0.05 'grep -q denied "$work/watch.txt"'
-shown=$(date +%s.%N)
+# Woken by the subscriber's event; a loaded machine may still take a moment to schedule it.
+poll 100 0.05 'grep -q denied "$work/watch.txt"' || fail "watch printed no denial within 5 s"
 grep -qi "UTC denied c:\\\\data\\\\watch.txt major=3 minor=0 pid=$pid C:\\\\prot\\\\svc\\\\nv_test_service.exe" "$work/watch.txt" ||
     fail "watch output: $(cat "$work/watch.txt")"
-latency=$(awk -v a="$injected" -v b="$shown" 'BEGIN { printf "%.2f", b - a }')
-echo "watch printed the denial $latency s after the injection"
-# Woken by the subscriber's event; a loaded machine may still take a moment to schedule it.
-awk -v l="$latency" 'BEGIN { exit !(l < 5) }' || fail "watch took $latency s"
 kill -INT $watcher
 wait $watcher
 expect_eq "watch ends on Ctrl+C" 0 "$?"
