@@ -1,11 +1,6 @@
-# Shared by the driver installer and setup task tests, after service_prefix.sh: registry values,
-# log lines, service states and the handles installer_probe holds.
+# Shared by the driver installer and setup task tests, after service_prefix.sh (whose reg_value
+# reads registry values): log lines, service states and the handles installer_probe holds.
 
-# reg_value KEY NAME: "TYPE DATA" of a registry value, empty when it is missing
-reg_value() {
-    wine reg query "$1" /v "$2" </dev/null 2>/dev/null | tr -d '\r' |
-        awk -v n="$2" '$1 == n { $1 = ""; sub(/^ +/, ""); gsub(/ {4}/, " "); print; exit }'
-}
 # sc_state NAME: the state the service manager reports (RUNNING ...), empty for no such service
 sc_state() { wine sc query "$1" </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "STATE" { print $4 }'; }
 # logged FILE PATTERN: a line of FILE matches (grep reads to the end, not to fail the pipe).
