@@ -4,7 +4,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <string>
 #include <vector>
@@ -22,11 +21,6 @@ fs::path fresh_dir(const std::string& name) {
     fs::remove_all(dir);
     fs::create_directories(dir);
     return dir;
-}
-
-std::string file_bytes(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
 }
 
 std::vector<std::string> names_in(const fs::path& dir) {
@@ -112,7 +106,7 @@ TEST(restore_folder, holds_the_folder_and_refuses_a_link_swapped_in_before_or_af
                   names_in(source.parent_path()));
         EXPECT_TRUE(fs::exists(archive));
         if (c.restored) {
-            EXPECT_EQ(content, file_bytes(source));
+            EXPECT_EQ(content, nv_test::file_text(source.string()));
         }
     }
 }
