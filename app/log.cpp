@@ -1,6 +1,5 @@
 #include "app/log.h"
 
-#include <cstdarg>
 #include <cstring>
 #include <ctime>
 
@@ -15,6 +14,16 @@
 log_file* g_log = nullptr;
 
 namespace {
+
+// NV_LOG writes to g_log once the program has set it. Registered while this file's statics are
+// initialised: whatever can set g_log links this file, so no log can open without the sink.
+bool log_ready() { return g_log != nullptr; }
+void log_write(const char* text) {
+    log_file* log = g_log;
+    if (log != nullptr) log->write(text);
+}
+const mcl::log_sink g_log_sink = {&log_ready, &log_write};
+const bool g_log_sink_registered = (mcl::set_log_sink(&g_log_sink), true);
 
 struct local_time {
     int year, month, day, hour, minute, second;
@@ -114,21 +123,3 @@ bool log_needs_truncate(const char* path) {
     return static_cast<uint64_t>(st.st_size) > log_file::size_limit;
 #endif
 }
-
-namespace mcl {
-
-void log_at(const char* function, int line, const char* format, ...) {
-    if (g_log == nullptr) return;
-    char text[log_file::text_capacity];
-    int prefix = snprintf(text, sizeof(text), "[%s:%d] - ", function, line);
-    if (prefix < 0) return;
-    if (static_cast<size_t>(prefix) < sizeof(text)) {
-        va_list args;
-        va_start(args, format);
-        vsnprintf(text + prefix, sizeof(text) - static_cast<size_t>(prefix), format, args);
-        va_end(args);
-    }
-    g_log->write(text);
-}
-
-}  // namespace mcl

@@ -1,28 +1,21 @@
 // The process-wide debug log: one plain-text file beside the executable.
 //
 // The program entry opens it once, on the main thread, before any other thread exists, and
-// then sets g_log. Any thread may log afterwards; every entry is written with one formatted
-// write and one flush on the shared stream, whose own lock keeps lines whole.
+// then sets g_log; NV_LOG (mcl/log.h) writes here from then on. Any thread may log afterwards;
+// every entry is written with one formatted write and one flush on the shared stream, whose own
+// lock keeps lines whole.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
 #include <string>
 
-#if defined(__MINGW32__) && defined(__MINGW_PRINTF_FORMAT)
-// MinGW's C++ runtime formats with its own C99 printf (%zu, %llu), so check against that.
-#define NV_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(__MINGW_PRINTF_FORMAT, fmt_index, first_arg)))
-#elif defined(__GNUC__)
-#define NV_PRINTF_FORMAT(fmt_index, first_arg) __attribute__((format(printf, fmt_index, first_arg)))
-#else
-#define NV_PRINTF_FORMAT(fmt_index, first_arg)
-#endif
+#include "mcl/log.h"
 
 class log_file {
 public:
     static constexpr size_t max_path = 260;
     static constexpr uint64_t size_limit = 0x1000000;  // 16 MiB: a larger file starts afresh
-    static constexpr size_t text_capacity = 2048;        // the caller's formatting buffer
 
     log_file() = default;
     log_file(const log_file&) = delete;
@@ -56,14 +49,3 @@ log_file& the_log();
 // Whether a log at `path` should be emptied rather than appended to: missing, unreadable or
 // larger than 16 MiB.
 bool log_needs_truncate(const char* path);
-
-namespace mcl {
-
-// Formats "[function:line] - " and the message into a 2048-byte buffer (longer text is cut)
-// and writes it to g_log. Does nothing while g_log is null.
-void log_at(const char* function, int line, const char* format, ...) NV_PRINTF_FORMAT(3, 4);
-
-}  // namespace mcl
-
-// The call-site pattern: NV_LOG("chelperservice::main", "Service Version: %s", version);
-#define NV_LOG(function, ...) ::mcl::log_at(function, __LINE__, __VA_ARGS__)

@@ -5,9 +5,9 @@
 #include <cstdio>
 #include <utility>
 
-#include "app/log.h"
 #include "client/request_codec.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/service.h"
 #include "service/message_ids.h"
 

@@ -1,8 +1,8 @@
 #include "mcl/mutex.h"
 
-#include "app/log.h"
 #include "mcl/error_text.h"
 #include "mcl/event.h"
+#include "mcl/log.h"
 
 namespace mcl {
 

@@ -1,6 +1,6 @@
 #include "mcl/share_ptr.h"
 
-#include "app/log.h"
+#include "mcl/log.h"
 
 namespace mcl {
 

@@ -2,7 +2,7 @@
 
 #include <exception>
 
-#include "app/log.h"
+#include "mcl/log.h"
 
 namespace mcl {
 

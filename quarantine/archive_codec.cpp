@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "app/log.h"
 #include "mcl/enc/cipher.h"
+#include "mcl/log.h"
 
 namespace {
 

@@ -16,9 +16,9 @@
 #include <unistd.h>
 #endif
 
-#include "app/log.h"
 #include "mcl/endian.h"
 #include "mcl/file.h"
+#include "mcl/log.h"
 
 namespace {
 

@@ -2,8 +2,8 @@
 
 #include <cstdio>
 
-#include "app/log.h"
 #include "mcl/file.h"
+#include "mcl/log.h"
 
 mcl::binary_t compute_sha256(const char* path, mcl::binary_t& scratch) {
     mcl::binary_t digest;

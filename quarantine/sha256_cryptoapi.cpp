@@ -7,7 +7,7 @@
 #include <mutex>
 #include <vector>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/crypto.h"
 
 namespace {

@@ -3,7 +3,7 @@
 
 #include <openssl/evp.h>
 
-#include "app/log.h"
+#include "mcl/log.h"
 
 namespace {
 EVP_MD_CTX* context_of(uintptr_t handle) { return reinterpret_cast<EVP_MD_CTX*>(handle); }

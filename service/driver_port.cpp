@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/os_version.h"
 #include "mcl/encoding.h"
 #include "mcl/mswin/reg.h"

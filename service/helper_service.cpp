@@ -1,7 +1,7 @@
 #include "service/helper_service.h"
 
-#include "app/log.h"
 #include "app/release.h"
+#include "mcl/log.h"
 #include "mcl/mswin/os_version.h"
 #include "service/recovery_code.h"
 

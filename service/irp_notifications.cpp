@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "app/file_info.h"
-#include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"

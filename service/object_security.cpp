@@ -19,9 +19,9 @@
 #include <memory>
 #include <vector>
 
-#include "app/log.h"
 #include "mcl/buffer.h"
 #include "mcl/lock.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"

@@ -1,7 +1,7 @@
 #include "service/quarantine_access.h"
 
-#include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/service.h"
 
 std::string lower_ascii(std::string text) {

@@ -11,8 +11,8 @@
 
 #include <cstring>
 
-#include "app/log.h"
 #include "mcl/file.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"

@@ -2,8 +2,8 @@
 // files action, listings and the is-quarantined query, and the start-up reload.
 #include <windows.h>
 
-#include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"

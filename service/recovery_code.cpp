@@ -7,7 +7,7 @@
 #include <cctype>
 #include <vector>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/crypto.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/recovery_key.h"

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
-#include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"

@@ -2,9 +2,9 @@
 // connection and control messages.
 #include <iterator>
 
-#include "app/log.h"
 #include "app/release.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "service/helper_service.h"
 #include "service/message_ids.h"
 #include "service/request_payloads.h"

@@ -1,6 +1,6 @@
 #include "service/restore_target.h"
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/text.h"
 
 namespace {

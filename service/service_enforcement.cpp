@@ -9,8 +9,8 @@
 #include <map>
 #include <memory>
 
-#include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"

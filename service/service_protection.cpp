@@ -4,8 +4,8 @@
 
 #include <sddl.h>
 
-#include "app/log.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"

@@ -6,7 +6,7 @@
 #include <new>
 #include <vector>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/os_version.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"

@@ -7,10 +7,10 @@
 #include <string>
 #include <vector>
 
-#include "app/log.h"
 #include "app/program.h"
 #include "app/service_commands.h"
 #include "client/invchelper.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"

@@ -1,6 +1,6 @@
 #include "mcl/enc/cipher.h"
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "quarantine/rijndael/rijndael.h"
 
 namespace mcl {

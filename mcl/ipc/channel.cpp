@@ -2,8 +2,8 @@
 
 #include <string>
 
-#include "app/log.h"
 #include "mcl/error_text.h"
+#include "mcl/log.h"
 
 namespace mcl {
 

@@ -1,7 +1,7 @@
 // Registry values, enumeration and removal.
 #include "mcl/mswin/reg.h"
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin::reg {

@@ -5,7 +5,7 @@
 
 #include <vector>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/unique_handle.h"
 

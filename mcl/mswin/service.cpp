@@ -4,7 +4,7 @@
 #include <cstdio>
 #include <exception>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
 

@@ -1,7 +1,7 @@
 // Starting, stopping and querying services by name.
 #include <cstddef>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"

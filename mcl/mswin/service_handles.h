@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {

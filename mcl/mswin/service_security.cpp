@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "app/log.h"
+#include "mcl/log.h"
 #include "mcl/mswin/crypto.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <thread>
 
-#include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/event.h"
+#include "mcl/log.h"
 #include "tools/driver_sim/sim_channel.h"
 
 namespace vqr::sim {

@@ -14,9 +14,9 @@
 #include <cstring>
 #include <string>
 
-#include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/ipc/peer.h"
+#include "mcl/log.h"
 #include "mcl/mswin/service.h"
 
 namespace {
