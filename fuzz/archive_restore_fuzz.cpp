@@ -11,8 +11,8 @@
 #include <cstring>
 #include <vector>
 
-#include "mcl/enc/cipher.h"
 #include "quarantine/archive_codec.h"
+#include "quarantine/cipher.h"
 #include "quarantine/file_archive.h"
 
 namespace {

@@ -3,8 +3,8 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "mcl/enc/cipher.h"
 #include "mcl/log.h"
+#include "quarantine/cipher.h"
 
 namespace {
 

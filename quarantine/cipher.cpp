@@ -1,4 +1,4 @@
-#include "mcl/enc/cipher.h"
+#include "quarantine/cipher.h"
 
 #include "mcl/log.h"
 #include "quarantine/rijndael/rijndael.h"
