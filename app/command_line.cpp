@@ -7,13 +7,13 @@
 
 #include "app/log.h"
 #include "app/program.h"
-#include "app/release.h"
 #include "app/service_commands.h"
+#include "app/setup_tasks.h"
 #include "mcl/mswin/os_version.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
+#include "service/release.h"
 #include "setup/driver_installer.h"
-#include "setup/setup_tasks.h"
 
 using mcl::mswin::unique_kernel_handle;
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
 #include "tools/driver_sim/driver_state.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

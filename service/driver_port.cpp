@@ -6,13 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "mcl/log.h"
-#include "mcl/mswin/os_version.h"
 #include "mcl/encoding.h"
+#include "mcl/log.h"
+#include "mcl/mswin/filter_library.h"
+#include "mcl/mswin/os_version.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
-#include "service/driver_protocol.h"
-#include "service/filter_library.h"
+#include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
 
 namespace {
@@ -107,28 +107,7 @@ private:
 
 }  // namespace
 
-std::wstring chelperservice::driver_error_text(HRESULT hr) {
-    wchar_t text[MAX_PATH] = {};
-    DWORD n = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
-                             static_cast<DWORD>(hr), 0, text, MAX_PATH, nullptr);
-    if (n == 0) {
-        wchar_t dir[MAX_PATH] = {};
-        const UINT len = GetSystemDirectoryW(dir, MAX_PATH);
-        const std::wstring library = std::wstring(dir, len < MAX_PATH ? len : 0) + L"\\fltlib.dll";
-        if (len != 0 && len < MAX_PATH && library.size() <= MAX_PATH) {
-            HMODULE module = LoadLibraryExW(library.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
-            if (module != nullptr) {
-                n = FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS, module,
-                                   static_cast<DWORD>(hr), 0, text, MAX_PATH, nullptr);
-                FreeLibrary(module);
-            }
-        }
-    }
-    if (n == 0) return L"Could not translate error: " + std::to_wstring(static_cast<int>(hr));
-    std::wstring out(text, n);
-    while (!out.empty() && (out.back() == L'\n' || out.back() == L'\r' || out.back() == L' ')) out.pop_back();
-    return out;
-}
+std::wstring chelperservice::driver_error_text(HRESULT hr) { return filter_library::error_text(hr); }
 
 HANDLE chelperservice::connectFilterDriver() {
     const filter_library::entry_points& lib = filter_library::get();

@@ -1,9 +1,9 @@
 #include "service/helper_service.h"
 
-#include "app/release.h"
 #include "mcl/log.h"
 #include "mcl/mswin/os_version.h"
 #include "service/recovery_code.h"
+#include "service/release.h"
 
 chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_name, &handler_), handler_(this) {}
 

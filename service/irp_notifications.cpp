@@ -10,13 +10,13 @@
 #include <string>
 #include <vector>
 
-#include "app/file_info.h"
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/file_info.h"
+#include "mcl/mswin/filter_library.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
-#include "service/filter_library.h"
+#include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
 #include "service/request_payloads.h"
 

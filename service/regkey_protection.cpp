@@ -14,12 +14,12 @@
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/filter_library.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
-#include "service/filter_library.h"
+#include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
 #include "service/regkey_protection.h"
 

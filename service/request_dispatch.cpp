@@ -2,11 +2,11 @@
 // connection and control messages.
 #include <iterator>
 
-#include "app/release.h"
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "protocol/message_ids.h"
 #include "service/helper_service.h"
-#include "service/message_ids.h"
+#include "service/release.h"
 #include "service/request_payloads.h"
 
 namespace {

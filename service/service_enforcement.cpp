@@ -13,7 +13,7 @@
 #include "mcl/log.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
 
 namespace {

@@ -7,13 +7,12 @@
 #include <vector>
 
 #include "mcl/log.h"
+#include "mcl/mswin/filter_library.h"
 #include "mcl/mswin/os_version.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
-#include "service/filter_library.h"
-#include "service/helper_service.h"
+#include "protocol/driver_protocol.h"
 
 namespace driver_installer {
 namespace {
@@ -77,7 +76,7 @@ bool driver_port_responds() {
         return true;
     }
     NV_LOG("install_vqrmonitor", "Could not connect to filter: %d - %ls, reinstall the driver.", static_cast<int>(hr),
-           chelperservice::driver_error_text(hr).c_str());
+           filter_library::error_text(hr).c_str());
     return false;
 }
 
@@ -511,18 +510,4 @@ int install_vqrmonitor(bool force) {
         }
     }
     return result;
-}
-
-// The service's start-up steps that bring the driver up.
-
-void chelperservice::startDriver() {
-    // Neither result is acted on: a driver that cannot be reached leaves the driver steps undone.
-    if (!mcl::mswin::service::is_service_installed(driver_installer::service_name)) (void)install_vqrmonitor(true);
-    (void)mcl::mswin::service::start(driver_installer::service_name);
-}
-
-void chelperservice::logDriverVersion() {
-    if (initDirs() != ok) return;
-    NV_LOG("chelperservice::main", "VQRMonitor Driver Version: %s",
-           GetFileVersionString(current_paths().installed_driver).c_str());
 }

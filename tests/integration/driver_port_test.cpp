@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
 #include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/log_capture.h"

@@ -16,7 +16,7 @@
 
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
 #include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/log_capture.h"
 

@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
 
 namespace vqr::sim {
 

@@ -26,7 +26,7 @@
 
 #include "mcl/encoding.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
 #include "tools/driver_sim/sim_channel.h"
 #include "tools/driver_sim/sim_client.h"
 

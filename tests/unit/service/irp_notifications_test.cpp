@@ -11,9 +11,9 @@
 
 #include "mcl/encoding.h"
 #include "mcl/event.h"
-#include "service/driver_protocol.h"
+#include "protocol/driver_protocol.h"
+#include "protocol/message_ids.h"
 #include "service/helper_service.h"
-#include "service/message_ids.h"
 #include "tests/helpers/irp_client.h"
 #include "tests/helpers/log_capture.h"
 

@@ -1,4 +1,4 @@
-#include "service/filter_library.h"
+#include "mcl/mswin/filter_library.h"
 
 #include <string>
 
@@ -43,6 +43,29 @@ entry_points load_entry_points() {
 const entry_points& get() {
     static const entry_points loaded = load_entry_points();
     return loaded;
+}
+
+std::wstring error_text(HRESULT hr) {
+    wchar_t text[MAX_PATH] = {};
+    DWORD n = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
+                             static_cast<DWORD>(hr), 0, text, MAX_PATH, nullptr);
+    if (n == 0) {
+        wchar_t dir[MAX_PATH] = {};
+        const UINT len = GetSystemDirectoryW(dir, MAX_PATH);
+        const std::wstring library = std::wstring(dir, len < MAX_PATH ? len : 0) + L"\\fltlib.dll";
+        if (len != 0 && len < MAX_PATH && library.size() <= MAX_PATH) {
+            HMODULE module = LoadLibraryExW(library.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
+            if (module != nullptr) {
+                n = FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS, module,
+                                   static_cast<DWORD>(hr), 0, text, MAX_PATH, nullptr);
+                FreeLibrary(module);
+            }
+        }
+    }
+    if (n == 0) return L"Could not translate error: " + std::to_wstring(static_cast<int>(hr));
+    std::wstring out(text, n);
+    while (!out.empty() && (out.back() == L'\n' || out.back() == L'\r' || out.back() == L' ')) out.pop_back();
+    return out;
 }
 
 }  // namespace filter_library

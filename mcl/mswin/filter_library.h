@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include <string>
+
 namespace filter_library {
 
 using connect_fn = HRESULT(WINAPI*)(LPCWSTR port_name, DWORD options, LPCVOID context, WORD context_size,
@@ -31,5 +33,9 @@ struct entry_points {
 
 // Loads the library once per process (thread-safe) and keeps it loaded until the process ends.
 const entry_points& get();
+
+// The text of a Filter Manager or Win32 HRESULT for log lines: the system's message, else the
+// library's own, else "Could not translate error: <code>". Any thread.
+std::wstring error_text(HRESULT hr);
 
 }  // namespace filter_library

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "mcl/endian.h"
-#include "service/driver_hresults.h"
+#include "protocol/driver_hresults.h"
 
 namespace vqr {
 

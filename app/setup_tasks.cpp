@@ -1,5 +1,5 @@
 // The setup tasks: install (fresh or upgrade with rollback), uninstall and folder repair.
-#include "setup/setup_tasks.h"
+#include "app/setup_tasks.h"
 
 #include <sddl.h>
 #include <shlobj.h>
@@ -11,12 +11,12 @@
 #include "app/service_commands.h"
 #include "client/invchelper.h"
 #include "mcl/log.h"
+#include "mcl/mswin/filter_library.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/driver_protocol.h"
-#include "service/filter_library.h"
+#include "protocol/driver_protocol.h"
 #include "service/object_security.h"
 #include "setup/driver_installer.h"
 

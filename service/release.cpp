@@ -1,4 +1,4 @@
-#include "app/release.h"
+#include "service/release.h"
 
 #ifndef NV_RELEASE_USAGE_VERSION
 #define NV_RELEASE_USAGE_VERSION "3.0.45 (Build 1)"

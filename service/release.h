@@ -11,7 +11,7 @@ struct release_identity {
     uint32_t ipc_protocol;       // answered to 0x1000009
 };
 
-// This build's values. Defined in app/release.cpp; an executable built as another release
+// This build's values. Defined in service/release.cpp; an executable built as another release
 // compiles that file itself with the NV_RELEASE_* definitions, which takes precedence over the
 // library's copy.
 const release_identity& this_release();

@@ -1,4 +1,4 @@
-#include "app/file_info.h"
+#include "mcl/mswin/file_info.h"
 
 #include <shellapi.h>
 
