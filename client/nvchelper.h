@@ -23,11 +23,8 @@ public:
     // Messages the service sends on its own: nothing to do with them.
     class agent_msg_handler : public mcl::ipc_msg_handler {
     public:
-        explicit agent_msg_handler(nvchelper* owner) : owner_(owner) {}
+        explicit agent_msg_handler(nvchelper* /*owner*/) {}
         int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t&) override { return 0; }
-
-    private:
-        nvchelper* owner_;
     };
 
     nvchelper();
