@@ -21,7 +21,7 @@ set(CMAKE_FIND_ROOT_PATH_MODE_INCLUDE ONLY)
 
 # clang does not find GCC's C++ library for this target by itself.
 set(nv_cxx ${NV_MINGW_GCC_DIR}/include/c++)
-set(CMAKE_CXX_FLAGS_INIT "-nostdinc++ -isystem ${nv_cxx} -isystem ${nv_cxx}/${MINGW_TRIPLE} -isystem ${nv_cxx}/backward")
+set(CMAKE_CXX_STANDARD_INCLUDE_DIRECTORIES ${nv_cxx} ${nv_cxx}/${MINGW_TRIPLE} ${nv_cxx}/backward)
 # The MinGW linker; -pthread puts winpthread into the static link group, where the static
 # libgcc's thread-local storage needs it.
 set(nv_link "-fuse-ld=bfd -pthread -L${NV_MINGW_GCC_DIR}")
