@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "mcl/mswin/process.h"
+
 namespace filter_library {
 namespace {
 
@@ -12,13 +14,11 @@ Fn lookup(HMODULE module, const char* name) {
 
 entry_points load_entry_points() {
     entry_points e;
-    wchar_t dir[MAX_PATH + 1] = {};
-    const UINT n = GetSystemDirectoryW(dir, MAX_PATH);
-    if (n == 0 || n >= MAX_PATH) {
-        e.load_error = HRESULT_FROM_WIN32(n == 0 ? GetLastError() : ERROR_BUFFER_OVERFLOW);
+    std::wstring path;
+    if (!mcl::mswin::system_directory(path)) {
+        e.load_error = HRESULT_FROM_WIN32(GetLastError());
         return e;
     }
-    std::wstring path(dir, n);
     if (path.back() != L'\\') path += L'\\';
     path += L"fltlib.dll";
     // A full path is never searched for; LOAD_WITH_ALTERED_SEARCH_PATH makes the library's own

@@ -11,8 +11,11 @@
 #include "app/program.h"
 #include "app/service_commands.h"
 #include "client/invchelper.h"
+#include "mcl/mswin/filter_port.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/driver_protocol.h"
@@ -22,7 +25,6 @@
 
 using namespace setup_tasks;
 using mcl::mswin::unique_kernel_handle;
-using mcl::mswin::unique_local;
 using svc = mcl::mswin::service;
 
 namespace {
@@ -421,11 +423,7 @@ bool hvs_repair_folder_permission(const char* folder) {
     constexpr const char* fn = "hvs_repair_folder_permission";
     NV_LOG(fn, "Determine whether folder <%s> permissions need to be repaired.\n", folder);
     const filter_library::entry_points& lib = filter_library::get();
-    HANDLE port = INVALID_HANDLE_VALUE;
-    if (lib.connect != nullptr &&
-        SUCCEEDED(lib.connect(vqr::command_port_name, /*options=*/0, /*context=*/nullptr, /*context_size=*/0,
-                              /*security=*/nullptr, &port))) {
-        unique_kernel_handle owned(port);
+    if (SUCCEEDED(mcl::mswin::connect_filter_port(lib.connect, lib.load_error, vqr::command_port_name).hr)) {
         NV_LOG(fn, "Driver can be loaded, no repair needed. \n");
         return true;
     }
@@ -458,17 +456,11 @@ bool restore_folder_permission(const std::string& folder) {
     if (all) return true;
 
     // Someone else owns a folder and keeps us out: take ownership as Administrators, then again.
-    SID_IDENTIFIER_AUTHORITY nt_authority = SECURITY_NT_AUTHORITY;
-    PSID admins = nullptr;
-    if (!AllocateAndInitializeSid(&nt_authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0,
-                                  0, 0, &admins)) {
+    mcl::mswin::sid admins;
+    if (!mcl::mswin::sid::from_well_known(WinBuiltinAdministratorsSid, admins)) {
         NV_LOG(fn, "AllocateAndInitializeSid (Admin) error %u\n", static_cast<unsigned>(GetLastError()));
         return false;
     }
-    struct sid_owner {
-        PSID sid;
-        ~sid_owner() { FreeSid(sid); }
-    } admins_owner{admins};
     unique_kernel_handle token;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, token.put())) {
         NV_LOG(fn, "OpenProcessToken failed: %u\n", static_cast<unsigned>(GetLastError()));
@@ -480,7 +472,7 @@ bool restore_folder_permission(const std::string& folder) {
     }
     bool result = true;
     for (const std::string& f : repair) {
-        const DWORD err = object_security::current().set_file_owner(mcl::mswin::widen(f), admins);
+        const DWORD err = object_security::current().set_file_owner(mcl::mswin::widen(f), admins.get());
         if (err != ERROR_SUCCESS) {
             NV_LOG(fn, "Could not set owner for <%s>. Error: %u\n", f.c_str(), static_cast<unsigned>(err));
             result = false;
@@ -497,17 +489,13 @@ bool restore_folder_permission(const std::string& folder) {
 bool restoreFolderPermissions(const std::string& folder) {
     constexpr const char* fn = "restoreFolderPermissions";
     NV_LOG(fn, "Restoring permissions of folder (%s)\n", folder.c_str());
-    unique_local descriptor;
-    PSECURITY_DESCRIPTOR raw = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(default_folder_sddl, SDDL_REVISION_1, &raw, nullptr)) {
+    mcl::mswin::security_descriptor descriptor;
+    if (!mcl::mswin::security_descriptor::from_sddl(default_folder_sddl, descriptor)) {
         NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
-    descriptor.reset(raw);
-    BOOL present = FALSE;
-    BOOL defaulted = FALSE;
     PACL dacl = nullptr;
-    if (!GetSecurityDescriptorDacl(raw, &present, &dacl, &defaulted)) {
+    if (!descriptor.get_dacl(&dacl)) {
         NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
