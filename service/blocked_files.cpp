@@ -56,7 +56,7 @@ bool chelperservice::blockFileAccess(const std::string& path, const std::vector<
     if (path.empty()) return false;
     killProcessByPath(path);
     std::vector<mcl::mswin::sid> sids;
-    if (!full_access_sids(fn, "for the blocked file", services, sids)) return false;
+    if (!full_access_service_sids(fn, "for the blocked file", services, sids)) return false;
     const std::wstring wide = mcl::mswin::widen(path);
     // The old DACL goes to the registry before the file's DACL changes (a block of an already
     // blocked file keeps the first one).

@@ -10,7 +10,6 @@
 // service reads what it wrote before. Objects it has no line for are read from Windows.
 #include "service/object_security.h"
 
-#include <sddl.h>
 
 #include <cstdio>
 #include <cstring>
@@ -31,7 +30,6 @@ namespace {
 
 using mcl::mswin::security_descriptor;
 using mcl::mswin::unique_kernel_handle;
-using mcl::mswin::unique_local;
 
 std::string upper(std::string text) {
     for (char& c : text)
@@ -105,13 +103,11 @@ public:
         const std::string object = mcl::mswin::to_utf8(path);
         if (foreign_owner(object) && !privilege_enabled("SeTakeOwnershipPrivilege")) return ERROR_ACCESS_DENIED;
         SECURITY_DESCRIPTOR sd{};
-        unique_local<char*> text;
+        std::string sddl;
         if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
             !SetSecurityDescriptorOwner(&sd, owner, FALSE) ||
-            !ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, OWNER_SECURITY_INFORMATION,
-                                                                  text.put(), nullptr))
+            !mcl::mswin::descriptor_to_sddl(&sd, OWNER_SECURITY_INFORMATION, sddl))
             return ERROR_INVALID_OWNER;
-        const std::string sddl = text.get();
         return append("owner", object, sddl, "") ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
     }
     DWORD get_service_dacl(const std::string& name, security_descriptor& descriptor) override {
@@ -175,14 +171,12 @@ private:
 
     bool record(const char* kind, const std::string& object, PACL dacl, bool protect) {
         SECURITY_DESCRIPTOR sd{};
-        unique_local<char*> text;
+        std::string sddl;
         if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
             !SetSecurityDescriptorDacl(&sd, TRUE, dacl, FALSE) ||
             !SetSecurityDescriptorControl(&sd, SE_DACL_PROTECTED, protect ? SE_DACL_PROTECTED : 0) ||
-            !ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                                  text.put(), nullptr))
+            !mcl::mswin::descriptor_to_sddl(&sd, DACL_SECURITY_INFORMATION, sddl))
             return false;
-        const std::string sddl = text.get();
         return append(kind, object, sddl, ace_list(dacl));
     }
 
@@ -228,6 +222,22 @@ DWORD object_security::get_file_dacl(const std::wstring& path, security_descript
 
 DWORD object_security::set_file_dacl(const std::wstring& path, PACL dacl, bool protect) {
     return security_descriptor::write_file_dacl(path, dacl, protect);
+}
+
+bool object_security::set_file_sddl(const char* fn, const std::wstring& path, const char* sddl, DWORD& err) {
+    err = ERROR_SUCCESS;
+    security_descriptor descriptor;
+    if (!security_descriptor::from_sddl(sddl, descriptor)) {
+        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    PACL dacl = nullptr;
+    if (!descriptor.get_dacl(&dacl)) {
+        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    err = set_file_dacl(path, dacl, /*protect=*/false);
+    return err == ERROR_SUCCESS;
 }
 
 DWORD object_security::set_file_owner(const std::wstring& path, PSID owner) {

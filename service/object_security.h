@@ -29,6 +29,10 @@ public:
     // SetNamedSecurityInfoW with the DACL, marked protected (nothing inherited from the parent) or
     // unprotected (the parent's inheritable ACEs apply again). The Win32 code.
     virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect);
+    // The DACL of an SDDL text written with set_file_dacl, unprotected. A text that does not
+    // convert is logged under `fn` and gives false with `err` ERROR_SUCCESS; a refused write gives
+    // false with its Win32 code in `err`, for the caller's line.
+    bool set_file_sddl(const char* fn, const std::wstring& path, const char* sddl, DWORD& err);
     // SetNamedSecurityInfoW with the owner of a file or folder. The Win32 code.
     virtual DWORD set_file_owner(const std::wstring& path, PSID owner);
     // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE), as get_file_dacl.

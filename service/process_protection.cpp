@@ -144,22 +144,10 @@ bool chelperservice::setPathPermissions(const std::wstring& path, const std::vec
 bool chelperservice::restorePathPermissions(const std::wstring& path, const char* sddl) {
     constexpr const char* fn = "chelperservice::restorePathPermissions";
     NV_LOG(fn, "Restoring permissions of folder (%ls)\n", path.c_str());
-    security_descriptor descriptor;
-    if (!security_descriptor::from_sddl(sddl, descriptor)) {
-        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    PACL dacl = nullptr;
-    if (!descriptor.get_dacl(&dacl)) {
-        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    const DWORD err = object_security::current().set_file_dacl(path, dacl, /*protect=*/false);
-    if (err != ERROR_SUCCESS) {
-        NV_LOG(fn, "SetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
-        return false;
-    }
-    return true;
+    DWORD err = ERROR_SUCCESS;
+    if (object_security::current().set_file_sddl(fn, path, sddl, err)) return true;
+    if (err != ERROR_SUCCESS) NV_LOG(fn, "SetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
+    return false;
 }
 
 bool chelperservice::unprotectProcess(const process_record& record, bool force) {

@@ -13,7 +13,7 @@ bool read_lowered_path(mcl::binary_t& payload, std::string& path) {
     return decoded && !path.empty();
 }
 
-bool full_access_sids(const char* fn, const char* target, const std::vector<std::string>& services,
+bool full_access_service_sids(const char* fn, const char* target, const std::vector<std::string>& services,
                       std::vector<mcl::mswin::sid>& sids) {
     sids.clear();
     mcl::mswin::sid own;

@@ -15,5 +15,5 @@ bool read_lowered_path(mcl::binary_t& payload, std::string& path);
 // The service SIDs that get full access: the own service's SID first, then the SID of each of
 // `services` that has one; a name without one is logged (as from `fn`, with `target` saying what
 // it was for) and skipped. False (logged) when the own SID is missing.
-bool full_access_sids(const char* fn, const char* target, const std::vector<std::string>& services,
+bool full_access_service_sids(const char* fn, const char* target, const std::vector<std::string>& services,
                       std::vector<mcl::mswin::sid>& sids);

@@ -50,7 +50,7 @@ bool chelperservice::createQuarantineContainer(const std::string& path, const st
         return false;
     }
     std::vector<mcl::mswin::sid> sids;
-    if (!full_access_sids(fn, "to the quarantine container", services, sids)) return false;
+    if (!full_access_service_sids(fn, "to the quarantine container", services, sids)) return false;
     const std::wstring folder = folder_of(path);
     (void)restorePathPermissions(folder, default_folder_sddl);
     if (!setPathPermissions(folder, sids, nullptr, /*denyOthers=*/true)) return false;

@@ -13,7 +13,6 @@
 #include "client/invchelper.h"
 #include "mcl/mswin/filter_port.h"
 #include "mcl/mswin/reg.h"
-#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/sid.h"
 #include "mcl/mswin/text.h"
@@ -489,22 +488,10 @@ bool restore_folder_permission(const std::string& folder) {
 bool restoreFolderPermissions(const std::string& folder) {
     constexpr const char* fn = "restoreFolderPermissions";
     NV_LOG(fn, "Restoring permissions of folder (%s)\n", folder.c_str());
-    mcl::mswin::security_descriptor descriptor;
-    if (!mcl::mswin::security_descriptor::from_sddl(default_folder_sddl, descriptor)) {
-        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    PACL dacl = nullptr;
-    if (!descriptor.get_dacl(&dacl)) {
-        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(folder), dacl, /*protect=*/false);
-    if (err != ERROR_SUCCESS) {
-        NV_LOG(fn, "SetNamedSecurityInfo failed(%s, %d)\n", folder.c_str(), static_cast<int>(err));
-        return false;
-    }
-    return true;
+    DWORD err = ERROR_SUCCESS;
+    if (object_security::current().set_file_sddl(fn, mcl::mswin::widen(folder), default_folder_sddl, err)) return true;
+    if (err != ERROR_SUCCESS) NV_LOG(fn, "SetNamedSecurityInfo failed(%s, %d)\n", folder.c_str(), static_cast<int>(err));
+    return false;
 }
 
 bool SetPrivilege(HANDLE token, bool enable) {

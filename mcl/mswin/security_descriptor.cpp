@@ -21,9 +21,9 @@ bool security_descriptor::from_sddl(const char* sddl, security_descriptor& out) 
     return true;
 }
 
-bool security_descriptor::to_sddl(SECURITY_INFORMATION parts, std::string& out) const {
+bool descriptor_to_sddl(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts, std::string& out) {
     unique_local<char*> text;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(get(), SDDL_REVISION_1, parts, text.put(), nullptr))
+    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor, SDDL_REVISION_1, parts, text.put(), nullptr))
         return false;
     out = text.get();
     return true;

@@ -10,6 +10,11 @@
 
 namespace mcl::mswin {
 
+// ConvertSecurityDescriptorToStringSecurityDescriptorA (revision 1) of the `parts` of any
+// descriptor, an absolute one built around a DACL included. False with GetLastError() set by the
+// conversion; `out` is then untouched.
+[[nodiscard]] bool descriptor_to_sddl(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts, std::string& out);
+
 class security_descriptor {
 public:
     // An empty value: get() is null.
@@ -21,9 +26,10 @@ public:
     // ConvertStringSecurityDescriptorToSecurityDescriptorA (revision 1). False with GetLastError()
     // set by the conversion; `out` is then empty.
     [[nodiscard]] static bool from_sddl(const char* sddl, security_descriptor& out);
-    // ConvertSecurityDescriptorToStringSecurityDescriptorA of the `parts` (revision 1). False with
-    // GetLastError() set by the conversion; `out` is then untouched.
-    [[nodiscard]] bool to_sddl(SECURITY_INFORMATION parts, std::string& out) const;
+    // descriptor_to_sddl of this value.
+    [[nodiscard]] bool to_sddl(SECURITY_INFORMATION parts, std::string& out) const {
+        return descriptor_to_sddl(get(), parts, out);
+    }
     // The DACL part as SDDL, or empty when it cannot be converted.
     std::string dacl_sddl() const;
 

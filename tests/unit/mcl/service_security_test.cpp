@@ -1,7 +1,5 @@
 #include <windows.h>
 
-#include <sddl.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
@@ -26,11 +24,8 @@ std::string acl_sddl(PACL acl) {
     SECURITY_DESCRIPTOR sd{};
     InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
     SetSecurityDescriptorDacl(&sd, TRUE, acl, FALSE);
-    mcl::mswin::unique_local<char*> text;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                              text.put(), nullptr))
-        return "?";
-    return text.get();
+    std::string text;
+    return mcl::mswin::descriptor_to_sddl(&sd, DACL_SECURITY_INFORMATION, text) ? text : "?";
 }
 
 // Whether the process token holds the privilege enabled.
