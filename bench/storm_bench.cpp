@@ -32,9 +32,9 @@
 
 #include "mcl/encoding.h"
 #include "mcl/ipc/frame.h"
-#include "mcl/mswin/process.h"
 #include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
 #include "service/message_ids.h"
 #include "tests/helpers/raw_client.h"
 

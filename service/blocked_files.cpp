@@ -6,7 +6,6 @@
 #include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/mswin/reg.h"
-#include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/helper_service.h"

@@ -2,7 +2,7 @@
 
 #include "app/log.h"
 #include "mcl/encoding.h"
-#include "mcl/mswin/process.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/service.h"
 
 bool read_lowered_path(mcl::binary_t& payload, std::string& path) {

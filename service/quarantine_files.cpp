@@ -14,7 +14,6 @@
 #include "app/log.h"
 #include "mcl/file.h"
 #include "mcl/mswin/reg.h"
-#include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "quarantine/file_archive.h"

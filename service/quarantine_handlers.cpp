@@ -5,7 +5,6 @@
 #include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/mswin/reg.h"
-#include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
 #include "service/quarantine_access.h"

@@ -8,7 +8,7 @@
 
 #include "app/log.h"
 #include "mcl/mswin/crypto.h"
-#include "mcl/mswin/process.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/recovery_key.h"
 

@@ -13,7 +13,6 @@
 
 #include "app/log.h"
 #include "mcl/encoding.h"
-#include "mcl/mswin/process.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"

@@ -1,6 +1,5 @@
 #include "mcl/mswin/process.h"
 
-#include <cwctype>
 #include <vector>
 
 #include "mcl/mswin/unique_handle.h"
@@ -44,24 +43,5 @@ bool read_system_directory(std::basic_string<Char>& directory) {
 
 bool system_directory(std::string& directory) { return read_system_directory(directory); }
 bool system_directory(std::wstring& directory) { return read_system_directory(directory); }
-
-namespace {
-
-template <typename Char>
-std::basic_string<Char> lower_ascii(std::basic_string<Char> text) {
-    for (Char& c : text)
-        if (c >= Char('A') && c <= Char('Z')) c = static_cast<Char>(c - Char('A') + Char('a'));
-    return text;
-}
-
-}  // namespace
-
-std::string lower_case(std::string text) { return lower_ascii(std::move(text)); }
-std::wstring lower_case(std::wstring text) { return lower_ascii(std::move(text)); }
-
-std::wstring lower_case_towlower(std::wstring text) {
-    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(c));
-    return text;
-}
 
 }  // namespace mcl::mswin

@@ -1,5 +1,5 @@
-// Facts about processes and the system that several parts look up: a process's image path and
-// the system directory. Any thread.
+// What several parts look up about processes and the system: a process's image path and the
+// system directory. Any thread.
 #pragma once
 
 #include <windows.h>
@@ -20,11 +20,5 @@ std::string process_image(DWORD pid, DWORD capacity = MAX_PATH);
 [[nodiscard]] bool system_directory(std::string& directory);
 [[nodiscard]] bool system_directory(std::wstring& directory);
 
-// A to Z lowered and nothing else (what the C locale's tolower does), narrow or wide: names
-// compared without case that must not change with the user's code page.
-std::string lower_case(std::string text);
-std::wstring lower_case(std::wstring text);
-// Wide text lowered by the C runtime's towlower, as device paths are matched.
-std::wstring lower_case_towlower(std::wstring text);
 
 }  // namespace mcl::mswin

@@ -14,7 +14,7 @@
 
 #include "mcl/encoding.h"
 #include "mcl/event.h"
-#include "mcl/mswin/process.h"
+#include "mcl/mswin/text.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/raw_client.h"
 
