@@ -1,7 +1,6 @@
 // The setup tasks: install (fresh or upgrade with rollback), uninstall and folder repair.
 #include "app/setup_tasks.h"
 
-#include <sddl.h>
 #include <shlobj.h>
 
 #include <string>
@@ -12,8 +11,10 @@
 #include "client/invchelper.h"
 #include "mcl/log.h"
 #include "mcl/mswin/filter_library.h"
+#include "mcl/mswin/filter_port.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
@@ -22,7 +23,6 @@
 
 using namespace setup_tasks;
 using mcl::mswin::unique_kernel_handle;
-using mcl::mswin::unique_local;
 using svc = mcl::mswin::service;
 
 namespace {
@@ -421,11 +421,7 @@ bool hvs_repair_folder_permission(const char* folder) {
     constexpr const char* fn = "hvs_repair_folder_permission";
     NV_LOG(fn, "Determine whether folder <%s> permissions need to be repaired.\n", folder);
     const filter_library::entry_points& lib = filter_library::get();
-    HANDLE port = INVALID_HANDLE_VALUE;
-    if (lib.connect != nullptr &&
-        SUCCEEDED(lib.connect(vqr::command_port_name, /*options=*/0, /*context=*/nullptr, /*context_size=*/0,
-                              /*security=*/nullptr, &port))) {
-        unique_kernel_handle owned(port);
+    if (SUCCEEDED(mcl::mswin::connect_filter_port(lib.connect, lib.load_error, vqr::command_port_name).hr)) {
         NV_LOG(fn, "Driver can be loaded, no repair needed. \n");
         return true;
     }
@@ -458,17 +454,11 @@ bool restore_folder_permission(const std::string& folder) {
     if (all) return true;
 
     // Someone else owns a folder and keeps us out: take ownership as Administrators, then again.
-    SID_IDENTIFIER_AUTHORITY nt_authority = SECURITY_NT_AUTHORITY;
-    PSID admins = nullptr;
-    if (!AllocateAndInitializeSid(&nt_authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0,
-                                  0, 0, &admins)) {
+    mcl::mswin::sid admins;
+    if (!mcl::mswin::sid::from_well_known(WinBuiltinAdministratorsSid, admins)) {
         NV_LOG(fn, "AllocateAndInitializeSid (Admin) error %u\n", static_cast<unsigned>(GetLastError()));
         return false;
     }
-    struct sid_owner {
-        PSID sid;
-        ~sid_owner() { FreeSid(sid); }
-    } admins_owner{admins};
     unique_kernel_handle token;
     if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES, token.put())) {
         NV_LOG(fn, "OpenProcessToken failed: %u\n", static_cast<unsigned>(GetLastError()));
@@ -480,7 +470,7 @@ bool restore_folder_permission(const std::string& folder) {
     }
     bool result = true;
     for (const std::string& f : repair) {
-        const DWORD err = object_security::current().set_file_owner(mcl::mswin::widen(f), admins);
+        const DWORD err = object_security::current().set_file_owner(mcl::mswin::widen(f), admins.get());
         if (err != ERROR_SUCCESS) {
             NV_LOG(fn, "Could not set owner for <%s>. Error: %u\n", f.c_str(), static_cast<unsigned>(err));
             result = false;
@@ -497,26 +487,10 @@ bool restore_folder_permission(const std::string& folder) {
 bool restoreFolderPermissions(const std::string& folder) {
     constexpr const char* fn = "restoreFolderPermissions";
     NV_LOG(fn, "Restoring permissions of folder (%s)\n", folder.c_str());
-    unique_local descriptor;
-    PSECURITY_DESCRIPTOR raw = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(default_folder_sddl, SDDL_REVISION_1, &raw, nullptr)) {
-        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    descriptor.reset(raw);
-    BOOL present = FALSE;
-    BOOL defaulted = FALSE;
-    PACL dacl = nullptr;
-    if (!GetSecurityDescriptorDacl(raw, &present, &dacl, &defaulted)) {
-        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(folder), dacl, /*protect=*/false);
-    if (err != ERROR_SUCCESS) {
-        NV_LOG(fn, "SetNamedSecurityInfo failed(%s, %d)\n", folder.c_str(), static_cast<int>(err));
-        return false;
-    }
-    return true;
+    DWORD err = ERROR_SUCCESS;
+    if (object_security::current().set_file_sddl(fn, mcl::mswin::widen(folder), default_folder_sddl, err)) return true;
+    if (err != ERROR_SUCCESS) NV_LOG(fn, "SetNamedSecurityInfo failed(%s, %d)\n", folder.c_str(), static_cast<int>(err));
+    return false;
 }
 
 bool SetPrivilege(HANDLE token, bool enable) {

@@ -16,7 +16,6 @@
 #include <windows.h>
 
 #include <psapi.h>
-#include <sddl.h>
 #include <winternl.h>
 
 #include <atomic>
@@ -33,7 +32,9 @@
 
 #include "mcl/encoding.h"
 #include "mcl/ipc/frame.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
 #include "protocol/message_ids.h"
 #include "tests/helpers/raw_client.h"
 
@@ -122,11 +123,6 @@ private:
 
 bool status_ok(const mcl::binary_t& reply) { return reply.size() >= 1 && reply.data()[0] == 1; }
 
-std::string lowered(std::string s) {
-    for (char& ch : s) ch = static_cast<char>(tolower(static_cast<unsigned char>(ch)));
-    return s;
-}
-
 mcl::binary_t quarantine_payload(uint32_t action, const std::string& path) {
     mcl::binary_t p;
     mcl::write_u32(p, action);
@@ -149,7 +145,7 @@ bool list_archives(client_conn& conn, std::map<std::string, std::string>& archiv
         std::string name;
         std::string original;
         if (!mcl::read_string(name, reply, pos) || !mcl::read_string(original, reply, pos)) return false;
-        archives[lowered(original)] = std::string(storm_container) + "\\" + name;
+        archives[mcl::mswin::lower_case(original)] = std::string(storm_container) + "\\" + name;
     }
     return true;
 }
@@ -172,7 +168,7 @@ bool quarantine_or_restore(client_conn& conn, int client, int file, std::string&
     if (archive.empty()) {  // archived by an earlier run, or the reply was lost
         std::map<std::string, std::string> archives;
         if (!list_archives(conn, archives)) return false;
-        const auto found = archives.find(lowered(path));
+        const auto found = archives.find(mcl::mswin::lower_case(path));
         if (found == archives.end()) return true;
         archive = found->second;
     }
@@ -440,7 +436,7 @@ std::set<std::string> value_names(const char* key) {
 }
 
 // The persisted record name of a storm key: two backslashes, the decimal root, a backslash, the lowered path.
-std::string record_name(int client) { return "\\\\" + std::to_string(hklm) + "\\" + lowered(storm_key(client)); }
+std::string record_name(int client) { return "\\\\" + std::to_string(hklm) + "\\" + mcl::mswin::lower_case(storm_key(client)); }
 
 int failures = 0;
 void check(bool ok, const std::string& what) {
@@ -475,16 +471,8 @@ void check_every_request_answers() {
 }
 
 std::string dacl_sddl(HKEY k) {
-    std::vector<char> sd(4096);
-    DWORD n = static_cast<DWORD>(sd.size());
-    if (RegGetKeySecurity(k, DACL_SECURITY_INFORMATION, sd.data(), &n) != ERROR_SUCCESS) return {};
-    char* text = nullptr;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                              &text, nullptr))
-        return {};
-    std::string out(text);
-    LocalFree(text);
-    return out;
+    mcl::mswin::security_descriptor sd;
+    return sd.read_key_dacl(k) == ERROR_SUCCESS ? sd.dacl_sddl() : std::string();
 }
 
 // Every storm key whose DACL differs from the one it was made with has its record with the
@@ -589,7 +577,7 @@ int check_files(int clients) {
         ++round;
         std::vector<std::pair<int, int>> neither;
         for (const auto& f : pending) {
-            if (archives.count(lowered(storm_file(f.first, f.second))) != 0)
+            if (archives.count(mcl::mswin::lower_case(storm_file(f.first, f.second))) != 0)
                 ++archived;
             else if (!holds_bytes(storm_file(f.first, f.second), storm_file_bytes(f.first, f.second)))
                 neither.push_back(f);

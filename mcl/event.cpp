@@ -2,14 +2,12 @@
 
 namespace mcl {
 
-void* make_null_dacl_descriptor() {
-    void* sd = LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH);
-    if (sd == nullptr) return nullptr;
-    if (!InitializeSecurityDescriptor(sd, SECURITY_DESCRIPTOR_REVISION) ||
-        !SetSecurityDescriptorDacl(sd, TRUE, nullptr, FALSE)) {
-        LocalFree(sd);
-        return nullptr;
-    }
+mswin::unique_local<PSECURITY_DESCRIPTOR> make_null_dacl_descriptor() {
+    mswin::unique_local<PSECURITY_DESCRIPTOR> sd(LocalAlloc(LPTR, SECURITY_DESCRIPTOR_MIN_LENGTH));
+    if (!sd) return sd;
+    if (!InitializeSecurityDescriptor(sd.get(), SECURITY_DESCRIPTOR_REVISION) ||
+        !SetSecurityDescriptorDacl(sd.get(), TRUE, nullptr, FALSE))
+        sd.reset();
     return sd;
 }
 
@@ -22,11 +20,10 @@ bool event::create_unnamed(bool manual_reset, bool initially_set) {
 
 int event::create(const char* name) {
     if (handle_ != nullptr) return -1;
-    if (security_ != nullptr) LocalFree(security_);
     security_ = make_null_dacl_descriptor();
-    if (security_ == nullptr) return -1;
+    if (!security_) return -1;
     attributes_.nLength = sizeof(attributes_);
-    attributes_.lpSecurityDescriptor = security_;
+    attributes_.lpSecurityDescriptor = security_.get();
     attributes_.bInheritHandle = FALSE;
     handle_ = CreateEventA(&attributes_, TRUE, FALSE, name);
     const DWORD err = GetLastError();
@@ -45,10 +42,7 @@ void event::close() {
     if (handle_ != nullptr && !not_owned_) CloseHandle(handle_);
     handle_ = nullptr;
     not_owned_ = false;
-    if (security_ != nullptr) {
-        LocalFree(security_);
-        security_ = nullptr;
-    }
+    security_.reset();
 }
 
 }  // namespace mcl

@@ -4,6 +4,8 @@
 
 #include <windows.h>
 
+#include "mcl/mswin/unique_handle.h"
+
 namespace mcl {
 
 class event {
@@ -32,12 +34,12 @@ public:
 private:
     HANDLE handle_ = nullptr;
     bool not_owned_ = false;
-    void* security_ = nullptr;  // LocalAlloc'd descriptor for named creation
+    mswin::unique_local<PSECURITY_DESCRIPTOR> security_;  // for named creation
     SECURITY_ATTRIBUTES attributes_{};
 };
 
 // Builds a security descriptor whose DACL is present and NULL (everyone has full access).
 // Returns LocalAlloc memory, or null on failure.
-void* make_null_dacl_descriptor();
+mswin::unique_local<PSECURITY_DESCRIPTOR> make_null_dacl_descriptor();
 
 }  // namespace mcl

@@ -15,10 +15,7 @@ void mutex::close() {
     if (handle_ != nullptr && !imported_) CloseHandle(handle_);
     handle_ = nullptr;
     acquired_ = false;
-    if (security_ != nullptr) {
-        LocalFree(security_);
-        security_ = nullptr;
-    }
+    security_.reset();
 }
 
 int mutex::create(const char* name, const bool* inherit) {
@@ -32,14 +29,13 @@ int mutex::create(const char* name, const bool* inherit) {
     }
     SECURITY_ATTRIBUTES* sa = nullptr;
     if (inherit != nullptr) {
-        if (security_ != nullptr) LocalFree(security_);
         security_ = make_null_dacl_descriptor();
-        if (security_ == nullptr) {
+        if (!security_) {
             NV_LOG("mcl::mutex::create", "Failed to create security descriptor");
             return -1;
         }
         attributes_.nLength = sizeof(attributes_);
-        attributes_.lpSecurityDescriptor = security_;
+        attributes_.lpSecurityDescriptor = security_.get();
         attributes_.bInheritHandle = *inherit ? TRUE : FALSE;
         sa = &attributes_;
     }

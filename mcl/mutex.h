@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include "mcl/lock.h"
+#include "mcl/mswin/unique_handle.h"
 
 namespace mcl {
 
@@ -35,7 +36,7 @@ private:
     bool imported_ = false;
     bool acquired_ = false;
     HANDLE handle_ = nullptr;
-    void* security_ = nullptr;
+    mswin::unique_local<PSECURITY_DESCRIPTOR> security_;
     SECURITY_ATTRIBUTES attributes_{};
 };
 

@@ -3,8 +3,6 @@
 // before the file's DACL changes, so an unblock after a restart still gives it back.
 #include <windows.h>
 
-#include <sddl.h>
-
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
@@ -16,23 +14,15 @@
 
 namespace {
 
-using mcl::mswin::unique_local;
 using mcl::mswin::unique_reg_key;
 
 constexpr const char* already_quarantined = "The file has already been quarantined.";
 
 // The file's DACL as SDDL text; empty when it cannot be read.
 std::string current_sddl(const std::wstring& path) {
-    PACL dacl = nullptr;
-    unique_local descriptor;
-    if (object_security::current().get_file_dacl(path, &dacl, descriptor.put()) != ERROR_SUCCESS) return {};
-    char* text = nullptr;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor.get(), SDDL_REVISION_1,
-                                                              DACL_SECURITY_INFORMATION, &text, nullptr))
-        return {};
-    std::string sddl = text;
-    LocalFree(text);
-    return sddl;
+    mcl::mswin::security_descriptor descriptor;
+    if (object_security::current().get_file_dacl(path, descriptor) != ERROR_SUCCESS) return {};
+    return descriptor.dacl_sddl();
 }
 
 }  // namespace
@@ -64,16 +54,15 @@ bool chelperservice::blockFileAccess(const std::string& path, const std::vector<
     constexpr const char* fn = "chelperservice::blockFileAccess";
     if (path.empty()) return false;
     killProcessByPath(path);
-    full_access_sids list;
-    if (!list.build(fn, "for the blocked file", services)) return false;
+    std::vector<mcl::mswin::sid> sids;
+    if (!full_access_service_sids(fn, "for the blocked file", services, sids)) return false;
     const std::wstring wide = mcl::mswin::widen(path);
     // The old DACL goes to the registry before the file's DACL changes (a block of an already
     // blocked file keeps the first one).
     const bool recorded_before = blocked_files_.count(path) != 0;
     if (!recorded_before) (void)mcl::mswin::reg::write_string(blocked_files_key, path.c_str(), current_sddl(wide));
-    char* previous = nullptr;
-    if (!setPathPermissions(wide, list.sids(), &previous, /*denyOthers=*/true)) {
-        if (previous != nullptr) LocalFree(previous);
+    std::string previous;
+    if (!setPathPermissions(wide, sids, &previous, /*denyOthers=*/true)) {
         if (!recorded_before) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, blocked_files_key, path.c_str());
         return false;
     }
@@ -82,11 +71,9 @@ bool chelperservice::blockFileAccess(const std::string& path, const std::vector<
         if (port) drvProtectFolder(port.get(), wide, /*remove=*/false, /*block=*/true);
     }
     if (!recorded_before) {
-        const std::string text = previous != nullptr ? previous : "";
-        blocked_files_.emplace(path, text);
-        (void)mcl::mswin::reg::write_string(blocked_files_key, path.c_str(), text);
+        blocked_files_.emplace(path, previous);
+        (void)mcl::mswin::reg::write_string(blocked_files_key, path.c_str(), previous);
     }
-    if (previous != nullptr) LocalFree(previous);
     return true;
 }
 
@@ -144,7 +131,7 @@ void chelperservice::block_files_access(mcl::ipc_connection*, mcl::binary_t& pay
     }
     std::string failed;
     for (const std::string& raw : paths) {
-        const std::string path = lower_ascii(raw);
+        const std::string path = mcl::mswin::lower_case(raw);
         bool ok = true;
         if (action == 0) {
             if (!is_quarantined_file(path)) ok = blockFileAccess(path, services);

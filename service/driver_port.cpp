@@ -9,7 +9,10 @@
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/filter_library.h"
+#include "mcl/mswin/filter_port.h"
 #include "mcl/mswin/os_version.h"
+#include "mcl/mswin/privilege.h"
+#include "mcl/mswin/process.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "protocol/driver_protocol.h"
@@ -73,36 +76,17 @@ bool device_form(const std::basic_string<Char>& path, std::basic_string<Char>& v
 // service's token holds it disabled. Enabled for the call and put back as it was afterwards.
 class load_driver_privilege {
 public:
-    load_driver_privilege() {
-        HANDLE token = nullptr;
-        if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) {
-            NV_LOG("chelperservice::load_driver_privilege", "OpenProcessToken error: %d", static_cast<int>(GetLastError()));
-            return;
-        }
-        token_.reset(token);
-        TOKEN_PRIVILEGES want{};
-        want.PrivilegeCount = 1;
-        want.Privileges[0].Attributes = SE_PRIVILEGE_ENABLED;
-        if (!LookupPrivilegeValueW(nullptr, L"SeLoadDriverPrivilege", &want.Privileges[0].Luid)) return;
-        DWORD size = sizeof(previous_);
-        if (!AdjustTokenPrivileges(token_.get(), FALSE, &want, sizeof(want), &previous_, &size) ||
-            GetLastError() == ERROR_NOT_ALL_ASSIGNED) {
-            NV_LOG("chelperservice::load_driver_privilege", "Could not enable SeLoadDriverPrivilege: %d",
-                   static_cast<int>(GetLastError()));
-            return;
-        }
-        adjusted_ = true;
+    load_driver_privilege() : privilege_(SE_LOAD_DRIVER_NAME) {
+        constexpr const char* fn = "chelperservice::load_driver_privilege";
+        using state = mcl::mswin::scoped_privilege::state;
+        if (privilege_.result() == state::no_token)
+            NV_LOG(fn, "OpenProcessToken error: %d", static_cast<int>(privilege_.error()));
+        else if (privilege_.result() == state::not_switched)
+            NV_LOG(fn, "Could not enable SeLoadDriverPrivilege: %d", static_cast<int>(privilege_.error()));
     }
-    ~load_driver_privilege() {
-        if (adjusted_) AdjustTokenPrivileges(token_.get(), FALSE, &previous_, 0, nullptr, nullptr);
-    }
-    load_driver_privilege(const load_driver_privilege&) = delete;
-    load_driver_privilege& operator=(const load_driver_privilege&) = delete;
 
 private:
-    mcl::mswin::unique_kernel_handle token_;
-    TOKEN_PRIVILEGES previous_{};
-    bool adjusted_ = false;
+    mcl::mswin::scoped_privilege privilege_;
 };
 
 }  // namespace
@@ -111,16 +95,13 @@ std::wstring chelperservice::driver_error_text(HRESULT hr) { return filter_libra
 
 HANDLE chelperservice::connectFilterDriver() {
     const filter_library::entry_points& lib = filter_library::get();
-    HANDLE port = INVALID_HANDLE_VALUE;
-    HRESULT hr = lib.load_error;
-    if (lib.connect == nullptr && SUCCEEDED(hr)) hr = missing_export();
-    if (lib.connect != nullptr) hr = lib.connect(vqr::command_port_name, 0, nullptr, 0, nullptr, &port);
-    if (FAILED(hr)) {
-        NV_LOG("chelperservice::connectFilterDriver", "Could not connect to filter: %d - %ls", static_cast<int>(hr),
-               driver_error_text(hr).c_str());
+    mcl::mswin::filter_port port = mcl::mswin::connect_filter_port(lib.connect, lib.load_error, vqr::command_port_name);
+    if (FAILED(port.hr)) {
+        NV_LOG("chelperservice::connectFilterDriver", "Could not connect to filter: %d - %ls", static_cast<int>(port.hr),
+               driver_error_text(port.hr).c_str());
         return INVALID_HANDLE_VALUE;
     }
-    return port;
+    return port.handle.release();
 }
 
 chelperservice::driver_port chelperservice::openDriverPort() { return driver_port(connectFilterDriver()); }
@@ -128,6 +109,12 @@ chelperservice::driver_port chelperservice::openDriverPort() { return driver_por
 void chelperservice::drvEnableFeature(HANDLE port, uint32_t feature, bool on) {
     std::vector<uint8_t> message = vqr::build_feature(feature, on);
     send_message(port, message, "chelperservice::drvEnableFeature");
+}
+
+void chelperservice::drvEnableProtectionFeatures(HANDLE port, bool processes, bool registry) {
+    drvEnableFeature(port, vqr::code::feature_process_protection, processes);
+    drvEnableFeature(port, vqr::code::feature_folder_protection, processes);
+    drvEnableFeature(port, vqr::code::feature_registry_protection, registry);
 }
 
 void chelperservice::drvSkipProcessFirstSvcMgrOpen(HANDLE port) {
@@ -205,15 +192,14 @@ void chelperservice::setSvcMgrPath2Driver(const std::string& path) {
 
 void chelperservice::loadTrustedOpenApps() {
     constexpr const char* fn = "chelperservice::loadTrustedOpenApps";
-    char system_dir[MAX_PATH + 1] = {};
-    const UINT n = GetSystemDirectoryA(system_dir, sizeof(system_dir));
-    if (n == 0 || n >= sizeof(system_dir)) {
-        NV_LOG(fn, "Failed to get system folder, error: %d", static_cast<int>(n == 0 ? GetLastError() : ERROR_BUFFER_OVERFLOW));
+    std::string system_dir;
+    if (!mcl::mswin::system_directory(system_dir)) {
+        NV_LOG(fn, "Failed to get system folder, error: %d", static_cast<int>(GetLastError()));
         return;
     }
     std::string directory;
     std::string volume;
-    if (!device_form(std::string(system_dir, n), volume, directory)) return;
+    if (!device_form(system_dir, volume, directory)) return;
     if (directory.empty() || directory.back() != '\\') directory += '\\';
     for (const char* name : {"csrss.exe", "lsass.exe", "svchost.exe"}) loadTrustedOpenApp(directory + name);
     // Only Windows 8 and Server 2012 need to be told the service manager's image.
@@ -230,10 +216,7 @@ void chelperservice::skipFirstServiceManagerOpen() {
 
 void chelperservice::enableDriverFeatures(bool on) {
     const driver_port port = openDriverPort();
-    if (!port) return;
-    for (const uint32_t feature : {vqr::code::feature_process_protection, vqr::code::feature_folder_protection,
-                                   vqr::code::feature_registry_protection})
-        drvEnableFeature(port.get(), feature, on);
+    if (port) drvEnableProtectionFeatures(port.get(), on, on);
 }
 
 void chelperservice::setProtectionEnabled(bool on) {
@@ -256,10 +239,7 @@ void chelperservice::setProtectionEnabled(bool on) {
 
 void chelperservice::setDriverProtection(bool on) {
     const driver_port port = openDriverPort();
-    if (!port) return;
-    drvEnableFeature(port.get(), vqr::code::feature_process_protection, on);
-    drvEnableFeature(port.get(), vqr::code::feature_folder_protection, on);
-    drvEnableFeature(port.get(), vqr::code::feature_registry_protection, regkey_protection_enabled_);
+    if (port) drvEnableProtectionFeatures(port.get(), on, regkey_protection_enabled_);
 }
 
 void chelperservice::disable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {

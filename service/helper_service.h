@@ -12,6 +12,7 @@
 #include "mcl/buffer.h"
 #include "mcl/ipc/peer.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
 #include "mcl/event.h"
 #include "mcl/lock.h"
@@ -82,6 +83,9 @@ public:
     // The text of a Filter Manager or Win32 HRESULT for log lines.
     static std::wstring driver_error_text(HRESULT hr);
     static void drvEnableFeature(HANDLE port, uint32_t feature, bool on);
+    // The protection switches, in this order: process protection (0) and folder protection (6)
+    // to `processes`, registry protection (11) to `registry`.
+    static void drvEnableProtectionFeatures(HANDLE port, bool processes, bool registry);
     static void drvSkipProcessFirstSvcMgrOpen(HANDLE port);
     static void drvSendCommand(HANDLE port, uint32_t code, const std::wstring& text);
     // Code 1 (2 when removing); an empty path with `remove` removes every image rule.
@@ -170,7 +174,7 @@ public:
     // Sends the image and folder rules and rewrites the folder's DACL; fills record.folder. False,
     // with nothing changed, when protection is off, the folder is not X:\folder form or the
     // driver cannot be reached.
-    bool protectProcess(const std::wstring& imagePath, PSID ownSid, process_record& record);
+    bool protectProcess(const std::wstring& imagePath, const mcl::mswin::sid& ownSid, process_record& record);
     // Lifts the image rule and, with the folder's last image, the folder rule and its DACL. With
     // `force`, an unreachable driver still resets the folder's DACL and drops its record.
     bool unprotectProcess(const process_record& record, bool force);
@@ -180,9 +184,9 @@ public:
     void stopProtectingProcess();
     // Rewrites the folder's DACL: full access for `sids` in order, every other ACE cut down to read
     // and execute (to nothing with `denyOthers`), protected from the parent. With `originalSddl`,
-    // the DACL before the change is returned there (LocalAlloc'd, the caller frees it).
-    bool setPathPermissions(const std::wstring& path, const std::vector<PSID>& sids, char** originalSddl,
-                            bool denyOthers);
+    // the DACL before the change is returned there as SDDL.
+    bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
+                            std::string* originalSddl, bool denyOthers);
     // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again.
     bool restorePathPermissions(const std::wstring& path, const char* sddl);
     void protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
@@ -208,7 +212,7 @@ public:
     // Replaces the service's DACL (own SID and the service's SID in full), records and persists it
     // and, unless the service is stopped, puts it on the enforcement list. Fills sddl, sid,
     // imagePath of `record`.
-    bool protectService(const std::string& name, PSID ownSid, service_record& record);
+    bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
     // Takes the service off the enforcement list and the persisted lists and writes the default
     // service DACL back; the result is that of the write.
     bool unprotectService(const service_record& record);
@@ -379,10 +383,10 @@ private:
     // Service protection state.
     std::map<std::string, service_record> protected_services_;  // service name -> record
     // The full-access SIDs of a folder: `ownSid`, then the SID of every other protected service
-    // whose image path contains the folder. The caller frees all but the first with LocalFree.
-    std::vector<PSID> folder_sids(const std::wstring& folder, PSID ownSid);
+    // whose image path contains the folder.
+    std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid);
     // The image rule of a service rule: protect or (forced) unprotect `image`; false on failure.
-    bool apply_service_image(const std::wstring& image, bool protect, PSID ownSid, bool logFailure);
+    bool apply_service_image(const std::wstring& image, bool protect, const mcl::mswin::sid& ownSid, bool logFailure);
 
     // Enforcement state.
     mcl::lock enforce_lock_;

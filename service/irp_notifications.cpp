@@ -3,9 +3,7 @@
 // subscribe and query requests. The tables themselves are service/irp_tables.cpp.
 #include <windows.h>
 
-#include <cctype>
 #include <cstdint>
-#include <cwctype>
 #include <exception>
 #include <string>
 #include <vector>
@@ -14,6 +12,8 @@
 #include "mcl/log.h"
 #include "mcl/mswin/file_info.h"
 #include "mcl/mswin/filter_library.h"
+#include "mcl/mswin/filter_port.h"
+#include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
@@ -26,15 +26,6 @@ using mcl::mswin::to_utf8;
 
 constexpr const char* run_fn = "chelperservice::irp_notification_receiver::run";
 constexpr const char* message_fn = "chelperservice::handleIrpMessage";
-
-std::wstring lower(std::wstring text) {
-    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(c));
-    return text;
-}
-
-void lower_bytes(std::string& text) {
-    for (char& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-}
 
 // The port is gone when the driver unloaded (0x80070006 is HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE)).
 bool port_gone(HRESULT hr) { return hr == static_cast<HRESULT>(vqr::hr_unloaded); }
@@ -91,10 +82,15 @@ DWORD chelperservice::irp_notification_receiver::receive() {
     owner_->clearIrpStore();
     sequence_ = 0;
     const filter_library::entry_points& lib = filter_library::get();
-    HANDLE port = INVALID_HANDLE_VALUE;
     HRESULT hr = lib.load_error;
-    if (SUCCEEDED(hr) && (lib.connect == nullptr || lib.get_message == nullptr)) hr = HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
-    if (SUCCEEDED(hr)) hr = lib.connect(vqr::notify_port_name, 0, nullptr, 0, nullptr, &port);
+    HANDLE port = INVALID_HANDLE_VALUE;
+    if (SUCCEEDED(hr) && lib.get_message == nullptr) {
+        hr = HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
+    } else {
+        mcl::mswin::filter_port connected = mcl::mswin::connect_filter_port(lib.connect, lib.load_error, vqr::notify_port_name);
+        hr = connected.hr;
+        port = connected.handle.release();
+    }
     if (FAILED(hr)) {
         NV_LOG(run_fn, "Could not connect to filter for notification: %d - %ls", static_cast<int>(hr),
                driver_error_text(hr).c_str());
@@ -207,7 +203,7 @@ void chelperservice::handleIrpDenied(const irp::message& m, uint64_t now, uint64
         RefreshVolumeToDeviceMap();
         r.file_path = device_to_dos_path(m.file_name);
     }
-    lower_bytes(r.file_path);
+    r.file_path = mcl::mswin::lower_case(std::move(r.file_path));
     NV_LOG(run_fn, "[IRP Notification]: Coverted file path=\"%s\"", r.file_path.c_str());
     r.sequence = sequence++;
     r.time = now;
@@ -239,12 +235,9 @@ void chelperservice::handleIrpDenied(const irp::message& m, uint64_t now, uint64
 }
 
 void chelperservice::readProcessImage(uint32_t pid, std::string& image, std::string& image_description) {
-    mcl::mswin::unique_kernel_handle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));
-    if (!process) return;
-    char path[MAX_PATH] = {};
-    DWORD size = MAX_PATH;
-    if (!QueryFullProcessImageNameA(process.get(), 0, path, &size)) return;
-    image.assign(path, size);
+    const std::string found = mcl::mswin::process_image(pid);
+    if (found.empty()) return;
+    image = found;
     // Reading a file's description takes tens of milliseconds (version resource, shell); a
     // flood of denials mostly names the same few images, so remember it while the file is
     // unchanged.
@@ -282,7 +275,7 @@ void chelperservice::RefreshVolumeToDeviceMap() {
             NV_LOG(fn, "QueryDosDeviceW failed with error code %d\n", static_cast<int>(GetLastError()));
             break;
         }
-        std::wstring key = lower(device);
+        std::wstring key = mcl::mswin::lower_case_towlower(device);
         if (key.empty() || key.back() != L'\\') key += L'\\';
 
         std::vector<wchar_t> paths(MAX_PATH + 1);
@@ -304,7 +297,7 @@ void chelperservice::RefreshVolumeToDeviceMap() {
 }
 
 std::string chelperservice::device_to_dos_path(const std::wstring& devicePath) const {
-    const std::wstring p = lower(devicePath);
+    const std::wstring p = mcl::mswin::lower_case_towlower(devicePath);
     for (const auto& entry : volume_to_device_) {
         if (p.compare(0, entry.first.size(), entry.first) == 0) return entry.second + to_utf8(p.substr(entry.first.size()));
     }
@@ -336,7 +329,7 @@ void chelperservice::subscribeIrpNotification(mcl::binary_t& payload) {
                static_cast<unsigned>(irp::max_name_bytes), static_cast<unsigned>(irp::max_path_bytes));
     } else if (!request.subscriber.empty() && !request.event_name.empty()) {
         if (request.file_path.empty()) request.file_path = irp::any_file;
-        lower_bytes(request.file_path);
+        request.file_path = mcl::mswin::lower_case(std::move(request.file_path));
         mcl::scoped_lock guard(irp_lock_);
         switch (irp_tables_.subscribe(request)) {
             case irp::subscribe_outcome::added:

@@ -10,8 +10,6 @@
 // service reads what it wrote before. Objects it has no line for are read from Windows.
 #include "service/object_security.h"
 
-#include <aclapi.h>
-#include <sddl.h>
 
 #include <cstdio>
 #include <cstring>
@@ -24,13 +22,14 @@
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace {
 
+using mcl::mswin::security_descriptor;
 using mcl::mswin::unique_kernel_handle;
-using mcl::mswin::unique_local;
 
 std::string upper(std::string text) {
     for (char& c : text)
@@ -47,12 +46,8 @@ std::string ace_list(PACL dacl) {
         void* raw = nullptr;
         if (!GetAce(dacl, i, &raw)) break;
         const auto* ace = static_cast<const ACCESS_ALLOWED_ACE*>(raw);
-        char* sid_text = nullptr;
-        std::string sid = "?";
-        if (ConvertSidToStringSidA(const_cast<DWORD*>(&ace->SidStart), &sid_text)) {
-            sid = sid_text;
-            LocalFree(sid_text);
-        }
+        std::string sid = mcl::mswin::sid(const_cast<DWORD*>(&ace->SidStart)).to_string();
+        if (sid.empty()) sid = "?";
         const BYTE type = ace->Header.AceType;
         char text[128];
         snprintf(text, sizeof(text), "%s;0x%02X;0x%08X;", type == ACCESS_ALLOWED_ACE_TYPE ? "A" : type == ACCESS_DENIED_ACE_TYPE ? "D" : "?",
@@ -89,10 +84,10 @@ class recorder : public object_security {
 public:
     explicit recorder(std::string journal) : journal_(std::move(journal)) { load(); }
 
-    DWORD get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
+    DWORD get_file_dacl(const std::wstring& path, security_descriptor& descriptor) override {
         DWORD err = 0;
-        if (read("file", mcl::mswin::to_utf8(path), dacl, descriptor, err)) return err;
-        return object_security::get_file_dacl(path, dacl, descriptor);
+        if (read("file", mcl::mswin::to_utf8(path), descriptor, err)) return err;
+        return object_security::get_file_dacl(path, descriptor);
     }
     DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
         // As the system: only an existing file or folder takes a DACL, and one that another
@@ -108,21 +103,18 @@ public:
         const std::string object = mcl::mswin::to_utf8(path);
         if (foreign_owner(object) && !privilege_enabled("SeTakeOwnershipPrivilege")) return ERROR_ACCESS_DENIED;
         SECURITY_DESCRIPTOR sd{};
-        char* text = nullptr;
+        std::string sddl;
         if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
             !SetSecurityDescriptorOwner(&sd, owner, FALSE) ||
-            !ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, OWNER_SECURITY_INFORMATION, &text,
-                                                                  nullptr))
+            !mcl::mswin::descriptor_to_sddl(&sd, OWNER_SECURITY_INFORMATION, sddl))
             return ERROR_INVALID_OWNER;
-        const std::string sddl = text;
-        LocalFree(text);
         return append("owner", object, sddl, "") ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
     }
-    DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) override {
+    DWORD get_service_dacl(const std::string& name, security_descriptor& descriptor) override {
         if (!mcl::mswin::service::is_service_installed(name.c_str())) return ERROR_SERVICE_DOES_NOT_EXIST;
         DWORD err = 0;
-        if (read("service", name, dacl, descriptor, err)) return err;
-        return object_security::get_service_dacl(name, dacl, descriptor);
+        if (read("service", name, descriptor, err)) return err;
+        return object_security::get_service_dacl(name, descriptor);
     }
     bool set_service_dacl(const std::string& name, PACL dacl) override {
         if (!service_exists("object_security::set_service_dacl", name)) return false;
@@ -130,12 +122,9 @@ public:
     }
     bool set_service_sddl(const std::string& name, const char* sddl) override {
         if (!service_exists("object_security::set_service_sddl", name)) return false;
-        unique_local sd;
+        security_descriptor sd;
         PACL dacl = nullptr;
-        BOOL present = FALSE, defaulted = FALSE;
-        if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr) ||
-            !GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted))
-            return false;
+        if (!security_descriptor::from_sddl(sddl, sd) || !sd.get_dacl(&dacl)) return false;
         return record("service", name, dacl, /*protect=*/false);
     }
 
@@ -165,35 +154,29 @@ private:
         fclose(f);
     }
 
-    bool read(const char* kind, const std::string& object, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor, DWORD& err) {
+    bool read(const char* kind, const std::string& object, security_descriptor& descriptor, DWORD& err) {
         mcl::scoped_lock guard(lock_);
         auto it = dacls_.find(key(kind, object));
         if (it == dacls_.end()) return false;
-        unique_local sd;
-        BOOL present = FALSE, defaulted = FALSE;
+        security_descriptor sd;
         PACL found = nullptr;
-        if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(it->second.c_str(), SDDL_REVISION_1, sd.put(), nullptr) ||
-            !GetSecurityDescriptorDacl(sd.get(), &present, &found, &defaulted)) {
+        if (!security_descriptor::from_sddl(it->second.c_str(), sd) || !sd.get_dacl(&found)) {
             err = GetLastError();
             return true;
         }
-        *dacl = found;
-        *descriptor = sd.release();
+        descriptor = std::move(sd);
         err = ERROR_SUCCESS;
         return true;
     }
 
     bool record(const char* kind, const std::string& object, PACL dacl, bool protect) {
         SECURITY_DESCRIPTOR sd{};
-        char* text = nullptr;
+        std::string sddl;
         if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
             !SetSecurityDescriptorDacl(&sd, TRUE, dacl, FALSE) ||
             !SetSecurityDescriptorControl(&sd, SE_DACL_PROTECTED, protect ? SE_DACL_PROTECTED : 0) ||
-            !ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
-                                                                  nullptr))
+            !mcl::mswin::descriptor_to_sddl(&sd, DACL_SECURITY_INFORMATION, sddl))
             return false;
-        const std::string sddl = text;
-        LocalFree(text);
         return append(kind, object, sddl, ace_list(dacl));
     }
 
@@ -233,25 +216,36 @@ object_security* choose() {
 
 }  // namespace
 
-DWORD object_security::get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
-    return GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr,
-                                 descriptor);
+DWORD object_security::get_file_dacl(const std::wstring& path, security_descriptor& descriptor) {
+    return descriptor.read_file_dacl(path);
 }
 
 DWORD object_security::set_file_dacl(const std::wstring& path, PACL dacl, bool protect) {
-    const SECURITY_INFORMATION info = DACL_SECURITY_INFORMATION |
-                                      (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
-    return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, info, nullptr, nullptr, dacl, nullptr);
+    return security_descriptor::write_file_dacl(path, dacl, protect);
+}
+
+bool object_security::set_file_sddl(const char* fn, const std::wstring& path, const char* sddl, DWORD& err) {
+    err = ERROR_SUCCESS;
+    security_descriptor descriptor;
+    if (!security_descriptor::from_sddl(sddl, descriptor)) {
+        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    PACL dacl = nullptr;
+    if (!descriptor.get_dacl(&dacl)) {
+        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
+        return false;
+    }
+    err = set_file_dacl(path, dacl, /*protect=*/false);
+    return err == ERROR_SUCCESS;
 }
 
 DWORD object_security::set_file_owner(const std::wstring& path, PSID owner) {
-    return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, owner,
-                                 nullptr, nullptr, nullptr);
+    return security_descriptor::write_file_owner(path, owner);
 }
 
-DWORD object_security::get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
-    return GetNamedSecurityInfoA(name.c_str(), SE_SERVICE, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr,
-                                 descriptor);
+DWORD object_security::get_service_dacl(const std::string& name, security_descriptor& descriptor) {
+    return descriptor.read_service_dacl(name);
 }
 
 bool object_security::set_service_dacl(const std::string& name, PACL dacl) {

@@ -15,6 +15,8 @@
 
 #include <string>
 
+#include "mcl/mswin/security_descriptor.h"
+
 class object_security {
 public:
     static constexpr const char* selector_key = "Software\\Norvale\\NVClientHelper";
@@ -22,16 +24,19 @@ public:
 
     virtual ~object_security() = default;
 
-    // The DACL of a file or folder (GetNamedSecurityInfoW). The Win32 code; on success
-    // *descriptor is LocalAlloc'd (the caller frees it with LocalFree) and *dacl points into it.
-    virtual DWORD get_file_dacl(const std::wstring& path, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
+    // The DACL of a file or folder (GetNamedSecurityInfoW) into `descriptor`. The Win32 code.
+    virtual DWORD get_file_dacl(const std::wstring& path, mcl::mswin::security_descriptor& descriptor);
     // SetNamedSecurityInfoW with the DACL, marked protected (nothing inherited from the parent) or
     // unprotected (the parent's inheritable ACEs apply again). The Win32 code.
     virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect);
+    // The DACL of an SDDL text written with set_file_dacl, unprotected. A text that does not
+    // convert is logged under `fn` and gives false with `err` ERROR_SUCCESS; a refused write gives
+    // false with its Win32 code in `err`, for the caller's line.
+    bool set_file_sddl(const char* fn, const std::wstring& path, const char* sddl, DWORD& err);
     // SetNamedSecurityInfoW with the owner of a file or folder. The Win32 code.
     virtual DWORD set_file_owner(const std::wstring& path, PSID owner);
     // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE), as get_file_dacl.
-    virtual DWORD get_service_dacl(const std::string& name, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
+    virtual DWORD get_service_dacl(const std::string& name, mcl::mswin::security_descriptor& descriptor);
     // Replace a service's DACL (protected); the service wrapper's helpers, which log failures.
     virtual bool set_service_dacl(const std::string& name, PACL dacl);
     virtual bool set_service_sddl(const std::string& name, const char* sddl);

@@ -2,7 +2,6 @@
 // the folder's DACL, and the requests that protect, unprotect and list images.
 #include <windows.h>
 
-#include <sddl.h>
 #include <shlwapi.h>
 
 
@@ -16,8 +15,9 @@
 
 namespace {
 
+using mcl::mswin::security_descriptor;
+using mcl::mswin::sid;
 using mcl::mswin::unique_heap;
-using mcl::mswin::unique_local;
 
 constexpr DWORD folder_ace_flags = OBJECT_INHERIT_ACE | CONTAINER_INHERIT_ACE;
 constexpr DWORD folder_full_access = 0x101F01FF;
@@ -28,13 +28,6 @@ constexpr size_t max_image_path = MAX_PATH;
 bool is_protectable_folder(const std::wstring& folder) {
     return folder.size() > 3 && folder.size() <= max_image_path && mcl::mswin::has_drive_prefix(folder);
 }
-
-struct own_sid {
-    PSID sid = nullptr;
-    ~own_sid() {
-        if (sid != nullptr) LocalFree(sid);
-    }
-};
 
 }  // namespace
 
@@ -52,24 +45,20 @@ std::wstring chelperservice::image_folder_of(const std::wstring& imagePath) {
     return s;
 }
 
-std::vector<PSID> chelperservice::folder_sids(const std::wstring& folder, PSID ownSid) {
-    std::vector<PSID> sids{ownSid};
+std::vector<sid> chelperservice::folder_sids(const std::wstring& folder, const sid& ownSid) {
+    std::vector<sid> sids{ownSid};
     for (const auto& entry : protected_services_) {
         const service_record& svc = entry.second;
         if (svc.name == mcl::mswin::service::default_name || svc.imagePath.empty()) continue;
         if (StrStrIW(svc.imagePath.c_str(), folder.c_str()) == nullptr) continue;
-        PSID sid = nullptr;
-        if (!mcl::mswin::service::get_sid(svc.name.c_str(), &sid)) continue;
-        if (EqualSid(sid, ownSid)) {
-            LocalFree(sid);
-            continue;
-        }
-        sids.push_back(sid);
+        sid service_sid;
+        if (!mcl::mswin::service::get_sid(svc.name.c_str(), service_sid) || service_sid == ownSid) continue;
+        sids.push_back(service_sid);
     }
     return sids;
 }
 
-bool chelperservice::protectProcess(const std::wstring& imagePath, PSID ownSid, process_record& record) {
+bool chelperservice::protectProcess(const std::wstring& imagePath, const sid& ownSid, process_record& record) {
     constexpr const char* fn = "chelperservice::protectProcess";
     NV_LOG(fn, "Trying to protect process (%ls)\n", imagePath.c_str());
     if (!process_protection_enabled_) {
@@ -94,13 +83,7 @@ bool chelperservice::protectProcess(const std::wstring& imagePath, PSID ownSid, 
     folder_record fresh{std::string(), folder, 0};
     folder_record& target = existing != nullptr ? *existing : fresh;
 
-    std::vector<PSID> sids = folder_sids(folder, ownSid);
-    struct sid_list_guard {
-        std::vector<PSID>& sids;
-        ~sid_list_guard() {
-            for (size_t i = 1; i < sids.size(); ++i) LocalFree(sids[i]);
-        }
-    } guard{sids};
+    const std::vector<sid> sids = folder_sids(folder, ownSid);
 
     driver_port port = openDriverPort();
     if (!port) return false;
@@ -108,18 +91,12 @@ bool chelperservice::protectProcess(const std::wstring& imagePath, PSID ownSid, 
     if (existing != nullptr) drvEnableFeature(port.get(), vqr::code::feature_folder_protection, false);
     (void)setPathPermissions(folder, sids, nullptr, /*denyOthers=*/false);
 
-    PACL dacl = nullptr;
-    unique_local descriptor;
-    const DWORD err = object_security::current().get_file_dacl(folder, &dacl, descriptor.put());
+    security_descriptor descriptor;
+    const DWORD err = object_security::current().get_file_dacl(folder, descriptor);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "GetNamedSecurityInfoW failed(%ls, %d)\n", folder.c_str(), static_cast<int>(err));
     } else {
-        char* text = nullptr;
-        if (ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor.get(), SDDL_REVISION_1,
-                                                                 DACL_SECURITY_INFORMATION, &text, nullptr)) {
-            target.sddl = text;
-            LocalFree(text);
-        } else {
+        if (!descriptor.to_sddl(DACL_SECURITY_INFORMATION, target.sddl)) {
             NV_LOG(fn, "ConvertSecurityDescriptorToStringSecurityDescriptor failed on path %ls (%d)\n", folder.c_str(),
                    static_cast<int>(GetLastError()));
         }
@@ -130,30 +107,28 @@ bool chelperservice::protectProcess(const std::wstring& imagePath, PSID ownSid, 
     return true;
 }
 
-bool chelperservice::setPathPermissions(const std::wstring& path, const std::vector<PSID>& sids, char** originalSddl,
-                                        bool denyOthers) {
+bool chelperservice::setPathPermissions(const std::wstring& path, const std::vector<sid>& sids,
+                                        std::string* originalSddl, bool denyOthers) {
     constexpr const char* fn = "chelperservice::setPathPermissions";
     if (sids.empty()) return false;
     NV_LOG(fn, "Updating permissions of folder (%ls)\n", path.c_str());
-    PACL old_dacl = nullptr;
-    unique_local descriptor;
-    const DWORD err = object_security::current().get_file_dacl(path, &old_dacl, descriptor.put());
+    security_descriptor descriptor;
+    const DWORD err = object_security::current().get_file_dacl(path, descriptor);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "GetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
         return false;
     }
     if (originalSddl != nullptr) {
-        if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor.get(), SDDL_REVISION_1,
-                                                                  DACL_SECURITY_INFORMATION, originalSddl, nullptr)) {
+        if (!descriptor.to_sddl(DACL_SECURITY_INFORMATION, *originalSddl)) {
             NV_LOG(fn, "ConvertSecurityDescriptorToStringSecurityDescriptor failed on path %ls (%d)\n", path.c_str(),
                    static_cast<int>(GetLastError()));
             return false;
         }
-        NV_LOG(fn, "folder %ls's original DACL SD String:\n%s", path.c_str(), *originalSddl);
+        NV_LOG(fn, "folder %ls's original DACL SD String:\n%s", path.c_str(), originalSddl->c_str());
     }
     PACL raw_new = nullptr;
     if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(
-            old_dacl, sids, folder_ace_flags, folder_full_access, denyOthers ? 0 : folder_other_access, &raw_new)) {
+            descriptor.dacl(), sids, folder_ace_flags, folder_full_access, denyOthers ? 0 : folder_other_access, &raw_new)) {
         NV_LOG(fn, "Failed to generate the new dacl\n");
         return false;
     }
@@ -169,23 +144,10 @@ bool chelperservice::setPathPermissions(const std::wstring& path, const std::vec
 bool chelperservice::restorePathPermissions(const std::wstring& path, const char* sddl) {
     constexpr const char* fn = "chelperservice::restorePathPermissions";
     NV_LOG(fn, "Restoring permissions of folder (%ls)\n", path.c_str());
-    unique_local descriptor;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, descriptor.put(), nullptr)) {
-        NV_LOG(fn, "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    BOOL present = FALSE, defaulted = FALSE;
-    PACL dacl = nullptr;
-    if (!GetSecurityDescriptorDacl(descriptor.get(), &present, &dacl, &defaulted)) {
-        NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
-        return false;
-    }
-    const DWORD err = object_security::current().set_file_dacl(path, dacl, /*protect=*/false);
-    if (err != ERROR_SUCCESS) {
-        NV_LOG(fn, "SetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
-        return false;
-    }
-    return true;
+    DWORD err = ERROR_SUCCESS;
+    if (object_security::current().set_file_sddl(fn, path, sddl, err)) return true;
+    if (err != ERROR_SUCCESS) NV_LOG(fn, "SetNamedSecurityInfoW failed(%ls, %d)\n", path.c_str(), static_cast<int>(err));
+    return false;
 }
 
 bool chelperservice::unprotectProcess(const process_record& record, bool force) {
@@ -215,8 +177,8 @@ bool chelperservice::handle_protect_processes(const std::vector<process_rule>& r
         NV_LOG(fn, "No process set to (un)protect.");
         return true;
     }
-    own_sid own;
-    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own.sid)) {
+    sid own;
+    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, own)) {
         NV_LOG(fn, "Unable to get halvern service's SID.");
         return true;
     }
@@ -238,7 +200,7 @@ bool chelperservice::handle_protect_processes(const std::vector<process_rule>& r
             protected_processes_.erase(it);
         } else if (it == protected_processes_.end()) {
             process_record record{rule.imagePath, std::wstring()};
-            if (!protectProcess(rule.imagePath, own.sid, record)) {
+            if (!protectProcess(rule.imagePath, own, record)) {
                 result = false;
                 continue;
             }

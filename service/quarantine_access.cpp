@@ -3,40 +3,33 @@
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/service.h"
-
-std::string lower_ascii(std::string text) {
-    for (char& c : text)
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    return text;
-}
+#include "mcl/mswin/text.h"
 
 bool read_lowered_path(mcl::binary_t& payload, std::string& path) {
     uint32_t pos = 0;
     const bool decoded = mcl::read_string(path, payload, pos);
     payload.clear();
-    path = lower_ascii(std::move(path));
+    path = mcl::mswin::lower_case(std::move(path));
     return decoded && !path.empty();
 }
 
-full_access_sids::~full_access_sids() {
-    for (PSID sid : sids_) LocalFree(sid);
-}
-
-bool full_access_sids::build(const char* fn, const char* target, const std::vector<std::string>& services) {
-    PSID own = nullptr;
-    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own)) {
+bool full_access_service_sids(const char* fn, const char* target, const std::vector<std::string>& services,
+                      std::vector<mcl::mswin::sid>& sids) {
+    sids.clear();
+    mcl::mswin::sid own;
+    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, own)) {
         NV_LOG(fn, "Unable to get halvern service's SID.");
         return false;
     }
-    sids_.push_back(own);
+    sids.push_back(own);
     for (const std::string& name : services) {
-        PSID sid = nullptr;
-        if (!mcl::mswin::service::get_sid(name.c_str(), &sid)) {
+        mcl::mswin::sid one;
+        if (!mcl::mswin::service::get_sid(name.c_str(), one)) {
             NV_LOG(fn, "Unable configure the full access service %s, failed to get service's sid for: %s\n", target,
                    name.c_str());
             continue;
         }
-        sids_.push_back(sid);
+        sids.push_back(one);
     }
     return true;
 }

@@ -1,36 +1,19 @@
-// What the quarantine and blocked-file handlers share: ASCII lower-casing of paths, the payload
-// that is one path, and the list of service SIDs given full access to a container or a file.
+// What the quarantine and blocked-file handlers share: the payload that is one path (lowered), and the list of service SIDs given full access to a container or a file.
 // Request thread; no state.
 #pragma once
-
-#include <windows.h>
 
 #include <string>
 #include <vector>
 
 #include "mcl/buffer.h"
-
-// `text` with A to Z lowered (no other case folding).
-std::string lower_ascii(std::string text);
+#include "mcl/mswin/sid.h"
 
 // Decodes a payload that is one narrow path, clears the payload for the reply and lowers the
 // path. False when the payload does not decode or the path is empty.
 bool read_lowered_path(mcl::binary_t& payload, std::string& path);
 
-// Service SIDs that get full access, each freed with LocalFree when the list goes.
-class full_access_sids {
-public:
-    full_access_sids() = default;
-    ~full_access_sids();
-    full_access_sids(const full_access_sids&) = delete;
-    full_access_sids& operator=(const full_access_sids&) = delete;
-
-    // The own service's SID first, then the SID of each of `services` that has one; a name
-    // without one is logged (as from `fn`, with `target` saying what it was for) and skipped.
-    // False (logged) when the own SID is missing.
-    bool build(const char* fn, const char* target, const std::vector<std::string>& services);
-    const std::vector<PSID>& sids() const { return sids_; }
-
-private:
-    std::vector<PSID> sids_;
-};
+// The service SIDs that get full access: the own service's SID first, then the SID of each of
+// `services` that has one; a name without one is logged (as from `fn`, with `target` saying what
+// it was for) and skipped. False (logged) when the own SID is missing.
+bool full_access_service_sids(const char* fn, const char* target, const std::vector<std::string>& services,
+                      std::vector<mcl::mswin::sid>& sids);

@@ -25,7 +25,6 @@
 namespace {
 
 using mcl::mswin::unique_find_handle;
-using mcl::mswin::unique_local;
 
 constexpr const char* archive_suffix = ".QUA";
 // An archive being written and checked; never matches "*.QUA", so listings do not show it.
@@ -142,7 +141,7 @@ bool archive_verified(const std::string& source, const std::string& archive) {
 
 // The archive path names an entry directly inside the container (compared without case).
 bool in_container(const std::string& container, const std::string& archive) {
-    const std::string lower = lower_ascii(archive);
+    const std::string lower = mcl::mswin::lower_case(archive);
     if (lower.find(container) == std::string::npos) return false;
     if (lower.compare(0, container.size(), container) != 0) return false;
     const std::string name = lower.substr(container.size());
@@ -153,26 +152,20 @@ bool in_container(const std::string& container, const std::string& archive) {
 class saved_dacl {
 public:
     explicit saved_dacl(const std::string& path) {
-        if (object_security::current().get_file_dacl(mcl::mswin::widen(path), &dacl_, descriptor_.put()) != ERROR_SUCCESS)
-            return;
-        SECURITY_DESCRIPTOR_CONTROL control = 0;
-        DWORD revision = 0;
-        if (GetSecurityDescriptorControl(descriptor_.get(), &control, &revision))
-            protected_ = (control & SE_DACL_PROTECTED) != 0;
+        if (object_security::current().get_file_dacl(mcl::mswin::widen(path), descriptor_) != ERROR_SUCCESS) return;
         read_ = true;
     }
     void put_back(const std::string& path) const {
         if (!read_) return;
-        const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(path), dacl_, protected_);
+        const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(path), descriptor_.dacl(),
+                                                                   descriptor_.dacl_protected());
         if (err != ERROR_SUCCESS)
             NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d", path.c_str(),
                    static_cast<int>(err));
     }
 
 private:
-    unique_local descriptor_;
-    PACL dacl_ = nullptr;
-    bool protected_ = false;
+    mcl::mswin::security_descriptor descriptor_;
     bool read_ = false;
 };
 
@@ -204,14 +197,13 @@ bool chelperservice::setQuarantineFilePermissions(const std::string& file, const
     constexpr const char* fn = "chelperservice::setQuarantineFilePermissions";
     std::string dir = folder;
     if (dir.size() > 3 && dir.back() == '\\') dir.pop_back();
-    PACL dacl = nullptr;
-    unique_local descriptor;
-    DWORD err = object_security::current().get_file_dacl(mcl::mswin::widen(dir), &dacl, descriptor.put());
+    mcl::mswin::security_descriptor descriptor;
+    DWORD err = object_security::current().get_file_dacl(mcl::mswin::widen(dir), descriptor);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "GetNamedSecurityInfo failed on %s, error: %d", dir.c_str(), static_cast<int>(err));
         return false;
     }
-    err = object_security::current().set_file_dacl(mcl::mswin::widen(file), dacl, /*protect=*/false);
+    err = object_security::current().set_file_dacl(mcl::mswin::widen(file), descriptor.dacl(), /*protect=*/false);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "SetNamedSecurityInfo failed on %s, error: %d", file.c_str(), static_cast<int>(err));
         return false;
@@ -326,7 +318,7 @@ bool chelperservice::quarantine_files_action(uint32_t action, const std::string&
 }
 
 bool chelperservice::is_quarantined_file(const std::string& path) {
-    const std::string lower = lower_ascii(path);
+    const std::string lower = mcl::mswin::lower_case(path);
     std::vector<std::string> archives;
     for (const std::string& container : quarantine_containers_) {
         if (lower.find(container) == std::string::npos) continue;

@@ -15,7 +15,7 @@ namespace {
 
 std::string normalise_container(std::string path) {
     if (path.empty() || path.back() != '\\') path += '\\';
-    return lower_ascii(std::move(path));
+    return mcl::mswin::lower_case(std::move(path));
 }
 
 // The folder form the driver and the folder security take: no trailing backslash.
@@ -48,11 +48,11 @@ bool chelperservice::createQuarantineContainer(const std::string& path, const st
         NV_LOG(fn, "The quarantine container path is not a folder: %s", path.c_str());
         return false;
     }
-    full_access_sids list;
-    if (!list.build(fn, "to the quarantine container", services)) return false;
+    std::vector<mcl::mswin::sid> sids;
+    if (!full_access_service_sids(fn, "to the quarantine container", services, sids)) return false;
     const std::wstring folder = folder_of(path);
     (void)restorePathPermissions(folder, default_folder_sddl);
-    if (!setPathPermissions(folder, list.sids(), nullptr, /*denyOthers=*/true)) return false;
+    if (!setPathPermissions(folder, sids, nullptr, /*denyOthers=*/true)) return false;
     {
         driver_port port = openDriverPort();
         if (port) drvProtectFolder(port.get(), folder, /*remove=*/false, /*block=*/true);

@@ -4,11 +4,11 @@
 
 #include <wincrypt.h>
 
-#include <cctype>
 #include <vector>
 
 #include "mcl/log.h"
 #include "mcl/mswin/crypto.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/recovery_key.h"
 
@@ -53,9 +53,7 @@ bool verify_signature(const std::string& message, const std::vector<BYTE>& signa
 }  // namespace
 
 std::string recovery_message(const std::string& machine_id, const std::string& expiry_date) {
-    std::string id = machine_id;
-    for (char& c : id) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
-    return "NVRECOVERY1:" + id + ":" + expiry_date;
+    return "NVRECOVERY1:" + mcl::mswin::lower_case(machine_id) + ":" + expiry_date;
 }
 
 bool verify_recovery_code(const std::string& code, const std::string& machine_id, const unsigned char* public_key,

@@ -6,7 +6,6 @@
 // is changed, so a service killed between the two can still give it back at the next start.
 #include <windows.h>
 
-#include <sddl.h>
 
 #include <exception>
 #include <string>
@@ -53,27 +52,15 @@ HKEY to_hkey(uint32_t root) {
     return reinterpret_cast<HKEY>(static_cast<ULONG_PTR>(static_cast<LONG_PTR>(static_cast<int32_t>(root))));
 }
 
-// The DACL part of a descriptor as SDDL (revision 1), or empty.
-std::string dacl_sddl(PSECURITY_DESCRIPTOR sd) {
-    char* text = nullptr;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION, &text,
-                                                              nullptr))
-        return std::string();
-    mcl::mswin::unique_local owner(text);
-    return std::string(text);
-}
-
 // The SDDL of root\path's DACL, or empty (the helper logs why).
 std::string read_dacl_sddl(HKEY root, const std::string& path) {
-    PACL dacl = nullptr;
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    if (!mcl::mswin::reg::get_key_dacl_security(root, path, &dacl, &sd)) return std::string();
-    mcl::mswin::unique_local owner(sd);
-    return dacl_sddl(sd);
+    mcl::mswin::security_descriptor sd;
+    if (!mcl::mswin::reg::get_key_dacl_security(root, path, sd)) return std::string();
+    return sd.dacl_sddl();
 }
 
 // One key's DACL from a descriptor, without touching its subkeys.
-bool write_key_dacl(HKEY root, const std::string& path, PSECURITY_DESCRIPTOR sd) {
+bool write_key_dacl(HKEY root, const std::string& path, const mcl::mswin::security_descriptor& sd) {
     constexpr const char* fn = "regkey::restore_key_tree";
     mcl::mswin::unique_reg_key handle;
     LONG rc = RegOpenKeyExA(root, path.c_str(), 0, WRITE_DAC, handle.put());
@@ -81,7 +68,7 @@ bool write_key_dacl(HKEY root, const std::string& path, PSECURITY_DESCRIPTOR sd)
         NV_LOG(fn, "Failed to open key [%s], error: 0x%X", path.c_str(), static_cast<unsigned>(rc));
         return false;
     }
-    rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd);
+    rc = sd.write_key_dacl(handle.get());
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", path.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -91,17 +78,12 @@ bool write_key_dacl(HKEY root, const std::string& path, PSECURITY_DESCRIPTOR sd)
 
 // The key first: once its own DACL is back, its subkeys can be listed whatever the protected
 // DACL denied us.
-bool write_tree_dacl(HKEY root, const std::string& path, PSECURITY_DESCRIPTOR sd) {
+bool write_tree_dacl(HKEY root, const std::string& path, const mcl::mswin::security_descriptor& sd) {
     const bool ok = write_key_dacl(root, path, sd);
     std::vector<std::string> subkeys;
     mcl::mswin::reg::list_subkeys(root, path, subkeys);
     for (const std::string& sub : subkeys) (void)write_tree_dacl(root, path + "\\" + sub, sd);
     return ok;
-}
-
-void lower_ascii(std::wstring& text) {
-    for (wchar_t& c : text)
-        if (c >= L'A' && c <= L'Z') c = static_cast<wchar_t>(c - L'A' + L'a');
 }
 
 // Driver code 13 with an empty text: every key rule goes.
@@ -152,9 +134,7 @@ DWORD others_mask(uint32_t level) {
 uint64_t widen_root(uint32_t root) { return static_cast<uint64_t>(static_cast<int64_t>(static_cast<int32_t>(root))); }
 
 std::wstring key_text(uint64_t root, const std::wstring& path) {
-    std::wstring lowered = path;
-    lower_ascii(lowered);
-    return L"\\\\" + std::to_wstring(root) + L"\\" + lowered;
+    return L"\\\\" + std::to_wstring(root) + L"\\" + mcl::mswin::lower_case(path);
 }
 
 HKEY predefined_root(uint64_t root) {
@@ -219,13 +199,13 @@ bool key_present(HKEY root, const std::string& path) {
 }
 
 bool restore_key_tree(HKEY root, const std::string& path, const std::string& sddl) {
-    mcl::mswin::unique_local sd;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, sd.put(), nullptr)) {
+    mcl::mswin::security_descriptor sd;
+    if (!mcl::mswin::security_descriptor::from_sddl(sddl.c_str(), sd)) {
         NV_LOG("regkey::restore_key_tree", "Failed to convert SDDL string {%s} to security descriptior, error: 0x%X",
                sddl.c_str(), static_cast<unsigned>(GetLastError()));
         return false;
     }
-    return write_tree_dacl(root, path, sd.get());
+    return write_tree_dacl(root, path, sd);
 }
 
 }  // namespace regkey
@@ -254,29 +234,25 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
         }
     }
 
-    std::vector<mcl::mswin::unique_local> sid_owners;
-    std::vector<PSID> sids;
+    std::vector<mcl::mswin::sid> sids;
     for (const std::string& name : services) {
-        PSID sid = nullptr;
-        if (!mcl::mswin::service::get_sid(name.c_str(), &sid)) {
+        mcl::mswin::sid service_sid;
+        if (!mcl::mswin::service::get_sid(name.c_str(), service_sid)) {
             NV_LOG(fn, "Failed to get service sid <%s>", name.c_str());
             return false;
         }
-        sid_owners.emplace_back(sid);
-        sids.push_back(sid);
+        sids.push_back(service_sid);
         if (!mcl::mswin::service::set_sid_type(name.c_str()))
             NV_LOG(fn, "Failed to set service <%s> sid type to unrestricted, it could have already been done",
                    name.c_str());
     }
 
-    PACL old_dacl = nullptr;
-    PSECURITY_DESCRIPTOR old_sd = nullptr;
-    if (!mcl::mswin::reg::get_key_dacl_security(root, path, &old_dacl, &old_sd)) {
+    mcl::mswin::security_descriptor old_sd;
+    if (!mcl::mswin::reg::get_key_dacl_security(root, path, old_sd)) {
         NV_LOG(fn, "Failed to get dacl for registry key [%s]", path.c_str());
         return false;
     }
-    mcl::mswin::unique_local old_sd_owner(old_sd);
-    original = dacl_sddl(old_sd);
+    original = old_sd.dacl_sddl();
     if (original.empty()) {
         // Without its text the old DACL could never be given back: leave the key as it is.
         NV_LOG(fn, "Failed to get dacl for registry key [%s]", path.c_str());
@@ -285,7 +261,7 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
     NV_LOG(fn, "original dacl for registry key [%s] : {%s}", path.c_str(), original.c_str());
 
     PACL new_dacl = nullptr;
-    if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(old_dacl, sids, regkey::service_ace_flags,
+    if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(old_sd.dacl(), sids, regkey::service_ace_flags,
                                                                           regkey::service_full_access, others,
                                                                           &new_dacl)) {
         NV_LOG(fn, "Failed to update dacl object");

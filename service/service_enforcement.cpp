@@ -11,6 +11,7 @@
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
@@ -248,13 +249,13 @@ void chelperservice::killProcessByPath(const std::string& imagePath) {
         unique_kernel_handle process(OpenProcess(PROCESS_TERMINATE | PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE,
                                                  FALSE, entry.th32ProcessID));
         if (!process) continue;
-        char path[MAX_PATH] = {};
-        DWORD size = MAX_PATH;
-        if (!QueryFullProcessImageNameA(process.get(), 0, path, &size)) {
+        std::string image;
+        if (!mcl::mswin::query_process_image(process.get(), image)) {
             NV_LOG(fn, "Unable to query process image path <%d:%s>, error: %d", static_cast<int>(entry.th32ProcessID),
                    entry.szExeFile, static_cast<int>(GetLastError()));
             continue;
         }
+        const char* path = image.c_str();
         if (_stricmp(path, imagePath.c_str()) != 0) continue;
         if (!TerminateProcess(process.get(), killed_exit_code)) {
             NV_LOG(fn, "Failed to terminate process %d : %s", static_cast<int>(entry.th32ProcessID), path);
@@ -362,13 +363,11 @@ void chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
         }
     }
     if (!ok) {
-        char dir[MAX_PATH + 1] = {};
-        const UINT len = GetSystemDirectoryA(dir, MAX_PATH);
+        std::string folder;
         std::string program = "taskkill.exe";
-        if (len == 0 || len >= MAX_PATH) {
+        if (!mcl::mswin::system_directory(folder)) {
             NV_LOG(fn, "Failed to get system folder, error: %d", static_cast<int>(GetLastError()));
         } else {
-            std::string folder(dir, len);
             if (folder.back() != '\\') folder += '\\';
             program = folder + program;
         }
@@ -407,11 +406,7 @@ void chelperservice::restore_driver_protection(mcl::ipc_connection*, mcl::binary
     const bool ok = request_payload::read_restore_driver_protection(payload);
     if (ok) {
         driver_port port = openDriverPort();
-        if (port) {
-            drvEnableFeature(port.get(), vqr::code::feature_process_protection, process_protection_enabled_);
-            drvEnableFeature(port.get(), vqr::code::feature_folder_protection, process_protection_enabled_);
-            drvEnableFeature(port.get(), vqr::code::feature_registry_protection, regkey_protection_enabled_);
-        }
+        if (port) drvEnableProtectionFeatures(port.get(), process_protection_enabled_, regkey_protection_enabled_);
     } else {
         NV_LOG("chelperservice::restore_driver_protection", "Empty request: nothing re-applied");
     }

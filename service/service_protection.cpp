@@ -2,8 +2,6 @@
 // rules) and the requests that protect, unprotect and list them; self-protection at start-up.
 #include <windows.h>
 
-#include <sddl.h>
-
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
@@ -14,19 +12,13 @@
 
 namespace {
 
+using mcl::mswin::security_descriptor;
+using mcl::mswin::sid;
 using mcl::mswin::unique_heap;
-using mcl::mswin::unique_local;
 
 constexpr DWORD service_full_access = 0x101F01FF;
 // Query configuration, query status, enumerate dependents, interrogate, read control.
 constexpr DWORD service_other_access = 0x2008D;
-
-struct local_sid {
-    PSID sid = nullptr;
-    ~local_sid() {
-        if (sid != nullptr) LocalFree(sid);
-    }
-};
 
 // Systems without service SID types refuse the setting with one of these; the service's DACL
 // still protects it there, so the step counts as done (said once per process).
@@ -61,31 +53,30 @@ std::wstring chelperservice::service_image_path(const std::string& name) {
     return out;
 }
 
-bool chelperservice::protectService(const std::string& name, PSID ownSid, service_record& record) {
+bool chelperservice::protectService(const std::string& name, const sid& ownSid, service_record& record) {
     constexpr const char* fn = "chelperservice::protectService";
     NV_LOG(fn, "Trying to protect service (%s)\n", name.c_str());
     if (!service_protection_enabled_) {
         NV_LOG(fn, "Service protection function is disabled\n");
         return false;
     }
-    local_sid service_sid;
-    if (!mcl::mswin::service::get_sid(name.c_str(), &service_sid.sid)) {
+    sid service_sid;
+    if (!mcl::mswin::service::get_sid(name.c_str(), service_sid)) {
         NV_LOG(fn, "Unable to get service's sid\n");
         return false;
     }
-    std::vector<PSID> sids{ownSid};
-    if (!EqualSid(ownSid, service_sid.sid)) sids.push_back(service_sid.sid);
+    std::vector<sid> sids{ownSid};
+    if (ownSid != service_sid) sids.push_back(service_sid);
 
     object_security& security = object_security::current();
-    PACL old_dacl = nullptr;
-    unique_local descriptor;
-    const DWORD err = security.get_service_dacl(name, &old_dacl, descriptor.put());
+    security_descriptor descriptor;
+    const DWORD err = security.get_service_dacl(name, descriptor);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "GetNamedSecurityInfo failed(%s, %d)\n", name.c_str(), static_cast<int>(err));
         return false;
     }
     PACL raw_new = nullptr;
-    if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(old_dacl, sids, 0, service_full_access,
+    if (!mcl::mswin::service::update_dacl_with_selected_full_access_sids(descriptor.dacl(), sids, 0, service_full_access,
                                                                         service_other_access, &raw_new)) {
         NV_LOG(fn, "Failed to build new dacl\n");
         return false;
@@ -93,21 +84,10 @@ bool chelperservice::protectService(const std::string& name, PSID ownSid, servic
     unique_heap new_dacl(raw_new);
     if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) return false;
 
-    PACL applied = nullptr;
-    unique_local applied_descriptor;
-    if (security.get_service_dacl(name, &applied, applied_descriptor.put()) == ERROR_SUCCESS) {
-        char* text = nullptr;
-        if (ConvertSecurityDescriptorToStringSecurityDescriptorA(applied_descriptor.get(), SDDL_REVISION_1,
-                                                                 DACL_SECURITY_INFORMATION, &text, nullptr)) {
-            record.sddl = text;
-            LocalFree(text);
-        }
-    }
-    char* sid_text = nullptr;
-    if (ConvertSidToStringSidA(service_sid.sid, &sid_text)) {
-        record.sid = sid_text;
-        LocalFree(sid_text);
-    }
+    security_descriptor applied;
+    if (security.get_service_dacl(name, applied) == ERROR_SUCCESS) (void)applied.to_sddl(DACL_SECURITY_INFORMATION, record.sddl);
+    const std::string sid_text = service_sid.to_string();
+    if (!sid_text.empty()) record.sid = sid_text;
     const std::wstring image = service_image_path(name);
     if (!image.empty()) {
         record.imagePath = image;
@@ -132,7 +112,7 @@ bool chelperservice::unprotectService(const service_record& record) {
     return object_security::current().set_service_sddl(record.name, default_service_sddl);
 }
 
-bool chelperservice::apply_service_image(const std::wstring& image, bool protect, PSID ownSid, bool logFailure) {
+bool chelperservice::apply_service_image(const std::wstring& image, bool protect, const sid& ownSid, bool logFailure) {
     constexpr const char* fn = "chelperservice::handle_protect_services";
     auto it = protected_processes_.find(image);
     if (!protect) {
@@ -163,8 +143,8 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
         NV_LOG(fn, "No service set to (un)protect.");
         return true;
     }
-    local_sid own;
-    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, &own.sid)) {
+    sid own;
+    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, own)) {
         NV_LOG(fn, "Unable to get halvern service's SID.");
         return true;
     }
@@ -185,7 +165,7 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
             protected_services_.clear();
         }
         for (const std::wstring& image : images)
-            if (!apply_service_image(image, all.protectProcess, own.sid, /*logFailure=*/false)) result = false;
+            if (!apply_service_image(image, all.protectProcess, own, /*logFailure=*/false)) result = false;
         return result;
     }
     for (const service_rule& rule : rules) {
@@ -204,7 +184,7 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
         } else if (rule.protectService && it == protected_services_.end()) {
             service_record record;
             record.name = rule.name;
-            if (!protectService(rule.name, own.sid, record)) {
+            if (!protectService(rule.name, own, record)) {
                 NV_LOG(fn, "Failed to protect service: %s", rule.name.c_str());
                 result = false;
             } else {
@@ -213,7 +193,7 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
                 NV_LOG(fn, "Service %s has been protected.", rule.name.c_str());
             }
         }
-        if (!image.empty() && !apply_service_image(image, rule.protectProcess, own.sid, /*logFailure=*/true))
+        if (!image.empty() && !apply_service_image(image, rule.protectProcess, own, /*logFailure=*/true))
             result = false;
     }
     return result;

@@ -8,7 +8,9 @@
 
 #include "mcl/log.h"
 #include "mcl/mswin/filter_library.h"
+#include "mcl/mswin/filter_port.h"
 #include "mcl/mswin/os_version.h"
+#include "mcl/mswin/privilege.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
@@ -50,15 +52,6 @@ void remove_value(const char* key, const char* name) {
     if (mcl::mswin::reg::read_value(key, name, existing)) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, key, name);
 }
 
-// FilterUnload needs the load-driver privilege enabled in the caller's token.
-void enable_load_driver_privilege() {
-    mcl::mswin::unique_kernel_handle token;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, token.put()) ||
-        !mcl::mswin::reg::set_privilege(token.get(), SE_LOAD_DRIVER_NAME, true)) {
-        NV_LOG("DoUninstall", "Failed to enable %s. error %d\n", SE_LOAD_DRIVER_NAME, static_cast<int>(GetLastError()));
-    }
-}
-
 HRESULT missing_export(const filter_library::entry_points& lib) {
     return FAILED(lib.load_error) ? lib.load_error : HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND);
 }
@@ -66,15 +59,8 @@ HRESULT missing_export(const filter_library::entry_points& lib) {
 // Whether the driver's command port answers; logs the failure.
 bool driver_port_responds() {
     const filter_library::entry_points& lib = filter_library::get();
-    HANDLE port = INVALID_HANDLE_VALUE;
-    const HRESULT hr = lib.connect == nullptr
-                           ? missing_export(lib)
-                           : lib.connect(vqr::command_port_name, /*options=*/0, /*context=*/nullptr, 0,
-                                         /*security=*/nullptr, &port);
-    if (SUCCEEDED(hr)) {
-        CloseHandle(port);
-        return true;
-    }
+    const HRESULT hr = mcl::mswin::connect_filter_port(lib.connect, lib.load_error, vqr::command_port_name).hr;
+    if (SUCCEEDED(hr)) return true;
     NV_LOG("install_vqrmonitor", "Could not connect to filter: %d - %ls, reinstall the driver.", static_cast<int>(hr),
            filter_library::error_text(hr).c_str());
     return false;
@@ -382,7 +368,10 @@ int DoUninstall2(bool* marked_for_deletion) {
 }
 
 int DoUninstall(const std::string& inf_path, bool* marked_for_deletion) {
-    enable_load_driver_privilege();
+    // FilterUnload needs the load-driver privilege enabled in the caller's token.
+    const mcl::mswin::scoped_privilege load_driver(SE_LOAD_DRIVER_NAME);
+    if (!load_driver.switched())
+        NV_LOG("DoUninstall", "Failed to enable %s. error %d\n", SE_LOAD_DRIVER_NAME, static_cast<int>(load_driver.error()));
     const filter_library::entry_points& lib = filter_library::get();
     const HRESULT hr = lib.unload == nullptr ? missing_export(lib) : lib.unload(vqr::filter_name);
     if (FAILED(hr))

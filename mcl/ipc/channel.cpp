@@ -4,6 +4,7 @@
 
 #include "mcl/error_text.h"
 #include "mcl/log.h"
+#include "mcl/mswin/process.h"
 
 namespace mcl {
 
@@ -405,7 +406,6 @@ ipc_connection::ipc_connection(connection_type type) : type_(type), reader_(this
 ipc_connection::~ipc_connection() {
     reader_.close();
     writer_.close();
-    if (security_ != nullptr) LocalFree(security_);
 }
 
 bool ipc_connection::open(const char* pipe_path) { return reader_.create(pipe_path) && writer_.create(pipe_path); }
@@ -423,14 +423,8 @@ void ipc_connection::learn_client() {
 }
 
 std::string ipc_connection::process_image(DWORD pid) {
-    HANDLE process = OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid);
-    if (process == nullptr) return {};  // gone already, or not ours to look at: the id must do
-    char path[MAX_PATH * 2];
-    DWORD size = sizeof(path);
-    std::string image;
-    if (QueryFullProcessImageNameA(process, 0, path, &size)) image.assign(path, size);
-    CloseHandle(process);
-    return image;
+    // Empty when gone already, or not ours to look at: the id must do.
+    return mcl::mswin::process_image(pid, /*capacity=*/MAX_PATH * 2);
 }
 
 ipc_connection::pair_state ipc_connection::half_connected(ipc_channel::direction_type half) {

@@ -165,7 +165,7 @@ public:
     bool open(const char* pipe_path);
 
     connection_type type() const { return type_; }
-    void* security_descriptor() const { return security_; }
+    PSECURITY_DESCRIPTOR security_descriptor() const { return security_.get(); }
     ipc_read_channel& reader() { return reader_; }
     ipc_write_channel& writer() { return writer_; }
     bool enqueue(const binary_t& frame) { return writer_.enqueue(frame); }
@@ -210,7 +210,7 @@ private:
     connection_type type_;
     ipc_read_channel reader_;
     ipc_write_channel writer_;
-    void* security_ = nullptr;  // NULL-DACL descriptor (LocalAlloc), or null for default security
+    mswin::unique_local<PSECURITY_DESCRIPTOR> security_;  // NULL-DACL descriptor, or null for default security
     DWORD client_process_id_ = 0;
     std::string client_image_;
 

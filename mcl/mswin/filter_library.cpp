@@ -2,6 +2,8 @@
 
 #include <string>
 
+#include "mcl/mswin/process.h"
+
 namespace filter_library {
 namespace {
 
@@ -12,13 +14,11 @@ Fn lookup(HMODULE module, const char* name) {
 
 entry_points load_entry_points() {
     entry_points e;
-    wchar_t dir[MAX_PATH + 1] = {};
-    const UINT n = GetSystemDirectoryW(dir, MAX_PATH);
-    if (n == 0 || n >= MAX_PATH) {
-        e.load_error = HRESULT_FROM_WIN32(n == 0 ? GetLastError() : ERROR_BUFFER_OVERFLOW);
+    std::wstring path;
+    if (!mcl::mswin::system_directory(path)) {
+        e.load_error = HRESULT_FROM_WIN32(GetLastError());
         return e;
     }
-    std::wstring path(dir, n);
     if (path.back() != L'\\') path += L'\\';
     path += L"fltlib.dll";
     // A full path is never searched for; LOAD_WITH_ALTERED_SEARCH_PATH makes the library's own
@@ -50,10 +50,8 @@ std::wstring error_text(HRESULT hr) {
     DWORD n = FormatMessageW(FORMAT_MESSAGE_FROM_SYSTEM | FORMAT_MESSAGE_IGNORE_INSERTS, nullptr,
                              static_cast<DWORD>(hr), 0, text, MAX_PATH, nullptr);
     if (n == 0) {
-        wchar_t dir[MAX_PATH] = {};
-        const UINT len = GetSystemDirectoryW(dir, MAX_PATH);
-        const std::wstring library = std::wstring(dir, len < MAX_PATH ? len : 0) + L"\\fltlib.dll";
-        if (len != 0 && len < MAX_PATH && library.size() <= MAX_PATH) {
+        std::wstring library;
+        if (mcl::mswin::system_directory(library) && (library += L"\\fltlib.dll").size() <= MAX_PATH) {
             HMODULE module = LoadLibraryExW(library.c_str(), nullptr, LOAD_LIBRARY_AS_DATAFILE);
             if (module != nullptr) {
                 n = FormatMessageW(FORMAT_MESSAGE_FROM_HMODULE | FORMAT_MESSAGE_IGNORE_INSERTS, module,

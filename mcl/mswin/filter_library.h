@@ -5,11 +5,11 @@
 #include <windows.h>
 
 #include <string>
+#include "mcl/mswin/filter_port.h"
 
 namespace filter_library {
 
-using connect_fn = HRESULT(WINAPI*)(LPCWSTR port_name, DWORD options, LPCVOID context, WORD context_size,
-                                    LPSECURITY_ATTRIBUTES security, HANDLE* port);
+using connect_fn = mcl::mswin::filter_connect_fn;
 using send_fn = HRESULT(WINAPI*)(HANDLE port, LPVOID in, DWORD in_size, LPVOID out, DWORD out_size,
                                  LPDWORD bytes_returned);
 using get_fn = HRESULT(WINAPI*)(HANDLE port, void* message_buffer, DWORD buffer_size, LPOVERLAPPED overlapped);

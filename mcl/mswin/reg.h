@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/mswin/security_descriptor.h"
 
 namespace mcl::mswin::reg {
 
@@ -46,9 +47,9 @@ bool write_string_list(const std::string& key, const char* name, const std::vect
 // deepest first, stopping at the first key that cannot be deleted.
 bool remove(HKEY root, const std::string& key, const char* value_name);
 
-// The key's DACL. *descriptor is LocalAlloc'd (the caller frees it with LocalFree); *dacl points
-// into it and may be null for a key with a null DACL.
-bool get_key_dacl_security(HKEY root, const std::string& key, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor);
+// The key's DACL into `descriptor` (its dacl() may be null for a key with a null DACL). On
+// failure `descriptor` is empty.
+bool get_key_dacl_security(HKEY root, const std::string& key, security_descriptor& descriptor);
 // Writes `dacl` to every key of the subtree, deepest first. With `protect`, the DACL is marked
 // protected so nothing is inherited. The result is that of the key itself.
 bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool protect);

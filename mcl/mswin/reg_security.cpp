@@ -1,8 +1,6 @@
 // Key security: DACLs, ownership, forced removal and the kernel path of a key.
 #include <windows.h>
 
-#include <sddl.h>
-
 #include <vector>
 
 #include "mcl/log.h"
@@ -41,37 +39,22 @@ bool force_remove_subkeys(HKEY root, const std::string& key) {
 
 }  // namespace
 
-bool get_key_dacl_security(HKEY root, const std::string& key, PACL* dacl, PSECURITY_DESCRIPTOR* descriptor) {
+bool get_key_dacl_security(HKEY root, const std::string& key, security_descriptor& descriptor) {
     constexpr const char* fn = "mcl::mswin::reg::get_key_dacl_security";
-    if (dacl == nullptr || descriptor == nullptr) return false;
-    *dacl = nullptr;
-    *descriptor = nullptr;
+    descriptor = security_descriptor();
     unique_reg_key handle;
     if (!open_key(fn, root, key, KEY_READ, handle)) return false;
-    DWORD size = 0;
-    LONG rc = RegGetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, nullptr, &size);
-    if (rc != ERROR_INSUFFICIENT_BUFFER) {
-        NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
-        return false;
-    }
-    unique_local sd(LocalAlloc(LPTR, size));
-    if (!sd) {
-        NV_LOG(fn, "Failed allocate memory for servurity descriptor");
-        return false;
-    }
-    rc = RegGetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd.get(), &size);
+    const LONG rc = descriptor.read_key_dacl(handle.get());
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
         return false;
     }
-    BOOL present = FALSE;
-    BOOL defaulted = FALSE;
-    if (!GetSecurityDescriptorDacl(sd.get(), &present, dacl, &defaulted)) {
+    PACL dacl = nullptr;
+    if (!descriptor.get_dacl(&dacl)) {
         NV_LOG(fn, "Failed get dacl info from security descriptor, error: 0x%X", static_cast<unsigned>(GetLastError()));
-        *dacl = nullptr;
+        descriptor = security_descriptor();
         return false;
     }
-    *descriptor = sd.release();
     return true;
 }
 
@@ -123,13 +106,13 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
     });
     unique_reg_key handle;
     if (!open_key(fn, root, key, WRITE_DAC, handle)) return false;
-    unique_local sd;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr)) {
+    security_descriptor sd;
+    if (!security_descriptor::from_sddl(sddl, sd)) {
         NV_LOG(fn, "Failed to convert SDDL string {%s} to security descriptior, error: 0x%X", sddl,
                static_cast<unsigned>(GetLastError()));
         return false;
     }
-    const LONG rc = RegSetKeySecurity(handle.get(), DACL_SECURITY_INFORMATION, sd.get());
+    const LONG rc = sd.write_key_dacl(handle.get());
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed set dacl info to key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -222,12 +205,12 @@ bool reset_full_access(HANDLE token, HKEY root, const std::string& key) {
     const std::vector<BYTE> user = token_user(token);
     PSID sid = user.empty() ? nullptr : reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid;
     const DWORD size = sid == nullptr ? 0 : sizeof(ACL) + sizeof(ACCESS_ALLOWED_ACE) + GetLengthSid(sid);
-    unique_local acl(size == 0 ? nullptr : LocalAlloc(LPTR, size));
+    unique_local<PACL> acl(size == 0 ? nullptr : static_cast<PACL>(LocalAlloc(LPTR, size)));
     if (!acl) {
         NV_LOG(fn, "reg error: Error allocating pDACL");
         return false;
     }
-    auto* dacl = static_cast<PACL>(acl.get());
+    PACL dacl = acl.get();
     if (!InitializeAcl(dacl, size, ACL_REVISION)) {
         NV_LOG(fn, "reg error: Error initializing ACL - %d", static_cast<int>(GetLastError()));
         return false;

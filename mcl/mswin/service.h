@@ -14,6 +14,7 @@
 
 #include "mcl/buffer.h"
 #include "mcl/event.h"
+#include "mcl/mswin/sid.h"
 
 namespace mcl::mswin {
 
@@ -87,12 +88,10 @@ public:
     static bool is_service_stopped(const char* name);
 
     // Security helpers.
-    // The service SID of `name` into *sid (LocalAlloc'd; the caller frees it with LocalFree).
-    // When the account lookup cannot map "NT SERVICE\<name>" the SID is derived as Windows does.
-    static bool get_sid(const char* name, PSID* sid);
-    // The SID Windows gives the service `name`: S-1-5-80 and the SHA-1 of the upper-cased
-    // UTF-16LE name as five 32-bit words. LocalAlloc'd.
-    static bool derive_service_sid(const char* name, PSID* sid);
+    // The service SID of `name` ("NT SERVICE\<name>"). When the account lookup cannot map it the
+    // SID is derived from the name as Windows does (sid::from_service_name). On failure `out` is
+    // empty.
+    static bool get_sid(const char* name, sid& out);
     // Replaces the service's DACL (protected: nothing is inherited).
     static bool set_dacl(const char* name, PACL dacl);
     static bool set_dacl_str(const char* name, const char* sddl);
@@ -100,7 +99,7 @@ public:
     // selected SID (`ace_flags`, `selected_mask`), then every ACE of `old_dacl` (may be null)
     // whose SID is not selected, inherited flag cleared, generic-all widened to all generic bits,
     // and its mask ANDed with `other_mask`. On failure *new_dacl is null.
-    static bool update_dacl_with_selected_full_access_sids(PACL old_dacl, const std::vector<PSID>& sids,
+    static bool update_dacl_with_selected_full_access_sids(PACL old_dacl, const std::vector<sid>& sids,
                                                            BYTE ace_flags, DWORD selected_mask, DWORD other_mask,
                                                            PACL* new_dacl);
     // Sets the unrestricted service SID type.

@@ -30,14 +30,14 @@ bool query_config_impl(const Char* name, binary_t& config, bool* opened, Query q
 
     DWORD needed = 0;
     if (query(svc.get(), nullptr, 0, &needed) || GetLastError() != ERROR_INSUFFICIENT_BUFFER) return false;
-    unique_local raw(LocalAlloc(LPTR, needed));
+    unique_local<Record*> raw(static_cast<Record*>(LocalAlloc(LPTR, needed)));
     if (!raw) return false;
-    if (!query(svc.get(), static_cast<Record*>(raw.get()), needed, &needed)) return false;
+    if (!query(svc.get(), raw.get(), needed, &needed)) return false;
 
-    config.assign(static_cast<const unsigned char*>(raw.get()), needed);
+    config.assign(reinterpret_cast<const unsigned char*>(raw.get()), needed);
     if (config.size() != needed) return false;
     auto* record = reinterpret_cast<Record*>(config.data());
-    const auto* from = static_cast<const unsigned char*>(raw.get());
+    const auto* from = reinterpret_cast<const unsigned char*>(raw.get());
     repoint(record->lpBinaryPathName, from, config.data(), needed);
     repoint(record->lpLoadOrderGroup, from, config.data(), needed);
     repoint(record->lpDependencies, from, config.data(), needed);

@@ -1,30 +1,21 @@
 // Service SIDs, service DACLs and the DACL that grants full access to selected SIDs only.
 #include <windows.h>
 
-#include <sddl.h>
-#include <wincrypt.h>
-
 #include <cstring>
 #include <string>
 #include <vector>
 
 #include "mcl/log.h"
 #include "mcl/mswin/crypto.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
-#include "mcl/mswin/text.h"
 #include "mcl/mswin/service_handles.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
 
 namespace {
-
-bool sha1(const void* data, DWORD size, BYTE (&digest)[20]) {
-    std::vector<unsigned char> value;
-    if (!mcl::mswin::digest(CALG_SHA1, data, size, value) || value.size() != sizeof(digest)) return false;
-    memcpy(digest, value.data(), sizeof(digest));
-    return true;
-}
 
 // Opens the service `name` for reading and writing its DACL; `fn` names the caller in the log.
 bool open_for_security(const char* fn, const char* name, unique_sc_handle& manager, unique_sc_handle& svc) {
@@ -42,70 +33,20 @@ bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
 
 }  // namespace
 
-bool service::derive_service_sid(const char* name, PSID* sid) {
-    if (sid == nullptr) return false;
-    *sid = nullptr;
-    std::wstring upper = widen(name != nullptr ? name : "");
-    if (!upper.empty()) CharUpperBuffW(&upper[0], static_cast<DWORD>(upper.size()));
-    // The hash covers the UTF-16LE bytes; wchar_t is UTF-16 little-endian on every Windows target.
-    BYTE digest[20];
-    if (!sha1(upper.data(), static_cast<DWORD>(upper.size() * sizeof(wchar_t)), digest)) return false;
-    DWORD words[5];
-    memcpy(words, digest, sizeof(words));
-
-    const DWORD size = GetSidLengthRequired(6);
-    unique_local buffer(LocalAlloc(LPTR, size));
-    SID_IDENTIFIER_AUTHORITY nt_authority = SECURITY_NT_AUTHORITY;
-    if (!buffer || !InitializeSid(buffer.get(), &nt_authority, 6)) return false;
-    *GetSidSubAuthority(buffer.get(), 0) = SECURITY_SERVICE_ID_BASE_RID;  // 80
-    for (DWORD i = 0; i < 5; ++i) *GetSidSubAuthority(buffer.get(), i + 1) = words[i];
-    *sid = buffer.release();
-    return true;
-}
-
-bool service::get_sid(const char* name, PSID* sid) {
-    if (sid == nullptr) {
-        NV_LOG("mcl::mswin::service::get_sid", "service - [get_sid] invalid parameter");
-        return false;
-    }
-    *sid = nullptr;
-    DWORD sid_size = 32;
-    DWORD domain_size = 32;
-    unique_local sid_buffer(LocalAlloc(LPTR, sid_size));
-    unique_local domain(LocalAlloc(LPTR, domain_size * sizeof(wchar_t)));
-    if (!sid_buffer || !domain) {
-        NV_LOG("mcl::mswin::service::get_sid", "service - [get_sid] insufficient memory");
-        return false;
-    }
+bool service::get_sid(const char* name, sid& out) {
     const std::wstring account = L"NT SERVICE\\" + widen(name != nullptr ? name : "");
-    SID_NAME_USE use = SidTypeUnknown;
-    BOOL found = LookupAccountNameW(nullptr, account.c_str(), sid_buffer.get(), &sid_size,
-                                    static_cast<wchar_t*>(domain.get()), &domain_size, &use);
-    if (!found && GetLastError() == ERROR_INSUFFICIENT_BUFFER) {
-        sid_buffer.reset(LocalAlloc(LPTR, sid_size));
-        domain.reset(LocalAlloc(LPTR, static_cast<size_t>(domain_size) * sizeof(wchar_t)));
-        if (!sid_buffer || !domain) {
-            NV_LOG("mcl::mswin::service::get_sid", "service - [get_sid] insufficient memory");
-            return false;
-        }
-        found = LookupAccountNameW(nullptr, account.c_str(), sid_buffer.get(), &sid_size,
-                                   static_cast<wchar_t*>(domain.get()), &domain_size, &use);
-    }
-    if (!found) {
-        const DWORD err = GetLastError();
-        // A system that cannot map service accounts (no service SIDs there) still has the SID
-        // the name stands for: it is derived from the name alone.
-        if (err == ERROR_NONE_MAPPED) return derive_service_sid(name, sid);
-        NV_LOG("mcl::mswin::service::get_sid",
-               "service - [get_sid] LookupAccountNameW failed. GetLastError returned: %d\n", static_cast<int>(err));
-        return false;
-    }
-    if (!IsValidSid(sid_buffer.get())) {
+    if (sid::from_account(account, out)) return true;
+    const DWORD err = GetLastError();
+    // A system that cannot map service accounts (no service SIDs there) still has the SID the
+    // name stands for: it is derived from the name alone.
+    if (err == ERROR_NONE_MAPPED) return sid::from_service_name(name, out);
+    if (err == ERROR_INVALID_SID) {
         NV_LOG("mcl::mswin::service::get_sid", "service - [get_sid] the SID is invalid");
         return false;
     }
-    *sid = sid_buffer.release();
-    return true;
+    NV_LOG("mcl::mswin::service::get_sid",
+           "service - [get_sid] LookupAccountNameW failed. GetLastError returned: %d\n", static_cast<int>(err));
+    return false;
 }
 
 bool service::set_dacl(const char* name, PACL dacl) {
@@ -135,8 +76,8 @@ bool service::set_dacl_str(const char* name, const char* sddl) {
     unique_sc_handle manager;
     unique_sc_handle svc;
     if (!open_for_security("mcl::mswin::service::set_dacl_str", name, manager, svc)) return false;
-    unique_local sd;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, sd.put(), nullptr)) {
+    security_descriptor sd;
+    if (!security_descriptor::from_sddl(sddl, sd)) {
         NV_LOG("mcl::mswin::service::set_dacl_str",
                "ConvertStringSecurityDescriptorToSecurityDescriptor failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
@@ -144,7 +85,7 @@ bool service::set_dacl_str(const char* name, const char* sddl) {
     return apply_descriptor("mcl::mswin::service::set_dacl_str", svc.get(), sd.get());
 }
 
-bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const std::vector<PSID>& sids,
+bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const std::vector<sid>& sids,
                                                          BYTE ace_flags, DWORD selected_mask, DWORD other_mask,
                                                          PACL* new_dacl) {
     constexpr const char* fn = "mcl::mswin::service::update_dacl_with_selected_full_access_sids";
@@ -162,7 +103,7 @@ bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const st
         }
         size = old_info.AclBytesInUse;
     }
-    for (PSID sid : sids) size += 8 + GetLengthSid(sid);
+    for (const sid& one : sids) size += 8 + one.size();
 
     unique_heap acl(HeapAlloc(GetProcessHeap(), HEAP_ZERO_MEMORY, size));
     if (!acl) {
@@ -174,8 +115,8 @@ bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const st
         NV_LOG(fn, "InitializeAcl() failed. Error %d\n", static_cast<int>(GetLastError()));
         return false;
     }
-    for (PSID sid : sids) {
-        if (!AddAccessAllowedAceEx(out, ACL_REVISION, ace_flags, selected_mask, sid)) {
+    for (const sid& one : sids) {
+        if (!AddAccessAllowedAceEx(out, ACL_REVISION, ace_flags, selected_mask, one.get())) {
             NV_LOG(fn, "AddAccessAllowedAceEx() failed. Error %d\n", static_cast<int>(GetLastError()));
             return false;
         }
@@ -192,7 +133,7 @@ bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const st
         std::vector<BYTE> copy(static_cast<const BYTE*>(raw), static_cast<const BYTE*>(raw) + header->AceSize);
         auto* ace = reinterpret_cast<ACCESS_ALLOWED_ACE*>(copy.data());
         bool selected = false;
-        for (PSID sid : sids) selected = selected || EqualSid(&ace->SidStart, sid);
+        for (const sid& one : sids) selected = selected || EqualSid(&ace->SidStart, one.get());
         if (selected) continue;
         ace->Header.AceFlags &= static_cast<BYTE>(~INHERITED_ACE);
         if (ace->Mask & GENERIC_ALL) ace->Mask |= GENERIC_ALL | GENERIC_EXECUTE | GENERIC_WRITE | GENERIC_READ;

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <cwctype>
+
 namespace mcl::mswin {
 
 namespace {
@@ -28,6 +30,25 @@ std::string to_utf8(const std::wstring& text) {
     std::string out(static_cast<size_t>(n), '\0');
     WideCharToMultiByte(CP_UTF8, 0, text.data(), static_cast<int>(text.size()), &out[0], n, nullptr, nullptr);
     return out;
+}
+
+namespace {
+
+template <typename Char>
+std::basic_string<Char> lower_ascii(std::basic_string<Char> text) {
+    for (Char& c : text)
+        if (c >= Char('A') && c <= Char('Z')) c = static_cast<Char>(c - Char('A') + Char('a'));
+    return text;
+}
+
+}  // namespace
+
+std::string lower_case(std::string text) { return lower_ascii(std::move(text)); }
+std::wstring lower_case(std::wstring text) { return lower_ascii(std::move(text)); }
+
+std::wstring lower_case_towlower(std::wstring text) {
+    for (wchar_t& c : text) c = static_cast<wchar_t>(std::towlower(c));
+    return text;
 }
 
 }  // namespace mcl::mswin

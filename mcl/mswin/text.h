@@ -12,6 +12,13 @@ std::wstring widen(const std::string& text);
 std::wstring from_utf8(const std::string& text);
 std::string to_utf8(const std::wstring& text);
 
+// A to Z lowered and nothing else (what the C locale's tolower does), narrow or wide: names
+// compared without case that must not change with the user's code page.
+std::string lower_case(std::string text);
+std::wstring lower_case(std::wstring text);
+// Wide text lowered by the C runtime's towlower, as device paths are matched.
+std::wstring lower_case_towlower(std::wstring text);
+
 // Whether the path starts with a drive: an ASCII letter, a colon and a backslash ("X:\...").
 template <typename Char>
 bool has_drive_prefix(const std::basic_string<Char>& path) {

@@ -62,8 +62,11 @@ struct handle_traits : simple_traits<HANDLE, decltype(&CloseHandle), &CloseHandl
 struct reg_key_traits : simple_traits<HKEY, decltype(&RegCloseKey), &RegCloseKey> {};
 struct sc_handle_traits : simple_traits<SC_HANDLE, decltype(&CloseServiceHandle), &CloseServiceHandle> {};
 struct find_traits : simple_traits<HANDLE, decltype(&FindClose), &FindClose> {};
+// LocalAlloc'd memory as the type the API hands out (PSID, char*, PSECURITY_DESCRIPTOR, PACL...),
+// so that put() fits the out-parameter and get() needs no cast.
+template <typename T>
 struct local_traits {
-    using pointer = void*;
+    using pointer = T;
     static pointer invalid() { return nullptr; }
     static bool valid(pointer p) { return p != nullptr; }
     static void close(pointer p) { LocalFree(p); }
@@ -79,7 +82,8 @@ using unique_kernel_handle = unique_handle<handle_traits>;
 using unique_reg_key = unique_handle<reg_key_traits>;
 using unique_sc_handle = unique_handle<sc_handle_traits>;
 using unique_find_handle = unique_handle<find_traits>;
-using unique_local = unique_handle<local_traits>;
+template <typename T>
+using unique_local = unique_handle<local_traits<T>>;
 using unique_heap = unique_handle<heap_traits>;
 
 }  // namespace mcl::mswin

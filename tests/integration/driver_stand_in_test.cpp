@@ -14,7 +14,8 @@
 #include <tuple>
 #include <vector>
 
-#include "mcl/mswin/reg.h"
+#include "mcl/mswin/filter_port.h"
+#include "mcl/mswin/privilege.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
 #include "tests/helpers/driver_ctl.h"
@@ -34,15 +35,6 @@ HRESULT send(HANDLE port, const std::vector<uint8_t>& message) {
     return hr;
 }
 
-// Loading, unloading, attaching and detaching need SeLoadDriverPrivilege enabled, as on Windows.
-bool load_driver_privilege(bool enable) {
-    HANDLE token = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ADJUST_PRIVILEGES | TOKEN_QUERY, &token)) return false;
-    const bool ok = mcl::mswin::reg::set_privilege(token, "SeLoadDriverPrivilege", enable);
-    CloseHandle(token);
-    return ok;
-}
-
 std::vector<uint8_t> notification_buffer() { return std::vector<uint8_t>(vqr::notification::size, 0xCC); }
 PFILTER_MESSAGE_HEADER header_of(std::vector<uint8_t>& buffer) {
     return reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data());
@@ -56,19 +48,21 @@ protected:
         ctl("load", &code);
         ctl("reset", &code);
         ASSERT_EQ(0u, code) << "driver simulator not running";
-        ASSERT_TRUE(load_driver_privilege(true));
+        ASSERT_TRUE(load_driver_.switched());
     }
     void TearDown() override {
         for (HANDLE h : ports_) CloseHandle(h);
         ctl("load");
     }
     HANDLE connect(const wchar_t* name) {
-        HANDLE port = INVALID_HANDLE_VALUE;
-        const HRESULT hr = FilterConnectCommunicationPort(name, 0, nullptr, 0, nullptr, &port);
-        EXPECT_EQ(S_OK, hr);
-        if (SUCCEEDED(hr)) ports_.push_back(port);
-        return port;
+        mcl::mswin::filter_port port = mcl::mswin::connect_filter_port(&FilterConnectCommunicationPort, S_OK, name);
+        EXPECT_EQ(S_OK, port.hr);
+        if (!port.handle) return INVALID_HANDLE_VALUE;
+        ports_.push_back(port.handle.release());
+        return ports_.back();
     }
+    // Loading, unloading, attaching and detaching need SeLoadDriverPrivilege enabled, as on Windows.
+    const mcl::mswin::scoped_privilege load_driver_{SE_LOAD_DRIVER_NAME};
     std::vector<HANDLE> ports_;
 };
 
@@ -301,13 +295,15 @@ TEST_F(DriverStandIn, UnloadedAndNotLoadedAnswerWindowsHresults) {
 }
 
 TEST_F(DriverStandIn, AttachAndDetachNeedTheLoadDriverPrivilege) {
-    ASSERT_TRUE(load_driver_privilege(false));
-    const HRESULT not_held = HRESULT_FROM_WIN32(ERROR_PRIVILEGE_NOT_HELD);
-    EXPECT_EQ(not_held, FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
-    EXPECT_EQ(not_held, FilterDetach(vqr::filter_name, L"Z:", nullptr));
-    EXPECT_EQ(not_held, FilterUnload(vqr::filter_name));
-    EXPECT_EQ(not_held, FilterLoad(vqr::filter_name));
-    ASSERT_TRUE(load_driver_privilege(true));
+    {
+        const mcl::mswin::scoped_privilege held_disabled(SE_LOAD_DRIVER_NAME, /*enable=*/false);
+        ASSERT_TRUE(held_disabled.switched());
+        const HRESULT not_held = HRESULT_FROM_WIN32(ERROR_PRIVILEGE_NOT_HELD);
+        EXPECT_EQ(not_held, FilterAttach(vqr::filter_name, L"Z:", nullptr, 0, nullptr));
+        EXPECT_EQ(not_held, FilterDetach(vqr::filter_name, L"Z:", nullptr));
+        EXPECT_EQ(not_held, FilterUnload(vqr::filter_name));
+        EXPECT_EQ(not_held, FilterLoad(vqr::filter_name));
+    }
     EXPECT_EQ(std::string::npos, ctl("state").find("\"call\":"));
 
     const std::string top = "\"instance\":\"VQRMonitor - Top Instance\",\"altitude\":\"383350\"}";

@@ -6,7 +6,6 @@
 
 #include <psapi.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <new>
@@ -15,6 +14,7 @@
 
 #include "mcl/encoding.h"
 #include "mcl/event.h"
+#include "mcl/mswin/text.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/raw_client.h"
 
@@ -270,11 +270,6 @@ TEST(IpcPeer, AClientKilledInItsRequestAnOverLongLengthOrGarbageEndOnlyThatConne
     EXPECT_TRUE(fresh.connect(server.name) && fresh.echo("new client"));
 }
 
-std::string lower(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char ch) { return static_cast<char>(tolower(ch)); });
-    return text;
-}
-
 // An mcl::ipc_peer serving in this process until the object goes.
 struct own_server {
     mcl::event stop;
@@ -413,7 +408,7 @@ TEST(IpcPeer, TheAcceptLoopKnowsItsClientsOutlivesAThrowingHandlerAndStopsWhileO
     EXPECT_EQ(0u, other.wait());
     const auto [pid, image] = handler.last_client();
     EXPECT_EQ(other.pid, pid);
-    EXPECT_NE(std::string::npos, lower(image).find("nv_ipc_client.exe")) << image;
+    EXPECT_NE(std::string::npos, mcl::mswin::lower_case(image).find("nv_ipc_client.exe")) << image;
 
     payload = text_payload("leave");
     EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
@@ -441,7 +436,7 @@ TEST(IpcPeer, AListenerNamesTheProcessThatMadeItsPipesBeforeIt) {
     const std::string text = log.text();
     EXPECT_TRUE(log.contains("\\\\.\\pipe\\" + squatter.name + "_INBOND\") already exists, made by process " +
                              std::to_string(squatter.process.pid) + " (")) << text;
-    EXPECT_NE(std::string::npos, lower(text).find("nv_ipc_helper.exe): its clients may reach"));
+    EXPECT_NE(std::string::npos, mcl::mswin::lower_case(text).find("nv_ipc_helper.exe): its clients may reach"));
     EXPECT_FALSE(log.contains("has no other instance"));
 }
 

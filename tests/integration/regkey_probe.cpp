@@ -12,38 +12,26 @@
 // Exit codes: 0 done, 1 usage, 2 the key cannot be read or written as asked.
 #include <windows.h>
 
-#include <sddl.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <vector>
 
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
 
 namespace {
 
 std::string dacl_text(HKEY handle) {
-    DWORD size = 0;
-    RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, nullptr, &size);
-    std::vector<BYTE> sd(size);
-    char* text = nullptr;
-    if (size == 0 || RegGetKeySecurity(handle, DACL_SECURITY_INFORMATION, sd.data(), &size) != ERROR_SUCCESS ||
-        !ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                             &text, nullptr))
-        return std::string();
-    std::string out(text);
-    LocalFree(text);
-    return out;
+    mcl::mswin::security_descriptor sd;
+    return sd.read_key_dacl(handle) == ERROR_SUCCESS ? sd.dacl_sddl() : std::string();
 }
 
 bool write_sddl(HKEY handle, SECURITY_INFORMATION info, const std::string& sddl) {
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl.c_str(), SDDL_REVISION_1, &sd, nullptr)) return false;
-    const LONG rc = RegSetKeySecurity(handle, info, sd);
-    LocalFree(sd);
-    return rc == ERROR_SUCCESS;
+    mcl::mswin::security_descriptor sd;
+    return mcl::mswin::security_descriptor::from_sddl(sddl.c_str(), sd) &&
+           RegSetKeySecurity(handle, info, sd.get()) == ERROR_SUCCESS;
 }
 
 HKEY open(const char* key, REGSAM access) {

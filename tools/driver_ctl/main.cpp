@@ -134,7 +134,7 @@ int wait_ready(int argc, wchar_t** argv) {
 int main() {
     int argc = 0;
     wchar_t** argv = CommandLineToArgvW(GetCommandLineW(), &argc);
-    mcl::mswin::unique_local owner(argv);
+    mcl::mswin::unique_local<wchar_t**> owner(argv);
     if (argv == nullptr || argc < 2) return usage();
     const std::wstring command = argv[1];
     struct entry {

@@ -93,7 +93,7 @@ int simulator::run() {
     quit_event_.reset(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     unique_kernel_handle ready(CreateEventW(nullptr, TRUE, FALSE, ready_event_name));
     unique_kernel_handle connected(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    mcl::mswin::unique_local descriptor(mcl::make_null_dacl_descriptor());
+    const mcl::mswin::unique_local<PSECURITY_DESCRIPTOR> descriptor = mcl::make_null_dacl_descriptor();
     SECURITY_ATTRIBUTES sa{sizeof sa, descriptor.get(), FALSE};
 
     auto create_instance = [&sa] {

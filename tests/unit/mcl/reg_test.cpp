@@ -2,20 +2,19 @@
 
 #include <windows.h>
 
-#include <sddl.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
+#include "mcl/mswin/security_descriptor.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
 
 namespace reg = mcl::mswin::reg;
 using mcl::mswin::unique_kernel_handle;
-using mcl::mswin::unique_local;
 using mcl::mswin::unique_reg_key;
 
 namespace {
@@ -43,16 +42,10 @@ protected:
     static std::string dacl_sddl(const std::string& key) {
         unique_reg_key h;
         if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, READ_CONTROL, h.put()) != ERROR_SUCCESS) return "?";
-        DWORD size = 0;
-        RegGetKeySecurity(h.get(), DACL_SECURITY_INFORMATION, nullptr, &size);
-        std::vector<BYTE> sd(size);
-        if (RegGetKeySecurity(h.get(), DACL_SECURITY_INFORMATION, sd.data(), &size) != ERROR_SUCCESS) return "?";
-        unique_local text;
-        if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(sd.data(), SDDL_REVISION_1,
-                                                                  DACL_SECURITY_INFORMATION,
-                                                                  reinterpret_cast<char**>(text.put()), nullptr))
-            return "?";
-        return static_cast<const char*>(text.get());
+        mcl::mswin::security_descriptor sd;
+        std::string text;
+        if (sd.read_key_dacl(h.get()) != ERROR_SUCCESS || !sd.to_sddl(DACL_SECURITY_INFORMATION, text)) return "?";
+        return text;
     }
 
     std::string root_;
@@ -126,10 +119,9 @@ TEST_F(Reg, OwnershipAndFullAccessOpenAKeyThatDeniesEveryoneAndForceRemoveDelete
     GetTokenInformation(token.get(), TokenUser, nullptr, 0, &size);
     std::vector<BYTE> user(size);
     ASSERT_TRUE(GetTokenInformation(token.get(), TokenUser, user.data(), size, &size));
-    unique_local sid_text;
-    ASSERT_TRUE(ConvertSidToStringSidA(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid,
-                                       reinterpret_cast<char**>(sid_text.put())));
-    EXPECT_EQ("D:(A;;KA;;;" + std::string(static_cast<const char*>(sid_text.get())) + ")", dacl_sddl(root_));
+    const std::string sid_text = mcl::mswin::sid(reinterpret_cast<TOKEN_USER*>(user.data())->User.Sid).to_string();
+    ASSERT_FALSE(sid_text.empty());
+    EXPECT_EQ("D:(A;;KA;;;" + sid_text + ")", dacl_sddl(root_));
 
     // Denied again, the whole tree goes all the same.
     h.reset();

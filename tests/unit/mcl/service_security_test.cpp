@@ -1,65 +1,133 @@
 #include <windows.h>
 
-#include <sddl.h>
-
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
 #include "mcl/event.h"
+#include "mcl/mswin/privilege.h"
+#include "mcl/mswin/reg.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
 #include "tests/helpers/process.h"
 
+using mcl::mswin::security_descriptor;
 using mcl::mswin::service;
-using mcl::mswin::unique_local;
+using mcl::mswin::sid;
 
 namespace {
-
-std::string sid_text(PSID sid) {
-    unique_local text;
-    if (!ConvertSidToStringSidA(sid, reinterpret_cast<char**>(text.put()))) return "?";
-    return static_cast<const char*>(text.get());
-}
 
 std::string acl_sddl(PACL acl) {
     SECURITY_DESCRIPTOR sd{};
     InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION);
     SetSecurityDescriptorDacl(&sd, TRUE, acl, FALSE);
-    unique_local text;
-    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(&sd, SDDL_REVISION_1, DACL_SECURITY_INFORMATION,
-                                                              reinterpret_cast<char**>(text.put()), nullptr))
-        return "?";
-    return static_cast<const char*>(text.get());
+    std::string text;
+    return mcl::mswin::descriptor_to_sddl(&sd, DACL_SECURITY_INFORMATION, text) ? text : "?";
 }
 
-// Holds the DACL of an SDDL text.
-struct sddl_dacl {
-    unique_local sd;
-    PACL dacl = nullptr;
-    explicit sddl_dacl(const char* text) {
-        if (text == nullptr) return;
-        EXPECT_TRUE(ConvertStringSecurityDescriptorToSecurityDescriptorA(text, SDDL_REVISION_1, sd.put(), nullptr));
-        BOOL present = FALSE;
-        BOOL defaulted = FALSE;
-        GetSecurityDescriptorDacl(sd.get(), &present, &dacl, &defaulted);
-    }
-};
+// Whether the process token holds the privilege enabled.
+bool privilege_enabled(const char* name) {
+    LUID luid{};
+    mcl::mswin::unique_kernel_handle token;
+    if (!LookupPrivilegeValueA(nullptr, name, &luid) || !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put()))
+        return false;
+    DWORD size = 0;
+    GetTokenInformation(token.get(), TokenPrivileges, nullptr, 0, &size);
+    std::vector<BYTE> buffer(size);
+    if (!GetTokenInformation(token.get(), TokenPrivileges, buffer.data(), size, &size)) return false;
+    const auto* held = reinterpret_cast<const TOKEN_PRIVILEGES*>(buffer.data());
+    for (DWORD i = 0; i < held->PrivilegeCount; ++i)
+        if (held->Privileges[i].Luid.LowPart == luid.LowPart && held->Privileges[i].Luid.HighPart == luid.HighPart)
+            return (held->Privileges[i].Attributes & SE_PRIVILEGE_ENABLED) != 0;
+    return false;
+}
 
-TEST(ServiceSid, DerivedFromTheUpperCasedNameAsWindowsPublishesIt) {
+TEST(Sid, WellKnownStringAndServiceSidsAsWindowsWritesThem) {
+    struct {
+        WELL_KNOWN_SID_TYPE type;
+        const char* alias;  // the SDDL alias of the same SID
+        const char* want;
+    } cases[] = {
+        {WinLocalSystemSid, "SY", "S-1-5-18"},
+        {WinBuiltinAdministratorsSid, "BA", "S-1-5-32-544"},
+        {WinWorldSid, "WD", "S-1-1-0"},
+    };
+    for (const auto& c : cases) {
+        sid known;
+        sid parsed;
+        ASSERT_TRUE(sid::from_well_known(c.type, known)) << c.want;
+        ASSERT_TRUE(sid::from_string(c.alias, parsed)) << c.alias;
+        EXPECT_EQ(c.want, known.to_string());
+        EXPECT_TRUE(known == parsed) << c.alias;
+        const sid copy = known;
+        EXPECT_EQ(c.want, copy.to_string()) << "a copy owns the same bytes";
+    }
+    sid none;
+    EXPECT_FALSE(sid::from_string("not a sid", none));
+    EXPECT_TRUE(none.empty());
+
     // TrustedInstaller's service SID as Windows publishes it (a lower-case name's SID is checked
-    // through the service in protection_test.sh).
+    // through the service in protection_test.sh). get_sid answers the same, whether the lookup
+    // maps the account or the name is derived.
     const std::string published = "S-1-5-80-956008885-3418522649-1831038044-1853292631-2271478464";
-    PSID derived = nullptr;
-    ASSERT_TRUE(service::derive_service_sid("TrustedInstaller", &derived));
-    EXPECT_EQ(published, sid_text(derived));
-    LocalFree(derived);
-    // get_sid answers the same, whether the lookup maps the account or the name is derived.
-    PSID looked_up = nullptr;
-    ASSERT_TRUE(service::get_sid("TrustedInstaller", &looked_up));
-    EXPECT_EQ(published, sid_text(looked_up));
-    LocalFree(looked_up);
+    sid derived;
+    sid looked_up;
+    ASSERT_TRUE(sid::from_service_name("TrustedInstaller", derived));
+    ASSERT_TRUE(service::get_sid("TrustedInstaller", looked_up));
+    EXPECT_EQ(published, derived.to_string());
+    EXPECT_EQ(published, looked_up.to_string());
+}
+
+TEST(SecurityDescriptor, SddlRoundTripAndARegistryKeyReadBack) {
+    // Each grants this process the read that reading the DACL back takes.
+    const char* cases[] = {"D:(A;;KA;;;WD)", "D:P(A;OICI;KA;;;BA)(A;;0x1200a9;;;AU)(A;;KR;;;WD)",
+                           "D:(D;;KA;;;AN)(A;;KA;;;WD)"};
+    const std::string key = "Software\\NvTest\\" + nv_test::unique_name("sd");
+    mcl::mswin::unique_reg_key handle;
+    ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS, nullptr,
+                                             handle.put(), nullptr));
+    for (const char* text : cases) {
+        security_descriptor sd;
+        ASSERT_TRUE(security_descriptor::from_sddl(text, sd)) << text;
+        EXPECT_EQ(text, sd.dacl_sddl());
+        const security_descriptor copy = sd;
+        EXPECT_EQ(text, copy.dacl_sddl()) << "a copy owns the same bytes";
+        EXPECT_EQ(std::string(text).rfind("D:P", 0) == 0, sd.dacl_protected()) << text;
+
+        ASSERT_EQ(ERROR_SUCCESS, sd.write_key_dacl(handle.get())) << text;
+        security_descriptor read_back;
+        ASSERT_TRUE(mcl::mswin::reg::get_key_dacl_security(HKEY_LOCAL_MACHINE, key, read_back)) << text;
+        EXPECT_EQ(text, read_back.dacl_sddl());
+        EXPECT_NE(nullptr, read_back.dacl());
+    }
+    security_descriptor bad;
+    EXPECT_FALSE(security_descriptor::from_sddl("D:(nonsense)", bad));
+    EXPECT_TRUE(bad.empty());
+    handle.reset();
+    EXPECT_TRUE(mcl::mswin::reg::force_remove(HKEY_LOCAL_MACHINE, key));
+}
+
+TEST(ScopedPrivilege, SwitchesForTheScopeAndPutsTheStateBack) {
+    for (const char* name : {SE_LOAD_DRIVER_NAME, SE_TAKE_OWNERSHIP_NAME}) {
+        const bool before = privilege_enabled(name);
+        {
+            const mcl::mswin::scoped_privilege on(name);
+            ASSERT_TRUE(on.switched()) << name;
+            EXPECT_TRUE(privilege_enabled(name)) << name;
+            {
+                const mcl::mswin::scoped_privilege off(name, /*enable=*/false);
+                ASSERT_TRUE(off.switched()) << name;
+                EXPECT_FALSE(privilege_enabled(name)) << name;
+            }
+            EXPECT_TRUE(privilege_enabled(name)) << name << ": the inner scope put it back";
+        }
+        EXPECT_EQ(before, privilege_enabled(name)) << name;
+    }
+    const mcl::mswin::scoped_privilege unknown("SeNoSuchPrivilege");
+    EXPECT_EQ(mcl::mswin::scoped_privilege::state::unknown_privilege, unknown.result());
 }
 
 TEST(SelectedFullAccessDacl, SelectedSidsFirstThenTheOldAcesNarrowed) {
@@ -85,22 +153,22 @@ TEST(SelectedFullAccessDacl, SelectedSidsFirstThenTheOldAcesNarrowed) {
          "D:(A;;FA;;;SY)(A;;GR;;;AU)"},
     };
     for (const auto& c : cases) {
-        sddl_dacl old_dacl(c.old_sddl);
-        const std::string old_before = c.old_sddl != nullptr ? acl_sddl(old_dacl.dacl) : "";
-        std::vector<unique_local> holders(c.sids.size());
-        std::vector<PSID> sids;
-        for (size_t i = 0; i < c.sids.size(); ++i) {
-            EXPECT_TRUE(ConvertStringSidToSidA(c.sids[i], holders[i].put()));
-            sids.push_back(holders[i].get());
+        security_descriptor old_sd;
+        if (c.old_sddl != nullptr) {
+            EXPECT_TRUE(security_descriptor::from_sddl(c.old_sddl, old_sd));
         }
+        PACL old_dacl = old_sd.dacl();
+        const std::string old_before = c.old_sddl != nullptr ? acl_sddl(old_dacl) : "";
+        std::vector<sid> sids(c.sids.size());
+        for (size_t i = 0; i < c.sids.size(); ++i) EXPECT_TRUE(sid::from_string(c.sids[i], sids[i]));
         PACL out = nullptr;
-        ASSERT_TRUE(service::update_dacl_with_selected_full_access_sids(old_dacl.dacl, sids, c.flags,
+        ASSERT_TRUE(service::update_dacl_with_selected_full_access_sids(old_dacl, sids, c.flags,
                                                                         c.selected_mask, c.other_mask, &out))
             << c.label;
         EXPECT_EQ(c.want, acl_sddl(out)) << c.label;
         HeapFree(GetProcessHeap(), 0, out);
         if (c.old_sddl != nullptr) {
-            EXPECT_EQ(old_before, acl_sddl(old_dacl.dacl)) << c.label << ": old DACL kept";
+            EXPECT_EQ(old_before, acl_sddl(old_dacl)) << c.label << ": old DACL kept";
         }
     }
 }

@@ -1,0 +1,101 @@
+#include "mcl/mswin/security_descriptor.h"
+
+#include <aclapi.h>
+#include <sddl.h>
+
+#include "mcl/mswin/unique_handle.h"
+
+namespace mcl::mswin {
+
+security_descriptor::security_descriptor(PSECURITY_DESCRIPTOR self_relative) {
+    if (self_relative == nullptr) return;
+    const BYTE* bytes = static_cast<const BYTE*>(self_relative);
+    bytes_.assign(bytes, bytes + GetSecurityDescriptorLength(self_relative));
+}
+
+bool security_descriptor::from_sddl(const char* sddl, security_descriptor& out) {
+    out.bytes_.clear();
+    unique_local<PSECURITY_DESCRIPTOR> raw;
+    if (!ConvertStringSecurityDescriptorToSecurityDescriptorA(sddl, SDDL_REVISION_1, raw.put(), nullptr)) return false;
+    out = security_descriptor(raw.get());
+    return true;
+}
+
+bool descriptor_to_sddl(PSECURITY_DESCRIPTOR descriptor, SECURITY_INFORMATION parts, std::string& out) {
+    unique_local<char*> text;
+    if (!ConvertSecurityDescriptorToStringSecurityDescriptorA(descriptor, SDDL_REVISION_1, parts, text.put(), nullptr))
+        return false;
+    out = text.get();
+    return true;
+}
+
+std::string security_descriptor::dacl_sddl() const {
+    std::string text;
+    return to_sddl(DACL_SECURITY_INFORMATION, text) ? text : std::string();
+}
+
+bool security_descriptor::get_dacl(PACL* dacl) const {
+    BOOL present = FALSE;
+    BOOL defaulted = FALSE;
+    *dacl = nullptr;
+    return GetSecurityDescriptorDacl(get(), &present, dacl, &defaulted) != FALSE;
+}
+
+PACL security_descriptor::dacl() const {
+    PACL found = nullptr;
+    return !empty() && get_dacl(&found) ? found : nullptr;
+}
+
+bool security_descriptor::dacl_protected() const {
+    SECURITY_DESCRIPTOR_CONTROL control = 0;
+    DWORD revision = 0;
+    return !empty() && GetSecurityDescriptorControl(get(), &control, &revision) && (control & SE_DACL_PROTECTED) != 0;
+}
+
+DWORD security_descriptor::read_file_dacl(const std::wstring& path) {
+    bytes_.clear();
+    PACL dacl = nullptr;
+    unique_local<PSECURITY_DESCRIPTOR> raw;
+    const DWORD err = GetNamedSecurityInfoW(path.c_str(), SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr,
+                                            &dacl, nullptr, raw.put());
+    if (err == ERROR_SUCCESS) *this = security_descriptor(raw.get());
+    return err;
+}
+
+DWORD security_descriptor::read_service_dacl(const std::string& name) {
+    bytes_.clear();
+    PACL dacl = nullptr;
+    unique_local<PSECURITY_DESCRIPTOR> raw;
+    const DWORD err = GetNamedSecurityInfoA(name.c_str(), SE_SERVICE, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl,
+                                            nullptr, raw.put());
+    if (err == ERROR_SUCCESS) *this = security_descriptor(raw.get());
+    return err;
+}
+
+LONG security_descriptor::read_key_dacl(HKEY key) {
+    bytes_.clear();
+    DWORD size = 0;
+    LONG rc = RegGetKeySecurity(key, DACL_SECURITY_INFORMATION, nullptr, &size);
+    if (rc != ERROR_INSUFFICIENT_BUFFER) return rc == ERROR_SUCCESS ? ERROR_INVALID_DATA : rc;
+    std::vector<BYTE> buffer(size);
+    rc = RegGetKeySecurity(key, DACL_SECURITY_INFORMATION, buffer.data(), &size);
+    if (rc == ERROR_SUCCESS) bytes_ = std::move(buffer);
+    return rc;
+}
+
+LONG security_descriptor::write_key_dacl(HKEY key) const {
+    return RegSetKeySecurity(key, DACL_SECURITY_INFORMATION, get());
+}
+
+DWORD security_descriptor::write_file_dacl(const std::wstring& path, PACL dacl, bool protect) {
+    const SECURITY_INFORMATION info = DACL_SECURITY_INFORMATION |
+                                      (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
+    return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, info, nullptr, nullptr, dacl, nullptr);
+}
+
+DWORD security_descriptor::write_file_owner(const std::wstring& path, PSID owner) {
+    return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, owner,
+                                 nullptr, nullptr, nullptr);
+}
+
+}  // namespace mcl::mswin
