@@ -34,7 +34,7 @@
 #include "mcl/encoding.h"
 #include "mcl/ipc/frame.h"
 #include "mcl/mswin/service.h"
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 #include "tests/helpers/raw_client.h"
 
 namespace {

@@ -9,7 +9,7 @@
 #include "client/request_codec.h"
 #include "mcl/encoding.h"
 #include "mcl/mswin/service.h"
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 
 using NVClientHelper::result;
 namespace codec = nvclient_codec;

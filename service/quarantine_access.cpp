@@ -1,21 +1,12 @@
 #include "service/quarantine_access.h"
 
 #include "app/log.h"
-#include "mcl/encoding.h"
 #include "mcl/mswin/service.h"
 
 std::string lower_ascii(std::string text) {
     for (char& c : text)
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     return text;
-}
-
-bool read_lowered_path(mcl::binary_t& payload, std::string& path) {
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
-    path = lower_ascii(std::move(path));
-    return decoded && !path.empty();
 }
 
 full_access_sids::~full_access_sids() {

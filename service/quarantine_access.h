@@ -1,5 +1,4 @@
-// What the quarantine and blocked-file handlers share: ASCII lower-casing of paths, the payload
-// that is one path, and the list of service SIDs given full access to a container or a file.
+// What the quarantine and blocked-file handlers share: ASCII lower-casing of paths and the list of service SIDs given full access to a container or a file.
 // Request thread; no state.
 #pragma once
 
@@ -12,10 +11,6 @@
 
 // `text` with A to Z lowered (no other case folding).
 std::string lower_ascii(std::string text);
-
-// Decodes a payload that is one narrow path, clears the payload for the reply and lowers the
-// path. False when the payload does not decode or the path is empty.
-bool read_lowered_path(mcl::binary_t& payload, std::string& path);
 
 // Service SIDs that get full access, each freed with LocalFree when the list goes.
 class full_access_sids {

@@ -1,7 +1,7 @@
 #include "tests/helpers/irp_client.h"
 
 #include "mcl/encoding.h"
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 #include "tools/driver_sim/sim_channel.h"
 #include "tools/driver_sim/sim_client.h"
 

@@ -1,7 +1,7 @@
 #include "tests/helpers/service_double.h"
 
 #include "mcl/encoding.h"
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 
 namespace nv_test {
 

@@ -12,7 +12,7 @@
 #include "client/invchelper.h"
 #include "client/nvchelper.h"
 #include "mcl/encoding.h"
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
 #include "tests/helpers/service_double.h"

@@ -6,7 +6,7 @@
 
 #include <string>
 
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
 

@@ -13,7 +13,7 @@
 #include "mcl/event.h"
 #include "service/driver_protocol.h"
 #include "service/helper_service.h"
-#include "service/message_ids.h"
+#include "protocol/message_ids.h"
 #include "tests/helpers/irp_client.h"
 #include "tests/helpers/log_capture.h"
 
