@@ -316,12 +316,7 @@ bool chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binar
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
     protocol::subscribe_request decoded;
     const irp::request_check check = protocol::decode(payload, decoded);
-    irp::subscribe_request request;
-    request.unsubscribe = decoded.unsubscribe;
-    request.subscriber = std::move(decoded.subscriber);
-    request.event_name = std::move(decoded.event_name);
-    request.file_path = std::move(decoded.file_path);
-    request.what = irp::filter{decoded.major_function, decoded.minor_function, decoded.type};
+    irp::subscribe_request request = irp::to_subscription(decoded);
     bool result = false;
     if (check == irp::request_check::truncated) {
         NV_LOG(fn, "Subscription request of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));

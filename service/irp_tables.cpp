@@ -51,6 +51,16 @@ message_check parse_message(const uint8_t* data, size_t size, message& out) {
     return message_check::name_unterminated;
 }
 
+subscribe_request to_subscription(const protocol::subscribe_request& decoded) {
+    subscribe_request request;
+    request.unsubscribe = decoded.unsubscribe;
+    request.subscriber = decoded.subscriber;
+    request.event_name = decoded.event_name;
+    request.file_path = decoded.file_path;
+    request.what = filter{decoded.major_function, decoded.minor_function, decoded.type};
+    return request;
+}
+
 protocol::notification_data to_notification(const record& r) {
     protocol::notification_data n;
     n.sequence = r.sequence;

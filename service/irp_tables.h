@@ -95,7 +95,9 @@ struct subscribe_request {
     filter what;
 };
 
-// The subscribe and query requests are read by protocol/requests.h.
+// The subscribe and query requests are read by protocol/requests.h; this is a decoded
+// subscribe request as the table takes it.
+subscribe_request to_subscription(const protocol::subscribe_request& decoded);
 
 // ---- records and tables
 
