@@ -26,6 +26,19 @@ request() {
     [ "$rc" = 0 ] || fail "request $1: client exit $rc: $(cat "$out")"
 }
 ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
+# call MESSAGE [KEY=VALUE ...]: the request from named fields (nv_ipc_client call); the reply's
+# fields in $reply: "result=R message=M", or "count=N" and a line per list element.
+call() {
+    run "$client" -t 200000 call "$@"
+    reply=$(cat "$out")
+    [ "$rc" = 0 ] || fail "call $1: client exit $rc: $(cat "$out")"
+}
+answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
+said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields
+ok=$(said 1 '')
+refused=$(said 0 '')
+# encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to cut or patch into a malformed one.
+encode() { wine "$client" encode "$@" </dev/null 2>/dev/null | tr -d '\r'; }
 
 # The service SID of a name: S-1-5-80 and the SHA-1 of its upper-cased UTF-16LE name.
 service_sid() {
