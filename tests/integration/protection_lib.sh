@@ -35,6 +35,7 @@ call() {
 }
 answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
 said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields
+items() { local key=$1 value; shift; printf 'count=%s' $#; for value in "$@"; do printf '\n%s=%s' "$key" "$value"; done; }  # KEY VALUE...: a list reply of strings
 ok=$(said 1 '')
 refused=$(said 0 '')
 # encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to cut or patch into a malformed one.
