@@ -5,6 +5,8 @@
 //                                                    one request from named fields; prints the
 //                                                    reply's fields (tools/ipc_client/named_fields.h)
 //   nv_ipc_client encode MESSAGE [KEY=VALUE ...]     prints that request's payload in hex
+//   nv_ipc_client encode-reply MESSAGE [KEY=VALUE ...]
+//                                                    prints the payload of a reply to MESSAGE
 //   nv_ipc_client [-n NAME] [-t MS] send ID [HEX]    one request; prints the reply payload in hex
 //   nv_ipc_client [-n NAME] [-t MS] post ID [HEX]    one post, no reply
 //   nv_ipc_client [-n NAME] [-t MS] hold SECONDS     stays connected, idle, for a while
@@ -33,6 +35,7 @@ void usage() {
             "usage: nv_ipc_client [-n NAME] [-t MS] version\n"
             "       nv_ipc_client [-n NAME] [-t MS] call MESSAGE [KEY=VALUE ...]\n"
             "       nv_ipc_client encode MESSAGE [KEY=VALUE ...]\n"
+            "       nv_ipc_client encode-reply MESSAGE [KEY=VALUE ...]\n"
             "       nv_ipc_client [-n NAME] [-t MS] send ID [HEX]\n"
             "       nv_ipc_client [-n NAME] [-t MS] post ID [HEX]\n"
             "       nv_ipc_client [-n NAME] [-t MS] hold SECONDS\n"
@@ -110,6 +113,16 @@ int main(int argc, char** argv) {
             usage();
             return 1;
         }
+    } else if (command == "encode-reply") {
+        std::string error;
+        if (i + 1 >= argc ||
+            !named_fields::encode_reply(argv[i + 1], std::vector<std::string>(argv + i + 2, argv + argc), payload, error)) {
+            if (!error.empty()) fprintf(stderr, "nv_ipc_client: %s\n", error.c_str());
+            usage();
+            return 1;
+        }
+        printf("%s\n", mcl::to_hex(payload).c_str());
+        return 0;
     } else if (command == "call" || command == "encode") {
         std::string error;
         if (i + 1 >= argc ||

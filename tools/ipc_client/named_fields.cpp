@@ -226,6 +226,23 @@ bool encode_request(const std::string& message, const std::vector<std::string>& 
     return ok;
 }
 
+bool encode_reply(const std::string& message, const std::vector<std::string>& args, mcl::binary_t& payload,
+                  std::string& error) {
+    bool found = false, ok = false;
+    for_each_message([&](auto m) {
+        using reply_t = typename decltype(m)::reply;
+        if constexpr (!std::is_same_v<reply_t, no_reply>) {
+            if (found || message != m.name) return;
+            found = true;
+            reply_t reply;
+            ok = parse(reply, args, error);
+            if (ok) encode(payload, reply);
+        }
+    });
+    if (!found) error = "unknown message \"" + message + "\" or one without a reply";
+    return ok;
+}
+
 bool decode_reply(uint32_t id, const mcl::binary_t& reply, std::vector<std::string>& lines) {
     bool ok = false;
     for_each_message([&](auto m) {

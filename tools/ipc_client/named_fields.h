@@ -22,6 +22,11 @@ namespace named_fields {
 bool encode_request(const std::string& message, const std::vector<std::string>& args, uint32_t& id,
                     mcl::binary_t& payload, std::string& error);
 
+// Encodes the reply to `message` from `args`, with the keys that decode_reply prints (a list
+// reply takes its elements' keys; its count follows from them).
+bool encode_reply(const std::string& message, const std::vector<std::string>& args, mcl::binary_t& payload,
+                  std::string& error);
+
 // The reply of `id` as lines of named fields; false when it does not decode in its layout.
 bool decode_reply(uint32_t id, const mcl::binary_t& reply, std::vector<std::string>& lines);
 
