@@ -1,6 +1,6 @@
 # Shared by the protection tests and benchmark: a prefix of its own with the driver simulator,
-# the service installed from C:\nv with the object-security recorder selected, request payloads
-# built in hex, and the simulator's journal and the recorder's journal read back.
+# the service installed from C:\nv with the object-security recorder selected, requests from
+# named fields, and the simulator's journal and the recorder's journal read back.
 : "${NV_SOURCE_DIR:?}"
 . "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
 new_prefix
@@ -10,16 +10,16 @@ drive_c=$WINEPREFIX/drive_c
 journal=$drive_c/nv/object_security.journal
 device='\Device\HarddiskVolume1'
 
-# Payload pieces, upper-case hex.
+# Bytes in upper-case hex, for what named fields cannot carry: registry records, text outside
+# the ANSI code page, payloads longer than a command line, bytes that must not decode.
 hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
 hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
 hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
 hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
 status_ok='0100'
 status_fail='0000'
-status_msg() { printf '%s' "$1"; hex_str "$2"; }
 
-# request ID [HEX]: the reply's hex in $reply.
+# request ID [HEX]: the payload sent as it is; the reply's hex in $reply.
 request() {
     run "$client" -t 200000 send "$@"
     reply=$(head -n 1 "$out")
