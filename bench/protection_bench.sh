@@ -52,7 +52,7 @@ echo "protect_unprotect_1000_over_100: $(awk -v a="${per_rule[1000]}" -v b="${pe
 install_test_service nv_bench_svc svc demand
 run sc start nv_bench_svc
 wait_svc_state nv_bench_svc 0
-request 1000002 "$(hex_u32 1)0101$(hex_str nv_bench_svc)"
+call protect-services svc=1 proc=1 name=nv_bench_svc
 total=0
 runs=5
 for _ in $(seq 1 $runs); do

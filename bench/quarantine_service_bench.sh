@@ -13,16 +13,12 @@ set -uo pipefail
 tool=$NV_BIN_DIR/quarantine_tool.exe
 now() { date +%s.%N; }
 rate() { awk -v b="$1" -v a="$2" -v z="$3" 'BEGIN { printf "%.1f", b / 1e6 / (z - a) }'; }
-hex_list() {
-    hex_u32 $#
-    for item in "$@"; do hex_str "$item"; done
-}
 
 printf '' >"$journal"
 run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
 run "$exe" -i install
 start_service
-request 10000c9 "$(hex_str 'C:\Q')$(hex_list)"
+call create-quarantine-container path='C:\Q'
 mkdir -p "$drive_c/data"
 for size in 64M:67108864 1G:1073741824; do
     for kind in random text; do
@@ -43,9 +39,9 @@ for size in 64M:67108864 1G:1073741824; do
         echo "tool_create_verify_$label: $tool_rate MB/s"
         cat "$file" >/dev/null
         t0=$(now)
-        request 10000ca "$(hex_u32 0)$(hex_str 'c:\q')$(hex_list "C:\\data\\$label.bin")"
+        call quarantine-files action=0 container='c:\q' path="C:\\data\\$label.bin"
         t1=$(now)
-        [ "${reply:0:2}" = 01 ] && [ ! -e "$file" ] || echo "error: quarantine of $label failed: $reply"
+        [ "${reply:0:9}" = 'result=1 ' ] && [ ! -e "$file" ] || echo "error: quarantine of $label failed: $reply"
         service_rate=$(rate "$bytes" "$t0" "$t1")
         echo "service_quarantine_$label: $service_rate MB/s"
         awk -v s="$service_rate" -v t="$tool_rate" -v l="$label" 'BEGIN { printf "service_vs_tool_%s: %.2f ratio\n", l, s / t }'

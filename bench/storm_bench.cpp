@@ -36,6 +36,8 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "protocol/message_ids.h"
+#include "protocol/replies.h"
+#include "protocol/requests.h"
 #include "tests/helpers/raw_client.h"
 
 namespace {
@@ -121,32 +123,32 @@ private:
     uint32_t sequence_ = 0;
 };
 
-bool status_ok(const mcl::binary_t& reply) { return reply.size() >= 1 && reply.data()[0] == 1; }
+bool status_ok(const mcl::binary_t& reply) {
+    protocol::status_reply status;
+    return protocol::decode(reply, status) && status.result == 1;
+}
+
+template <typename Request>
+mcl::binary_t encoded(const Request& request) {
+    mcl::binary_t p;
+    protocol::encode(p, request);
+    return p;
+}
 
 mcl::binary_t quarantine_payload(uint32_t action, const std::string& path) {
-    mcl::binary_t p;
-    mcl::write_u32(p, action);
-    mcl::write_string(p, storm_container);
-    mcl::write_string_list(p, {path});
-    return p;
+    return encoded(protocol::quarantine_files_request{action, storm_container, {path}});
 }
 
 // The container's archives as the service lists them: lowered original path -> archive path.
 bool list_archives(client_conn& conn, std::map<std::string, std::string>& archives) {
     archives.clear();
-    mcl::binary_t p;
-    mcl::write_string(p, storm_container);
     mcl::binary_t reply;
-    if (!conn.request(msg::get_quarantined_files, p, reply)) return false;
-    uint32_t pos = 0;
-    uint32_t count = 0;
-    if (!mcl::read_u32(count, reply, pos)) return false;
-    for (uint32_t i = 0; i < count; ++i) {
-        std::string name;
-        std::string original;
-        if (!mcl::read_string(name, reply, pos) || !mcl::read_string(original, reply, pos)) return false;
-        archives[mcl::mswin::lower_case(original)] = std::string(storm_container) + "\\" + name;
-    }
+    protocol::quarantined_files_reply files;
+    if (!conn.request(msg::get_quarantined_files, encoded(protocol::name_request{storm_container}), reply) ||
+        !protocol::decode(reply, files))
+        return false;
+    for (const protocol::quarantined_file& f : files.files)
+        archives[mcl::mswin::lower_case(f.recorded_path)] = std::string(storm_container) + "\\" + f.archive_name;
     return true;
 }
 
@@ -157,10 +159,10 @@ bool quarantine_or_restore(client_conn& conn, int client, int file, std::string&
     mcl::binary_t reply;
     if (GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES) {
         if (!conn.request(msg::quarantine_files, quarantine_payload(0, path), reply)) return false;
-        uint32_t pos = 1;
-        std::string message;
-        if (status_ok(reply) && mcl::read_string(message, reply, pos) && message.size() > 1 && message.back() == ';') {
-            archive = message.substr(0, message.size() - 1);
+        protocol::status_reply status;
+        if (protocol::decode(reply, status) && status.result == 1 && status.message.size() > 1 &&
+            status.message.back() == ';') {
+            archive = status.message.substr(0, status.message.size() - 1);
             c.quarantined++;
         }
         return true;
@@ -179,86 +181,49 @@ bool quarantine_or_restore(client_conn& conn, int client, int file, std::string&
 }
 
 mcl::binary_t service_rule_payload(int service, bool protect) {
-    mcl::binary_t p;
-    mcl::write_u32(p, 1);
-    mcl::write_byte(p, protect ? 1 : 0);
-    mcl::write_byte(p, 0);
-    mcl::write_string(p, "nvstorm" + std::to_string(service));
-    return p;
+    return encoded(protocol::protect_services_request{{{protect, false, "nvstorm" + std::to_string(service)}}});
 }
 
 mcl::binary_t reg_key_payload(int client, bool protect) {
-    mcl::binary_t p;
-    mcl::write_u32(p, 1);
-    mcl::write_byte(p, protect ? 1 : 0);
-    mcl::write_u64(p, hklm);
-    mcl::write_wstring(p, wide(storm_key(client)));
-    mcl::write_string(p, "nvstorm0");
-    mcl::write_string_list(p, {});
-    mcl::write_u32(p, 1);
-    return p;
+    return encoded(protocol::protect_reg_keys_request{
+        {{static_cast<uint8_t>(protect ? 1 : 0), hklm, wide(storm_key(client)), "nvstorm0", {}, 1}}});
 }
 
 mcl::binary_t process_payload(int client, bool protect) {
-    mcl::binary_t p;
-    mcl::write_u32(p, 1);
-    mcl::write_byte(p, protect ? 1 : 0);
-    mcl::write_wstring(p, wide("C:\\storm\\f" + std::to_string(client) + "\\storm.exe"));
-    return p;
+    return encoded(protocol::protect_processes_request{
+        {{protect, wide("C:\\storm\\f" + std::to_string(client) + "\\storm.exe")}}});
 }
 
 // A valid request of `id` that leaves the prefix usable, for client `client`.
 mcl::binary_t valid_payload(uint32_t id, int client, std::mt19937& rng) {
-    mcl::binary_t p;
     const std::string subscriber = "storm" + std::to_string(client);
     switch (id) {
-    case msg::protocol_compatible: mcl::write_u32(p, 5); break;
-    case msg::set_protection_enabled: mcl::write_byte(p, 1); break;
-    case msg::protect_processes: p = process_payload(client, rng() % 2 == 0); break;
-    case msg::service_ctrl_start_service:
-        mcl::write_string(p, "nvstorm_absent");
-        mcl::write_string_list(p, {});
-        break;
+    case msg::protocol_compatible: return encoded(protocol::compatibility_request{5});
+    case msg::set_protection_enabled: return encoded(protocol::protection_switch_request{true});
+    case msg::protect_processes: return process_payload(client, rng() % 2 == 0);
+    case msg::service_ctrl_start_service: return encoded(protocol::start_service_request{"nvstorm_absent", {}});
     case msg::service_ctrl_stop_service:
-    case msg::service_ctrl_recover_dacl: mcl::write_string(p, "nvstorm_absent"); break;
-    case msg::restore_driver_protection: mcl::write_byte(p, 1); break;
-    case msg::recover_folder_dacl: mcl::write_string(p, "C:\\storm\\f" + std::to_string(client)); break;
+    case msg::service_ctrl_recover_dacl: return encoded(protocol::name_request{"nvstorm_absent"});
+    case msg::restore_driver_protection: return encoded(protocol::restore_driver_request{true});
+    case msg::recover_folder_dacl: return encoded(protocol::name_request{"C:\\storm\\f" + std::to_string(client)});
     case msg::subscribe_irp_notification:
-        mcl::write_byte(p, static_cast<uint8_t>(rng() % 2));
-        mcl::write_string(p, subscriber);
-        mcl::write_string(p, "Global\\" + subscriber + "_irp");
-        mcl::write_string(p, "*");
-        mcl::write_byte(p, 0xFF);
-        mcl::write_byte(p, 0xFF);
-        mcl::write_u32(p, 1);
-        break;
-    case msg::query_irp_notification_data: mcl::write_string(p, subscriber); break;
-    case msg::get_quarantined_files: mcl::write_string(p, storm_container); break;
-    case msg::create_quarantine_container:
-        mcl::write_string(p, own_container(client));
-        mcl::write_string_list(p, {});
-        break;
+        return encoded(protocol::subscribe_request{rng() % 2 != 0, subscriber, "Global\\" + subscriber + "_irp", "*",
+                                                   0xFF, 0xFF, 1});
+    case msg::query_irp_notification_data: return encoded(protocol::notification_query_request{subscriber});
+    case msg::get_quarantined_files: return encoded(protocol::name_request{storm_container});
+    case msg::create_quarantine_container: return encoded(protocol::create_container_request{own_container(client), {}});
     case msg::remove_quarantine_container:  // restoring what it holds: nothing
-        mcl::write_u32(p, 2);
-        mcl::write_string(p, own_container(client));
-        break;
+        return encoded(protocol::remove_container_request{2, own_container(client)});
     case msg::block_file_access:
     case msg::unblock_file_access:
-    case msg::is_file_access_blocked: mcl::write_string(p, blocked_file(client)); break;
+    case msg::is_file_access_blocked: return encoded(protocol::name_request{blocked_file(client)});
     case msg::block_files_access:
-        mcl::write_u32(p, rng() % 2);
-        mcl::write_string_list(p, {});
-        mcl::write_string_list(p, {blocked_file(client)});
-        break;
-    case msg::is_file_quarantined: mcl::write_string(p, storm_file(client, 0)); break;
+        return encoded(protocol::block_files_request{static_cast<uint32_t>(rng() % 2), {}, {blocked_file(client)}});
+    case msg::is_file_quarantined: return encoded(protocol::name_request{storm_file(client, 0)});
     case msg::quarantine_files:  // an empty list; storm_client quarantines and restores real files
-        mcl::write_u32(p, 0);
-        mcl::write_string(p, storm_container);
-        mcl::write_string_list(p, {});
-        break;
-    default: break;  // the rest take no payload
+        return encoded(protocol::quarantine_files_request{0, storm_container, {}});
+    default: return mcl::binary_t();  // the rest take no payload
     }
-    return p;
 }
 
 // Requests the storm sends valid, besides the owned protect requests: every catalogue request
@@ -593,9 +558,7 @@ int check_files(int clients) {
 // The storm's container, made (or found made) by the service.
 bool register_container() {
     client_conn conn;
-    mcl::binary_t p;
-    mcl::write_string(p, storm_container);
-    mcl::write_string_list(p, {});
+    const mcl::binary_t p = encoded(protocol::create_container_request{storm_container, {}});
     mcl::binary_t reply;
     for (int i = 0; i < 100; ++i) {
         if (conn.open() && conn.request(msg::create_quarantine_container, p, reply)) return status_ok(reply);

@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+#include "protocol/replies.h"
+
 namespace NVClientHelper {
 
 // What the service answered: ok 1 success, 0 failure, and its message.
@@ -71,33 +73,10 @@ struct reg_key_rule {
     uint32_t level = level_read;
 };
 
-struct protected_service_info {
-    bool valid = false;
-    bool process_protected = false;
-    std::string service_sddl;
-    std::string folder_sddl;
-    std::string name;
-    std::string sid;
-    std::wstring image_path;
-    std::wstring folder;
-};
-
-struct protected_process_info {
-    bool valid = false;
-    std::string folder_sddl;
-    std::wstring image_path;
-    std::wstring folder;
-};
-
-struct protected_reg_key_info {
-    bool valid = false;
-    std::string original_sddl;
-    std::string current_sddl;
-    uint64_t root = 0;  // the root's handle value, sign-extended (HKLM is 0xFFFFFFFF80000002)
-    std::wstring path;
-    std::string owner;
-    std::vector<std::string> services;
-};
+// What the protection lists hold, as the service's replies carry them.
+using protected_service_info = protocol::protected_service_info;
+using protected_process_info = protocol::protected_process_info;
+using protected_reg_key_info = protocol::protected_reg_key_info;
 
 // Start a service with these arguments.
 struct start_request {
@@ -112,27 +91,16 @@ enum container_action : uint32_t { container_delete_archives = 1, container_rest
 // block_files_access actions (any other value than block unblocks).
 enum block_action : uint32_t { block_files = 0, unblock_files = 1 };
 
-struct quarantined_file {
-    std::string archive_name;   // file name of the archive inside the container
-    std::string recorded_path;  // where the file was, and where a restore puts it
-};
+// The archive's file name inside the container, and the recorded path: where the file was,
+// and where a restore puts it.
+using quarantined_file = protocol::quarantined_file;
 
 // Subscription filters: 0xFF and 0 match anything.
 constexpr uint8_t any_function = 0xFF;
 constexpr uint32_t any_notification = 0;
 
 // One access the driver denied on a subscribed file.
-struct notification_data {
-    uint64_t sequence = 0;
-    uint64_t time = 0;  // FILETIME, UTC
-    std::string file_path;
-    uint8_t major_function = 0;
-    uint8_t minor_function = 0;
-    uint64_t process_id = 0;
-    std::string process_image;
-    std::string process_description;
-    uint32_t irp_denied = 0;
-};
+using notification_data = protocol::notification_data;
 
 }  // namespace NVClientHelper
 

@@ -10,6 +10,8 @@
 #include "mcl/log.h"
 #include "mcl/mswin/service.h"
 #include "protocol/message_ids.h"
+#include "protocol/replies.h"
+#include "protocol/requests.h"
 
 using NVClientHelper::result;
 namespace codec = nvclient_codec;
@@ -87,12 +89,13 @@ bool nvchelper::request(uint32_t id, mcl::binary_t& payload) {
 }
 
 bool nvchelper::status_request(uint32_t id, mcl::binary_t& payload, result* r) {
-    if (!request(id, payload)) return false;
-    result reply;
-    uint32_t pos = 0;
-    if (!mcl::read_byte(reply.ok, payload, pos) || !mcl::read_string(reply.message, payload, pos)) return false;
-    const bool ok = reply.ok == 1;
-    if (r != nullptr) *r = std::move(reply);
+    protocol::status_reply reply;
+    if (!request(id, payload) || !protocol::decode(payload, reply)) return false;
+    const bool ok = reply.result == 1;
+    if (r != nullptr) {
+        r->ok = reply.result;
+        r->message = std::move(reply.message);
+    }
     return ok;
 }
 
@@ -164,24 +167,15 @@ bool nvchelper::protect_reg_keys(const std::vector<NVClientHelper::reg_key_rule>
 }
 
 bool nvchelper::query_protected_services(std::vector<NVClientHelper::protected_service_info>& out) {
-    out.clear();
-    mcl::binary_t payload;
-    uint32_t pos = 0;
-    return request(msg::query_protected_services, payload) && codec::read_service_infos(out, payload, pos);
+    return list_request(msg::query_protected_services, {}, out, &protocol::protected_services_reply::services);
 }
 
 bool nvchelper::query_protected_processes(std::vector<NVClientHelper::protected_process_info>& out) {
-    out.clear();
-    mcl::binary_t payload;
-    uint32_t pos = 0;
-    return request(msg::query_protected_processes, payload) && codec::read_process_infos(out, payload, pos);
+    return list_request(msg::query_protected_processes, {}, out, &protocol::protected_processes_reply::processes);
 }
 
 bool nvchelper::get_protected_reg_keys(std::vector<NVClientHelper::protected_reg_key_info>& out) {
-    out.clear();
-    mcl::binary_t payload;
-    uint32_t pos = 0;
-    return request(msg::get_protected_reg_keys, payload) && codec::read_reg_key_infos(out, payload, pos);
+    return list_request(msg::get_protected_reg_keys, {}, out, &protocol::protected_reg_keys_reply::keys);
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -199,28 +193,24 @@ bool nvchelper::enable_driver_protection(result* r) {
 
 bool nvchelper::set_protection_enabled(bool on, result* r) {
     mcl::binary_t payload;
-    mcl::write_byte(payload, on ? 1 : 0);
+    protocol::encode(payload, protocol::protection_switch_request{on});
     return status_request(msg::set_protection_enabled, payload, r);
 }
 
 bool nvchelper::proto_compatible() {
     mcl::binary_t payload;
-    mcl::write_u32(payload, codec::client_protocol_version);
-    if (!request(msg::protocol_compatible, payload)) return false;
-    uint8_t ok = 0;
-    uint32_t version = 0;
-    uint32_t pos = 0;
-    if (!mcl::read_byte(ok, payload, pos) || !mcl::read_u32(version, payload, pos)) return false;
-    protocol_version_ = version;
-    return ok == 1;
+    protocol::encode(payload, protocol::compatibility_request{codec::client_protocol_version});
+    protocol::compatibility_reply reply;
+    if (!request(msg::protocol_compatible, payload) || !protocol::decode(payload, reply)) return false;
+    protocol_version_ = reply.version;
+    return reply.ok == 1;
 }
 
 uint32_t nvchelper::get_service_version() {
     mcl::binary_t payload;
-    uint32_t version = 0;
-    uint32_t pos = 0;
-    if (!request(msg::service_version, payload) || !mcl::read_u32(version, payload, pos)) return 0;
-    return version;
+    protocol::version_reply reply;
+    if (!request(msg::service_version, payload) || !protocol::decode(payload, reply)) return 0;
+    return reply.version;
 }
 
 bool nvchelper::start_service(const NVClientHelper::start_request& request_, result* r) {
@@ -230,8 +220,7 @@ bool nvchelper::start_service(const NVClientHelper::start_request& request_, res
     check.name(request_.name, "Service name");
     check.list(request_.arguments, NVClientHelper::max_path_chars, "Start argument");
     if (check.refuse(r)) return false;
-    mcl::write_string(payload, request_.name);
-    mcl::write_string_list(payload, request_.arguments);
+    protocol::encode(payload, protocol::start_service_request{request_.name, request_.arguments});
     return status_request(msg::service_ctrl_start_service, payload, r);
 }
 
@@ -262,7 +251,7 @@ bool nvchelper::recover_folder_dacl(const std::string& path, result* r) {
 
 bool nvchelper::restore_driver_protection(bool flag, result* r) {
     mcl::binary_t payload;
-    mcl::write_byte(payload, flag ? 1 : 0);
+    protocol::encode(payload, protocol::restore_driver_request{flag});
     return status_request(msg::restore_driver_protection, payload, r);
 }
 
@@ -278,8 +267,7 @@ bool nvchelper::create_quarantine_container(const std::string& container, const 
     check.path(container, "Container path");
     check.list(services, NVClientHelper::max_name_chars, "Service name");
     if (check.refuse(r)) return false;
-    mcl::write_string(payload, container);
-    mcl::write_string_list(payload, services);
+    protocol::encode(payload, protocol::create_container_request{container, services});
     return status_request(msg::create_quarantine_container, payload, r);
 }
 
@@ -306,9 +294,7 @@ bool nvchelper::quarantine_files(uint32_t action, const std::string& container, 
     check.path(container, "Container path");
     check.list(paths, NVClientHelper::max_path_chars, "Path");
     if (check.refuse(r)) return false;
-    mcl::write_u32(payload, action);
-    mcl::write_string(payload, container);
-    mcl::write_string_list(payload, paths);
+    protocol::encode(payload, protocol::quarantine_files_request{action, container, paths});
     return status_request(msg::quarantine_files, payload, r);
 }
 
@@ -319,8 +305,7 @@ bool nvchelper::remove_quarantine_container(uint32_t action, const std::string& 
     codec::input_check check;
     check.path(container, "Container path");
     if (check.refuse(r)) return false;
-    mcl::write_u32(payload, action);
-    mcl::write_string(payload, container);
+    protocol::encode(payload, protocol::remove_container_request{action, container});
     return status_request(msg::remove_quarantine_container, payload, r);
 }
 
@@ -330,16 +315,13 @@ bool nvchelper::get_quarantined_files(const std::string& container, std::vector<
     if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_path(payload, container, nullptr)) return false;
-    uint32_t pos = 0;
-    return request(msg::get_quarantined_files, payload) && codec::read_quarantined_files(out, payload, pos);
+    return list_request(msg::get_quarantined_files, std::move(payload), out, &protocol::quarantined_files_reply::files);
 }
 
 bool nvchelper::get_quarantine_containers(std::vector<std::string>& out) {
     out.clear();
     if (!gate_open(NVClientHelper::quarantine_protocol, nullptr)) return false;
-    mcl::binary_t payload;
-    uint32_t pos = 0;
-    return request(msg::get_quarantine_containers, payload) && mcl::read_string_list(out, payload, pos);
+    return list_request(msg::get_quarantine_containers, {}, out, &protocol::quarantine_containers_reply::containers);
 }
 
 bool nvchelper::is_file_quarantined(const std::string& path, result* r) {
@@ -366,9 +348,7 @@ bool nvchelper::block_files_access(uint32_t action, const std::vector<std::strin
     check.list(services, NVClientHelper::max_name_chars, "Service name");
     check.list(files, NVClientHelper::max_path_chars, "Path");
     if (check.refuse(r)) return false;
-    mcl::write_u32(payload, action);
-    mcl::write_string_list(payload, services);
-    mcl::write_string_list(payload, files);
+    protocol::encode(payload, protocol::block_files_request{action, services, files});
     return status_request(msg::block_files_access, payload, r);
 }
 
@@ -391,13 +371,8 @@ bool nvchelper::subscription_request(bool unsubscribe_, const std::string& subsc
     check.text(event_name, NVClientHelper::max_path_chars, "Event name");
     check.path(file_path, "Path");
     if (check.refuse(r)) return false;
-    mcl::write_byte(payload, unsubscribe_ ? 1 : 0);
-    mcl::write_string(payload, subscriber);
-    mcl::write_string(payload, event_name);
-    mcl::write_string(payload, file_path);
-    mcl::write_byte(payload, major_function);
-    mcl::write_byte(payload, minor_function);
-    mcl::write_u32(payload, type);
+    protocol::encode(payload, protocol::subscribe_request{unsubscribe_, subscriber, event_name, file_path, major_function,
+                                                          minor_function, type});
     return status_request(msg::subscribe_irp_notification, payload, r);
 }
 
@@ -433,8 +408,7 @@ bool nvchelper::query_notification_data_as(const std::string& subscriber,
     if (!the_connection()) return false;
     mcl::binary_t payload;
     if (!codec::encode_name(payload, subscriber, nullptr)) return false;
-    uint32_t pos = 0;
-    return request(msg::query_irp_notification_data, payload) && codec::read_notifications(out, payload, pos);
+    return list_request(msg::query_irp_notification_data, std::move(payload), out, &protocol::notifications_reply::records);
 }
 
 // ---------------------------------------------------------------------------------------------

@@ -5,10 +5,13 @@
 
 #include <cstdint>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "client/invchelper.h"
 #include "mcl/buffer.h"
 #include "mcl/ipc/peer.h"
+#include "protocol/replies.h"
 
 class nvchelper : public mcl::ipc_peer, public invchelper {
 public:
@@ -104,6 +107,17 @@ private:
     bool request(uint32_t id, mcl::binary_t& payload);
     // request(), then the status reply into `r`; true when the service answered ok 1.
     bool status_request(uint32_t id, mcl::binary_t& payload, result* r);
+    // request(), then the list reply `Reply` decoded with the codec and its member `list` moved to
+    // `out` (the elements read whole when the reply is cut short); true when it decoded.
+    template <typename Reply, typename T>
+    bool list_request(uint32_t id, mcl::binary_t payload, std::vector<T>& out, std::vector<T> Reply::*list) {
+        out.clear();
+        if (!request(id, payload)) return false;
+        Reply reply;
+        const bool decoded = protocol::decode(payload, reply);
+        out = std::move(reply.*list);
+        return decoded;
+    }
     // A request whose payload is one path: checked and encoded, then status_request().
     bool path_request(uint32_t id, const std::string& path, result* r);
     bool subscription_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,

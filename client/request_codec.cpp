@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-#include "mcl/encoding.h"
 #include "mcl/mswin/text.h"
+#include "protocol/requests.h"
 
 using NVClientHelper::result;
 
@@ -56,7 +56,7 @@ bool encode_name(mcl::binary_t& out, const std::string& name, result* r) {
     input_check check;
     check.name(name, "Name");
     if (check.refuse(r)) return false;
-    mcl::write_string(out, name);
+    protocol::encode(out, protocol::name_request{name});
     return true;
 }
 
@@ -64,7 +64,7 @@ bool encode_path(mcl::binary_t& out, const std::string& path, result* r) {
     input_check check;
     check.path(path, "Path");
     if (check.refuse(r)) return false;
-    mcl::write_string(out, path);
+    protocol::encode(out, protocol::name_request{path});
     return true;
 }
 
@@ -72,9 +72,9 @@ bool encode_process_path(mcl::binary_t& out, bool protect, const std::string& im
     input_check check;
     check.path(image_path, "Image path");
     if (check.refuse(r)) return false;
-    mcl::write_u32(out, 1);
-    mcl::write_byte(out, protect ? 1 : 0);
-    mcl::write_wstring(out, mcl::mswin::widen(image_path));
+    protocol::protect_processes_request request;
+    request.rules.push_back(protocol::process_rule{protect, mcl::mswin::widen(image_path)});
+    protocol::encode(out, request);
     return true;
 }
 
@@ -83,11 +83,10 @@ bool encode_service_rules(mcl::binary_t& out, const std::vector<NVClientHelper::
     check.count(rules.size(), "Service rule");
     for (const auto& rule : rules) check.name(rule.name, "Service name");
     if (check.refuse(r)) return false;
-    mcl::write_list(out, rules, [](mcl::binary_t& o, const NVClientHelper::service_rule& rule) {
-        mcl::write_byte(o, rule.protect_service ? 1 : 0);
-        mcl::write_byte(o, rule.protect_process ? 1 : 0);
-        mcl::write_string(o, rule.name);
-    });
+    protocol::protect_services_request request;
+    for (const auto& rule : rules)
+        request.rules.push_back(protocol::service_rule{rule.protect_service, rule.protect_process, rule.name});
+    protocol::encode(out, request);
     return true;
 }
 
@@ -96,10 +95,9 @@ bool encode_process_rules(mcl::binary_t& out, const std::vector<NVClientHelper::
     check.count(rules.size(), "Process rule");
     for (const auto& rule : rules) check.wtext(rule.image_path, NVClientHelper::max_path_chars, "Image path");
     if (check.refuse(r)) return false;
-    mcl::write_list(out, rules, [](mcl::binary_t& o, const NVClientHelper::process_rule& rule) {
-        mcl::write_byte(o, rule.protect ? 1 : 0);
-        mcl::write_wstring(o, rule.image_path);
-    });
+    protocol::protect_processes_request request;
+    for (const auto& rule : rules) request.rules.push_back(protocol::process_rule{rule.protect, rule.image_path});
+    protocol::encode(out, request);
     return true;
 }
 
@@ -118,58 +116,13 @@ bool encode_reg_key_rules(mcl::binary_t& out, const std::vector<NVClientHelper::
         check.list(rule.services, NVClientHelper::max_name_chars, "Service name");
     }
     if (check.refuse(r)) return false;
-    mcl::write_list(out, rules, [](mcl::binary_t& o, const NVClientHelper::reg_key_rule& rule) {
-        mcl::write_byte(o, rule.protect ? 1 : 0);
-        mcl::write_u64(o, root_value(rule.root));
-        mcl::write_wstring(o, rule.path);
-        mcl::write_string(o, rule.owner);
-        mcl::write_string_list(o, rule.services);
-        mcl::write_u32(o, rule.level);
-    });
+    protocol::protect_reg_keys_request request;
+    for (const auto& rule : rules) {
+        request.entries.push_back(protocol::reg_key_entry{static_cast<uint8_t>(rule.protect ? 1 : 0), root_value(rule.root),
+                                                          rule.path, rule.owner, rule.services, rule.level});
+    }
+    protocol::encode(out, request);
     return true;
-}
-
-bool read_service_infos(std::vector<NVClientHelper::protected_service_info>& out, const mcl::binary_t& in,
-                        uint32_t& pos) {
-    return mcl::read_list(out, in, pos, [](NVClientHelper::protected_service_info& e, const mcl::binary_t& b, uint32_t& p) {
-        return mcl::read_bool(e.valid, b, p) && mcl::read_bool(e.process_protected, b, p) &&
-               mcl::read_string(e.service_sddl, b, p) && mcl::read_string(e.folder_sddl, b, p) &&
-               mcl::read_string(e.name, b, p) && mcl::read_string(e.sid, b, p) && mcl::read_wstring(e.image_path, b, p) &&
-               mcl::read_wstring(e.folder, b, p);
-    });
-}
-
-bool read_process_infos(std::vector<NVClientHelper::protected_process_info>& out, const mcl::binary_t& in,
-                        uint32_t& pos) {
-    return mcl::read_list(out, in, pos, [](NVClientHelper::protected_process_info& e, const mcl::binary_t& b, uint32_t& p) {
-        return mcl::read_bool(e.valid, b, p) && mcl::read_string(e.folder_sddl, b, p) &&
-               mcl::read_wstring(e.image_path, b, p) && mcl::read_wstring(e.folder, b, p);
-    });
-}
-
-bool read_reg_key_infos(std::vector<NVClientHelper::protected_reg_key_info>& out, const mcl::binary_t& in,
-                        uint32_t& pos) {
-    return mcl::read_list(out, in, pos, [](NVClientHelper::protected_reg_key_info& e, const mcl::binary_t& b, uint32_t& p) {
-        return mcl::read_bool(e.valid, b, p) && mcl::read_string(e.original_sddl, b, p) &&
-               mcl::read_string(e.current_sddl, b, p) && mcl::read_u64(e.root, b, p) && mcl::read_wstring(e.path, b, p) &&
-               mcl::read_string(e.owner, b, p) && mcl::read_string_list(e.services, b, p);
-    });
-}
-
-bool read_quarantined_files(std::vector<NVClientHelper::quarantined_file>& out, const mcl::binary_t& in,
-                            uint32_t& pos) {
-    return mcl::read_list(out, in, pos, [](NVClientHelper::quarantined_file& e, const mcl::binary_t& b, uint32_t& p) {
-        return mcl::read_string(e.archive_name, b, p) && mcl::read_string(e.recorded_path, b, p);
-    });
-}
-
-bool read_notifications(std::vector<NVClientHelper::notification_data>& out, const mcl::binary_t& in, uint32_t& pos) {
-    return mcl::read_list(out, in, pos, [](NVClientHelper::notification_data& e, const mcl::binary_t& b, uint32_t& p) {
-        return mcl::read_u64(e.sequence, b, p) && mcl::read_u64(e.time, b, p) && mcl::read_string(e.file_path, b, p) &&
-               mcl::read_byte(e.major_function, b, p) && mcl::read_byte(e.minor_function, b, p) &&
-               mcl::read_u64(e.process_id, b, p) && mcl::read_string(e.process_image, b, p) &&
-               mcl::read_string(e.process_description, b, p) && mcl::read_u32(e.irp_denied, b, p);
-    });
 }
 
 }  // namespace nvclient_codec

@@ -1,5 +1,6 @@
-// Payloads of the client's requests and readers of the service's replies, with the checks that
-// refuse a request before it is sent. Internal to the client library.
+// The checks that refuse a request before it is sent, and the encoders of the requests whose
+// client-side form differs from the wire's (the layouts themselves are in protocol/). Internal
+// to the client library.
 #pragma once
 
 #include <cstdint>
@@ -47,16 +48,5 @@ bool encode_reg_key_rules(mcl::binary_t& out, const std::vector<NVClientHelper::
                           NVClientHelper::result* r);
 // A root key's handle value as the service takes it: sign-extended to 64 bits.
 uint64_t root_value(HKEY root);
-
-// Reply readers: start at `pos`, advance it, false when the reply is cut short.
-bool read_service_infos(std::vector<NVClientHelper::protected_service_info>& out, const mcl::binary_t& in,
-                        uint32_t& pos);
-bool read_process_infos(std::vector<NVClientHelper::protected_process_info>& out, const mcl::binary_t& in,
-                        uint32_t& pos);
-bool read_reg_key_infos(std::vector<NVClientHelper::protected_reg_key_info>& out, const mcl::binary_t& in,
-                        uint32_t& pos);
-bool read_quarantined_files(std::vector<NVClientHelper::quarantined_file>& out, const mcl::binary_t& in,
-                            uint32_t& pos);
-bool read_notifications(std::vector<NVClientHelper::notification_data>& out, const mcl::binary_t& in, uint32_t& pos);
 
 }  // namespace nvclient_codec

@@ -5,8 +5,8 @@
 #include <string>
 
 #include "mcl/buffer.h"
+#include "protocol/requests.h"
 #include "service/irp_tables.h"
-#include "service/request_payloads.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     irp::message m;
@@ -15,17 +15,18 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     mcl::binary_t payload;
     payload.assign(data, static_cast<uint32_t>(size));
-    irp::subscribe_request request;
-    std::string subscriber;
-    (void)request_payload::read_query_irp_notification_data(payload, subscriber);
+    protocol::subscribe_request decoded;
+    protocol::notification_query_request query;
+    (void)protocol::decode(payload, query);
 
     // The tables under a stream of operations chosen by the input.
     static irp::tables tables;
     static uint64_t counter = 0;
     static uint64_t now = 0;
     static unsigned runs = 0;
-    if (request_payload::read_subscribe_irp_notification(payload, request) == irp::request_check::ok && !request.subscriber.empty() &&
-        !request.event_name.empty()) {
+    if (protocol::decode(payload, decoded) == irp::request_check::ok && !decoded.subscriber.empty() &&
+        !decoded.event_name.empty()) {
+        irp::subscribe_request request = irp::to_subscription(decoded);
         if (request.file_path.empty()) request.file_path = irp::any_file;
         (void)tables.subscribe(request);
     }

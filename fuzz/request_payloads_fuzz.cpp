@@ -1,15 +1,12 @@
-// Every request payload the service reads, fed what the fuzzer makes of a valid payload of
-// that request (the corpus holds one per request) and the shorter payloads cut from it. The
-// first input byte picks the request, the rest is the payload. What a reader accepts must
-// come out the same after writing it again and reading that.
+// Every request layout of the codec, fed what the fuzzer makes of a valid payload of that
+// request (the corpus holds one per request) and the shorter payloads cut from it. The first
+// input byte picks the layout, the rest is the payload. What the decoder accepts must come out
+// the same after encoding it again and decoding that.
 #include <cstddef>
 #include <cstdint>
-#include <string>
-#include <vector>
+#include <type_traits>
 
-#include "mcl/encoding.h"
-#include "service/irp_tables.h"
-#include "service/request_payloads.h"
+#include "protocol/requests.h"
 
 namespace {
 
@@ -17,117 +14,62 @@ void check(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-bool same(const service_rule& a, const service_rule& b) {
-    return a.protectService == b.protectService && a.protectProcess == b.protectProcess && a.name == b.name;
+bool accepted(const mcl::binary_t& payload, protocol::subscribe_request& out) {
+    return protocol::decode(payload, out) == protocol::request_check::ok;
 }
-bool same(const process_rule& a, const process_rule& b) { return a.protect == b.protect && a.imagePath == b.imagePath; }
-bool same(const reg_key_entry& a, const reg_key_entry& b) {
-    return a.action == b.action && a.root == b.root && a.path == b.path && a.owner == b.owner &&
-           a.services == b.services && a.level == b.level;
+bool accepted(const mcl::binary_t& payload, protocol::notification_query_request& out) {
+    return protocol::decode(payload, out) == protocol::request_check::ok;
 }
-template <typename T>
-bool same(const std::vector<T>& a, const std::vector<T>& b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); ++i)
-        if (!same(a[i], b[i])) return false;
-    return true;
+template <typename Request>
+bool accepted(const mcl::binary_t& payload, Request& out) {
+    return protocol::decode(payload, out);
 }
 
-void protect_services(const mcl::binary_t& payload) {
-    std::vector<service_rule> rules;
-    if (!request_payload::read_protect_services(payload, rules)) return;
+template <typename Request>
+void round_trip(const mcl::binary_t& payload) {
+    Request request;
+    const bool ok = accepted(payload, request);
+    // The layouts that take any payload long enough.
+    if constexpr (std::is_same_v<Request, protocol::protection_switch_request> ||
+                  std::is_same_v<Request, protocol::restore_driver_request>)
+        check(ok == !payload.empty());
+    if constexpr (std::is_same_v<Request, protocol::compatibility_request>) check(ok == (payload.size() >= 4));
+    if (!ok) return;
+    if constexpr (std::is_same_v<Request, protocol::name_request>)
+        check(!request.name.empty() && request.name.size() < payload.size());
     mcl::binary_t again;
-    mcl::write_list(again, rules, [](mcl::binary_t& out, const service_rule& r) {
-        mcl::write_byte(out, r.protectService ? 1 : 0);
-        mcl::write_byte(out, r.protectProcess ? 1 : 0);
-        mcl::write_string(out, r.name);
-    });
-    std::vector<service_rule> reread;
-    check(request_payload::read_protect_services(again, reread) && same(rules, reread));
-}
-
-void protect_processes(const mcl::binary_t& payload) {
-    std::vector<process_rule> rules;
-    if (!request_payload::read_protect_processes(payload, rules)) return;
-    mcl::binary_t again;
-    mcl::write_list(again, rules, [](mcl::binary_t& out, const process_rule& r) {
-        mcl::write_byte(out, r.protect ? 1 : 0);
-        mcl::write_wstring(out, r.imagePath);
-    });
-    std::vector<process_rule> reread;
-    check(request_payload::read_protect_processes(again, reread) && same(rules, reread));
-}
-
-void protect_reg_keys(const mcl::binary_t& payload) {
-    std::vector<reg_key_entry> entries;
-    if (!request_payload::read_protect_reg_keys(payload, entries)) return;
-    mcl::binary_t again;
-    mcl::write_list(again, entries, request_payload::write_reg_key_entry);
-    std::vector<reg_key_entry> reread;
-    check(request_payload::read_protect_reg_keys(again, reread) && same(entries, reread));
-}
-
-void protection_switch(const mcl::binary_t& payload) {
-    bool on = false;
-    check(request_payload::read_protection_switch(payload, on) == !payload.empty());
-}
-
-void protocol_compatible(const mcl::binary_t& payload) {
-    check(request_payload::read_protocol_compatible(payload) == (payload.size() >= 4));
-}
-
-void start_service(const mcl::binary_t& payload) {
-    std::string name;
-    std::vector<std::string> args;
-    if (!request_payload::read_start_service(payload, name, args)) return;
-    check(!name.empty());
-    mcl::binary_t again;
-    mcl::write_string(again, name);
-    mcl::write_string_list(again, args);
-    std::string name2;
-    std::vector<std::string> args2;
-    check(request_payload::read_start_service(again, name2, args2) && name2 == name && args2 == args);
-}
-
-void name(const mcl::binary_t& payload) {
-    std::string text;
-    if (!request_payload::read_name(payload, text)) return;
-    check(!text.empty() && text.size() < payload.size());
-}
-
-void restore_driver_protection(const mcl::binary_t& payload) {
-    check(request_payload::read_restore_driver_protection(payload) == !payload.empty());
-}
-
-void subscribe_irp_notification(const mcl::binary_t& payload) {
-    irp::subscribe_request request;
-    (void)request_payload::read_subscribe_irp_notification(payload, request);
-}
-
-void query_irp_notification_data(const mcl::binary_t& payload) {
-    std::string subscriber;
-    (void)request_payload::read_query_irp_notification_data(payload, subscriber);
+    protocol::encode(again, request);
+    check(again.size() <= payload.size());
+    Request reread;
+    check(accepted(again, reread));
+    mcl::binary_t third;
+    protocol::encode(third, reread);
+    check(third == again);
 }
 
 // In the order of the first byte of the corpus files.
-void (*const readers[])(const mcl::binary_t&) = {
-    protect_services,         // 0: 0x1000002
-    protect_processes,        // 1: 0x1000003
-    protection_switch,        // 2: 0x1000008
-    protocol_compatible,      // 3: 0x1000009
-    protect_reg_keys,         // 4: 0x100000b
-    start_service,            // 5: 0x1000065
-    name,                     // 6: 0x1000066, 0x1000067, 0x1000069
-    restore_driver_protection,  // 7: 0x1000068
-    subscribe_irp_notification,  // 8: 0x10000fa
-    query_irp_notification_data,  // 9: 0x10000fb
+void (*const layouts[])(const mcl::binary_t&) = {
+    round_trip<protocol::protect_services_request>,    // 0: 0x1000002
+    round_trip<protocol::protect_processes_request>,   // 1: 0x1000003
+    round_trip<protocol::protection_switch_request>,   // 2: 0x1000008
+    round_trip<protocol::compatibility_request>,       // 3: 0x1000009
+    round_trip<protocol::protect_reg_keys_request>,    // 4: 0x100000b
+    round_trip<protocol::start_service_request>,       // 5: 0x1000065
+    round_trip<protocol::name_request>,                // 6: 0x1000066, 67, 69, 0x10000cc, ce, cf, d0, d2
+    round_trip<protocol::restore_driver_request>,      // 7: 0x1000068
+    round_trip<protocol::subscribe_request>,           // 8: 0x10000fa
+    round_trip<protocol::notification_query_request>,  // 9: 0x10000fb
+    round_trip<protocol::create_container_request>,    // 10: 0x10000c9
+    round_trip<protocol::quarantine_files_request>,    // 11: 0x10000ca
+    round_trip<protocol::remove_container_request>,    // 12: 0x10000cb
+    round_trip<protocol::block_files_request>,         // 13: 0x10000d1
 };
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size < 1 || size > UINT32_MAX) return 0;
-    const auto read = readers[data[0] % (sizeof(readers) / sizeof(readers[0]))];
+    const auto read = layouts[data[0] % (sizeof(layouts) / sizeof(layouts[0]))];
     const mcl::binary_t payload(data + 1, static_cast<uint32_t>(size - 1));
     read(payload);
     // Payloads cut short: every field boundary of a small payload, halvings of a large one.

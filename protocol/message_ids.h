@@ -1,4 +1,4 @@
-// Identifiers of the request messages, shared by the service, the client and the tests.
+// Identifiers of the request messages, shared by the service, the client, the tools and the tests.
 #pragma once
 
 #include <cstdint>

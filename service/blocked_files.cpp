@@ -96,58 +96,52 @@ bool chelperservice::unblockFileAccess(const std::string& path) {
     return restorePathPermissions(wide, default_folder_sddl);
 }
 
-void chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
-    std::string path;
-    if (!read_lowered_path(payload, path)) {
-        mcl::write_status(payload, false, "");
-    } else if (is_quarantined_file(path)) {
-        mcl::write_status(payload, true, already_quarantined);
+bool chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const std::string path = mcl::mswin::lower_case(request.name);
+    if (is_quarantined_file(path)) {
+        protocol::reply_with(payload, protocol::status(true, already_quarantined));
     } else {
-        mcl::write_status(payload, blockFileAccess(path, {}), "");
+        protocol::reply_with(payload, protocol::status(blockFileAccess(path, {})));
     }
+    return true;
 }
 
-void chelperservice::unblock_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
-    std::string path;
-    if (!read_lowered_path(payload, path)) {
-        mcl::write_status(payload, false, "");
-    } else if (is_quarantined_file(path)) {
-        mcl::write_status(payload, false, already_quarantined);
+bool chelperservice::unblock_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const std::string path = mcl::mswin::lower_case(request.name);
+    if (is_quarantined_file(path)) {
+        protocol::reply_with(payload, protocol::status(false, already_quarantined));
     } else {
-        mcl::write_status(payload, unblockFileAccess(path), "");
+        protocol::reply_with(payload, protocol::status(unblockFileAccess(path)));
     }
+    return true;
 }
 
-void chelperservice::block_files_access(mcl::ipc_connection*, mcl::binary_t& payload) {
-    uint32_t action = 0;
-    std::vector<std::string> services, paths;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_u32(action, payload, pos) && mcl::read_string_list(services, payload, pos) &&
-                         mcl::read_string_list(paths, payload, pos);
-    payload.clear();
-    if (!decoded) {
-        mcl::write_status(payload, false, "");
-        return;
-    }
+bool chelperservice::block_files_access(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::block_files_request request;
+    if (!protocol::decode(payload, request)) return false;
     std::string failed;
-    for (const std::string& raw : paths) {
+    for (const std::string& raw : request.paths) {
         const std::string path = mcl::mswin::lower_case(raw);
         bool ok = true;
-        if (action == 0) {
-            if (!is_quarantined_file(path)) ok = blockFileAccess(path, services);
+        if (request.action == 0) {
+            if (!is_quarantined_file(path)) ok = blockFileAccess(path, request.services);
         } else {
             ok = !is_quarantined_file(path) && unblockFileAccess(path);
         }
         if (!ok) failed += path + ";";
     }
-    mcl::write_status(payload, true, failed);
+    protocol::reply_with(payload, protocol::status(true, failed));
+    return true;
 }
 
-void chelperservice::is_file_access_blocked(mcl::ipc_connection*, mcl::binary_t& payload) {
-    std::string path;
-    if (!read_lowered_path(payload, path)) {
-        mcl::write_status(payload, false, "");
-        return;
-    }
-    mcl::write_status(payload, true, blocked_files_.count(path) != 0 ? "yes" : "no");
+bool chelperservice::is_file_access_blocked(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const bool blocked = blocked_files_.count(mcl::mswin::lower_case(request.name)) != 0;
+    protocol::reply_with(payload, protocol::status(true, blocked ? "yes" : "no"));
+    return true;
 }

@@ -242,22 +242,22 @@ void chelperservice::setDriverProtection(bool on) {
     if (port) drvEnableProtectionFeatures(port.get(), on, regkey_protection_enabled_);
 }
 
-void chelperservice::disable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::disable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
     setDriverProtection(/*on=*/false);
-    payload.clear();
-    mcl::write_status(payload, true, "");
+    protocol::reply_with(payload, protocol::status(true));
+    return true;
 }
 
-void chelperservice::enable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::enable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
     setDriverProtection(/*on=*/true);
-    payload.clear();
-    mcl::write_status(payload, true, "");
+    protocol::reply_with(payload, protocol::status(true));
+    return true;
 }
 
-void chelperservice::set_protection_enabled(mcl::ipc_connection*, mcl::binary_t& payload) {
-    bool on = false;
-    const bool has_byte = request_payload::read_protection_switch(payload, on);
-    if (has_byte) setProtectionEnabled(on);
-    payload.clear();
-    mcl::write_status(payload, has_byte, "");
+bool chelperservice::set_protection_enabled(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::protection_switch_request request;
+    if (!protocol::decode(payload, request)) return false;
+    setProtectionEnabled(request.on);
+    protocol::reply_with(payload, protocol::status(true));
+    return true;
 }

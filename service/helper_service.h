@@ -10,19 +10,20 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/event.h"
 #include "mcl/ipc/peer.h"
+#include "mcl/lock.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
-#include "mcl/event.h"
-#include "mcl/lock.h"
 #include "mcl/mutex.h"
 #include "mcl/singleton.h"
 #include "mcl/thread.h"
+#include "protocol/replies.h"
+#include "protocol/requests.h"
 #include "service/emergency_options.h"
 #include "service/irp_tables.h"
 #include "service/regkey_protection.h"
-#include "service/request_payloads.h"
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread.
@@ -64,12 +65,14 @@ public:
         return service_protection_enabled_ && process_protection_enabled_ && regkey_protection_enabled_;
     }
 
-    // Request handlers, called through the dispatcher's table on the IPC event thread. Each reads
-    // its request from `payload` and overwrites it with its reply (or leaves it as it was).
-    void disconnect_client(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void service_version_query(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    // Request handlers, called through the dispatcher's table on the IPC event thread. Each
+    // decodes its request from `payload` and overwrites it with its reply (or leaves it as it
+    // was). False: the request did not decode and nothing was answered; the dispatcher then
+    // answers with the route's failure reply.
+    bool disconnect_client(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool service_version_query(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Driver command port: senders, switches and their requests (service/driver_port.cpp).
     // Every operation opens its own port connection; the senders return nothing and log a refusal.
@@ -114,9 +117,9 @@ public:
     static void setSvcMgrPath2Driver(const std::string& path);
     // Request handlers: 0x1000006 (features 0 and 6 off), 0x1000007 (on), feature 11 following
     // the registry protection switch; 0x1000008 (byte on: setProtectionEnabled). IPC event thread.
-    void disable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void enable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void set_protection_enabled(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool disable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool enable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool set_protection_enabled(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
     // The subscription table, the store and the pending index are guarded by irp_lock_; the
@@ -153,8 +156,8 @@ public:
     static uint64_t irpSystemTime();
     void setIrpClock(irp_clock_fn now) { irp_clock_ = now; }
     // 0x10000fa and 0x10000fb. IPC event thread; take irp_lock_.
-    void subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Process images and their folders (service/process_protection.cpp). The tables have no
     // lock: the IPC event thread and the start-up and shutdown steps use them, one at a time.
@@ -167,7 +170,7 @@ public:
         std::wstring folder;
         uint32_t refCount = 0;  // protected images in the folder; the record lives while >= 1
     };
-    using process_rule = ::process_rule;  // read by request_payload::read_protect_processes
+    using process_rule = protocol::process_rule;
     // The folder of an image path or of a command line (quoted path and arguments): the text up to
     // its last backslash, starting at the drive letter; a text without a backslash as it is.
     static std::wstring image_folder_of(const std::wstring& imagePath);
@@ -189,8 +192,8 @@ public:
                             std::string* originalSddl, bool denyOthers);
     // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again.
     bool restorePathPermissions(const std::wstring& path, const char* sddl);
-    void protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void query_protected_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool query_protected_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Services (service/service_protection.cpp). The table has no lock (as the process tables).
     struct service_record {
@@ -199,7 +202,7 @@ public:
         std::string sid;  // S-1-5-80-...
         std::wstring imagePath;
     };
-    using service_rule = ::service_rule;  // read by request_payload::read_protect_services
+    using service_rule = protocol::service_rule;
     static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
     static constexpr const char* protected_processes_key =
         "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";
@@ -218,8 +221,8 @@ public:
     bool unprotectService(const service_record& record);
     // Applies a rule list, driving the image rules; an empty first name means every service.
     bool handle_protect_services(const std::vector<service_rule>& rules);
-    void protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Enforcement and service control (service/service_enforcement.cpp).
     // Keeps the listed services running: a pass every 15 s, and at once when the system reports a
@@ -246,19 +249,19 @@ public:
     // Runs `program` through the shell with the "runas" verb, hidden, and waits up to 30 s for its
     // exit code when a process handle comes back.
     static bool run_elevated(const std::string& program, const std::string& parameters, DWORD* exitCode);
-    void service_ctrl_start_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void service_ctrl_stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void service_ctrl_recover_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void restore_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void recover_folder_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool service_ctrl_start_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool service_ctrl_stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool service_ctrl_recover_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool restore_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool recover_folder_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Registry keys (service/regkey_protection.cpp). Everything here runs on the IPC event thread
     // or on the service thread at start-up and shutdown; the key table has no lock.
     // The service's own persistence keys under HKEY_LOCAL_MACHINE, protected at every start.
     static const char* const own_reg_keys[6];
     // Requests 0x100000b (status reply) and 0x100000c (the protected keys).
-    void protect_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void get_protected_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool protect_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool get_protected_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
     // Protects or unprotects each entry in order; an empty first path with action 0 lifts every
     // key rule. False when any entry failed.
     bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries);
@@ -308,16 +311,16 @@ public:
     bool is_quarantined_file(const std::string& path);
     bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
     bool unblockFileAccess(const std::string& path);
-    void create_quarantine_container(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void quarantine_files(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void remove_quarantine_container(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void get_quarantined_files(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void get_quarantine_containers(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void is_file_quarantined(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void block_file_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void unblock_file_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void block_files_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    void is_file_access_blocked(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool create_quarantine_container(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool quarantine_files(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool remove_quarantine_container(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool get_quarantined_files(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool get_quarantine_containers(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool is_file_quarantined(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool block_file_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool unblock_file_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool block_files_access(mcl::ipc_connection* conn, mcl::binary_t& payload);
+    bool is_file_access_blocked(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
 private:
     friend class mcl::singleton_ptr<chelperservice>;
@@ -363,8 +366,6 @@ private:
     // IRP-denied notification state.
     void handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence);
     void clearIrpStore();
-    void subscribeIrpNotification(mcl::binary_t& payload);
-    void queryIrpNotificationData(mcl::binary_t& payload);
     // The image path of a process and that file's description; both stay empty when the
     // process cannot be read. Receiver thread.
     void readProcessImage(uint32_t pid, std::string& image, std::string& image_description);

@@ -18,7 +18,6 @@
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
-#include "service/request_payloads.h"
 
 namespace {
 
@@ -306,20 +305,11 @@ std::string chelperservice::device_to_dos_path(const std::wstring& devicePath) c
 
 // ---- requests
 
-void chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binary_t& payload) {
-    try {
-        subscribeIrpNotification(payload);
-    } catch (const std::exception& e) {
-        NV_LOG("chelperservice::subscribe_irp_notification", "Subscription request failed: %s", e.what());
-        payload.clear();
-        mcl::write_status(payload, false, "");
-    }
-}
-
-void chelperservice::subscribeIrpNotification(mcl::binary_t& payload) {
+bool chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
-    irp::subscribe_request request;
-    const irp::request_check check = request_payload::read_subscribe_irp_notification(payload, request);
+    protocol::subscribe_request decoded;
+    const irp::request_check check = protocol::decode(payload, decoded);
+    irp::subscribe_request request = irp::to_subscription(decoded);
     bool result = false;
     if (check == irp::request_check::truncated) {
         NV_LOG(fn, "Subscription request of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
@@ -353,24 +343,15 @@ void chelperservice::subscribeIrpNotification(mcl::binary_t& payload) {
                 break;
         }
     }
-    payload.clear();
-    mcl::write_status(payload, result, "");
+    protocol::reply_with(payload, protocol::status(result));
+    return true;
 }
 
-void chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::binary_t& payload) {
-    try {
-        queryIrpNotificationData(payload);
-    } catch (const std::exception& e) {
-        NV_LOG("chelperservice::query_irp_notification_data", "Query failed: %s", e.what());
-        payload.clear();
-        mcl::write_u32(payload, 0);
-    }
-}
-
-void chelperservice::queryIrpNotificationData(mcl::binary_t& payload) {
+bool chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::query_irp_notification_data";
-    std::string subscriber;
-    const irp::request_check check = request_payload::read_query_irp_notification_data(payload, subscriber);
+    protocol::notification_query_request request;
+    const irp::request_check check = protocol::decode(payload, request);
+    const std::string& subscriber = request.subscriber;
     if (check == irp::request_check::oversized) {
         NV_LOG(fn, "Query of %u bytes is oversized (a subscriber name of at most %u bytes), refused",
                static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_name_bytes));
@@ -385,11 +366,13 @@ void chelperservice::queryIrpNotificationData(mcl::binary_t& payload) {
             NV_LOG(fn, "Found notification data for <%s> on file <%s>, from pid <%llu>", subscriber.c_str(),
                    r.file_path.c_str(), static_cast<unsigned long long>(r.process_id));
     }
-    payload.clear();
-    mcl::write_list(payload, records, [&](mcl::binary_t& out, const irp::record& r) {
+    protocol::notifications_reply reply;
+    for (const irp::record& r : records) {
         if (r.type != irp::type_irp_denied)
             NV_LOG(fn, "Unsupport IRP notification type %d for %s: %s", static_cast<int>(r.type), subscriber.c_str(),
                    r.file_path.c_str());
-        irp::write_record(out, r);
-    });
+        reply.records.push_back(irp::to_notification(r));
+    }
+    protocol::reply_with(payload, reply);
+    return true;
 }

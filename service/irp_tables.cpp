@@ -51,16 +51,28 @@ message_check parse_message(const uint8_t* data, size_t size, message& out) {
     return message_check::name_unterminated;
 }
 
-void write_record(mcl::binary_t& out, const record& r) {
-    mcl::write_u64(out, r.sequence);
-    mcl::write_u64(out, r.time);
-    mcl::write_string(out, r.file_path);
-    mcl::write_byte(out, r.major_function);
-    mcl::write_byte(out, r.minor_function);
-    mcl::write_u64(out, r.process_id);
-    mcl::write_string(out, r.process_image);
-    mcl::write_string(out, r.process_description);
-    mcl::write_u32(out, r.type == type_irp_denied ? 1 : 0);
+subscribe_request to_subscription(const protocol::subscribe_request& decoded) {
+    subscribe_request request;
+    request.unsubscribe = decoded.unsubscribe;
+    request.subscriber = decoded.subscriber;
+    request.event_name = decoded.event_name;
+    request.file_path = decoded.file_path;
+    request.what = filter{decoded.major_function, decoded.minor_function, decoded.type};
+    return request;
+}
+
+protocol::notification_data to_notification(const record& r) {
+    protocol::notification_data n;
+    n.sequence = r.sequence;
+    n.time = r.time;
+    n.file_path = r.file_path;
+    n.major_function = r.major_function;
+    n.minor_function = r.minor_function;
+    n.process_id = r.process_id;
+    n.process_image = r.process_image;
+    n.process_description = r.process_description;
+    n.irp_denied = r.type == type_irp_denied ? 1 : 0;
+    return n;
 }
 
 subscribe_outcome tables::subscribe(const subscribe_request& request) {

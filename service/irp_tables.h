@@ -14,6 +14,8 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "protocol/replies.h"
+#include "protocol/requests.h"
 
 namespace irp {
 
@@ -28,11 +30,11 @@ inline constexpr size_t max_records_per_subscriber = 10000;
 inline constexpr size_t max_subscribers = 64;
 inline constexpr size_t max_files_per_subscriber = 256;
 inline constexpr size_t max_filters_per_file = 16;
-inline constexpr size_t max_name_bytes = 260;   // subscriber and event name, without the terminator
-inline constexpr size_t max_path_bytes = 1024;  // a UTF-8 file path, without the terminator
-// The largest well-formed requests: byte, three strings, two bytes and a u32; one string.
-inline constexpr size_t max_subscribe_payload = 1 + 2 * (max_name_bytes + 1) + (max_path_bytes + 1) + 1 + 1 + 4;
-inline constexpr size_t max_query_payload = max_name_bytes + 1;
+// The bounds of the subscribe and query requests (protocol/requests.h).
+using protocol::max_name_bytes;
+using protocol::max_path_bytes;
+using protocol::max_subscribe_payload;
+using protocol::max_query_payload;
 
 inline constexpr uint8_t any_function = 0xFF;
 inline constexpr uint32_t any_type = 0;
@@ -64,7 +66,7 @@ message_check parse_message(const uint8_t* data, size_t size, message& out);
 
 // ---- requests
 
-enum class request_check { ok, truncated, oversized };
+using protocol::request_check;
 
 struct filter {
     uint8_t major_function = any_function;
@@ -93,7 +95,9 @@ struct subscribe_request {
     filter what;
 };
 
-// The subscribe and query requests are read by service/request_payloads.h.
+// The subscribe and query requests are read by protocol/requests.h; this is a decoded
+// subscribe request as the table takes it.
+subscribe_request to_subscription(const protocol::subscribe_request& decoded);
 
 // ---- records and tables
 
@@ -109,8 +113,8 @@ struct record {
     uint32_t type = type_irp_denied;
 };
 
-// One element of the 0x10000fb reply.
-void write_record(mcl::binary_t& out, const record& r);
+// One element of the query reply.
+protocol::notification_data to_notification(const record& r);
 
 struct subscription {
     std::string subscriber;

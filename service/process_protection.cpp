@@ -231,30 +231,30 @@ void chelperservice::restoreProtectedFolders() {
 
 void chelperservice::restoreFolder(const std::wstring& path) { (void)restorePathPermissions(path, default_folder_sddl); }
 
-void chelperservice::protect_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
-    std::vector<process_rule> rules;
-    bool ok = false;
-    if (!request_payload::read_protect_processes(payload, rules)) {
+bool chelperservice::protect_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::protect_processes_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG("chelperservice::protect_processes", "Malformed process rule list (%d bytes): nothing applied",
                static_cast<int>(payload.size()));
-    } else {
-        ok = handle_protect_processes(rules);
+        return false;
     }
-    payload.clear();
-    mcl::write_status(payload, ok, "");
+    const bool ok = handle_protect_processes(request.rules);
+    protocol::reply_with(payload, protocol::status(ok));
+    return true;
 }
 
-void chelperservice::query_protected_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
-    payload.clear();
-    uint32_t count = 0;
-    for (const auto& entry : protected_processes_) count += entry.first.empty() ? 0 : 1;
-    mcl::write_u32(payload, count);
+bool chelperservice::query_protected_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::protected_processes_reply reply;
     for (const auto& entry : protected_processes_) {
         if (entry.first.empty()) continue;
         auto folder = protected_folders_.find(entry.second.folder);
-        mcl::write_byte(payload, 1);
-        mcl::write_string(payload, folder == protected_folders_.end() ? std::string() : folder->second.sddl);
-        mcl::write_wstring(payload, entry.second.imagePath);
-        mcl::write_wstring(payload, entry.second.folder);
+        protocol::protected_process_info info;
+        info.valid = true;
+        info.folder_sddl = folder == protected_folders_.end() ? std::string() : folder->second.sddl;
+        info.image_path = entry.second.imagePath;
+        info.folder = entry.second.folder;
+        reply.processes.push_back(std::move(info));
     }
+    protocol::reply_with(payload, reply);
+    return true;
 }

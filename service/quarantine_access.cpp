@@ -1,20 +1,11 @@
 #include "service/quarantine_access.h"
 
-#include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 
-bool read_lowered_path(mcl::binary_t& payload, std::string& path) {
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
-    path = mcl::mswin::lower_case(std::move(path));
-    return decoded && !path.empty();
-}
-
 bool full_access_service_sids(const char* fn, const char* target, const std::vector<std::string>& services,
-                      std::vector<mcl::mswin::sid>& sids) {
+                              std::vector<mcl::mswin::sid>& sids) {
     sids.clear();
     mcl::mswin::sid own;
     if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, own)) {

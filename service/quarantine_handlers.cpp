@@ -113,114 +113,92 @@ void chelperservice::loadqQuarantineContainers() {
            static_cast<int>(blocked_files_.size()));
 }
 
-void chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::create_quarantine_container";
-    std::string path;
-    std::vector<std::string> services;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos) && mcl::read_string_list(services, payload, pos);
-    payload.clear();
-    if (!decoded) {
-        mcl::write_status(payload, false, "");
-        return;
-    }
-    if (path.empty()) {
+    protocol::create_container_request request;
+    if (!protocol::decode(payload, request)) return false;
+    if (request.path.empty()) {
         NV_LOG(fn, "Failed to create quarantine container, invalid path.");
-        mcl::write_status(payload, false, "Invalid path.");
-        return;
+        protocol::reply_with(payload, protocol::status(false, "Invalid path."));
+        return true;
     }
-    path = normalise_container(path);
+    const std::string path = normalise_container(request.path);
     if (quarantine_containers_.count(path) != 0) {
-        mcl::write_status(payload, true, "");
-        return;
+        protocol::reply_with(payload, protocol::status(true));
+        return true;
     }
-    if (!is_container_path(path) || !createQuarantineContainer(path, services)) {
+    if (!is_container_path(path) || !createQuarantineContainer(path, request.services)) {
         NV_LOG(fn, "Failed to create quarantine container path.");
-        mcl::write_status(payload, false, "Invalid path.");
-        return;
+        protocol::reply_with(payload, protocol::status(false, "Invalid path."));
+        return true;
     }
-    mcl::write_status(payload, true, "");
+    protocol::reply_with(payload, protocol::status(true));
+    return true;
 }
 
-void chelperservice::quarantine_files(mcl::ipc_connection*, mcl::binary_t& payload) {
-    uint32_t action = 0;
-    std::string container;
-    std::vector<std::string> paths;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_u32(action, payload, pos) && mcl::read_string(container, payload, pos) &&
-                         mcl::read_string_list(paths, payload, pos);
-    payload.clear();
-    if (!decoded) {
-        mcl::write_status(payload, false, "");
-        return;
-    }
-    container = normalise_container(container);
+bool chelperservice::quarantine_files(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::quarantine_files_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const std::string container = normalise_container(request.container);
     if (quarantine_containers_.count(container) == 0 || !is_directory(container)) {
-        mcl::write_status(payload, false, "Invalid quarantine container.");
-        return;
+        protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
+        return true;
     }
     std::string message;
-    const bool ok = quarantine_files_action(action, container, paths, message);
-    mcl::write_status(payload, ok, message);
+    const bool ok = quarantine_files_action(request.action, container, request.paths, message);
+    protocol::reply_with(payload, protocol::status(ok, message));
+    return true;
 }
 
-void chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::remove_quarantine_container";
-    uint32_t action = 0;
-    std::string path;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_u32(action, payload, pos) && mcl::read_string(path, payload, pos);
-    payload.clear();
-    if (!decoded) {
-        mcl::write_status(payload, false, "");
-        return;
-    }
-    if (path.empty()) {
+    protocol::remove_container_request request;
+    if (!protocol::decode(payload, request)) return false;
+    if (request.path.empty()) {
         NV_LOG(fn, "Failed to remove quarantine container, invalid path.");
-        mcl::write_status(payload, false, "Invalid path.");
-        return;
+        protocol::reply_with(payload, protocol::status(false, "Invalid path."));
+        return true;
     }
-    path = normalise_container(path);
+    const std::string path = normalise_container(request.path);
     if (quarantine_containers_.count(path) == 0) {
-        mcl::write_status(payload, false, "Invalid quarantine container.");
-        return;
+        protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
+        return true;
     }
-    if (action != 1 && action != 2) {
-        mcl::write_status(payload, false, "Invalid action.");
-        return;
+    if (request.action != 1 && request.action != 2) {
+        protocol::reply_with(payload, protocol::status(false, "Invalid action."));
+        return true;
     }
-    mcl::write_status(payload, removeQuarantineContainer(path, action), "");
+    protocol::reply_with(payload, protocol::status(removeQuarantineContainer(path, request.action)));
+    return true;
 }
 
-void chelperservice::get_quarantined_files(mcl::ipc_connection*, mcl::binary_t& payload) {
-    std::string path;
-    uint32_t pos = 0;
-    const bool decoded = mcl::read_string(path, payload, pos);
-    payload.clear();
+bool chelperservice::get_quarantined_files(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const std::string path = normalise_container(request.name);
     std::vector<std::string> archives;
-    if (decoded) {
-        path = normalise_container(path);
-        if (quarantine_containers_.count(path) != 0) list_quarantine_files(path, archives);
-    }
-    mcl::write_u32(payload, static_cast<uint32_t>(archives.size()));
+    if (quarantine_containers_.count(path) != 0) list_quarantine_files(path, archives);
+    protocol::quarantined_files_reply reply;
     for (const std::string& archive : archives) {
-        std::string original;
-        (void)read_quarantine_file_original_path(archive, original);
-        mcl::write_string(payload, archive.substr(archive.rfind('\\') + 1));
-        mcl::write_string(payload, original);
+        protocol::quarantined_file file;
+        file.archive_name = archive.substr(archive.rfind('\\') + 1);
+        (void)read_quarantine_file_original_path(archive, file.recorded_path);
+        reply.files.push_back(std::move(file));
     }
+    protocol::reply_with(payload, reply);
+    return true;
 }
 
-void chelperservice::get_quarantine_containers(mcl::ipc_connection*, mcl::binary_t& payload) {
-    payload.clear();
-    mcl::write_string_list(payload, std::vector<std::string>(quarantine_containers_.begin(), quarantine_containers_.end()));
+bool chelperservice::get_quarantine_containers(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::quarantine_containers_reply reply;
+    reply.containers.assign(quarantine_containers_.begin(), quarantine_containers_.end());
+    protocol::reply_with(payload, reply);
+    return true;
 }
 
-void chelperservice::is_file_quarantined(mcl::ipc_connection*, mcl::binary_t& payload) {
-    std::string path;
-    if (!read_lowered_path(payload, path)) {
-        mcl::write_status(payload, false, "");
-        return;
-    }
-    mcl::write_status(payload, true, is_quarantined_file(path) ? "yes" : "no");
+bool chelperservice::is_file_quarantined(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    protocol::reply_with(payload, protocol::status(true, is_quarantined_file(mcl::mswin::lower_case(request.name)) ? "yes" : "no"));
+    return true;
 }

@@ -298,45 +298,34 @@ const char* const chelperservice::own_reg_keys[6] = {
     "Software\\Norvale\\NVClientHelper\\QuarantineContainers",
 };
 
-void chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
-    constexpr const char* fn = "chelperservice::protect_reg_keys";
-    bool result = false;
-    try {
-        std::vector<reg_key_entry> entries;
-        if (request_payload::read_protect_reg_keys(payload, entries)) {
-            result = handle_protect_reg_keys(entries);
-        } else {
-            NV_LOG(fn, "Malformed request: %d bytes do not hold the announced reg key entries",
-                   static_cast<int>(payload.size()));
-        }
-    } catch (const std::exception& e) {
-        NV_LOG(fn, "Request failed: %s", e.what());
-        result = false;
-    } catch (...) {
-        NV_LOG(fn, "Request failed");
-        result = false;
+bool chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::protect_reg_keys_request request;
+    if (!protocol::decode(payload, request)) {
+        NV_LOG("chelperservice::protect_reg_keys", "Malformed request: %d bytes do not hold the announced reg key entries",
+               static_cast<int>(payload.size()));
+        return false;
     }
-    payload.clear();
-    mcl::write_status(payload, result, "");
+    protocol::reply_with(payload, protocol::status(handle_protect_reg_keys(request.entries)));
+    return true;
 }
 
-void chelperservice::get_protected_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
-    payload.clear();
-    uint32_t count = 0;
-    for (const auto& item : protected_reg_keys_)
-        if (!item.second.path.empty()) ++count;
-    mcl::write_u32(payload, count);
+bool chelperservice::get_protected_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::protected_reg_keys_reply reply;
     for (const auto& item : protected_reg_keys_) {
         const reg_key_record& r = item.second;
         if (r.path.empty()) continue;
-        mcl::write_byte(payload, 1);
-        mcl::write_string(payload, r.original_dacl);
-        mcl::write_string(payload, r.current_dacl);
-        mcl::write_u64(payload, regkey::widen_root(r.root));
-        mcl::write_wstring(payload, r.path);
-        mcl::write_string(payload, r.owner);
-        mcl::write_string_list(payload, r.services);
+        protocol::protected_reg_key_info info;
+        info.valid = true;
+        info.original_sddl = r.original_dacl;
+        info.current_sddl = r.current_dacl;
+        info.root = regkey::widen_root(r.root);
+        info.path = r.path;
+        info.owner = r.owner;
+        info.services = r.services;
+        reply.keys.push_back(std::move(info));
     }
+    protocol::reply_with(payload, reply);
+    return true;
 }
 
 namespace {

@@ -10,7 +10,9 @@
 #include <vector>
 
 #include "mcl/buffer.h"
-#include "service/request_payloads.h"
+#include "protocol/requests.h"
+
+using reg_key_entry = protocol::reg_key_entry;
 
 // What the service keeps per protected key; persisted in this field order.
 struct reg_key_record {

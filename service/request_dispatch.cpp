@@ -1,75 +1,95 @@
 // The request dispatcher: one table from message identifier to handler, and the handlers of the
 // connection and control messages.
+#include <exception>
 #include <iterator>
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "protocol/message_ids.h"
+#include "protocol/replies.h"
+#include "protocol/requests.h"
 #include "service/helper_service.h"
 #include "service/release.h"
-#include "service/request_payloads.h"
 
 namespace {
 
-using handler_fn = void (chelperservice::*)(mcl::ipc_connection*, mcl::binary_t&);
+using handler_fn = bool (chelperservice::*)(mcl::ipc_connection*, mcl::binary_t&);
+// Replaces the buffer with a route's failure reply.
+using failure_fn = void (*)(mcl::binary_t&);
 
 // Whether a request may change what the service protects, holds or runs: each one handled
 // writes an audit line naming the request and the client process.
 enum route_effect : bool { reads_only = false, changes_state = true };
 
+// What a request gets when its handler cannot decode it or throws: the failure form of its
+// reply layout, so that a client never waits for a reply that will not come.
+constexpr failure_fn no_reply = &protocol::encode_failure<protocol::no_reply>;
+constexpr failure_fn status_failure = &protocol::encode_failure<protocol::status_reply>;
+constexpr failure_fn no_version = &protocol::encode_failure<protocol::version_reply>;
+constexpr failure_fn empty_processes = &protocol::encode_failure<protocol::protected_processes_reply>;
+constexpr failure_fn empty_services = &protocol::encode_failure<protocol::protected_services_reply>;
+constexpr failure_fn empty_reg_keys = &protocol::encode_failure<protocol::protected_reg_keys_reply>;
+constexpr failure_fn empty_files = &protocol::encode_failure<protocol::quarantined_files_reply>;
+constexpr failure_fn empty_containers = &protocol::encode_failure<protocol::quarantine_containers_reply>;
+constexpr failure_fn empty_notifications = &protocol::encode_failure<protocol::notifications_reply>;
+void compatibility_failure(mcl::binary_t& payload) {
+    protocol::reply_with(payload, protocol::compatibility_reply{0, this_release().ipc_protocol});
+}
+
 struct request_route {
     uint32_t id;
     handler_fn handler;
     const char* name;
+    failure_fn failure;
     route_effect effect = reads_only;
 };
 
 // One route for every identifier of the catalogue; any other identifier is unknown.
 const request_route routes[] = {
-    {msg::disconnect, &chelperservice::disconnect_client, "disconnect"},
-    {msg::stop_service, &chelperservice::stop_service, "stop service", changes_state},
-    {msg::protocol_compatible, &chelperservice::protocol_compatible, "protocol compatibility"},
-    {msg::service_version, &chelperservice::service_version_query, "service version"},
+    {msg::disconnect, &chelperservice::disconnect_client, "disconnect", no_reply},
+    {msg::stop_service, &chelperservice::stop_service, "stop service", no_reply, changes_state},
+    {msg::protocol_compatible, &chelperservice::protocol_compatible, "protocol compatibility", compatibility_failure},
+    {msg::service_version, &chelperservice::service_version_query, "service version", no_version},
 
     // Driver command port.
-    {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off", changes_state},
-    {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on", changes_state},
-    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", changes_state},
+    {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off", status_failure, changes_state},
+    {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on", status_failure, changes_state},
+    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state},
 
     // Process and folder protection.
-    {msg::protect_processes, &chelperservice::protect_processes, "protect processes", changes_state},
-    {msg::query_protected_processes, &chelperservice::query_protected_processes, "query protected processes"},
+    {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state},
+    {msg::query_protected_processes, &chelperservice::query_protected_processes, "query protected processes", empty_processes},
 
     // Service protection.
-    {msg::protect_services, &chelperservice::protect_services, "protect services", changes_state},
-    {msg::query_protected_services, &chelperservice::query_protected_services, "query protected services"},
+    {msg::protect_services, &chelperservice::protect_services, "protect services", status_failure, changes_state},
+    {msg::query_protected_services, &chelperservice::query_protected_services, "query protected services", empty_services},
 
     // Registry key protection.
-    {msg::protect_reg_keys, &chelperservice::protect_reg_keys, "protect reg keys", changes_state},
-    {msg::get_protected_reg_keys, &chelperservice::get_protected_reg_keys, "get protected reg keys"},
+    {msg::protect_reg_keys, &chelperservice::protect_reg_keys, "protect reg keys", status_failure, changes_state},
+    {msg::get_protected_reg_keys, &chelperservice::get_protected_reg_keys, "get protected reg keys", empty_reg_keys},
 
     // Enforcement and service control.
-    {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service", changes_state},
-    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", changes_state},
-    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", changes_state},
-    {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", changes_state},
-    {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", changes_state},
+    {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service", status_failure, changes_state},
+    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state},
+    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state},
+    {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", status_failure, changes_state},
+    {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", status_failure, changes_state},
 
     // Quarantine.
-    {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container", changes_state},
-    {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files", changes_state},
-    {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container", changes_state},
-    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files"},
-    {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers"},
-    {msg::is_file_quarantined, &chelperservice::is_file_quarantined, "is file quarantined"},
-    {msg::block_file_access, &chelperservice::block_file_access, "block file access", changes_state},
-    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", changes_state},
-    {msg::block_files_access, &chelperservice::block_files_access, "block files access", changes_state},
-    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked"},
+    {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container", status_failure, changes_state},
+    {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files", status_failure, changes_state},
+    {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container", status_failure, changes_state},
+    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files", empty_files},
+    {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers", empty_containers},
+    {msg::is_file_quarantined, &chelperservice::is_file_quarantined, "is file quarantined", status_failure},
+    {msg::block_file_access, &chelperservice::block_file_access, "block file access", status_failure, changes_state},
+    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", status_failure, changes_state},
+    {msg::block_files_access, &chelperservice::block_files_access, "block files access", status_failure, changes_state},
+    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked", status_failure},
 
     // IRP-denied notifications.
-    {msg::subscribe_irp_notification, &chelperservice::subscribe_irp_notification, "subscribe IRP notification"},
-    {msg::query_irp_notification_data, &chelperservice::query_irp_notification_data, "query IRP notification data"},
+    {msg::subscribe_irp_notification, &chelperservice::subscribe_irp_notification, "subscribe IRP notification", status_failure},
+    {msg::query_irp_notification_data, &chelperservice::query_irp_notification_data, "query IRP notification data", empty_notifications},
 };
 
 const request_route* find_route(uint32_t id) {
@@ -97,28 +117,40 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
         NV_LOG(fn, "Unknow mc::ipc message %X, ignored", msg_id);
         return 1;
     }
-    (owner_->*route->handler)(conn, payload);
+    // The one catch of the request handlers: a request that does not decode or whose handler
+    // throws (an allocation failure included) is answered with its route's failure reply.
+    bool handled = false;
+    try {
+        handled = (owner_->*route->handler)(conn, payload);
+    } catch (const std::exception& e) {
+        NV_LOG(fn, "Request \"%s\" (IPC message %X) failed: %s", route->name, msg_id, e.what());
+    } catch (...) {
+        NV_LOG(fn, "Request \"%s\" (IPC message %X) failed", route->name, msg_id);
+    }
+    if (!handled) route->failure(payload);
     return 1;
 }
 
-void chelperservice::disconnect_client(mcl::ipc_connection* conn, mcl::binary_t&) {
+bool chelperservice::disconnect_client(mcl::ipc_connection* conn, mcl::binary_t&) {
     // The connection stays alive for this call: the queued event holds a reference.
     disconnect(mcl::share_ptr<mcl::ipc_connection>(conn));
+    return true;
 }
 
-void chelperservice::stop_service(mcl::ipc_connection*, mcl::binary_t&) {
+bool chelperservice::stop_service(mcl::ipc_connection*, mcl::binary_t&) {
     if (service_stop_event() != nullptr) SetEvent(service_stop_event());
+    return true;
 }
 
-void chelperservice::protocol_compatible(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::protocol_compatible(mcl::ipc_connection*, mcl::binary_t& payload) {
     // The client sends its own version; any four bytes make the request well formed.
-    const bool ok = request_payload::read_protocol_compatible(payload);
-    payload.clear();
-    mcl::write_byte(payload, ok ? 1 : 0);
-    mcl::write_u32(payload, this_release().ipc_protocol);
+    protocol::compatibility_request request;
+    const bool ok = protocol::decode(payload, request);
+    protocol::reply_with(payload, protocol::compatibility_reply{static_cast<uint8_t>(ok ? 1 : 0), this_release().ipc_protocol});
+    return true;
 }
 
-void chelperservice::service_version_query(mcl::ipc_connection*, mcl::binary_t& payload) {
-    payload.clear();
-    mcl::write_u32(payload, this_release().packed_version);
+bool chelperservice::service_version_query(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::reply_with(payload, protocol::version_reply{this_release().packed_version});
+    return true;
 }

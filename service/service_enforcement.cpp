@@ -286,47 +286,43 @@ bool chelperservice::run_elevated(const std::string& program, const std::string&
     return GetExitCodeProcess(process.get(), exitCode) != FALSE;
 }
 
-void chelperservice::service_ctrl_start_service(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::service_ctrl_start_service(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::service_ctrl_start_service";
-    std::string name;
-    std::vector<std::string> args;
-    const bool decoded = request_payload::read_start_service(payload, name, args);
-    payload.clear();
-    if (!decoded) {
+    protocol::start_service_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG(fn, "Malformed start request: no service name or argument list");
-        mcl::write_status(payload, false, "");
-        return;
+        return false;
     }
+    const std::string& name = request.name;
     DWORD state = 0;
     const bool queried = mcl::mswin::service::query_state(name.c_str(), state);
     if (!queried) NV_LOG(fn, "Status of service <%s> unknown (%d)", name.c_str(), static_cast<int>(GetLastError()));
     if (!queried || !stopped_or_stopping(state)) {
-        mcl::write_status(payload, true, "Service has already been started.");
-        return;
+        protocol::reply_with(payload, protocol::status(true, "Service has already been started."));
+        return true;
     }
     std::vector<const char*> argv;
-    for (const std::string& a : args) argv.push_back(a.c_str());
+    for (const std::string& a : request.arguments) argv.push_back(a.c_str());
     const bool ok = mcl::mswin::service::start(name.c_str(), static_cast<DWORD>(argv.size()),
                                                argv.empty() ? nullptr : argv.data());
     if (ok && (!mcl::mswin::service::query_state(name.c_str(), state) || !stopped_or_stopping(state))) enforce_add(name);
-    mcl::write_status(payload, ok, "");
+    protocol::reply_with(payload, protocol::status(ok));
+    return true;
 }
 
-void chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::service_ctrl_stop_service";
-    std::string name;
-    const bool decoded = request_payload::read_name(payload, name);
-    payload.clear();
-    if (!decoded) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG(fn, "Malformed stop request: no service name");
-        mcl::write_status(payload, false, "");
-        return;
+        return false;
     }
+    const std::string& name = request.name;
     enforce_remove(name);
     DWORD state = 0;
     if (mcl::mswin::service::query_state(name.c_str(), state) && stopped_or_stopping(state)) {
-        mcl::write_status(payload, true, "Service has already been stopped.");
-        return;
+        protocol::reply_with(payload, protocol::status(true, "Service has already been stopped."));
+        return true;
     }
     SERVICE_STATUS_PROCESS status{};
     const DWORD pid = mcl::mswin::service::query_status_ex(name.c_str(), status) &&
@@ -334,13 +330,13 @@ void chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
                           ? status.dwProcessId
                           : 0;
     if (mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/false, request_stop_seconds)) {
-        mcl::write_status(payload, true, "");
-        return;
+        protocol::reply_with(payload, protocol::status(true));
+        return true;
     }
     NV_LOG(fn, "Failed to stop service <%s>, trying to terminate its process %d", name.c_str(), static_cast<int>(pid));
     if (pid == 0) {
-        mcl::write_status(payload, false, "");
-        return;
+        protocol::reply_with(payload, protocol::status(false));
+        return true;
     }
     bool ok = false;
     {
@@ -379,19 +375,18 @@ void chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
             ok = exit_code == 0 || exit_code == 128;  // 128: the process had ended already
         }
     }
-    mcl::write_status(payload, ok, "");
+    protocol::reply_with(payload, protocol::status(ok));
+    return true;
 }
 
-void chelperservice::service_ctrl_recover_dacl(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::service_ctrl_recover_dacl(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::service_ctrl_recover_dacl";
-    std::string name;
-    const bool decoded = request_payload::read_name(payload, name);
-    payload.clear();
-    if (!decoded) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG(fn, "Malformed DACL recovery request: no service name");
-        mcl::write_status(payload, false, "");
-        return;
+        return false;
     }
+    const std::string& name = request.name;
     service_record record;
     record.name = name;
     const std::wstring image = service_image_path(name);
@@ -399,40 +394,40 @@ void chelperservice::service_ctrl_recover_dacl(mcl::ipc_connection*, mcl::binary
         record.imagePath = image;
         NV_LOG(fn, "Get service %s image path %ls", name.c_str(), image.c_str());
     }
-    mcl::write_status(payload, unprotectService(record), "");
+    protocol::reply_with(payload, protocol::status(unprotectService(record)));
+    return true;
 }
 
-void chelperservice::restore_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
-    const bool ok = request_payload::read_restore_driver_protection(payload);
-    if (ok) {
-        driver_port port = openDriverPort();
-        if (port) drvEnableProtectionFeatures(port.get(), process_protection_enabled_, regkey_protection_enabled_);
-    } else {
+bool chelperservice::restore_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::restore_driver_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG("chelperservice::restore_driver_protection", "Empty request: nothing re-applied");
+        return false;
     }
-    payload.clear();
-    mcl::write_status(payload, ok, "");
+    driver_port port = openDriverPort();
+    if (port) drvEnableProtectionFeatures(port.get(), process_protection_enabled_, regkey_protection_enabled_);
+    protocol::reply_with(payload, protocol::status(true));
+    return true;
 }
 
-void chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::recover_folder_dacl";
-    std::string path;
-    const bool decoded = request_payload::read_name(payload, path);
-    payload.clear();
-    if (!decoded) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG(fn, "Malformed folder DACL recovery request: no folder path");
-        mcl::write_status(payload, false, "");
-        return;
+        return false;
     }
+    std::string& path = request.name;
     if (path.back() == '\\') path.pop_back();
     // A relative path would name a folder below the service's working directory.
     if (!mcl::mswin::has_drive_prefix(path)) {
         NV_LOG(fn, "Folder path refused: it needs a drive letter (X:\\folder) (%s)", path.c_str());
-        mcl::write_status(payload, false, "");
-        return;
+        protocol::reply_with(payload, protocol::status(false));
+        return true;
     }
     const std::wstring folder = mcl::mswin::widen(path);
     const bool ok = restorePathPermissions(folder, default_folder_sddl);
     if (ok) protected_folders_.erase(folder);
-    mcl::write_status(payload, ok, "");
+    protocol::reply_with(payload, protocol::status(ok));
+    return true;
 }

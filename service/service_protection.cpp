@@ -235,25 +235,21 @@ void chelperservice::unprotectServiceByName(const std::string& name) {
     (void)unprotectService(record);
 }
 
-void chelperservice::protect_services(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::protect_services(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::protect_services";
-    std::vector<service_rule> rules;
-    bool ok = false;
-    if (!request_payload::read_protect_services(payload, rules)) {
+    protocol::protect_services_request request;
+    if (!protocol::decode(payload, request)) {
         NV_LOG(fn, "Malformed service rule list (%d bytes): nothing applied", static_cast<int>(payload.size()));
-    } else {
-        if (!rules.empty()) NV_LOG(fn, "protect service %s", rules.front().name.c_str());
-        ok = handle_protect_services(rules);
+        return false;
     }
-    payload.clear();
-    mcl::write_status(payload, ok, "");
+    if (!request.rules.empty()) NV_LOG(fn, "protect service %s", request.rules.front().name.c_str());
+    const bool ok = handle_protect_services(request.rules);
+    protocol::reply_with(payload, protocol::status(ok));
+    return true;
 }
 
-void chelperservice::query_protected_services(mcl::ipc_connection*, mcl::binary_t& payload) {
-    payload.clear();
-    uint32_t count = 0;
-    for (const auto& entry : protected_services_) count += entry.first.empty() ? 0 : 1;
-    mcl::write_u32(payload, count);
+bool chelperservice::query_protected_services(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::protected_services_reply reply;
     for (const auto& entry : protected_services_) {
         if (entry.first.empty()) continue;
         const service_record& svc = entry.second;
@@ -267,13 +263,17 @@ void chelperservice::query_protected_services(mcl::ipc_connection*, mcl::binary_
                 if (f != protected_folders_.end()) folder = &f->second;
             }
         }
-        mcl::write_byte(payload, 1);
-        mcl::write_byte(payload, process != nullptr ? 1 : 0);
-        mcl::write_string(payload, svc.sddl);
-        mcl::write_string(payload, folder != nullptr ? folder->sddl : std::string());
-        mcl::write_string(payload, svc.name);
-        mcl::write_string(payload, svc.sid);
-        mcl::write_wstring(payload, svc.imagePath);
-        mcl::write_wstring(payload, process != nullptr ? process->folder : std::wstring());
+        protocol::protected_service_info info;
+        info.valid = true;
+        info.process_protected = process != nullptr;
+        info.service_sddl = svc.sddl;
+        info.folder_sddl = folder != nullptr ? folder->sddl : std::string();
+        info.name = svc.name;
+        info.sid = svc.sid;
+        info.image_path = svc.imagePath;
+        info.folder = process != nullptr ? process->folder : std::wstring();
+        reply.services.push_back(std::move(info));
     }
+    protocol::reply_with(payload, reply);
+    return true;
 }

@@ -2,6 +2,8 @@
 
 #include "mcl/encoding.h"
 #include "protocol/message_ids.h"
+#include "protocol/replies.h"
+#include "protocol/requests.h"
 #include "tools/driver_sim/sim_channel.h"
 #include "tools/driver_sim/sim_client.h"
 
@@ -26,46 +28,48 @@ bool irp_client::connect(const char* service, int timeout_ms) {
 mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
                                 const std::string& path, uint8_t major, uint8_t minor, uint32_t type) {
     mcl::binary_t payload;
-    mcl::write_byte(payload, unsubscribe ? 1 : 0);
-    mcl::write_string(payload, subscriber);
-    mcl::write_string(payload, event_name);
-    mcl::write_string(payload, path);
-    mcl::write_byte(payload, major);
-    mcl::write_byte(payload, minor);
-    mcl::write_u32(payload, type);
+    protocol::encode(payload, protocol::subscribe_request{unsubscribe, subscriber, event_name, path, major, minor, type});
     return payload;
 }
 
 bool read_records(const mcl::binary_t& reply, std::vector<irp::record>& records) {
-    uint32_t pos = 0;
-    return mcl::read_list(records, reply, pos,
-                          [](irp::record& r, const mcl::binary_t& in, uint32_t& p) {
-                              uint64_t pid = 0;
-                              const bool ok = mcl::read_u64(r.sequence, in, p) && mcl::read_u64(r.time, in, p) &&
-                                              mcl::read_string(r.file_path, in, p) &&
-                                              mcl::read_byte(r.major_function, in, p) &&
-                                              mcl::read_byte(r.minor_function, in, p) && mcl::read_u64(pid, in, p) &&
-                                              mcl::read_string(r.process_image, in, p) &&
-                                              mcl::read_string(r.process_description, in, p) &&
-                                              mcl::read_u32(r.type, in, p);  // the irpDenied flag
-                              r.process_id = static_cast<uint32_t>(pid);
-                              return ok && pid <= UINT32_MAX;
-                          }) &&
-           pos == reply.size();
+    protocol::notifications_reply decoded;
+    const bool ok = protocol::decode(reply, decoded);
+    records.clear();
+    bool pids_fit = true;
+    for (const protocol::notification_data& n : decoded.records) {
+        irp::record r;
+        r.sequence = n.sequence;
+        r.time = n.time;
+        r.file_path = n.file_path;
+        r.major_function = n.major_function;
+        r.minor_function = n.minor_function;
+        r.process_id = static_cast<uint32_t>(n.process_id);
+        r.process_image = n.process_image;
+        r.process_description = n.process_description;
+        r.type = n.irp_denied;
+        pids_fit = pids_fit && n.process_id <= UINT32_MAX;
+        records.push_back(std::move(r));
+    }
+    // Decoded to the end: what was read encodes to as many bytes as the reply holds.
+    mcl::binary_t again;
+    protocol::encode(again, decoded);
+    return ok && pids_fit && again.size() == reply.size();
 }
 
 bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
                            const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
     mcl::binary_t payload = subscribe_request(unsubscribe, subscriber, event_name, path, major, minor, type);
     if (!peer_.send(msg::subscribe_irp_notification, payload, connection_, 30000)) return false;
-    uint32_t pos = 0;
-    std::string message;
-    return mcl::read_byte(result, payload, pos) && mcl::read_string(message, payload, pos);
+    protocol::status_reply reply;
+    if (!protocol::decode(payload, reply)) return false;
+    result = reply.result;
+    return true;
 }
 
 bool irp_client::query(const std::string& subscriber, std::vector<irp::record>& records) {
     mcl::binary_t payload;
-    mcl::write_string(payload, subscriber);
+    protocol::encode(payload, protocol::notification_query_request{subscriber});
     return peer_.send(msg::query_irp_notification_data, payload, connection_, 30000) && read_records(payload, records);
 }
 

@@ -2,6 +2,7 @@
 
 #include "mcl/encoding.h"
 #include "protocol/message_ids.h"
+#include "protocol/replies.h"
 
 namespace nv_test {
 
@@ -37,12 +38,11 @@ int service_double::operator()(mcl::ipc_connection* conn, uint32_t id, mcl::bina
         if (canned != replies_.end()) {
             reply = canned->second;
         } else if (id == msg::protocol_compatible) {
-            mcl::write_byte(reply, 1);
-            mcl::write_u32(reply, 5);
+            protocol::encode(reply, protocol::compatibility_reply{1, 5});
         } else if (id == msg::service_version) {
-            mcl::write_u32(reply, 196653);
+            protocol::encode(reply, protocol::version_reply{196653});
         } else {
-            mcl::write_status(reply, true, "");
+            protocol::encode(reply, protocol::status(true));
         }
     }
     if (on_message != nullptr) on_message(record);

@@ -72,11 +72,12 @@ stop_double() {
     wine "$helper" set-event "$stop_event" </dev/null >/dev/null 2>&1
     wait "$double_pid" 2>/dev/null
 }
-# Payloads in protection_lib.sh's encoders; single bytes and the registry roots written out.
-containers_reply=$(hex_u32 1)$(hex_str 'c:\q\')
-start_double --reply 1000004 "$(hex_u32 1)0101$(hex_str D:S)$(hex_str D:F)$(hex_str svcA)$(hex_str S-1-5-80-9)$(
-    hex_wstr 'C:\svcA\a.exe')$(hex_wstr 'C:\svcA')" --reply 10000CD "$containers_reply" --reply 10000D2 "01$(hex_str no)" \
-    --reply 1000069 "00$(hex_str 'Invalid path.')"
+# Payloads from named fields (nv_ipc_client encode and encode-reply).
+containers_reply=$(encode_reply get-quarantine-containers container='c:\q\')
+start_double --reply 1000004 "$(encode_reply query-protected-services valid=1 process_protected=1 service_sddl=D:S \
+    folder_sddl=D:F name=svcA sid=S-1-5-80-9 image='C:\svcA\a.exe' folder='C:\svcA')" --reply 10000CD "$containers_reply" \
+    --reply 10000D2 "$(encode_reply is-file-access-blocked result=1 message=no)" \
+    --reply 1000069 "$(encode_reply recover-folder-dacl result=0 message='Invalid path.')"
 
 # command|message id|payload (the request the command sends after the protocol query); the other
 # commands are checked by their effect on the running service. HKLM is 0xFFFFFFFF80000002.
@@ -89,14 +90,14 @@ while IFS='|' read -r args id payload; do
     poll 50 0.1 'tail -n +"$((before + 1))" "$record" | tr -d "\r" >"$work/sent.txt"; [ "$(tail -n 1 "$work/sent.txt")" = "1000000 -" ]'
     expect_eq "halvernctl $args: sent" "1000009 05000000|$want|1000000 -" "$(paste -sd '|' "$work/sent.txt")"
 done <<'EOF'
-service protect a b --service-only|1000002|$(hex_u32 2)0100$(hex_str a)0100$(hex_str b)
-key protect 'HKLM\Software\X' --level write|100000B|$(hex_u32 1)01$(hex_u32 0x80000002)FFFFFFFF$(hex_wstr 'Software\X')00$(hex_u32 0)$(hex_u32 2)
-key protect 'HKCU\Software\X' --owner o --service s1 --service s2|100000B|$(hex_u32 1)01$(hex_u32 0x80000001)FFFFFFFF$(hex_wstr 'Software\X')$(hex_str o)$(hex_u32 2)$(hex_str s1)$(hex_str s2)$(hex_u32 1)
-quarantine create 'C:\q' --service s1|10000C9|$(hex_str 'C:\q')$(hex_u32 1)$(hex_str s1)
-quarantine drop 'C:\q' --restore|10000CB|$(hex_u32 2)$(hex_str 'C:\q')
-block 'C:\f' 'C:\g' --service s1|10000D1|$(hex_u32 0)$(hex_u32 1)$(hex_str s1)$(hex_u32 2)$(hex_str 'C:\f')$(hex_str 'C:\g')
-notify subscribe --event E --file 'C:\f' --major 3|10000FA|00$(hex_str NVCHCTRLOFFLOAD)$(hex_str E)$(hex_str 'C:\f')03FF$(hex_u32 0)
-notify unsubscribe --event E --as me --type 1|10000FA|01$(hex_str me)$(hex_str E)00FFFF$(hex_u32 1)
+service protect a b --service-only|1000002|$(encode protect-services svc=1 proc=0 name=a svc=1 proc=0 name=b)
+key protect 'HKLM\Software\X' --level write|100000B|$(encode protect-reg-keys protect=1 root=0xFFFFFFFF80000002 path='Software\X' owner= level=2)
+key protect 'HKCU\Software\X' --owner o --service s1 --service s2|100000B|$(encode protect-reg-keys protect=1 root=0xFFFFFFFF80000001 path='Software\X' owner=o service=s1 service=s2 level=1)
+quarantine create 'C:\q' --service s1|10000C9|$(encode create-quarantine-container path='C:\q' service=s1)
+quarantine drop 'C:\q' --restore|10000CB|$(encode remove-quarantine-container action=2 path='C:\q')
+block 'C:\f' 'C:\g' --service s1|10000D1|$(encode block-files-access action=0 service=s1 path='C:\f' path='C:\g')
+notify subscribe --event E --file 'C:\f' --major 3|10000FA|$(encode subscribe-irp-notification unsubscribe=0 subscriber=NVCHCTRLOFFLOAD event=E file='C:\f' major=3 minor=0xFF type=0)
+notify unsubscribe --event E --as me --type 1|10000FA|$(encode subscribe-irp-notification unsubscribe=1 subscriber=me event=E file= major=0xFF minor=0xFF type=1)
 EOF
 
 echo "== text output, a refusal"
@@ -113,7 +114,7 @@ expect_eq "refused as JSON" '[false,"refused","Invalid path.",1]' "$(jq -c '[.ok
 stop_double
 
 echo "== a service speaking protocol 3"
-start_double --reply 1000009 "01$(hex_u32 3)" --reply 10000CD "$containers_reply"
+start_double --reply 1000009 "$(encode_reply protocol-compatible ok=1 version=3)" --reply 10000CD "$containers_reply"
 hv_run quarantine containers
 expect_rc "quarantine against protocol 3" 0
 hv_run notify collect

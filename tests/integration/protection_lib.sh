@@ -1,6 +1,6 @@
 # Shared by the protection tests and benchmark: a prefix of its own with the driver simulator,
-# the service installed from C:\nv with the object-security recorder selected, request payloads
-# built in hex, and the simulator's journal and the recorder's journal read back.
+# the service installed from C:\nv with the object-security recorder selected, requests from
+# named fields, and the simulator's journal and the recorder's journal read back.
 : "${NV_SOURCE_DIR:?}"
 . "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
 new_prefix
@@ -10,22 +10,38 @@ drive_c=$WINEPREFIX/drive_c
 journal=$drive_c/nv/object_security.journal
 device='\Device\HarddiskVolume1'
 
-# Payload pieces, upper-case hex.
+# Bytes in upper-case hex, for what named fields cannot carry: registry records, text outside
+# the ANSI code page, payloads longer than a command line, bytes that must not decode.
 hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
 hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
 hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
 hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
 status_ok='0100'
 status_fail='0000'
-status_msg() { printf '%s' "$1"; hex_str "$2"; }
 
-# request ID [HEX]: the reply's hex in $reply.
+# request ID [HEX]: the payload sent as it is; the reply's hex in $reply.
 request() {
     run "$client" -t 200000 send "$@"
     reply=$(head -n 1 "$out")
     [ "$rc" = 0 ] || fail "request $1: client exit $rc: $(cat "$out")"
 }
 ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
+# call MESSAGE [KEY=VALUE ...]: the request from named fields (nv_ipc_client call); the reply's
+# fields in $reply: "result=R message=M", or "count=N" and a line per list element.
+call() {
+    run "$client" -t 200000 call "$@"
+    reply=$(cat "$out")
+    [ "$rc" = 0 ] || fail "call $1: client exit $rc: $(cat "$out")"
+}
+answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
+said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields
+items() { local key=$1 value; shift; printf 'count=%s' $#; for value in "$@"; do printf '\n%s=%s' "$key" "$value"; done; }  # KEY VALUE...: a list reply of strings
+ok=$(said 1 '')
+refused=$(said 0 '')
+# encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to cut or patch into a malformed one.
+encode() { wine "$client" encode "$@" </dev/null 2>/dev/null | tr -d '\r'; }
+# encode_reply MESSAGE [KEY=VALUE ...]: the payload of a reply to MESSAGE in hex, for a peer that plays the service.
+encode_reply() { wine "$client" encode-reply "$@" </dev/null 2>/dev/null | tr -d '\r'; }
 
 # The service SID of a name: S-1-5-80 and the SHA-1 of its upper-cased UTF-16LE name.
 service_sid() {

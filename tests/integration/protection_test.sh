@@ -14,11 +14,9 @@ persisted() {  # LABEL WANT SERVICE [FOLDER]: reg query's exit code for the serv
     [ $# -lt 4 ] && return
     run reg query "$procs" /v "C:\\prot\\$4\\nv_test_service.exe"; expect_eq "$1: image" "$2" "$rc"
 }
-images() { hex_u32 $(($# / 2)); while [ $# -gt 1 ]; do printf '%s' "$1"; hex_wstr "$2"; shift 2; done; }
-services() { hex_u32 $(($# / 3)); while [ $# -gt 2 ]; do printf '%s%s' "$1" "$2"; hex_str "$3"; shift 3; done; }
-entry() { printf '01'; hex_str "$1"; hex_wstr "$2"; hex_wstr "$3"; }  # one image of 0x1000005
+entry() { printf 'valid=1 folder_sddl=%s image=%s folder=%s' "$1" "$2" "$3"; }  # one image of the image listing
 msgs() { printf '%s\n' "$@"; }  # one a line
-started=$(status_msg 01 'Service has already been started.')
+started=$(said 1 'Service has already been started.')
 features_on=$(msgs "0 feature true" "6 feature true" "11 feature true")
 
 # Initial DACLs: a folder as installed (inherited entries, the system's with a generic-all bit, one
@@ -42,35 +40,35 @@ driver_messages | grep -q -F '1 command C:\nv\NorvaleHalvernService.exe' || fail
 
 echo "== two images in one folder"
 mark
-ask "protect a.exe" $status_ok 1000003 "$(images 01 'C:\prot\app\a.exe')"
-ask "protect b.exe" $status_ok 1000003 "$(images 01 'C:\PROT\App\b.exe')"
+answers "protect a.exe" "$ok" protect-processes protect=1 image='C:\prot\app\a.exe'
+answers "protect b.exe" "$ok" protect-processes protect=1 image='C:\PROT\App\b.exe'
 expect_eq "driver messages for two images" "$(msgs "1 command C:\\prot\\app\\a.exe" "6 feature true" "7 command $device\\prot\\app" "1 command C:\\PROT\\App\\b.exe" "6 feature false" "6 feature true" "7 command $device\\prot\\app")" "$(sent)"
 expect_eq "folder DACL rewritten twice (after its initial line), stored spelling; the other unused" "3 0" \
     "$(recorded_count file 'C:\prot\app') $(recorded_count file 'C:\PROT\App')"
 expect_eq "folder DACL" "D:P(A;OICI;0x101f01ff;;;$own_sid)(A;OICI;0x1200a9;;;BA)(A;OICI;0xa01200a9;;;SY)(A;OICI;0x1200a9;;;BU)(A;OICIIO;GXGR;;;CO)	A;0x03;0x101F01FF;$own_sid A;0x03;0x001200A9;S-1-5-32-544 A;0x03;0xA01200A9;S-1-5-18 A;0x03;0x001200A9;S-1-5-32-545 A;0x0B;0xA0000000;S-1-3-0" "$(recorded file 'C:\prot\app')"
 folder_sddl=$(recorded file 'C:\prot\app' | cut -f 1)
 own_entry() { entry "$(recorded file 'C:\nv' | cut -f 1)" 'C:\nv\NorvaleHalvernService.exe' 'C:\nv'; }
-ask "listing" "$(hex_u32 3)$(entry "$folder_sddl" 'C:\PROT\App\b.exe' 'C:\prot\app')$(own_entry)$(entry "$folder_sddl" 'C:\prot\app\a.exe' 'C:\prot\app')" 1000005
+answers "listing" "$(msgs count=3 "$(entry "$folder_sddl" 'C:\PROT\App\b.exe' 'C:\prot\app')" "$(own_entry)" "$(entry "$folder_sddl" 'C:\prot\app\a.exe' 'C:\prot\app')")" query-protected-processes
 mark
-ask "unprotect a.exe" $status_ok 1000003 "$(images 00 'C:\prot\app\a.exe')"
+answers "unprotect a.exe" "$ok" protect-processes protect=0 image='C:\prot\app\a.exe'
 expect_eq "first release: code 2 only, folder kept" "2 command C:\\prot\\app\\a.exe 3" "$(sent) $(recorded_count file 'C:\prot\app')"
 mark
-ask "unprotect b.exe" $status_ok 1000003 "$(images 00 'C:\PROT\App\b.exe')"
+answers "unprotect b.exe" "$ok" protect-processes protect=0 image='C:\PROT\App\b.exe'
 expect_eq "last release: codes 2 and 8" "$(msgs "2 command C:\\PROT\\App\\b.exe" "8 command $device\\prot\\app")" "$(sent)"
 expect_eq "folder DACL restored" "$restored_folder	A;0x13;0x001F01FF;S-1-5-32-544 A;0x13;0x001F01FF;S-1-5-18 A;0x13;0x001200A9;S-1-5-32-545 A;0x10;0x001301BF;S-1-5-11 A;0x1B;0xE0010000;S-1-5-11" "$(recorded file 'C:\prot\app')"
 
 echo "== remove-all rules"
-ask "protect two folders" $status_ok 1000003 "$(images 01 'C:\prot\other\c.exe' 01 'C:\prot\app\d.exe')"
+answers "protect two folders" "$ok" protect-processes protect=1 image='C:\prot\other\c.exe' protect=1 image='C:\prot\app\d.exe'
 mark
-ask "empty path, protect: nothing" $status_ok 1000003 "$(images 01 '' 00 'C:\prot\other\c.exe')"
+answers "empty path, protect: nothing" "$ok" protect-processes protect=1 image='' protect=0 image='C:\prot\other\c.exe'
 expect_eq "empty path, protect: no message" "" "$(sent)"
-ask "empty path, unprotect: everything" $status_ok 1000003 "$(images 00 '')"
+answers "empty path, unprotect: everything" "$ok" protect-processes protect=0 image=''
 expect_eq "remove-all messages" "$(msgs "2 command " "8 command ")" "$(sent)"
 driver_state | jq -e '.volumes == [] and (.filter_calls | map(select(.call == "detach")) | length) >= 1' >/dev/null ||
     fail "volumes detached: $(driver_state)"
 expect_eq "other and own folders restored" "$restored_folder $restored_folder" \
     "$(recorded file 'C:\prot\other' | cut -f 1) $(recorded file 'C:\nv' | cut -f 1)"
-ask "empty listing" 00000000 1000005
+answers "empty listing" count=0 query-protected-processes
 
 echo "== services"
 for s in nv_test_svc:svc:demand nv_test_auto:auto:auto nv_fragile:fragile:demand nv_args_svc:args:demand \
@@ -78,7 +76,7 @@ for s in nv_test_svc:svc:demand nv_test_auto:auto:auto nv_fragile:fragile:demand
 for s in nv_test_svc nv_fragile nv_stubborn nv_vanishing; do run sc start $s && wait_svc_state $s 0; done
 svc_sid=$(service_sid nv_test_svc)
 mark
-ask "protect nv_test_svc" $status_ok 1000002 "$(services 01 01 nv_test_svc)"
+answers "protect nv_test_svc" "$ok" protect-services svc=1 proc=1 name=nv_test_svc
 service_sddl="D:P(A;;0x101f01ff;;;$own_sid)(A;;0x101f01ff;;;$svc_sid)(A;;CCLCSWLORC;;;SY)(A;;CCLCSWLORC;;;BA)(A;;CCLCSWLORC;;;IU)(A;;CCLCSWLORC;;;SU)"
 expect_eq "service DACL" "$service_sddl" "$(recorded service nv_test_svc | cut -f 1)"
 expect_eq "service image rules" "$(msgs "1 command C:\\prot\\svc\\nv_test_service.exe" "6 feature true" "7 command $device\\prot\\svc")" "$(sent)"
@@ -86,17 +84,17 @@ recorded file 'C:\prot\svc' | cut -f 2 | grep -q "^A;0x03;0x101F01FF;$own_sid A;
     fail "service folder: own SID, then the service's: $(recorded file 'C:\prot\svc')"
 persisted "service and image persisted" 0 nv_test_svc svc
 mark
-ask "protect again: nothing to do" $status_ok 1000002 "$(services 01 01 nv_test_svc)"
+answers "protect again: nothing to do" "$ok" protect-services svc=1 proc=1 name=nv_test_svc
 expect_eq "protect again: nothing sent" "" "$(sent)"
 # The remove-all rule above took the own image off as well.
-own_service_entry="0100$(hex_str "$self_sddl")00$(hex_str $svc)$(hex_str "$own_sid")$(hex_wstr 'C:\nv\NorvaleHalvernService.exe')0000"
-svc_entry="0101$(hex_str "$service_sddl")$(hex_str "$(recorded file 'C:\prot\svc' | cut -f 1)")$(hex_str nv_test_svc)$(hex_str "$svc_sid")$(hex_wstr 'C:\prot\svc\nv_test_service.exe')$(hex_wstr 'C:\prot\svc')"
-ask "service listing" "$(hex_u32 2)$own_service_entry$svc_entry" 1000004
+own_service_entry="valid=1 process_protected=0 service_sddl=$self_sddl folder_sddl= name=$svc sid=$own_sid image=C:\nv\NorvaleHalvernService.exe folder="
+svc_entry="valid=1 process_protected=1 service_sddl=$service_sddl folder_sddl=$(recorded file 'C:\prot\svc' | cut -f 1) name=nv_test_svc sid=$svc_sid image=C:\prot\svc\nv_test_service.exe folder=C:\prot\svc"
+answers "service listing" "$(msgs count=2 "$own_service_entry" "$svc_entry")" query-protected-services
 expect_eq "no service SID types here: said once" 1 "$(log_count 'This system has no service SID types')"
 
 echo "== enforcement: a killed service runs again; a failed start retried without the image rule"
-ask "protect nv_test_auto (stopped)" $status_ok 1000002 "$(services 01 01 nv_test_auto)"
-ask "protect nv_fragile" $status_ok 1000002 "$(services 01 01 nv_fragile)"
+answers "protect nv_test_auto (stopped)" "$ok" protect-services svc=1 proc=1 name=nv_test_auto
+answers "protect nv_fragile" "$ok" protect-services svc=1 proc=1 name=nv_fragile
 old_pid=$(pid_of svc nv_test_svc)
 t0=$(date +%s.%N)
 run taskkill /F /PID "$old_pid"
@@ -110,7 +108,7 @@ poll 150 0.2 '[ "$(log_count "retrying start service nv_fragile... without proce
 expect_eq "image rule lifted for the retry, then sent again" "$(msgs "2 command C:\\prot\\fragile\\nv_test_service.exe" "1 command C:\\prot\\fragile\\nv_test_service.exe")" "$(sent | head -n 2)"
 # That pass went over the whole list: a service stopped when protected is not on it.
 expect_eq "stopped service left alone" "252 0" "$(svc_state nv_test_auto) $(log_count 'trying start service nv_test_auto')"
-ask "unprotect nv_fragile" $status_ok 1000002 "$(services 00 00 nv_fragile)"
+answers "unprotect nv_fragile" "$ok" protect-services svc=0 proc=0 name=nv_fragile
 
 echo "== restart: persisted services re-applied, an automatic one enforced"
 stop_service
@@ -121,127 +119,135 @@ sent | grep -q -F '1 command C:\prot\svc\nv_test_service.exe' || fail "image rul
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$service_sddl" || fail "service DACL re-applied"
 expect_eq "enforce line" 1 "$(log_count 'Enforce service nv_test_auto...')"
 wait_svc_state nv_test_auto 0
-request 1000004
-expect_eq "listing after restart" "$(hex_u32 3)" "${reply:0:8}"
+call query-protected-services
+expect_eq "listing after restart" count=3 "$(head -n 1 <<<"$reply")"
 
 echo "== service control requests"
-ask "start with arguments" $status_ok 1000065 "$(hex_str nv_args_svc)$(hex_u32 2)$(hex_str alpha)$(hex_str 'beta gamma')"
+answers "start with arguments" "$ok" start-service name=nv_args_svc arg=alpha arg='beta gamma'
 expect_eq "arguments" "$(msgs alpha 'beta gamma')" "$(tr -d '\r' <"$drive_c/prot/args/nv_args_svc.args" 2>/dev/null)"
-ask "start a running service" "$started" 1000065 "$(hex_str nv_args_svc)$(hex_u32 0)"
-ask "stop" $status_ok 1000066 "$(hex_str nv_args_svc)"
+answers "start a running service" "$started" start-service name=nv_args_svc
+answers "stop" "$ok" stop-service-by-name name=nv_args_svc
 expect_eq "stopped" 252 "$(svc_state nv_args_svc)"
-ask "stop a stopped service" "$(status_msg 01 "Service has already been stopped.")" 1000066 "$(hex_str nv_args_svc)"
-ask "stop a service that ignores stop" $status_ok 1000066 "$(hex_str nv_stubborn)"
+answers "stop a stopped service" "$(said 1 "Service has already been stopped.")" stop-service-by-name name=nv_args_svc
+answers "stop a service that ignores stop" "$ok" stop-service-by-name name=nv_stubborn
 pid=$(pid_of stubborn nv_stubborn)
 expect_eq "stop failed, process terminated" "1 1" \
     "$(log_count "Failed to stop service <nv_stubborn>, trying to terminate its process $pid") $(log_count "Process $pid terminated")"
 # Ends on the stop without reporting it, and nobody may open it: the task killer finds no such
 # process (128), which counts as stopped.
-ask "stop a service whose process vanished" $status_ok 1000066 "$(hex_str nv_vanishing)"
+answers "stop a service whose process vanished" "$ok" stop-service-by-name name=nv_vanishing
 pid=$(pid_of vanishing nv_vanishing)
 expect_eq "terminate refused, then the task killer" "1 1 1 1" "$(log_count "Failed to stop service <nv_vanishing>, trying to terminate its process $pid") $(
     log_count "Failed to open process $pid for termination") $(
     log_count "command: \"C:\\windows\\system32\\taskkill.exe /PID $pid /F\"") $(log_count 'Command return code: 128')"
 mark
-ask "re-apply switches" $status_ok 1000068 00
+answers "re-apply switches" "$ok" restore-driver-protection flag=0
 expect_eq "switches" "$features_on" "$(sent)"
-ask "recover a service DACL" $status_ok 1000067 "$(hex_str nv_test_auto)"
+answers "recover a service DACL" "$ok" recover-service-dacl name=nv_test_auto
 expect_eq "service DACL back to the default" "$default_service" "$(recorded service nv_test_auto | cut -f 1)"
 persisted "recovered service and its image no longer persisted" 1 nv_test_auto auto
 
 echo "== unprotect a service"
 mark
-ask "unprotect nv_test_svc" $status_ok 1000002 "$(services 00 00 nv_test_svc)"
+answers "unprotect nv_test_svc" "$ok" protect-services svc=0 proc=0 name=nv_test_svc
 expect_eq "service DACL default" "$default_service" "$(recorded service nv_test_svc | cut -f 1)"
 expect_eq "image and folder released" "$(msgs "2 command C:\\prot\\svc\\nv_test_service.exe" "8 command $device\\prot\\svc")" "$(sent)"
 persisted "service and image unpersisted" 1 nv_test_svc svc
 
 echo "== driver unreachable: protect fails, unprotect keeps the entry, a service's image is forced off"
-ask "protect f.exe" $status_ok 1000003 "$(images 01 'C:\prot\other\f.exe')"
+answers "protect f.exe" "$ok" protect-processes protect=1 image='C:\prot\other\f.exe'
 run "$ctl" unload
-ask "protect without the driver" $status_fail 1000003 "$(images 01 'C:\prot\other\g.exe')"
-ask "unprotect without the driver" $status_fail 1000003 "$(images 00 'C:\prot\other\f.exe')"
+answers "protect without the driver" "$refused" protect-processes protect=1 image='C:\prot\other\g.exe'
+answers "unprotect without the driver" "$refused" protect-processes protect=0 image='C:\prot\other\f.exe'
 other_sddl=$(recorded file 'C:\prot\other' | cut -f 1)
-ask "entry kept, nothing added" "$(hex_u32 3)$(own_entry)$(entry "$(recorded file 'C:\prot\auto' | cut -f 1)" 'C:\prot\auto\nv_test_service.exe' 'C:\prot\auto')$(
-    entry "$other_sddl" 'C:\prot\other\f.exe' 'C:\prot\other')" 1000005
-ask "unprotect nv_test_auto with its image" $status_ok 1000002 "$(services 00 00 nv_test_auto)"
+answers "entry kept, nothing added" "$(msgs count=3 "$(own_entry)" "$(entry "$(recorded file 'C:\prot\auto' | cut -f 1)" 'C:\prot\auto\nv_test_service.exe' 'C:\prot\auto')" \
+    "$(entry "$other_sddl" 'C:\prot\other\f.exe' 'C:\prot\other')")" query-protected-processes
+answers "unprotect nv_test_auto with its image" "$ok" protect-services svc=0 proc=0 name=nv_test_auto
 expect_eq "force: folder reset locally" "1 $restored_folder" \
     "$(log_count 'Failed to connect driver,  reset the folder permissions (C:\prot\auto)') $(recorded file 'C:\prot\auto' | cut -f 1)"
 run "$ctl" load
 
 echo "== folder DACL recovery"
-ask "recover a folder DACL" $status_ok 1000069 "$(hex_str 'C:\prot\other\')"
+answers "recover a folder DACL" "$ok" recover-folder-dacl name='C:\prot\other\'
 expect_eq "folder named without its backslash reset" "$restored_folder" "$(recorded file 'C:\prot\other' | cut -f 1)"
-ask "folder dropped from the protected folders" "$(hex_u32 2)$(own_entry)$(entry '' 'C:\prot\other\f.exe' 'C:\prot\other')" 1000005
+answers "folder dropped from the protected folders" "$(msgs count=2 "$(own_entry)" "$(entry '' 'C:\prot\other\f.exe' 'C:\prot\other')")" query-protected-processes
 
 echo "== master switch off and on"
 mark
 n=$(log_count 'service_enforce_thread stopped')
-ask "switch off" $status_ok 1000008 00
+answers "switch off" "$ok" set-protection-enabled on=0
 expect_eq "every service and image rule removed" "$(msgs "0 feature false" "6 feature false" "11 feature false" "2 command C:\\nv\\NorvaleHalvernService.exe" "8 command $device\\nv" "2 command " "8 command ")" "$(sent)"
-ask "no services" 00000000 1000004
-ask "no images" 00000000 1000005
+answers "no services" count=0 query-protected-services
+answers "no images" count=0 query-protected-processes
 expect_eq "own service DACL default" "$default_service" "$(recorded service $svc | cut -f 1)"
 persisted "own service unpersisted" 1 $svc
 expect_eq "enforcement stopped" $((n + 1)) "$(log_count 'service_enforce_thread stopped')"
-ask "protect while off" $status_fail 1000002 "$(services 01 01 nv_test_svc)"
-ask "protect an image while off" $status_fail 1000003 "$(images 01 'C:\prot\app\a.exe')"
+answers "protect while off" "$refused" protect-services svc=1 proc=1 name=nv_test_svc
+answers "protect an image while off" "$refused" protect-processes protect=1 image='C:\prot\app\a.exe'
 expect_eq "refusals logged" "1 1" "$(log_count 'Service protection function is disabled') $(log_count 'Process protection function is disabled')"
-ask "start a listed service" $status_ok 1000065 "$(hex_str nv_args_svc)$(hex_u32 0)"
+answers "start a listed service" "$ok" start-service name=nv_args_svc
 old_pid=$(pid_of args nv_args_svc)
 run taskkill /F /PID "$old_pid"
 sleep 3
 expect_eq "killed, not started again while off" "$old_pid" "$(pid_of args nv_args_svc)"
 mark
-ask "switch on" $status_ok 1000008 01
+answers "switch on" "$ok" set-protection-enabled on=1
 expect_eq "features on" "$features_on" "$(sent)"
 wait_new_pid args nv_args_svc "$old_pid" || fail "enforcement not running again"
 
 echo "== bad input: a reply, a log line, nothing applied, the next request served"
 mark
-request 1000004
+call query-protected-services
 services_before=$reply
 long=$(printf 'x%.0s' $(seq 1 300))
-while IFS='|' read -r label id payload want line; do
+# Bytes that do not hold the request, sent as they are.
+while IFS='|' read -r label id payload line; do
     n=$(log_count "$line")
-    ask "0x$id $label" "$want" "$id" $payload
+    ask "0x$id $label" "$status_fail" "$id" $payload
     [ "$(log_count "$line")" -gt "$n" ] || fail "0x$id $label: no log line [$line]"
 done <<EOF
-truncated list|1000003|$(hex_u32 2)01$(hex_wstr 'C:\prot\app\t.exe')|$status_fail|Malformed process rule list
-no payload|1000003||$status_fail|Malformed process rule list
-half a string|1000003|$(hex_u32 1)01430000|$status_fail|Malformed process rule list
-over-long path|1000003|$(images 01 "C:\\prot\\$long\\e.exe")|$status_fail|Process image refused
-no drive letter|1000003|$(images 01 'app\e.exe')|$status_fail|Process image refused
-drive root|1000003|$(images 01 'C:\e.exe')|$status_fail|Process image refused
-truncated list|1000002|$(hex_u32 2)$(services 01 01 nv_test_svc | cut -c 9-)|$status_fail|Malformed service rule list
-no payload|1000002||$status_fail|Malformed service rule list
-no name terminator|1000002|$(hex_u32 1)01016E76|$status_fail|Malformed service rule list
-missing service|1000002|$(services 01 01 no_such_service)|$status_fail|Failed to protect service: no_such_service
-over-long name|1000002|$(services 01 01 "$long")|$status_fail|Failed to protect service: $long
-empty list|1000002|$(hex_u32 0)|$status_ok|No service set to (un)protect.
-no payload|1000065||$status_fail|Malformed start request
-empty name|1000065|00|$status_fail|Malformed start request
-truncated argument list|1000065|$(hex_str nv_args_svc)0200|$status_fail|Malformed start request
-missing service|1000065|$(hex_str no_such_service)$(hex_u32 0)|$started|Status of service <no_such_service> unknown
-over-long name|1000065|$(hex_str "$long")$(hex_u32 0)|$started|Status of service <$long> unknown
-no payload|1000066||$status_fail|Malformed stop request
-empty name|1000066|00|$status_fail|Malformed stop request
-missing service|1000066|$(hex_str no_such_service)|$status_fail|Failed to stop service <no_such_service>
-over-long name|1000066|$(hex_str "$long")|$status_fail|Failed to stop service <$long>
-no payload|1000067||$status_fail|Malformed DACL recovery request
-empty name|1000067|00|$status_fail|Malformed DACL recovery request
-missing service|1000067|$(hex_str no_such_service)|$status_fail|OpenServiceA failed
-over-long name|1000067|$(hex_str "$long")|$status_fail|OpenServiceA failed
-no payload|1000068||$status_fail|Empty request: nothing re-applied
-no payload|1000069||$status_fail|Malformed folder DACL recovery request
-empty path|1000069|00|$status_fail|Malformed folder DACL recovery request
-no drive letter|1000069|$(hex_str 'no\drive\letter')|$status_fail|Folder path refused
-over-long path|1000069|$(hex_str "C:\\$long")|$status_fail|SetNamedSecurityInfoW failed(C:\\$long
+truncated list|1000003|02$(encode protect-processes protect=1 image='C:\prot\app\t.exe' | cut -c 3-)|Malformed process rule list
+no payload|1000003||Malformed process rule list
+half a string|1000003|0100000001430000|Malformed process rule list
+truncated list|1000002|02$(encode protect-services svc=1 proc=1 name=nv_test_svc | cut -c 3-)|Malformed service rule list
+no payload|1000002||Malformed service rule list
+no name terminator|1000002|0100000001016E76|Malformed service rule list
+no payload|1000065||Malformed start request
+empty name|1000065|00|Malformed start request
+truncated argument list|1000065|$(encode start-service name=nv_args_svc | sed 's/00000000$/0200/')|Malformed start request
+no payload|1000066||Malformed stop request
+empty name|1000066|00|Malformed stop request
+no payload|1000067||Malformed DACL recovery request
+empty name|1000067|00|Malformed DACL recovery request
+no payload|1000068||Empty request: nothing re-applied
+no payload|1000069||Malformed folder DACL recovery request
+empty path|1000069|00|Malformed folder DACL recovery request
+EOF
+# Well-formed requests that name what cannot be done.
+while IFS='|' read -r label message want line fields; do
+    n=$(log_count "$line")
+    answers "$message: $label" "$want" "$message" $fields
+    [ "$(log_count "$line")" -gt "$n" ] || fail "$message: $label: no log line [$line]"
+done <<EOF
+over-long path|protect-processes|$refused|Process image refused|protect=1 image=C:\\prot\\$long\\e.exe
+no drive letter|protect-processes|$refused|Process image refused|protect=1 image=app\e.exe
+drive root|protect-processes|$refused|Process image refused|protect=1 image=C:\e.exe
+missing service|protect-services|$refused|Failed to protect service: no_such_service|svc=1 proc=1 name=no_such_service
+over-long name|protect-services|$refused|Failed to protect service: $long|svc=1 proc=1 name=$long
+empty list|protect-services|$ok|No service set to (un)protect.|
+missing service|start-service|$started|Status of service <no_such_service> unknown|name=no_such_service
+over-long name|start-service|$started|Status of service <$long> unknown|name=$long
+missing service|stop-service-by-name|$refused|Failed to stop service <no_such_service>|name=no_such_service
+over-long name|stop-service-by-name|$refused|Failed to stop service <$long>|name=$long
+missing service|recover-service-dacl|$refused|OpenServiceA failed|name=no_such_service
+over-long name|recover-service-dacl|$refused|OpenServiceA failed|name=$long
+no drive letter|recover-folder-dacl|$refused|Folder path refused|name=no\drive\letter
+over-long path|recover-folder-dacl|$refused|SetNamedSecurityInfoW failed(C:\\$long|name=C:\\$long
 EOF
 expect_eq "bad input: nothing sent" "" "$(sent)"
-ask "bad input: services unchanged" "$services_before" 1000004
-ask "bad input: no images" 00000000 1000005
-run "$client" send 100000a
+answers "bad input: services unchanged" "$services_before" query-protected-services
+answers "bad input: no images" count=0 query-protected-processes
+run "$client" call service-version
 expect_eq "next request served" 0 "$rc"
 
 echo "== emergency: serv and fold act at start"

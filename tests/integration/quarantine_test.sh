@@ -12,14 +12,21 @@ qkey="$helper_key\\QuarantineContainers"
 fkey='HKLM\system\CurrentControlSet\Services\VQRMonitor\ProtectedFolders'
 bkey="$helper_key\\BlockedFiles"
 decode=$NV_SOURCE_DIR/tests/integration/quarantine_decode.py
-quarantined=$(status_msg 01 'The file has already been quarantined.')
+quarantined=$(said 1 'The file has already been quarantined.')
 
-# The text of a status reply's message (hex after the result byte, without the zero).
-reply_text() { printf '%s' "${reply:2}" | sed 's/00$//' | xxd -r -p; }
-reply_result() { printf '%s' "${reply:0:2}"; }
+# The message and the result of a status reply.
+reply_text() { printf '%s' "${reply#result=* message=}"; }
+reply_result() { printf '%s' "${reply:7:1}"; }
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
-quarantine() { request 10000ca "$(hex_u32 "$1")$(hex_str "$2")$(shift 2; hex_list "$@")"; }
+quarantine() {  # ACTION CONTAINER PATH...
+    local action=$1 container=$2 path paths=()
+    shift 2
+    for path in "$@"; do paths+=("path=$path"); done
+    call quarantine-files action="$action" container="$container" "${paths[@]}"
+}
+# The archive's fields as written: a u32, in hex.
+hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
 dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }
 new_rules() { sent | grep -v feature; }
 # patch OFFSET HEX FILE: the bytes given as hex written at OFFSET; flip OFFSET MASK FILE: one byte xor MASK.
@@ -34,9 +41,9 @@ start_service
 
 echo "== containers"
 mark
-ask "create C:\\Q" "$status_ok" 10000c9 "$(hex_str 'C:\Q')$(hex_list nv_other_svc)"
-ask "create c:\\q\\ again" "$status_ok" 10000c9 "$(hex_str 'c:\q\')$(hex_list)"
-ask "one container" "$(hex_list 'c:\q\')" 10000cd
+answers "create C:\\Q" "$ok" create-quarantine-container path='C:\Q' service=nv_other_svc
+answers "create c:\\q\\ again" "$ok" create-quarantine-container path='c:\q\'
+answers "one container" "$(items container 'c:\q\')" get-quarantine-containers
 expect_eq "code 9 once, device path" "9 command $device\\q" "$(new_rules)"
 dacl_starts "container DACL" 'c:\q' "D:P$own_ace$other_ace"
 expect_eq "QuarantineContainers value" "REG_DWORD 0x1" "$(reg_value "$qkey" 'c:\q\')"
@@ -48,11 +55,11 @@ printf 'x' >"$drive_c/data/file.txt"
 long='C:\'$(printf 'y%.0s' $(seq 1 270))
 for case in "no backslash:noslash" "relative:q\\r" "over 260:$long" "a file:C:\\data\\file.txt" \
     "dot dot:C:\\q\\..\\windows" "empty:"; do
-    ask "${case%%:*}" "$(status_msg 00 'Invalid path.')" 10000c9 "$(hex_str "${case#*:}")$(hex_list)"
+    answers "${case%%:*}" "$(said 0 'Invalid path.')" create-quarantine-container path="${case#*:}"
 done
-ask "no list" "$status_fail" 10000c9 "$(hex_str 'c:\x')"
+ask "no list" "$status_fail" 10000c9 "$(encode create-quarantine-container path='c:\x' | sed 's/00000000$//')"
 expect_eq "bad containers: no rule" "" "$(new_rules)"
-ask "still one container" "$(hex_list 'c:\q\')" 10000cd
+answers "still one container" "$(items container 'c:\q\')" get-quarantine-containers
 expect_eq "bad containers logged" 6 "$(log_count 'Failed to create quarantine container')"
 
 echo "== quarantine two files; a bare name and a failed check"
@@ -63,7 +70,7 @@ sum_a=$(sum_of "$drive_c/data/a.bin")
 t0=$(($(date +%s) * 1000))
 quarantine 0 'C:\Q' 'C:\data\a.bin' 'C:\data\b.txt'
 t1=$(($(date +%s) * 1000 + 1000))
-expect_eq "two files: result" 01 "$(reply_result)"
+expect_eq "two files: result" 1 "$(reply_result)"
 msg=$(reply_text)
 re1='^(c:\\q\\a\.bin\.([0-9A-F]{16})\.QUA);(c:\\q\\b\.txt\.[0-9A-F]{16}\.QUA);$'
 [[ "$msg" =~ $re1 ]] || fail "two files: message [$msg]"
@@ -81,7 +88,7 @@ printf 'bad' >"$drive_c/data/bad.txt"
 run reg add "$helper_key" /v ArchiveVerifyFault /t REG_SZ /d BAD.txt /f
 quarantine 0 'c:\q' 'bare.txt' 'C:\data\bad.txt' 'C:\data\c.txt'
 run reg delete "$helper_key" /v ArchiveVerifyFault /f
-expect_eq "bare name: result" 00 "$(reply_result)"
+expect_eq "bare name: result" 0 "$(reply_result)"
 msg=$(reply_text)
 re2='^;;(c:\\q\\c\.txt\.[0-9A-F]{16}\.QUA);$'
 [[ "$msg" =~ $re2 ]] || fail "bare name, failed check: message [$msg]"
@@ -92,36 +99,36 @@ expect_eq "failed check logged" 1 \
 expect_eq "failed check: source kept" bad "$(cat "$drive_c/data/bad.txt")"
 expect_eq "failed check: its DACL put back" "D:P(A;;FA;;;BA)" "$(recorded file 'C:\data\bad.txt' | cut -f 1)"
 expect_eq "failed check: no archive nor temporary" "" "$(ls "$drive_c/q" | grep -i '^bad')"
-request 10000cc "$(hex_str 'C:\Q')"
-expect_eq "listing count" "$(hex_u32 3)" "${reply:0:8}"
+call get-quarantined-files name='C:\Q'
+expect_eq "listing count" count=3 "$(head -n 1 <<<"$reply")"
 for pair in "$arc_a|C:\\data\\a.bin" "$arc_b|C:\\data\\b.txt" "$arc_c|C:\\data\\c.txt"; do
     name=${pair%%|*}
     name=${name#c:\\q\\}
-    [[ "$reply" == *"$(hex_str "$name")$(hex_str "${pair#*|}")"* ]] || fail "listing lacks $name"
+    grep -q -x -F "archive=$name path=${pair#*|}" <<<"$reply" || fail "listing lacks $name"
 done
-ask "unregistered listing" "$(hex_u32 0)" 10000cc "$(hex_str 'c:\notregistered')"
+answers "unregistered listing" count=0 get-quarantined-files name='c:\notregistered'
 
 echo "== is quarantined"
-ask "archive, upper case" "$(status_msg 01 yes)" 10000ce "$(hex_str "${arc_c^^}")"
-ask "source path" "$(status_msg 01 no)" 10000ce "$(hex_str 'C:\data\c.txt')"
-ask "empty path" "$(status_msg 00 '')" 10000ce "$(hex_str '')"
+answers "archive, upper case" "$(said 1 yes)" is-file-quarantined name="${arc_c^^}"
+answers "source path" "$(said 1 no)" is-file-quarantined name='C:\data\c.txt'
+answers "empty path" "$refused" is-file-quarantined name=
 
 echo "== remove and restore with a foreign archive"
 quarantine 1 'c:\q\' "$arc_c" 'c:\other\x.QUA' 'c:\q\..\nv\NorvaleHalvernService.exe' "$arc_c"
-expect_eq "remove: foreign fails" "$(status_msg 00 '')" "$reply"
+expect_eq "remove: foreign fails" "$refused" "$reply"
 [ ! -e "$(unix_of "$arc_c")" ] || fail "remove: archive still there"
 [ -e "$drive_c/nv/NorvaleHalvernService.exe" ] || fail "remove: escaped the container"
 expect_eq "remove: listed twice, nothing scheduled" 0 "$(log_count 'Failed to delete quarantined file')"
 expect_eq "remove: mismatch logged" 2 "$(log_count 'Failed to remove the quarantined file, container path is not matched')"
 quarantine 2 'c:\q\' 'c:\other\x.QUA' "$arc_a"
-expect_eq "restore: foreign fails" "$(status_msg 00 '')" "$reply"
+expect_eq "restore: foreign fails" "$refused" "$reply"
 expect_eq "restore: bytes back" "$sum_a" "$(sum_of "$drive_c/data/a.bin")"
 expect_eq "restore: logged" "1 1" "$(log_count "restoring : $arc_a -> C:\data\a.bin") $(log_count 'restore : done')"
 [ ! -e "$(unix_of "$arc_a")" ] || fail "restore: archive still there"
 quarantine 3 'c:\q\' "$arc_b"
-expect_eq "bad action" "$(status_msg 00 'Invalid action.')" "$reply"
+expect_eq "bad action" "$(said 0 'Invalid action.')" "$reply"
 quarantine 0 'c:\nothere' 'C:\data\a.bin'
-expect_eq "unregistered container" "$(status_msg 00 'Invalid quarantine container.')" "$reply"
+expect_eq "unregistered container" "$(said 0 'Invalid quarantine container.')" "$reply"
 
 echo "== duplicates, a running image, a missing archive, damaged archives"
 quarantine 0 'c:\q' 'C:\data\a.bin' 'C:\DATA\a.bin'
@@ -134,14 +141,14 @@ wine "C:\\data\\runner.exe" hold-mutex 'Global\nv_runner' 120000 'Global\nv_runn
 runner=$!
 sleep 3
 quarantine 0 'c:\q' 'C:\data\runner.exe'
-expect_eq "running image: archived" 01 "$(reply_result)"
+expect_eq "running image: archived" 1 "$(reply_result)"
 [ ! -e "$drive_c/data/runner.exe" ] || fail "running image: source still there"
 for _ in $(seq 1 50); do kill -0 $runner 2>/dev/null || break; sleep 0.2; done
 kill -0 $runner 2>/dev/null && fail "running image: not terminated"
 grep -a -q 'Terminating process .*runner.exe' "$log" || fail "running image: no termination logged"
 from=$(($(wc -l <"$log") + 1))
 quarantine 2 'c:\q' 'c:\q\none.bin.0000000000000000.QUA'
-expect_eq "missing archive: fails" "$(status_msg 00 '')" "$reply"
+expect_eq "missing archive: fails" "$refused" "$reply"
 expect_eq "missing archive: the archive code logs nothing" "" "$(tail -n +$from "$log" | grep -a NVFileArchive)"
 # Damaged archives restored over existing files, each failing with its line in the log:
 #   NAME|CONTENT (long: an encrypted first block and plain blocks; short: the whole frame
@@ -164,7 +171,7 @@ while IFS='|' read -r name content _; do
 done <<<"$damaged"
 quarantine 0 'c:\q' "${sources[@]}"
 IFS=';' read -r -a archives <<<"$(reply_text)"
-expect_eq "damaged archives: made" "01 8" "$(reply_result) ${#archives[@]}"
+expect_eq "damaged archives: made" "1 8" "$(reply_result) ${#archives[@]}"
 i=0
 while IFS='|' read -r name _ how _; do
     f=$(unix_of "${archives[$i]}")
@@ -175,7 +182,7 @@ while IFS='|' read -r name _ how _; do
 done <<<"$damaged"
 from=$(($(wc -l <"$log") + 1))
 quarantine 2 'c:\q' "${archives[@]}"
-expect_eq "damaged archives: fail" "$(status_msg 00 '')" "$reply"
+expect_eq "damaged archives: fail" "$refused" "$reply"
 restore_log=$(tail -n +$from "$log" | tr -d '\r')
 i=0
 while IFS='|' read -r name _ _ line; do
@@ -195,7 +202,7 @@ quarantine 0 'c:\q' 'C:\swap\s.txt'
 arc_s=$(reply_text | tr -d ';')
 rmdir "$drive_c/swap" && ln -s "$drive_c/windows" "$drive_c/swap"
 quarantine 2 'c:\q' "$arc_s"
-expect_eq "link: restore refused" "$(status_msg 00 '')" "$reply"
+expect_eq "link: restore refused" "$refused" "$reply"
 [ ! -e "$drive_c/windows/s.txt" ] || fail "link: wrote through the link"
 [ -e "$(unix_of "$arc_s")" ] || fail "link: archive not kept"
 expect_eq "link: logged" 1 "$(log_count 'Restore refused, the folder of C:\swap\s.txt is a link')"
@@ -205,19 +212,19 @@ echo "== blocked files"
 printf 'blk' >"$drive_c/data/blk.txt"
 printf 'blk2' >"$drive_c/data/blk2.txt"
 mark
-ask "block" "$status_ok" 10000cf "$(hex_str 'C:\Data\Blk.txt')"
+answers "block" "$ok" block-file-access name='C:\Data\Blk.txt'
 dacl_starts "blocked DACL" 'c:\data\blk.txt' "D:P$own_ace"
 expect_eq "block: code 9" "9 command $device\\data\\blk.txt" "$(new_rules)"
-ask "is blocked" "$(status_msg 01 yes)" 10000d2 "$(hex_str 'C:\DATA\BLK.TXT')"
+answers "is blocked" "$(said 1 yes)" is-file-access-blocked name='C:\DATA\BLK.TXT'
 expect_eq "saved descriptor persisted" "REG_SZ D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)" "$(reg_value "$bkey" 'c:\data\blk.txt')"
-ask "block an archive" "$quarantined" 10000cf "$(hex_str "${arc_b^^}")"
-ask "unblock an archive" "$(status_msg 00 'The file has already been quarantined.')" 10000d0 "$(hex_str "$arc_b")"
-ask "many, block: archive skipped" "$(status_msg 01 '')" \
-    10000d1 "$(hex_u32 0)$(hex_list nv_other_svc)$(hex_list 'C:\data\blk2.txt' "$arc_b")"
+answers "block an archive" "$quarantined" block-file-access name="${arc_b^^}"
+answers "unblock an archive" "$(said 0 'The file has already been quarantined.')" unblock-file-access name="$arc_b"
+answers "many, block: archive skipped" "$ok" \
+    block-files-access action=0 service=nv_other_svc path='C:\data\blk2.txt' path="$arc_b"
 dacl_starts "many: blk2 DACL" 'c:\data\blk2.txt' "D:P$own_ace$other_ace"
-ask "many, unblock: archive listed, lower-cased" "$(status_msg 01 "${arc_b,,};")" \
-    10000d1 "$(hex_u32 1)$(hex_list)$(hex_list 'C:\data\blk2.txt' "${arc_b^^}")"
-ask "blk2 unblocked" "$(status_msg 01 no)" 10000d2 "$(hex_str 'c:\data\blk2.txt')"
+answers "many, unblock: archive listed, lower-cased" "$(said 1 "${arc_b,,};")" \
+    block-files-access action=1 path='C:\data\blk2.txt' path="${arc_b^^}"
+answers "blk2 unblocked" "$(said 1 no)" is-file-access-blocked name='c:\data\blk2.txt'
 
 echo "== restart: containers and blocked files come back"
 run reg add "$qkey" /v "c:\\$(printf 'z%.0s' $(seq 1 300))\\" /t REG_DWORD /d 1 /f
@@ -227,31 +234,31 @@ start_service
 expect_eq "reload logged" 1 "$(log_count 'Read quarantine containers: c:\q\')"
 expect_eq "over-long name skipped" 0 "$(log_count 'Read quarantine containers: c:\zzz')"
 expect_eq "code 9 re-sent" "9 command $device\\q" "$(sent | grep '^9 ')"
-ask "containers after restart" "$(hex_list 'c:\q\')" 10000cd
-ask "blocked after restart" "$(status_msg 01 yes)" 10000d2 "$(hex_str 'c:\data\blk.txt')"
+answers "containers after restart" "$(items container 'c:\q\')" get-quarantine-containers
+answers "blocked after restart" "$(said 1 yes)" is-file-access-blocked name='c:\data\blk.txt'
 mark
-ask "unblock after restart" "$status_ok" 10000d0 "$(hex_str 'c:\data\blk.txt')"
+answers "unblock after restart" "$ok" unblock-file-access name='c:\data\blk.txt'
 expect_eq "unblock: saved descriptor back" "D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)" "$(recorded file 'c:\data\blk.txt' | cut -f 1)"
 expect_eq "unblock: code 10" "10 command $device\\data\\blk.txt" "$(new_rules)"
 expect_eq "saved descriptor removed" "" "$(reg_value "$bkey" 'c:\data\blk.txt')"
 
 echo "== remove containers"
-request 10000c9 "$(hex_str 'c:\r')$(hex_list)"
+call create-quarantine-container path='c:\r'
 seq 1 500 >"$drive_c/data/r.txt"
 quarantine 0 'c:\r' 'C:\data\r.txt'
 flip 150 255 "$(unix_of "$(reply_text | tr -d ';')")"
 mark
-ask "restore-remove with a failed restore" "$status_fail" 10000cb "$(hex_u32 2)$(hex_str 'c:\r')"
-ask "container kept" "$(hex_list 'c:\q\' 'c:\r\')" 10000cd
+answers "restore-remove with a failed restore" "$refused" remove-quarantine-container action=2 path='c:\r'
+answers "container kept" "$(items container 'c:\q\' 'c:\r\')" get-quarantine-containers
 expect_eq "value kept" "REG_DWORD 0x1" "$(reg_value "$qkey" 'c:\r\')"
 expect_eq "rule kept" "" "$(new_rules)"
-ask "delete-remove" "$status_ok" 10000cb "$(hex_u32 1)$(hex_str 'C:\R')"
+answers "delete-remove" "$ok" remove-quarantine-container action=1 path='C:\R'
 [ ! -e "$drive_c/r" ] || fail "container folder left"
 expect_eq "delete-remove: code 10" "10 command $device\\r" "$(new_rules)"
 expect_eq "QuarantineContainers value removed" "" "$(reg_value "$qkey" 'c:\r\')"
 expect_eq "ProtectedFolders value removed" "" "$(reg_value "$fkey" 'c:\r\')"
-ask "remove: bad action" "$(status_msg 00 'Invalid action.')" 10000cb "$(hex_u32 3)$(hex_str 'c:\q')"
-ask "remove: unregistered" "$(status_msg 00 'Invalid quarantine container.')" 10000cb "$(hex_u32 1)$(hex_str 'c:\nothere')"
+answers "remove: bad action" "$(said 0 'Invalid action.')" remove-quarantine-container action=3 path='c:\q'
+answers "remove: unregistered" "$(said 0 'Invalid quarantine container.')" remove-quarantine-container action=1 path='c:\nothere'
 
 if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     echo "== crash safety: the service killed while quarantining and restoring"
@@ -261,7 +268,7 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     # kill_during ACTION PATH GLOB: sends the request, kills the service once GLOB matches (or
     # half a second after sending for "none"), starts it again.
     kill_during() {
-        (wine "$client" -t 200000 send 10000ca "$(hex_u32 "$1")$(hex_str 'c:\q')$(hex_list "$2")" </dev/null >/dev/null 2>&1) &
+        (wine "$client" -t 200000 call quarantine-files action="$1" container='c:\q' path="$2" </dev/null >/dev/null 2>&1) &
         local sender=$!
         if [ "$3" = none ]; then sleep 0.5; else
             for _ in $(seq 1 600); do compgen -G "$3" >/dev/null && break; sleep 0.05; done
@@ -284,7 +291,7 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
         fi
         [ -n "$arcs" ] || { fail "killed at $moment: neither the source nor an archive"; continue; }
         quarantine 2 'c:\q' "c:\\q\\$arcs"
-        expect_eq "killed at $moment: archive restores" "$status_ok" "$reply"
+        expect_eq "killed at $moment: archive restores" "$ok" "$reply"
         expect_eq "killed at $moment: restored bytes" "$sum_big" "$(sum_of "$big")"
     done
     quarantine 0 'c:\q' 'C:\data\big.bin'
@@ -301,7 +308,7 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     [ "$(log_count 'Removing an interrupted restore: C:\data\big.bin.restoring')" -ge 1 ] || fail "no interrupted restore removed"
     if [ -e "$(unix_of "$arc_big")" ]; then
         quarantine 2 'c:\q' "$arc_big"
-        expect_eq "restore after the kills" "$status_ok" "$reply"
+        expect_eq "restore after the kills" "$ok" "$reply"
     fi
     expect_eq "restored bytes" "$sum_big" "$(sum_of "$big")"
     [ ! -e "$(unix_of "$arc_big")" ] || fail "archive kept after its restore"

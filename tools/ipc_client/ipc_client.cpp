@@ -1,6 +1,12 @@
 // nv_ipc_client: sends requests to the service (or any listening peer) and prints the replies.
 //
 //   nv_ipc_client [-n NAME] [-t MS] version          protocol and service version, decoded
+//   nv_ipc_client [-n NAME] [-t MS] call MESSAGE [KEY=VALUE ...]
+//                                                    one request from named fields; prints the
+//                                                    reply's fields (tools/ipc_client/named_fields.h)
+//   nv_ipc_client encode MESSAGE [KEY=VALUE ...]     prints that request's payload in hex
+//   nv_ipc_client encode-reply MESSAGE [KEY=VALUE ...]
+//                                                    prints the payload of a reply to MESSAGE
 //   nv_ipc_client [-n NAME] [-t MS] send ID [HEX]    one request; prints the reply payload in hex
 //   nv_ipc_client [-n NAME] [-t MS] post ID [HEX]    one post, no reply
 //   nv_ipc_client [-n NAME] [-t MS] hold SECONDS     stays connected, idle, for a while
@@ -8,25 +14,33 @@
 // HEX may be @FILE: the hex text is read from that file (for payloads longer than a command
 // line). With -m FILE, send writes the request's round trip in milliseconds to FILE.
 // NAME defaults to the service's endpoint; ID is hexadecimal (0x1000009 or 1000009). Exit codes:
-// 0 success, 1 usage, 2 no connection, 3 no reply within the time-out.
+// 0 success, 1 usage, 2 no connection, 3 no reply within the time-out, 4 a reply that does not
+// decode in its layout (printed in hex).
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "mcl/encoding.h"
 #include "mcl/ipc/peer.h"
 #include "mcl/log.h"
 #include "mcl/mswin/service.h"
+#include "tools/ipc_client/named_fields.h"
 
 namespace {
 
 void usage() {
     fprintf(stderr,
             "usage: nv_ipc_client [-n NAME] [-t MS] version\n"
+            "       nv_ipc_client [-n NAME] [-t MS] call MESSAGE [KEY=VALUE ...]\n"
+            "       nv_ipc_client encode MESSAGE [KEY=VALUE ...]\n"
+            "       nv_ipc_client encode-reply MESSAGE [KEY=VALUE ...]\n"
             "       nv_ipc_client [-n NAME] [-t MS] send ID [HEX]\n"
             "       nv_ipc_client [-n NAME] [-t MS] post ID [HEX]\n"
-            "       nv_ipc_client [-n NAME] [-t MS] hold SECONDS\n");
+            "       nv_ipc_client [-n NAME] [-t MS] hold SECONDS\n"
+            "messages and their keys:\n%s",
+            named_fields::describe().c_str());
 }
 
 bool parse_hex(const char* text, mcl::binary_t& out) {
@@ -99,6 +113,29 @@ int main(int argc, char** argv) {
             usage();
             return 1;
         }
+    } else if (command == "encode-reply") {
+        std::string error;
+        if (i + 1 >= argc ||
+            !named_fields::encode_reply(argv[i + 1], std::vector<std::string>(argv + i + 2, argv + argc), payload, error)) {
+            if (!error.empty()) fprintf(stderr, "nv_ipc_client: %s\n", error.c_str());
+            usage();
+            return 1;
+        }
+        printf("%s\n", mcl::to_hex(payload).c_str());
+        return 0;
+    } else if (command == "call" || command == "encode") {
+        std::string error;
+        if (i + 1 >= argc ||
+            !named_fields::encode_request(argv[i + 1], std::vector<std::string>(argv + i + 2, argv + argc), id, payload,
+                                          error)) {
+            if (!error.empty()) fprintf(stderr, "nv_ipc_client: %s\n", error.c_str());
+            usage();
+            return 1;
+        }
+        if (command == "encode") {
+            printf("%s\n", mcl::to_hex(payload).c_str());
+            return 0;
+        }
     } else if (command == "hold") {
         if (i + 1 >= argc) {
             usage();
@@ -121,6 +158,18 @@ int main(int argc, char** argv) {
     } else if (command == "post") {
         peer.post(id, payload, connection);
         Sleep(200);  // let the write thread hand the frame to the pipe
+    } else if (command == "call") {
+        std::vector<std::string> lines;
+        if (!peer.send(id, payload, connection, timeout_ms)) {
+            fprintf(stderr, "nv_ipc_client: no reply to message %X\n", id);
+            result = 3;
+        } else if (!named_fields::decode_reply(id, payload, lines)) {
+            fprintf(stderr, "nv_ipc_client: the reply to message %X does not decode\n", id);
+            printf("%s\n", mcl::to_hex(payload).c_str());
+            result = 4;
+        } else {
+            for (const std::string& line : lines) printf("%s\n", line.c_str());
+        }
     } else if (command == "send") {
         LARGE_INTEGER frequency{}, before{}, after{};
         QueryPerformanceFrequency(&frequency);

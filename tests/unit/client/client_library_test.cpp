@@ -27,20 +27,12 @@ struct bytes {
     mcl::binary_t b;
     bytes& u8(uint8_t v) { return mcl::write_byte(b, v), *this; }
     bytes& u32(uint32_t v) { return mcl::write_u32(b, v), *this; }
-    bytes& u64(uint64_t v) { return mcl::write_u64(b, v), *this; }
-    bytes& str(const std::string& v) { return mcl::write_string(b, v), *this; }
-    bytes& wstr(const std::wstring& v) { return mcl::write_wstring(b, v), *this; }
-    bytes& list(const std::vector<std::string>& v) { return mcl::write_string_list(b, v), *this; }
 };
 
-// Fields joined by "|" (wide text narrowed: the tests use ASCII).
-void put(std::ostringstream& s, const std::wstring& w) { s << std::string(w.begin(), w.end()); }
+// Fields joined by "|".
 template <typename T>
 void put(std::ostringstream& s, const T& v) { s << +v; }
 void put(std::ostringstream& s, const std::string& v) { s << v; }
-void put(std::ostringstream& s, const std::vector<std::string>& v) {
-    for (const auto& e : v) s << e << ",";
-}
 template <typename... T>
 std::string join(const T&... fields) {
     std::ostringstream s;
@@ -68,62 +60,6 @@ protected:
     std::unique_ptr<nv_test::service_double> service_;
     invchelper* helper_ = nullptr;
 };
-
-// A query's call: its records in a vector `v`, each as the given fields of `e` joined.
-#define QUERY(type, call, ...)                                \
-    [](invchelper* h, std::string& out) {                     \
-        std::vector<type> v;                                  \
-        const bool ok = h->call;                              \
-        for (const auto& e : v) out += join(__VA_ARGS__);     \
-        return ok;                                            \
-    }
-
-TEST_F(client_library, queries_decode_the_replies_and_refuse_them_cut_short) {
-    ASSERT_TRUE(connect_compatible());
-    struct query_case {
-        uint32_t id;
-        mcl::binary_t reply;
-        std::function<bool(invchelper*, std::string&)> call;  // the decoded records, joined
-        std::string decoded;
-    };
-    const std::vector<query_case> cases = {
-        {msg::query_protected_services,
-         bytes().u32(1).u8(1).u8(1).str("D:S").str("D:F").str("svc").str("S-1-5-80-1").wstr(L"C:\\s\\s.exe").wstr(L"C:\\s").b,
-         QUERY(nvc::protected_service_info, query_protected_services(v), e.valid, e.process_protected, e.service_sddl,
-               e.folder_sddl, e.name, e.sid, e.image_path, e.folder),
-         "1|1|D:S|D:F|svc|S-1-5-80-1|C:\\s\\s.exe|C:\\s|"},
-        {msg::query_protected_processes,
-         bytes().u32(2).u8(1).str("D:1").wstr(L"C:\\a\\a.exe").wstr(L"C:\\a").u8(1).str("").wstr(L"C:\\b.exe").wstr(L"C:\\").b,
-         QUERY(nvc::protected_process_info, query_protected_processes(v), e.valid, e.folder_sddl, e.image_path, e.folder),
-         "1|D:1|C:\\a\\a.exe|C:\\a|1||C:\\b.exe|C:\\|"},
-        {msg::get_protected_reg_keys,
-         bytes().u32(1).u8(1).str("D:O").str("D:N").u64(0xFFFFFFFF80000002ull).wstr(L"software\\x").str("own").list({"s1"}).b,
-         QUERY(nvc::protected_reg_key_info, get_protected_reg_keys(v), e.valid, e.original_sddl, e.current_sddl, e.root,
-               e.path, e.owner, e.services),
-         "1|D:O|D:N|18446744071562067970|software\\x|own|s1,|"},
-        {msg::get_quarantined_files, bytes().u32(1).str("a.txt.0102030405060708.QUA").str("C:\\d\\a.txt").b,
-         QUERY(nvc::quarantined_file, get_quarantined_files("C:\\q", v), e.archive_name, e.recorded_path),
-         "a.txt.0102030405060708.QUA|C:\\d\\a.txt|"},
-        {msg::get_quarantine_containers, bytes().list({"c:\\q\\", "c:\\r\\"}).b,
-         QUERY(std::string, get_quarantine_containers(v), e), "c:\\q\\|c:\\r\\|"},
-        {msg::query_irp_notification_data,
-         bytes().u32(1).u64(7).u64(0x01DB000000000000ull).str("c:\\f.txt").u8(3).u8(0).u64(1234).str("C:\\e.exe")
-             .str("Evil").u32(1).b,
-         QUERY(nvc::notification_data, query_notification_data(v), e.sequence, e.time, e.file_path, e.major_function,
-               e.minor_function, e.process_id, e.process_image, e.process_description, e.irp_denied),
-         "7|133700613937561600|c:\\f.txt|3|0|1234|C:\\e.exe|Evil|1|"},
-    };
-    for (const query_case& c : cases) {
-        SCOPED_TRACE(c.decoded);
-        service_->set_reply(c.id, c.reply);
-        std::string decoded;
-        EXPECT_TRUE(c.call(helper_, decoded));
-        EXPECT_EQ(decoded, c.decoded);
-        // Cut short by one byte: not decoded.
-        service_->set_reply(c.id, mcl::binary_t(c.reply.data(), c.reply.size() - 1));
-        EXPECT_FALSE(c.call(helper_, decoded));
-    }
-}
 
 TEST_F(client_library, replies_cut_short_or_refusing) {
     ASSERT_TRUE(connect());

@@ -13,6 +13,7 @@
 #include "mcl/event.h"
 #include "protocol/driver_protocol.h"
 #include "protocol/message_ids.h"
+#include "protocol/requests.h"
 #include "service/helper_service.h"
 #include "tests/helpers/irp_client.h"
 #include "tests/helpers/log_capture.h"
@@ -32,7 +33,7 @@ std::vector<uint8_t> call(uint32_t id, mcl::binary_t payload) {
 
 std::vector<irp::record> collect(const std::string& sub) {
     mcl::binary_t query;
-    mcl::write_string(query, sub);
+    protocol::encode(query, protocol::notification_query_request{sub});
     const std::vector<uint8_t> reply = call(msg::query_irp_notification_data, query);
     std::vector<irp::record> records;
     EXPECT_TRUE(nv_test::read_records(mcl::binary_t(reply.data(), static_cast<uint32_t>(reply.size())), records));

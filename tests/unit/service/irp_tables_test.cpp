@@ -5,42 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "mcl/encoding.h"
-#include "service/request_payloads.h"
 
 namespace {
-
-mcl::binary_t subscribe_payload(const std::string& subscriber, const std::string& event, const std::string& path) {
-    mcl::binary_t b;
-    mcl::write_byte(b, 0);
-    mcl::write_string(b, subscriber);
-    mcl::write_string(b, event);
-    mcl::write_string(b, path);
-    mcl::write_byte(b, 0xFF);
-    mcl::write_byte(b, 0xFF);
-    mcl::write_u32(b, 0);
-    return b;
-}
-
-TEST(IrpRequests, EveryCutIsTruncatedAndEveryExcessOversized) {
-    const std::string name(irp::max_name_bytes, 'n'), path(irp::max_path_bytes, 'p');
-    const mcl::binary_t largest = subscribe_payload(name, name, path);
-    irp::subscribe_request r;
-    ASSERT_EQ(irp::request_check::ok, request_payload::read_subscribe_irp_notification(largest, r));
-    EXPECT_EQ(name, r.subscriber);
-    EXPECT_EQ(path, r.file_path);
-    for (uint32_t cut = 0; cut < largest.size(); ++cut) {
-        const mcl::binary_t part(largest.data(), cut);
-        EXPECT_EQ(irp::request_check::truncated, request_payload::read_subscribe_irp_notification(part, r)) << cut;
-    }
-    mcl::binary_t trailing = subscribe_payload("s", "e", "p");
-    mcl::write_byte(trailing, 0);
-    const std::vector<uint8_t> big(irp::max_subscribe_payload + 1, 'x');
-    for (const mcl::binary_t& payload :
-         {trailing, subscribe_payload(name + "n", "e", "p"), subscribe_payload("s", name + "e", "p"),
-          subscribe_payload("s", "e", path + "p"), mcl::binary_t(big.data(), static_cast<uint32_t>(big.size()))})
-        EXPECT_EQ(irp::request_check::oversized, request_payload::read_subscribe_irp_notification(payload, r));
-}
 
 irp::subscribe_request request(const std::string& sub, const std::string& path, uint8_t major, uint8_t minor,
                                uint32_t type, bool remove = false) {
