@@ -26,6 +26,9 @@ for _ in 1 2 3; do
   wine sc query nvcli_disabled </dev/null >/dev/null 2>&1 && break
   sleep 1
 done
+# -c RpcSs wants a running service: Wine starts RpcSs on demand, which a loaded machine may not
+# have done yet.
+wine net start RpcSs </dev/null >/dev/null 2>&1
 while read -r want args; do check "$exe" "$args" "$want" usage; done <<'CASES'
 0   -h
 0   -H
