@@ -9,7 +9,6 @@
 //                               bytes after warm-up, in percent; 10 unless set)
 //   nv_storm prepare CLIENTS    (the storm's registry keys, folders and files to quarantine)
 //   nv_storm victim             (a client the storm kills in the middle of its request)
-//   nv_storm check-keys         (every storm key whose DACL changed has its original recorded)
 //   nv_storm restart CLIENTS [SECONDS]
 //                               (taskkill /f of the service, started again, answering, keys and
 //                               quarantined files checked)
@@ -161,16 +160,12 @@ int main(int argc, char** argv) {
     const int clients = argc > 2 ? atoi(argv[2]) : 200;
     if (mode == "victim") return storm::victim();
     if (mode == "prepare") return storm::prepare(clients);
-    if (mode == "check-keys") {
-        storm::check(storm::check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
-        return storm::failures() == 0 ? 0 : 1;
-    }
     if (mode == "restart" && argc >= 3) return storm::restart(clients, argc > 3 ? atoi(argv[3]) : 300);
     if (mode == "storm" && argc >= 4) {
         const bool crashes = argc > 4 && std::strcmp(argv[4], "--crashes") == 0;
         return storm::run_storm(atoi(argv[2]), atoi(argv[3]), crashes, std::string(self, n));
     }
-    std::fprintf(stderr, "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | check-keys [CLIENTS] | "
+    std::fprintf(stderr, "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | "
                          "restart CLIENTS [SECONDS]\n");
     return 2;
 }
