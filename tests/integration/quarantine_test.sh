@@ -25,8 +25,6 @@ quarantine() {  # ACTION CONTAINER PATH...
     for path in "$@"; do paths+=("path=$path"); done
     call quarantine-files action="$action" container="$container" "${paths[@]}"
 }
-# The archive's fields as written: a u32, in hex.
-hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
 dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }
 new_rules() { sent | grep -v feature; }
 # patch OFFSET HEX FILE: the bytes given as hex written at OFFSET; flip OFFSET MASK FILE: one byte xor MASK.

@@ -14,32 +14,37 @@ own_keys=('Software\Norvale\NVClientHelper\ProtectedServices'
 hklm=FFFFFFFF80000002 hklm_text=18446744071562067970 t='Software\NvTest'
 sddl() { run "$probe" sddl "$@" && cat "$out"; }
 tree_is() { expect_eq "$1" "$(for _ in "${@:3}"; do echo "$2"; done)" "$(sddl "${@:3}")"; }  # LABEL WANT KEY...
-# entry "action|root-hex|path|owner|level|svc,svc": one entry of request 0x100000b in hex
-entry() {
-    local a r p o l s x n=0 list=''
-    IFS='|' read -r a r p o l s <<<"$1"
-    for x in ${s//,/ }; do list+=$(hex_str "$x") n=$((n + 1)); done
-    printf '%02X%s%s%s%s%s%s%s' "$a" "$(hex_u32 $((0x$r & 0xFFFFFFFF)))" "$(hex_u32 $((0x$r >> 32 & 0xFFFFFFFF)))" \
-        "$(hex_wstr "$p")" "$(hex_str "$o")" "$(hex_u32 $n)" "$list" "$(hex_u32 "$l")"
+# protect WANT ENTRY...: request 0x100000b from named fields, one ENTRY
+# "action|root-hex|path|owner|level|svc,svc" an element, its reply WANT (a status reply's fields)
+protect() {
+    local want=$1 label="${*:2}" e a r p o l s x args=()
+    for e in "${@:2}"; do
+        IFS='|' read -r a r p o l s <<<"$e"
+        args+=(protect="$a" root="0x$r" path="$p" owner="$o")
+        for x in ${s//,/ }; do args+=(service="$x"); done
+        args+=(level="$l")
+    done
+    call protect-reg-keys "${args[@]}"
+    expect_eq "reply to ${label:0:200}" "$want" "$reply"
 }
-send() {  # WANT LABEL HEX: request 0x100000b through a file (any length), its reply WANT
+# protect_bytes WANT LABEL HEX: request 0x100000b as bytes, through a file (any length), for what
+# a command line cannot carry; its reply in hex WANT
+protect_bytes() {
     printf '%s' "$3" >"$work/request.hex"
     run "$client" -t 60000 send 100000b "@Z:$work/request.hex"
     expect_eq "reply to ${2:0:200}" "$1" "$(cat "$out")"
 }
-protect() {  # WANT ENTRY...
-    local e hex
-    hex=$(hex_u32 $(($# - 1)))
-    for e in "${@:2}"; do hex+=$(entry "$e"); done
-    send "$1" "${*:2}" "$hex"
+entry_bytes() {  # PATH: one level-1 protect entry of PATH for nv_owner_a in hex
+    printf '01%s%s%s%s' "$(hex_u32 0x80000002)" "$(hex_u32 0xFFFFFFFF)" "$(hex_wstr "$1")" "$(hex_str nv_owner_a)00000000$(hex_u32 1)"
 }
-listing() { run "$client" send 100000c && cat "$out"; }  # the reply of 0x100000c in hex
-listed() { expect_eq "records listed" "$(hex_u32 "$1")" "$(listing | cut -c 1-8)"; }
+listing() { call get-protected-reg-keys && printf '%s\n' "$reply"; }  # the records, one a line
+listed() { expect_eq "records listed" "count=$1" "$(listing | head -n 1)"; }
 # has_record ORIGINAL CURRENT ENTRY: the listing holds ENTRY's record with these DACL texts
 has_record() {
-    local e
-    e=$(entry "$3")
-    listing | grep -q -F "01$(hex_str "$1")$(hex_str "$2")${e:2:${#e}-10}" || fail "not listed: $3 {$1} {$2}"
+    local a r p o l s
+    IFS='|' read -r a r p o l s <<<"$3"
+    listing | grep -q -x -F "valid=1 original_sddl=$1 current_sddl=$2 root=$hklm_text path=$p owner=$o service=$s" ||
+        fail "not listed: $3 {$1} {$2}"
 }
 # has_rule CODE TEXT: the simulator got command CODE with TEXT (Windows says MACHINE, Wine Machine)
 has_rule() { driver_messages | grep -q -i -x -F "$1 command $2" || fail "no code $1 with [$2]"; }
@@ -73,7 +78,7 @@ stop() { stop_service && own_released "at stop"; }
 # given_back LABEL PATH [KEY...]: PATH unprotected (naming an owner that is not installed: an
 # unprotect does not look at it), its original DACL back on PATH (or each KEY), its record gone
 given_back() {
-    protect 0100 "0|$hklm|$2|nv_gone|0|"
+    protect "$ok" "0|$hklm|$2|nv_gone|0|"
     if [ $# -gt 2 ]; then tree_is "$1" "$orig" "${@:3}"; else tree_is "$1" "$orig" "$2"; fi
     ! has_value "$2" || fail "$1: record left"
 }
@@ -108,7 +113,7 @@ expect_eq "own keys' rules removed" 6 "$(rule_count 13)"
 start
 
 echo "== three trees at levels 0, 2 and 1"
-protect 0100 "1|$hklm|$t\\Lvl0|nv_owner_a|0|$extra" "1|$hklm|$t\\Lvl2|nv_owner_a|2|" \
+protect "$ok" "1|$hklm|$t\\Lvl0|nv_owner_a|0|$extra" "1|$hklm|$t\\Lvl2|nv_owner_a|2|" \
     "1|$hklm|$t\\Lvl1|nv_owner_b|1|$extra,$svc,nv_owner_b"
 tree_is "level 0" "$lvl0" "${lvl0_tree[@]}"
 tree_is "level 2" "$lvl2" "${lvl2_tree[@]}"
@@ -131,32 +136,39 @@ expect_eq "DACL lines" "1 1" "$(log_count "] - original dacl for registry key [$
 
 echo "== bad requests: answered 0 with a line, nothing applied, the next request served"
 rules=$(rule_count 12) removed=$(rule_count 13)
-whole=$(hex_u32 1)$(entry "1|$hklm|$t\\Bad|nv_owner_a|1|")
-for cut in 0 4 8 18 $((${#whole} - 2)); do send 0000 "cut after $cut hex digits" "${whole:0:cut}"; done
+whole=$(encode protect-reg-keys protect=1 root=0x$hklm path="$t\\Bad" owner=nv_owner_a level=1)
+for cut in 0 4 8 18 $((${#whole} - 2)); do protect_bytes "$status_fail" "cut after $cut hex digits" "${whole:0:cut}"; done
 expect_eq "malformed lines" 5 "$(log_count '] - Malformed request: ')"
 while IFS='#' read -r e why; do
     n=$(log_count "is not protected: $why.")
-    protect 0000 "$e"
+    protect "$refused" "$e"
     expect_eq "$why: line" $((n + 1)) "$(log_count "is not protected: $why.")"
 done <<EOF
 1|0000000080000002|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
 1|FFFFFFFF80000008|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
 1|$hklm|$t\\\\Bad|nv_owner_a|1|#the path has an empty key name
 1|$hklm|$t\\Bad\\|nv_owner_a|1|#the path has an empty key name
-1|$hklm|$t\\Bad\\中|nv_owner_a|1|#the path cannot be written in the ANSI code page
 1|$hklm|$t\\Bad\\$(printf 'k%.0s' $(seq 256))|nv_owner_a|1|#a key name is longer than 255 characters
-1|$hklm|$(printf 'k%.0s' $(seq 16361))|nv_owner_a|1|#the path is longer than the registry allows
 1|$hklm|$t\\Bad|nv_gone|1|#its owner service [nv_gone] is not installed
+EOF
+# A path outside the ANSI code page and one of 16,361 characters go as bytes.
+while IFS='#' read -r path why; do
+    n=$(log_count "is not protected: $why.")
+    protect_bytes "$status_fail" "$why" "$(hex_u32 1)$(entry_bytes "$path")"
+    expect_eq "$why: line" $((n + 1)) "$(log_count "is not protected: $why.")"
+done <<EOF
+$t\\Bad\\中#the path cannot be written in the ANSI code page
+$(printf 'k%.0s' $(seq 16361))#the path is longer than the registry allows
 EOF
 expect_eq "nothing tried" 0 "$(log_count "$t\\Bad")"
 wine reg query "HKLM\\$t\\Bad" </dev/null >/dev/null 2>&1 && fail "Bad created"
 has_value "$t\\Bad" && fail "Bad persisted"
-send 0100 "no entries" 00000000
+protect_bytes "$status_ok" "no entries" 00000000
 expect_eq "no entries line" 1 "$(log_count '] - No reg key set to (un)protect.')"
 
 echo "== the registry protection switch off"
 request 1000008 00
-protect 0000 "1|$hklm|$t\\Off|nv_owner_a|1|"
+protect "$refused" "1|$hklm|$t\\Off|nv_owner_a|1|"
 request 1000008 01
 logged chelperservice::protectRegKey "Trying to protect reg key (\\\\$hklm_text\\$t\\Off)"
 logged chelperservice::protectRegKey "Registry protection function is disabled"
@@ -164,25 +176,25 @@ wine reg query "HKLM\\$t\\Off" </dev/null >/dev/null 2>&1 && fail "Off created"
 expect_eq "no rule sent" "$rules" "$(rule_count 12)"
 
 echo "== the same key twice and in another letter case; a key that is not protected"
-protect 0100 "1|$hklm|SOFTWARE\\NVTEST\\LVL1|nv_owner_a|0|" "1|$hklm|$t\\Lvl1|nv_owner_a|0|"
+protect "$ok" "1|$hklm|SOFTWARE\\NVTEST\\LVL1|nv_owner_a|0|" "1|$hklm|$t\\Lvl1|nv_owner_a|0|"
 tree_is "the first record stays" "$lvl1" "${lvl1_tree[@]}"
-protect 0100 "0|$hklm|$t\\Crash|nv_owner_a|0|"
+protect "$ok" "0|$hklm|$t\\Crash|nv_owner_a|0|"
 expect_eq "no rule sent or removed" "$rules $removed" "$(rule_count 12) $(rule_count 13)"
 listed 9
 
 echo "== an empty first path with action 1 does nothing"
-protect 0100 "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
+protect "$ok" "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
 listed 9
 tree_is "Lvl0 still protected" "$lvl0" "$t\\Lvl0"
 
 echo "== a missing key is created and protected"
-protect 0100 "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
+protect "$ok" "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
 tree_is "created key" "$lvl1_a" "$t\\Fresh\\New"
 
 echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
 given_back "level 0 restored" "$t\\LVL0" "${lvl0_tree[@]}"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Lvl0"
-listing | grep -q -F "$(hex_wstr "$t\\Lvl0")" && fail "Lvl0 still listed"
+listing | grep -q -F " path=$t\\Lvl0 " && fail "Lvl0 still listed"
 logged chelperservice::unprotectRegKey "Trying to unprotect reg key (\\\\$hklm_text\\$t\\Lvl0)"
 expect_eq "unprotected line" 1 "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")"
 
@@ -191,9 +203,9 @@ echo "== an original DACL that cannot be written back: answered 0, the key stays
 wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 &
 locker=$!
 poll 150 0.2 'grep -q locked "$work/lock.txt"'
-protect 0100 "1|$hklm|$t\\Locked|nv_owner_a|1|"
+protect "$ok" "1|$hklm|$t\\Locked|nv_owner_a|1|"
 removed=$(rule_count 13)
-protect 0000 "0|$hklm|$t\\Locked|nv_owner_a|1|"
+protect "$refused" "0|$hklm|$t\\Locked|nv_owner_a|1|"
 tree_is "still protected" "$lvl1_a" "$t\\Locked"
 expect_eq "its rule stays" "$removed" "$(rule_count 13)"
 has_value "$t\\Locked" || fail "Locked record kept"
@@ -207,7 +219,7 @@ has_rule 13 "\\REGISTRY\\Machine\\$t\\Locked"
 
 echo "== a protect without the driver answers 0; an unprotect gives back what it left"
 run "$ctl" unload
-protect 0000 "1|$hklm|$t\\NoDriver|nv_owner_a|1|"
+protect "$refused" "1|$hklm|$t\\NoDriver|nv_owner_a|1|"
 tree_is "its DACL step stays" "$lvl1_a" "$t\\NoDriver"
 has_value "$t\\NoDriver" || fail "NoDriver record persisted"
 run "$ctl" load
@@ -233,7 +245,7 @@ tree_is "level 1 given back" "$orig" "${lvl1_tree[@]}"
 has_value "$t\\Lvl1" && fail "Lvl1 value left"
 
 echo "== killed right after a protect"
-protect 0100 "1|$hklm|$t\\Crash|nv_owner_a|1|"
+protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|"
 run taskkill /f /im NorvaleHalvernService.exe
 expect_eq "taskkill" 0 "$rc"
 start
@@ -250,7 +262,7 @@ tree_is "protected from its record" "$(protected_sddl 0 "$own_sid" "$owner_sid")
 given_back "DACL from before the protect" "$t\\Seam"
 
 echo "== an empty first path with action 0 lifts every key rule"
-protect 0100 "0|$hklm||nv_owner_a|0|" "1|$hklm|$t\\Lvl0|nv_owner_a|0|"
+protect "$ok" "0|$hklm||nv_owner_a|0|" "1|$hklm|$t\\Lvl0|nv_owner_a|0|"
 has_rule 13 ""
 listed 0
 tree_is "fresh key released" "$orig" "$t\\Fresh\\New"

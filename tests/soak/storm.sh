@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # The storm against the running service with the driver simulator, in a prefix of its own:
-# CLIENTS concurrent clients for SECONDS (storm_bench.exe: valid requests of every kind, random
+# CLIENTS concurrent clients for SECONDS (nv_storm.exe: valid requests of every kind, random
 # payloads and identifiers, hang-ups and kills in mid-request) while the simulator unloads and
-# reloads the driver every 2-6 s and injects IRP denials; then the checks storm_bench prints.
+# reloads the driver every 2-6 s and injects IRP denials; then the checks nv_storm prints.
 # Then, KILLS times, the service is killed with taskkill /f at a random moment of a second,
 # shorter storm and started again: each time it must answer, load its persisted lists and leave
 # no protected storm key without the record of its original DACL and no storm file neither at its
@@ -10,10 +10,10 @@
 #
 # GROWTH_LIMIT: how much, in percent, the service's handles and private bytes may grow after warm-up.
 #
-#   bench/storm_bench.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS [GROWTH_LIMIT]]]]]
+#   tests/soak/storm.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS [GROWTH_LIMIT]]]]]
 #                                                        defaults: build/mingw-x64 600 200 10 10
 set -uo pipefail
-here=$(cd "$(dirname "$0")/.." && pwd)
+here=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
 seconds=${2:-600}
 clients=${3:-200}
@@ -23,7 +23,7 @@ export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build
 [ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
 . "$here/tests/integration/protection_lib.sh"
 
-storm=$NV_BIN_DIR/storm_bench.exe
+storm=$NV_BIN_DIR/nv_storm.exe
 run "$exe" -i install
 for i in 0 1 2 3 4 5 6 7; do
     run sc create "nvstorm$i" binPath= 'C:\nv\absent.exe' start= demand
@@ -68,7 +68,7 @@ restart_total=0
 for k in $(seq 1 "$kills"); do
     sleep "$((1 + RANDOM % 5)).$((RANDOM % 10))"
     # taskkill /f, a start as soon as the service manager has seen the process end, and the
-    # first answers: storm_bench waits on the process and the service's pipe, not in steps.
+    # first answers: nv_storm waits on the process and the service's pipe, not in steps.
     run "$storm" restart "$clients" 300
     sed "s/^/kill $k ($(date +%T)): /" "$out"
     [ "$rc" = 0 ] || fail "kill $k: restart or checks failed"

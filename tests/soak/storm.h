@@ -1,0 +1,114 @@
+// The storm: the running service under many clients at once, then killed and started again.
+// What the storm's programs share: its objects (registry keys, services, files, containers), the
+// client connection, and the check lines it prints ("check: WHAT: ok|FAILED").
+#pragma once
+
+#include <windows.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "mcl/buffer.h"
+#include "tests/helpers/raw_client.h"
+
+namespace storm {
+
+constexpr int storm_services = 8;  // nvstorm0..7, installed by the script, never started
+constexpr const char* services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
+constexpr const char* reg_keys_key = "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys";
+constexpr const char* reference_key = "SOFTWARE\\NVStorm\\ref";  // made beside the storm keys, never protected
+constexpr uint64_t hklm = 0xFFFFFFFF80000002ull;
+// The storm's quarantine container, and how many files each client quarantines and restores.
+constexpr const char* storm_container = "C:\\storm\\q";
+constexpr int files_per_client = 2;
+
+std::string storm_key(int client);
+// The persisted record name of a storm key: two backslashes, the decimal root, a backslash, the lowered path.
+std::string record_name(int client);
+// A client's files, 4-64 KiB each, their bytes derived from the client and file index.
+std::string storm_file(int client, int file);
+std::vector<unsigned char> storm_file_bytes(int client, int file);
+// Each client's own container, made and removed again (never the storm's), and its file to block.
+std::string own_container(int client);
+std::string blocked_file(int client);
+
+// One connection to the service that sends whole requests or only their first bytes.
+class client_conn {
+public:
+    bool open();
+    void close() { client_.close(); }
+    // Sends one request; true with the reply payload when one came.
+    bool request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply);
+    // Writes the first `n` bytes of a request frame and nothing more.
+    bool partial(uint32_t id, const mcl::binary_t& payload, uint32_t n);
+    // Opens, trying for up to 20 s; false when the service never let it in.
+    bool open_patiently();
+
+private:
+    nv_test::raw_client client_;
+    uint32_t sequence_ = 0;
+};
+
+bool status_ok(const mcl::binary_t& reply);
+// The container's archives as the service lists them: lowered original path -> archive path.
+bool list_archives(client_conn& conn, std::map<std::string, std::string>& archives);
+
+struct counters {
+    std::atomic<uint64_t> answered{0};
+    std::atomic<uint64_t> unanswered{0};
+    std::atomic<uint64_t> hangups{0};
+    std::atomic<uint64_t> killed{0};
+    std::atomic<uint64_t> connect_failures{0};
+    std::atomic<int> clients_connected{0};  // clients whose first connection succeeded
+    std::atomic<uint64_t> quarantined{0};   // storm files archived into the container
+    std::atomic<uint64_t> restored{0};      // and restored from it
+};
+
+// What each client's last answered protect or unprotect left.
+struct owned_state {
+    std::mutex lock;
+    std::map<int, bool> services;  // service -> protected after the last answered request
+    std::map<int, bool> keys;      // client -> its key protected after the last answered request
+};
+
+// Requests the storm sends valid, besides the owned protect requests, and a valid payload of one
+// for client `client` that leaves the prefix usable.
+std::vector<uint32_t> valid_ids();
+mcl::binary_t valid_payload(uint32_t id, int client, std::mt19937& rng);
+
+// Storm client `index` until GetTickCount64() reaches `end`; `self` is this program, started
+// as a victim.
+void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, const std::string& self);
+// A client that sends protect requests until it is killed.
+int victim();
+
+// The check lines; failures() counts the FAILED ones.
+void check(bool ok, const std::string& what);
+int failures();
+
+DWORD service_pid();
+struct usage {
+    DWORD handles = 0;
+    SIZE_T private_bytes = 0;
+};
+bool sample(DWORD pid, usage& u);
+
+void check_every_request_answers();
+// The persisted lists hold exactly what the answered requests left.
+void check_owned(const owned_state& owned);
+// Every storm key whose DACL differs from the reference key's has its record with the original
+// DACL; the number of keys and records that do not.
+int check_keys(int clients);
+// Every storm file is at its place with its bytes or archived in the container; the number of
+// files in neither form.
+int check_files(int clients);
+
+// The service killed with taskkill /f, started again and answering; then the checks.
+int restart(int clients, int seconds);
+
+}  // namespace storm

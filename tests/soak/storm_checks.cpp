@@ -1,0 +1,217 @@
+// What the storm checks afterwards: the service's process and its resources, every request type
+// answered, the persisted lists, the storm keys' records and the storm files.
+#include <windows.h>
+
+#include <winternl.h>
+
+#include <cstdio>
+#include <cstring>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "mcl/encoding.h"
+#include "mcl/mswin/reg.h"
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
+#include "protocol/message_ids.h"
+#include "tests/soak/storm.h"
+
+namespace storm {
+
+namespace {
+
+int failure_count = 0;
+
+std::set<std::string> value_names(const char* key) {
+    std::vector<std::string> names;
+    mcl::mswin::reg::list_values(key, names);
+    return std::set<std::string>(names.begin(), names.end());
+}
+
+// The key's DACL as SDDL; empty when it cannot be read.
+std::string dacl_sddl(const std::string& key) {
+    mcl::mswin::security_descriptor sd;
+    return mcl::mswin::reg::get_key_dacl_security(HKEY_LOCAL_MACHINE, key, sd) ? sd.dacl_sddl() : std::string();
+}
+
+bool holds_bytes(const std::string& path, const std::vector<unsigned char>& want) {
+    HANDLE h = CreateFileA(path.c_str(), GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                           OPEN_EXISTING, 0, nullptr);
+    if (h == INVALID_HANDLE_VALUE) return false;
+    std::vector<unsigned char> got(want.size() + 1);
+    DWORD total = 0;
+    DWORD n = 0;
+    while (total < got.size() && ReadFile(h, got.data() + total, static_cast<DWORD>(got.size() - total), &n, nullptr) &&
+           n > 0)
+        total += n;
+    CloseHandle(h);
+    return total == want.size() && std::memcmp(got.data(), want.data(), want.size()) == 0;
+}
+
+}  // namespace
+
+void check(bool ok, const std::string& what) {
+    std::printf("check: %s: %s\n", what.c_str(), ok ? "ok" : "FAILED");
+    if (!ok) ++failure_count;
+}
+
+int failures() { return failure_count; }
+
+DWORD service_pid() {
+    SERVICE_STATUS_PROCESS status{};
+    return mcl::mswin::service::query_status_ex(mcl::mswin::service::default_name, status) ? status.dwProcessId : 0;
+}
+
+// From the system's process list: it also has the figures of processes this one may not open.
+bool sample(DWORD pid, usage& u) {
+    using query_fn = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
+    const auto query = reinterpret_cast<query_fn>(
+        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
+    if (query == nullptr) return false;
+    std::vector<unsigned char> buffer(1 << 20);
+    ULONG needed = 0;
+    LONG status = 0;
+    while ((status = query(SystemProcessInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed)) ==
+           static_cast<LONG>(0xC0000004))  // STATUS_INFO_LENGTH_MISMATCH
+        buffer.resize(buffer.size() * 2);
+    if (status != 0) return false;
+    for (size_t at = 0;;) {
+        const auto* p = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(buffer.data() + at);
+        if (static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(p->UniqueProcessId)) == pid) {
+            u.handles = p->HandleCount;
+            u.private_bytes = p->PrivatePageCount != 0 ? p->PrivatePageCount : p->VirtualMemoryCounters.PagefileUsage;
+            return u.handles != 0 && u.private_bytes != 0;
+        }
+        if (p->NextEntryOffset == 0) return false;
+        at += p->NextEntryOffset;
+    }
+}
+
+// Every request the storm sends valid, once more, on a fresh connection.
+void check_every_request_answers() {
+    std::mt19937 rng(1);
+    client_conn conn;
+    check(conn.open_patiently(), "a client connects after the storm");
+    int missing = 0;
+    std::vector<uint32_t> ids = valid_ids();
+    ids.push_back(msg::protect_services);
+    ids.push_back(msg::protect_reg_keys);
+    for (uint32_t id : ids) {
+        mcl::binary_t reply;
+        const mcl::binary_t p = id == msg::protect_services ? mcl::binary_t() : valid_payload(id, 0, rng);
+        if (!conn.request(id, p, reply)) {
+            std::printf("no answer to %X\n", id);
+            ++missing;
+            (void)conn.open();
+        }
+    }
+    check(missing == 0, "every request type is answered after the storm");
+}
+
+void check_owned(const owned_state& owned) {
+    const std::set<std::string> services = value_names(services_key);
+    const std::set<std::string> records = value_names(reg_keys_key);
+    int wrong = 0;
+    for (const auto& s : owned.services) {
+        const bool listed = services.count("nvstorm" + std::to_string(s.first)) != 0;
+        if (listed != s.second) {
+            std::printf("service nvstorm%d: listed %d, want %d\n", s.first, listed ? 1 : 0, s.second ? 1 : 0);
+            ++wrong;
+        }
+    }
+    const std::string reference = dacl_sddl(reference_key);
+    int kept = 0;
+    for (const auto& k : owned.keys) {
+        const bool listed = records.count(record_name(k.first)) != 0;
+        // A protect answered 0 because the driver was away keeps its DACL step and its persisted
+        // record (applied again at the next start): the key differs from the reference then.
+        if (listed && !k.second && !reference.empty()) {
+            const std::string sddl = dacl_sddl(storm_key(k.first));
+            if (!sddl.empty() && sddl != reference) {
+                ++kept;
+                continue;
+            }
+        }
+        if (listed != k.second) {
+            std::printf("key %s: recorded %d, want %d\n", storm_key(k.first).c_str(), listed ? 1 : 0, k.second ? 1 : 0);
+            ++wrong;
+        }
+    }
+    std::printf("owned_services_checked: %zu services\n", owned.services.size());
+    std::printf("owned_keys_checked: %zu keys\n", owned.keys.size());
+    std::printf("records_left_by_failed_protects: %d keys\n", kept);
+    check(wrong == 0, "the persisted services and keys are what the answered requests left");
+}
+
+int check_keys(int clients) {
+    const std::string reference = dacl_sddl(reference_key);
+    if (reference.empty()) {
+        std::printf("the reference key %s is missing\n", reference_key);
+        return 1;
+    }
+    const std::set<std::string> records = value_names(reg_keys_key);
+    int orphans = 0;
+    for (int i = 0; i < clients; ++i) {
+        // A key unreadable to us is protected: it must be recorded too.
+        const std::string sddl = dacl_sddl(storm_key(i));
+        if (sddl != reference && records.count(record_name(i)) == 0) {
+            std::printf("key %s has DACL %s without a record\n", storm_key(i).c_str(), sddl.c_str());
+            ++orphans;
+        }
+    }
+    // And every record holds an original DACL.
+    int empty = 0;
+    for (const std::string& name : records) {
+        mcl::binary_t record;
+        uint32_t pos = 0;
+        std::string original;
+        if (!mcl::mswin::reg::read_value(reg_keys_key, name.c_str(), record) || !mcl::read_string(original, record, pos) ||
+            original.empty())
+            ++empty;
+    }
+    return orphans + empty;
+}
+
+// Clients may be moving files meanwhile (an archive is in place before its source goes, a
+// restored file before its archive goes): a file found in neither form is looked for again,
+// archives first, a few times before it counts.
+int check_files(int clients) {
+    client_conn conn;
+    if (!conn.open_patiently()) {
+        std::printf("files: no connection to list the container\n");
+        return 1;
+    }
+    std::vector<std::pair<int, int>> pending;
+    for (int i = 0; i < clients; ++i)
+        for (int f = 0; f < files_per_client; ++f)
+            if (!holds_bytes(storm_file(i, f), storm_file_bytes(i, f))) pending.emplace_back(i, f);
+    size_t archived = 0;
+    int listing_failures = 0;
+    for (int round = 0; round < 5 && !pending.empty();) {
+        if (round > 0) Sleep(100);
+        std::map<std::string, std::string> archives;
+        if (!list_archives(conn, archives)) {
+            // The service may be being killed and started again: a new connection waits for it.
+            std::printf("files: the container's listing failed\n");
+            if (++listing_failures > 5) break;
+            (void)conn.open_patiently();
+            continue;
+        }
+        ++round;
+        std::vector<std::pair<int, int>> neither;
+        for (const auto& f : pending) {
+            if (archives.count(mcl::mswin::lower_case(storm_file(f.first, f.second))) != 0)
+                ++archived;
+            else if (!holds_bytes(storm_file(f.first, f.second), storm_file_bytes(f.first, f.second)))
+                neither.push_back(f);
+        }
+        pending.swap(neither);
+    }
+    for (const auto& f : pending)
+        std::printf("file %s: neither at its place with its bytes nor archived\n", storm_file(f.first, f.second).c_str());
+    std::printf("storm_files_archived: %zu files (of %d)\n", archived, clients * files_per_client);
+    return static_cast<int>(pending.size());
+}
+
+}  // namespace storm

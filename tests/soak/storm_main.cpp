@@ -1,0 +1,171 @@
+// The running service under a storm of clients: valid requests of every kind, random payloads,
+// random identifiers, clients that hang up or are killed in the middle of a request. Run by
+// tests/soak/storm.sh, which also drives the driver simulator and, with --crashes, kills the
+// service meanwhile. Prints "name: value unit" lines and "check: ..." lines; exit 0 when every
+// check held, 1 otherwise.
+//
+//   nv_storm storm SECONDS CLIENTS [--crashes]
+//                               (NV_STORM_GROWTH_LIMIT: the allowed growth of handles and private
+//                               bytes after warm-up, in percent; 10 unless set)
+//   nv_storm prepare CLIENTS    (the storm's registry keys, folders and files to quarantine)
+//   nv_storm victim             (a client the storm kills in the middle of its request)
+//   nv_storm restart CLIENTS [SECONDS]
+//                               (taskkill /f of the service, started again, answering, keys and
+//                               quarantined files checked)
+#include <windows.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mcl/mswin/unique_handle.h"
+#include "protocol/message_ids.h"
+#include "protocol/requests.h"
+#include "tests/soak/storm.h"
+
+namespace storm {
+
+namespace {
+
+// The storm's keys beside the reference key, its folders and its files.
+int prepare(int clients) {
+    for (int i = -1; i < clients; ++i) {
+        mcl::mswin::unique_reg_key key;
+        const std::string name = i < 0 ? reference_key : storm_key(i);
+        if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, name.c_str(), 0, nullptr, 0, KEY_READ, nullptr, key.put(), nullptr) !=
+            ERROR_SUCCESS)
+            return 1;
+        if (i < 0) continue;
+        CreateDirectoryA("C:\\storm", nullptr);
+        CreateDirectoryA(storm_container, nullptr);
+        CreateDirectoryA(("C:\\storm\\f" + std::to_string(i)).c_str(), nullptr);
+        mcl::mswin::unique_kernel_handle blk(
+            CreateFileA(blocked_file(i).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+        if (!blk) return 1;
+        for (int f = 0; f < files_per_client; ++f) {
+            const std::vector<unsigned char> bytes = storm_file_bytes(i, f);
+            mcl::mswin::unique_kernel_handle h(
+                CreateFileA(storm_file(i, f).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+            DWORD written = 0;
+            if (!h || !WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ||
+                written != bytes.size())
+                return 1;
+        }
+    }
+    return 0;
+}
+
+// The storm's container, made (or found made) by the service.
+bool register_container() {
+    client_conn conn;
+    mcl::binary_t request;
+    protocol::encode(request, protocol::create_container_request{storm_container, {}});
+    mcl::binary_t reply;
+    for (int i = 0; i < 100; ++i) {
+        if (conn.open() && conn.request(msg::create_quarantine_container, request, reply)) return status_ok(reply);
+        Sleep(200);
+    }
+    return false;
+}
+
+int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
+    counters c;
+    owned_state owned;
+    const DWORD pid = service_pid();
+    std::printf("service_pid: %lu\n", static_cast<unsigned long>(pid));
+    check(register_container(), "the storm's quarantine container is made");
+    const ULONGLONG start = GetTickCount64();
+    const ULONGLONG end = start + static_cast<ULONGLONG>(seconds) * 1000;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < clients; ++i)
+        threads.emplace_back([&, i] { storm_client(i, end, c, owned, self); });
+    // Warm-up: a tenth of the run, but at least 30 s or half the run if that is shorter, and
+    // until every client has connected and 5 s more have passed, at most half the run. The
+    // service's lists, buffers and handle table grow until each client's objects have been
+    // protected once and every client is in (on a loaded machine 200 clients take a while).
+    const int half = seconds / 2 < 30 ? seconds / 2 : 30;
+    ULONGLONG warm = start + static_cast<ULONGLONG>(seconds / 10 > half ? seconds / 10 : half) * 1000;
+    const ULONGLONG warm_limit = start + static_cast<ULONGLONG>(seconds) * 500;
+    ULONGLONG all_in = 0;
+    while (GetTickCount64() < warm || (all_in == 0 || GetTickCount64() < all_in + 5000)) {
+        if (all_in == 0 && c.clients_connected.load() >= clients) all_in = GetTickCount64();
+        if (GetTickCount64() >= warm_limit) break;
+        Sleep(200);
+    }
+    warm = GetTickCount64();
+    std::printf("warmup_seconds: %.1f s\n", static_cast<double>(warm - start) / 1000.0);
+    const uint64_t answered_at_warm = c.answered.load();
+    usage warm_usage;
+    const bool warm_ok = sample(pid, warm_usage);
+    for (auto& t : threads) t.join();
+    const double elapsed = static_cast<double>(GetTickCount64() - warm) / 1000.0;
+    Sleep(3000);  // the service drops the last connections
+
+    std::printf("storm_seconds: %d s\n", seconds);
+    std::printf("storm_clients: %d clients\n", clients);
+    std::printf("requests_answered: %llu requests\n", static_cast<unsigned long long>(c.answered.load()));
+    std::printf("requests_unanswered: %llu requests\n", static_cast<unsigned long long>(c.unanswered.load()));
+    std::printf("hangups_mid_request: %llu clients\n", static_cast<unsigned long long>(c.hangups.load()));
+    std::printf("killed_mid_request: %llu clients\n", static_cast<unsigned long long>(c.killed.load()));
+    std::printf("connect_failures: %llu attempts\n", static_cast<unsigned long long>(c.connect_failures.load()));
+    std::printf("requests_per_second: %.1f requests/s\n",
+                elapsed > 0 ? static_cast<double>(c.answered.load() - answered_at_warm) / elapsed : 0.0);
+    std::printf("files_quarantined: %llu files\n", static_cast<unsigned long long>(c.quarantined.load()));
+    std::printf("files_restored: %llu files\n", static_cast<unsigned long long>(c.restored.load()));
+
+    check_every_request_answers();
+    const DWORD pid_after = service_pid();
+    if (!crashes) {
+        check(pid_after == pid, "the service ran the whole storm in one process");
+        usage after;
+        const bool after_ok = sample(pid, after);
+        if (warm_ok && after_ok) {
+            const double handles = 100.0 * (static_cast<double>(after.handles) - warm_usage.handles) / warm_usage.handles;
+            const double bytes =
+                100.0 * (static_cast<double>(after.private_bytes) - warm_usage.private_bytes) / warm_usage.private_bytes;
+            std::printf("handles_after_warmup: %lu handles\n", static_cast<unsigned long>(warm_usage.handles));
+            std::printf("handles_after_storm: %lu handles\n", static_cast<unsigned long>(after.handles));
+            std::printf("handles_change: %.1f %%\n", handles);
+            std::printf("private_bytes_after_warmup: %.1f MiB\n", warm_usage.private_bytes / 1048576.0);
+            std::printf("private_bytes_after_storm: %.1f MiB\n", after.private_bytes / 1048576.0);
+            std::printf("private_bytes_change: %.1f %%\n", bytes);
+            // The allowed growth in percent: NV_STORM_GROWTH_LIMIT, 10 unless set.
+            const char* limit_text = std::getenv("NV_STORM_GROWTH_LIMIT");
+            const double limit = limit_text != nullptr && std::atof(limit_text) > 0 ? std::atof(limit_text) : 10.0;
+            const std::string within = " within " + std::to_string(static_cast<int>(limit)) + "% of ";
+            check(handles <= limit, "handle count" + within + "its value after warm-up");
+            check(bytes <= limit, "private bytes" + within + "their value after warm-up");
+        } else {
+            check(false, "the service's handle count and private bytes can be read");
+        }
+        check_owned(owned);
+    }
+    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
+    return failures() == 0 ? 0 : 1;
+}
+
+}  // namespace
+
+}  // namespace storm
+
+int main(int argc, char** argv) {
+    setvbuf(stdout, nullptr, _IONBF, 0);
+    char self[MAX_PATH];
+    const DWORD n = GetModuleFileNameA(nullptr, self, MAX_PATH);
+    const std::string mode = argc > 1 ? argv[1] : "";
+    const int clients = argc > 2 ? atoi(argv[2]) : 200;
+    if (mode == "victim") return storm::victim();
+    if (mode == "prepare") return storm::prepare(clients);
+    if (mode == "restart" && argc >= 3) return storm::restart(clients, argc > 3 ? atoi(argv[3]) : 300);
+    if (mode == "storm" && argc >= 4) {
+        const bool crashes = argc > 4 && std::strcmp(argv[4], "--crashes") == 0;
+        return storm::run_storm(atoi(argv[2]), atoi(argv[3]), crashes, std::string(self, n));
+    }
+    std::fprintf(stderr, "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | "
+                         "restart CLIENTS [SECONDS]\n");
+    return 2;
+}

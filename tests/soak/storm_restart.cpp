@@ -1,0 +1,82 @@
+// A kill of the service in the middle of a storm: taskkill /f, a start as soon as the service
+// manager has seen the process end, and requests until it answers; then the checks.
+#include <windows.h>
+
+#include <cstdio>
+#include <string>
+
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/service_handles.h"
+#include "mcl/mswin/unique_handle.h"
+#include "protocol/message_ids.h"
+#include "tests/helpers/process.h"
+#include "tests/soak/storm.h"
+
+namespace storm {
+
+namespace {
+
+// One request on a fresh connection, waiting for the service up to `deadline`: the connection
+// waits on the service's pipe and handshake objects, so it returns as soon as they are there.
+bool answered_by(uint32_t id, ULONGLONG deadline) {
+    while (GetTickCount64() < deadline) {
+        client_conn conn;
+        mcl::binary_t reply;
+        if (conn.open() && conn.request(id, mcl::binary_t(), reply) && !reply.empty()) return true;
+        Sleep(100);
+    }
+    return false;
+}
+
+// Starts the service as soon as the service manager lets it: it notices the end of a killed
+// process on its own thread, and until then a start is refused as "already running".
+bool start_service(ULONGLONG deadline) {
+    mcl::mswin::unique_sc_handle manager;
+    mcl::mswin::unique_sc_handle svc;
+    if (!mcl::mswin::open_service(nullptr, mcl::mswin::service::default_name, SC_MANAGER_CONNECT, SERVICE_START,
+                                  manager, svc))
+        return false;
+    while (GetTickCount64() < deadline) {
+        if (StartServiceA(svc.get(), 0, nullptr)) return true;
+        if (GetLastError() != ERROR_SERVICE_ALREADY_RUNNING) return false;
+        Sleep(50);
+    }
+    return false;
+}
+
+}  // namespace
+
+int restart(int clients, int seconds) {
+    const DWORD pid = service_pid();
+    if (pid == 0) {
+        std::printf("restart: the service is not running\n");
+        return 1;
+    }
+    mcl::mswin::unique_kernel_handle process(OpenProcess(SYNCHRONIZE, FALSE, pid));
+    const ULONGLONG start = GetTickCount64();
+    const ULONGLONG deadline = start + static_cast<ULONGLONG>(seconds) * 1000;
+    nv_test::child taskkill = nv_test::start("taskkill.exe /F /PID " + std::to_string(pid));
+    if (taskkill.process == nullptr) {
+        std::printf("restart: taskkill cannot be started: %lu\n", static_cast<unsigned long>(GetLastError()));
+        return 1;
+    }
+    const DWORD taskkill_rc = taskkill.wait(INFINITE);
+    if (taskkill_rc != 0) {
+        std::printf("restart: taskkill exit code %lu\n", static_cast<unsigned long>(taskkill_rc));
+        return 1;
+    }
+    if (process) WaitForSingleObject(process.get(), static_cast<DWORD>(deadline - GetTickCount64()));
+    if (!start_service(deadline)) {
+        std::printf("restart: the service does not start: %lu\n", static_cast<unsigned long>(GetLastError()));
+        return 1;
+    }
+    const bool keys = answered_by(msg::get_protected_reg_keys, deadline);
+    const bool services = keys && answered_by(msg::query_protected_services, deadline);
+    std::printf("restart_seconds: %.2f s\n", static_cast<double>(GetTickCount64() - start) / 1000.0);
+    check(keys && services, "the restarted service answers and lists its protected keys and services");
+    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
+    return failures() == 0 ? 0 : 1;
+}
+
+}  // namespace storm
