@@ -7,8 +7,8 @@ cd "$root"
 
 bash scripts/setup.sh || exit 1
 
-# clang-mingw-x64 is a second compiler over the Windows code: its build preset names only the
-# product's programs and libraries, and nothing of it runs.
+# mingw-x86 and clang-mingw-x64 (a second compiler over the Windows code) are built, not run:
+# their build presets name only the product's programs and libraries.
 for preset in mingw-x64 mingw-x86 clang-mingw-x64 native; do
   echo "== build $preset"
   cmake --preset "$preset" >"build-$preset.configure.log" 2>&1 || { cat "build-$preset.configure.log"; exit 1; }
