@@ -41,7 +41,8 @@ driver() {  # "present" (service and file) or "gone" (neither)
     if [ -n "$state" ] && [ -f "$file" ]; then echo present; elif [ -z "$state" ] && [ ! -e "$file" ]; then echo gone; fi
 }
 expect_running() {  # expect_running LABEL PACKED_VERSION PROTOCOL
-    [ "$(sc_state $svc)" = RUNNING ] || fail "$1: the service is [$(sc_state $svc)]"
+    # A service just started may still report START_PENDING on a loaded machine.
+    poll 50 0.2 '[ "$(sc_state $svc)" = RUNNING ]' || fail "$1: the service is [$(sc_state $svc)]"
     run "$halvernctl" status
     grep -q "protocol_version: $3" "$out" && grep -q "service_version: $2" "$out" ||
         fail "$1: the running service is not version $2 / protocol $3: $(cat "$out")"
