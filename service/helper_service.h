@@ -255,30 +255,16 @@ public:
     bool restore_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool recover_folder_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Registry keys (service/regkey_protection.cpp). Everything here runs on the IPC event thread
-    // or on the service thread at start-up and shutdown; the key table has no lock.
-    // The service's own persistence keys under HKEY_LOCAL_MACHINE, protected at every start.
-    static const char* const own_reg_keys[6];
+    // Registry keys: the requests and the start-up and shutdown steps, forwarded to the key
+    // protection, which owns the table (service/regkey_handlers.cpp). IPC event thread, or the
+    // service thread at start-up and shutdown.
     // Requests 0x100000b (status reply) and 0x100000c (the protected keys).
     bool protect_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool get_protected_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    // Protects or unprotects each entry in order; an empty first path with action 0 lifts every
-    // key rule. False when any entry failed.
     bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries);
-    // DACL step, then (with `persist`) the persisted record, then driver code 12. True when the
-    // driver rule was sent; `record` is filled either way.
     bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist);
-    // Driver code 13, the original DACL written back, the persisted value deleted. False (and
-    // nothing changed) without a driver connection.
     bool unprotectRegKey(const reg_key_record& record);
-    // Driver code 13 with an empty path, every key's original DACL back, the table emptied; the
-    // persisted records stay for the next start.
-    void stopProtectingRegKeys();
-    // Writes every protected key's original DACL back; records and persisted values stay.
     void restoreAllRegKeys();
-    // Writes (add) or deletes the record's persisted value; nothing (and true) for an empty path.
-    bool persistRegKeyRecord(const reg_key_record& record, bool add);
-    const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
 
     // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp,
     // service/blocked_files.cpp). The tables have no lock: the IPC event thread and the start-up
@@ -357,6 +343,16 @@ private:
     bool regkey_protection_enabled_ = true;
 
     // Driver command port state.
+    // The command port as the managers see it.
+    class driver_commands final : public reg_key_driver {
+    public:
+        mcl::mswin::unique_kernel_handle open_port() override { return openDriverPort(); }
+        void send_key_rule(HANDLE port, const std::wstring& kernel_path, bool remove) override {
+            drvProtectRegKey(port, kernel_path, remove);
+        }
+        std::wstring error_text(HRESULT hr) override { return driver_error_text(hr); }
+    };
+    driver_commands driver_commands_;
     void attachVolume(const std::wstring& volume);
     // Features 0 and 6 to `on`, feature 11 to the registry protection switch (0x1000006/7).
     void setDriverProtection(bool on);
@@ -394,9 +390,8 @@ private:
     std::vector<std::string> enforce_list_;
     service_enforce_thread enforce_thread_{this};
 
-    // Registry key protection state.
-    // Key text ("\\<root>\<lowered path>") -> record.
-    std::map<std::wstring, reg_key_record> protected_reg_keys_;
+    // Registry key protection: the key table, driven through the command port.
+    reg_key_protection reg_keys_{driver_commands_, regkey_protection_enabled_};
 
     // Quarantine state.
     std::set<std::string> quarantine_containers_;      // normalised paths ("c:\\q\\")
