@@ -24,6 +24,7 @@
 #include "service/emergency_options.h"
 #include "service/irp_tables.h"
 #include "service/regkey_protection.h"
+#include "service/service_enforcement.h"
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread.
@@ -224,26 +225,9 @@ public:
     bool protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Enforcement and service control (service/service_enforcement.cpp).
-    // Keeps the listed services running: a pass every 15 s, and at once when the system reports a
-    // listed service stopping. Its own thread; the list has its own lock.
-    class service_enforce_thread : public mcl::thread {
-    public:
-        explicit service_enforce_thread(chelperservice* owner) : owner_(owner) { (void)changed_.create_unnamed(); }
-        ~service_enforce_thread() override;
-        DWORD run() override;
-        // Wakes the thread so that it watches a newly listed service. Any thread.
-        void list_changed();
-
-    private:
-        chelperservice* owner_;
-        mcl::event changed_;  // set when a name joins the list
-    };
-    // Enforcement list operations; any thread (each takes the list's lock). The service's own
-    // name is never added.
-    void enforce_add(const std::string& name);
-    void enforce_remove(const std::string& name);
-    std::vector<std::string> enforce_list();
+    // Service control (service/service_control.cpp); the enforcement list and its thread belong
+    // to the enforcement (service/service_enforcement.h).
+    using service_enforce_thread = service_enforcement::service_enforce_thread;
     // Terminates (exit code 9) every process whose image path is `imagePath`, ignoring case.
     static void killProcessByPath(const std::string& imagePath);
     // Runs `program` through the shell with the "runas" verb, hidden, and waits up to 30 s for its
@@ -344,9 +328,13 @@ private:
 
     // Driver command port state.
     // The command port as the managers see it.
-    class driver_commands final : public reg_key_driver {
+    class driver_commands final : public reg_key_driver, public enforcement_host {
     public:
         mcl::mswin::unique_kernel_handle open_port() override { return openDriverPort(); }
+        void send_image_rule(HANDLE port, const std::wstring& image, bool remove) override {
+            drvProtectProcess(port, image, remove);
+        }
+        std::wstring service_image(const std::string& name) override { return service_image_path(name); }
         void send_key_rule(HANDLE port, const std::wstring& kernel_path, bool remove) override {
             drvProtectRegKey(port, kernel_path, remove);
         }
@@ -385,10 +373,8 @@ private:
     // The image rule of a service rule: protect or (forced) unprotect `image`; false on failure.
     bool apply_service_image(const std::wstring& image, bool protect, const mcl::mswin::sid& ownSid, bool logFailure);
 
-    // Enforcement state.
-    mcl::lock enforce_lock_;
-    std::vector<std::string> enforce_list_;
-    service_enforce_thread enforce_thread_{this};
+    // Enforcement: the services kept running, and their thread.
+    service_enforcement enforcement_{driver_commands_, service_name()};
 
     // Registry key protection: the key table, driven through the command port.
     reg_key_protection reg_keys_{driver_commands_, regkey_protection_enabled_};

@@ -99,13 +99,13 @@ bool chelperservice::protectService(const std::string& name, const sid& ownSid, 
 
     DWORD state = 0;
     const bool queried = mcl::mswin::service::query_state(name.c_str(), state);
-    if (!queried || (state != SERVICE_STOPPED && state != SERVICE_STOP_PENDING)) enforce_add(name);
+    if (!queried || (state != SERVICE_STOPPED && state != SERVICE_STOP_PENDING)) enforcement_.add(name);
     return true;
 }
 
 bool chelperservice::unprotectService(const service_record& record) {
     NV_LOG("chelperservice::unprotectService", "Trying to unprotect service (%s)\n", record.name.c_str());
-    enforce_remove(record.name);
+    enforcement_.remove(record.name);
     if (!record.name.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, record.name.c_str());
     const std::string image_utf8 = mcl::mswin::to_utf8(record.imagePath);
     if (!image_utf8.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_processes_key, image_utf8.c_str());
@@ -225,7 +225,7 @@ void chelperservice::loadProtectedService() {
             continue;
         if (reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data())->dwStartType >= SERVICE_DEMAND_START) continue;
         NV_LOG(fn, "Enforce service %s...", rule.name.c_str());
-        enforce_add(rule.name);
+        enforcement_.add(rule.name);
     }
 }
 
