@@ -22,7 +22,9 @@
 #include "protocol/replies.h"
 #include "protocol/requests.h"
 #include "service/emergency_options.h"
+#include "service/folder_security.h"
 #include "service/irp_tables.h"
+#include "service/process_protection.h"
 #include "service/regkey_protection.h"
 #include "service/service_enforcement.h"
 
@@ -33,9 +35,7 @@ class chelperservice : public mcl::mswin::service,
                        public mcl::singleton_ptr<chelperservice> {
 public:
     static constexpr const char* instance_mutex_name = "Global\\NORVALE_ClientHelper_Service_Running";
-    static constexpr const char* default_folder_sddl =
-        "D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;"
-        "SDGXGWGR;;;AU)";
+    static constexpr const char* default_folder_sddl = folder_security::default_folder_sddl;
 
     // The request dispatcher. The IPC peer calls it on its event thread, one message at a time.
     class helper_msg_handler : public mcl::ipc_msg_handler {
@@ -160,39 +160,16 @@ public:
     bool subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Process images and their folders (service/process_protection.cpp). The tables have no
-    // lock: the IPC event thread and the start-up and shutdown steps use them, one at a time.
-    struct process_record {
-        std::wstring imagePath;
-        std::wstring folder;  // filled in by protectProcess
-    };
-    struct folder_record {
-        std::string sddl;  // the folder's DACL as read back after the rewrite; empty when unreadable
-        std::wstring folder;
-        uint32_t refCount = 0;  // protected images in the folder; the record lives while >= 1
-    };
+    // Process images and their folders: the requests and steps, forwarded to the process
+    // protection, which owns both tables (service/process_handlers.cpp).
+    using process_record = process_protection::process_record;
+    using folder_record = process_protection::folder_record;
     using process_rule = protocol::process_rule;
-    // The folder of an image path or of a command line (quoted path and arguments): the text up to
-    // its last backslash, starting at the drive letter; a text without a backslash as it is.
-    static std::wstring image_folder_of(const std::wstring& imagePath);
-    // Sends the image and folder rules and rewrites the folder's DACL; fills record.folder. False,
-    // with nothing changed, when protection is off, the folder is not X:\folder form or the
-    // driver cannot be reached.
-    bool protectProcess(const std::wstring& imagePath, const mcl::mswin::sid& ownSid, process_record& record);
-    // Lifts the image rule and, with the folder's last image, the folder rule and its DACL. With
-    // `force`, an unreachable driver still resets the folder's DACL and drops its record.
-    bool unprotectProcess(const process_record& record, bool force);
-    // Applies a rule list; an empty first path means every image. False when any rule failed.
     bool handle_protect_processes(const std::vector<process_rule>& rules);
-    // Removes every image and folder rule, detaches every volume, resets every folder's DACL.
-    void stopProtectingProcess();
-    // Rewrites the folder's DACL: full access for `sids` in order, every other ACE cut down to read
-    // and execute (to nothing with `denyOthers`), protected from the parent. With `originalSddl`,
-    // the DACL before the change is returned there as SDDL.
-    bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
-                            std::string* originalSddl, bool denyOthers);
-    // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again.
-    bool restorePathPermissions(const std::wstring& path, const char* sddl);
+    // The folder DACL steps (service/folder_security.h), also for quarantine and blocked files.
+    static bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
+                                   std::string* originalSddl, bool denyOthers);
+    static bool restorePathPermissions(const std::wstring& path, const char* sddl);
     bool protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
@@ -328,9 +305,15 @@ private:
 
     // Driver command port state.
     // The command port as the managers see it.
-    class driver_commands final : public reg_key_driver, public enforcement_host {
+    class driver_commands final : public reg_key_driver, public enforcement_host, public folder_driver {
     public:
+        explicit driver_commands(chelperservice& core) : core_(core) {}
         mcl::mswin::unique_kernel_handle open_port() override { return openDriverPort(); }
+        void enable_feature(HANDLE port, uint32_t feature, bool on) override { drvEnableFeature(port, feature, on); }
+        void send_folder_rule(HANDLE port, const std::wstring& path, bool remove, bool block) override {
+            core_.drvProtectFolder(port, path, remove, block);
+        }
+        void detach_all_volumes() override { core_.detachAllVolumes(); }
         void send_image_rule(HANDLE port, const std::wstring& image, bool remove) override {
             drvProtectProcess(port, image, remove);
         }
@@ -339,8 +322,11 @@ private:
             drvProtectRegKey(port, kernel_path, remove);
         }
         std::wstring error_text(HRESULT hr) override { return driver_error_text(hr); }
+
+    private:
+        chelperservice& core_;
     };
-    driver_commands driver_commands_;
+    driver_commands driver_commands_{*this};
     void attachVolume(const std::wstring& volume);
     // Features 0 and 6 to `on`, feature 11 to the registry protection switch (0x1000006/7).
     void setDriverProtection(bool on);
@@ -361,17 +347,22 @@ private:
     irp_clock_fn irp_clock_ = &chelperservice::irpSystemTime;
     irp_notification_receiver irp_receiver_{this};  // last of this block: stopped before the tables go
 
-    // Process and folder protection state.
-    std::map<std::wstring, process_record> protected_processes_;  // image path -> record
-    std::map<std::wstring, folder_record> protected_folders_;     // folder path -> record
-
     // Service protection state.
     std::map<std::string, service_record> protected_services_;  // service name -> record
-    // The full-access SIDs of a folder: `ownSid`, then the SID of every other protected service
-    // whose image path contains the folder.
-    std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid);
-    // The image rule of a service rule: protect or (forced) unprotect `image`; false on failure.
-    bool apply_service_image(const std::wstring& image, bool protect, const mcl::mswin::sid& ownSid, bool logFailure);
+    // The full-access SIDs of a folder: the own SID, then the SID of every other protected
+    // service whose image path contains the folder (service/service_protection.cpp).
+    class service_folder_sids final : public folder_sharers {
+    public:
+        explicit service_folder_sids(const std::map<std::string, service_record>& services) : services_(services) {}
+        std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid) override;
+
+    private:
+        const std::map<std::string, service_record>& services_;
+    };
+    service_folder_sids service_sids_{protected_services_};
+
+    // Process and folder protection: the image and folder tables.
+    process_protection processes_{driver_commands_, service_sids_, process_protection_enabled_};
 
     // Enforcement: the services kept running, and their thread.
     service_enforcement enforcement_{driver_commands_, service_name()};

@@ -224,7 +224,7 @@ bool chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& pa
     }
     const std::wstring folder = mcl::mswin::widen(path);
     const bool ok = restorePathPermissions(folder, default_folder_sddl);
-    if (ok) protected_folders_.erase(folder);
+    if (ok) processes_.forget_folder(folder);
     protocol::reply_with(payload, protocol::status(ok));
     return true;
 }

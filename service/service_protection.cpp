@@ -2,6 +2,8 @@
 // rules) and the requests that protect, unprotect and list them; self-protection at start-up.
 #include <windows.h>
 
+#include <shlwapi.h>
+
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
@@ -112,29 +114,17 @@ bool chelperservice::unprotectService(const service_record& record) {
     return object_security::current().set_service_sddl(record.name, default_service_sddl);
 }
 
-bool chelperservice::apply_service_image(const std::wstring& image, bool protect, const sid& ownSid, bool logFailure) {
-    constexpr const char* fn = "chelperservice::handle_protect_services";
-    auto it = protected_processes_.find(image);
-    if (!protect) {
-        process_record temporary{image, image_folder_of(image)};
-        const process_record& record = it != protected_processes_.end() ? it->second : temporary;
-        if (!unprotectProcess(record, /*force=*/true)) {
-            if (logFailure) NV_LOG(fn, "Failed to unprotect process: %ls", image.c_str());
-            return false;
-        }
-        if (it != protected_processes_.end()) protected_processes_.erase(it);
-        NV_LOG(fn, "Process %ls has been unprotected.", image.c_str());
-        return true;
+std::vector<sid> chelperservice::service_folder_sids::folder_sids(const std::wstring& folder, const sid& ownSid) {
+    std::vector<sid> sids{ownSid};
+    for (const auto& entry : services_) {
+        const service_record& svc = entry.second;
+        if (svc.name == mcl::mswin::service::default_name || svc.imagePath.empty()) continue;
+        if (StrStrIW(svc.imagePath.c_str(), folder.c_str()) == nullptr) continue;
+        sid service_sid;
+        if (!mcl::mswin::service::get_sid(svc.name.c_str(), service_sid) || service_sid == ownSid) continue;
+        sids.push_back(service_sid);
     }
-    if (it != protected_processes_.end()) return true;
-    process_record record{image, std::wstring()};
-    if (!protectProcess(image, ownSid, record)) {
-        if (logFailure) NV_LOG(fn, "Failed to protect process: %ls", image.c_str());
-        return false;
-    }
-    protected_processes_[image] = record;
-    NV_LOG(fn, "Process %ls has been protected.", image.c_str());
-    return true;
+    return sids;
 }
 
 bool chelperservice::handle_protect_services(const std::vector<service_rule>& rules) {
@@ -165,7 +155,7 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
             protected_services_.clear();
         }
         for (const std::wstring& image : images)
-            if (!apply_service_image(image, all.protectProcess, own, /*logFailure=*/false)) result = false;
+            if (!processes_.apply_service_image(image, all.protectProcess, own, /*logFailure=*/false)) result = false;
         return result;
     }
     for (const service_rule& rule : rules) {
@@ -193,7 +183,7 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
                 NV_LOG(fn, "Service %s has been protected.", rule.name.c_str());
             }
         }
-        if (!image.empty() && !apply_service_image(image, rule.protectProcess, own, /*logFailure=*/true))
+        if (!image.empty() && !processes_.apply_service_image(image, rule.protectProcess, own, /*logFailure=*/true))
             result = false;
     }
     return result;
@@ -256,11 +246,11 @@ bool chelperservice::query_protected_services(mcl::ipc_connection*, mcl::binary_
         const process_record* process = nullptr;
         const folder_record* folder = nullptr;
         if (!svc.imagePath.empty()) {
-            auto p = protected_processes_.find(svc.imagePath);
-            if (p != protected_processes_.end()) {
+            auto p = processes_.processes().find(svc.imagePath);
+            if (p != processes_.processes().end()) {
                 process = &p->second;
-                auto f = protected_folders_.find(process->folder);
-                if (f != protected_folders_.end()) folder = &f->second;
+                auto f = processes_.folders().find(process->folder);
+                if (f != processes_.folders().end()) folder = &f->second;
             }
         }
         protocol::protected_service_info info;
