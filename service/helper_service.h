@@ -27,6 +27,7 @@
 #include "service/process_protection.h"
 #include "service/regkey_protection.h"
 #include "service/service_enforcement.h"
+#include "service/service_protection.h"
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread.
@@ -173,31 +174,20 @@ public:
     bool protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Services (service/service_protection.cpp). The table has no lock (as the process tables).
-    struct service_record {
-        std::string sddl;  // the service's DACL as read back after protection
-        std::string name;
-        std::string sid;  // S-1-5-80-...
-        std::wstring imagePath;
-    };
+    // Services: the requests and steps, with the service protection owning the table
+    // (service/service_handlers.cpp).
+    using service_record = service_protection::service_record;
     using service_rule = protocol::service_rule;
-    static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
-    static constexpr const char* protected_processes_key =
-        "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";
-    static constexpr const char* default_service_sddl =
-        "D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)"
-        "S:(AU;FA;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;WD)";
-    // The program path of a service's binary path: cut after the last double quote, quotes
-    // removed (an unquoted path keeps its arguments). Empty when the configuration is unreadable.
-    static std::wstring service_image_path(const std::string& name);
-    // Replaces the service's DACL (own SID and the service's SID in full), records and persists it
-    // and, unless the service is stopped, puts it on the enforcement list. Fills sddl, sid,
-    // imagePath of `record`.
+    static constexpr const char* protected_services_key = service_protection::protected_services_key;
+    static constexpr const char* protected_processes_key = service_protection::protected_processes_key;
+    static constexpr const char* default_service_sddl = service_protection::default_service_sddl;
+    static std::wstring service_image_path(const std::string& name) {
+        return service_protection::service_image_path(name);
+    }
     bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
-    // Takes the service off the enforcement list and the persisted lists and writes the default
-    // service DACL back; the result is that of the write.
     bool unprotectService(const service_record& record);
-    // Applies a rule list, driving the image rules; an empty first name means every service.
+    // Applies a rule list: each service through the service protection, then its image through
+    // the process protection; an empty first name means every service.
     bool handle_protect_services(const std::vector<service_rule>& rules);
     bool protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
@@ -347,25 +337,12 @@ private:
     irp_clock_fn irp_clock_ = &chelperservice::irpSystemTime;
     irp_notification_receiver irp_receiver_{this};  // last of this block: stopped before the tables go
 
-    // Service protection state.
-    std::map<std::string, service_record> protected_services_;  // service name -> record
-    // The full-access SIDs of a folder: the own SID, then the SID of every other protected
-    // service whose image path contains the folder (service/service_protection.cpp).
-    class service_folder_sids final : public folder_sharers {
-    public:
-        explicit service_folder_sids(const std::map<std::string, service_record>& services) : services_(services) {}
-        std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid) override;
-
-    private:
-        const std::map<std::string, service_record>& services_;
-    };
-    service_folder_sids service_sids_{protected_services_};
-
-    // Process and folder protection: the image and folder tables.
-    process_protection processes_{driver_commands_, service_sids_, process_protection_enabled_};
-
-    // Enforcement: the services kept running, and their thread.
+    // The protection managers, each after those it uses: the enforcement list and its thread;
+    // the services (which put them on the enforcement list); the process images and folders
+    // (which ask the services who shares a folder).
     service_enforcement enforcement_{driver_commands_, service_name()};
+    service_protection services_{enforcement_, service_protection_enabled_};
+    process_protection processes_{driver_commands_, services_, process_protection_enabled_};
 
     // Registry key protection: the key table, driven through the command port.
     reg_key_protection reg_keys_{driver_commands_, regkey_protection_enabled_};
