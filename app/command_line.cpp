@@ -11,6 +11,7 @@
 #include "app/setup_tasks.h"
 #include "mcl/mswin/os_version.h"
 #include "mcl/mswin/service.h"
+#include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
 #include "service/release.h"
 #include "setup/driver_installer.h"
@@ -167,15 +168,10 @@ bool is_process_elevated() {
         return GetTokenInformation(token.get(), TokenElevation, &elevation, sizeof(elevation), &size) &&
                elevation.TokenIsElevated != 0;
     }
-    SID_IDENTIFIER_AUTHORITY nt_authority = SECURITY_NT_AUTHORITY;
-    PSID admins = nullptr;
-    if (!AllocateAndInitializeSid(&nt_authority, 2, SECURITY_BUILTIN_DOMAIN_RID, DOMAIN_ALIAS_RID_ADMINS, 0, 0, 0, 0,
-                                  0, 0, &admins))
-        return false;
+    mcl::mswin::sid admins;
+    if (!mcl::mswin::sid::from_well_known(WinBuiltinAdministratorsSid, admins)) return false;
     BOOL member = FALSE;
-    const BOOL ok = CheckTokenMembership(nullptr, admins, &member);
-    FreeSid(admins);
-    return ok && member;
+    return CheckTokenMembership(nullptr, admins.get(), &member) && member;
 }
 
 int run_command_line(int argc, char** argv) {
