@@ -8,7 +8,8 @@
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
 #include "service/quarantine_access.h"
-#include "service/quarantine_files.h"
+
+void remove_archive_leftovers(const std::string& container);
 
 namespace {
 
