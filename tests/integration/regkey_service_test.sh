@@ -41,10 +41,11 @@ listing() { call get-protected-reg-keys && printf '%s\n' "$reply"; }  # the reco
 listed() { expect_eq "records listed" "count=$1" "$(listing | head -n 1)"; }
 # has_record ORIGINAL CURRENT ENTRY: the listing holds ENTRY's record with these DACL texts
 has_record() {
-    local a r p o l s
+    local a r p o l s records
     IFS='|' read -r a r p o l s <<<"$3"
-    listing | grep -q -x -F "valid=1 original_sddl=$1 current_sddl=$2 root=$hklm_text path=$p owner=$o service=$s" ||
-        fail "not listed: $3 {$1} {$2}"
+    records=$(listing)
+    grep -q -x -F "valid=1 original_sddl=$1 current_sddl=$2 root=$hklm_text path=$p owner=$o service=$s" <<<"$records" ||
+        fail "not listed: $3 {$1} {$2}; listed: $records"
 }
 # has_rule CODE TEXT: the simulator got command CODE with TEXT (Windows says MACHINE, Wine Machine)
 has_rule() { driver_messages | grep -q -i -x -F "$1 command $2" || fail "no code $1 with [$2]"; }

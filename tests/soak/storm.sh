@@ -61,6 +61,7 @@ wine "$ctl" load </dev/null >/dev/null 2>&1
 
 echo "== crash recovery: $kills kills during a storm ($(date +%T))"
 crash_seconds=$((kills * 8 + 20))
+rm -f "$drive_c/storm/kills_done"
 crash_clients=$((clients / 4 > 0 ? clients / 4 : 1))
 wine "$storm" storm "$crash_seconds" "$crash_clients" --crashes </dev/null >"$work/crash_storm.txt" 2>&1 &
 crash_storm=$!
@@ -77,6 +78,7 @@ for k in $(seq 1 "$kills"); do
     # Stands in for the service SID, as after every start (see protection_lib.sh).
     run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 done
+touch "$drive_c/storm/kills_done"  # the crash storm's last checks wait for it
 echo "== waiting for the crash storm's end ($(date +%T))"
 wait "$crash_storm"
 crash_rc=$?

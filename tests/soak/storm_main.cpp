@@ -71,6 +71,9 @@ bool register_container() {
     return false;
 }
 
+// Made by tests/soak/storm.sh once its last kill has been followed by a restart.
+constexpr const char* kills_done_marker = "C:\\storm\\kills_done";
+
 int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     counters c;
     owned_state owned;
@@ -116,6 +119,10 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     std::printf("files_quarantined: %llu files\n", static_cast<unsigned long long>(c.quarantined.load()));
     std::printf("files_restored: %llu files\n", static_cast<unsigned long long>(c.restored.load()));
 
+    // With kills, the script's last restart may come after the clients end: the checks wait
+    // for the script to say that the kills are over and the service answers again.
+    if (crashes)
+        for (int i = 0; i < 3000 && GetFileAttributesA(kills_done_marker) == INVALID_FILE_ATTRIBUTES; ++i) Sleep(100);
     check_every_request_answers();
     const DWORD pid_after = service_pid();
     if (!crashes) {
