@@ -21,6 +21,7 @@
 #include "mcl/thread.h"
 #include "protocol/replies.h"
 #include "protocol/requests.h"
+#include "quarantine/quarantine_store.h"
 #include "service/emergency_options.h"
 #include "service/folder_security.h"
 #include "service/irp_tables.h"
@@ -217,34 +218,28 @@ public:
     bool unprotectRegKey(const reg_key_record& record);
     void restoreAllRegKeys();
 
-    // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp,
-    // service/blocked_files.cpp). The tables have no lock: the IPC event thread and the start-up
-    // step use them, one at a time. Paths are narrow (ANSI) strings.
-    static constexpr const char* quarantine_containers_key = "Software\\Norvale\\NVClientHelper\\QuarantineContainers";
-    static constexpr const char* protected_folders_key = "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedFolders";
-    // Lower-cased blocked path -> the SDDL text of the DACL it had before; kept across restarts.
-    static constexpr const char* blocked_files_key = "Software\\Norvale\\NVClientHelper\\BlockedFiles";
-    // Creates every missing folder of `path` (a trailing backslash is added); true when all exist.
-    static bool createPath(const std::string& path);
+    // Quarantine containers, files and blocked files: the requests and steps, forwarded to the
+    // quarantine store, which owns both tables (service/quarantine_handlers.cpp). IPC event
+    // thread, or the service thread at start-up.
+    static constexpr const char* quarantine_containers_key = quarantine_store::quarantine_containers_key;
+    static constexpr const char* protected_folders_key = quarantine_store::protected_folders_key;
+    static constexpr const char* blocked_files_key = quarantine_store::blocked_files_key;
+    static bool createPath(const std::string& path) { return quarantine_store::createPath(path); }
     bool createQuarantineContainer(const std::string& path, const std::vector<std::string>& services);
-    // Action 1 deletes the archives, 2 restores them; the container goes only when all succeeded.
     bool removeQuarantineContainer(const std::string& path, uint32_t action);
-    // The container path followed by each "*.QUA" entry name, in directory order; cleared first.
-    static void list_quarantine_files(const std::string& container, std::vector<std::string>& files);
-    // One field per source in `message`, each ended by ";": the archive path or nothing. A source
-    // is deleted only after its archive was written, flushed, read back and renamed into place.
+    static void list_quarantine_files(const std::string& container, std::vector<std::string>& files) {
+        quarantine_store::list_quarantine_files(container, files);
+    }
     bool add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
                               std::string& message);
     bool remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
-    // An archive is deleted only once its file is back in place with a matching digest.
     bool restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
     bool quarantine_files_action(uint32_t action, const std::string& container, const std::vector<std::string>& paths,
                                  std::string& message);
-    // The source path recorded in an archive; false (logged) when its header cannot be read.
-    static bool read_quarantine_file_original_path(const std::string& archive, std::string& path);
-    // Copies the folder's DACL onto the file.
-    static bool setQuarantineFilePermissions(const std::string& file, const std::string& folder);
-    // Whether `path` is an archive of a registered container, ignoring ASCII case.
+    static bool read_quarantine_file_original_path(const std::string& archive, std::string& path) {
+        return quarantine_store::read_quarantine_file_original_path(archive, path);
+    }
+    bool setQuarantineFilePermissions(const std::string& file, const std::string& folder);
     bool is_quarantined_file(const std::string& path);
     bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
     bool unblockFileAccess(const std::string& path);
@@ -347,9 +342,24 @@ private:
     // Registry key protection: the key table, driven through the command port.
     reg_key_protection reg_keys_{driver_commands_, regkey_protection_enabled_};
 
-    // Quarantine state.
-    std::set<std::string> quarantine_containers_;      // normalised paths ("c:\\q\\")
-    std::map<std::string, std::string> blocked_files_;  // lower-cased path -> previous DACL (SDDL)
-    // Reads the saved descriptors of blocked files back from the registry (start-up).
-    void loadBlockedFiles();
+    // The quarantine store: the containers and blocked files, with the folder rules, the DACL
+    // operations and the process killer of the core (service/quarantine_handlers.cpp).
+    class quarantine_services final : public quarantine_driver, public quarantine_security, public file_users {
+    public:
+        explicit quarantine_services(chelperservice& core) : core_(core) {}
+        mcl::mswin::unique_kernel_handle open_port() override;
+        void send_folder_rule(HANDLE port, const std::wstring& path, bool remove, bool block) override;
+        DWORD get_file_dacl(const std::wstring& path, mcl::mswin::security_descriptor& descriptor) override;
+        DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override;
+        bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
+                                std::string* originalSddl, bool denyOthers) override;
+        bool restorePathPermissions(const std::wstring& path, const char* sddl) override;
+        const char* default_folder_sddl() override;
+        void kill_processes_of(const std::string& path) override;
+
+    private:
+        chelperservice& core_;
+    };
+    quarantine_services quarantine_services_{*this};
+    quarantine_store quarantine_{quarantine_services_, quarantine_services_, quarantine_services_};
 };

@@ -1,116 +1,90 @@
-// Quarantine containers and the quarantine requests: create, remove and list containers, the
-// files action, listings and the is-quarantined query, and the start-up reload.
+// The quarantine requests of the service: create, remove and list containers, the files action,
+// listings, the is-quarantined query and the blocked-file requests, answered by the quarantine
+// store; and what the store uses of the core.
 #include <windows.h>
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
-#include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
+#include "service/folder_security.h"
 #include "service/helper_service.h"
-#include "service/quarantine_access.h"
-#include "service/quarantine_files.h"
+#include "service/object_security.h"
 
 namespace {
 
-std::string normalise_container(std::string path) {
-    if (path.empty() || path.back() != '\\') path += '\\';
-    return mcl::mswin::lower_case(std::move(path));
-}
-
-// The folder form the driver and the folder security take: no trailing backslash.
-std::wstring folder_of(const std::string& container) {
-    std::string folder = container;
-    if (folder.size() > 3 && folder.back() == '\\') folder.pop_back();
-    return mcl::mswin::widen(folder);
-}
-
-// A container is a folder below a drive root, "x:\name\...", short enough for the driver and
-// for the archive names inside it, without "." or ".." components.
-bool is_container_path(const std::string& path) {
-    if (path.size() < 5 || path.size() > MAX_PATH) return false;
-    if (!mcl::mswin::has_drive_prefix(path) || path[0] < 'a') return false;  // a lower-case drive letter
-    if (path.find('/') != std::string::npos || path.find("\\\\") != std::string::npos) return false;
-    return path.find("\\.\\") == std::string::npos && path.find("\\..\\") == std::string::npos;
-}
-
-bool is_directory(const std::string& path) {
-    const DWORD attrs = GetFileAttributesA(path.c_str());
-    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0;
-}
+constexpr const char* already_quarantined = "The file has already been quarantined.";
 
 }  // namespace
 
+mcl::mswin::unique_kernel_handle chelperservice::quarantine_services::open_port() { return openDriverPort(); }
+
+void chelperservice::quarantine_services::send_folder_rule(HANDLE port, const std::wstring& path, bool remove,
+                                                           bool block) {
+    core_.drvProtectFolder(port, path, remove, block);
+}
+
+DWORD chelperservice::quarantine_services::get_file_dacl(const std::wstring& path,
+                                                         mcl::mswin::security_descriptor& descriptor) {
+    return object_security::current().get_file_dacl(path, descriptor);
+}
+
+DWORD chelperservice::quarantine_services::set_file_dacl(const std::wstring& path, PACL dacl, bool protect) {
+    return object_security::current().set_file_dacl(path, dacl, protect);
+}
+
+bool chelperservice::quarantine_services::setPathPermissions(const std::wstring& path,
+                                                             const std::vector<mcl::mswin::sid>& sids,
+                                                             std::string* originalSddl, bool denyOthers) {
+    return folder_security::setPathPermissions(path, sids, originalSddl, denyOthers);
+}
+
+bool chelperservice::quarantine_services::restorePathPermissions(const std::wstring& path, const char* sddl) {
+    return folder_security::restorePathPermissions(path, sddl);
+}
+
+const char* chelperservice::quarantine_services::default_folder_sddl() { return folder_security::default_folder_sddl; }
+
+void chelperservice::quarantine_services::kill_processes_of(const std::string& path) { killProcessByPath(path); }
+
 bool chelperservice::createQuarantineContainer(const std::string& path, const std::vector<std::string>& services) {
-    constexpr const char* fn = "chelperservice::createQuarantineContainer";
-    if (!createPath(path)) return false;
-    if (!is_directory(path)) {
-        NV_LOG(fn, "The quarantine container path is not a folder: %s", path.c_str());
-        return false;
-    }
-    std::vector<mcl::mswin::sid> sids;
-    if (!full_access_service_sids(fn, "to the quarantine container", services, sids)) return false;
-    const std::wstring folder = folder_of(path);
-    (void)restorePathPermissions(folder, default_folder_sddl);
-    if (!setPathPermissions(folder, sids, nullptr, /*denyOthers=*/true)) return false;
-    {
-        driver_port port = openDriverPort();
-        if (port) drvProtectFolder(port.get(), folder, /*remove=*/false, /*block=*/true);
-    }
-    quarantine_containers_.insert(path);
-    (void)mcl::mswin::reg::write_dword(quarantine_containers_key, path.c_str(), 1);
-    (void)mcl::mswin::reg::write_dword(protected_folders_key, path.c_str(), 1);
-    return true;
+    return quarantine_.createQuarantineContainer(path, services);
 }
 
 bool chelperservice::removeQuarantineContainer(const std::string& path, uint32_t action) {
-    constexpr const char* fn = "chelperservice::removeQuarantineContainer";
-    std::vector<std::string> archives;
-    list_quarantine_files(path, archives);
-    bool emptied = false;
-    if (action == 1) {
-        emptied = remove_quarantine_files(path, archives);
-    } else if (action == 2) {
-        emptied = restore_quarantine_files(path, archives);
-    } else {
-        NV_LOG(fn, "Unable to remove quarantine container <%s>, invalid action", path.c_str());
-        return false;
-    }
-    if (!emptied) return false;
-    const std::wstring folder = folder_of(path);
-    {
-        driver_port port = openDriverPort();
-        if (port) drvProtectFolder(port.get(), folder, /*remove=*/true, /*block=*/true);
-    }
-    (void)restorePathPermissions(folder, default_folder_sddl);
-    if (!RemoveDirectoryA(path.c_str())) {
-        NV_LOG(fn, "Unable to remove quarantine container folder <%s>, error: %d", path.c_str(),
-               static_cast<int>(GetLastError()));
-    }
-    quarantine_containers_.erase(path);
-    (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, quarantine_containers_key, path.c_str());
-    (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_folders_key, path.c_str());
-    return true;
+    return quarantine_.removeQuarantineContainer(path, action);
 }
 
-void chelperservice::loadqQuarantineContainers() {
-    constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
-    quarantine_containers_.clear();
-    std::vector<std::string> names;
-    (void)mcl::mswin::reg::list_values(quarantine_containers_key, names);  // names over 255 characters are skipped
-    for (const std::string& name : names) {
-        NV_LOG(fn, "Read quarantine containers: %s", name.c_str());
-        {
-            driver_port port = openDriverPort();
-            if (port) drvProtectFolder(port.get(), folder_of(name), /*remove=*/false, /*block=*/true);
-        }
-        quarantine_containers_.insert(name);
-        (void)mcl::mswin::reg::write_dword(protected_folders_key, name.c_str(), 1);
-        if (is_directory(name)) remove_archive_leftovers(name);
-    }
-    loadBlockedFiles();
-    NV_LOG(fn, "Quarantine containers loaded: %d, blocked files: %d", static_cast<int>(quarantine_containers_.size()),
-           static_cast<int>(blocked_files_.size()));
+bool chelperservice::add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
+                                          std::string& message) {
+    return quarantine_.add_quarantine_files(container, files, message);
 }
+
+bool chelperservice::remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives) {
+    return quarantine_.remove_quarantine_files(container, archives);
+}
+
+bool chelperservice::restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives) {
+    return quarantine_.restore_quarantine_files(container, archives);
+}
+
+bool chelperservice::quarantine_files_action(uint32_t action, const std::string& container,
+                                             const std::vector<std::string>& paths, std::string& message) {
+    return quarantine_.quarantine_files_action(action, container, paths, message);
+}
+
+bool chelperservice::setQuarantineFilePermissions(const std::string& file, const std::string& folder) {
+    return quarantine_.setQuarantineFilePermissions(file, folder);
+}
+
+bool chelperservice::is_quarantined_file(const std::string& path) { return quarantine_.is_quarantined_file(path); }
+
+bool chelperservice::blockFileAccess(const std::string& path, const std::vector<std::string>& services) {
+    return quarantine_.blockFileAccess(path, services);
+}
+
+bool chelperservice::unblockFileAccess(const std::string& path) { return quarantine_.unblockFileAccess(path); }
+
+void chelperservice::loadqQuarantineContainers() { quarantine_.loadqQuarantineContainers(); }
 
 bool chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::create_quarantine_container";
@@ -121,12 +95,12 @@ bool chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::bina
         protocol::reply_with(payload, protocol::status(false, "Invalid path."));
         return true;
     }
-    const std::string path = normalise_container(request.path);
-    if (quarantine_containers_.count(path) != 0) {
+    const std::string path = quarantine_store::normalise_container(request.path);
+    if (quarantine_.has_container(path)) {
         protocol::reply_with(payload, protocol::status(true));
         return true;
     }
-    if (!is_container_path(path) || !createQuarantineContainer(path, request.services)) {
+    if (!quarantine_store::is_container_path(path) || !createQuarantineContainer(path, request.services)) {
         NV_LOG(fn, "Failed to create quarantine container path.");
         protocol::reply_with(payload, protocol::status(false, "Invalid path."));
         return true;
@@ -138,8 +112,8 @@ bool chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::bina
 bool chelperservice::quarantine_files(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::quarantine_files_request request;
     if (!protocol::decode(payload, request)) return false;
-    const std::string container = normalise_container(request.container);
-    if (quarantine_containers_.count(container) == 0 || !is_directory(container)) {
+    const std::string container = quarantine_store::normalise_container(request.container);
+    if (!quarantine_.has_container(container) || !quarantine_store::is_directory(container)) {
         protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
         return true;
     }
@@ -158,8 +132,8 @@ bool chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::bina
         protocol::reply_with(payload, protocol::status(false, "Invalid path."));
         return true;
     }
-    const std::string path = normalise_container(request.path);
-    if (quarantine_containers_.count(path) == 0) {
+    const std::string path = quarantine_store::normalise_container(request.path);
+    if (!quarantine_.has_container(path)) {
         protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
         return true;
     }
@@ -174,9 +148,9 @@ bool chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::bina
 bool chelperservice::get_quarantined_files(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::name_request request;
     if (!protocol::decode(payload, request)) return false;
-    const std::string path = normalise_container(request.name);
+    const std::string path = quarantine_store::normalise_container(request.name);
     std::vector<std::string> archives;
-    if (quarantine_containers_.count(path) != 0) list_quarantine_files(path, archives);
+    if (quarantine_.has_container(path)) list_quarantine_files(path, archives);
     protocol::quarantined_files_reply reply;
     for (const std::string& archive : archives) {
         protocol::quarantined_file file;
@@ -190,7 +164,7 @@ bool chelperservice::get_quarantined_files(mcl::ipc_connection*, mcl::binary_t& 
 
 bool chelperservice::get_quarantine_containers(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::quarantine_containers_reply reply;
-    reply.containers.assign(quarantine_containers_.begin(), quarantine_containers_.end());
+    reply.containers.assign(quarantine_.containers().begin(), quarantine_.containers().end());
     protocol::reply_with(payload, reply);
     return true;
 }
@@ -199,5 +173,55 @@ bool chelperservice::is_file_quarantined(mcl::ipc_connection*, mcl::binary_t& pa
     protocol::name_request request;
     if (!protocol::decode(payload, request)) return false;
     protocol::reply_with(payload, protocol::status(true, is_quarantined_file(mcl::mswin::lower_case(request.name)) ? "yes" : "no"));
+    return true;
+}
+
+bool chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const std::string path = mcl::mswin::lower_case(request.name);
+    if (is_quarantined_file(path)) {
+        protocol::reply_with(payload, protocol::status(true, already_quarantined));
+    } else {
+        protocol::reply_with(payload, protocol::status(blockFileAccess(path, {})));
+    }
+    return true;
+}
+
+bool chelperservice::unblock_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const std::string path = mcl::mswin::lower_case(request.name);
+    if (is_quarantined_file(path)) {
+        protocol::reply_with(payload, protocol::status(false, already_quarantined));
+    } else {
+        protocol::reply_with(payload, protocol::status(unblockFileAccess(path)));
+    }
+    return true;
+}
+
+bool chelperservice::block_files_access(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::block_files_request request;
+    if (!protocol::decode(payload, request)) return false;
+    std::string failed;
+    for (const std::string& raw : request.paths) {
+        const std::string path = mcl::mswin::lower_case(raw);
+        bool ok = true;
+        if (request.action == 0) {
+            if (!is_quarantined_file(path)) ok = blockFileAccess(path, request.services);
+        } else {
+            ok = !is_quarantined_file(path) && unblockFileAccess(path);
+        }
+        if (!ok) failed += path + ";";
+    }
+    protocol::reply_with(payload, protocol::status(true, failed));
+    return true;
+}
+
+bool chelperservice::is_file_access_blocked(mcl::ipc_connection*, mcl::binary_t& payload) {
+    protocol::name_request request;
+    if (!protocol::decode(payload, request)) return false;
+    const bool blocked = quarantine_.is_blocked(mcl::mswin::lower_case(request.name));
+    protocol::reply_with(payload, protocol::status(true, blocked ? "yes" : "no"));
     return true;
 }

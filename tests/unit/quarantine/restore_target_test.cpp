@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-#include "service/restore_target.h"
+#include "quarantine/restore_target.h"
 #include "tests/helpers/log_capture.h"
 
 namespace {

@@ -17,11 +17,8 @@
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "quarantine/file_archive.h"
-#include "service/helper_service.h"
-#include "service/object_security.h"
-#include "service/quarantine_access.h"
-#include "service/quarantine_files.h"
-#include "service/restore_target.h"
+#include "quarantine/quarantine_store.h"
+#include "quarantine/restore_target.h"
 
 namespace {
 
@@ -30,6 +27,8 @@ using mcl::mswin::unique_find_handle;
 constexpr const char* archive_suffix = ".QUA";
 // An archive being written and checked; never matches "*.QUA", so listings do not show it.
 constexpr const char* verifying_suffix = ".verifying";
+// The service's own settings, where a test may name a file whose archive gets damaged.
+constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
 
 bool ends_with_nocase(const std::string& text, const char* suffix) {
     const size_t n = strlen(suffix);
@@ -106,7 +105,7 @@ bool verify_archive(const std::string& archive, const std::string& source) {
 // back. Only an administrator can write that value.
 void damage_for_verify_test(const std::string& source, const std::string& temp) {
     mcl::binary_t value;
-    if (!mcl::mswin::reg::read_value(object_security::selector_key, "ArchiveVerifyFault", value) || value.size() < 2)
+    if (!mcl::mswin::reg::read_value(settings_key, "ArchiveVerifyFault", value) || value.size() < 2)
         return;
     const char* name = reinterpret_cast<const char*>(value.data());
     if (strnlen(name, value.size()) == value.size() || _stricmp(name, source.c_str() + source.rfind('\\') + 1) != 0)
@@ -152,27 +151,28 @@ bool in_container(const std::string& container, const std::string& archive) {
 // A file's DACL as it was before the quarantine changed it, put back when the file stays.
 class saved_dacl {
 public:
-    explicit saved_dacl(const std::string& path) {
-        if (object_security::current().get_file_dacl(mcl::mswin::widen(path), descriptor_) != ERROR_SUCCESS) return;
+    saved_dacl(quarantine_security& security, const std::string& path) : security_(security) {
+        if (security_.get_file_dacl(mcl::mswin::widen(path), descriptor_) != ERROR_SUCCESS) return;
         read_ = true;
     }
     void put_back(const std::string& path) const {
         if (!read_) return;
-        const DWORD err = object_security::current().set_file_dacl(mcl::mswin::widen(path), descriptor_.dacl(),
-                                                                   descriptor_.dacl_protected());
+        const DWORD err = security_.set_file_dacl(mcl::mswin::widen(path), descriptor_.dacl(),
+                                                  descriptor_.dacl_protected());
         if (err != ERROR_SUCCESS)
             NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d", path.c_str(),
                    static_cast<int>(err));
     }
 
 private:
+    quarantine_security& security_;
     mcl::mswin::security_descriptor descriptor_;
     bool read_ = false;
 };
 
 }  // namespace
 
-bool chelperservice::createPath(const std::string& path) {
+bool quarantine_store::createPath(const std::string& path) {
     constexpr const char* fn = "chelperservice::createPath";
     std::string full = path;
     if (full.empty() || full.back() != '\\') full += '\\';
@@ -194,17 +194,17 @@ bool chelperservice::createPath(const std::string& path) {
     return true;
 }
 
-bool chelperservice::setQuarantineFilePermissions(const std::string& file, const std::string& folder) {
+bool quarantine_store::setQuarantineFilePermissions(const std::string& file, const std::string& folder) {
     constexpr const char* fn = "chelperservice::setQuarantineFilePermissions";
     std::string dir = folder;
     if (dir.size() > 3 && dir.back() == '\\') dir.pop_back();
     mcl::mswin::security_descriptor descriptor;
-    DWORD err = object_security::current().get_file_dacl(mcl::mswin::widen(dir), descriptor);
+    DWORD err = security_.get_file_dacl(mcl::mswin::widen(dir), descriptor);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "GetNamedSecurityInfo failed on %s, error: %d", dir.c_str(), static_cast<int>(err));
         return false;
     }
-    err = object_security::current().set_file_dacl(mcl::mswin::widen(file), descriptor.dacl(), /*protect=*/false);
+    err = security_.set_file_dacl(mcl::mswin::widen(file), descriptor.dacl(), /*protect=*/false);
     if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "SetNamedSecurityInfo failed on %s, error: %d", file.c_str(), static_cast<int>(err));
         return false;
@@ -212,7 +212,7 @@ bool chelperservice::setQuarantineFilePermissions(const std::string& file, const
     return true;
 }
 
-void chelperservice::list_quarantine_files(const std::string& container, std::vector<std::string>& files) {
+void quarantine_store::list_quarantine_files(const std::string& container, std::vector<std::string>& files) {
     files.clear();
     WIN32_FIND_DATAA entry{};
     unique_find_handle find(FindFirstFileA((container + "*" + archive_suffix).c_str(), &entry));
@@ -225,7 +225,7 @@ void chelperservice::list_quarantine_files(const std::string& container, std::ve
     } while (FindNextFileA(find.get(), &entry));
 }
 
-bool chelperservice::read_quarantine_file_original_path(const std::string& archive, std::string& path) {
+bool quarantine_store::read_quarantine_file_original_path(const std::string& archive, std::string& path) {
     constexpr const char* fn = "chelperservice::read_quarantine_file_original_path";
     mcl::unique_file file = mcl::open_file(archive.c_str(), "rb");
     archive_info info;
@@ -237,13 +237,13 @@ bool chelperservice::read_quarantine_file_original_path(const std::string& archi
     return true;
 }
 
-bool chelperservice::add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
-                                          std::string& message) {
+bool quarantine_store::add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
+                                            std::string& message) {
     constexpr const char* fn = "chelperservice::add_quarantine_files";
     message.clear();
     bool result = true;
     for (const std::string& source : files) {
-        killProcessByPath(source);
+        users_.kill_processes_of(source);
         const size_t slash = source.rfind('\\');
         if (slash == std::string::npos) {
             NV_LOG(fn, "Invalid file path to quarantine: %s", source.c_str());
@@ -252,7 +252,7 @@ bool chelperservice::add_quarantine_files(const std::string& container, const st
             continue;
         }
         const std::string archive = archive_path_for(container, source.substr(slash + 1));
-        const saved_dacl before(source);
+        const saved_dacl before(security_, source);
         (void)setQuarantineFilePermissions(source, container);
         const bool archived = archive_verified(source, archive);
         if (archived) {
@@ -267,7 +267,8 @@ bool chelperservice::add_quarantine_files(const std::string& container, const st
     return result;
 }
 
-bool chelperservice::remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives) {
+bool quarantine_store::remove_quarantine_files(const std::string& container,
+                                               const std::vector<std::string>& archives) {
     constexpr const char* fn = "chelperservice::remove_quarantine_files";
     bool result = true;
     for (const std::string& archive : archives) {
@@ -282,7 +283,8 @@ bool chelperservice::remove_quarantine_files(const std::string& container, const
     return result;
 }
 
-bool chelperservice::restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives) {
+bool quarantine_store::restore_quarantine_files(const std::string& container,
+                                                const std::vector<std::string>& archives) {
     constexpr const char* fn = "chelperservice::restore_quarantine_files";
     bool result = true;
     for (const std::string& archive : archives) {
@@ -303,8 +305,8 @@ bool chelperservice::restore_quarantine_files(const std::string& container, cons
     return result;
 }
 
-bool chelperservice::quarantine_files_action(uint32_t action, const std::string& container,
-                                             const std::vector<std::string>& paths, std::string& message) {
+bool quarantine_store::quarantine_files_action(uint32_t action, const std::string& container,
+                                               const std::vector<std::string>& paths, std::string& message) {
     switch (action) {
     case 0:
         return add_quarantine_files(container, paths, message);
@@ -318,7 +320,7 @@ bool chelperservice::quarantine_files_action(uint32_t action, const std::string&
     }
 }
 
-bool chelperservice::is_quarantined_file(const std::string& path) {
+bool quarantine_store::is_quarantined_file(const std::string& path) {
     const std::string lower = mcl::mswin::lower_case(path);
     std::vector<std::string> archives;
     for (const std::string& container : quarantine_containers_) {
@@ -334,7 +336,7 @@ bool chelperservice::is_quarantined_file(const std::string& path) {
 // archive (their sources were not deleted, that happens only after the rename); beside each
 // archive's recorded path, the temporary of a restore that never finished (the archive still
 // holds the content, and a restore deletes its archive only after the rename).
-void remove_archive_leftovers(const std::string& container) {
+void quarantine_store::remove_archive_leftovers(const std::string& container) {
     constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
     for (const char* pattern : {"*.QUA.verifying", "*.QUA.verifying.partial", "*.QUA.partial"}) {
         WIN32_FIND_DATAA entry{};
@@ -348,10 +350,10 @@ void remove_archive_leftovers(const std::string& container) {
         } while (FindNextFileA(find.get(), &entry));
     }
     std::vector<std::string> archives;
-    chelperservice::list_quarantine_files(container, archives);
+    list_quarantine_files(container, archives);
     for (const std::string& archive : archives) {
         std::string target;
-        if (!chelperservice::read_quarantine_file_original_path(archive, target)) continue;
+        if (!read_quarantine_file_original_path(archive, target)) continue;
         const std::string leftover = target + ".restoring";
         const DWORD attrs = GetFileAttributesA(leftover.c_str());
         // Never through a link, never a folder: only the very file a restore writes.

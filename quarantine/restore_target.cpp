@@ -1,4 +1,4 @@
-#include "service/restore_target.h"
+#include "quarantine/restore_target.h"
 
 #include "mcl/log.h"
 #include "mcl/mswin/text.h"

@@ -1,0 +1,139 @@
+// Quarantine containers with the files quarantined in them, and blocked files.
+//
+// A container is a folder locked down with a restrictive DACL and the driver's blocking folder
+// rule; sources are archived into it as "*.QUA" files and deleted, archives are deleted or
+// restored to their recorded paths. A blocked file gets a DACL that only chosen services reach,
+// plus the driver's blocking rule, until it is unblocked. Both lists are kept in the registry and
+// read back at start-up.
+#pragma once
+
+#include <windows.h>
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "mcl/mswin/security_descriptor.h"
+#include "mcl/mswin/sid.h"
+#include "mcl/mswin/unique_handle.h"
+
+// What the store needs from the driver's command port.
+class quarantine_driver {
+public:
+    virtual ~quarantine_driver() = default;
+    // A connection of its own to the command port; invalid (the failure logged) when the driver
+    // cannot be reached.
+    virtual mcl::mswin::unique_kernel_handle open_port() = 0;
+    // Code 7/8 (9/10 when `block`) with the device form of `path`, attaching its volume on an
+    // add.
+    virtual void send_folder_rule(HANDLE port, const std::wstring& path, bool remove, bool block) = 0;
+};
+
+// The DACLs of files and folders as the store reads and writes them.
+class quarantine_security {
+public:
+    virtual ~quarantine_security() = default;
+    // The DACL of a file or folder into `descriptor`. The Win32 code.
+    virtual DWORD get_file_dacl(const std::wstring& path, mcl::mswin::security_descriptor& descriptor) = 0;
+    // The DACL written to a file or folder, protected from the parent or not. The Win32 code.
+    virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) = 0;
+    // Rewrites the DACL: full access for `sids` in order, every other ACE cut down to read and
+    // execute (to nothing with `denyOthers`); with `originalSddl`, the DACL before as SDDL.
+    virtual bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
+                                    std::string* originalSddl, bool denyOthers) = 0;
+    // Writes the DACL of `sddl`, unprotected so the parent's ACEs apply again.
+    virtual bool restorePathPermissions(const std::wstring& path, const char* sddl) = 0;
+    // The DACL a folder gets back when its protection is lifted.
+    virtual const char* default_folder_sddl() = 0;
+};
+
+// Who holds a file open before it is quarantined or blocked.
+class file_users {
+public:
+    virtual ~file_users() = default;
+    // Terminates every process whose image path is `path`, ignoring case.
+    virtual void kill_processes_of(const std::string& path) = 0;
+};
+
+// Owns the registered containers and the blocked files. The tables have no lock: the IPC event
+// thread (the requests) and the service thread at start-up use them, one at a time. Paths are
+// narrow (ANSI) strings.
+class quarantine_store {
+public:
+    static constexpr const char* quarantine_containers_key = "Software\\Norvale\\NVClientHelper\\QuarantineContainers";
+    static constexpr const char* protected_folders_key = "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedFolders";
+    // Lower-cased blocked path -> the SDDL text of the DACL it had before; kept across restarts.
+    static constexpr const char* blocked_files_key = "Software\\Norvale\\NVClientHelper\\BlockedFiles";
+
+    // `driver`, `security` and `users` outlive this object.
+    quarantine_store(quarantine_driver& driver, quarantine_security& security, file_users& users)
+        : driver_(driver), security_(security), users_(users) {}
+    quarantine_store(const quarantine_store&) = delete;
+    quarantine_store& operator=(const quarantine_store&) = delete;
+
+    // A container path as the table keeps it: lower case, ending in a backslash.
+    static std::string normalise_container(std::string path);
+    // A folder below a drive root, "x:\name\..." (lower-case drive letter), short enough for the
+    // driver and the archive names inside it, without "." or ".." components.
+    static bool is_container_path(const std::string& path);
+    static bool is_directory(const std::string& path);
+
+    // Creates every missing folder of `path` (a trailing backslash is added); true when all exist.
+    static bool createPath(const std::string& path);
+    bool createQuarantineContainer(const std::string& path, const std::vector<std::string>& services);
+    // Action 1 deletes the archives, 2 restores them; the container goes only when all succeeded.
+    bool removeQuarantineContainer(const std::string& path, uint32_t action);
+    // The container path followed by each "*.QUA" entry name, in directory order; cleared first.
+    static void list_quarantine_files(const std::string& container, std::vector<std::string>& files);
+    // One field per source in `message`, each ended by ";": the archive path or nothing. A source
+    // is deleted only after its archive was written, flushed, read back and renamed into place.
+    bool add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
+                              std::string& message);
+    bool remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
+    // An archive is deleted only once its file is back in place with a matching digest.
+    bool restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
+    bool quarantine_files_action(uint32_t action, const std::string& container, const std::vector<std::string>& paths,
+                                 std::string& message);
+    // The source path recorded in an archive; false (logged) when its header cannot be read.
+    static bool read_quarantine_file_original_path(const std::string& archive, std::string& path);
+    // Copies the folder's DACL onto the file.
+    bool setQuarantineFilePermissions(const std::string& file, const std::string& folder);
+    // Whether `path` is an archive of a registered container, ignoring ASCII case.
+    bool is_quarantined_file(const std::string& path);
+    bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
+    bool unblockFileAccess(const std::string& path);
+    // Start-up: the containers from the registry, each with its driver rule again and what
+    // interrupted work left in it removed, then the blocked files.
+    void loadqQuarantineContainers();
+
+    // Normalised container paths ("c:\\q\\").
+    const std::set<std::string>& containers() const { return quarantine_containers_; }
+    bool has_container(const std::string& path) const { return quarantine_containers_.count(path) != 0; }
+    // Whether a lower-cased path is blocked.
+    bool is_blocked(const std::string& path) const { return blocked_files_.count(path) != 0; }
+
+private:
+    // Reads the saved descriptors of blocked files back from the registry.
+    void loadBlockedFiles();
+    // The driver's blocking rule for `path` added or removed, on a connection of its own.
+    void send_blocking_rule(const std::wstring& path, bool remove);
+    // The service SIDs that get full access: the own service's SID first, then the SID of each of
+    // `services` that has one; a name without one is logged (as from `fn`, with `target` saying
+    // what it was for) and skipped. False (logged) when the own SID is missing.
+    static bool full_access_service_sids(const char* fn, const char* target, const std::vector<std::string>& services,
+                                         std::vector<mcl::mswin::sid>& sids);
+    // The file's DACL as SDDL text; empty when it cannot be read.
+    std::string current_sddl(const std::wstring& path);
+    // Removes what interrupted work left behind in `container`: temporaries that never became an
+    // archive, and beside each archive's recorded path the temporary of a restore that never
+    // finished. Each removal is logged.
+    static void remove_archive_leftovers(const std::string& container);
+
+    quarantine_driver& driver_;
+    quarantine_security& security_;
+    file_users& users_;
+    std::set<std::string> quarantine_containers_;      // normalised paths ("c:\\q\\")
+    std::map<std::string, std::string> blocked_files_;  // lower-cased path -> previous DACL (SDDL)
+};
