@@ -24,7 +24,7 @@
 #include "service/driver_link.h"
 #include "service/emergency_options.h"
 #include "service/folder_security.h"
-#include "service/irp_tables.h"
+#include "service/irp_notifier.h"
 #include "service/process_protection.h"
 #include "service/regkey_protection.h"
 #include "service/service_enforcement.h"
@@ -117,41 +117,12 @@ public:
     bool enable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool set_protection_enabled(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
-    // The subscription table, the store and the pending index are guarded by irp_lock_; the
-    // volume map and the sequence counter belong to the receiver thread.
-
-    // Waits on the notification port and hands every message to handleIrpMessage. Started at
-    // start-up after feature 16 went on, stopped at shutdown after it went off; a stop cancels
-    // the pending wait at once.
-    class irp_notification_receiver : public mcl::thread {
-    public:
-        explicit irp_notification_receiver(chelperservice* owner) : owner_(owner) {}
-        ~irp_notification_receiver() override { stop(10); }
-        DWORD run() override;
-
-    private:
-        DWORD receive();
-        bool handle(const uint8_t* data, size_t size);
-        chelperservice* owner_;
-        uint64_t sequence_ = 0;  // starts at 0 at every start
-    };
-
-    // Rebuilds the map from volume device name to mount path. Receiver thread.
-    void RefreshVolumeToDeviceMap();
-    // The drive-letter form (UTF-8) of a device-form path; empty when no volume matches.
-    // Receiver thread.
-    std::string device_to_dos_path(const std::wstring& devicePath) const;
-    // One message as the driver delivered it (`size` bytes of the receive buffer); false when
-    // it is the driver's stop message. `sequence` is the receiver's counter. Receiver thread;
-    // takes irp_lock_.
-    bool handleIrpMessage(const uint8_t* data, size_t size, uint64_t& sequence);
-    // Where the receiver takes "now" (FILETIME units, UTC) from; GetSystemTimeAsFileTime unless
-    // replaced. Set it before the receiver starts.
-    using irp_clock_fn = uint64_t (*)();
-    static uint64_t irpSystemTime();
-    void setIrpClock(irp_clock_fn now) { irp_clock_ = now; }
-    // 0x10000fa and 0x10000fb. IPC event thread; take irp_lock_.
+    // IRP-denied notifications: the receiver and the tables belong to the notifier
+    // (service/irp_notifier.h); the requests decode, call it and encode (service/irp_handlers.cpp).
+    using irp_notification_receiver = irp_notifier::irp_notification_receiver;
+    // The notifier itself: its clock and the receiver's message handling, for tests.
+    irp_notifier& irp_notifications() { return irp_; }
+    // 0x10000fa and 0x10000fb. IPC event thread.
     bool subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
@@ -306,19 +277,8 @@ private:
     // Features 0 and 6 to `on`, feature 11 to the registry protection switch (0x1000006/7).
     void setDriverProtection(bool on);
 
-    // IRP-denied notification state.
-    void handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence);
-    void clearIrpStore();
-    // The image path of a process and that file's description; both stay empty when the
-    // process cannot be read. Receiver thread.
-    void readProcessImage(uint32_t pid, std::string& image, std::string& image_description);
-    static constexpr size_t max_image_descriptions = 256;
-    std::map<std::string, std::pair<uint64_t, std::string>> image_descriptions_;  // path -> (written, text); receiver
-    mcl::lock irp_lock_;
-    irp::tables irp_tables_;                        // under irp_lock_
-    std::map<std::wstring, std::string> volume_to_device_;  // \device\...\ -> mount path; receiver thread
-    irp_clock_fn irp_clock_ = &chelperservice::irpSystemTime;
-    irp_notification_receiver irp_receiver_{this};  // last of this block: stopped before the tables go
+    // IRP-denied notifications: the receiver thread and its tables.
+    irp_notifier irp_;
 
     // The protection managers, each after those it uses: the enforcement list and its thread;
     // the services (which put them on the enforcement list); the process images and folders
