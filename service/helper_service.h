@@ -22,9 +22,10 @@
 #include "protocol/replies.h"
 #include "protocol/requests.h"
 #include "quarantine/quarantine_store.h"
+#include "service/driver_link.h"
 #include "service/emergency_options.h"
 #include "service/folder_security.h"
-#include "service/irp_tables.h"
+#include "service/irp_notifier.h"
 #include "service/process_protection.h"
 #include "service/regkey_protection.h"
 #include "service/service_enforcement.h"
@@ -60,7 +61,7 @@ public:
     // The master switch: sets the service, process/folder and registry protection switches
     // together and the driver's features 0, 6 and 11 with them; nothing when all three already
     // equal `on`. Off also lifts every service and process rule and stops the enforcement.
-    // Service thread or IPC event thread (service/driver_port.cpp).
+    // Service thread or IPC event thread (service/driver_handlers.cpp).
     void setProtectionEnabled(bool on);
 
     helper_msg_handler& msg_handler() { return handler_; }
@@ -77,88 +78,52 @@ public:
     bool protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool service_version_query(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Driver command port: senders, switches and their requests (service/driver_port.cpp).
-    // Every operation opens its own port connection; the senders return nothing and log a refusal.
-    // They run on the IPC event thread, the service thread at start-up and shutdown, and the
-    // enforcement thread; the attached-volume table has no lock of its own (see drvProtectFolder).
-    using driver_port = mcl::mswin::unique_kernel_handle;
-    // The command port, or INVALID_HANDLE_VALUE after logging the failure.
-    static HANDLE connectFilterDriver();
-    // connectFilterDriver() owned: closed when it goes out of scope.
-    static driver_port openDriverPort();
-    // The text of a Filter Manager or Win32 HRESULT for log lines.
-    static std::wstring driver_error_text(HRESULT hr);
-    static void drvEnableFeature(HANDLE port, uint32_t feature, bool on);
-    // The protection switches, in this order: process protection (0) and folder protection (6)
-    // to `processes`, registry protection (11) to `registry`.
-    static void drvEnableProtectionFeatures(HANDLE port, bool processes, bool registry);
-    static void drvSkipProcessFirstSvcMgrOpen(HANDLE port);
-    static void drvSendCommand(HANDLE port, uint32_t code, const std::wstring& text);
-    // Code 1 (2 when removing); an empty path with `remove` removes every image rule.
-    static void drvProtectProcess(HANDLE port, const std::wstring& imagePath, bool remove);
-    // Code 12 (13 when removing) with the \REGISTRY\MACHINE\... path; empty removes every key rule.
-    static void drvProtectRegKey(HANDLE port, const std::wstring& keyPath, bool remove);
-    // Code 7/8 (9/10 when `block`) with the device form of `path`; an add first attaches the
-    // filter to the path's volume. A path without "X:\" or over 260 characters is refused with a
-    // log line and nothing is sent. An empty path with `remove` removes every rule of that code.
-    void drvProtectFolder(HANDLE port, const std::wstring& path, bool remove, bool block);
-    // FilterDetach of the filter's instance on `volume`, logged when it fails.
-    static void detachFilter(const std::wstring& volume);
-    // Detaches every attached volume and empties the table.
-    void detachAllVolumes();
-    // The device form of a drive-letter path (C:\A -> \Device\HarddiskVolume1\A); false, with a
-    // log line, for a path without "X:\" or over 260 characters. Attaches the volume when `attach`.
-    bool to_device_path(const std::wstring& path, bool attach, std::wstring& device);
-    // The driver's own service key (HKLM) and what the service writes there for the driver.
-    static constexpr const char* driver_config_key = "system\\CurrentControlSet\\Services\\VQRMonitor";
-    static constexpr const char* trusted_apps_key = "system\\CurrentControlSet\\Services\\VQRMonitor\\TrustedOpenApps";
-    static constexpr const char* svc_mgr_path_value = "SvcMgrPath";
-    // Writes REG_DWORD 1 named `path` under trusted_apps_key (outcome not checked), then sends
-    // code 3 with `path` (device form, UTF-8) on a connection of its own.
-    static void loadTrustedOpenApp(const std::string& path);
-    // Writes REG_SZ SvcMgrPath = `path` in driver_config_key, then sends code 15 with it.
-    static void setSvcMgrPath2Driver(const std::string& path);
+    // Driver command port: the senders, forwarded to the driver link (service/driver_link.h),
+    // which keeps the attached volumes; the switches and their requests stay here
+    // (service/driver_handlers.cpp).
+    using driver_port = driver_link::driver_port;
+    static HANDLE connectFilterDriver() { return driver_link::connectFilterDriver(); }
+    static driver_port openDriverPort() { return driver_link::openDriverPort(); }
+    static std::wstring driver_error_text(HRESULT hr) { return driver_link::driver_error_text(hr); }
+    static void drvEnableFeature(HANDLE port, uint32_t feature, bool on) { driver_link::drvEnableFeature(port, feature, on); }
+    static void drvEnableProtectionFeatures(HANDLE port, bool processes, bool registry) {
+        driver_link::drvEnableProtectionFeatures(port, processes, registry);
+    }
+    static void drvSkipProcessFirstSvcMgrOpen(HANDLE port) { driver_link::drvSkipProcessFirstSvcMgrOpen(port); }
+    static void drvSendCommand(HANDLE port, uint32_t code, const std::wstring& text) {
+        driver_link::drvSendCommand(port, code, text);
+    }
+    static void drvProtectProcess(HANDLE port, const std::wstring& imagePath, bool remove) {
+        driver_link::drvProtectProcess(port, imagePath, remove);
+    }
+    static void drvProtectRegKey(HANDLE port, const std::wstring& keyPath, bool remove) {
+        driver_link::drvProtectRegKey(port, keyPath, remove);
+    }
+    void drvProtectFolder(HANDLE port, const std::wstring& path, bool remove, bool block) {
+        link_.drvProtectFolder(port, path, remove, block);
+    }
+    static void detachFilter(const std::wstring& volume) { driver_link::detachFilter(volume); }
+    void detachAllVolumes() { link_.detachAllVolumes(); }
+    bool to_device_path(const std::wstring& path, bool attach, std::wstring& device) {
+        return link_.to_device_path(path, attach, device);
+    }
+    static constexpr const char* driver_config_key = driver_link::driver_config_key;
+    static constexpr const char* trusted_apps_key = driver_link::trusted_apps_key;
+    static constexpr const char* svc_mgr_path_value = driver_link::svc_mgr_path_value;
+    static void loadTrustedOpenApp(const std::string& path) { driver_link::loadTrustedOpenApp(path); }
+    static void setSvcMgrPath2Driver(const std::string& path) { driver_link::setSvcMgrPath2Driver(path); }
     // Request handlers: 0x1000006 (features 0 and 6 off), 0x1000007 (on), feature 11 following
     // the registry protection switch; 0x1000008 (byte on: setProtectionEnabled). IPC event thread.
     bool disable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool enable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool set_protection_enabled(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // IRP-denied notifications: receiver, subscriptions and their requests (service/irp_notifications.cpp).
-    // The subscription table, the store and the pending index are guarded by irp_lock_; the
-    // volume map and the sequence counter belong to the receiver thread.
-
-    // Waits on the notification port and hands every message to handleIrpMessage. Started at
-    // start-up after feature 16 went on, stopped at shutdown after it went off; a stop cancels
-    // the pending wait at once.
-    class irp_notification_receiver : public mcl::thread {
-    public:
-        explicit irp_notification_receiver(chelperservice* owner) : owner_(owner) {}
-        ~irp_notification_receiver() override { stop(10); }
-        DWORD run() override;
-
-    private:
-        DWORD receive();
-        bool handle(const uint8_t* data, size_t size);
-        chelperservice* owner_;
-        uint64_t sequence_ = 0;  // starts at 0 at every start
-    };
-
-    // Rebuilds the map from volume device name to mount path. Receiver thread.
-    void RefreshVolumeToDeviceMap();
-    // The drive-letter form (UTF-8) of a device-form path; empty when no volume matches.
-    // Receiver thread.
-    std::string device_to_dos_path(const std::wstring& devicePath) const;
-    // One message as the driver delivered it (`size` bytes of the receive buffer); false when
-    // it is the driver's stop message. `sequence` is the receiver's counter. Receiver thread;
-    // takes irp_lock_.
-    bool handleIrpMessage(const uint8_t* data, size_t size, uint64_t& sequence);
-    // Where the receiver takes "now" (FILETIME units, UTC) from; GetSystemTimeAsFileTime unless
-    // replaced. Set it before the receiver starts.
-    using irp_clock_fn = uint64_t (*)();
-    static uint64_t irpSystemTime();
-    void setIrpClock(irp_clock_fn now) { irp_clock_ = now; }
-    // 0x10000fa and 0x10000fb. IPC event thread; take irp_lock_.
+    // IRP-denied notifications: the receiver and the tables belong to the notifier
+    // (service/irp_notifier.h); the requests decode, call it and encode (service/irp_handlers.cpp).
+    using irp_notification_receiver = irp_notifier::irp_notification_receiver;
+    // The notifier itself: its clock and the receiver's message handling, for tests.
+    irp_notifier& irp_notifications() { return irp_; }
+    // 0x10000fa and 0x10000fb. IPC event thread.
     bool subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
@@ -288,59 +253,37 @@ private:
     bool process_protection_enabled_ = true;
     bool regkey_protection_enabled_ = true;
 
-    // Driver command port state.
-    // The command port as the managers see it.
-    class driver_commands final : public reg_key_driver, public enforcement_host, public folder_driver {
+    // The driver link first: every manager below reaches the driver through it. The enforcement
+    // also asks where a service's image lives, which the link does not know.
+    driver_link link_;
+    class enforcement_commands final : public enforcement_host {
     public:
-        explicit driver_commands(chelperservice& core) : core_(core) {}
-        mcl::mswin::unique_kernel_handle open_port() override { return openDriverPort(); }
-        void enable_feature(HANDLE port, uint32_t feature, bool on) override { drvEnableFeature(port, feature, on); }
-        void send_folder_rule(HANDLE port, const std::wstring& path, bool remove, bool block) override {
-            core_.drvProtectFolder(port, path, remove, block);
-        }
-        void detach_all_volumes() override { core_.detachAllVolumes(); }
+        explicit enforcement_commands(driver_link& link) : link_(link) {}
+        mcl::mswin::unique_kernel_handle open_port() override { return link_.open_port(); }
         void send_image_rule(HANDLE port, const std::wstring& image, bool remove) override {
-            drvProtectProcess(port, image, remove);
+            link_.send_image_rule(port, image, remove);
         }
         std::wstring service_image(const std::string& name) override { return service_image_path(name); }
-        void send_key_rule(HANDLE port, const std::wstring& kernel_path, bool remove) override {
-            drvProtectRegKey(port, kernel_path, remove);
-        }
-        std::wstring error_text(HRESULT hr) override { return driver_error_text(hr); }
 
     private:
-        chelperservice& core_;
+        driver_link& link_;
     };
-    driver_commands driver_commands_{*this};
-    void attachVolume(const std::wstring& volume);
+    enforcement_commands enforcement_commands_{link_};
     // Features 0 and 6 to `on`, feature 11 to the registry protection switch (0x1000006/7).
     void setDriverProtection(bool on);
-    // Volume device name (or "X:" when it has none) -> instance name FilterAttach gave.
-    std::map<std::wstring, std::wstring> attached_volumes_;
 
-    // IRP-denied notification state.
-    void handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence);
-    void clearIrpStore();
-    // The image path of a process and that file's description; both stay empty when the
-    // process cannot be read. Receiver thread.
-    void readProcessImage(uint32_t pid, std::string& image, std::string& image_description);
-    static constexpr size_t max_image_descriptions = 256;
-    std::map<std::string, std::pair<uint64_t, std::string>> image_descriptions_;  // path -> (written, text); receiver
-    mcl::lock irp_lock_;
-    irp::tables irp_tables_;                        // under irp_lock_
-    std::map<std::wstring, std::string> volume_to_device_;  // \device\...\ -> mount path; receiver thread
-    irp_clock_fn irp_clock_ = &chelperservice::irpSystemTime;
-    irp_notification_receiver irp_receiver_{this};  // last of this block: stopped before the tables go
+    // IRP-denied notifications: the receiver thread and its tables.
+    irp_notifier irp_;
 
     // The protection managers, each after those it uses: the enforcement list and its thread;
     // the services (which put them on the enforcement list); the process images and folders
     // (which ask the services who shares a folder).
-    service_enforcement enforcement_{driver_commands_, service_name()};
+    service_enforcement enforcement_{enforcement_commands_, service_name()};
     service_protection services_{enforcement_, service_protection_enabled_};
-    process_protection processes_{driver_commands_, services_, process_protection_enabled_};
+    process_protection processes_{link_, services_, process_protection_enabled_};
 
     // Registry key protection: the key table, driven through the command port.
-    reg_key_protection reg_keys_{driver_commands_, regkey_protection_enabled_};
+    reg_key_protection reg_keys_{link_, regkey_protection_enabled_};
 
     // The quarantine store: the containers and blocked files, with the folder rules, the DACL
     // operations and the process killer of the core (service/quarantine_handlers.cpp).

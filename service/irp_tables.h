@@ -1,6 +1,6 @@
 // IRP-denied notifications without Windows: the notification message reader, the subscription
 // table, the notification store with its pending index, and the reply records of the query
-// request. The service (service/irp_notifications.cpp) holds one `tables` under its
+// request. The notifier (service/irp_notifier.cpp) holds one `tables` under its
 // IRP lock and does the Windows half (the port, events, processes, volumes, the log lines).
 //
 // Plain C++, so the readers also build natively for the fuzz and sanitizer runs.

@@ -51,7 +51,7 @@ bool deliver(uint64_t id, const std::wstring& file, uint8_t major = 3) {
     n.file_name = file;
     std::vector<uint8_t> m;
     EXPECT_TRUE(vqr::build_notification(n, m));
-    return svc().handleIrpMessage(m.data(), m.size(), sequence);
+    return svc().irp_notifications().handleIrpMessage(m.data(), m.size(), sequence);
 }
 
 uint64_t fake_now = 130000000000000000ULL;
@@ -62,7 +62,7 @@ TEST(IrpMessages, RecordsExpireWhenAMessageArrivesMoreThan300SecondsAfterThem) {
     ASSERT_EQ(0, ev.create("Global\\nv_irp_test_a"));
     const mcl::binary_t request = subscribe_request(0, "test_a", "Global\\nv_irp_test_a", "C:\\Data\\File.TXT");
     EXPECT_EQ(std::vector<uint8_t>({1, 0}), call(msg::subscribe_irp_notification, request));
-    svc().setIrpClock(&fake_clock);
+    svc().irp_notifications().setIrpClock(&fake_clock);
     EXPECT_TRUE(deliver(41, L"\\Device\\HarddiskVolume1\\data\\file.txt"));
     auto a = collect("test_a");
     ASSERT_EQ(1u, a.size());
@@ -72,7 +72,7 @@ TEST(IrpMessages, RecordsExpireWhenAMessageArrivesMoreThan300SecondsAfterThem) {
     fake_now += 3000000001ULL;
     EXPECT_TRUE(deliver(44, L"\\Device\\HarddiskVolume1\\elsewhere"));
     EXPECT_TRUE(collect("test_a").empty()) << "purged";
-    svc().setIrpClock(&chelperservice::irpSystemTime);
+    svc().irp_notifications().setIrpClock(&irp_notifier::irpSystemTime);
 }
 
 TEST(IrpMessages, ASubscriberHoldsAtMostTheBoundOldestDroppedFirstWithOneLinePerBurst) {

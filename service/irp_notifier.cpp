@@ -1,6 +1,6 @@
 // IRP-denied notifications: the receiver thread on the driver's notification port, the volume
-// map that turns device paths into drive-letter paths, the subscribers' events, and the
-// subscribe and query requests. The tables themselves are service/irp_tables.cpp.
+// map that turns device paths into drive-letter paths, the subscribers' events, and what the
+// subscribe and query requests do. The tables themselves are service/irp_tables.cpp.
 #include <windows.h>
 
 #include <cstdint>
@@ -17,7 +17,7 @@
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
-#include "service/helper_service.h"
+#include "service/irp_notifier.h"
 
 namespace {
 
@@ -39,34 +39,20 @@ uint64_t last_write_time(const std::string& path) {
 
 }  // namespace
 
-// ---- start-up and shutdown
-
-void chelperservice::enableIrpNotifications(bool on) {
-    driver_port port = openDriverPort();
-    if (!port) return;  // the driver is not there: no switch and no receiver
-    drvEnableFeature(port.get(), vqr::code::feature_irp_notify, on);
-    port.reset();
-    if (on && !irp_receiver_.start())
-        NV_LOG("chelperservice::enableIrpNotifications", "[IRP Notification]: Failed to start the receiver thread, error: %d",
-               static_cast<int>(GetLastError()));
-}
-
-void chelperservice::stopIrpReceiver() { irp_receiver_.stop(1000); }
-
-uint64_t chelperservice::irpSystemTime() {
+uint64_t irp_notifier::irpSystemTime() {
     FILETIME now;
     GetSystemTimeAsFileTime(&now);
     return static_cast<uint64_t>(now.dwHighDateTime) << 32 | now.dwLowDateTime;
 }
 
-void chelperservice::clearIrpStore() {
+void irp_notifier::clearIrpStore() {
     mcl::scoped_lock guard(irp_lock_);
     irp_tables_.clear_store();
 }
 
 // ---- the receiver
 
-DWORD chelperservice::irp_notification_receiver::run() {
+DWORD irp_notifier::irp_notification_receiver::run() {
     try {
         return receive();
     } catch (const std::exception& e) {
@@ -77,7 +63,7 @@ DWORD chelperservice::irp_notification_receiver::run() {
     return 1;
 }
 
-DWORD chelperservice::irp_notification_receiver::receive() {
+DWORD irp_notifier::irp_notification_receiver::receive() {
     owner_->clearIrpStore();
     sequence_ = 0;
     const filter_library::entry_points& lib = filter_library::get();
@@ -92,7 +78,7 @@ DWORD chelperservice::irp_notification_receiver::receive() {
     }
     if (FAILED(hr)) {
         NV_LOG(run_fn, "Could not connect to filter for notification: %d - %ls", static_cast<int>(hr),
-               driver_error_text(hr).c_str());
+               filter_library::error_text(hr).c_str());
         return 0;
     }
     mcl::mswin::unique_kernel_handle completed(CreateEventW(nullptr, /*manual_reset=*/TRUE, FALSE, nullptr));
@@ -130,12 +116,12 @@ DWORD chelperservice::irp_notification_receiver::receive() {
 
         if (hr == static_cast<HRESULT>(vqr::hr_aborted)) {
             NV_LOG(run_fn, "[IRP Notification]: FilterGetMessage aborted: %d - %ls", static_cast<int>(hr),
-                   driver_error_text(hr).c_str());
+                   filter_library::error_text(hr).c_str());
             break;
         }
         if (FAILED(hr)) {
             NV_LOG(run_fn, "[IRP Notification]: Failed to get message from the minifilter: %d - %ls",
-                   static_cast<int>(hr), driver_error_text(hr).c_str());
+                   static_cast<int>(hr), filter_library::error_text(hr).c_str());
             // The driver is gone without its stop message: nothing more can arrive on this
             // port, so waiting again would only fail again at once, forever.
             if (port_gone(hr)) break;
@@ -148,7 +134,7 @@ DWORD chelperservice::irp_notification_receiver::receive() {
     return 0;
 }
 
-bool chelperservice::irp_notification_receiver::handle(const uint8_t* data, size_t size) {
+bool irp_notifier::irp_notification_receiver::handle(const uint8_t* data, size_t size) {
     // One message that cannot be handled (memory) costs that message, not the receiver.
     try {
         return owner_->handleIrpMessage(data, size, sequence_);
@@ -158,7 +144,7 @@ bool chelperservice::irp_notification_receiver::handle(const uint8_t* data, size
     return true;
 }
 
-bool chelperservice::handleIrpMessage(const uint8_t* data, size_t size, uint64_t& sequence) {
+bool irp_notifier::handleIrpMessage(const uint8_t* data, size_t size, uint64_t& sequence) {
     irp::message m;
     const irp::message_check check = irp::parse_message(data, size, m);
     if (check == irp::message_check::too_short) {
@@ -191,7 +177,7 @@ bool chelperservice::handleIrpMessage(const uint8_t* data, size_t size, uint64_t
     }
 }
 
-void chelperservice::handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence) {
+void irp_notifier::handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence) {
     NV_LOG(run_fn,
            "[IRP Notification]: Received the IRP denied notification: FileName=\"%ls\" MajorFun=%d, MinorFunc=%d, pid=0x%p",
            m.file_name.c_str(), m.major_function, m.minor_function,
@@ -233,7 +219,7 @@ void chelperservice::handleIrpDenied(const irp::message& m, uint64_t now, uint64
     }
 }
 
-void chelperservice::readProcessImage(uint32_t pid, std::string& image, std::string& image_description) {
+void irp_notifier::readProcessImage(uint32_t pid, std::string& image, std::string& image_description) {
     const std::string found = mcl::mswin::process_image(pid);
     if (found.empty()) return;
     image = found;
@@ -253,7 +239,7 @@ void chelperservice::readProcessImage(uint32_t pid, std::string& image, std::str
 
 // ---- volumes
 
-void chelperservice::RefreshVolumeToDeviceMap() {
+void irp_notifier::RefreshVolumeToDeviceMap() {
     constexpr const char* fn = "chelperservice::RefreshVolumeToDeviceMap";
     volume_to_device_.clear();
     wchar_t volume[MAX_PATH] = {};
@@ -295,7 +281,7 @@ void chelperservice::RefreshVolumeToDeviceMap() {
     FindVolumeClose(search);
 }
 
-std::string chelperservice::device_to_dos_path(const std::wstring& devicePath) const {
+std::string irp_notifier::device_to_dos_path(const std::wstring& devicePath) const {
     const std::wstring p = mcl::mswin::lower_case_towlower(devicePath);
     for (const auto& entry : volume_to_device_) {
         if (p.compare(0, entry.first.size(), entry.first) == 0) return entry.second + to_utf8(p.substr(entry.first.size()));
@@ -303,76 +289,40 @@ std::string chelperservice::device_to_dos_path(const std::wstring& devicePath) c
     return {};
 }
 
-// ---- requests
+// ---- subscriptions
 
-bool chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool irp_notifier::subscribe(irp::subscribe_request request) {
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
-    protocol::subscribe_request decoded;
-    const irp::request_check check = protocol::decode(payload, decoded);
-    irp::subscribe_request request = irp::to_subscription(decoded);
-    bool result = false;
-    if (check == irp::request_check::truncated) {
-        NV_LOG(fn, "Subscription request of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
-    } else if (check == irp::request_check::oversized) {
-        NV_LOG(fn, "Subscription request of %u bytes is oversized (at most %u bytes, names %u, path %u), refused",
-               static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_subscribe_payload),
-               static_cast<unsigned>(irp::max_name_bytes), static_cast<unsigned>(irp::max_path_bytes));
-    } else if (!request.subscriber.empty() && !request.event_name.empty()) {
-        if (request.file_path.empty()) request.file_path = irp::any_file;
-        request.file_path = mcl::mswin::lower_case(std::move(request.file_path));
-        mcl::scoped_lock guard(irp_lock_);
-        switch (irp_tables_.subscribe(request)) {
-            case irp::subscribe_outcome::added:
-                NV_LOG(fn, "Add subscription for <%s> on file <%s>", request.subscriber.c_str(), request.file_path.c_str());
-                result = true;
-                break;
-            case irp::subscribe_outcome::removed:
-                NV_LOG(fn, "Remove subscription for <%s> on file <%s>", request.subscriber.c_str(),
-                       request.file_path.c_str());
-                result = true;
-                break;
-            case irp::subscribe_outcome::refused_full:
-                NV_LOG(fn,
-                       "Subscription for <%s> on file <%s> refused: at most %u subscribers, %u files each and %u "
-                       "filters per file",
-                       request.subscriber.c_str(), request.file_path.c_str(), static_cast<unsigned>(irp::max_subscribers),
-                       static_cast<unsigned>(irp::max_files_per_subscriber),
-                       static_cast<unsigned>(irp::max_filters_per_file));
-                break;
-            case irp::subscribe_outcome::unchanged:
-                break;
-        }
+    if (request.subscriber.empty() || request.event_name.empty()) return false;
+    if (request.file_path.empty()) request.file_path = irp::any_file;
+    request.file_path = mcl::mswin::lower_case(std::move(request.file_path));
+    mcl::scoped_lock guard(irp_lock_);
+    switch (irp_tables_.subscribe(request)) {
+        case irp::subscribe_outcome::added:
+            NV_LOG(fn, "Add subscription for <%s> on file <%s>", request.subscriber.c_str(), request.file_path.c_str());
+            return true;
+        case irp::subscribe_outcome::removed:
+            NV_LOG(fn, "Remove subscription for <%s> on file <%s>", request.subscriber.c_str(), request.file_path.c_str());
+            return true;
+        case irp::subscribe_outcome::refused_full:
+            NV_LOG(fn,
+                   "Subscription for <%s> on file <%s> refused: at most %u subscribers, %u files each and %u "
+                   "filters per file",
+                   request.subscriber.c_str(), request.file_path.c_str(), static_cast<unsigned>(irp::max_subscribers),
+                   static_cast<unsigned>(irp::max_files_per_subscriber), static_cast<unsigned>(irp::max_filters_per_file));
+            return false;
+        case irp::subscribe_outcome::unchanged:
+            break;
     }
-    protocol::reply_with(payload, protocol::status(result));
-    return true;
+    return false;
 }
 
-bool chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::binary_t& payload) {
+std::vector<irp::record> irp_notifier::collect(const std::string& subscriber) {
     constexpr const char* fn = "chelperservice::query_irp_notification_data";
-    protocol::notification_query_request request;
-    const irp::request_check check = protocol::decode(payload, request);
-    const std::string& subscriber = request.subscriber;
-    if (check == irp::request_check::oversized) {
-        NV_LOG(fn, "Query of %u bytes is oversized (a subscriber name of at most %u bytes), refused",
-               static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_name_bytes));
-    } else if (check == irp::request_check::truncated && payload.size() != 0) {
-        NV_LOG(fn, "Query of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
-    }
-    std::vector<irp::record> records;
-    if (check == irp::request_check::ok && !subscriber.empty()) {
-        mcl::scoped_lock guard(irp_lock_);
-        records = irp_tables_.collect(subscriber);
-        for (const irp::record& r : records)
-            NV_LOG(fn, "Found notification data for <%s> on file <%s>, from pid <%llu>", subscriber.c_str(),
-                   r.file_path.c_str(), static_cast<unsigned long long>(r.process_id));
-    }
-    protocol::notifications_reply reply;
-    for (const irp::record& r : records) {
-        if (r.type != irp::type_irp_denied)
-            NV_LOG(fn, "Unsupport IRP notification type %d for %s: %s", static_cast<int>(r.type), subscriber.c_str(),
-                   r.file_path.c_str());
-        reply.records.push_back(irp::to_notification(r));
-    }
-    protocol::reply_with(payload, reply);
-    return true;
+    mcl::scoped_lock guard(irp_lock_);
+    std::vector<irp::record> records = irp_tables_.collect(subscriber);
+    for (const irp::record& r : records)
+        NV_LOG(fn, "Found notification data for <%s> on file <%s>, from pid <%llu>", subscriber.c_str(),
+               r.file_path.c_str(), static_cast<unsigned long long>(r.process_id));
+    return records;
 }

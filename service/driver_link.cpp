@@ -1,4 +1,4 @@
-// The driver command port: one fresh connection per operation, one-way command and feature
+// The driver link: one fresh command-port connection per operation, one-way command and feature
 // messages, and the volumes the filter has been attached to.
 #include <windows.h>
 
@@ -16,7 +16,7 @@
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "protocol/driver_protocol.h"
-#include "service/helper_service.h"
+#include "service/driver_link.h"
 
 namespace {
 
@@ -37,7 +37,7 @@ void send_message(HANDLE port, std::vector<uint8_t>& message, const char* functi
         return;
     }
     NV_LOG(function, "UNEXPECTED ERROR received: %d - %ls", static_cast<int>(hr),
-           chelperservice::driver_error_text(hr).c_str());
+           driver_link::driver_error_text(hr).c_str());
 }
 
 void log_refused_path(const char* function, const std::wstring& path) {
@@ -91,9 +91,9 @@ private:
 
 }  // namespace
 
-std::wstring chelperservice::driver_error_text(HRESULT hr) { return filter_library::error_text(hr); }
+std::wstring driver_link::driver_error_text(HRESULT hr) { return filter_library::error_text(hr); }
 
-HANDLE chelperservice::connectFilterDriver() {
+HANDLE driver_link::connectFilterDriver() {
     const filter_library::entry_points& lib = filter_library::get();
     mcl::mswin::filter_port port = mcl::mswin::connect_filter_port(lib.connect, lib.load_error, vqr::command_port_name);
     if (FAILED(port.hr)) {
@@ -104,37 +104,37 @@ HANDLE chelperservice::connectFilterDriver() {
     return port.handle.release();
 }
 
-chelperservice::driver_port chelperservice::openDriverPort() { return driver_port(connectFilterDriver()); }
+driver_link::driver_port driver_link::openDriverPort() { return driver_port(connectFilterDriver()); }
 
-void chelperservice::drvEnableFeature(HANDLE port, uint32_t feature, bool on) {
+void driver_link::drvEnableFeature(HANDLE port, uint32_t feature, bool on) {
     std::vector<uint8_t> message = vqr::build_feature(feature, on);
     send_message(port, message, "chelperservice::drvEnableFeature");
 }
 
-void chelperservice::drvEnableProtectionFeatures(HANDLE port, bool processes, bool registry) {
+void driver_link::drvEnableProtectionFeatures(HANDLE port, bool processes, bool registry) {
     drvEnableFeature(port, vqr::code::feature_process_protection, processes);
     drvEnableFeature(port, vqr::code::feature_folder_protection, processes);
     drvEnableFeature(port, vqr::code::feature_registry_protection, registry);
 }
 
-void chelperservice::drvSkipProcessFirstSvcMgrOpen(HANDLE port) {
+void driver_link::drvSkipProcessFirstSvcMgrOpen(HANDLE port) {
     drvEnableFeature(port, vqr::code::feature_skip_first_svcmgr_open, true);
 }
 
-void chelperservice::drvSendCommand(HANDLE port, uint32_t code, const std::wstring& text) {
+void driver_link::drvSendCommand(HANDLE port, uint32_t code, const std::wstring& text) {
     std::vector<uint8_t> message = vqr::build_command(code, text);
     send_message(port, message, "chelperservice::drvSendCommand");
 }
 
-void chelperservice::drvProtectProcess(HANDLE port, const std::wstring& imagePath, bool remove) {
+void driver_link::drvProtectProcess(HANDLE port, const std::wstring& imagePath, bool remove) {
     drvSendCommand(port, remove ? vqr::code::unprotect_process : vqr::code::protect_process, imagePath);
 }
 
-void chelperservice::drvProtectRegKey(HANDLE port, const std::wstring& keyPath, bool remove) {
+void driver_link::drvProtectRegKey(HANDLE port, const std::wstring& keyPath, bool remove) {
     drvSendCommand(port, remove ? vqr::code::unprotect_regkey : vqr::code::protect_regkey, keyPath);
 }
 
-void chelperservice::drvProtectFolder(HANDLE port, const std::wstring& path, bool remove, bool block) {
+void driver_link::drvProtectFolder(HANDLE port, const std::wstring& path, bool remove, bool block) {
     const uint32_t code = block ? (remove ? vqr::code::unblock_path : vqr::code::block_path)
                                 : (remove ? vqr::code::unprotect_folder : vqr::code::protect_folder);
     // An empty text removes every folder rule of its kind and needs no device form.
@@ -147,14 +147,14 @@ void chelperservice::drvProtectFolder(HANDLE port, const std::wstring& path, boo
     drvSendCommand(port, code, device);
 }
 
-bool chelperservice::to_device_path(const std::wstring& path, bool attach, std::wstring& device) {
+bool driver_link::to_device_path(const std::wstring& path, bool attach, std::wstring& device) {
     std::wstring volume;
     if (!device_form(path, volume, device)) return false;
     if (attach) attachVolume(volume);
     return true;
 }
 
-void chelperservice::attachVolume(const std::wstring& volume) {
+void driver_link::attachVolume(const std::wstring& volume) {
     if (attached_volumes_.count(volume) != 0) return;
     const filter_library::entry_points& lib = filter_library::get();
     wchar_t instance[256] = {};  // 512 bytes
@@ -164,7 +164,7 @@ void chelperservice::attachVolume(const std::wstring& volume) {
     attached_volumes_[volume] = instance;
 }
 
-void chelperservice::detachFilter(const std::wstring& volume) {
+void driver_link::detachFilter(const std::wstring& volume) {
     const filter_library::entry_points& lib = filter_library::get();
     load_driver_privilege privilege;
     const HRESULT hr = lib.detach == nullptr ? missing_export() : lib.detach(vqr::filter_name, volume.c_str(), nullptr);
@@ -173,24 +173,24 @@ void chelperservice::detachFilter(const std::wstring& volume) {
                static_cast<int>(hr), driver_error_text(hr).c_str());
 }
 
-void chelperservice::detachAllVolumes() {
+void driver_link::detachAllVolumes() {
     for (const auto& entry : attached_volumes_) detachFilter(entry.first);
     attached_volumes_.clear();
 }
 
-void chelperservice::loadTrustedOpenApp(const std::string& path) {
+void driver_link::loadTrustedOpenApp(const std::string& path) {
     (void)mcl::mswin::reg::write_dword(trusted_apps_key, path.c_str(), 1);
     const driver_port port = openDriverPort();
     if (port) drvSendCommand(port.get(), vqr::code::trusted_app, mcl::mswin::from_utf8(path));
 }
 
-void chelperservice::setSvcMgrPath2Driver(const std::string& path) {
+void driver_link::setSvcMgrPath2Driver(const std::string& path) {
     (void)mcl::mswin::reg::write_string(driver_config_key, svc_mgr_path_value, path);
     const driver_port port = openDriverPort();
     if (port) drvSendCommand(port.get(), vqr::code::svcmgr_path, mcl::mswin::from_utf8(path));
 }
 
-void chelperservice::loadTrustedOpenApps() {
+void driver_link::loadTrustedOpenApps() {
     constexpr const char* fn = "chelperservice::loadTrustedOpenApps";
     std::string system_dir;
     if (!mcl::mswin::system_directory(system_dir)) {
@@ -207,57 +207,4 @@ void chelperservice::loadTrustedOpenApps() {
         NV_LOG(fn, "Windows 8 / Server 2012 detected, set service manager path.");
         setSvcMgrPath2Driver(directory + "services.exe");
     }
-}
-
-void chelperservice::skipFirstServiceManagerOpen() {
-    const driver_port port = openDriverPort();
-    if (port) drvSkipProcessFirstSvcMgrOpen(port.get());
-}
-
-void chelperservice::enableDriverFeatures(bool on) {
-    const driver_port port = openDriverPort();
-    if (port) drvEnableProtectionFeatures(port.get(), on, on);
-}
-
-void chelperservice::setProtectionEnabled(bool on) {
-    if (service_protection_enabled_ == on && process_protection_enabled_ == on && regkey_protection_enabled_ == on)
-        return;
-    service_protection_enabled_ = on;
-    process_protection_enabled_ = on;
-    regkey_protection_enabled_ = on;
-    enableDriverFeatures(on);
-    if (on) {
-        startEnforcement();
-        return;
-    }
-    // Every protected service with its image rule, then every image and folder rule; registry-key
-    // rules stay (only feature 11 went off with the others).
-    (void)handle_protect_services({service_rule{false, false, ""}});
-    (void)handle_protect_processes({process_rule{false, L""}});
-    stopEnforcement();
-}
-
-void chelperservice::setDriverProtection(bool on) {
-    const driver_port port = openDriverPort();
-    if (port) drvEnableProtectionFeatures(port.get(), on, regkey_protection_enabled_);
-}
-
-bool chelperservice::disable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
-    setDriverProtection(/*on=*/false);
-    protocol::reply_with(payload, protocol::status(true));
-    return true;
-}
-
-bool chelperservice::enable_driver_protection(mcl::ipc_connection*, mcl::binary_t& payload) {
-    setDriverProtection(/*on=*/true);
-    protocol::reply_with(payload, protocol::status(true));
-    return true;
-}
-
-bool chelperservice::set_protection_enabled(mcl::ipc_connection*, mcl::binary_t& payload) {
-    protocol::protection_switch_request request;
-    if (!protocol::decode(payload, request)) return false;
-    setProtectionEnabled(request.on);
-    protocol::reply_with(payload, protocol::status(true));
-    return true;
 }

@@ -1,0 +1,69 @@
+// The core's IRP notification steps and requests: feature 16 and the receiver at start-up and
+// shutdown, and the subscribe and query requests, which decode, call the notifier and encode.
+// The notifier itself is service/irp_notifier.cpp.
+#include <windows.h>
+
+#include <string>
+#include <vector>
+
+#include "mcl/log.h"
+#include "protocol/driver_protocol.h"
+#include "service/helper_service.h"
+
+// ---- start-up and shutdown
+
+void chelperservice::enableIrpNotifications(bool on) {
+    driver_port port = openDriverPort();
+    if (!port) return;  // the driver is not there: no switch and no receiver
+    drvEnableFeature(port.get(), vqr::code::feature_irp_notify, on);
+    port.reset();
+    if (on && !irp_.start())
+        NV_LOG("chelperservice::enableIrpNotifications", "[IRP Notification]: Failed to start the receiver thread, error: %d",
+               static_cast<int>(GetLastError()));
+}
+
+void chelperservice::stopIrpReceiver() { irp_.stop(1000); }
+
+// ---- requests
+
+bool chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::subscribe_irp_notification";
+    protocol::subscribe_request decoded;
+    const irp::request_check check = protocol::decode(payload, decoded);
+    bool result = false;
+    if (check == irp::request_check::truncated) {
+        NV_LOG(fn, "Subscription request of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
+    } else if (check == irp::request_check::oversized) {
+        NV_LOG(fn, "Subscription request of %u bytes is oversized (at most %u bytes, names %u, path %u), refused",
+               static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_subscribe_payload),
+               static_cast<unsigned>(irp::max_name_bytes), static_cast<unsigned>(irp::max_path_bytes));
+    } else {
+        result = irp_.subscribe(irp::to_subscription(decoded));
+    }
+    protocol::reply_with(payload, protocol::status(result));
+    return true;
+}
+
+bool chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::query_irp_notification_data";
+    protocol::notification_query_request request;
+    const irp::request_check check = protocol::decode(payload, request);
+    const std::string& subscriber = request.subscriber;
+    if (check == irp::request_check::oversized) {
+        NV_LOG(fn, "Query of %u bytes is oversized (a subscriber name of at most %u bytes), refused",
+               static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_name_bytes));
+    } else if (check == irp::request_check::truncated && payload.size() != 0) {
+        NV_LOG(fn, "Query of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
+    }
+    std::vector<irp::record> records;
+    if (check == irp::request_check::ok && !subscriber.empty()) records = irp_.collect(subscriber);
+    protocol::notifications_reply reply;
+    for (const irp::record& r : records) {
+        if (r.type != irp::type_irp_denied)
+            NV_LOG(fn, "Unsupport IRP notification type %d for %s: %s", static_cast<int>(r.type), subscriber.c_str(),
+                   r.file_path.c_str());
+        reply.records.push_back(irp::to_notification(r));
+    }
+    protocol::reply_with(payload, reply);
+    return true;
+}
