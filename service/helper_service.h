@@ -22,8 +22,12 @@
 #include "protocol/replies.h"
 #include "protocol/requests.h"
 #include "service/emergency_options.h"
+#include "service/folder_security.h"
 #include "service/irp_tables.h"
+#include "service/process_protection.h"
 #include "service/regkey_protection.h"
+#include "service/service_enforcement.h"
+#include "service/service_protection.h"
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread.
@@ -32,9 +36,7 @@ class chelperservice : public mcl::mswin::service,
                        public mcl::singleton_ptr<chelperservice> {
 public:
     static constexpr const char* instance_mutex_name = "Global\\NORVALE_ClientHelper_Service_Running";
-    static constexpr const char* default_folder_sddl =
-        "D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;"
-        "SDGXGWGR;;;AU)";
+    static constexpr const char* default_folder_sddl = folder_security::default_folder_sddl;
 
     // The request dispatcher. The IPC peer calls it on its event thread, one message at a time.
     class helper_msg_handler : public mcl::ipc_msg_handler {
@@ -159,91 +161,40 @@ public:
     bool subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Process images and their folders (service/process_protection.cpp). The tables have no
-    // lock: the IPC event thread and the start-up and shutdown steps use them, one at a time.
-    struct process_record {
-        std::wstring imagePath;
-        std::wstring folder;  // filled in by protectProcess
-    };
-    struct folder_record {
-        std::string sddl;  // the folder's DACL as read back after the rewrite; empty when unreadable
-        std::wstring folder;
-        uint32_t refCount = 0;  // protected images in the folder; the record lives while >= 1
-    };
+    // Process images and their folders: the requests and steps, forwarded to the process
+    // protection, which owns both tables (service/process_handlers.cpp).
+    using process_record = process_protection::process_record;
+    using folder_record = process_protection::folder_record;
     using process_rule = protocol::process_rule;
-    // The folder of an image path or of a command line (quoted path and arguments): the text up to
-    // its last backslash, starting at the drive letter; a text without a backslash as it is.
-    static std::wstring image_folder_of(const std::wstring& imagePath);
-    // Sends the image and folder rules and rewrites the folder's DACL; fills record.folder. False,
-    // with nothing changed, when protection is off, the folder is not X:\folder form or the
-    // driver cannot be reached.
-    bool protectProcess(const std::wstring& imagePath, const mcl::mswin::sid& ownSid, process_record& record);
-    // Lifts the image rule and, with the folder's last image, the folder rule and its DACL. With
-    // `force`, an unreachable driver still resets the folder's DACL and drops its record.
-    bool unprotectProcess(const process_record& record, bool force);
-    // Applies a rule list; an empty first path means every image. False when any rule failed.
     bool handle_protect_processes(const std::vector<process_rule>& rules);
-    // Removes every image and folder rule, detaches every volume, resets every folder's DACL.
-    void stopProtectingProcess();
-    // Rewrites the folder's DACL: full access for `sids` in order, every other ACE cut down to read
-    // and execute (to nothing with `denyOthers`), protected from the parent. With `originalSddl`,
-    // the DACL before the change is returned there as SDDL.
-    bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
-                            std::string* originalSddl, bool denyOthers);
-    // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again.
-    bool restorePathPermissions(const std::wstring& path, const char* sddl);
+    // The folder DACL steps (service/folder_security.h), also for quarantine and blocked files.
+    static bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
+                                   std::string* originalSddl, bool denyOthers);
+    static bool restorePathPermissions(const std::wstring& path, const char* sddl);
     bool protect_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_processes(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Services (service/service_protection.cpp). The table has no lock (as the process tables).
-    struct service_record {
-        std::string sddl;  // the service's DACL as read back after protection
-        std::string name;
-        std::string sid;  // S-1-5-80-...
-        std::wstring imagePath;
-    };
+    // Services: the requests and steps, with the service protection owning the table
+    // (service/service_handlers.cpp).
+    using service_record = service_protection::service_record;
     using service_rule = protocol::service_rule;
-    static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
-    static constexpr const char* protected_processes_key =
-        "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";
-    static constexpr const char* default_service_sddl =
-        "D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)"
-        "S:(AU;FA;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;WD)";
-    // The program path of a service's binary path: cut after the last double quote, quotes
-    // removed (an unquoted path keeps its arguments). Empty when the configuration is unreadable.
-    static std::wstring service_image_path(const std::string& name);
-    // Replaces the service's DACL (own SID and the service's SID in full), records and persists it
-    // and, unless the service is stopped, puts it on the enforcement list. Fills sddl, sid,
-    // imagePath of `record`.
+    static constexpr const char* protected_services_key = service_protection::protected_services_key;
+    static constexpr const char* protected_processes_key = service_protection::protected_processes_key;
+    static constexpr const char* default_service_sddl = service_protection::default_service_sddl;
+    static std::wstring service_image_path(const std::string& name) {
+        return service_protection::service_image_path(name);
+    }
     bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
-    // Takes the service off the enforcement list and the persisted lists and writes the default
-    // service DACL back; the result is that of the write.
     bool unprotectService(const service_record& record);
-    // Applies a rule list, driving the image rules; an empty first name means every service.
+    // Applies a rule list: each service through the service protection, then its image through
+    // the process protection; an empty first name means every service.
     bool handle_protect_services(const std::vector<service_rule>& rules);
     bool protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Enforcement and service control (service/service_enforcement.cpp).
-    // Keeps the listed services running: a pass every 15 s, and at once when the system reports a
-    // listed service stopping. Its own thread; the list has its own lock.
-    class service_enforce_thread : public mcl::thread {
-    public:
-        explicit service_enforce_thread(chelperservice* owner) : owner_(owner) { (void)changed_.create_unnamed(); }
-        ~service_enforce_thread() override;
-        DWORD run() override;
-        // Wakes the thread so that it watches a newly listed service. Any thread.
-        void list_changed();
-
-    private:
-        chelperservice* owner_;
-        mcl::event changed_;  // set when a name joins the list
-    };
-    // Enforcement list operations; any thread (each takes the list's lock). The service's own
-    // name is never added.
-    void enforce_add(const std::string& name);
-    void enforce_remove(const std::string& name);
-    std::vector<std::string> enforce_list();
+    // Service control (service/service_control.cpp); the enforcement list and its thread belong
+    // to the enforcement (service/service_enforcement.h).
+    using service_enforce_thread = service_enforcement::service_enforce_thread;
     // Terminates (exit code 9) every process whose image path is `imagePath`, ignoring case.
     static void killProcessByPath(const std::string& imagePath);
     // Runs `program` through the shell with the "runas" verb, hidden, and waits up to 30 s for its
@@ -255,30 +206,16 @@ public:
     bool restore_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool recover_folder_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
-    // Registry keys (service/regkey_protection.cpp). Everything here runs on the IPC event thread
-    // or on the service thread at start-up and shutdown; the key table has no lock.
-    // The service's own persistence keys under HKEY_LOCAL_MACHINE, protected at every start.
-    static const char* const own_reg_keys[6];
+    // Registry keys: the requests and the start-up and shutdown steps, forwarded to the key
+    // protection, which owns the table (service/regkey_handlers.cpp). IPC event thread, or the
+    // service thread at start-up and shutdown.
     // Requests 0x100000b (status reply) and 0x100000c (the protected keys).
     bool protect_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool get_protected_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
-    // Protects or unprotects each entry in order; an empty first path with action 0 lifts every
-    // key rule. False when any entry failed.
     bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries);
-    // DACL step, then (with `persist`) the persisted record, then driver code 12. True when the
-    // driver rule was sent; `record` is filled either way.
     bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist);
-    // Driver code 13, the original DACL written back, the persisted value deleted. False (and
-    // nothing changed) without a driver connection.
     bool unprotectRegKey(const reg_key_record& record);
-    // Driver code 13 with an empty path, every key's original DACL back, the table emptied; the
-    // persisted records stay for the next start.
-    void stopProtectingRegKeys();
-    // Writes every protected key's original DACL back; records and persisted values stay.
     void restoreAllRegKeys();
-    // Writes (add) or deletes the record's persisted value; nothing (and true) for an empty path.
-    bool persistRegKeyRecord(const reg_key_record& record, bool add);
-    const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
 
     // Quarantine containers, files and blocked files (service/quarantine_handlers.cpp,
     // service/blocked_files.cpp). The tables have no lock: the IPC event thread and the start-up
@@ -357,6 +294,29 @@ private:
     bool regkey_protection_enabled_ = true;
 
     // Driver command port state.
+    // The command port as the managers see it.
+    class driver_commands final : public reg_key_driver, public enforcement_host, public folder_driver {
+    public:
+        explicit driver_commands(chelperservice& core) : core_(core) {}
+        mcl::mswin::unique_kernel_handle open_port() override { return openDriverPort(); }
+        void enable_feature(HANDLE port, uint32_t feature, bool on) override { drvEnableFeature(port, feature, on); }
+        void send_folder_rule(HANDLE port, const std::wstring& path, bool remove, bool block) override {
+            core_.drvProtectFolder(port, path, remove, block);
+        }
+        void detach_all_volumes() override { core_.detachAllVolumes(); }
+        void send_image_rule(HANDLE port, const std::wstring& image, bool remove) override {
+            drvProtectProcess(port, image, remove);
+        }
+        std::wstring service_image(const std::string& name) override { return service_image_path(name); }
+        void send_key_rule(HANDLE port, const std::wstring& kernel_path, bool remove) override {
+            drvProtectRegKey(port, kernel_path, remove);
+        }
+        std::wstring error_text(HRESULT hr) override { return driver_error_text(hr); }
+
+    private:
+        chelperservice& core_;
+    };
+    driver_commands driver_commands_{*this};
     void attachVolume(const std::wstring& volume);
     // Features 0 and 6 to `on`, feature 11 to the registry protection switch (0x1000006/7).
     void setDriverProtection(bool on);
@@ -377,26 +337,15 @@ private:
     irp_clock_fn irp_clock_ = &chelperservice::irpSystemTime;
     irp_notification_receiver irp_receiver_{this};  // last of this block: stopped before the tables go
 
-    // Process and folder protection state.
-    std::map<std::wstring, process_record> protected_processes_;  // image path -> record
-    std::map<std::wstring, folder_record> protected_folders_;     // folder path -> record
+    // The protection managers, each after those it uses: the enforcement list and its thread;
+    // the services (which put them on the enforcement list); the process images and folders
+    // (which ask the services who shares a folder).
+    service_enforcement enforcement_{driver_commands_, service_name()};
+    service_protection services_{enforcement_, service_protection_enabled_};
+    process_protection processes_{driver_commands_, services_, process_protection_enabled_};
 
-    // Service protection state.
-    std::map<std::string, service_record> protected_services_;  // service name -> record
-    // The full-access SIDs of a folder: `ownSid`, then the SID of every other protected service
-    // whose image path contains the folder.
-    std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid);
-    // The image rule of a service rule: protect or (forced) unprotect `image`; false on failure.
-    bool apply_service_image(const std::wstring& image, bool protect, const mcl::mswin::sid& ownSid, bool logFailure);
-
-    // Enforcement state.
-    mcl::lock enforce_lock_;
-    std::vector<std::string> enforce_list_;
-    service_enforce_thread enforce_thread_{this};
-
-    // Registry key protection state.
-    // Key text ("\\<root>\<lowered path>") -> record.
-    std::map<std::wstring, reg_key_record> protected_reg_keys_;
+    // Registry key protection: the key table, driven through the command port.
+    reg_key_protection reg_keys_{driver_commands_, regkey_protection_enabled_};
 
     // Quarantine state.
     std::set<std::string> quarantine_containers_;      // normalised paths ("c:\\q\\")

@@ -20,6 +20,7 @@
 #include "service/helper_service.h"
 #include "service/object_security.h"
 #include "service/quarantine_access.h"
+#include "service/quarantine_files.h"
 #include "service/restore_target.h"
 
 namespace {
@@ -328,8 +329,6 @@ bool chelperservice::is_quarantined_file(const std::string& path) {
     }
     return false;
 }
-
-void remove_archive_leftovers(const std::string& container);
 
 // Removes what interrupted work left behind: in the container, temporaries that never became an
 // archive (their sources were not deleted, that happens only after the rename); beside each

@@ -8,8 +8,7 @@
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
 #include "service/quarantine_access.h"
-
-void remove_archive_leftovers(const std::string& container);
+#include "service/quarantine_files.h"
 
 namespace {
 

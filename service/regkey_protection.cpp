@@ -19,7 +19,6 @@
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
-#include "service/helper_service.h"
 #include "service/regkey_protection.h"
 
 namespace {
@@ -84,26 +83,6 @@ bool write_tree_dacl(HKEY root, const std::string& path, const mcl::mswin::secur
     mcl::mswin::reg::list_subkeys(root, path, subkeys);
     for (const std::string& sub : subkeys) (void)write_tree_dacl(root, path + "\\" + sub, sd);
     return ok;
-}
-
-// Driver code 13 with an empty text: every key rule goes.
-void drop_all_driver_rules() {
-    constexpr const char* fn = "chelperservice::stopProtectingRegKeys";
-    chelperservice::driver_port port = chelperservice::openDriverPort();
-    if (!port) return;
-    const filter_library::entry_points& lib = filter_library::get();
-    std::vector<uint8_t> message = vqr::build_command(vqr::code::unprotect_regkey, std::wstring());
-    DWORD returned = 0;
-    const HRESULT hr = lib.send == nullptr ? HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND)
-                                           : lib.send(port.get(), message.data(), static_cast<DWORD>(message.size()),
-                                                      nullptr, 0, &returned);
-    if (SUCCEEDED(hr)) return;
-    if (hr == static_cast<HRESULT>(vqr::hr_unloaded)) {
-        NV_LOG(fn, "The kernel component of vqrmonitor has unloaded.");
-    } else {
-        NV_LOG(fn, "UNEXPECTED ERROR received: %d - %ls", static_cast<int>(hr),
-               chelperservice::driver_error_text(hr).c_str());
-    }
 }
 
 // Why a client's entry cannot be protected, or empty: a key that cannot exist, or an owner that
@@ -287,9 +266,9 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
     return ok;
 }
 
-// ---- the service's operations
+// ---- the table of protected keys
 
-const char* const chelperservice::own_reg_keys[6] = {
+const char* const reg_key_protection::own_reg_keys[6] = {
     "Software\\Norvale\\NVClientHelper\\ProtectedServices",
     "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses",
     "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedFolders",
@@ -297,36 +276,6 @@ const char* const chelperservice::own_reg_keys[6] = {
     "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys",
     "Software\\Norvale\\NVClientHelper\\QuarantineContainers",
 };
-
-bool chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
-    protocol::protect_reg_keys_request request;
-    if (!protocol::decode(payload, request)) {
-        NV_LOG("chelperservice::protect_reg_keys", "Malformed request: %d bytes do not hold the announced reg key entries",
-               static_cast<int>(payload.size()));
-        return false;
-    }
-    protocol::reply_with(payload, protocol::status(handle_protect_reg_keys(request.entries)));
-    return true;
-}
-
-bool chelperservice::get_protected_reg_keys(mcl::ipc_connection*, mcl::binary_t& payload) {
-    protocol::protected_reg_keys_reply reply;
-    for (const auto& item : protected_reg_keys_) {
-        const reg_key_record& r = item.second;
-        if (r.path.empty()) continue;
-        protocol::protected_reg_key_info info;
-        info.valid = true;
-        info.original_sddl = r.original_dacl;
-        info.current_sddl = r.current_dacl;
-        info.root = regkey::widen_root(r.root);
-        info.path = r.path;
-        info.owner = r.owner;
-        info.services = r.services;
-        reply.keys.push_back(std::move(info));
-    }
-    protocol::reply_with(payload, reply);
-    return true;
-}
 
 namespace {
 
@@ -340,7 +289,7 @@ bool persisted_record(const std::wstring& text, reg_key_record& record) {
 
 }  // namespace
 
-bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries) {
+bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries) {
     constexpr const char* fn = "chelperservice::handle_protect_reg_keys";
     if (entries.empty()) {
         NV_LOG(fn, "No reg key set to (un)protect.");
@@ -396,12 +345,12 @@ bool chelperservice::handle_protect_reg_keys(const std::vector<reg_key_entry>& e
     return result;
 }
 
-bool chelperservice::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist) {
+bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist) {
     constexpr const char* fn = "chelperservice::protectRegKey";
     if (entry.path.empty()) return false;
     NV_LOG(fn, "Trying to protect reg key (\\\\%llu\\%ls)\n", static_cast<unsigned long long>(entry.root),
            entry.path.c_str());
-    if (!regkey_protection_enabled_) {
+    if (!enabled_) {
         NV_LOG(fn, "Registry protection function is disabled\n");
         return false;
     }
@@ -454,22 +403,22 @@ bool chelperservice::protectRegKey(const reg_key_entry& entry, reg_key_record& r
     }
 
     if (record.kernel_path.empty()) record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
-    driver_port port = openDriverPort();
+    mcl::mswin::unique_kernel_handle port = driver_.open_port();
     if (!port) return false;
     if (record.kernel_path.empty()) {
         NV_LOG(fn, "No kernel path for reg key (\\\\%llu\\%ls), no driver rule sent",
                static_cast<unsigned long long>(entry.root), entry.path.c_str());
         return false;
     }
-    drvProtectRegKey(port.get(), record.kernel_path, /*remove=*/false);
+    driver_.send_key_rule(port.get(), record.kernel_path, /*remove=*/false);
     return true;
 }
 
-bool chelperservice::unprotectRegKey(const reg_key_record& record) {
+bool reg_key_protection::unprotectRegKey(const reg_key_record& record) {
     constexpr const char* fn = "chelperservice::unprotectRegKey";
     NV_LOG(fn, "Trying to unprotect reg key (\\\\%llu\\%ls)\n",
            static_cast<unsigned long long>(regkey::widen_root(record.root)), record.path.c_str());
-    driver_port port = openDriverPort();
+    mcl::mswin::unique_kernel_handle port = driver_.open_port();
     if (!port) return false;
     const HKEY root = to_hkey(record.root);
     const std::string path = ansi(record.path);
@@ -486,25 +435,44 @@ bool chelperservice::unprotectRegKey(const reg_key_record& record) {
         return false;
     }
     // An empty text would lift every key rule, not this one.
-    if (!kernel_path.empty()) drvProtectRegKey(port.get(), kernel_path, /*remove=*/true);
+    if (!kernel_path.empty()) driver_.send_key_rule(port.get(), kernel_path, /*remove=*/true);
     (void)persistRegKeyRecord(record, /*add=*/false);
     return true;
 }
 
-void chelperservice::stopProtectingRegKeys() {
+void reg_key_protection::drop_all_driver_rules() {
+    constexpr const char* fn = "chelperservice::stopProtectingRegKeys";
+    mcl::mswin::unique_kernel_handle port = driver_.open_port();
+    if (!port) return;
+    const filter_library::entry_points& lib = filter_library::get();
+    std::vector<uint8_t> message = vqr::build_command(vqr::code::unprotect_regkey, std::wstring());
+    DWORD returned = 0;
+    const HRESULT hr = lib.send == nullptr ? HRESULT_FROM_WIN32(ERROR_PROC_NOT_FOUND)
+                                           : lib.send(port.get(), message.data(), static_cast<DWORD>(message.size()),
+                                                      nullptr, 0, &returned);
+    if (SUCCEEDED(hr)) return;
+    if (hr == static_cast<HRESULT>(vqr::hr_unloaded)) {
+        NV_LOG(fn, "The kernel component of vqrmonitor has unloaded.");
+    } else {
+        NV_LOG(fn, "UNEXPECTED ERROR received: %d - %ls", static_cast<int>(hr),
+               driver_.error_text(hr).c_str());
+    }
+}
+
+void reg_key_protection::stopProtectingRegKeys() {
     drop_all_driver_rules();
     restoreAllRegKeys();
     protected_reg_keys_.clear();
 }
 
-void chelperservice::restoreAllRegKeys() {
+void reg_key_protection::restoreAllRegKeys() {
     for (const auto& item : protected_reg_keys_) {
         const reg_key_record& r = item.second;
         if (!r.original_dacl.empty()) (void)regkey::restore_key_tree(to_hkey(r.root), ansi(r.path), r.original_dacl);
     }
 }
 
-bool chelperservice::persistRegKeyRecord(const reg_key_record& record, bool add) {
+bool reg_key_protection::persistRegKeyRecord(const reg_key_record& record, bool add) {
     if (record.path.empty()) return true;
     const std::string name = ansi(regkey::key_text(regkey::widen_root(record.root), record.path));
     if (!add) return mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
@@ -519,7 +487,7 @@ bool chelperservice::persistRegKeyRecord(const reg_key_record& record, bool add)
 
 // ---- start-up and shutdown
 
-void chelperservice::loadProtectedRegKeys() {
+void reg_key_protection::loadProtectedRegKeys() {
     constexpr const char* fn = "chelperservice::loadProtectedRegKeys";
     bool own_loaded[6] = {};
     std::vector<std::string> names;
@@ -586,7 +554,7 @@ void chelperservice::loadProtectedRegKeys() {
     }
 }
 
-void chelperservice::unprotectOwnRegKeys() {
+void reg_key_protection::unprotectOwnRegKeys() {
     for (const char* own : own_reg_keys) {
         const auto found = protected_reg_keys_.find(
             regkey::key_text(regkey::widen_root(regkey::hklm_root), mcl::mswin::widen(own)));

@@ -1,15 +1,18 @@
 // Registry key protection: what a client asks for, what the service keeps per protected key and
-// how both look on the wire and in the registry, and the DACL step shared by every protect.
+// how both look on the wire and in the registry, the DACL step shared by every protect, and the
+// component that owns the table of protected keys.
 #pragma once
 
 #include <windows.h>
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/mswin/unique_handle.h"
 #include "protocol/requests.h"
 
 using reg_key_entry = protocol::reg_key_entry;
@@ -82,4 +85,65 @@ private:
     static bool protect_impl(HKEY root, const std::string& path, const std::vector<std::string>& services,
                              DWORD others, std::string& original, std::string& current,
                              const before_write_fn& before_write);
+};
+
+// What the key protection needs from the driver's command port.
+class reg_key_driver {
+public:
+    virtual ~reg_key_driver() = default;
+    // A connection of its own to the command port; invalid (the failure logged) when the driver
+    // cannot be reached.
+    virtual mcl::mswin::unique_kernel_handle open_port() = 0;
+    // Code 12 (13 when removing) with a key's \REGISTRY\MACHINE\... path; an empty path with
+    // `remove` removes every key rule. A refusal is logged.
+    virtual void send_key_rule(HANDLE port, const std::wstring& kernel_path, bool remove) = 0;
+    // The text of a Filter Manager or Win32 HRESULT for log lines.
+    virtual std::wstring error_text(HRESULT hr) = 0;
+};
+
+// The protected registry keys: owns their table, applies the rules a client sends, loads the
+// persisted ones at start-up and gives every key its DACL back at shutdown.
+// Everything here runs on the IPC event thread, or on the service thread at start-up and
+// shutdown, one at a time: the table has no lock.
+class reg_key_protection {
+public:
+    // `enabled` is the registry protection switch; both outlive this object.
+    reg_key_protection(reg_key_driver& driver, const bool& enabled) : driver_(driver), enabled_(enabled) {}
+    reg_key_protection(const reg_key_protection&) = delete;
+    reg_key_protection& operator=(const reg_key_protection&) = delete;
+
+    // The service's own persistence keys under HKEY_LOCAL_MACHINE, protected at every start.
+    static const char* const own_reg_keys[6];
+
+    // Protects or unprotects each entry in order; an empty first path with action 0 lifts every
+    // key rule. False when any entry failed.
+    bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries);
+    // DACL step, then (with `persist`) the persisted record, then driver code 12. True when the
+    // driver rule was sent; `record` is filled either way.
+    bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist);
+    // Driver code 13, the original DACL written back, the persisted value deleted. False (and
+    // nothing changed) without a driver connection.
+    bool unprotectRegKey(const reg_key_record& record);
+    // Driver code 13 with an empty path, every key's original DACL back, the table emptied; the
+    // persisted records stay for the next start.
+    void stopProtectingRegKeys();
+    // Writes every protected key's original DACL back; records and persisted values stay.
+    void restoreAllRegKeys();
+    // Writes (add) or deletes the record's persisted value; nothing (and true) for an empty path.
+    bool persistRegKeyRecord(const reg_key_record& record, bool add);
+    // Start-up: protects every persisted key again, then each own key that was not among them.
+    void loadProtectedRegKeys();
+    // Shutdown: unprotects each own key that is protected, dropping its record.
+    void unprotectOwnRegKeys();
+
+    // Key text ("\\<root>\<lowered path>") -> record.
+    const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
+
+private:
+    // Driver code 13 with an empty text on a connection of its own: every key rule goes.
+    void drop_all_driver_rules();
+
+    reg_key_driver& driver_;
+    const bool& enabled_;
+    std::map<std::wstring, reg_key_record> protected_reg_keys_;
 };

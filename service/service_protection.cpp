@@ -1,14 +1,16 @@
-// Protected services: their DACL, their persisted entries, their images (through the process
-// rules) and the requests that protect, unprotect and list them; self-protection at start-up.
+// Protected services: their DACL, their persisted entries and the table of them.
 #include <windows.h>
+
+#include <shlwapi.h>
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/helper_service.h"
 #include "service/object_security.h"
+#include "service/service_protection.h"
 
 namespace {
 
@@ -37,7 +39,7 @@ bool set_sid_type_or_unsupported(const std::string& name) {
 
 }  // namespace
 
-std::wstring chelperservice::service_image_path(const std::string& name) {
+std::wstring service_protection::service_image_path(const std::string& name) {
     mcl::binary_t config;
     const std::wstring wname = mcl::mswin::widen(name);
     if (!mcl::mswin::service::query_config(wname.c_str(), config) || config.size() < sizeof(QUERY_SERVICE_CONFIGW))
@@ -53,10 +55,10 @@ std::wstring chelperservice::service_image_path(const std::string& name) {
     return out;
 }
 
-bool chelperservice::protectService(const std::string& name, const sid& ownSid, service_record& record) {
+bool service_protection::protectService(const std::string& name, const sid& ownSid, service_record& record) {
     constexpr const char* fn = "chelperservice::protectService";
     NV_LOG(fn, "Trying to protect service (%s)\n", name.c_str());
-    if (!service_protection_enabled_) {
+    if (!enabled_) {
         NV_LOG(fn, "Service protection function is disabled\n");
         return false;
     }
@@ -99,181 +101,74 @@ bool chelperservice::protectService(const std::string& name, const sid& ownSid, 
 
     DWORD state = 0;
     const bool queried = mcl::mswin::service::query_state(name.c_str(), state);
-    if (!queried || (state != SERVICE_STOPPED && state != SERVICE_STOP_PENDING)) enforce_add(name);
+    if (!queried || (state != SERVICE_STOPPED && state != SERVICE_STOP_PENDING)) enforcement_.add(name);
     return true;
 }
 
-bool chelperservice::unprotectService(const service_record& record) {
+bool service_protection::unprotectService(const service_record& record) {
     NV_LOG("chelperservice::unprotectService", "Trying to unprotect service (%s)\n", record.name.c_str());
-    enforce_remove(record.name);
+    enforcement_.remove(record.name);
     if (!record.name.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, record.name.c_str());
     const std::string image_utf8 = mcl::mswin::to_utf8(record.imagePath);
     if (!image_utf8.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_processes_key, image_utf8.c_str());
     return object_security::current().set_service_sddl(record.name, default_service_sddl);
 }
 
-bool chelperservice::apply_service_image(const std::wstring& image, bool protect, const sid& ownSid, bool logFailure) {
+std::vector<sid> service_protection::folder_sids(const std::wstring& folder, const sid& ownSid) {
+    std::vector<sid> sids{ownSid};
+    for (const auto& entry : protected_services_) {
+        const service_record& svc = entry.second;
+        if (svc.name == mcl::mswin::service::default_name || svc.imagePath.empty()) continue;
+        if (StrStrIW(svc.imagePath.c_str(), folder.c_str()) == nullptr) continue;
+        sid service_sid;
+        if (!mcl::mswin::service::get_sid(svc.name.c_str(), service_sid) || service_sid == ownSid) continue;
+        sids.push_back(service_sid);
+    }
+    return sids;
+}
+
+bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid, std::wstring& image) {
     constexpr const char* fn = "chelperservice::handle_protect_services";
-    auto it = protected_processes_.find(image);
-    if (!protect) {
-        process_record temporary{image, image_folder_of(image)};
-        const process_record& record = it != protected_processes_.end() ? it->second : temporary;
-        if (!unprotectProcess(record, /*force=*/true)) {
-            if (logFailure) NV_LOG(fn, "Failed to unprotect process: %ls", image.c_str());
+    auto it = protected_services_.find(rule.name);
+    if (!rule.protectService && it != protected_services_.end()) {
+        if (!unprotectService(it->second)) {
+            NV_LOG(fn, "Failed to unprotect service: %s", rule.name.c_str());
             return false;
         }
-        if (it != protected_processes_.end()) protected_processes_.erase(it);
-        NV_LOG(fn, "Process %ls has been unprotected.", image.c_str());
-        return true;
+        image = it->second.imagePath;
+        protected_services_.erase(it);
+        NV_LOG(fn, "Service %s has been unprotected.", rule.name.c_str());
+    } else if (rule.protectService && it == protected_services_.end()) {
+        service_record record;
+        record.name = rule.name;
+        if (!protectService(rule.name, ownSid, record)) {
+            NV_LOG(fn, "Failed to protect service: %s", rule.name.c_str());
+            return false;
+        }
+        image = record.imagePath;
+        protected_services_[rule.name] = record;
+        NV_LOG(fn, "Service %s has been protected.", rule.name.c_str());
     }
-    if (it != protected_processes_.end()) return true;
-    process_record record{image, std::wstring()};
-    if (!protectProcess(image, ownSid, record)) {
-        if (logFailure) NV_LOG(fn, "Failed to protect process: %ls", image.c_str());
-        return false;
-    }
-    protected_processes_[image] = record;
-    NV_LOG(fn, "Process %ls has been protected.", image.c_str());
     return true;
 }
 
-bool chelperservice::handle_protect_services(const std::vector<service_rule>& rules) {
+std::vector<std::wstring> service_protection::images() const {
+    std::vector<std::wstring> out;
+    for (const auto& entry : protected_services_)
+        if (!entry.second.imagePath.empty()) out.push_back(entry.second.imagePath);
+    return out;
+}
+
+bool service_protection::unprotect_all() {
     constexpr const char* fn = "chelperservice::handle_protect_services";
-    if (rules.empty()) {
-        NV_LOG(fn, "No service set to (un)protect.");
-        return true;
-    }
-    sid own;
-    if (!mcl::mswin::service::get_sid(mcl::mswin::service::default_name, own)) {
-        NV_LOG(fn, "Unable to get halvern service's SID.");
-        return true;
-    }
     bool result = true;
-    if (rules.front().name.empty()) {
-        const service_rule& all = rules.front();
-        std::vector<std::wstring> images;
-        for (const auto& entry : protected_services_)
-            if (!entry.second.imagePath.empty()) images.push_back(entry.second.imagePath);
-        if (!all.protectService) {
-            for (const auto& entry : protected_services_) {
-                if (!unprotectService(entry.second)) {
-                    result = false;
-                } else {
-                    NV_LOG(fn, "Service %s has been unprotected.", entry.first.c_str());
-                }
-            }
-            protected_services_.clear();
-        }
-        for (const std::wstring& image : images)
-            if (!apply_service_image(image, all.protectProcess, own, /*logFailure=*/false)) result = false;
-        return result;
-    }
-    for (const service_rule& rule : rules) {
-        if (rule.name.empty()) continue;
-        std::wstring image;
-        auto it = protected_services_.find(rule.name);
-        if (!rule.protectService && it != protected_services_.end()) {
-            if (!unprotectService(it->second)) {
-                NV_LOG(fn, "Failed to unprotect service: %s", rule.name.c_str());
-                result = false;
-            } else {
-                image = it->second.imagePath;
-                protected_services_.erase(it);
-                NV_LOG(fn, "Service %s has been unprotected.", rule.name.c_str());
-            }
-        } else if (rule.protectService && it == protected_services_.end()) {
-            service_record record;
-            record.name = rule.name;
-            if (!protectService(rule.name, own, record)) {
-                NV_LOG(fn, "Failed to protect service: %s", rule.name.c_str());
-                result = false;
-            } else {
-                image = record.imagePath;
-                protected_services_[rule.name] = record;
-                NV_LOG(fn, "Service %s has been protected.", rule.name.c_str());
-            }
-        }
-        if (!image.empty() && !apply_service_image(image, rule.protectProcess, own, /*logFailure=*/true))
-            result = false;
-    }
-    return result;
-}
-
-void chelperservice::protectSelf(bool on) {
-    NV_LOG("chelperservice::protectSelf", "handle_protect_services %s %s", mcl::mswin::service::default_name,
-           on ? "on" : "off");
-    (void)handle_protect_services({service_rule{on, on, mcl::mswin::service::default_name}});
-}
-
-void chelperservice::loadProtectedService() {
-    constexpr const char* fn = "chelperservice::loadProtectedService";
-    std::vector<std::string> names;
-    (void)mcl::mswin::reg::list_values(protected_services_key, names);
-    std::vector<service_rule> rules;
-    for (const std::string& name : names) {
-        NV_LOG(fn, "Read protected service: %s", name.c_str());
-        if (!mcl::mswin::service::is_service_installed(name.c_str())) continue;
-        rules.push_back(service_rule{true, true, name});
-        NV_LOG(fn, "Loading protected service: %s", name.c_str());
-    }
-    if (rules.empty()) return;
-    (void)handle_protect_services(rules);
-    for (const service_rule& rule : rules) {
-        if (rule.name == mcl::mswin::service::default_name) continue;
-        mcl::binary_t config;
-        if (!mcl::mswin::service::query_config(rule.name.c_str(), config) || config.size() < sizeof(QUERY_SERVICE_CONFIGA))
-            continue;
-        if (reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data())->dwStartType >= SERVICE_DEMAND_START) continue;
-        NV_LOG(fn, "Enforce service %s...", rule.name.c_str());
-        enforce_add(rule.name);
-    }
-}
-
-void chelperservice::unprotectServiceByName(const std::string& name) {
-    service_record record;
-    record.name = name;
-    (void)unprotectService(record);
-}
-
-bool chelperservice::protect_services(mcl::ipc_connection*, mcl::binary_t& payload) {
-    constexpr const char* fn = "chelperservice::protect_services";
-    protocol::protect_services_request request;
-    if (!protocol::decode(payload, request)) {
-        NV_LOG(fn, "Malformed service rule list (%d bytes): nothing applied", static_cast<int>(payload.size()));
-        return false;
-    }
-    if (!request.rules.empty()) NV_LOG(fn, "protect service %s", request.rules.front().name.c_str());
-    const bool ok = handle_protect_services(request.rules);
-    protocol::reply_with(payload, protocol::status(ok));
-    return true;
-}
-
-bool chelperservice::query_protected_services(mcl::ipc_connection*, mcl::binary_t& payload) {
-    protocol::protected_services_reply reply;
     for (const auto& entry : protected_services_) {
-        if (entry.first.empty()) continue;
-        const service_record& svc = entry.second;
-        const process_record* process = nullptr;
-        const folder_record* folder = nullptr;
-        if (!svc.imagePath.empty()) {
-            auto p = protected_processes_.find(svc.imagePath);
-            if (p != protected_processes_.end()) {
-                process = &p->second;
-                auto f = protected_folders_.find(process->folder);
-                if (f != protected_folders_.end()) folder = &f->second;
-            }
+        if (!unprotectService(entry.second)) {
+            result = false;
+        } else {
+            NV_LOG(fn, "Service %s has been unprotected.", entry.first.c_str());
         }
-        protocol::protected_service_info info;
-        info.valid = true;
-        info.process_protected = process != nullptr;
-        info.service_sddl = svc.sddl;
-        info.folder_sddl = folder != nullptr ? folder->sddl : std::string();
-        info.name = svc.name;
-        info.sid = svc.sid;
-        info.image_path = svc.imagePath;
-        info.folder = process != nullptr ? process->folder : std::wstring();
-        reply.services.push_back(std::move(info));
     }
-    protocol::reply_with(payload, reply);
-    return true;
+    protected_services_.clear();
+    return result;
 }

@@ -123,7 +123,7 @@ int main(int argc, char** argv) {
     }
     if (command == "grant-own-keys" && argc == 2) {
         int rc = 0;
-        for (const char* key : chelperservice::own_reg_keys)
+        for (const char* key : reg_key_protection::own_reg_keys)
             if (grant(key) != 0) rc = 2;
         return rc;
     }

@@ -83,7 +83,7 @@ TEST(ImageFolder, PathsAndCommandLines) {
         {L"app.exe", L"app.exe"},
         {L"", L""},
     };
-    for (const auto& c : cases) EXPECT_EQ(chelperservice::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
+    for (const auto& c : cases) EXPECT_EQ(process_protection::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
 }
 
 TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {

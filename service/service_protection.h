@@ -1,0 +1,67 @@
+// Protected services: their DACL, their persisted entries and the table of them.
+#pragma once
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "mcl/mswin/sid.h"
+#include "protocol/requests.h"
+#include "service/process_protection.h"
+#include "service/service_enforcement.h"
+
+// Owns the protected services. The table has no lock: the IPC event thread and the start-up
+// and shutdown steps use it, one at a time. It also tells the process protection which other
+// services keep full access to a protected folder.
+class service_protection final : public folder_sharers {
+public:
+    struct service_record {
+        std::string sddl;  // the service's DACL as read back after protection
+        std::string name;
+        std::string sid;  // S-1-5-80-...
+        std::wstring imagePath;
+    };
+    using service_rule = protocol::service_rule;
+    static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
+    static constexpr const char* protected_processes_key =
+        "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";
+    static constexpr const char* default_service_sddl =
+        "D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)"
+        "S:(AU;FA;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;WD)";
+
+    // `enforcement` and `enabled` (the service protection switch) outlive this object.
+    service_protection(service_enforcement& enforcement, const bool& enabled)
+        : enforcement_(enforcement), enabled_(enabled) {}
+    service_protection(const service_protection&) = delete;
+    service_protection& operator=(const service_protection&) = delete;
+
+    // The program path of a service's binary path: cut after the last double quote, quotes
+    // removed (an unquoted path keeps its arguments). Empty when the configuration is unreadable.
+    static std::wstring service_image_path(const std::string& name);
+    // Replaces the service's DACL (own SID and the service's SID in full), records and persists it
+    // and, unless the service is stopped, puts it on the enforcement list. Fills sddl, sid,
+    // imagePath of `record`.
+    bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
+    // Takes the service off the enforcement list and the persisted lists and writes the default
+    // service DACL back; the result is that of the write.
+    bool unprotectService(const service_record& record);
+
+    // The service half of a rule list. `apply_rule`: one named rule, protecting or unprotecting
+    // the service when its table entry says it is not yet so; `image` receives the service's
+    // image when its state changed (else it stays empty). False when that failed.
+    bool apply_rule(const service_rule& rule, const mcl::mswin::sid& ownSid, std::wstring& image);
+    // The image path of every protected service that has one, in table order.
+    std::vector<std::wstring> images() const;
+    // Unprotects every service and empties the table; false when any failed.
+    bool unprotect_all();
+
+    std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid) override;
+
+    // Service name -> record.
+    const std::map<std::string, service_record>& services() const { return protected_services_; }
+
+private:
+    service_enforcement& enforcement_;
+    const bool& enabled_;
+    std::map<std::string, service_record> protected_services_;
+};
