@@ -211,7 +211,7 @@ echo "== watch prints a denial of the service's own process as it arrives, until
 pid=$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')
 wine "$NV_BIN_DIR/halvernctl.exe" watch --file 'C:\Data\Watch.txt' </dev/null >"$work/watch.txt" 2>"$work/watch.err" &
 watcher=$!
-poll 150 0.2 'grep -q "^watching" "$work/watch.err"'
+poll 150 0.2 'grep -qs "^watching" "$work/watch.err"'
 grep -q '^watching denied access to C:\\Data\\Watch.txt' "$work/watch.err" || fail "watch did not subscribe: $(cat "$work/watch.err")"
 run "$ctl" inject 3 0 "$pid" '\Device\HarddiskVolume1\data\watch.txt'
 # Woken by the subscriber's event; a loaded machine may still take a moment to schedule it.
