@@ -12,6 +12,10 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/service_handles.h"
+#include "mcl/mswin/unique_handle.h"
+
 int main(int argc, char** argv) {
     const bool abandon = argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0;
     if (abandon || (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0)) {
@@ -47,45 +51,33 @@ int main(int argc, char** argv) {
         return ok ? 0 : 3;
     }
     if (argc >= 3 && strcmp(argv[1], "start-stop") == 0) {
-        SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-        SC_HANDLE svc = manager != nullptr ? OpenServiceA(manager, argv[2], SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS)
-                                           : nullptr;
-        if (svc == nullptr || !StartServiceA(svc, 0, nullptr)) return 2;
+        mcl::mswin::unique_sc_handle manager;
+        mcl::mswin::unique_sc_handle svc;
+        const DWORD access = SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS;
+        if (!mcl::mswin::open_service(nullptr, argv[2], SC_MANAGER_CONNECT, access, manager, svc) ||
+            !StartServiceA(svc.get(), 0, nullptr))
+            return 2;
         SERVICE_STATUS status{};
-        int result = 3;
         for (int i = 0; i < 3000; ++i) {
-            if (!QueryServiceStatus(svc, &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
+            if (!QueryServiceStatus(svc.get(), &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
             Sleep(10);
         }
-        if (status.dwCurrentState == SERVICE_RUNNING && ControlService(svc, SERVICE_CONTROL_STOP, &status)) {
-            for (int i = 0; i < 300 && status.dwCurrentState != SERVICE_STOPPED; ++i) {
-                Sleep(100);
-                if (!QueryServiceStatus(svc, &status)) break;
-            }
-            result = status.dwCurrentState == SERVICE_STOPPED ? 0 : 4;
+        if (status.dwCurrentState != SERVICE_RUNNING || !ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) return 3;
+        for (int i = 0; i < 300 && status.dwCurrentState != SERVICE_STOPPED; ++i) {
+            Sleep(100);
+            if (!QueryServiceStatus(svc.get(), &status)) break;
         }
-        CloseServiceHandle(svc);
-        CloseServiceHandle(manager);
-        return result;
+        return status.dwCurrentState == SERVICE_STOPPED ? 0 : 4;
     }
     if (argc >= 3 && strcmp(argv[1], "process-alive") == 0) {
-        HANDLE p = OpenProcess(SYNCHRONIZE, FALSE, static_cast<DWORD>(strtoul(argv[2], nullptr, 10)));
-        if (p == nullptr) return 1;
-        const bool alive = WaitForSingleObject(p, 0) == WAIT_TIMEOUT;
-        CloseHandle(p);
-        return alive ? 0 : 1;
+        const DWORD pid = static_cast<DWORD>(strtoul(argv[2], nullptr, 10));
+        const mcl::mswin::unique_kernel_handle p(OpenProcess(SYNCHRONIZE, FALSE, pid));
+        return p && WaitForSingleObject(p.get(), 0) == WAIT_TIMEOUT ? 0 : 1;
     }
     if (argc >= 3 && strcmp(argv[1], "service-pid") == 0) {
-        SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-        SC_HANDLE service = manager != nullptr ? OpenServiceA(manager, argv[2], SERVICE_QUERY_STATUS) : nullptr;
         SERVICE_STATUS_PROCESS status{};
-        DWORD size = 0;
-        if (service == nullptr ||
-            !QueryServiceStatusEx(service, SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status), &size))
-            status.dwProcessId = 0;
+        if (!mcl::mswin::service::query_status_ex(argv[2], status)) status.dwProcessId = 0;
         printf("%lu\n", static_cast<unsigned long>(status.dwProcessId));
-        if (service != nullptr) CloseServiceHandle(service);
-        if (manager != nullptr) CloseServiceHandle(manager);
         return 0;
     }
     fprintf(stderr, "nv_test_helper: unknown command\n");

@@ -7,11 +7,12 @@
 #include <windows.h>
 
 #include <aclapi.h>
-#include <sddl.h>
 
 #include <cstdio>
 #include <cstring>
 #include <string>
+
+#include "mcl/mswin/security_descriptor.h"
 
 namespace {
 
@@ -59,13 +60,10 @@ void WINAPI service_main(DWORD argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc > 1) g_mode = argv[1];
-    PSECURITY_DESCRIPTOR sd = nullptr;
-    PACL dacl = nullptr;
-    BOOL present = FALSE, defaulted = FALSE;
-    if (strcmp(g_mode, "exit-on-stop") == 0 &&
-        ConvertStringSecurityDescriptorToSecurityDescriptorA("D:(D;;0x1;;;WD)(A;;GA;;;WD)", SDDL_REVISION_1, &sd, nullptr) &&
-        GetSecurityDescriptorDacl(sd, &present, &dacl, &defaulted))
-        SetSecurityInfo(GetCurrentProcess(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, dacl, nullptr);
+    mcl::mswin::security_descriptor sd;
+    if (strcmp(g_mode, "exit-on-stop") == 0 && mcl::mswin::security_descriptor::from_sddl("D:(D;;0x1;;;WD)(A;;GA;;;WD)", sd))
+        SetSecurityInfo(GetCurrentProcess(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, sd.dacl(),
+                        nullptr);
     g_stop = CreateEventA(nullptr, TRUE, FALSE, nullptr);
     char name[] = "";
     SERVICE_TABLE_ENTRYA table[] = {{name, service_main}, {nullptr, nullptr}};

@@ -86,10 +86,11 @@ wait_log() {
 }
 expect_log() { [ "$(log_lines "$1")" = "$2" ] || fail "log line [$1]: $(log_lines "$1") times, want $2"; }
 file='\Device\HarddiskVolume1\data\file.txt'
-# Request payloads: a string with its terminator; 0x10000fa: REMOVE SUBSCRIBER EVENT PATH [MAJOR MINOR TYPE].
+# A string with its terminator (lower-case hex); a subscription request 0x10000fa from its fields:
+# REMOVE SUBSCRIBER EVENT PATH [MAJOR MINOR TYPE].
 s() { printf '%s' "$1" | od -An -tx1 -v | tr -d ' \n'; printf '00'; }
-subscription() { printf '%02x%s%s%s%s' "$1" "$(s "$2")" "$(s "$3")" "$(s "$4")" "${5:-ffff00000000}"; }
-# subscriber NAME EVENT PATH [MAJOR MINOR TYPE in hex]: a process of its own creates EVENT and waits
+subscription() { encode subscribe-irp-notification unsubscribe="$1" subscriber="$2" event="$3" file="$4" major="${5:-0xFF}" minor="${6:-0xFF}" type="${7:-0}"; }
+# subscriber NAME EVENT PATH [MAJOR MINOR TYPE]: a process of its own creates EVENT and waits
 # for it ($wpid, exit 0 once it fired), then NAME subscribes with it over the pipe.
 subscriber() {
     local said=$work/$1.event
@@ -151,7 +152,7 @@ startup_checks win8
 ctl state | grep -qF '"svc_mgr_path":"\\Device\\HarddiskVolume1\\windows\\system32\\services.exe"' ||
     fail "win8: the driver's service manager path: $(ctl state)"
 # A denial by the service's own process: its image and description in the record.
-subscriber scm 'Global\nv_scm' 'c:\data\file.txt' 03ff01000000
+subscriber scm 'Global\nv_scm' 'c:\data\file.txt' 3 0xFF 1
 spid=$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')
 run "$ctl" inject 3 0 "$spid" "$file"
 wait $wpid || fail "scm: the event did not fire"
@@ -212,7 +213,7 @@ while IFS='|' read -r id payload reply line; do
     [ "$line" = - ] || [ "$(log_lines "$line")" = 1 ] || fail "$id [$payload]: log line [$line] x$(log_lines "$line")"
 done <<ROWS
 10000fa|$(subscription 0 wire 'Global\wire_ev' 'C:\Wire\A.TXT')|0100|Add subscription for <wire> on file <c:\\\\wire\\\\a.txt>
-10000fa|$(subscription 0 wire 'Global\x' 'c:\wire\a.txt' 030001000000)|0000|-
+10000fa|$(subscription 0 wire 'Global\x' 'c:\wire\a.txt' 3 0 1)|0000|-
 10000fa|$(subscription 0 wire 'Global\wire_ev' '')|0100|Add subscription for <wire> on file <subscribe_any_file>
 10000fa|$(subscription 1 wire '' 'C:\WIRE\a.txt')|0000|-
 10000fa|$(subscription 1 wire e 'C:\WIRE\a.txt')|0100|Remove subscription for <wire> on file <c:\\\\wire\\\\a.txt>

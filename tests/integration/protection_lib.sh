@@ -38,10 +38,6 @@ said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields
 items() { local key=$1 value; shift; printf 'count=%s' $#; for value in "$@"; do printf '\n%s=%s' "$key" "$value"; done; }  # KEY VALUE...: a list reply of strings
 ok=$(said 1 '')
 refused=$(said 0 '')
-# encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to cut or patch into a malformed one.
-encode() { wine "$client" encode "$@" </dev/null 2>/dev/null | tr -d '\r'; }
-# encode_reply MESSAGE [KEY=VALUE ...]: the payload of a reply to MESSAGE in hex, for a peer that plays the service.
-encode_reply() { wine "$client" encode-reply "$@" </dev/null 2>/dev/null | tr -d '\r'; }
 
 # The service SID of a name: S-1-5-80 and the SHA-1 of its upper-cased UTF-16LE name.
 service_sid() {

@@ -62,6 +62,10 @@ hv_run() {
     rc=$?
     sed -i 's/\r$//' "$out" "$err"
 }
+# encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to send as it is, cut or patch.
+encode() { wine "$client" encode "$@" </dev/null 2>/dev/null | tr -d '\r'; }
+# encode_reply MESSAGE [KEY=VALUE ...]: the payload of a reply to MESSAGE in hex, for a peer that plays the service.
+encode_reply() { wine "$client" encode-reply "$@" </dev/null 2>/dev/null | tr -d '\r'; }
 # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
 run() {
     wine "$@" </dev/null >"$out" 2>&1
