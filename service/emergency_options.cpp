@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "mcl/buffer.h"
+#include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 
@@ -42,7 +43,16 @@ bool take_dword(const std::string& key, const char* name, uint32_t& value) {
 emergency_start consume_emergency_options(const std::string& key, const emergency_actions& actions) {
     emergency_start start;
     std::string text;
-    if (take_string(key, "code", text) && !(actions.check_code && actions.check_code(text))) return start;
+    if (!take_string(key, "code", text)) {
+        mcl::binary_t data;
+        for (const char* option : {"uninstallService", "disableProtection", "serv", "fold"}) {
+            if (!reg::read_value(key, option, data)) continue;
+            NV_LOG("chelperservice::main", "Emergency options without a recovery code are left in place");
+            break;
+        }
+        return start;
+    }
+    if (!(actions.check_code && actions.check_code(text))) return start;
 
     uint32_t number = 0;
     if (take_dword(key, "uninstallService", number)) {

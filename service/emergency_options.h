@@ -1,6 +1,7 @@
 // The emergency options an administrator may leave for the next start, under
 // HKLM\Software\Norvale\NVClientHelper\EmergencyRecover:
-//   "code"              recovery code; a rejected one leaves the other options for later
+//   "code"              recovery code; without one, or with a rejected one, the other options
+//                       stay for later and nothing runs
 //   "uninstallService"  DWORD, non-zero: disable protection and uninstall the service
 //   "disableProtection" DWORD, non-zero: disable protection
 //   "serv"              string: lift the protection of this service at once

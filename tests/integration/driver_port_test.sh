@@ -276,6 +276,7 @@ run "$ctl" load
 echo "== an emergency start"
 ctl reset >/dev/null
 run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v disableProtection /t REG_DWORD /d 1 /f
+run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v code /t REG_SZ /d "$(recovery_code)" /f
 run "$exe" -d
 expect "emergency start" 0
 # Features off at start-up, then by the master switch, then by the shutdown.

@@ -242,10 +242,11 @@ answers "bad input: no images" count=0 query-protected-processes
 run "$client" call service-version
 expect_eq "next request served" 0 "$rc"
 
-echo "== emergency: serv and fold act at start"
+echo "== emergency: serv and fold act at start, unlocked by a recovery code"
 stop_service
 run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v serv /t REG_SZ /d nv_test_svc /f
 run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v fold /t REG_SZ /d 'C:\prot\stubborn' /f
+run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v code /t REG_SZ /d "$(recovery_code)" /f
 lines=$(wc -l <"$journal")
 run "$exe" -s start
 poll 150 0.2 '[ "$(log_count "Emergency options have been handled")" = 1 ]' && wait_svc_state $svc 252 || fail "no emergency start"

@@ -28,10 +28,13 @@ for want in 'ImagePath.*"C:\\nv\\NorvaleHalvernService.exe"' 'Start.*0x2' 'Type.
 done
 [ "$(state)" = 252 ] || fail "installed service is not stopped"
 
-echo "== start, stop through the manager"
+echo "== start, stop through the manager (an emergency option without a recovery code waits)"
+run reg add "$emergency" /v uninstallService /t REG_DWORD /d 1 /f
 run "$exe" -s start
 expect "start" 0 ""
 [ "$(state)" = 0 ] || fail "-c of the running service"
+[ "$(log_lines 'Emergency options without a recovery code are left in place')" = 1 ] || fail "no line for the option without a code"
+wine reg query "$emergency" /v uninstallService </dev/null >/dev/null 2>&1 || fail "an option without a code was consumed"
 [ "$(log_lines 'Service Version: 3.0.45.1')" = 1 ] || fail "one version line"
 run "$exe" -s start
 expect "start of a running service" 254 "Failed to start halvern service!"
@@ -110,7 +113,7 @@ expect "uninstall" 0 "Uninstalling halvern service..."
 echo "== emergency: uninstallService removes the service"
 run "$exe" -i install
 expect "install for the emergency uninstall" 0 "Installing halvern service..."
-run reg add "$emergency" /v uninstallService /t REG_DWORD /d 1 /f
+run reg add "$emergency" /v code /t REG_SZ /d "$(recovery_code)" /f
 run "$exe" -s start
 # The service deletes itself without a stop control to its own process and then stops.
 wait_state 251 100

@@ -48,7 +48,9 @@ TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
         std::vector<std::string> calls;
         std::vector<std::string> left;
     } cases[] = {
-        {"disableProtection 0 alone", {dword("disableProtection", 0)}, true, false, false, {}, {}},
+        {"no code: nothing runs, nothing consumed", {dword("disableProtection", 1), text("serv", "svcC")}, false, false,
+         false, {}, {"disableProtection", "serv"}},
+        {"disableProtection 0", {text("code", "good"), dword("disableProtection", 0)}, true, false, false, {"code good"}, {}},
         {"a valid code unlocks everything",
          {text("code", "good"), dword("uninstallService", 0), dword("disableProtection", 7), text("serv", "svcA"),
           text("fold", "C:\\Program Files\\x")},
@@ -58,9 +60,9 @@ TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
          {text("code", "bad"), dword("disableProtection", 1), text("serv", "svcB"), text("fold", "C:\\y")},
          false, false, false, {"code bad"}, {"disableProtection", "fold", "serv"}},
         {"numbers are the first four bytes, whatever the type",
-         {binary("disableProtection", std::string("\1\0\0\0\11\11", 6)),
+         {text("code", "good"), binary("disableProtection", std::string("\1\0\0\0\11\11", 6)),
           binary("uninstallService", std::string("\0\0\0\0\1", 5))},
-         true, false, true, {}, {}},
+         true, false, true, {"code good"}, {}},
     };
     for (const auto& c : cases) {
         for (const option_value& v : c.values)
