@@ -23,7 +23,7 @@
 class block_digest {
 public:
     static constexpr size_t block_size = 1024 * 1024;
-    static constexpr size_t block_count = 4;
+    static constexpr size_t block_count = 8;
 
     block_digest();
     // Waits for the digest thread.

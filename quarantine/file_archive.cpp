@@ -56,35 +56,52 @@ bool write_archive(FILE* source, FILE* archive, const char* source_path, archive
 }
 
 // Lends the compressor the blocks of a digest: each block of the source is read once, into
-// the digest's ring, and both the digest thread and the compressor take it from there.
+// the digest's ring, and both the digest thread and the compressor take it from there. Every
+// few blocks the archive written so far goes to the disk while the digest catches up.
 class digest_blocks : public input_blocks {
 public:
-    explicit digest_blocks(block_digest& digest) : digest_(digest) {}
+    digest_blocks(block_digest& digest, FILE* archive) : digest_(digest), archive_(archive) {}
     unsigned char* acquire(size_t& capacity) override {
+        if (++blocks_ % blocks_between_flushes == 0) (void)flush_to_disk(archive_);  // the last flush decides
         capacity = block_digest::block_size;
         return digest_.acquire();
     }
     void filled(size_t size) override { digest_.filled(size); }
 
 private:
+    static constexpr uint64_t blocks_between_flushes = flush_interval / block_digest::block_size;
+
     block_digest& digest_;
+    FILE* archive_;
+    uint64_t blocks_ = 0;
 };
 
 }  // namespace
 
 bool digest_sink::write(const unsigned char* data, size_t size) {
     digest_.add(data, size);
-    if (file_ != nullptr && !safe_fwrite(data, size, file_)) write_failed_ = true;
+    if (file_ == nullptr) return true;
+    if (!safe_fwrite(data, size, file_)) write_failed_ = true;
+    unflushed_ += size;
+    if (unflushed_ >= flush_interval) {
+        (void)flush_to_disk(file_);  // the last flush decides
+        unflushed_ = 0;
+    }
     return !write_failed_;
 }
 
-bool flush_and_close(mcl::unique_file file) {
-    bool ok = fflush(file.get()) == 0;
+bool flush_to_disk(FILE* file) {
+    bool ok = fflush(file) == 0;
 #ifdef _WIN32
-    ok = ok && _commit(_fileno(file.get())) == 0;
+    ok = ok && _commit(_fileno(file)) == 0;
 #else
-    ok = ok && fsync(fileno(file.get())) == 0;
+    ok = ok && fsync(fileno(file)) == 0;
 #endif
+    return ok;
+}
+
+bool flush_and_close(mcl::unique_file file) {
+    const bool ok = flush_to_disk(file.get());
     return fclose(file.release()) == 0 && ok;
 }
 
@@ -123,7 +140,7 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
     // is that of what the archive holds even when the source changes meanwhile. The header
     // goes out with a zero digest, filled in below before the archive is flushed.
     block_digest digest;
-    digest_blocks blocks(digest);
+    digest_blocks blocks(digest, archive.get());
     bool ok = write_archive(source.get(), archive.get(), source_path, header, blocks);
     source.reset();
     mcl::binary_t content_hash;

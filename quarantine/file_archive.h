@@ -23,9 +23,17 @@ struct archive_info {
     std::string path;
 };
 
+// Bytes written between two flushes to the disk while an archive or a restored file grows, so
+// that the disk works while the digest is still running rather than all at the end.
+constexpr uint64_t flush_interval = 16 * 1024 * 1024;
+
+// Flushes the stream's buffer and the system's cache of `file` to the disk; false when either
+// failed.
+bool flush_to_disk(FILE* file);
+
 // Hashes decoded content on its way to an optional file: the bytes are written here and
-// hashed on the digest's own thread, so decoding, writing and hashing overlap. Used on one
-// thread.
+// hashed on the digest's own thread, so decoding, writing and hashing overlap; the file goes
+// to the disk every flush_interval bytes. Used on one thread.
 class digest_sink : public byte_sink {
 public:
     explicit digest_sink(FILE* file) : file_(file) {}
@@ -38,6 +46,7 @@ private:
     FILE* file_;
     block_digest digest_;
     bool write_failed_ = false;
+    uint64_t unflushed_ = 0;
 };
 
 // Flushes `file` to the disk and closes it; false when either failed.
