@@ -1,24 +1,29 @@
 #!/usr/bin/env bash
 # Archives and restores 1 MiB, 64 MiB and 1 GiB files, compressible and random, with the
-# Windows archive_bench.exe under Wine, and times Debian's `lz4 -1` plus `sha256sum` on the
-# same files in the same run as the baseline. Prints "name: value unit" lines.
+# Windows archive_bench.exe under Wine, and times in the same run, on the same files:
+#   - the SHA-256 digest alone (archive_bench.exe digest), the bound of both operations;
+#   - Debian's `lz4 -1` plus `sha256sum`, natively, as the baseline;
+#   - with BEFORE_BIN_DIR, the same archive and restore with another build (figures prefixed
+#     "before_"), so that two versions are compared under the same load.
+# Prints "name: value unit" lines.
 #
-#   bench/archive_bench.sh [BIN_DIR] [WORK_DIR]
+#   bench/archive_bench.sh [BIN_DIR] [WORK_DIR] [BEFORE_BIN_DIR]
 # BIN_DIR defaults to build/mingw-x64/bin; WORK_DIR (about 3 GiB free) to a temporary directory.
+# SIZES (default "1M 64M 1G") picks the file sizes.
 set -eu
 trap 'wineserver -k 2>/dev/null || true' EXIT
 here=$(cd "$(dirname "$0")/.." && pwd)
 bin=$(cd "${1:-$here/build/mingw-x64/bin}" && pwd)
 work=${2:-$(mktemp -d "${TMPDIR:-/tmp}/nv-archive-bench.XXXXXX")}
+before_bin=${3:+$(cd "$3" && pwd)}
 mkdir -p "$work"
 cd "$work"
 export WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=
 export WINEPREFIX=${WINEPREFIX:-$here/build/mingw-x64/wine/prefix}
-runner=(wine "$bin/archive_bench.exe")
-[ -x "$bin/archive_bench" ] && [ ! -e "$bin/archive_bench.exe" ] && runner=("$bin/archive_bench")
 
 now() { date +%s.%N; }
 rate() { awk -v b="$1" -v t="$2" 'BEGIN { printf "%.1f", b / 1e6 / t }'; }
+ratio() { awk -v a="$2" -v b="$3" -v n="$1" 'BEGIN { if (a > 0 && b > 0) printf "%s: %.2f ratio\n", n, a / b }'; }
 
 make_file() {  # make_file NAME BYTES KIND
   case $3 in
@@ -27,13 +32,31 @@ make_file() {  # make_file NAME BYTES KIND
   esac
 }
 
-for size in 1M:1048576 64M:67108864 1G:1073741824; do
+# run BIN_DIR PREFIX ARGS...: one operation of that build's archive_bench; prints its lines with
+# PREFIX in front and leaves its MB/s figure in $speed.
+run() {
+  local dir=$1 prefix=$2
+  shift 2
+  local runner=(wine "$dir/archive_bench.exe")
+  [ -x "$dir/archive_bench" ] && [ ! -e "$dir/archive_bench.exe" ] && runner=("$dir/archive_bench")
+  # Wine's helper processes inherit the output and outlive the program: go through a file.
+  "${runner[@]}" "$@" </dev/null >out.txt 2>&1 || true
+  tr -d '\r' <out.txt | sed "s/^/$prefix/"
+  speed=$(tr -d '\r' <out.txt | awk -F': ' '/ MB\/s$/ { print $2 + 0 }')
+}
+
+for size in ${SIZES:-1M 64M 1G}; do
+  case $size in
+    1M) bytes=1048576 ;;
+    64M) bytes=67108864 ;;
+    1G) bytes=1073741824 ;;
+    *) echo "unknown size $size" >&2; exit 1 ;;
+  esac
   for kind in text random; do
-    label=${kind}_${size%%:*}
-    bytes=${size#*:}
+    label=${kind}_$size
     file=$label.bin
     make_file "$file" "$bytes" "$kind"
-    cat "$file" >/dev/null  # both sides read from the page cache
+    cat "$file" >/dev/null  # every side reads from the page cache
 
     t0=$(now); lz4 -1 -q -f "$file" "$file.lz4"; sha256sum "$file" >/dev/null; t1=$(now)
     base_s=$(awk -v a="$t0" -v b="$t1" 'BEGIN { print b - a }')
@@ -41,14 +64,29 @@ for size in 1M:1048576 64M:67108864 1G:1073741824; do
     echo "baseline_lz4_sha256_$label: $base MB/s"
     rm -f "$file.lz4"
 
-    # Wine's helper processes inherit the output and outlive the program: go through a file.
-    "${runner[@]}" archive "$label" "$file" "$file.QUA" </dev/null >out.txt 2>&1 || true
-    tr -d '\r' <out.txt
-    archive=$(tr -d '\r' <out.txt | awk -F': ' '/^archive_.*MB\/s/ { print $2 + 0 }')
-    awk -v a="$archive" -v b="$base" -v l="$label" 'BEGIN { printf "archive_vs_baseline_%s: %.2f ratio\n", l, a / b }'
+    # The load of a shared machine drifts: each operation is compared with a digest timed just
+    # before it.
+    if [ -n "$before_bin" ]; then
+      run "$bin" "" digest "$label" "$file"
+      digest=$speed
+      run "$before_bin" before_ archive "$label" "$file" "$file.QUA"
+      ratio "before_archive_vs_digest_$label" "$speed" "$digest"
+      run "$bin" "" digest "$label" "$file"
+      digest=$speed
+      run "$before_bin" before_ restore "$label" "$file.QUA" "$file"
+      ratio "before_restore_vs_digest_$label" "$speed" "$digest"
+      rm -f "$file.QUA"
+    fi
+    run "$bin" "" digest "$label" "$file"
+    digest=$speed
+    run "$bin" "" archive "$label" "$file" "$file.QUA"
+    ratio "archive_vs_digest_$label" "$speed" "$digest"
+    ratio "archive_vs_baseline_$label" "$speed" "$base"
     echo "archive_size_$label: $(stat -c %s "$file.QUA") bytes"
-    "${runner[@]}" restore "$label" "$file.QUA" "$file" </dev/null >out.txt 2>&1 || true
-    tr -d '\r' <out.txt
+    run "$bin" "" digest "$label" "$file"
+    digest=$speed
+    run "$bin" "" restore "$label" "$file.QUA" "$file"
+    ratio "restore_vs_digest_$label" "$speed" "$digest"
     rm -f "$file" "$file.QUA"
   done
 done

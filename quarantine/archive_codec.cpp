@@ -70,7 +70,7 @@ bool safe_fwrite(const void* data, size_t size, FILE* file) {
 
 compress_result compress_file_internal(FILE* in, FILE* out, archive_header& header, LZ4F_compressionContext_t context,
                                        unsigned char* src, size_t src_capacity, unsigned char* dst,
-                                       size_t dst_capacity, piece_observer* observer) {
+                                       size_t dst_capacity, input_blocks* blocks) {
     compress_result result;
     const LZ4F_preferences_t prefs = archive_preferences();
     const size_t header_size = LZ4F_compressBegin(context, dst, dst_capacity, &prefs);
@@ -84,16 +84,27 @@ compress_result compress_file_internal(FILE* in, FILE* out, archive_header& head
 
     bool chunk_pending = true;
     for (;;) {
-        const size_t got = fread(src, 1, src_capacity, in);
-        if (got == 0) break;
-        result.size_in += got;
-        if (observer != nullptr) observer->seen(src, got);
-        const size_t produced = LZ4F_compressUpdate(context, dst, dst_capacity, src, got, nullptr);
-        if (LZ4F_isError(produced)) {
-            NV_LOG("compress_file_internal", "Compression failed: error %zu\n", produced);
+        unsigned char* buffer = src;
+        size_t capacity = src_capacity;
+        if (blocks != nullptr && (buffer = blocks->acquire(capacity)) == nullptr) {
+            NV_LOG("compress_file", "error : ressource allocation failed \n");
             return result;
         }
-        if (!write_compressed(out, dst, produced, chunk_pending, header, result.size_out)) return result;
+        const size_t got = fread(buffer, 1, capacity, in);
+        if (got == 0) break;
+        result.size_in += got;
+        if (blocks != nullptr) blocks->filled(got);
+        // Always the same slices of the input, whatever the read size: the frame's bytes
+        // depend on how the input is cut into updates.
+        for (size_t at = 0; at < got; at += archive_io_size) {
+            const size_t slice = got - at < archive_io_size ? got - at : archive_io_size;
+            const size_t produced = LZ4F_compressUpdate(context, dst, dst_capacity, buffer + at, slice, nullptr);
+            if (LZ4F_isError(produced)) {
+                NV_LOG("compress_file_internal", "Compression failed: error %zu\n", produced);
+                return result;
+            }
+            if (!write_compressed(out, dst, produced, chunk_pending, header, result.size_out)) return result;
+        }
     }
     if (ferror(in) != 0) {
         NV_LOG("compress_file_internal", "Failed to read the input file\n");
@@ -110,7 +121,7 @@ compress_result compress_file_internal(FILE* in, FILE* out, archive_header& head
     return result;
 }
 
-compress_result compress_file(FILE* in, FILE* out, archive_header& header, piece_observer* observer) {
+compress_result compress_file(FILE* in, FILE* out, archive_header& header, input_blocks* blocks) {
     const LZ4F_preferences_t prefs = archive_preferences();
     LZ4F_compressionContext_t context = nullptr;
     const size_t created = LZ4F_createCompressionContext(&context, LZ4F_VERSION);
@@ -122,7 +133,7 @@ compress_result compress_file(FILE* in, FILE* out, archive_header& header, piece
     if (LZ4F_isError(created) || context == nullptr || src == nullptr || dst == nullptr) {
         NV_LOG("compress_file", "error : ressource allocation failed \n");
     } else {
-        result = compress_file_internal(in, out, header, context, src, archive_io_size, dst, dst_capacity, observer);
+        result = compress_file_internal(in, out, header, context, src, archive_io_size, dst, dst_capacity, blocks);
     }
     LZ4F_freeCompressionContext(context);
     free(src);

@@ -34,11 +34,19 @@ private:
     FILE* file_;
 };
 
-// Sees each piece of the input exactly as it goes to the compressor.
-class piece_observer {
+// Buffers into which compress_file reads its input, supplied by a caller that wants the same
+// bytes for something else (a digest). Each buffer is read into once and then compressed in
+// archive_io_size slices, so the frame does not depend on the buffers' size. Both calls run on
+// the compressing thread.
+class input_blocks {
 public:
-    virtual ~piece_observer() = default;
-    virtual void seen(const unsigned char* data, size_t size) = 0;
+    virtual ~input_blocks() = default;
+    // The buffer for the next read and its capacity, a multiple of archive_io_size; null when
+    // there is none.
+    virtual unsigned char* acquire(size_t& capacity) = 0;
+    // The buffer from the last acquire() now holds `size` (more than 0) bytes of input. The
+    // compressor reads them after this call and is done with them at its next acquire().
+    virtual void filled(size_t size) = 0;
 };
 
 // Writes `size` bytes with one fwrite; false (logged "Write failed" or "Short write") when
@@ -46,12 +54,12 @@ public:
 bool safe_fwrite(const void* data, size_t size, FILE* file);
 
 // Streams `in` into `out` as one LZ4 frame whose first non-empty output after the frame header
-// is encrypted; fills decrypt_length and encryption_length of `header`. `observer`, when
-// given, sees every piece read from `in` before it is compressed.
-compress_result compress_file(FILE* in, FILE* out, archive_header& header, piece_observer* observer = nullptr);
+// is encrypted; fills decrypt_length and encryption_length of `header`. Reads go into `blocks`
+// when given, else into a buffer of its own of archive_io_size bytes.
+compress_result compress_file(FILE* in, FILE* out, archive_header& header, input_blocks* blocks = nullptr);
 compress_result compress_file_internal(FILE* in, FILE* out, archive_header& header, LZ4F_compressionContext_t context,
                                        unsigned char* src, size_t src_capacity, unsigned char* dst,
-                                       size_t dst_capacity, piece_observer* observer = nullptr);
+                                       size_t dst_capacity, input_blocks* blocks = nullptr);
 
 // Reads the frame descriptor at the position of `in` and puts the position back. False (logged)
 // when it cannot be read or is not one the decompressor takes.

@@ -1,12 +1,7 @@
 #include "quarantine/file_archive.h"
 
 #include <chrono>
-#include <condition_variable>
 #include <cstring>
-#include <deque>
-#include <mutex>
-#include <system_error>
-#include <thread>
 #include <vector>
 
 #ifdef _WIN32
@@ -35,7 +30,7 @@ bool write_u32_at(FILE* file, long offset, uint32_t value) {
 
 // Runs the steps after both files are open; false when any of them failed (each logged).
 bool write_archive(FILE* source, FILE* archive, const char* source_path, archive_header& header,
-                   piece_observer& observer) {
+                   input_blocks& blocks) {
     unsigned char bytes[archive_header_size];
     encode_archive_header(header, bytes);
     if (fwrite(bytes, 1, sizeof(bytes), archive) != sizeof(bytes)) {
@@ -47,7 +42,7 @@ bool write_archive(FILE* source, FILE* archive, const char* source_path, archive
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to write original file path\n");
         return false;
     }
-    const compress_result result = compress_file(source, archive, header, &observer);
+    const compress_result result = compress_file(source, archive, header, &blocks);
     if (result.error != 0) return false;
     if (!write_u32_at(archive, archive_decrypt_length_offset, header.decrypt_length)) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to update decrypt length\n");
@@ -60,89 +55,53 @@ bool write_archive(FILE* source, FILE* archive, const char* source_path, archive
     return true;
 }
 
-// The digest of the pieces the compressor reads, computed on a thread of its own (or inline
-// when no thread can be started). At most four pieces wait for it, so memory does not grow
-// with the file; finish() waits for the last one, and so does the destructor.
-class piece_digest : public piece_observer {
+// Lends the compressor the blocks of a digest: each block of the source is read once, into
+// the digest's ring, and both the digest thread and the compressor take it from there. Every
+// few blocks the archive written so far goes to the disk while the digest catches up.
+class digest_blocks : public input_blocks {
 public:
-    piece_digest() {
-        ok_ = hasher_.begin();
-        try {
-            worker_ = std::thread([this] { run(); });
-        } catch (const std::system_error&) {
-        }
+    digest_blocks(block_digest& digest, FILE* archive) : digest_(digest), archive_(archive) {}
+    unsigned char* acquire(size_t& capacity) override {
+        if (++blocks_ % blocks_between_flushes == 0) (void)flush_to_disk(archive_);  // the last flush decides
+        capacity = block_digest::block_size;
+        return digest_.acquire();
     }
-    ~piece_digest() override { stop(); }
-    piece_digest(const piece_digest&) = delete;
-    piece_digest& operator=(const piece_digest&) = delete;
-
-    void seen(const unsigned char* data, size_t size) override {
-        if (!worker_.joinable()) {
-            if (ok_) ok_ = hasher_.update(data, size);
-            return;
-        }
-        std::unique_lock<std::mutex> hold(lock_);
-        changed_.wait(hold, [this] { return pieces_.size() < max_waiting; });
-        pieces_.emplace_back(data, data + size);
-        changed_.notify_all();
-    }
-
-    // The digest of every piece seen; false when hashing failed.
-    bool finish(mcl::binary_t& digest) {
-        stop();
-        digest.clear();
-        return ok_ && hasher_.finish(digest);
-    }
+    void filled(size_t size) override { digest_.filled(size); }
 
 private:
-    static constexpr size_t max_waiting = 4;
+    static constexpr uint64_t blocks_between_flushes = flush_interval / block_digest::block_size;
 
-    void run() {
-        std::unique_lock<std::mutex> hold(lock_);
-        for (;;) {
-            changed_.wait(hold, [this] { return !pieces_.empty() || done_; });
-            if (pieces_.empty()) return;
-            std::vector<unsigned char> piece = std::move(pieces_.front());
-            pieces_.pop_front();
-            changed_.notify_all();
-            hold.unlock();
-            if (ok_) ok_ = hasher_.update(piece.data(), piece.size());
-            hold.lock();
-        }
-    }
-    void stop() {
-        {
-            std::lock_guard<std::mutex> hold(lock_);
-            done_ = true;
-        }
-        changed_.notify_all();
-        if (worker_.joinable()) worker_.join();
-    }
-
-    sha256_hasher hasher_;
-    bool ok_ = false;  // written by the worker while it runs, read after the join
-    std::mutex lock_;
-    std::condition_variable changed_;
-    std::deque<std::vector<unsigned char>> pieces_;
-    bool done_ = false;
-    std::thread worker_;
+    block_digest& digest_;
+    FILE* archive_;
+    uint64_t blocks_ = 0;
 };
 
 }  // namespace
 
 bool digest_sink::write(const unsigned char* data, size_t size) {
-    if (ok_) ok_ = hasher_.update(data, size);
-    if (file_ != nullptr && !safe_fwrite(data, size, file_)) write_failed_ = true;
-    return ok_ && !write_failed_;
+    digest_.add(data, size);
+    if (file_ == nullptr) return true;
+    if (!safe_fwrite(data, size, file_)) write_failed_ = true;
+    unflushed_ += size;
+    if (unflushed_ >= flush_interval) {
+        (void)flush_to_disk(file_);  // the last flush decides
+        unflushed_ = 0;
+    }
+    return !write_failed_;
+}
+
+bool flush_to_disk(FILE* file) {
+    bool ok = fflush(file) == 0;
+#ifdef _WIN32
+    ok = ok && _commit(_fileno(file)) == 0;
+#else
+    ok = ok && fsync(fileno(file)) == 0;
+#endif
+    return ok;
 }
 
 bool flush_and_close(mcl::unique_file file) {
-    bool ok = fflush(file.get()) == 0;
-#ifdef _WIN32
-    ok = ok && _commit(_fileno(file.get())) == 0;
-#else
-    ok = ok && fsync(fileno(file.get())) == 0;
-#endif
+    const bool ok = flush_to_disk(file.get());
     return fclose(file.release()) == 0 && ok;
 }
 
@@ -176,11 +135,13 @@ bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const cha
         return false;
     }
     NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Archiving : %s -> %s\n", source_path, archive_path);
-    // The digest runs on a second thread over the very pieces the compressor reads, so
-    // archiving costs about the longer of the two, and the recorded digest is that of what the
-    // archive holds even when the source changes meanwhile.
-    piece_digest digest;
-    bool ok = write_archive(source.get(), archive.get(), source_path, header, digest);
+    // The digest runs on a second thread over the very blocks the compressor reads, so the
+    // source is read once, archiving costs about the longer of the two, and the recorded digest
+    // is that of what the archive holds even when the source changes meanwhile. The header
+    // goes out with a zero digest, filled in below before the archive is flushed.
+    block_digest digest;
+    digest_blocks blocks(digest, archive.get());
+    bool ok = write_archive(source.get(), archive.get(), source_path, header, blocks);
     source.reset();
     mcl::binary_t content_hash;
     if (ok && (!digest.finish(content_hash) || content_hash.size() != archive_hash_size)) {

@@ -14,6 +14,7 @@
 #include "mcl/file.h"
 #include "quarantine/archive_codec.h"
 #include "quarantine/archive_format.h"
+#include "quarantine/block_digest.h"
 #include "quarantine/sha256.h"
 
 // What the start of an archive says: its header and the recorded path.
@@ -22,20 +23,30 @@ struct archive_info {
     std::string path;
 };
 
-// Hashes decoded content on its way to an optional file.
+// Bytes written between two flushes to the disk while an archive or a restored file grows, so
+// that the disk works while the digest is still running rather than all at the end.
+constexpr uint64_t flush_interval = 16 * 1024 * 1024;
+
+// Flushes the stream's buffer and the system's cache of `file` to the disk; false when either
+// failed.
+bool flush_to_disk(FILE* file);
+
+// Hashes decoded content on its way to an optional file: the bytes are written here and
+// hashed on the digest's own thread, so decoding, writing and hashing overlap; the file goes
+// to the disk every flush_interval bytes. Used on one thread.
 class digest_sink : public byte_sink {
 public:
-    explicit digest_sink(FILE* file) : file_(file) { ok_ = hasher_.begin(); }
+    explicit digest_sink(FILE* file) : file_(file) {}
     bool write(const unsigned char* data, size_t size) override;
     // The digest of everything written; false when hashing failed.
-    bool finish(mcl::binary_t& digest) { return ok_ && hasher_.finish(digest); }
+    bool finish(mcl::binary_t& digest) { return digest_.finish(digest); }
     bool write_failed() const { return write_failed_; }
 
 private:
     FILE* file_;
-    sha256_hasher hasher_;
-    bool ok_ = false;
+    block_digest digest_;
     bool write_failed_ = false;
+    uint64_t unflushed_ = 0;
 };
 
 // Flushes `file` to the disk and closes it; false when either failed.
