@@ -15,8 +15,7 @@ now() { date +%s.%N; }
 rate() { awk -v b="$1" -v a="$2" -v z="$3" 'BEGIN { printf "%.1f", b / 1e6 / (z - a) }'; }
 
 printf '' >"$journal"
-run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
-run "$exe" -i install
+install_with_recorder
 start_service
 call create-quarantine-container path='C:\Q'
 mkdir -p "$drive_c/data"

@@ -13,7 +13,6 @@
 
 #include "mcl/file.h"
 #include "mcl/log.h"
-#include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "quarantine/file_archive.h"
@@ -27,8 +26,6 @@ using mcl::mswin::unique_find_handle;
 constexpr const char* archive_suffix = ".QUA";
 // An archive being written and checked; never matches "*.QUA", so listings do not show it.
 constexpr const char* verifying_suffix = ".verifying";
-// The service's own settings, where a test may name a file whose archive gets damaged.
-constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
 
 bool ends_with_nocase(const std::string& text, const char* suffix) {
     const size_t n = strlen(suffix);
@@ -99,32 +96,14 @@ bool verify_archive(const std::string& archive, const std::string& source) {
     return true;
 }
 
-// A disk that returns other bytes than were written cannot be made here: a test names a file
-// name in the value "ArchiveVerifyFault" under HKLM\Software\Norvale\NVClientHelper, and the
-// archive of a source of that name gets one digest byte changed between writing and reading
-// back. Only an administrator can write that value.
-void damage_for_verify_test(const std::string& source, const std::string& temp) {
-    mcl::binary_t value;
-    if (!mcl::mswin::reg::read_value(settings_key, "ArchiveVerifyFault", value) || value.size() < 2)
-        return;
-    const char* name = reinterpret_cast<const char*>(value.data());
-    if (strnlen(name, value.size()) == value.size() || _stricmp(name, source.c_str() + source.rfind('\\') + 1) != 0)
-        return;
-    mcl::unique_file file = mcl::open_file(temp.c_str(), "r+b");
-    unsigned char byte = 0;
-    if (file && fseek(file.get(), archive_hash_offset, SEEK_SET) == 0 && fread(&byte, 1, 1, file.get()) == 1 &&
-        fseek(file.get(), archive_hash_offset, SEEK_SET) == 0) {
-        byte ^= 0xFF;
-        (void)fwrite(&byte, 1, 1, file.get());
-    }
-}
+quarantine_store::archive_written_hook written_hook = nullptr;
 
 // Archives `source` to `archive` through a checked temporary; false leaves no file behind.
 bool archive_verified(const std::string& source, const std::string& archive) {
     constexpr const char* fn = "chelperservice::add_quarantine_files";
     const std::string temp = archive + verifying_suffix;
     if (!NVFileArchive::NVFileArchive_archiveFile(source.c_str(), temp.c_str())) return false;
-    damage_for_verify_test(source, temp);
+    if (written_hook != nullptr) written_hook(source, temp);
     if (!verify_archive(temp, source)) {
         DeleteFileA(temp.c_str());
         return false;
@@ -171,6 +150,8 @@ private:
 };
 
 }  // namespace
+
+void quarantine_store::set_archive_written_hook(archive_written_hook hook) { written_hook = hook; }
 
 bool quarantine_store::createPath(const std::string& path) {
     constexpr const char* fn = "chelperservice::createPath";

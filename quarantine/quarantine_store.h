@@ -67,6 +67,12 @@ public:
     // Lower-cased blocked path -> the SDDL text of the DACL it had before; kept across restarts.
     static constexpr const char* blocked_files_key = "Software\\Norvale\\NVClientHelper\\BlockedFiles";
 
+    // Called with the source and the archive's temporary between writing it and reading it back.
+    // The product has none; a test build installs one, before the program starts, to damage an
+    // archive and see the read-back check refuse it.
+    using archive_written_hook = void (*)(const std::string& source, const std::string& temporary);
+    static void set_archive_written_hook(archive_written_hook hook);
+
     // `driver`, `security` and `users` outlive this object.
     quarantine_store(quarantine_driver& driver, quarantine_security& security, file_users& users)
         : driver_(driver), security_(security), users_(users) {}

@@ -1,220 +1,12 @@
-// Windows' object security for files, folders and services, and the recorder a test run selects.
-//
-// Recorder journal: UTF-8 text, one line per object state, fields separated by tabs:
-//   <kind> TAB <object> TAB <sddl> [TAB <aces>]
-// kind is "file" or "service" with the DACL in SDDL form ("D:P(...)" when protected), or "owner"
-// with the owner of a file or folder ("O:BA"); aces, written by the recorder only after a DACL,
-// lists each ACE as type;flags;mask;sid (hexadecimal flags and mask) separated by blanks. At start
-// the recorder reads the journal and the last line of each kind and object is that object's DACL
-// or owner, so lines a test writes beforehand give objects their initial state, and a restarted
-// service reads what it wrote before. Objects it has no line for are read from Windows.
+// Windows' object security for files, folders and services.
 #include "service/object_security.h"
 
-
-#include <cstdio>
-#include <cstring>
-#include <map>
-#include <memory>
-#include <vector>
-
-#include "mcl/buffer.h"
-#include "mcl/lock.h"
 #include "mcl/log.h"
-#include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
-#include "mcl/mswin/sid.h"
-#include "mcl/mswin/text.h"
-#include "mcl/mswin/unique_handle.h"
-
-namespace {
 
 using mcl::mswin::security_descriptor;
-using mcl::mswin::unique_kernel_handle;
 
-std::string upper(std::string text) {
-    for (char& c : text)
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    return text;
-}
-
-// "type;flags;mask;sid" for each ACE, separated by blanks.
-std::string ace_list(PACL dacl) {
-    std::string out;
-    ACL_SIZE_INFORMATION info{};
-    if (dacl == nullptr || !GetAclInformation(dacl, &info, sizeof(info), AclSizeInformation)) return out;
-    for (DWORD i = 0; i < info.AceCount; ++i) {
-        void* raw = nullptr;
-        if (!GetAce(dacl, i, &raw)) break;
-        const auto* ace = static_cast<const ACCESS_ALLOWED_ACE*>(raw);
-        std::string sid = mcl::mswin::sid(const_cast<DWORD*>(&ace->SidStart)).to_string();
-        if (sid.empty()) sid = "?";
-        const BYTE type = ace->Header.AceType;
-        char text[128];
-        snprintf(text, sizeof(text), "%s;0x%02X;0x%08X;", type == ACCESS_ALLOWED_ACE_TYPE ? "A" : type == ACCESS_DENIED_ACE_TYPE ? "D" : "?",
-                 static_cast<unsigned>(ace->Header.AceFlags), static_cast<unsigned>(ace->Mask));
-        if (!out.empty()) out += ' ';
-        out += text + sid;
-    }
-    return out;
-}
-
-// Whether the calling thread's token (the process token when it impersonates no one) holds the
-// privilege enabled.
-bool privilege_enabled(const char* name) {
-    LUID luid{};
-    unique_kernel_handle token;
-    if (!LookupPrivilegeValueA(nullptr, name, &luid) ||
-        (!OpenThreadToken(GetCurrentThread(), TOKEN_QUERY, /*open_as_self=*/TRUE, token.put()) &&
-         !OpenProcessToken(GetCurrentProcess(), TOKEN_QUERY, token.put())))
-        return false;
-    DWORD size = 0;
-    (void)GetTokenInformation(token.get(), TokenPrivileges, nullptr, 0, &size);
-    std::vector<BYTE> buffer(size);
-    if (size == 0 || !GetTokenInformation(token.get(), TokenPrivileges, buffer.data(), size, &size)) return false;
-    const auto* held = reinterpret_cast<const TOKEN_PRIVILEGES*>(buffer.data());
-    for (DWORD i = 0; i < held->PrivilegeCount; ++i) {
-        const LUID_AND_ATTRIBUTES& p = held->Privileges[i];
-        if (p.Luid.LowPart == luid.LowPart && p.Luid.HighPart == luid.HighPart) return (p.Attributes & SE_PRIVILEGE_ENABLED) != 0;
-    }
-    return false;
-}
-
-// Keeps each object's DACL as SDDL and journals every write.
-class recorder : public object_security {
-public:
-    explicit recorder(std::string journal) : journal_(std::move(journal)) { load(); }
-
-    DWORD get_file_dacl(const std::wstring& path, security_descriptor& descriptor) override {
-        DWORD err = 0;
-        if (read("file", mcl::mswin::to_utf8(path), descriptor, err)) return err;
-        return object_security::get_file_dacl(path, descriptor);
-    }
-    DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
-        // As the system: only an existing file or folder takes a DACL, and one that another
-        // account owns (whose DACL keeps us out) refuses it until we own it.
-        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
-        const std::string object = mcl::mswin::to_utf8(path);
-        if (foreign_owner(object)) return ERROR_ACCESS_DENIED;
-        return record("file", object, dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
-    }
-    DWORD set_file_owner(const std::wstring& path, PSID owner) override {
-        // As the system: taking an object from another account needs SeTakeOwnershipPrivilege.
-        if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
-        const std::string object = mcl::mswin::to_utf8(path);
-        if (foreign_owner(object) && !privilege_enabled("SeTakeOwnershipPrivilege")) return ERROR_ACCESS_DENIED;
-        SECURITY_DESCRIPTOR sd{};
-        std::string sddl;
-        if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
-            !SetSecurityDescriptorOwner(&sd, owner, FALSE) ||
-            !mcl::mswin::descriptor_to_sddl(&sd, OWNER_SECURITY_INFORMATION, sddl))
-            return ERROR_INVALID_OWNER;
-        return append("owner", object, sddl, "") ? ERROR_SUCCESS : ERROR_WRITE_FAULT;
-    }
-    DWORD get_service_dacl(const std::string& name, security_descriptor& descriptor) override {
-        if (!mcl::mswin::service::is_service_installed(name.c_str())) return ERROR_SERVICE_DOES_NOT_EXIST;
-        DWORD err = 0;
-        if (read("service", name, descriptor, err)) return err;
-        return object_security::get_service_dacl(name, descriptor);
-    }
-    bool set_service_dacl(const std::string& name, PACL dacl) override {
-        if (!service_exists("object_security::set_service_dacl", name)) return false;
-        return record("service", name, dacl, /*protect=*/true);
-    }
-    bool set_service_sddl(const std::string& name, const char* sddl) override {
-        if (!service_exists("object_security::set_service_sddl", name)) return false;
-        security_descriptor sd;
-        PACL dacl = nullptr;
-        if (!security_descriptor::from_sddl(sddl, sd) || !sd.get_dacl(&dacl)) return false;
-        return record("service", name, dacl, /*protect=*/false);
-    }
-
-private:
-    static bool service_exists(const char* fn, const std::string& name) {
-        if (mcl::mswin::service::is_service_installed(name.c_str())) return true;
-        NV_LOG(fn, "OpenServiceA failed (%d)\n", static_cast<int>(ERROR_SERVICE_DOES_NOT_EXIST));
-        return false;
-    }
-
-    static std::string key(const char* kind, const std::string& object) { return std::string(kind) + "\t" + upper(object); }
-
-    void load() {
-        FILE* f = fopen(journal_.c_str(), "rb");
-        if (f == nullptr) return;
-        char line[8192];
-        while (fgets(line, sizeof(line), f) != nullptr) {
-            std::string text(line);
-            while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
-            const size_t a = text.find('\t');
-            const size_t b = a == std::string::npos ? a : text.find('\t', a + 1);
-            if (b == std::string::npos) continue;
-            const size_t c = text.find('\t', b + 1);
-            dacls_[key(text.substr(0, a).c_str(), text.substr(a + 1, b - a - 1))] =
-                text.substr(b + 1, c == std::string::npos ? std::string::npos : c - b - 1);
-        }
-        fclose(f);
-    }
-
-    bool read(const char* kind, const std::string& object, security_descriptor& descriptor, DWORD& err) {
-        mcl::scoped_lock guard(lock_);
-        auto it = dacls_.find(key(kind, object));
-        if (it == dacls_.end()) return false;
-        security_descriptor sd;
-        PACL found = nullptr;
-        if (!security_descriptor::from_sddl(it->second.c_str(), sd) || !sd.get_dacl(&found)) {
-            err = GetLastError();
-            return true;
-        }
-        descriptor = std::move(sd);
-        err = ERROR_SUCCESS;
-        return true;
-    }
-
-    bool record(const char* kind, const std::string& object, PACL dacl, bool protect) {
-        SECURITY_DESCRIPTOR sd{};
-        std::string sddl;
-        if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION) ||
-            !SetSecurityDescriptorDacl(&sd, TRUE, dacl, FALSE) ||
-            !SetSecurityDescriptorControl(&sd, SE_DACL_PROTECTED, protect ? SE_DACL_PROTECTED : 0) ||
-            !mcl::mswin::descriptor_to_sddl(&sd, DACL_SECURITY_INFORMATION, sddl))
-            return false;
-        return append(kind, object, sddl, ace_list(dacl));
-    }
-
-    // Owned by neither Administrators nor the local system, the accounts the product runs as.
-    bool foreign_owner(const std::string& object) {
-        mcl::scoped_lock guard(lock_);
-        auto it = dacls_.find(key("owner", object));
-        return it != dacls_.end() && it->second != "O:BA" && it->second != "O:SY";
-    }
-
-    bool append(const char* kind, const std::string& object, const std::string& sddl, const std::string& aces) {
-        mcl::scoped_lock guard(lock_);
-        dacls_[key(kind, object)] = sddl;
-        const std::string line = std::string(kind) + "\t" + object + "\t" + sddl + (aces.empty() ? "" : "\t" + aces) + "\n";
-        FILE* f = fopen(journal_.c_str(), "ab");
-        if (f == nullptr) return false;
-        const bool ok = fwrite(line.data(), 1, line.size(), f) == line.size();
-        return fclose(f) == 0 && ok;
-    }
-
-    std::string journal_;
-    mcl::lock lock_;
-    std::map<std::string, std::string> dacls_;  // kind TAB upper-cased object -> SDDL (DACL or owner)
-};
-
-object_security* choose() {
-    mcl::binary_t value;
-    if (mcl::mswin::reg::read_value(object_security::selector_key, object_security::selector_value, value) &&
-        value.size() > 1) {
-        std::string journal(reinterpret_cast<const char*>(value.data()), value.size());
-        journal.resize(strnlen(journal.c_str(), journal.size()));
-        NV_LOG("object_security::current", "Object security is recorded to %s", journal.c_str());
-        return new recorder(journal);
-    }
-    return new object_security();
-}
-
-}  // namespace
+object_security::chooser object_security::chooser_ = nullptr;
 
 DWORD object_security::get_file_dacl(const std::wstring& path, security_descriptor& descriptor) {
     return descriptor.read_file_dacl(path);
@@ -256,8 +48,13 @@ bool object_security::set_service_sddl(const std::string& name, const char* sddl
     return mcl::mswin::service::set_dacl_str(name.c_str(), sddl);
 }
 
+void object_security::set_chooser(chooser choose) { chooser_ = choose; }
+
 object_security& object_security::current() {
     // Built once, never destroyed: threads may still ask while the process ends.
-    static object_security* const chosen = choose();
+    static object_security* const chosen = [] {
+        object_security* picked = chooser_ != nullptr ? chooser_() : nullptr;
+        return picked != nullptr ? picked : new object_security();
+    }();
     return *chosen;
 }

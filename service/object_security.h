@@ -1,14 +1,9 @@
 // The DACLs of files, folders and services: the one place where the service reads and writes
 // their security. Registry keys are not here (mcl::mswin::reg handles their security).
 //
-// Windows stores and enforces these DACLs. A test run that cannot observe them selects a
-// recorder instead by naming a journal file in the value "ObjectSecurityJournal" under
-// HKLM\Software\Norvale\NVClientHelper before the service starts: the recorder keeps the DACL
-// each write gave to each object, answers reads with it and appends one line per write to the
-// journal (see object_security.cpp for the line format). Only an administrator can write that
-// value, and an administrator can change these DACLs directly anyway. The recorder also keeps the
-// owner of a file or folder: a test that gives one another owner beforehand sees the DACL write
-// refused until ownership has been taken, as the system refuses it.
+// Windows stores and enforces these DACLs. A program built for tests may install another
+// implementation (a recorder that keeps what each write gave, where the system it runs on keeps
+// nothing) through set_chooser before the program starts; the product installs none.
 #pragma once
 
 #include <windows.h>
@@ -19,9 +14,6 @@
 
 class object_security {
 public:
-    static constexpr const char* selector_key = "Software\\Norvale\\NVClientHelper";
-    static constexpr const char* selector_value = "ObjectSecurityJournal";
-
     virtual ~object_security() = default;
 
     // The DACL of a file or folder (GetNamedSecurityInfoW) into `descriptor`. The Win32 code.
@@ -41,7 +33,13 @@ public:
     virtual bool set_service_dacl(const std::string& name, PACL dacl);
     virtual bool set_service_sddl(const std::string& name, const char* sddl);
 
-    // The implementation in use, chosen on the first call: Windows', or the recorder when the
-    // selector value names a journal file. Any thread.
+    // How the first current() call picks the implementation: the chooser's, when one is set and
+    // returns one, else Windows'. Set it before any thread asks.
+    using chooser = object_security* (*)();
+    static void set_chooser(chooser choose);
+    // The implementation in use, chosen on the first call. Any thread.
     static object_security& current();
+
+private:
+    static chooser chooser_;
 };

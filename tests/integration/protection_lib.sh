@@ -76,12 +76,13 @@ start_service() {  # [PROBE-ARGS]
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
 
-# The service installed from C:\nv with the object-security recorder journalling to $journal.
+# The test build of the service installed from C:\nv, its recorder journalling to $journal.
 journal_value() {
     run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
     [ "$rc" = 0 ] && run reg query 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal && [ "$rc" = 0 ]
 }
 install_with_recorder() {
+    cp "$NV_BIN_DIR/hooks/NorvaleHalvernService.exe" "$nv/"
     poll 5 1 journal_value || fail "recorder value not written: $(cat "$out")"
     run "$exe" -i install
 }

@@ -314,4 +314,17 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
 fi
 
 stop_service
+
+echo "== the product executable reads neither test value"
+cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$nv/"
+printf 'bad' >"$drive_c/data/bad.txt"
+run reg add "$helper_key" /v ArchiveVerifyFault /t REG_SZ /d BAD.txt /f
+lines=$(wc -l <"$journal") recorders=$(log_count 'Object security is recorded to')
+start_service
+quarantine 0 'c:\q' 'C:\data\bad.txt'
+expect_eq "product: bad.txt archived" 1 "$(reply_result)"
+[[ "$(reply_text)" =~ ^c:\\q\\bad\.txt\.[0-9A-F]{16}\.QUA\;$ ]] || fail "product: message [$(reply_text)]"
+expect_eq "product: no recorder, nothing journalled" "$recorders $lines" \
+    "$(log_count 'Object security is recorded to') $(wc -l <"$journal")"
+stop_service
 finish quarantine 300

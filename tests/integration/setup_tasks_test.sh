@@ -5,7 +5,7 @@ set -uo pipefail
 . "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
 . "$NV_SOURCE_DIR/tests/integration/installer_support.sh"
 halvernctl=$NV_BIN_DIR/halvernctl.exe
-new_exe=$NV_BIN_DIR/NorvaleHalvernService.exe
+new_exe=$NV_BIN_DIR/hooks/NorvaleHalvernService.exe  # the test build: its folder repair is recorded
 old_exe=$NV_BIN_DIR/previous/NVHalvernService.exe
 new_version=196653 old_version=$(((3 << 16) + 40))
 helper_key='HKLM\Software\Norvale\NVClientHelper'
