@@ -92,8 +92,7 @@ TEST_F(DriverStandIn, EveryCodeLandsInStateAndJournalByteForByte) {
         vqr::build_command(c::trusted_app, sys + L"lsass.exe"),
         vqr::build_command(c::protect_folder, vol + L"App\\"),
         vqr::build_command(c::unprotect_folder, vol + L"Other"),
-        vqr::build_command(c::block_path, vol + L"Q\\x.QUA"),
-        vqr::build_command(c::block_path, vol + L"Q"),
+        vqr::build_command(c::block_path, vol + L"Q\\x.QUA"), vqr::build_command(c::block_path, vol + L"Q"),
         vqr::build_command(c::unblock_path, vol + L"Q\\x.QUA"),
         vqr::build_command(c::unblock_path, L""),  // code 10 takes no remove-all
         vqr::build_command(c::protect_regkey, L"\\REGISTRY\\MACHINE\\SOFTWARE\\Norvale"),
@@ -101,10 +100,8 @@ TEST_F(DriverStandIn, EveryCodeLandsInStateAndJournalByteForByte) {
         vqr::build_command(c::svcmgr_path, sys + L"services.exe"),
     };
     std::vector<std::string> sent;
-    for (const auto& m : messages) {
-        EXPECT_EQ(S_OK, send(command_, m)) << hex(m);
-        sent.push_back(hex(m));
-    }
+    for (const auto& m : messages) sent.push_back(hex(m));
+    for (const auto& m : messages) EXPECT_EQ(S_OK, send(command_, m)) << hex(m);
     EXPECT_EQ(sent, nv_test::journal_bytes());
     // The layout spelled out: a feature switch, and a text of one UTF-16 unit with its terminator.
     EXPECT_EQ("000000000000000001", sent[0]);
@@ -128,17 +125,12 @@ TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
         const char* name;
         std::vector<uint8_t> message;
     } cases[] = {
-        {"too_short", {1, 0, 0, 0}},
-        {"too_short", resized(text, 7)},
-        {"bad_size", resized(feature, 10)},
+        {"too_short", {1, 0, 0, 0}}, {"too_short", resized(text, 7)}, {"bad_size", resized(feature, 10)},
         {"bad_size", with(with(resized(text, 9), 4, 1), 0, 7)},  // a text of length 1
-        {"bad_switch", with(feature, 8, 2)},
-        {"bad_switch", with(feature, 4, 1)},  // a switch has length 0
-        {"length_mismatch", with(text, 4, 4)},
-        {"length_mismatch", resized(text, text.size() + 2)},
+        {"bad_switch", with(feature, 8, 2)}, {"bad_switch", with(feature, 4, 1)},  // a switch has length 0
+        {"length_mismatch", with(text, 4, 4)}, {"length_mismatch", resized(text, text.size() + 2)},
         {"no_terminator", with(text, text.size() - 1, 0x41)},
-        {"unknown_code", vqr::build_command(4, L"x")},
-        {"unknown_code", vqr::build_command(14, L"x")},
+        {"unknown_code", vqr::build_command(4, L"x")}, {"unknown_code", vqr::build_command(14, L"x")},
     };
     for (const auto& k : cases) EXPECT_EQ(E_INVALIDARG, send(command_, k.message)) << k.name;
     EXPECT_EQ(E_INVALIDARG, send(notify_, feature)) << "the notification port takes no commands";
