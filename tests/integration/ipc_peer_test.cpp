@@ -200,12 +200,9 @@ TEST(IpcPeer, AHundredConnectionsAtOnceAreAllAnsweredWhatEverThePayloadSize) {
     std::vector<std::thread> threads;
     for (int i = 0; i < 2 * count; ++i)
         threads.emplace_back([&, i] {
-            mcl::binary_t sent;
-            const uint32_t size = i % 50 == 0 ? 1u << 20 : sizes[i % 3];
-            for (uint32_t k = 0; k < size; ++k) {
-                const auto b = static_cast<unsigned char>(k * 7 + static_cast<uint32_t>(i));
-                sent.append(&b, 1);
-            }
+            std::vector<unsigned char> fill(i % 50 == 0 ? 1u << 20 : sizes[i % 3]);
+            for (size_t k = 0; k < fill.size(); ++k) fill[k] = static_cast<unsigned char>(k * 7 + static_cast<size_t>(i));
+            const mcl::binary_t sent(fill.data(), static_cast<uint32_t>(fill.size()));
             mcl::binary_t payload = sent;
             if (c.peer.send(nv_test::msg_echo, payload, connections[static_cast<size_t>(i % count)], 30000) && payload == sent)
                 ++answered;
