@@ -68,7 +68,7 @@ int main(int argc, char** argv) {
                           0, result))
         return fail("subscribe");
     std::vector<double> to_event, to_record;
-    std::vector<irp::record> records;
+    std::vector<protocol::notification_data> records;
     uint32_t delivered = 0;
     for (int i = 0; i < rounds; ++i) {
         latency_event.reset();

@@ -32,29 +32,14 @@ mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber,
     return payload;
 }
 
-bool read_records(const mcl::binary_t& reply, std::vector<irp::record>& records) {
+bool read_records(const mcl::binary_t& reply, std::vector<protocol::notification_data>& records) {
     protocol::notifications_reply decoded;
     const bool ok = protocol::decode(reply, decoded);
-    records.clear();
-    bool pids_fit = true;
-    for (const protocol::notification_data& n : decoded.records) {
-        irp::record r;
-        r.sequence = n.sequence;
-        r.time = n.time;
-        r.file_path = n.file_path;
-        r.major_function = n.major_function;
-        r.minor_function = n.minor_function;
-        r.process_id = static_cast<uint32_t>(n.process_id);
-        r.process_image = n.process_image;
-        r.process_description = n.process_description;
-        r.type = n.irp_denied;
-        pids_fit = pids_fit && n.process_id <= UINT32_MAX;
-        records.push_back(std::move(r));
-    }
+    records = decoded.records;
     // Decoded to the end: what was read encodes to as many bytes as the reply holds.
     mcl::binary_t again;
     protocol::encode(again, decoded);
-    return ok && pids_fit && again.size() == reply.size();
+    return ok && again.size() == reply.size();
 }
 
 bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
@@ -67,7 +52,7 @@ bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, cons
     return true;
 }
 
-bool irp_client::query(const std::string& subscriber, std::vector<irp::record>& records) {
+bool irp_client::query(const std::string& subscriber, std::vector<protocol::notification_data>& records) {
     mcl::binary_t payload;
     protocol::encode(payload, protocol::notification_query_request{subscriber});
     return peer_.send(msg::query_irp_notification_data, payload, connection_, 30000) && read_records(payload, records);

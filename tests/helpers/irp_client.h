@@ -10,7 +10,7 @@
 
 #include "mcl/ipc/peer.h"
 #include "mcl/mswin/unique_handle.h"
-#include "service/irp_tables.h"
+#include "protocol/replies.h"
 
 namespace nv_test {
 
@@ -18,7 +18,7 @@ namespace nv_test {
 // to the end).
 mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
                                 const std::string& path, uint8_t major = 0xFF, uint8_t minor = 0xFF, uint32_t type = 0);
-bool read_records(const mcl::binary_t& reply, std::vector<irp::record>& records);
+bool read_records(const mcl::binary_t& reply, std::vector<protocol::notification_data>& records);
 
 class irp_client {
 public:
@@ -29,7 +29,7 @@ public:
     bool subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
                    const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result);
     // 0x10000fb, decoded.
-    bool query(const std::string& subscriber, std::vector<irp::record>& records);
+    bool query(const std::string& subscriber, std::vector<protocol::notification_data>& records);
 
 private:
     mcl::ipc_peer peer_;

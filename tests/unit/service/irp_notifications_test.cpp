@@ -31,11 +31,11 @@ std::vector<uint8_t> call(uint32_t id, mcl::binary_t payload) {
     return {payload.data(), payload.data() + payload.size()};
 }
 
-std::vector<irp::record> collect(const std::string& sub) {
+std::vector<protocol::notification_data> collect(const std::string& sub) {
     mcl::binary_t query;
     protocol::encode(query, protocol::notification_query_request{sub});
     const std::vector<uint8_t> reply = call(msg::query_irp_notification_data, query);
-    std::vector<irp::record> records;
+    std::vector<protocol::notification_data> records;
     EXPECT_TRUE(nv_test::read_records(mcl::binary_t(reply.data(), static_cast<uint32_t>(reply.size())), records));
     return records;
 }
@@ -86,7 +86,7 @@ TEST(IrpMessages, ASubscriberHoldsAtMostTheBoundOldestDroppedFirstWithOneLinePer
         ASSERT_TRUE(deliver(100 + i, L"\\Device\\HarddiskVolume1\\data\\burst.txt", i < extra ? 4 : 3));
     const auto records = collect("test_b");
     ASSERT_EQ(irp::max_records_per_subscriber, records.size());
-    for (const irp::record& r : records) ASSERT_EQ(3, r.major_function);
+    for (const auto& r : records) ASSERT_EQ(3, r.major_function);
     EXPECT_EQ(1u, log.count("Subscriber <test_b> holds 10000 notification records, dropping the oldest"));
 }
 
