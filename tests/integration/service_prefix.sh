@@ -73,9 +73,19 @@ hv_run() {
     sed -i 's/\r$//' "$out" "$err"
 }
 # encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to send as it is, cut or patch.
-encode() { wine "$client" encode "$@" </dev/null 2>/dev/null | tr -d '\r'; }
-# encode_reply MESSAGE [KEY=VALUE ...]: the payload of a reply to MESSAGE in hex, for a peer that plays the service.
-encode_reply() { wine "$client" encode-reply "$@" </dev/null 2>/dev/null | tr -d '\r'; }
+# encode_reply MESSAGE [KEY=VALUE ...]: the payload of a reply to MESSAGE in hex, for a peer that
+# plays the service. Through a file, as Wine's helper processes may hold a pipe; a run that
+# printed nothing under load is tried once more, and a second one says so.
+encode() { coded encode "$@"; }
+encode_reply() { coded encode-reply "$@"; }
+coded() {
+    local file=$work/coded.$BASHPID try
+    for try in 1 2; do
+        wine "$client" "$@" </dev/null >"$file" 2>/dev/null && [ -s "$file" ] && { tr -d '\r' <"$file"; return 0; }
+    done
+    echo "FAIL: nv_ipc_client $* printed nothing" >&2
+    return 1
+}
 # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
 run() {
     wine "$@" </dev/null >"$out" 2>&1

@@ -63,23 +63,64 @@ DWORD service_pid() {
     return mcl::mswin::service::query_status_ex(mcl::mswin::service::default_name, status) ? status.dwProcessId : 0;
 }
 
-// From the system's process list: it also has the figures of processes this one may not open.
-bool sample(DWORD pid, usage& u) {
+namespace {
+
+// One system information class into `buffer`, grown until it fits; false when refused.
+bool query_system(int information_class, std::vector<unsigned char>& buffer) {
     using query_fn = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
     const auto query = reinterpret_cast<query_fn>(
         reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
     if (query == nullptr) return false;
-    std::vector<unsigned char> buffer(1 << 20);
+    buffer.resize(1 << 20);
     ULONG needed = 0;
     LONG status = 0;
-    while ((status = query(SystemProcessInformation, buffer.data(), static_cast<ULONG>(buffer.size()), &needed)) ==
-           static_cast<LONG>(0xC0000004))  // STATUS_INFO_LENGTH_MISMATCH
+    while ((status = query(information_class, buffer.data(), static_cast<ULONG>(buffer.size()), &needed)) ==
+               static_cast<LONG>(0xC0000004) &&  // STATUS_INFO_LENGTH_MISMATCH
+           buffer.size() < (256u << 20))
         buffer.resize(buffer.size() * 2);
-    if (status != 0) return false;
+    return status == 0;
+}
+
+// The handles the process holds, counted one by one in the system's handle list (a process's
+// HandleCount may report its table's capacity, which only grows); 0 when the list is refused.
+DWORD open_handles(DWORD pid) {
+    struct entry {
+        void* object;
+        ULONG_PTR process;
+        ULONG_PTR handle;
+        ULONG access;
+        USHORT back_trace;
+        USHORT type;
+        ULONG attributes;
+        ULONG reserved;
+    };
+    constexpr int extended_handle_information = 64;
+    std::vector<unsigned char> buffer;
+    if (!query_system(extended_handle_information, buffer) || buffer.size() < 2 * sizeof(ULONG_PTR)) return 0;
+    ULONG_PTR count = 0;
+    memcpy(&count, buffer.data(), sizeof(count));
+    const size_t fits = (buffer.size() - 2 * sizeof(ULONG_PTR)) / sizeof(entry);
+    DWORD held = 0;
+    for (size_t i = 0; i < count && i < fits; ++i) {
+        entry e;
+        memcpy(&e, buffer.data() + 2 * sizeof(ULONG_PTR) + i * sizeof(entry), sizeof(e));
+        if (e.process == pid) ++held;
+    }
+    return held;
+}
+
+}  // namespace
+
+// From the system's process and handle lists: they also have the figures of processes this one
+// may not open.
+bool sample(DWORD pid, usage& u) {
+    std::vector<unsigned char> buffer;
+    if (!query_system(SystemProcessInformation, buffer)) return false;
     for (size_t at = 0;;) {
         const auto* p = reinterpret_cast<const SYSTEM_PROCESS_INFORMATION*>(buffer.data() + at);
         if (static_cast<DWORD>(reinterpret_cast<ULONG_PTR>(p->UniqueProcessId)) == pid) {
-            u.handles = p->HandleCount;
+            const DWORD counted = open_handles(pid);
+            u.handles = counted != 0 ? counted : p->HandleCount;
             u.private_bytes = p->PrivatePageCount != 0 ? p->PrivatePageCount : p->VirtualMemoryCounters.PagefileUsage;
             return u.handles != 0 && u.private_bytes != 0;
         }
