@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The one-shot options as a user sees them: output bytes and process exit codes
 # (a Windows exit code of -2 reaches the Linux shell as 254, -3 as 253 and so on); then the
-# recovery_code tool: usage errors, key generation and codes made from the test key.
+# recovery_code tool: usage errors, key generation and codes made from the build's own key.
 . "$(dirname "$0")/service_prefix.sh"
 
 # A private copy of the program, so its debug log is this test's own.
@@ -77,7 +77,7 @@ check "$deep/NorvaleHalvernService.exe" -h 0 usage
 
 tool=$NV_BIN_DIR/recovery_code.exe
 win() { local p=${1//\//\\}; printf 'Z:%s' "$p"; }  # Z: maps the Linux root
-key=$(win "$NV_SOURCE_DIR/tests/data/recovery_test_key.priv.hex")
+key=$(win "$NV_BIN_DIR/../recovery_key/build.priv.hex")  # the build's own pair
 guid=19487ca1-b523-4f5c-99a0-5e2aba76551a
 
 run "$tool"

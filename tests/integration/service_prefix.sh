@@ -48,9 +48,9 @@ install_service() {
 }
 
 # recovery_code: a code for this prefix's machine, valid through tomorrow (UTC), signed with the
-# tests' private key: what an administrator puts beside the emergency options to unlock them.
+# build's private key: what an administrator puts beside the emergency options to unlock them.
 recovery_code() {
-    local guid key=$NV_SOURCE_DIR/tests/data/recovery_test_key.priv.hex
+    local guid key=$NV_BIN_DIR/../recovery_key/build.priv.hex
     guid=$(wine reg query 'HKLM\SOFTWARE\Microsoft\Cryptography' /v MachineGuid </dev/null 2>/dev/null |
         tr -d '\r' | awk '$1 == "MachineGuid" { print $NF }')
     wine "$NV_BIN_DIR/recovery_code.exe" make "Z:${key//\//\\}" "$guid" "$(date -u -d tomorrow +%Y%m%d)" </dev/null 2>/dev/null |

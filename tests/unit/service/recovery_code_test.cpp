@@ -63,7 +63,7 @@ TEST(RecoveryCode, OnlyAnUnexpiredCodeSignedForThisMachineIsAccepted) {
 TEST(RecoveryCode, TheServiceAcceptsCodesOfTheKeyItWasBuiltWith) {
     nv_test::log_capture log;
     const std::string code = make_code(nv::machine_id(), "20991231");
-    // The default build carries the tests' key; a build with another key refuses test codes.
+    // A build that names no key carries its own pair's public half; one with a vendor key refuses these codes.
     const bool test_key = nv::recovery_public_key_size == sizeof(nv_test::recovery_test_public_key) &&
                           memcmp(nv::recovery_public_key, nv_test::recovery_test_public_key,
                                  nv::recovery_public_key_size) == 0;
