@@ -10,6 +10,7 @@
 #include <string>
 
 #include "mcl/mswin/unique_handle.h"
+#include "quarantine/quarantine_store.h"
 #include "service/process_protection.h"
 #include "service/regkey_protection.h"
 
@@ -19,7 +20,7 @@
 // attached-volume table has no lock: only the folder rules and the volume detach use it, and
 // those run on the IPC event thread or on the service thread outside the listen loop, one at a
 // time.
-class driver_link final : public reg_key_driver, public folder_driver {
+class driver_link final : public reg_key_driver, public folder_driver, public quarantine_driver {
 public:
     using driver_port = mcl::mswin::unique_kernel_handle;
 
@@ -68,7 +69,7 @@ public:
     // applications, and on Windows 8 / Server 2012 the service manager's image.
     static void loadTrustedOpenApps();
 
-    // The driver as the key, process and folder protection see it.
+    // The driver as the key, process and folder protection and the quarantine store see it.
     mcl::mswin::unique_kernel_handle open_port() override { return openDriverPort(); }
     void send_key_rule(HANDLE port, const std::wstring& kernel_path, bool remove) override {
         drvProtectRegKey(port, kernel_path, remove);

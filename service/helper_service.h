@@ -285,13 +285,10 @@ private:
     // Registry key protection: the key table, driven through the command port.
     reg_key_protection reg_keys_{link_, regkey_protection_enabled_};
 
-    // The quarantine store: the containers and blocked files, with the folder rules, the DACL
-    // operations and the process killer of the core (service/quarantine_handlers.cpp).
-    class quarantine_services final : public quarantine_driver, public quarantine_security, public file_users {
+    // The quarantine store: the containers and blocked files, with the driver link's folder rules
+    // and the DACL operations and process killer of the core (service/quarantine_handlers.cpp).
+    class quarantine_services final : public quarantine_security, public file_users {
     public:
-        explicit quarantine_services(chelperservice& core) : core_(core) {}
-        mcl::mswin::unique_kernel_handle open_port() override;
-        void send_folder_rule(HANDLE port, const std::wstring& path, bool remove, bool block) override;
         DWORD get_file_dacl(const std::wstring& path, mcl::mswin::security_descriptor& descriptor) override;
         DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override;
         bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
@@ -299,10 +296,7 @@ private:
         bool restorePathPermissions(const std::wstring& path, const char* sddl) override;
         const char* default_folder_sddl() override;
         void kill_processes_of(const std::string& path) override;
-
-    private:
-        chelperservice& core_;
     };
-    quarantine_services quarantine_services_{*this};
-    quarantine_store quarantine_{quarantine_services_, quarantine_services_, quarantine_services_};
+    quarantine_services quarantine_services_;
+    quarantine_store quarantine_{link_, quarantine_services_, quarantine_services_};
 };

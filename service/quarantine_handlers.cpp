@@ -16,13 +16,6 @@ constexpr const char* already_quarantined = "The file has already been quarantin
 
 }  // namespace
 
-mcl::mswin::unique_kernel_handle chelperservice::quarantine_services::open_port() { return openDriverPort(); }
-
-void chelperservice::quarantine_services::send_folder_rule(HANDLE port, const std::wstring& path, bool remove,
-                                                           bool block) {
-    core_.drvProtectFolder(port, path, remove, block);
-}
-
 DWORD chelperservice::quarantine_services::get_file_dacl(const std::wstring& path,
                                                          mcl::mswin::security_descriptor& descriptor) {
     return object_security::current().get_file_dacl(path, descriptor);

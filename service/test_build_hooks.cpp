@@ -47,12 +47,6 @@ namespace {
 using mcl::mswin::security_descriptor;
 using mcl::mswin::unique_kernel_handle;
 
-std::string upper(std::string text) {
-    for (char& c : text)
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-    return text;
-}
-
 // "type;flags;mask;sid" for each ACE, separated by blanks.
 std::string ace_list(PACL dacl) {
     std::string out;
@@ -151,7 +145,9 @@ private:
         return false;
     }
 
-    static std::string key(const char* kind, const std::string& object) { return std::string(kind) + "\t" + upper(object); }
+    static std::string key(const char* kind, const std::string& object) {
+        return std::string(kind) + "\t" + mcl::mswin::lower_case(object);
+    }
 
     void load() {
         FILE* f = fopen(journal_.c_str(), "rb");
@@ -215,7 +211,7 @@ private:
 
     std::string journal_;
     mcl::lock lock_;
-    std::map<std::string, std::string> dacls_;  // kind TAB upper-cased object -> SDDL (DACL or owner)
+    std::map<std::string, std::string> dacls_;  // kind TAB lower-cased object -> SDDL (DACL or owner)
 };
 
 constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
@@ -229,7 +225,7 @@ object_security* choose() {
         NV_LOG("object_security::current", "Object security is recorded to %s", journal.c_str());
         return new recorder(journal);
     }
-    return new object_security();
+    return nullptr;  // Windows' own
 }
 
 // One digest byte of the temporary `temp` changed when `source`'s file name is the one named.

@@ -76,8 +76,7 @@ check "$deep/NorvaleHalvernService.exe" -h 0 usage
 [ ! -e "$deep/nvhalvernservice.debug.log" ] || fail "a log was written despite the long path"
 
 tool=$NV_BIN_DIR/recovery_code.exe
-win() { local p=${1//\//\\}; printf 'Z:%s' "$p"; }  # Z: maps the Linux root
-key=$(win "$NV_BIN_DIR/../recovery_key/build.priv.hex")  # the build's own pair
+key=$(win "$recovery_key")
 guid=19487ca1-b523-4f5c-99a0-5e2aba76551a
 
 run "$tool"

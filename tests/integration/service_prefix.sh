@@ -47,13 +47,16 @@ install_service() {
     log=$nv/nvhalvernservice.debug.log
 }
 
+# win PATH: a Linux path as the Windows programs see it (Z: maps the Linux root).
+win() { local p=${1//\//\\}; printf 'Z:%s' "$p"; }
+recovery_key=$NV_BIN_DIR/../recovery_key/build.priv.hex  # the build's own pair
 # recovery_code: a code for this prefix's machine, valid through tomorrow (UTC), signed with the
 # build's private key: what an administrator puts beside the emergency options to unlock them.
 recovery_code() {
-    local guid key=$NV_BIN_DIR/../recovery_key/build.priv.hex
+    local guid
     guid=$(wine reg query 'HKLM\SOFTWARE\Microsoft\Cryptography' /v MachineGuid </dev/null 2>/dev/null |
         tr -d '\r' | awk '$1 == "MachineGuid" { print $NF }')
-    wine "$NV_BIN_DIR/recovery_code.exe" make "Z:${key//\//\\}" "$guid" "$(date -u -d tomorrow +%Y%m%d)" </dev/null 2>/dev/null |
+    wine "$NV_BIN_DIR/recovery_code.exe" make "$(win "$recovery_key")" "$guid" "$(date -u -d tomorrow +%Y%m%d)" </dev/null 2>/dev/null |
         tr -d '\r'
 }
 
