@@ -29,6 +29,12 @@ task() {  # task STAGE TASK [ARG]
     : >"$stage_root/$dir/nvhalvernservice.debug.log"
     [ -f "$stage_root/$dir/setup.exe" ] && runner=setup.exe
     run "C:\\stage\\$dir\\$runner" -proxy_task "$@"
+    # Exit code 1 is none of the task's own: with nothing in its debug log the program never ran
+    # (Wine lost the process before its first line). Said, and run once more.
+    if [ "$rc" -eq 1 ] && [ ! -s "$stage_root/$dir/nvhalvernservice.debug.log" ]; then
+        echo "note: $runner -proxy_task $* ended with 1 before its first log line: run again"
+        run "C:\\stage\\$dir\\$runner" -proxy_task "$@"
+    fi
 }
 product_file() { find "$product" -maxdepth 1 -iname "$1" 2>/dev/null | head -n 1; }
 expect_product_files() {  # expect_product_files LABEL PROGRAM-FILE [NAME]: INF, driver, that program, no .bak
