@@ -176,12 +176,17 @@ DWORD service_enforcement::service_enforce_thread::run() {
 
 void service_enforcement::enforce_one(const std::string& name) {
     constexpr const char* fn = "chelperservice::service_enforce_thread::run";
-    mcl::binary_t config;
-    if (!mcl::mswin::service::query_config(name.c_str(), config)) return;
+    // The one read of the configuration: the retry lifts and puts back the rule of this image,
+    // and an empty text in the driver's code 2 would remove every image rule it holds.
+    const std::wstring image = host_.service_image(name);
+    if (image.empty()) {
+        if (skipped_.insert(name).second) NV_LOG(fn, "Service %s has no readable image path, skipped", name.c_str());
+        return;
+    }
+    skipped_.erase(name);
     if (!needs_start(name)) return;
     NV_LOG(fn, "trying start service %s...", name.c_str());
     if (mcl::mswin::service::start(name.c_str())) return;
-    const std::wstring image = host_.service_image(name);
     unique_kernel_handle port = host_.open_port();
     if (!port) return;
     NV_LOG(fn, "retrying start service %s... without process protection", name.c_str());

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -63,12 +64,14 @@ public:
 
 private:
     // One service of a pass: started again when it is stopped; when that fails, once more with
-    // its image out of the driver's process protection. Enforcement thread.
+    // its image out of the driver's process protection. A service whose configuration gives no
+    // program path is skipped (logged once). Enforcement thread.
     void enforce_one(const std::string& name);
 
     enforcement_host& host_;
     const std::string own_name_;
     mcl::lock lock_;
     std::vector<std::string> list_;   // under lock_
+    std::set<std::string> skipped_;   // names logged as having no program path; enforcement thread
     service_enforce_thread thread_{*this};  // last: stopped before the list goes
 };
