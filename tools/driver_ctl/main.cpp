@@ -50,7 +50,7 @@ bool transact(const mcl::binary_t& request, mcl::binary_t& answer) {
         fprintf(stderr, "driver_ctl: no simulator (error %lu)\n", err);
         return false;
     }
-    err = vqr::sim::exchange(pipe.get(), request, answer);
+    err = vqr::sim::exchange(pipe.get(), request, answer, /*longest=*/64 * 1024 * 1024);
     if (err != ERROR_SUCCESS) {
         fprintf(stderr, "driver_ctl: the simulator did not answer (error %lu)\n", err);
         return false;

@@ -33,7 +33,7 @@ DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes) {
     return GetOverlappedResult(pipe, &ov, &bytes, /*wait=*/TRUE) ? ERROR_SUCCESS : GetLastError();
 }
 
-DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer) {
+DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t longest) {
     unique_kernel_handle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!done) return GetLastError();
     OVERLAPPED ov{};
@@ -41,13 +41,19 @@ DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer)
     DWORD bytes = 0;
     DWORD err = finish_io(pipe, WriteFile(pipe, request.data(), request.size(), nullptr, &ov), ov, bytes);
     if (err != ERROR_SUCCESS) return err;
-    // Every answer fits max_message: a longer one is not the simulator's.
-    std::vector<uint8_t> in(max_message);
-    ov = OVERLAPPED{};
-    ov.hEvent = done.get();
-    err = finish_io(pipe, ReadFile(pipe, in.data(), max_message, nullptr, &ov), ov, bytes);
-    if (err != ERROR_SUCCESS) return err == ERROR_MORE_DATA ? ERROR_INVALID_DATA : err;
-    answer.assign(in.data(), bytes);
+    // One answer is one pipe message, read a buffer at a time while the system says more is left.
+    std::vector<uint8_t> in;
+    size_t have = 0;
+    do {
+        if (have >= longest) return ERROR_INVALID_DATA;
+        in.resize(have + max_message);
+        ov = OVERLAPPED{};
+        ov.hEvent = done.get();
+        err = finish_io(pipe, ReadFile(pipe, in.data() + have, max_message, nullptr, &ov), ov, bytes);
+        have += bytes;
+    } while (err == ERROR_MORE_DATA);
+    if (err != ERROR_SUCCESS) return err;
+    answer.assign(in.data(), static_cast<uint32_t>(have));
     return ERROR_SUCCESS;
 }
 

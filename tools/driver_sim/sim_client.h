@@ -7,6 +7,7 @@
 
 #include "mcl/buffer.h"
 #include "mcl/mswin/unique_handle.h"
+#include "tools/driver_sim/sim_channel.h"
 
 namespace vqr::sim {
 
@@ -20,6 +21,8 @@ DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes);
 
 // Writes `request` as one message and reads the one message that answers it into `answer`.
 // The caller keeps other requests on `pipe` out meanwhile. Returns ERROR_SUCCESS or the Win32 error.
-DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer);
+// `longest`: the longest answer taken; a longer one fails with ERROR_INVALID_DATA. The port
+// operations' answers fit one pipe buffer; the control reports (state, journal) grow with the run.
+DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t longest = max_message);
 
 }  // namespace vqr::sim
