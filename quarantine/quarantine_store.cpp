@@ -112,7 +112,7 @@ void quarantine_store::loadqQuarantineContainers() {
     constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
     quarantine_containers_.clear();
     std::vector<std::string> names;
-    (void)mcl::mswin::reg::list_values(quarantine_containers_key, names);  // names over 255 characters are skipped
+    (void)mcl::mswin::reg::list_values(quarantine_containers_key, names);
     for (const std::string& name : names) {
         NV_LOG(fn, "Read quarantine containers: %s", name.c_str());
         send_blocking_rule(folder_of(name), /*remove=*/false);

@@ -355,7 +355,8 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
         return false;
     }
     std::vector<std::string> services{k_own_service};
-    if (entry.owner != k_own_service) services.push_back(entry.owner);
+    // No owner: the key is the product's own, granted to this service alone.
+    if (!entry.owner.empty() && entry.owner != k_own_service) services.push_back(entry.owner);
     for (const std::string& name : entry.services)
         if (name != k_own_service && name != entry.owner) services.push_back(name);
 
@@ -505,7 +506,7 @@ void reg_key_protection::loadProtectedRegKeys() {
             NV_LOG(fn, "Persisted reg key %s names no key, skipped", name.c_str());
             continue;
         }
-        if (!mcl::mswin::service::is_service_installed(saved.owner.c_str())) {
+        if (!saved.owner.empty() && !mcl::mswin::service::is_service_installed(saved.owner.c_str())) {
             NV_LOG(fn, "Owner service [%s] of reg key {%s} has been uninstalled, unprotect the key.",
                    saved.owner.c_str(), name.c_str());
             // The value goes only once the key has its DACL back: otherwise the next start tries again.

@@ -1,6 +1,8 @@
 // Registry values, enumeration and removal.
 #include "mcl/mswin/reg.h"
 
+#include <vector>
+
 #include "mcl/log.h"
 #include "mcl/mswin/unique_handle.h"
 
@@ -8,20 +10,21 @@ namespace mcl::mswin::reg {
 
 namespace {
 
-// RegEnumKeyA / RegEnumValueA over every index with a 256-byte name buffer, until the end or
-// the first failure other than a name too long for the buffer (ERROR_MORE_DATA, skipped). A
-// key deleted meanwhile (ERROR_KEY_DELETED) ends the list with what was read.
+// RegEnumKeyA / RegEnumValueA over every index, until the end or the first failure. The buffer
+// holds the longest value name the registry allows (key names are shorter still), so that every
+// name written can be read back. A key deleted meanwhile (ERROR_KEY_DELETED) ends the list with
+// what was read.
 template <typename Enumerate>
 bool collect_names(HKEY handle, std::vector<std::string>& names, Enumerate enumerate) {
+    constexpr DWORD longest_name = 16383;
     const size_t before = names.size();
+    std::vector<char> name(longest_name + 1);
     for (DWORD index = 0;; ++index) {
-        char name[256] = {};
-        const LONG rc = enumerate(handle, index, name, static_cast<DWORD>(sizeof(name)));
+        const LONG rc = enumerate(handle, index, name.data(), static_cast<DWORD>(name.size()));
         if (rc == ERROR_SUCCESS) {
-            names.emplace_back(name);
+            names.emplace_back(name.data());
             continue;
         }
-        if (rc == ERROR_MORE_DATA) continue;
         if (rc != ERROR_NO_MORE_ITEMS)
             NV_LOG("mcl::mswin::reg::collect_names", "Failed to enumerate a reg key at index %lu: %d",
                    static_cast<unsigned long>(index), static_cast<int>(rc));

@@ -227,6 +227,13 @@ run "$ctl" load
 given_back "NoDriver: original DACL back" "$t\\NoDriver"
 
 echo "== restart: client keys released while stopped, protected again from their records"
+# Also a key without an owner (the product's own) and one whose record name is over 255 characters.
+long="$t\\Long\\$(printf 'k%.0s' $(seq 200))\\$(printf 'm%.0s' $(seq 25))"
+protect "$ok" "1|$hklm|$t\\NoOwner||1|" "1|$hklm|$long|nv_owner_a|1|"
+again() {  # LABEL: both still protected after a restart
+    tree_is "$1: no owner" "$(protected_sddl 1 "$own_sid")" "$t\\NoOwner"
+    tree_is "$1: long path" "$lvl1_a" "$long"
+}
 stop
 tree_is "released while stopped" "$orig" "${lvl2_tree[@]}" "${lvl1_tree[@]}"
 has_value "$t\\Lvl2" || fail "Lvl2 record kept"
@@ -235,6 +242,7 @@ tree_is "level 2 again" "$lvl2" "${lvl2_tree[@]}"
 expect_eq "read and loaded" "1 1" "$(log_count "] - Read protected reg key: $(value_of "$t\\Lvl2")") $(
     log_count "] - Load protected reg key: $(value_of "$t\\Lvl2")")"
 given_back "level 2 restored after the restart" "$t\\Lvl2" "${lvl2_tree[@]}"
+again "first restart"
 
 echo "== an owner uninstalled while the service was stopped"
 stop
@@ -244,6 +252,9 @@ expect_eq "uninstalled owner line" 1 \
     "$(log_count "Owner service [nv_owner_b] of reg key {$(value_of "$t\\Lvl1")} has been uninstalled, unprotect the key.")"
 tree_is "level 1 given back" "$orig" "${lvl1_tree[@]}"
 has_value "$t\\Lvl1" && fail "Lvl1 value left"
+again "second restart"
+given_back "no owner" "$t\\NoOwner"
+given_back "long path" "$long"
 
 echo "== killed right after a protect"
 protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|"
