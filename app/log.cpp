@@ -83,6 +83,11 @@ log_file& the_log() {
 log_file::~log_file() { close(); }
 
 void log_file::close() {
+    std::lock_guard<std::mutex> guard(lock_);
+    close_locked();
+}
+
+void log_file::close_locked() {
     if (stream_ != nullptr) {
         fclose(stream_);
         stream_ = nullptr;
@@ -90,9 +95,14 @@ void log_file::close() {
 }
 
 bool log_file::open(const char* path, bool truncate) {
+    std::lock_guard<std::mutex> guard(lock_);
+    return open_locked(path, truncate);
+}
+
+bool log_file::open_locked(const char* path, bool truncate) {
     if (path == nullptr || strlen(path) > max_path) return false;
     path_ = path;
-    close();
+    close_locked();
     stream_ = open_shared(path, truncate);
     if (stream_ == nullptr) return false;
     const local_time t = now_local();
@@ -103,12 +113,40 @@ bool log_file::open(const char* path, bool truncate) {
 }
 
 bool log_file::write(const char* text) {
+    std::lock_guard<std::mutex> guard(lock_);
     if (stream_ == nullptr) return false;
     const local_time t = now_local();
     const int written = fprintf(stream_, "%04d/%02d/%02d %02d:%02d:%02d, %s\n", t.year, t.month, t.day,
                                 t.hour, t.minute, t.second, text);
     fflush(stream_);
+    if (past_limit()) roll();
     return written > 0;
+}
+
+bool log_file::past_limit() const {
+    // The file's own size: another process appending to it counts too.
+#if defined(_WIN32)
+    LARGE_INTEGER size{};
+    const HANDLE file = reinterpret_cast<HANDLE>(_get_osfhandle(_fileno(stream_)));
+    return file != INVALID_HANDLE_VALUE && GetFileSizeEx(file, &size) &&
+           static_cast<uint64_t>(size.QuadPart) > size_limit;
+#else
+    struct stat st;
+    return fstat(fileno(stream_), &st) == 0 && static_cast<uint64_t>(st.st_size) > size_limit;
+#endif
+}
+
+void log_file::roll() {
+    const std::string path = path_;
+    const std::string previous = previous_path();
+    close_locked();
+    // Renamed when it can be; otherwise emptied, so that the log stays bounded either way.
+#if defined(_WIN32)
+    (void)MoveFileExA(path.c_str(), previous.c_str(), MOVEFILE_REPLACE_EXISTING);
+#else
+    (void)rename(path.c_str(), previous.c_str());
+#endif
+    (void)open_locked(path.c_str(), /*truncate=*/true);
 }
 
 bool log_needs_truncate(const char* path) {

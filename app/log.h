@@ -2,12 +2,14 @@
 //
 // The program entry opens it once, on the main thread, before any other thread exists, and
 // then sets g_log; NV_LOG (mcl/log.h) writes here from then on. Any thread may log afterwards;
-// every entry is written with one formatted write and one flush on the shared stream, whose own
-// lock keeps lines whole.
+// every entry is written with one formatted write and one flush, under the log's lock. A file
+// that grows past 16 MiB while the process runs is renamed to the previous log (replacing the
+// one before) and a fresh file started, so the log never holds more than twice the limit.
 #pragma once
 
 #include <cstdint>
 #include <cstdio>
+#include <mutex>
 #include <string>
 
 #include "mcl/log.h"
@@ -27,14 +29,23 @@ public:
     // entries of several processes logging at once never overwrite one another. False for a
     // null path, a path over 260 characters or a failed open.
     bool open(const char* path, bool truncate);
-    // Writes one entry with the local date and time; false when no file is open.
+    // Writes one entry with the local date and time; false when no file is open. Past the size
+    // limit, the file becomes previous_path() and a new one is opened with its header.
     bool write(const char* text);
     void close();
 
     bool is_open() const { return stream_ != nullptr; }
     const std::string& path() const { return path_; }
+    // Where the log's previous file goes: the path with ".1" appended.
+    std::string previous_path() const { return path_ + ".1"; }
 
 private:
+    bool open_locked(const char* path, bool truncate);
+    void close_locked();
+    bool past_limit() const;
+    void roll();
+
+    std::mutex lock_;       // one entry, or a roll, at a time
     FILE* stream_ = nullptr;
     std::string path_;
 };

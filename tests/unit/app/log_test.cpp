@@ -85,6 +85,30 @@ TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
     }
 }
 
+// Past 16 MiB while running, the file becomes the previous log (an older one replaced) and the
+// next entry starts a new file with its header.
+TEST(Log, AFileThatGrowsPastSixteenMiBIsRolledOver) {
+    const std::string path = temp_path("roll.log"), previous = path + ".1";
+    std::ofstream(previous) << "older";
+    log_file log;
+    ASSERT_TRUE(log.open(path.c_str(), true));
+    const std::string block(1024 * 1024, 'x');
+    for (int i = 0; i < 15; ++i) ASSERT_TRUE(log.write(block.c_str()));
+    EXPECT_EQ("older", nv_test::file_text(previous));
+    ASSERT_TRUE(log.write(block.c_str()));  // over the limit now
+    ASSERT_TRUE(log.write("next"));
+    log.close();
+
+    const std::string old_text = nv_test::file_text(previous), new_text = nv_test::file_text(path);
+    EXPECT_GT(old_text.size(), 16u * 1024 * 1024);
+    EXPECT_EQ(std::string("x") + eol, old_text.substr(old_text.size() - 1 - strlen(eol)));
+    EXPECT_TRUE(std::regex_search(new_text, header));
+    EXPECT_EQ(std::string(", next") + eol, new_text.substr(new_text.size() - 6 - strlen(eol)));
+    EXPECT_LT(new_text.size(), 200u);
+    remove(path.c_str());
+    remove(previous.c_str());
+}
+
 TEST(Log, TwoThreadsLoggingAtOnceGiveWholeLines) {
     const std::string path = temp_path("threads.log");
     remove(path.c_str());
