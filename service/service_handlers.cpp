@@ -57,6 +57,7 @@ void chelperservice::loadProtectedService() {
     (void)mcl::mswin::reg::list_values(protected_services_key, names);
     std::vector<service_rule> rules;
     for (const std::string& name : names) {
+        if (name.find('\\') != std::string::npos) continue;  // a service's original DACL, not a service
         NV_LOG(fn, "Read protected service: %s", name.c_str());
         if (!mcl::mswin::service::is_service_installed(name.c_str())) continue;
         rules.push_back(service_rule{true, true, name});

@@ -3,6 +3,8 @@
 
 #include <shlwapi.h>
 
+#include <cstring>
+
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
@@ -84,7 +86,32 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
         return false;
     }
     unique_heap new_dacl(raw_new);
-    if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) return false;
+
+    // The records go first: a kill after the DACL write leaves a service that the next start
+    // protects again from its record, and whose original DACL an unprotect gives back. An
+    // original recorded by an earlier protect is the one from before that protect: kept.
+    std::string original;
+    const bool had_original = recorded_original_dacl(name, original);
+    if (!had_original) {
+        if (!descriptor.to_sddl(DACL_SECURITY_INFORMATION, original) ||
+            !mcl::mswin::reg::write_string(protected_services_key, original_dacl_value(name).c_str(), original)) {
+            NV_LOG(fn, "Original dacl of service %s could not be recorded, the dacl is left as it is", name.c_str());
+            return false;
+        }
+    }
+    uint32_t listed = 0;
+    const bool had_record = mcl::mswin::reg::read_dword(protected_services_key, name.c_str(), listed);
+    if (!had_record && !mcl::mswin::reg::write_dword(protected_services_key, name.c_str(), 1)) {
+        NV_LOG(fn, "Service %s could not be recorded, the dacl is left as it is", name.c_str());
+        if (!had_original) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, original_dacl_value(name).c_str());
+        return false;
+    }
+    if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) {
+        // Nothing changed: what this call recorded goes again.
+        if (!had_record) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, name.c_str());
+        if (!had_original) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, original_dacl_value(name).c_str());
+        return false;
+    }
 
     security_descriptor applied;
     if (security.get_service_dacl(name, applied) == ERROR_SUCCESS) (void)applied.to_sddl(DACL_SECURITY_INFORMATION, record.sddl);
@@ -95,7 +122,6 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
         record.imagePath = image;
         NV_LOG(fn, "Get service %s image path %ls", name.c_str(), image.c_str());
     }
-    if (!record.name.empty()) (void)mcl::mswin::reg::write_dword(protected_services_key, record.name.c_str(), 1);
     const std::string image_utf8 = mcl::mswin::to_utf8(record.imagePath);
     if (!image_utf8.empty()) (void)mcl::mswin::reg::write_dword(protected_processes_key, image_utf8.c_str(), 1);
 
@@ -107,11 +133,29 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
 
 bool service_protection::unprotectService(const service_record& record) {
     NV_LOG("chelperservice::unprotectService", "Trying to unprotect service (%s)\n", record.name.c_str());
+    // The DACL from before the first protect when it was recorded (the default service DACL for
+    // a service protected before originals were kept); the records go only once it is back.
+    std::string original;
+    const bool recorded = !record.name.empty() && recorded_original_dacl(record.name, original);
+    if (!object_security::current().set_service_sddl(record.name, recorded ? original.c_str() : default_service_sddl))
+        return false;
     enforcement_.remove(record.name);
-    if (!record.name.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, record.name.c_str());
+    if (!record.name.empty()) {
+        (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, record.name.c_str());
+        if (recorded) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key,
+                                          original_dacl_value(record.name).c_str());
+    }
     const std::string image_utf8 = mcl::mswin::to_utf8(record.imagePath);
     if (!image_utf8.empty()) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_processes_key, image_utf8.c_str());
-    return object_security::current().set_service_sddl(record.name, default_service_sddl);
+    return true;
+}
+
+bool service_protection::recorded_original_dacl(const std::string& name, std::string& sddl) {
+    mcl::binary_t data;
+    if (!mcl::mswin::reg::read_value(protected_services_key, original_dacl_value(name).c_str(), data)) return false;
+    sddl.assign(reinterpret_cast<const char*>(data.data()), data.size());
+    sddl.resize(strnlen(sddl.c_str(), sddl.size()));  // without the terminating null
+    return !sddl.empty();
 }
 
 std::vector<sid> service_protection::folder_sids(const std::wstring& folder, const sid& ownSid) {

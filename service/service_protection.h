@@ -23,6 +23,10 @@ public:
     };
     using service_rule = protocol::service_rule;
     static constexpr const char* protected_services_key = "Software\\Norvale\\NVClientHelper\\ProtectedServices";
+    // Beside each service's entry ("<name>" = 1) in protected_services_key, its DACL from before
+    // its first protect: "<name>\OriginalDacl" (REG_SZ, SDDL), what an unprotect writes back. No
+    // service name holds a backslash, so the two never meet.
+    static std::string original_dacl_value(const std::string& name) { return name + "\\OriginalDacl"; }
     static constexpr const char* protected_processes_key =
         "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedProcesses";
     static constexpr const char* default_service_sddl =
@@ -38,12 +42,14 @@ public:
     // The program path of a service's binary path: cut after the last double quote, quotes
     // removed (an unquoted path keeps its arguments). Empty when the configuration is unreadable.
     static std::wstring service_image_path(const std::string& name);
-    // Replaces the service's DACL (own SID and the service's SID in full), records and persists it
-    // and, unless the service is stopped, puts it on the enforcement list. Fills sddl, sid,
-    // imagePath of `record`.
+    // Records the service (and its original DACL) first, then replaces its DACL (own SID and the
+    // service's SID in full) and, unless the service is stopped, puts it on the enforcement list.
+    // Fills sddl, sid, imagePath of `record`. False, with nothing changed, when a record or the
+    // DACL cannot be written.
     bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
-    // Takes the service off the enforcement list and the persisted lists and writes the default
-    // service DACL back; the result is that of the write.
+    // Writes the service's original DACL back (the default service DACL when none was recorded);
+    // only then takes it off the enforcement list and the persisted lists. The result is that of
+    // the DACL write.
     bool unprotectService(const service_record& record);
 
     // The service half of a rule list. `apply_rule`: one named rule, protecting or unprotecting
@@ -61,6 +67,8 @@ public:
     const std::map<std::string, service_record>& services() const { return protected_services_; }
 
 private:
+    static bool recorded_original_dacl(const std::string& name, std::string& sddl);
+
     service_enforcement& enforcement_;
     const bool& enabled_;
     std::map<std::string, service_record> protected_services_;

@@ -8,9 +8,11 @@ set -uo pipefail
 default_folder='D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;SDGXGWGR;;;AU)'
 restored_folder=${default_folder/D:AI/D:}  # written back unprotected: the parent's entries flow in again
 default_service='D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)'
+own_service=${default_service/;;CCLCSWLOCRRC;;;IU/;;CCLCSWRPLOCRRC;;;IU}  # interactive users may start it
+services_key='HKLM\Software\Norvale\NVClientHelper\ProtectedServices'
 procs='HKLM\System\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
 persisted() {  # LABEL WANT SERVICE [FOLDER]: reg query's exit code for the service (and C:\prot\FOLDER's image)
-    run reg query 'HKLM\Software\Norvale\NVClientHelper\ProtectedServices' /v "$3"; expect_eq "$1" "$2" "$rc"
+    run reg query "$services_key" /v "$3"; expect_eq "$1" "$2" "$rc"
     [ $# -lt 4 ] && return
     run reg query "$procs" /v "C:\\prot\\$4\\nv_test_service.exe"; expect_eq "$1: image" "$2" "$rc"
 }
@@ -25,7 +27,8 @@ mkdir -p "$drive_c/prot/app" "$drive_c/prot/other"
 {
     printf 'file\tC:\\prot\\app\tD:AI(A;OICIID;FA;;;BA)(A;OICIID;0x101f01ff;;;SY)(A;OICIID;0x1200a9;;;BU)(A;OICIIOID;GA;;;CO)\n'
     printf 'file\tC:\\nv\t%s\n' "$default_folder"
-    for s in $svc nv_test_svc nv_test_auto; do printf 'service\t%s\t%s\n' "$s" "$default_service"; done
+    for s in $svc nv_test_auto; do printf 'service\t%s\t%s\n' "$s" "$default_service"; done
+    printf 'service\tnv_test_svc\t%s\n' "$own_service"
 } >"$journal"
 install_with_recorder
 expect_eq "install" 0 "$rc"
@@ -83,6 +86,7 @@ expect_eq "service image rules" "$(msgs "1 command C:\\prot\\svc\\nv_test_servic
 recorded file 'C:\prot\svc' | cut -f 2 | grep -q "^A;0x03;0x101F01FF;$own_sid A;0x03;0x101F01FF;$svc_sid " ||
     fail "service folder: own SID, then the service's: $(recorded file 'C:\prot\svc')"
 persisted "service and image persisted" 0 nv_test_svc svc
+expect_eq "its DACL from before, recorded beside it" "REG_SZ $own_service" "$(reg_value "$services_key" 'nv_test_svc\OriginalDacl')"
 mark
 answers "protect again: nothing to do" "$ok" protect-services svc=1 proc=1 name=nv_test_svc
 expect_eq "protect again: nothing sent" "" "$(sent)"
@@ -150,9 +154,10 @@ persisted "recovered service and its image no longer persisted" 1 nv_test_auto a
 echo "== unprotect a service"
 mark
 answers "unprotect nv_test_svc" "$ok" protect-services svc=0 proc=0 name=nv_test_svc
-expect_eq "service DACL default" "$default_service" "$(recorded service nv_test_svc | cut -f 1)"
+expect_eq "service DACL from before given back" "$own_service" "$(recorded service nv_test_svc | cut -f 1)"
 expect_eq "image and folder released" "$(msgs "2 command C:\\prot\\svc\\nv_test_service.exe" "8 command $device\\prot\\svc")" "$(sent)"
 persisted "service and image unpersisted" 1 nv_test_svc svc
+expect_eq "its DACL record gone" "" "$(reg_value "$services_key" 'nv_test_svc\OriginalDacl')"
 
 echo "== driver unreachable: protect fails, unprotect keeps the entry, a service's image is forced off"
 answers "protect f.exe" "$ok" protect-processes protect=1 image='C:\prot\other\f.exe'
