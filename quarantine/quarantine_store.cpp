@@ -95,13 +95,16 @@ bool quarantine_store::removeQuarantineContainer(const std::string& path, uint32
         return false;
     }
     if (!emptied) return false;
-    const std::wstring folder = folder_of(path);
-    send_blocking_rule(folder, /*remove=*/true);
-    (void)security_.restorePathPermissions(folder, security_.default_folder_sddl());
+    // The folder goes first: one that stays (a file held open, a file that is no archive) keeps
+    // its rule, its DACL and its registration, and the request fails.
     if (!RemoveDirectoryA(path.c_str())) {
-        NV_LOG(fn, "Unable to remove quarantine container folder <%s>, error: %d", path.c_str(),
-               static_cast<int>(GetLastError()));
+        const DWORD err = GetLastError();
+        if (err != ERROR_FILE_NOT_FOUND && err != ERROR_PATH_NOT_FOUND) {
+            NV_LOG(fn, "Unable to remove quarantine container folder <%s>, error: %d", path.c_str(), static_cast<int>(err));
+            return false;
+        }
     }
+    send_blocking_rule(folder_of(path), /*remove=*/true);
     quarantine_containers_.erase(path);
     (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, quarantine_containers_key, path.c_str());
     (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_folders_key, path.c_str());
@@ -114,6 +117,12 @@ void quarantine_store::loadqQuarantineContainers() {
     std::vector<std::string> names;
     (void)mcl::mswin::reg::list_values(quarantine_containers_key, names);
     for (const std::string& name : names) {
+        // Only what a create request would have accepted.
+        if (!is_container_path(name)) {
+            NV_LOG(fn, "Persisted quarantine container (%d characters) is not a container path, skipped",
+                   static_cast<int>(name.size()));
+            continue;
+        }
         NV_LOG(fn, "Read quarantine containers: %s", name.c_str());
         send_blocking_rule(folder_of(name), /*remove=*/false);
         quarantine_containers_.insert(name);

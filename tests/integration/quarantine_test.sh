@@ -226,13 +226,16 @@ answers "blk2 unblocked" "$(said 1 no)" is-file-access-blocked name='c:\data\blk
 
 echo "== restart: containers and blocked files come back"
 run reg add "$qkey" /v "c:\\$(printf 'z%.0s' $(seq 1 300))\\" /t REG_DWORD /d 1 /f
+long_container="c:\\$(printf 'y%.0s' $(seq 1 254))\\"  # 258 characters: within what a create takes
+answers "a long container" "$ok" create-quarantine-container path="$long_container"
 stop_service
 mark
 start_service
 expect_eq "reload logged" 1 "$(log_count 'Read quarantine containers: c:\q\')"
 expect_eq "over-long name skipped" 0 "$(log_count 'Read quarantine containers: c:\zzz')"
-expect_eq "code 9 re-sent" "9 command $device\\q" "$(sent | grep '^9 ')"
-answers "containers after restart" "$(items container 'c:\q\')" get-quarantine-containers
+expect_eq "code 9 re-sent" "$(printf '9 command %s\n' "$device\\q" "$device\\${long_container:3:254}")" "$(sent | grep '^9 ')"
+answers "containers after restart" "$(items container 'c:\q\' "$long_container")" get-quarantine-containers
+answers "long container removed" "$ok" remove-quarantine-container action=1 path="$long_container"
 answers "blocked after restart" "$(said 1 yes)" is-file-access-blocked name='c:\data\blk.txt'
 mark
 answers "unblock after restart" "$ok" unblock-file-access name='c:\data\blk.txt'
@@ -250,6 +253,10 @@ answers "restore-remove with a failed restore" "$refused" remove-quarantine-cont
 answers "container kept" "$(items container 'c:\q\' 'c:\r\')" get-quarantine-containers
 expect_eq "value kept" "REG_DWORD 0x1" "$(reg_value "$qkey" 'c:\r\')"
 expect_eq "rule kept" "" "$(new_rules)"
+echo stray >"$drive_c/r/stray.txt"
+answers "delete-remove, a stray file in the folder" "$refused" remove-quarantine-container action=1 path='C:\R'
+expect_eq "folder, value and rule kept" "1 REG_DWORD 0x1 " "$(ls "$drive_c/r" | wc -l) $(reg_value "$qkey" 'c:\r\') $(new_rules)"
+rm "$drive_c/r/stray.txt"
 answers "delete-remove" "$ok" remove-quarantine-container action=1 path='C:\R'
 [ ! -e "$drive_c/r" ] || fail "container folder left"
 expect_eq "delete-remove: code 10" "10 command $device\\r" "$(new_rules)"
