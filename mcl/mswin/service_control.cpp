@@ -10,6 +10,9 @@ namespace mcl::mswin {
 
 namespace {
 
+constexpr DWORD start_poll_ms = 100;
+constexpr DWORD start_progress_ms = 10000;
+
 constexpr DWORD manager_read_access =
     GENERIC_READ | SC_MANAGER_CONNECT | SC_MANAGER_ENUMERATE_SERVICE | SC_MANAGER_LOCK | SC_MANAGER_QUERY_LOCK_STATUS;
 
@@ -92,11 +95,27 @@ bool service::start(const char* name, DWORD argc, const char** argv) {
         NV_LOG("mcl::mswin::service::start", "StartService failed (%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
+    // Polled while start pending. A service whose checkpoint does not move for its wait hint (at
+    // least start_progress_ms) has hung in its start: given up, so that no caller waits forever.
     SERVICE_STATUS status{};
     status.dwCurrentState = SERVICE_START_PENDING;
-    do {
-        Sleep(1000);
-    } while (QueryServiceStatus(svc.get(), &status) && status.dwCurrentState == SERVICE_START_PENDING);
+    DWORD checkpoint = 0;
+    DWORD since = GetTickCount();
+    for (;;) {
+        Sleep(start_poll_ms);
+        if (!QueryServiceStatus(svc.get(), &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
+        if (status.dwCheckPoint != checkpoint) {
+            checkpoint = status.dwCheckPoint;
+            since = GetTickCount();
+            continue;
+        }
+        const DWORD limit = status.dwWaitHint > start_progress_ms ? status.dwWaitHint : start_progress_ms;
+        if (GetTickCount() - since > limit) {
+            NV_LOG("mcl::mswin::service::start", "Service is still start pending, without progress for %lu ms\n",
+                   static_cast<unsigned long>(limit));
+            break;
+        }
+    }
     if (status.dwCurrentState != SERVICE_RUNNING) {
         NV_LOG("mcl::mswin::service::start", "Service is in a wrong state (%d)\n",
                static_cast<int>(status.dwCurrentState));

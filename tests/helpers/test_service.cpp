@@ -1,9 +1,10 @@
 // A service for the protection tests to protect, kill, start and stop:
-//   nv_test_service [ignore-stop | exit-on-stop]
+//   nv_test_service [ignore-stop | exit-on-stop | stuck-starting]
 // Runs under whatever name it was installed with; writes its process identifier to <name>.pid and
 // its start arguments, one a line, to <name>.args beside the executable. ignore-stop accepts the
 // stop control and goes on running. exit-on-stop denies everyone the right to terminate its
 // process and ends it on the stop control without reporting the stop (a process that vanishes).
+// stuck-starting reports start pending (a 2-second wait hint, one checkpoint) and nothing more.
 #include <windows.h>
 
 #include <aclapi.h>
@@ -25,6 +26,10 @@ void report(DWORD state) {
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = state;
     status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
+    if (state == SERVICE_START_PENDING) {
+        status.dwCheckPoint = 1;
+        status.dwWaitHint = 2000;
+    }
     SetServiceStatus(g_status, &status);
 }
 
@@ -51,7 +56,7 @@ void WINAPI service_main(DWORD argc, char** argv) {
     if (g_status == nullptr || argc == 0) return;
     write_beside(argv[0], ".pid", 0, argv, GetCurrentProcessId());
     if (argc > 1) write_beside(argv[0], ".args", argc, argv, 0);
-    report(SERVICE_RUNNING);
+    report(strcmp(g_mode, "stuck-starting") == 0 ? SERVICE_START_PENDING : SERVICE_RUNNING);
     WaitForSingleObject(g_stop, INFINITE);
     report(SERVICE_STOPPED);
 }

@@ -75,7 +75,9 @@ answers "empty listing" count=0 query-protected-processes
 
 echo "== services"
 for s in nv_test_svc:svc:demand nv_test_auto:auto:auto nv_fragile:fragile:demand nv_args_svc:args:demand \
-    nv_stubborn:stubborn:demand:ignore-stop nv_vanishing:vanishing:demand:exit-on-stop; do install_test_service ${s//:/ }; done
+    nv_stubborn:stubborn:demand:ignore-stop nv_vanishing:vanishing:demand:exit-on-stop nv_stuck:stuck:demand:stuck-starting; do
+    install_test_service ${s//:/ }
+done
 for s in nv_test_svc nv_fragile nv_stubborn nv_vanishing; do run sc start $s && wait_svc_state $s 0; done
 svc_sid=$(service_sid nv_test_svc)
 mark
@@ -130,6 +132,11 @@ echo "== service control requests"
 answers "start with arguments" "$ok" start-service name=nv_args_svc arg=alpha arg='beta gamma'
 expect_eq "arguments" "$(msgs alpha 'beta gamma')" "$(tr -d '\r' <"$drive_c/prot/args/nv_args_svc.args" 2>/dev/null)"
 answers "start a running service" "$started" start-service name=nv_args_svc
+t0=$(date +%s)
+answers "start a service that hangs in start pending" "$refused" start-service name=nv_stuck
+echo "start given up after $(($(date +%s) - t0)) s"
+expect_eq "given up without progress" 1 "$(log_count 'Service is still start pending, without progress for 10000 ms')"
+run taskkill /F /PID "$(pid_of stuck nv_stuck)"
 answers "stop" "$ok" stop-service-by-name name=nv_args_svc
 expect_eq "stopped" 252 "$(svc_state nv_args_svc)"
 answers "stop a stopped service" "$(said 1 "Service has already been stopped.")" stop-service-by-name name=nv_args_svc
