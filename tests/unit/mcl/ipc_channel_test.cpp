@@ -69,6 +69,41 @@ TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
     }
 }
 
+// The connecting end lets the server identify it but never act as it, and a server check sees
+// who serves both pipes before anything is sent: a refused pair is closed unused.
+TEST(IpcChannel, AClientAsksForIdentificationOnlyAndItsServerCheckDecidesBeforeAnythingIsSent) {
+    const std::string name = nv_test::unique_name("nv_channel");
+    const std::string base = "Global\\" + name;
+    const mcl::mswin::unique_kernel_handle mutex(CreateMutexA(nullptr, FALSE, (base + "_MTX_CONNECTING").c_str()));
+    mcl::event signalled;
+    ASSERT_EQ(0, signalled.create((base + "_EV_CONNECTED").c_str()));
+    no_handler handler;
+    mcl::ipc_peer client("", &handler);
+    for (bool accept : {false, true}) {
+        connection_ptr server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+        ASSERT_TRUE(server->open((mcl::ipc_channel::pipe_prefix + name).c_str()));
+        ASSERT_TRUE(server->reader().listen() && server->writer().listen());
+        DWORD seen = 0;
+        EXPECT_EQ(accept, client.connect(name.c_str(), 10000, [&](const mcl::ipc_connection& c) {
+            seen = c.server_process_id();
+            return accept;
+        }));
+        EXPECT_EQ(GetCurrentProcessId(), seen) << accept;
+        ASSERT_EQ(accept ? 1u : 0u, client.connections().size());
+        if (!accept) {
+            std::vector<mcl::binary_t> received;
+            EXPECT_FALSE(next_frame(*server, received));
+            continue;
+        }
+        const connection_ptr c = client.connections().front();
+        for (mcl::ipc_channel* ch : {static_cast<mcl::ipc_channel*>(&c->reader()), static_cast<mcl::ipc_channel*>(&c->writer())})
+            EXPECT_EQ(static_cast<DWORD>(SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION),
+                      ch->requested_open_mode() & (SECURITY_SQOS_PRESENT | SECURITY_CONTEXT_TRACKING |
+                                                   SECURITY_EFFECTIVE_ONLY | SECURITY_DELEGATION));
+    }
+    client.close();
+}
+
 TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
     const std::string path = mcl::ipc_channel::pipe_prefix + nv_test::unique_name("nv_channel");
     for (bool first : {true, false}) {
