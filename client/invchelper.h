@@ -116,6 +116,9 @@ public:
     virtual bool is_stopped() = 0;
     // Starts the service when it is installed but not running, then connects within `timeout_ms`.
     // False without any attempt when the service is not installed; true at once when connected.
+    // Before anything is sent, the process serving the service's pipes must be the service: the
+    // process the service manager runs it in or, for a console run, a program in the folder of
+    // the service's registered program. Any other is refused (logged; see connectError).
     virtual bool connect(int timeout_ms) = 0;
     // Asks the service to stop (no reply).
     virtual bool request_stop() = 0;
@@ -207,5 +210,8 @@ void releaseHelper(invchelper* helper);
 // The IPC protocol version that proto_compatible learned: 0 before it has succeeded, and for a
 // pointer that createHelper did not return.
 uint32_t protocolVersion(const invchelper* helper);
+// Why the last connect refused the process serving the service's pipes; empty when it did not
+// (also when it failed for another reason) and for a pointer that createHelper did not return.
+std::string connectError(const invchelper* helper);
 
 }  // namespace NVClientHelper

@@ -2,7 +2,9 @@
 // protocol gates and one request per method.
 #include "client/nvchelper.h"
 
+#include <cctype>
 #include <cstdio>
+#include <cstring>
 #include <utility>
 
 #include "client/request_codec.h"
@@ -15,6 +17,33 @@
 
 using NVClientHelper::result;
 namespace codec = nvclient_codec;
+
+namespace {
+
+// The folder of the service's registered program (its binary path without arguments, up to the
+// last backslash); empty when the service's configuration cannot be read.
+std::string program_folder(const char* service_name) {
+    mcl::binary_t config;
+    if (!mcl::mswin::service::query_config(service_name, config) || config.size() < sizeof(QUERY_SERVICE_CONFIGA))
+        return {};
+    const auto* record = reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data());
+    if (record->lpBinaryPathName == nullptr) return {};
+    // "C:\...\x.exe" args, or an unquoted C:\...\x.exe args: the program ends at its closing
+    // quote or after ".exe".
+    std::string program = record->lpBinaryPathName;
+    if (!program.empty() && program[0] == '"') {
+        program = program.substr(1, program.find('"', 1) - 1);
+    } else {
+        std::string lower = program;
+        for (char& c : lower) c = static_cast<char>(tolower(static_cast<unsigned char>(c)));
+        const size_t exe = lower.find(".exe");
+        if (exe != std::string::npos) program.resize(exe + 4);
+    }
+    const size_t slash = program.rfind('\\');
+    return slash == std::string::npos ? std::string() : program.substr(0, slash);
+}
+
+}  // namespace
 
 nvchelper::nvchelper() : mcl::ipc_peer(own_peer_name, &agent_), agent_(this) {}
 
@@ -42,6 +71,7 @@ bool nvchelper::connect(int timeout_ms) {
     if (!is_installed()) return false;
     // A second connection would leave the object unable to send: requests need exactly one.
     if (the_connection()) return true;
+    connect_error_.clear();
     DWORD state = 0;
     if (!mcl::mswin::service::query_state(service_name, state) || state != SERVICE_RUNNING) {
         // Whatever the state was, and whether or not the start works: the service may be on its
@@ -49,7 +79,26 @@ bool nvchelper::connect(int timeout_ms) {
         (void)mcl::mswin::service::start(service_name);
         Sleep(100);
     }
-    return mcl::ipc_peer::connect(service_name, timeout_ms);
+    return mcl::ipc_peer::connect(service_name, timeout_ms,
+                                  [this](const mcl::ipc_connection& connection) { return served_by_service(connection); });
+}
+
+bool nvchelper::served_by_service(const mcl::ipc_connection& connection) {
+    const DWORD pid = connection.server_process_id();
+    SERVICE_STATUS_PROCESS status{};
+    if (pid != 0 && mcl::mswin::service::query_status_ex(service_name, status) && status.dwProcessId == pid) return true;
+    const std::string image = pid != 0 ? mcl::ipc_connection::process_image(pid) : std::string();
+    const size_t slash = image.rfind('\\');
+    const std::string folder = program_folder(service_name);
+    if (slash != std::string::npos && !folder.empty() && _stricmp(image.substr(0, slash).c_str(), folder.c_str()) == 0)
+        return true;
+    char text[MAX_PATH * 3 + 160];
+    snprintf(text, sizeof text, "The pipe (\"%s%s\") is served by process %lu (%s), not by the protection service",
+             mcl::ipc_channel::pipe_prefix, service_name, static_cast<unsigned long>(pid),
+             image.empty() ? "image unknown" : image.c_str());
+    NV_LOG("nvchelper::connect", "%s", text);
+    connect_error_ = text;
+    return false;
 }
 
 bool nvchelper::request_stop() {
@@ -428,4 +477,9 @@ void NVClientHelper::releaseHelper(invchelper* helper) {
 uint32_t NVClientHelper::protocolVersion(const invchelper* helper) {
     const nvchelper* object = dynamic_cast<const nvchelper*>(helper);
     return object != nullptr ? object->protocol_version() : 0;
+}
+
+std::string NVClientHelper::connectError(const invchelper* helper) {
+    const nvchelper* object = dynamic_cast<const nvchelper*>(helper);
+    return object != nullptr ? object->connect_error() : std::string();
 }

@@ -95,6 +95,8 @@ public:
 
     // 0 until proto_compatible has succeeded.
     uint32_t protocol_version() const { return protocol_version_; }
+    // Why the last connect(int) refused the process serving the pipes; empty otherwise.
+    const std::string& connect_error() const { return connect_error_; }
 
 private:
     // The gate of a method that needs protocol `minimum`: false (with the reason in `r`) while
@@ -124,6 +126,13 @@ private:
                               const std::string& file_path, uint8_t major_function, uint8_t minor_function,
                               uint32_t type, result* r);
 
+    // The check connect(int) puts on the service's pipes: true when the process serving them
+    // is the service's (the manager's process id for the service, or a program whose image lies
+    // in the folder of the service's registered program, as a console run is); otherwise false,
+    // with the reason logged and kept in connect_error_.
+    bool served_by_service(const mcl::ipc_connection& connection);
+
     agent_msg_handler agent_;
     uint32_t protocol_version_ = 0;
+    std::string connect_error_;
 };

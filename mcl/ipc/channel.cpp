@@ -64,9 +64,10 @@ bool ipc_channel::create(const char* pipe_path, bool first_instance) {
     }
 
     const DWORD access = direction_ == read_direction ? GENERIC_READ : GENERIC_WRITE;
+    // Whoever serves the pipe may learn who this client is, never act as it.
+    requested_open_mode_ = FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
     for (;;) {
-        HANDLE h = CreateFileA(name.c_str(), access, /*share=*/0, nullptr, OPEN_EXISTING,
-                               FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING, nullptr);
+        HANDLE h = CreateFileA(name.c_str(), access, /*share=*/0, nullptr, OPEN_EXISTING, requested_open_mode_, nullptr);
         if (h != INVALID_HANDLE_VALUE) {
             pipe_ = h;
             // The set event makes the I/O thread run the channel once at once.
@@ -409,6 +410,26 @@ ipc_connection::~ipc_connection() {
 }
 
 bool ipc_connection::open(const char* pipe_path) { return reader_.create(pipe_path) && writer_.create(pipe_path); }
+
+DWORD ipc_connection::server_process_id() const {
+    ULONG reads = 0;   // the server writing into "_OUTBOUND", whose frames this end reads
+    ULONG writes = 0;  // the server reading "_INBOND", which gets this end's requests
+    if (!reader_.is_open() || !writer_.is_open() || !GetNamedPipeServerProcessId(reader_.pipe_handle(), &reads) ||
+        !GetNamedPipeServerProcessId(writer_.pipe_handle(), &writes)) {
+        const DWORD err = GetLastError();
+        NV_LOG("mcl::ipc_connection::server_process_id",
+               "Failed to get the server process ids of the pipes of a connection, error: [%d:%s]",
+               static_cast<int>(err), error_text(err).c_str());
+        return 0;
+    }
+    if (reads != writes) {
+        NV_LOG("mcl::ipc_connection::server_process_id",
+               "The pipes of a connection are served by two processes (%lu writes \"_OUTBOUND\", %lu reads \"_INBOND\")",
+               static_cast<unsigned long>(reads), static_cast<unsigned long>(writes));
+        return 0;
+    }
+    return reads;
+}
 
 void ipc_connection::learn_client() {
     ULONG pid = 0;

@@ -58,8 +58,8 @@ public:
     bool is_open() const { return pipe_ != nullptr; }
     HANDLE pipe_handle() const { return pipe_; }
     bool connected() const { return connected_; }
-    // What the last create asked CreateNamedPipe for (listening end; 0 before): the system
-    // does not report every flag back on the handle.
+    // What the last create asked CreateNamedPipe (listening end) or CreateFile (connecting end:
+    // its flags) for; 0 before. The system does not report every flag back on the handle.
     DWORD requested_open_mode() const { return requested_open_mode_; }
     DWORD requested_pipe_mode() const { return requested_pipe_mode_; }
 
@@ -180,6 +180,9 @@ public:
     // sets them before it reads the first frame; handlers may read them.
     DWORD client_process_id() const { return client_process_id_; }
     const std::string& client_image() const { return client_image_; }
+    // Connecting end: the process serving both pipes; 0 (logged) when the system will not tell
+    // or two processes serve them. Any thread.
+    DWORD server_process_id() const;
     // Asks the system who is on the other end of the read pipe. The read thread only.
     void learn_client();
     // The image path of a process, empty when the system will not tell.

@@ -244,7 +244,7 @@ int ipc_peer::handle_event(ipc_event& e) {
 // ---------------------------------------------------------------------------------------------
 // Connections
 
-bool ipc_peer::connect(const char* name, int timeout_ms) {
+bool ipc_peer::connect(const char* name, int timeout_ms, const server_check& check) {
     if (name == nullptr) return false;
     const std::string pipe_path = std::string(ipc_channel::pipe_prefix) + name;
     start();
@@ -302,7 +302,7 @@ bool ipc_peer::connect(const char* name, int timeout_ms) {
     SetEvent(connected);
     CloseHandle(connected);
     (void)connecting.release();
-    if (!opened_pipes) return false;
+    if (!opened_pipes || (check && !check(*connection))) return false;
 
     scoped_lock guard(list_lock_);
     add_connection_locked(connection);

@@ -14,6 +14,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -107,8 +108,12 @@ public:
     // only when one client process holds both its pipes; one that a client took only in part
     // (seen at its signal, or twice by the 500 ms check) is closed before the next is made.
     void serve_until(HANDLE stop);
+    // Decides whether the process serving a freshly opened connection is the one the caller
+    // means to talk to; called before anything is sent or read on it.
+    using server_check = std::function<bool(const ipc_connection& connection)>;
     // Connecting side: the handshake with the listener of `name`, then one more connection.
-    virtual bool connect(const char* name, int timeout_ms);
+    // With `check`, a connection it refuses is closed unused and connect fails.
+    virtual bool connect(const char* name, int timeout_ms, const server_check& check = nullptr);
     // Drops one connection; a send waiting on it ends at once.
     virtual void disconnect(share_ptr<ipc_connection> connection);
     // Stops the threads, drops every connection and both tables; the next frame built carries

@@ -232,10 +232,26 @@ unhold
 rm -rf "$product"
 run "$ctl" load
 
-echo "== a service whose pipe refuses our protocol: every task fails before anything changes"
-mkdir -p "$WINEPREFIX/drive_c/prot/incompatible" && cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/incompatible/"
+echo "== a service's pipe served by a program from elsewhere: the task refuses it before anything changes"
+# The client takes only the service's process or a program in its registered program's folder.
+mkdir -p "$WINEPREFIX/drive_c/prot/incompatible" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" \
+    "$WINEPREFIX/drive_c/prot/incompatible/"
 run sc create $svc binPath= 'C:\prot\incompatible\nv_test_service.exe' start= demand && run sc start $svc
 wine "$NV_BIN_DIR/nv_service_double.exe" $svc 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00 </dev/null >/dev/null 2>&1 &
+double_pid=$!
+sleep 2
+task new hvs_install
+expect "stranger, hvs_install" 254
+expect_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "nv_service_double.exe), not by the protection service" \
+    "Fail to initialize the communicate interface with protection service"
+expect_not_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "uses an incompatible IPC protocol"
+[ ! -e "$product" ] && [ -n "$(sc_state $svc)" ] && [ "$(driver)" = gone ] || fail "stranger, hvs_install: something changed"
+wine "$helper" set-event 'Global\nv_setup_test_double' </dev/null >/dev/null 2>&1
+wait "$double_pid" 2>/dev/null
+
+echo "== a service whose pipe refuses our protocol: every task fails before anything changes"
+wine 'C:\prot\incompatible\nv_service_double.exe' $svc 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00 \
+    </dev/null >/dev/null 2>&1 &
 double_pid=$!
 sleep 2
 for t in hvs_install hvs_upgrade hvs_uninstall; do

@@ -85,6 +85,13 @@ std::string check_lengths(const context& c) {
     return {};
 }
 
+// A failed connect, with the reason when the client library refused whoever serves the pipes.
+int fail_to_connect(context& c) {
+    const std::string why = NVClientHelper::connectError(c.helper);
+    return fail(c, exit_not_connected, "not_connected",
+                "cannot connect to the service " + std::string(service_name) + (why.empty() ? "" : ": " + why));
+}
+
 int run_status(context& c) {
     const bool running = !c.helper->is_stopped();
     c.out.add("service", value::of(std::string(service_name)));
@@ -92,7 +99,7 @@ int run_status(context& c) {
     c.out.add("running", value::of(running));
     if (running) {
         if (!c.helper->connect(connect_timeout_ms))
-            return fail(c, exit_not_connected, "not_connected", "cannot connect to the service " + std::string(service_name));
+            return fail_to_connect(c);
         const bool compatible = c.helper->proto_compatible();
         c.protocol = NVClientHelper::protocolVersion(c.helper);
         const uint32_t version = c.helper->get_service_version();
@@ -185,7 +192,7 @@ int run(int argc, char** argv) {
         return run_status(c);
     }
     if (!c.helper->connect(connect_timeout_ms))
-        return fail(c, exit_not_connected, "not_connected", "cannot connect to the service " + std::string(service_name));
+        return fail_to_connect(c);
     // Asked once; the gated commands are judged by it.
     (void)c.helper->proto_compatible();
     c.protocol = NVClientHelper::protocolVersion(c.helper);

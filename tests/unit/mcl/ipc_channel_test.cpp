@@ -33,21 +33,37 @@ struct no_handler : mcl::ipc_msg_handler {
     int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t&) override { return -1; }
 };
 
+// The handshake objects that a listener under `name` makes.
+struct handshake_objects {
+    explicit handshake_objects(const std::string& name)
+        : mutex(CreateMutexA(nullptr, FALSE, ("Global\\" + name + "_MTX_CONNECTING").c_str())) {
+        created = mutex.get() != nullptr && signalled.create(("Global\\" + name + "_EV_CONNECTED").c_str()) == 0;
+    }
+    mcl::mswin::unique_kernel_handle mutex;
+    mcl::event signalled;
+    bool created = false;
+};
+
+// A listening pair under `name` waiting for its client; null when it cannot be made.
+connection_ptr waiting_pair(const std::string& name) {
+    connection_ptr server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+    if (!server->open((mcl::ipc_channel::pipe_prefix + name).c_str()) || !server->reader().listen() ||
+        !server->writer().listen())
+        return {};
+    return server;
+}
+
 // A client peer's posts on the wire, as this end's listening pair receives them: numbered from 1,
 // and from 1 again after close. Its close then ends the pair without a log line.
 TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
     const std::string name = nv_test::unique_name("nv_channel");
-    const std::string base = "Global\\" + name;
-    // The handshake objects that a listener makes.
-    const mcl::mswin::unique_kernel_handle mutex(CreateMutexA(nullptr, FALSE, (base + "_MTX_CONNECTING").c_str()));
-    mcl::event signalled;
-    ASSERT_EQ(0, signalled.create((base + "_EV_CONNECTED").c_str()));
+    const handshake_objects handshake(name);
+    ASSERT_TRUE(handshake.created);
     no_handler handler;
     mcl::ipc_peer client("", &handler);
     for (int round = 0; round < 2; ++round) {
-        connection_ptr server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
-        ASSERT_TRUE(server->open((mcl::ipc_channel::pipe_prefix + name).c_str()));
-        ASSERT_TRUE(server->reader().listen() && server->writer().listen());
+        const connection_ptr server = waiting_pair(name);
+        ASSERT_TRUE(server);
         ASSERT_TRUE(client.connect(name.c_str(), 10000));
         std::vector<mcl::binary_t> received;
         for (int sequence = 1; sequence <= 2 - round; ++sequence) {
@@ -67,6 +83,38 @@ TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
         EXPECT_FALSE(server->reader().read(received));
         EXPECT_FALSE(log.contains("Failed to read")) << log.text();
     }
+}
+
+// The connecting end lets the server identify it but never act as it, and a server check sees
+// who serves both pipes before anything is sent: a refused pair is closed unused.
+TEST(IpcChannel, AClientAsksForIdentificationOnlyAndItsServerCheckDecidesBeforeAnythingIsSent) {
+    const std::string name = nv_test::unique_name("nv_channel");
+    const handshake_objects handshake(name);
+    ASSERT_TRUE(handshake.created);
+    no_handler handler;
+    mcl::ipc_peer client("", &handler);
+    for (bool accept : {false, true}) {
+        const connection_ptr server = waiting_pair(name);
+        ASSERT_TRUE(server);
+        DWORD seen = 0;
+        EXPECT_EQ(accept, client.connect(name.c_str(), 10000, [&](const mcl::ipc_connection& c) {
+            seen = c.server_process_id();
+            return accept;
+        }));
+        EXPECT_EQ(GetCurrentProcessId(), seen) << accept;
+        ASSERT_EQ(accept ? 1u : 0u, client.connections().size());
+        if (!accept) {
+            std::vector<mcl::binary_t> received;
+            EXPECT_FALSE(next_frame(*server, received));
+            continue;
+        }
+        const connection_ptr c = client.connections().front();
+        for (mcl::ipc_channel* ch : {static_cast<mcl::ipc_channel*>(&c->reader()), static_cast<mcl::ipc_channel*>(&c->writer())})
+            EXPECT_EQ(static_cast<DWORD>(SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION),
+                      ch->requested_open_mode() & (SECURITY_SQOS_PRESENT | SECURITY_CONTEXT_TRACKING |
+                                                   SECURITY_EFFECTIVE_ONLY | SECURITY_DELEGATION));
+    }
+    client.close();
 }
 
 TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
