@@ -56,8 +56,6 @@ void check(bool ok, const std::string& what) {
     if (!ok) ++failure_count;
 }
 
-int failures() { return failure_count; }
-
 DWORD service_pid() {
     SERVICE_STATUS_PROCESS status{};
     return mcl::mswin::service::query_status_ex(mcl::mswin::service::default_name, status) ? status.dwProcessId : 0;
@@ -185,6 +183,8 @@ void check_owned(const owned_state& owned) {
     check(wrong == 0, "the persisted services and keys are what the answered requests left");
 }
 
+namespace {
+
 int check_keys(int clients) {
     const std::string reference = dacl_sddl(reference_key);
     if (reference.empty()) {
@@ -253,6 +253,14 @@ int check_files(int clients) {
         std::printf("file %s: neither at its place with its bytes nor archived\n", storm_file(f.first, f.second).c_str());
     std::printf("storm_files_archived: %zu files (of %d)\n", archived, clients * files_per_client);
     return static_cast<int>(pending.size());
+}
+
+}  // namespace
+
+int final_checks(int clients) {
+    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
+    return failure_count == 0 ? 0 : 1;
 }
 
 }  // namespace storm
