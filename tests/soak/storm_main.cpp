@@ -125,8 +125,7 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     if (!crashes) {
         check(pid_after == pid, "the service ran the whole storm in one process");
         usage after;
-        const bool after_ok = sample(pid, after);
-        if (warm_ok && after_ok) {
+        if (warm_ok && sample(pid, after)) {
             const double handles = 100.0 * (static_cast<double>(after.handles) - warm_usage.handles) / warm_usage.handles;
             const double bytes =
                 100.0 * (static_cast<double>(after.private_bytes) - warm_usage.private_bytes) / warm_usage.private_bytes;

@@ -62,8 +62,7 @@ int restart(int clients, int seconds) {
     const ULONGLONG deadline = start + static_cast<ULONGLONG>(seconds) * 1000;
     nv_test::child taskkill = nv_test::start("taskkill.exe /F /PID " + std::to_string(pid));
     if (taskkill.process == nullptr) return failed("taskkill cannot be started: ", GetLastError());
-    const DWORD taskkill_rc = taskkill.wait(INFINITE);
-    if (taskkill_rc != 0) return failed("taskkill exit code ", taskkill_rc);
+    if (const DWORD rc = taskkill.wait(INFINITE); rc != 0) return failed("taskkill exit code ", rc);
     if (process) WaitForSingleObject(process.get(), static_cast<DWORD>(deadline - GetTickCount64()));
     if (!start_service(deadline)) return failed("the service does not start: ", GetLastError());
     const bool keys = answered_by(msg::get_protected_reg_keys, deadline);
