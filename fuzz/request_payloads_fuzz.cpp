@@ -14,15 +14,14 @@ void check(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-bool accepted(const mcl::binary_t& payload, protocol::subscribe_request& out) {
-    return protocol::decode(payload, out) == protocol::request_check::ok;
-}
-bool accepted(const mcl::binary_t& payload, protocol::notification_query_request& out) {
-    return protocol::decode(payload, out) == protocol::request_check::ok;
-}
+// The decoders answer with a bool or, for the notification requests, a request_check.
 template <typename Request>
 bool accepted(const mcl::binary_t& payload, Request& out) {
-    return protocol::decode(payload, out);
+    const auto outcome = protocol::decode(payload, out);
+    if constexpr (std::is_same_v<decltype(outcome), const protocol::request_check>)
+        return outcome == protocol::request_check::ok;
+    else
+        return outcome;
 }
 
 template <typename Request>

@@ -39,10 +39,9 @@ def main():
     path = archive[60:archive.index(b"\0", 60)].decode("latin-1")
     chunk = decrypt(archive[offset + 7:offset + 7 + stored])
     frame = archive[offset:offset + 7] + chunk[:plain] + archive[offset + 7 + stored:]
-    if offset + 7 + stored == len(archive) and chunk[plain - 4:plain] == bytes(4):
-        holds = "whole"
-    else:
-        holds = "first" if 4 + (struct.unpack_from("<I", chunk)[0] & 0x7FFFFFFF) == plain else "other"
+    whole = offset + 7 + stored == len(archive) and chunk[plain - 4:plain] == bytes(4)
+    first = not whole and 4 + (struct.unpack_from("<I", chunk)[0] & 0x7FFFFFFF) == plain
+    holds = "whole" if whole else "first" if first else "other"
     with tempfile.NamedTemporaryFile(suffix=".lz4") as f:
         f.write(frame)
         f.flush()

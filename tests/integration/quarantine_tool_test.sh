@@ -18,15 +18,11 @@ tool_run() {
   if [ "$mode" = wine ]; then WINEDEBUG=-all wine "$tool" "$@"; else "$tool" "$@"; fi </dev/null >out.txt 2>err.txt
 }
 expect() {  # expect CODE TEXT-IN-OUTPUT -- ARGS...
-  local want=$1 text=$2
+  local want=$1 text=$2 rc
   shift 3
-  tool_run "$@"
-  local rc=$?
-  if [ "$rc" != "$want" ]; then
-    fail "quarantine_tool $*: exit $rc, expected $want"; cat out.txt err.txt
-  elif [ -n "$text" ] && ! grep -qF -- "$text" out.txt err.txt; then
-    fail "quarantine_tool $*: no '$text' in output"; cat out.txt err.txt
-  fi
+  tool_run "$@"; rc=$?
+  [ "$rc" = "$want" ] || { fail "quarantine_tool $*: exit $rc, expected $want"; cat out.txt err.txt; return; }
+  [ -z "$text" ] || grep -qF -- "$text" out.txt err.txt || { fail "quarantine_tool $*: no '$text' in output"; cat out.txt err.txt; }
 }
 # patch OFFSET HEX FILE: writes the bytes given as hex at OFFSET of FILE.
 patch() { printf "$(echo "$2" | sed 's/../\\x&/g')" | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }

@@ -140,26 +140,20 @@ rules=$(rule_count 12) removed=$(rule_count 13)
 whole=$(encode protect-reg-keys protect=1 root=0x$hklm path="$t\\Bad" owner=nv_owner_a level=1)
 for cut in 0 4 8 18 $((${#whole} - 2)); do protect_bytes "$status_fail" "cut after $cut hex digits" "${whole:0:cut}"; done
 expect_eq "malformed lines" 5 "$(log_count '] - Malformed request: ')"
-while IFS='#' read -r e why; do
+# An entry as fields, or a path as bytes (one outside the ANSI code page, one of 16,361 characters).
+while IFS='#' read -r how e why; do
     n=$(log_count "is not protected: $why.")
-    protect "$refused" "$e"
+    if [ "$how" = fields ]; then protect "$refused" "$e"; else protect_bytes "$status_fail" "$why" "$(hex_u32 1)$(entry_bytes "$e")"; fi
     expect_eq "$why: line" $((n + 1)) "$(log_count "is not protected: $why.")"
 done <<EOF
-1|0000000080000002|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
-1|FFFFFFFF80000008|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
-1|$hklm|$t\\\\Bad|nv_owner_a|1|#the path has an empty key name
-1|$hklm|$t\\Bad\\|nv_owner_a|1|#the path has an empty key name
-1|$hklm|$t\\Bad\\$(printf 'k%.0s' $(seq 256))|nv_owner_a|1|#a key name is longer than 255 characters
-1|$hklm|$t\\Bad|nv_gone|1|#its owner service [nv_gone] is not installed
-EOF
-# A path outside the ANSI code page and one of 16,361 characters go as bytes.
-while IFS='#' read -r path why; do
-    n=$(log_count "is not protected: $why.")
-    protect_bytes "$status_fail" "$why" "$(hex_u32 1)$(entry_bytes "$path")"
-    expect_eq "$why: line" $((n + 1)) "$(log_count "is not protected: $why.")"
-done <<EOF
-$t\\Bad\\中#the path cannot be written in the ANSI code page
-$(printf 'k%.0s' $(seq 16361))#the path is longer than the registry allows
+fields#1|0000000080000002|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
+fields#1|FFFFFFFF80000008|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
+fields#1|$hklm|$t\\\\Bad|nv_owner_a|1|#the path has an empty key name
+fields#1|$hklm|$t\\Bad\\|nv_owner_a|1|#the path has an empty key name
+fields#1|$hklm|$t\\Bad\\$(printf 'k%.0s' $(seq 256))|nv_owner_a|1|#a key name is longer than 255 characters
+fields#1|$hklm|$t\\Bad|nv_gone|1|#its owner service [nv_gone] is not installed
+bytes#$t\\Bad\\中#the path cannot be written in the ANSI code page
+bytes#$(printf 'k%.0s' $(seq 16361))#the path is longer than the registry allows
 EOF
 expect_eq "nothing tried" 0 "$(log_count "$t\\Bad")"
 wine reg query "HKLM\\$t\\Bad" </dev/null >/dev/null 2>&1 && fail "Bad created"

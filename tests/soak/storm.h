@@ -50,6 +50,7 @@ public:
     bool open_patiently();
 
 private:
+    std::vector<unsigned char> frame(uint32_t id, const mcl::binary_t& payload);
     nv_test::raw_client client_;
     uint32_t sequence_ = 0;
 };
@@ -87,9 +88,8 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
 // A client that sends protect requests until it is killed.
 int victim();
 
-// The check lines; failures() counts the FAILED ones.
+// The check lines.
 void check(bool ok, const std::string& what);
-int failures();
 
 DWORD service_pid();
 struct usage {
@@ -101,12 +101,9 @@ bool sample(DWORD pid, usage& u);
 void check_every_request_answers();
 // The persisted lists hold exactly what the answered requests left.
 void check_owned(const owned_state& owned);
-// Every storm key whose DACL differs from the reference key's has its record with the original
-// DACL; the number of keys and records that do not.
-int check_keys(int clients);
-// Every storm file is at its place with its bytes or archived in the container; the number of
-// files in neither form.
-int check_files(int clients);
+// No protected storm key without the record of its original DACL, no storm file neither at its
+// place with its bytes nor archived in the container; the exit code: 0 when every check held.
+int final_checks(int clients);
 
 // The service killed with taskkill /f, started again and answering; then the checks.
 int restart(int clients, int seconds);

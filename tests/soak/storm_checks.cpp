@@ -40,8 +40,7 @@ bool holds_bytes(const std::string& path, const std::vector<unsigned char>& want
                            OPEN_EXISTING, 0, nullptr);
     if (h == INVALID_HANDLE_VALUE) return false;
     std::vector<unsigned char> got(want.size() + 1);
-    DWORD total = 0;
-    DWORD n = 0;
+    DWORD total = 0, n = 0;
     while (total < got.size() && ReadFile(h, got.data() + total, static_cast<DWORD>(got.size() - total), &n, nullptr) &&
            n > 0)
         total += n;
@@ -55,8 +54,6 @@ void check(bool ok, const std::string& what) {
     std::printf("check: %s: %s\n", what.c_str(), ok ? "ok" : "FAILED");
     if (!ok) ++failure_count;
 }
-
-int failures() { return failure_count; }
 
 DWORD service_pid() {
     SERVICE_STATUS_PROCESS status{};
@@ -136,8 +133,7 @@ void check_every_request_answers() {
     check(conn.open_patiently(), "a client connects after the storm");
     int missing = 0;
     std::vector<uint32_t> ids = valid_ids();
-    ids.push_back(msg::protect_services);
-    ids.push_back(msg::protect_reg_keys);
+    ids.insert(ids.end(), {msg::protect_services, msg::protect_reg_keys});
     for (uint32_t id : ids) {
         mcl::binary_t reply;
         const mcl::binary_t p = id == msg::protect_services ? mcl::binary_t() : valid_payload(id, 0, rng);
@@ -154,12 +150,14 @@ void check_owned(const owned_state& owned) {
     const std::set<std::string> services = value_names(services_key);
     const std::set<std::string> records = value_names(reg_keys_key);
     int wrong = 0;
+    auto expect_listed = [&wrong](const std::string& what, const char* how, bool listed, bool want) {
+        if (listed == want) return;
+        std::printf("%s: %s %d, want %d\n", what.c_str(), how, listed ? 1 : 0, want ? 1 : 0);
+        ++wrong;
+    };
     for (const auto& s : owned.services) {
-        const bool listed = services.count("nvstorm" + std::to_string(s.first)) != 0;
-        if (listed != s.second) {
-            std::printf("service nvstorm%d: listed %d, want %d\n", s.first, listed ? 1 : 0, s.second ? 1 : 0);
-            ++wrong;
-        }
+        const std::string name = "nvstorm" + std::to_string(s.first);
+        expect_listed("service " + name, "listed", services.count(name) != 0, s.second);
     }
     const std::string reference = dacl_sddl(reference_key);
     int kept = 0;
@@ -174,16 +172,15 @@ void check_owned(const owned_state& owned) {
                 continue;
             }
         }
-        if (listed != k.second) {
-            std::printf("key %s: recorded %d, want %d\n", storm_key(k.first).c_str(), listed ? 1 : 0, k.second ? 1 : 0);
-            ++wrong;
-        }
+        expect_listed("key " + storm_key(k.first), "recorded", listed, k.second);
     }
     std::printf("owned_services_checked: %zu services\n", owned.services.size());
     std::printf("owned_keys_checked: %zu keys\n", owned.keys.size());
     std::printf("records_left_by_failed_protects: %d keys\n", kept);
     check(wrong == 0, "the persisted services and keys are what the answered requests left");
 }
+
+namespace {
 
 int check_keys(int clients) {
     const std::string reference = dacl_sddl(reference_key);
@@ -253,6 +250,14 @@ int check_files(int clients) {
         std::printf("file %s: neither at its place with its bytes nor archived\n", storm_file(f.first, f.second).c_str());
     std::printf("storm_files_archived: %zu files (of %d)\n", archived, clients * files_per_client);
     return static_cast<int>(pending.size());
+}
+
+}  // namespace
+
+int final_checks(int clients) {
+    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
+    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
+    return failure_count == 0 ? 0 : 1;
 }
 
 }  // namespace storm

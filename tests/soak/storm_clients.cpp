@@ -2,6 +2,7 @@
 // random payloads and identifiers, hang-ups in mid-request and clients killed in mid-request.
 #include <iterator>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "mcl/mswin/text.h"
@@ -128,72 +129,55 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
     bool open = false;
     bool connected_once = false;
     std::string archives[files_per_client];
-    while (GetTickCount64() < end) {
-        if (!open) {
-            open = conn.open();
-            if (!open) {
-                c.connect_failures++;
-                Sleep(200);
-                continue;
-            }
-            if (!connected_once) {
-                connected_once = true;
-                c.clients_connected++;
-            }
+    // Counts an exchange; one without an answer ends the connection.
+    auto answered = [&](bool ok) {
+        if (ok) {
+            c.answered++;
+        } else {
+            c.unanswered++;
+            open = false;
         }
+        return ok;
+    };
+    while (GetTickCount64() < end) {
+        if (!open && !(open = conn.open())) {
+            c.connect_failures++;
+            Sleep(200);
+            continue;
+        }
+        if (!std::exchange(connected_once, true)) c.clients_connected++;
         const unsigned action = rng() % 100;
         mcl::binary_t reply;
         if (action < 45) {  // a valid request
             const uint32_t id = ids[rng() % ids.size()];
-            if (id == msg::quarantine_files) {
-                const int file = static_cast<int>(rng() % files_per_client);
-                if (quarantine_or_restore(conn, index, file, archives[file], c)) {
-                    c.answered++;
-                } else {
-                    c.unanswered++;
-                    open = false;
-                    archives[file].clear();
-                }
-            } else if (conn.request(id, valid_payload(id, index, rng), reply)) {
-                c.answered++;
+            if (id != msg::quarantine_files) {
+                answered(conn.request(id, valid_payload(id, index, rng), reply));
             } else {
-                c.unanswered++;
-                open = false;
+                const int file = static_cast<int>(rng() % files_per_client);
+                if (!answered(quarantine_or_restore(conn, index, file, archives[file], c))) archives[file].clear();
             }
         } else if (action < 60) {  // this client's own key, or service, protected or not
             const bool protect = rng() % 2 == 0;
             const bool service = index < storm_services && rng() % 2 == 0;
             const uint32_t id = service ? msg::protect_services : msg::protect_reg_keys;
             const mcl::binary_t p = service ? service_rule_payload(index, protect) : reg_key_payload(index, protect);
-            if (conn.request(id, p, reply)) {
-                c.answered++;
-                if (status_ok(reply)) {
-                    std::lock_guard<std::mutex> guard(owned.lock);
-                    (service ? owned.services : owned.keys)[index] = protect;
-                }
-            } else {
-                // Unknown outcome: the next answered request of this client decides again.
-                c.unanswered++;
-                open = false;
-                std::lock_guard<std::mutex> guard(owned.lock);
-                (service ? owned.services : owned.keys).erase(index);
-            }
+            const bool ok = answered(conn.request(id, p, reply));
+            std::lock_guard<std::mutex> guard(owned.lock);
+            auto& state = service ? owned.services : owned.keys;
+            if (!ok)
+                state.erase(index);  // unknown outcome: the next answered request of this client decides again
+            else if (status_ok(reply))
+                state[index] = protect;
         } else if (action < 80) {  // random bytes to a request, or a random identifier
             uint32_t id = action < 72 ? msg::catalogue[rng() % std::size(msg::catalogue)]
                                       : static_cast<uint32_t>(rng());
             if (kept_from_random(id)) id = msg::service_version;
             mcl::binary_t p;
-            const uint32_t n = rng() % 64;
-            for (uint32_t i = 0; i < n; ++i) {
+            for (uint32_t n = rng() % 64; n > 0; --n) {
                 const auto b = static_cast<unsigned char>(rng());
                 p.append(&b, 1);
             }
-            if (conn.request(id, p, reply)) {
-                c.answered++;
-            } else {
-                c.unanswered++;
-                open = false;
-            }
+            answered(conn.request(id, p, reply));
         } else if (action < 92) {  // hang up in the middle of a request
             const uint32_t id = ids[rng() % ids.size()];
             (void)conn.partial(id, valid_payload(id, index, rng), 1 + rng() % 20);

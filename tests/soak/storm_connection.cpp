@@ -45,26 +45,29 @@ bool client_conn::open_patiently() {
     return false;
 }
 
-bool client_conn::request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply) {
+std::vector<unsigned char> client_conn::frame(uint32_t id, const mcl::binary_t& payload) {
     mcl::binary_t frame;
     mcl::append_frame(frame, mcl::frame_kind::request, id, ++sequence_, payload);
-    if (!client_.write(std::vector<unsigned char>(frame.data(), frame.data() + frame.size()))) return false;
-    std::vector<unsigned char> header;
-    if (!client_.read(mcl::frame_header_size, header)) return false;
+    return {frame.data(), frame.data() + frame.size()};
+}
+
+bool client_conn::request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply) {
+    std::vector<unsigned char> header, body;
     mcl::frame_header h;
-    if (!mcl::read_frame_header(header.data(), static_cast<uint32_t>(header.size()), h)) return false;
-    std::vector<unsigned char> body;
-    if (!client_.read(h.length == 0 ? 1 : h.length, body)) return false;
+    // An empty frame still carries its pad byte.
+    if (!client_.write(frame(id, payload)) || !client_.read(mcl::frame_header_size, header) ||
+        !mcl::read_frame_header(header.data(), static_cast<uint32_t>(header.size()), h) ||
+        !client_.read(h.length == 0 ? 1 : h.length, body))
+        return false;
     reply = mcl::binary_t();
     if (h.length != 0) reply.append(body.data(), h.length);
     return true;
 }
 
 bool client_conn::partial(uint32_t id, const mcl::binary_t& payload, uint32_t n) {
-    mcl::binary_t frame;
-    mcl::append_frame(frame, mcl::frame_kind::request, id, ++sequence_, payload);
-    if (n > frame.size()) n = frame.size();
-    return client_.write(std::vector<unsigned char>(frame.data(), frame.data() + n));
+    std::vector<unsigned char> bytes = frame(id, payload);
+    if (n < bytes.size()) bytes.resize(n);
+    return client_.write(bytes);
 }
 
 bool status_ok(const mcl::binary_t& reply) {

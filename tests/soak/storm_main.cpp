@@ -30,30 +30,27 @@ namespace storm {
 
 namespace {
 
+bool write_file(const std::string& path, const std::vector<unsigned char>& bytes) {
+    mcl::mswin::unique_kernel_handle h(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    DWORD written = 0;
+    return h && (bytes.empty() || (WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
+                                   written == bytes.size()));
+}
+
 // The storm's keys beside the reference key, its folders and its files.
 int prepare(int clients) {
+    CreateDirectoryA("C:\\storm", nullptr);
+    CreateDirectoryA(storm_container, nullptr);
     for (int i = -1; i < clients; ++i) {
         mcl::mswin::unique_reg_key key;
-        const std::string name = i < 0 ? reference_key : storm_key(i);
-        if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, name.c_str(), 0, nullptr, 0, KEY_READ, nullptr, key.put(), nullptr) !=
-            ERROR_SUCCESS)
+        if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, (i < 0 ? std::string(reference_key) : storm_key(i)).c_str(), 0, nullptr,
+                            0, KEY_READ, nullptr, key.put(), nullptr) != ERROR_SUCCESS)
             return 1;
         if (i < 0) continue;
-        CreateDirectoryA("C:\\storm", nullptr);
-        CreateDirectoryA(storm_container, nullptr);
         CreateDirectoryA(("C:\\storm\\f" + std::to_string(i)).c_str(), nullptr);
-        mcl::mswin::unique_kernel_handle blk(
-            CreateFileA(blocked_file(i).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-        if (!blk) return 1;
-        for (int f = 0; f < files_per_client; ++f) {
-            const std::vector<unsigned char> bytes = storm_file_bytes(i, f);
-            mcl::mswin::unique_kernel_handle h(
-                CreateFileA(storm_file(i, f).c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-            DWORD written = 0;
-            if (!h || !WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) ||
-                written != bytes.size())
-                return 1;
-        }
+        if (!write_file(blocked_file(i), {})) return 1;
+        for (int f = 0; f < files_per_client; ++f)
+            if (!write_file(storm_file(i, f), storm_file_bytes(i, f))) return 1;
     }
     return 0;
 }
@@ -128,8 +125,7 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     if (!crashes) {
         check(pid_after == pid, "the service ran the whole storm in one process");
         usage after;
-        const bool after_ok = sample(pid, after);
-        if (warm_ok && after_ok) {
+        if (warm_ok && sample(pid, after)) {
             const double handles = 100.0 * (static_cast<double>(after.handles) - warm_usage.handles) / warm_usage.handles;
             const double bytes =
                 100.0 * (static_cast<double>(after.private_bytes) - warm_usage.private_bytes) / warm_usage.private_bytes;
@@ -150,9 +146,7 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
         }
         check_owned(owned);
     }
-    check(check_keys(clients) == 0, "no protected storm key without the record of its original DACL");
-    check(check_files(clients) == 0, "every storm file is at its place or quarantined, never neither");
-    return failures() == 0 ? 0 : 1;
+    return final_checks(clients);
 }
 
 }  // namespace

@@ -5,18 +5,11 @@
 #include <string>
 #include <vector>
 
-
 namespace {
 
 irp::subscribe_request request(const std::string& sub, const std::string& path, uint8_t major, uint8_t minor,
                                uint32_t type, bool remove = false) {
-    irp::subscribe_request r;
-    r.unsubscribe = remove;
-    r.subscriber = sub;
-    r.event_name = "Global\\" + sub;
-    r.file_path = path;
-    r.what = {major, minor, type};
-    return r;
+    return {remove, sub, "Global\\" + sub, path, {major, minor, type}};
 }
 
 TEST(IrpTables, SubscribeAddsCoversAndRemovesFilters) {

@@ -1,0 +1,295 @@
+#include "service/helper_service.h"
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+#include <type_traits>
+#include <vector>
+
+#include "mcl/mswin/reg.h"
+#include "protocol/catalogue.h"
+#include "protocol/message_ids.h"
+#include "service/emergency_options.h"
+#include "service/recovery_code.h"
+#include "service/recovery_key.h"
+#include "tests/data/recovery_test_key.h"
+#include "tests/helpers/log_capture.h"
+#include "tests/helpers/process.h"
+#include "tests/unit/protocol/conformance.h"
+#include "tools/recovery_code/signer.h"
+
+namespace reg = mcl::mswin::reg;
+
+namespace {
+
+// The service's request dispatcher with a listening connection whose client is this process.
+class RequestDispatch : public ::testing::Test {
+protected:
+    void SetUp() override {
+        const std::string path = std::string(mcl::ipc_channel::pipe_prefix) + nv_test::unique_name("nv_dispatch");
+        ASSERT_TRUE(server_->open(path.c_str()) && client_->open(path.c_str()) && server_->reader().listen());
+    }
+    int handle(uint32_t id, mcl::binary_t& payload) { return handler_(server_.get(), id, payload); }
+
+    mcl::share_ptr<mcl::ipc_connection> server_{new mcl::ipc_connection(mcl::ipc_connection::listen_type)};
+    mcl::share_ptr<mcl::ipc_connection> client_{new mcl::ipc_connection(mcl::ipc_connection::connect_type)};
+    chelperservice::helper_msg_handler& handler_ = chelperservice::instance().msg_handler();
+};
+
+// Every request that does not decode is answered with a reply that the client reads as a
+// failure, never with silence or the request's own bytes.
+TEST_F(RequestDispatch, EveryUndecodableRequestGetsItsRoutesFailureReply) {
+    protocol::for_each_message([&](auto m) {
+        using message = decltype(m);
+        using request_t = typename message::request;
+        using reply_t = typename message::reply;
+        if constexpr (!std::is_same_v<reply_t, protocol::no_reply>) {
+            if constexpr (std::is_same_v<request_t, protocol::no_fields>) {
+                // The payload is ignored: any request is answered in the reply's layout.
+                mcl::binary_t payload;
+                ASSERT_EQ(1, handle(message::id, payload)) << m.name;
+                reply_t reply;
+                EXPECT_TRUE(protocol::decode(payload, reply)) << m.name;
+            } else {
+                for (const nv_test::malformed& bad : nv_test::malformed_payloads<request_t>()) {
+                    request_t decoded;
+                    if (nv_test::accepted(bad.payload, decoded)) continue;  // handled as a request
+                    mcl::binary_t payload = bad.payload;
+                    ASSERT_EQ(1, handle(message::id, payload)) << m.name << " " << bad.what;
+                    EXPECT_TRUE(nv_test::reads_as_failure<reply_t>(payload)) << m.name << " " << bad.what;
+                }
+            }
+        }
+    });
+}
+
+TEST_F(RequestDispatch, EachStateChangingRequestWritesOneAuditLineNamingTheClient) {
+    char image[MAX_PATH];
+    const std::string own_image(image, GetModuleFileNameA(nullptr, image, MAX_PATH));
+
+    struct {
+        uint32_t id;
+        const char* name;
+    } cases[] = {
+        {msg::stop_service, "stop service"},
+        {msg::protect_services, "protect services"},
+        {msg::protect_processes, "protect processes"},
+        {msg::disable_driver_protection, "driver protection off"},
+        {msg::enable_driver_protection, "driver protection on"},
+        {msg::set_protection_enabled, "protection master switch"},
+        {msg::protect_reg_keys, "protect reg keys"},
+        {msg::service_ctrl_start_service, "start service"},
+        {msg::service_ctrl_stop_service, "stop service by name"},
+        {msg::service_ctrl_recover_dacl, "recover service DACL"},
+        {msg::restore_driver_protection, "restore driver protection"},
+        {msg::recover_folder_dacl, "recover folder DACL"},
+        {msg::create_quarantine_container, "create quarantine container"},
+        {msg::quarantine_files, "quarantine files"},
+        {msg::remove_quarantine_container, "remove quarantine container"},
+        {msg::block_file_access, "block file access"},
+        {msg::unblock_file_access, "unblock file access"},
+        {msg::block_files_access, "block files access"},
+    };
+    // Requests that only read: no audit line.
+    const uint32_t reads[] = {msg::disconnect, msg::protocol_compatible, msg::service_version,
+                              msg::query_protected_services, msg::query_protected_processes, msg::get_protected_reg_keys,
+                              msg::get_quarantined_files, msg::get_quarantine_containers, msg::is_file_quarantined,
+                              msg::is_file_access_blocked, msg::query_irp_notification_data, 0x10000fc};
+    for (const auto& c : cases) {
+        nv_test::log_capture log;
+        mcl::binary_t payload;  // malformed for most: the audit line comes before the handler looks
+        EXPECT_EQ(1, handle(c.id, payload)) << std::hex << c.id;
+        char line[512];
+        snprintf(line, sizeof(line), "] - Audit: request \"%s\" (IPC message %X) from process %lu (%s)", c.name, c.id,
+                 static_cast<unsigned long>(GetCurrentProcessId()), own_image.c_str());
+        EXPECT_EQ(1u, log.count(line)) << c.name << "\n" << log.text();
+        EXPECT_EQ(1u, log.count("Audit: ")) << c.name;
+    }
+    for (uint32_t id : reads) {
+        nv_test::log_capture log;
+        mcl::binary_t payload;
+        EXPECT_EQ(1, handle(id, payload)) << std::hex << id;
+        EXPECT_FALSE(log.contains("Audit: ")) << std::hex << id << "\n" << log.text();
+    }
+}
+
+TEST(ImageFolder, PathsAndCommandLines) {
+    struct {
+        const wchar_t* in;
+        const wchar_t* want;
+    } cases[] = {
+        {L"C:\\Program Files\\App\\app.exe", L"C:\\Program Files\\App"},
+        {L"\"C:\\Program Files\\App\\app.exe\" -k netsvcs", L"C:\\Program Files\\App"},
+        {L"\"\\\\server\\share\\app.exe\" -x", L"\\\\server\\share"},
+        {L"junk before C:\\A\\b.exe", L"C:\\A"},
+        {L"C:\\app.exe", L"C:"},
+        {L"app.exe", L"app.exe"},
+        {L"", L""},
+    };
+    for (const auto& c : cases) EXPECT_EQ(process_protection::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
+}
+
+TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
+    char temp[MAX_PATH] = {};
+    ASSERT_NE(GetTempPathA(MAX_PATH, temp), 0u);
+    const std::string copy = std::string(temp) + nv_test::unique_name("nv_kill_") + ".exe";
+    const std::string original = nv_test::bin_dir() + "nv_test_helper.exe";
+    ASSERT_TRUE(CopyFileA(original.c_str(), copy.c_str(), FALSE));
+    auto hold = [](const std::string& exe) {
+        return nv_test::start("\"" + exe + "\" hold-mutex " + nv_test::unique_name("Global\\nv_kill_") + " 60000 none");
+    };
+    nv_test::child a = hold(copy), b = hold(copy), other = hold(original);
+    Sleep(500);
+    std::string upper = copy;
+    CharUpperBuffA(&upper[0], static_cast<DWORD>(upper.size()));
+    chelperservice::killProcessByPath(upper);  // the comparison ignores case
+    EXPECT_EQ(a.wait(10000), 9u);
+    EXPECT_EQ(b.wait(10000), 9u);
+    EXPECT_EQ(other.wait(0), static_cast<DWORD>(STILL_ACTIVE));
+    other.kill();
+    DeleteFileA(copy.c_str());
+}
+
+// A value as the registry holds it.
+struct option_value {
+    const char* name;
+    DWORD type;
+    std::string data;
+};
+
+option_value dword(const char* name, uint32_t n) { return {name, REG_DWORD, std::string(reinterpret_cast<char*>(&n), 4)}; }
+option_value text(const char* name, const char* s) { return {name, REG_SZ, std::string(s, strlen(s) + 1)}; }
+option_value binary(const char* name, const std::string& bytes) { return {name, REG_BINARY, bytes}; }
+
+class EmergencyOptions : public ::testing::Test {
+protected:
+    void SetUp() override { key_ = "Software\\NvTest\\" + nv_test::unique_name("emergency"); }
+    void TearDown() override { (void)reg::remove(HKEY_LOCAL_MACHINE, key_, nullptr); }
+
+    bool present(const char* name) {
+        mcl::binary_t data;
+        return reg::read_value(key_, name, data);
+    }
+
+    std::string key_;
+};
+
+TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
+    struct {
+        const char* label;
+        std::vector<option_value> values;
+        bool emergency, uninstall, disable;
+        std::vector<std::string> calls;
+        std::vector<std::string> left;
+    } cases[] = {
+        {"no code: nothing runs, nothing consumed", {dword("disableProtection", 1), text("serv", "svcC")}, false, false,
+         false, {}, {"disableProtection", "serv"}},
+        {"disableProtection 0", {text("code", "good"), dword("disableProtection", 0)}, true, false, false, {"code good"}, {}},
+        {"a valid code unlocks everything",
+         {text("code", "good"), dword("uninstallService", 0), dword("disableProtection", 7), text("serv", "svcA"),
+          text("fold", "C:\\Program Files\\x")},
+         true, false, true,
+         {"code good", "serv svcA", "fold C:\\Program Files\\x"}, {}},
+        {"a rejected code leaves the others",
+         {text("code", "bad"), dword("disableProtection", 1), text("serv", "svcB"), text("fold", "C:\\y")},
+         false, false, false, {"code bad"}, {"disableProtection", "fold", "serv"}},
+        {"numbers are the first four bytes, whatever the type",
+         {text("code", "good"), binary("disableProtection", std::string("\1\0\0\0\11\11", 6)),
+          binary("uninstallService", std::string("\0\0\0\0\1", 5))},
+         true, false, true, {"code good"}, {}},
+    };
+    for (const auto& c : cases) {
+        for (const option_value& v : c.values)
+            ASSERT_TRUE(reg::write_value(key_, v.name, v.data.data(), static_cast<DWORD>(v.data.size()), v.type));
+        std::vector<std::string> calls;
+        emergency_actions actions;
+        actions.check_code = [&](const std::string& code) {
+            calls.push_back("code " + code);
+            EXPECT_FALSE(present("code")) << "deleted before it is checked";
+            return code == "good";
+        };
+        actions.unprotect_service = [&](const std::string& name) {
+            calls.push_back("serv " + name);
+            EXPECT_FALSE(present("serv")) << "deleted before its action";
+            EXPECT_TRUE(present("fold")) << "fold comes after serv";
+        };
+        actions.restore_folder = [&](const std::wstring& folder) {
+            calls.push_back("fold " + std::string(folder.begin(), folder.end()));
+            EXPECT_FALSE(present("fold"));
+        };
+        const emergency_start start = consume_emergency_options(key_, actions);
+        EXPECT_EQ(c.emergency, start.emergency) << c.label;
+        EXPECT_EQ(c.uninstall, start.uninstall) << c.label;
+        EXPECT_EQ(c.disable, start.disable) << c.label;
+        EXPECT_EQ(c.calls, calls) << c.label;
+        std::vector<std::string> left;
+        reg::list_values(key_, left);
+        std::sort(left.begin(), left.end());
+        EXPECT_EQ(c.left, left) << c.label;
+        (void)reg::remove(HKEY_LOCAL_MACHINE, key_, nullptr);
+    }
+}
+
+const std::string machine = "19487ca1-b523-4f5c-99a0-5e2aba76551a";
+
+std::string make_code(const std::string& machine_id, const std::string& date) {
+    const std::vector<unsigned char> key(std::begin(nv_test::recovery_test_private_key),
+                                         std::end(nv_test::recovery_test_private_key));
+    std::string code;
+    EXPECT_TRUE(nv_tools::make_recovery_code(key, machine_id, date, code));
+    return code;
+}
+
+bool verify(const std::string& code, const std::string& machine_id, const std::string& today) {
+    return nv::verify_recovery_code(code, machine_id, nv_test::recovery_test_public_key,
+                                    sizeof(nv_test::recovery_test_public_key), today);
+}
+
+TEST(RecoveryCode, OnlyAnUnexpiredCodeSignedForThisMachineIsAccepted) {
+    const std::string valid = make_code(machine, "20270131");
+    std::string tampered = valid;
+    tampered[20] = tampered[20] == 'A' ? 'B' : 'A';
+    std::string other_date = valid;
+    other_date.replace(0, 8, "20991231");
+
+    struct {
+        const char* label;
+        std::string code;
+        std::string machine_id;
+        std::string today;
+        bool accepted;
+    } cases[] = {
+        {"valid", valid, machine, "20261123", true},
+        {"valid on its last day", valid, machine, "20270131", true},
+        {"machine id in capitals", valid, "19487CA1-B523-4F5C-99A0-5E2ABA76551A", "20261123", true},
+        {"expired", valid, machine, "20270201", false},
+        {"another machine", valid, "00000000-b523-4f5c-99a0-5e2aba76551a", "20261123", false},
+        {"no machine id", valid, "", "20261123", false},
+        {"signature altered", tampered, machine, "20261123", false},
+        {"expiry moved", other_date, machine, "20261123", false},
+        {"no signature", "20270131-", machine, "20261123", false},
+        {"no dash", "20270131" + valid.substr(9), machine, "20261123", false},
+        {"odd hex", valid.substr(0, valid.size() - 1), machine, "20261123", false},
+        {"not hex", "20270131-XYZ0", machine, "20261123", false},
+        {"bad date", "2027013A-" + valid.substr(9), machine, "20261123", false},
+        {"empty", "", machine, "20261123", false},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.accepted, verify(c.code, c.machine_id, c.today)) << c.label;
+}
+
+TEST(RecoveryCode, TheServiceAcceptsCodesOfTheKeyItWasBuiltWith) {
+    nv_test::log_capture log;
+    const std::string code = make_code(nv::machine_id(), "20991231");
+    // A build that names no key carries its own pair's public half; one with a vendor key refuses these codes.
+    const bool test_key = nv::recovery_public_key_size == sizeof(nv_test::recovery_test_public_key) &&
+                          memcmp(nv::recovery_public_key, nv_test::recovery_test_public_key,
+                                 nv::recovery_public_key_size) == 0;
+    EXPECT_EQ(test_key, nv::check_recovery_code(code));
+    EXPECT_EQ(!test_key, log.contains("Recovery code is not valid for this machine")) << log.text();
+}
+
+}  // namespace
