@@ -20,6 +20,7 @@ TEST(DispatchConformance, EveryUndecodableRequestGetsItsRoutesFailureReply) {
     mcl::share_ptr<mcl::ipc_connection> client(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
     ASSERT_TRUE(server->open(path.c_str()));
     ASSERT_TRUE(client->open(path.c_str()));
+    ASSERT_TRUE(server->reader().listen());  // the client, this process, may change state
     chelperservice::helper_msg_handler& handler = chelperservice::instance().msg_handler();
 
     protocol::for_each_message([&](auto m) {

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "protocol/message_ids.h"
+#include "service/caller_policy.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
 
@@ -84,6 +85,24 @@ TEST(ImageFolder, PathsAndCommandLines) {
         {L"", L""},
     };
     for (const auto& c : cases) EXPECT_EQ(process_protection::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
+}
+
+TEST(CallerPolicy, AnImageLiesInAFolderOnlyBelowItsBackslash) {
+    struct {
+        const wchar_t* image;
+        const wchar_t* folder;
+        bool in;
+    } cases[] = {
+        {L"C:\\nv\\a.exe", L"C:\\nv", true},
+        {L"c:\\NV\\sub\\a.exe", L"C:\\nv", true},
+        {L"C:\\nvx\\a.exe", L"C:\\nv", false},
+        {L"C:\\nv.exe", L"C:\\nv", false},
+        {L"C:\\nv\\", L"C:\\nv", false},
+        {L"C:\\nv", L"C:\\nv", false},
+        {L"C:\\a.exe", L"", false},
+        {L"", L"C:\\nv", false},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.in, image_in_folder(c.image, c.folder)) << c.image << " in " << c.folder;
 }
 
 TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
