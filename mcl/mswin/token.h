@@ -25,8 +25,9 @@ public:
     // CheckTokenMembership on the duplicate: an enabled group, never a deny-only one. False when
     // it cannot be asked.
     bool member_of(WELL_KNOWN_SID_TYPE type) const;
-    // AccessCheck of `desired` against `descriptor` (owner, group and DACL present) under
-    // `mapping`: true only when every right asked for is granted. False when it cannot be asked.
+    // AccessCheck of `desired` against `descriptor` (its owner, group and DACL; LocalSystem stands
+    // in for an owner or group it lacks) under `mapping`: true only when every right asked for is
+    // granted. False when it cannot be asked.
     bool may_access(PSECURITY_DESCRIPTOR descriptor, ACCESS_MASK desired, const GENERIC_MAPPING& mapping) const;
 
 private:

@@ -269,7 +269,7 @@ wait_listening
 # Features 0/6/11, feature 16 and the three trusted applications: a line each at least.
 [ "$(log_lines "$not_loaded")" -ge 5 ] || fail "a connection failure line with its text for every attempt"
 expect_log 'Could not connect to filter for notification' 0
-request 10000fa "$(subscription 0 nodrv 'Global\nv_nodrv' 'c:\x')" 0100
+subscriber nodrv 'Global\nv_nodrv' 'c:\x'
 request 10000fb "$(s nodrv)" 00000000
 run "$client" post 1000001
 wait_exit $service
