@@ -69,6 +69,10 @@ public:
         return service_protection_enabled_ && process_protection_enabled_ && regkey_protection_enabled_;
     }
 
+    // Whether the client behind `conn` may make a state-changing request now: LocalSystem, an
+    // administrator, or an image in this program's folder or a protected folder. IPC event thread.
+    bool caller_may_change_state(const mcl::ipc_connection& conn) const;
+
     // Request handlers, called through the dispatcher's table on the IPC event thread. Each
     // decodes its request from `payload` and overwrites it with its reply (or leaves it as it
     // was). False: the request did not decode and nothing was answered; the dispatcher then

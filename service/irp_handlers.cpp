@@ -6,9 +6,45 @@
 #include <string>
 #include <vector>
 
+#include <aclapi.h>
+
 #include "mcl/log.h"
+#include "mcl/mswin/token.h"
+#include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
 #include "service/helper_service.h"
+
+namespace {
+
+// Whether the client process `process` may itself set the event `name`: the service signals a
+// subscriber's event as SYSTEM, which must not let a client signal an event it could not. The
+// event's owner, group and DACL are checked against the client's token. False, with GetLastError()
+// set, when the event or the client's token cannot be read.
+bool client_may_set_event(HANDLE process, const std::string& name) {
+    mcl::mswin::unique_kernel_handle event(OpenEventA(READ_CONTROL, FALSE, name.c_str()));
+    if (!event) return false;
+    mcl::mswin::unique_local<PSECURITY_DESCRIPTOR> descriptor;
+    const DWORD rc = GetSecurityInfo(event.get(), SE_KERNEL_OBJECT,
+                                     OWNER_SECURITY_INFORMATION | GROUP_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION,
+                                     nullptr, nullptr, nullptr, nullptr, descriptor.put());
+    if (rc != ERROR_SUCCESS) {
+        SetLastError(rc);
+        return false;
+    }
+    const mcl::mswin::process_token token(process);
+    if (!token.valid()) {
+        SetLastError(token.error());
+        return false;
+    }
+    constexpr DWORD event_query_state = 0x0001;  // EVENT_QUERY_STATE, which not every SDK header names
+    static const GENERIC_MAPPING event_mapping = {STANDARD_RIGHTS_READ | event_query_state,
+                                                  STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE,
+                                                  STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE, EVENT_ALL_ACCESS};
+    SetLastError(ERROR_ACCESS_DENIED);
+    return token.may_access(descriptor.get(), EVENT_MODIFY_STATE, event_mapping);
+}
+
+}  // namespace
 
 // ---- start-up and shutdown
 
@@ -26,7 +62,7 @@ void chelperservice::stopIrpReceiver() { irp_.stop(1000); }
 
 // ---- requests
 
-bool chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
     protocol::subscribe_request decoded;
     const irp::request_check check = protocol::decode(payload, decoded);
@@ -37,6 +73,11 @@ bool chelperservice::subscribe_irp_notification(mcl::ipc_connection*, mcl::binar
         NV_LOG(fn, "Subscription request of %u bytes is oversized (at most %u bytes, names %u, path %u), refused",
                static_cast<unsigned>(payload.size()), static_cast<unsigned>(irp::max_subscribe_payload),
                static_cast<unsigned>(irp::max_name_bytes), static_cast<unsigned>(irp::max_path_bytes));
+    } else if (!decoded.unsubscribe && !decoded.subscriber.empty() && !decoded.event_name.empty() &&
+               !client_may_set_event(conn->client_process(), decoded.event_name)) {
+        const DWORD err = GetLastError();
+        NV_LOG(fn, "Subscription for <%s> refused: process %lu may not set event <%s>, error: %d", decoded.subscriber.c_str(),
+               static_cast<unsigned long>(conn->client_process_id()), decoded.event_name.c_str(), static_cast<int>(err));
     } else {
         result = irp_.subscribe(irp::to_subscription(decoded));
     }

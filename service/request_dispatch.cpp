@@ -2,12 +2,15 @@
 // connection and control messages.
 #include <exception>
 #include <iterator>
+#include <string>
+#include <vector>
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
 #include "protocol/message_ids.h"
 #include "protocol/replies.h"
 #include "protocol/requests.h"
+#include "service/caller_policy.h"
 #include "service/helper_service.h"
 #include "service/release.h"
 
@@ -17,8 +20,10 @@ using handler_fn = bool (chelperservice::*)(mcl::ipc_connection*, mcl::binary_t&
 // Replaces the buffer with a route's failure reply.
 using failure_fn = void (*)(mcl::binary_t&);
 
-// Whether a request may change what the service protects, holds or runs: each one handled
-// writes an audit line naming the request and the client process.
+// Who may call a route. Requests that only read are open to every local caller. A request that
+// may change what the service protects, holds or runs is served only for the callers that
+// judge_caller allows (checked per request), and each one served writes an audit line naming
+// the request and the client process; any other caller is answered "Access denied.".
 enum route_effect : bool { reads_only = false, changes_state = true };
 
 // What a request gets when its handler cannot decode it or throws: the failure form of its
@@ -109,10 +114,18 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
     if (conn == nullptr) return 0;
     NV_LOG(fn, "Received IPC message %X, payload size: %d", msg_id, static_cast<int>(payload.size()));
     const request_route* route = find_route(msg_id);
-    if (route != nullptr && route->effect == changes_state)
-        NV_LOG(fn, "Audit: request \"%s\" (IPC message %X) from process %lu (%s)", route->name, msg_id,
-               static_cast<unsigned long>(conn->client_process_id()),
-               conn->client_image().empty() ? "image unknown" : conn->client_image().c_str());
+    if (route != nullptr && route->effect == changes_state) {
+        const char* image = conn->client_image().empty() ? "image unknown" : conn->client_image().c_str();
+        const unsigned long pid = static_cast<unsigned long>(conn->client_process_id());
+        if (!owner_->caller_may_change_state(*conn)) {
+            // A post gets no reply: the peer drops what is written here.
+            NV_LOG(fn, "Access denied: request \"%s\" (IPC message %X) from process %lu (%s)", route->name, msg_id, pid,
+                   image);
+            protocol::reply_with(payload, protocol::status(false, "Access denied."));
+            return 1;
+        }
+        NV_LOG(fn, "Audit: request \"%s\" (IPC message %X) from process %lu (%s)", route->name, msg_id, pid, image);
+    }
     if (route == nullptr) {
         NV_LOG(fn, "Unknow mc::ipc message %X, ignored", msg_id);
         return 1;
@@ -129,6 +142,13 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
     }
     if (!handled) route->failure(payload);
     return 1;
+}
+
+bool chelperservice::caller_may_change_state(const mcl::ipc_connection& conn) const {
+    // The product's own programs: this program's folder and every folder whose images it protects.
+    std::vector<std::wstring> folders{own_program_folder()};
+    for (const auto& entry : processes_.folders()) folders.push_back(entry.second.folder);
+    return judge_caller(conn.client_process(), folders) != caller_verdict::refused;
 }
 
 bool chelperservice::disconnect_client(mcl::ipc_connection* conn, mcl::binary_t&) {

@@ -440,7 +440,16 @@ void ipc_connection::learn_client() {
         return;
     }
     client_process_id_ = pid;
-    client_image_ = process_image(pid);
+    // Limited query rights where the system has them, full query rights on older systems.
+    client_process_.reset(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION | SYNCHRONIZE, FALSE, pid));
+    if (!client_process_) client_process_.reset(OpenProcess(PROCESS_QUERY_INFORMATION | SYNCHRONIZE, FALSE, pid));
+    client_image_.clear();
+    if (!client_process_ || !mcl::mswin::query_process_image(client_process_.get(), client_image_, MAX_PATH * 2)) {
+        const DWORD err = GetLastError();
+        client_image_.clear();
+        NV_LOG("mcl::ipc_connection::learn_client", "Failed to open the client process %lu, error: [%d:%s]",
+               static_cast<unsigned long>(pid), static_cast<int>(err), error_text(err).c_str());
+    }
 }
 
 std::string ipc_connection::process_image(DWORD pid) {

@@ -19,6 +19,7 @@
 #include "mcl/event.h"
 #include "mcl/ipc/frame.h"
 #include "mcl/lock.h"
+#include "mcl/mswin/unique_handle.h"
 #include "mcl/share_ptr.h"
 
 namespace mcl {
@@ -175,15 +176,19 @@ public:
     // connection-list lock.
     uint32_t wait_group = 0;
 
-    // Listening end: the client's process id and image path, learnt when the client has opened
-    // the read pipe (0 and empty before, or when the system would not tell). The read thread
-    // sets them before it reads the first frame; handlers may read them.
+    // Listening end: the client's process id, a handle to that process and its image path,
+    // learnt when the client has opened the read pipe (0, null and empty before, or when the
+    // system would not tell). The handle (query and SYNCHRONIZE rights) is held until the
+    // connection goes, so the id cannot name another process meanwhile; the image is read through
+    // it. The read thread sets them before it reads the first frame; handlers may read them.
     DWORD client_process_id() const { return client_process_id_; }
+    HANDLE client_process() const { return client_process_.get(); }
     const std::string& client_image() const { return client_image_; }
     // Connecting end: the process serving both pipes; 0 (logged) when the system will not tell
     // or two processes serve them. Any thread.
     DWORD server_process_id() const;
-    // Asks the system who is on the other end of the read pipe. The read thread only.
+    // Asks the system who is on the other end of the read pipe and opens that process. The read
+    // thread only.
     void learn_client();
     // The image path of a process, empty when the system will not tell.
     static std::string process_image(DWORD pid);
@@ -215,6 +220,7 @@ private:
     ipc_write_channel writer_;
     mswin::unique_local<PSECURITY_DESCRIPTOR> security_;  // NULL-DACL descriptor, or null for default security
     DWORD client_process_id_ = 0;
+    mswin::unique_kernel_handle client_process_;
     std::string client_image_;
 
     mcl::lock pair_lock_;  // guards the pair's verdict and the halves connected

@@ -206,6 +206,8 @@ got=$(records any | tr A-F a-f)
 expect_log 'Failed to notify subscriber <subB> on IRP for file <>, unable to open event <Global\\nv_subB>, error: 2' 1
 
 echo "== requests on the wire: bad ones refused with a line, the table left alone"
+wine "$helper" wait-event 'Global\wire_ev' 600000 </dev/null >"$work/wire.event" 2>&1 &  # the subscriptions' event
+poll 150 0.2 'grep -q ready "$work/wire.event"' || fail "the wire event was not made"
 # ID|PAYLOAD|REPLY|LOG LINE ('-': none)
 while IFS='|' read -r id payload reply line; do
     run "$client" send "$id" ${payload:+"$payload"}
@@ -213,7 +215,7 @@ while IFS='|' read -r id payload reply line; do
     [ "$line" = - ] || [ "$(log_lines "$line")" = 1 ] || fail "$id [$payload]: log line [$line] x$(log_lines "$line")"
 done <<ROWS
 10000fa|$(subscription 0 wire 'Global\wire_ev' 'C:\Wire\A.TXT')|0100|Add subscription for <wire> on file <c:\\\\wire\\\\a.txt>
-10000fa|$(subscription 0 wire 'Global\x' 'c:\wire\a.txt' 3 0 1)|0000|-
+10000fa|$(subscription 0 wire 'Global\wire_ev' 'c:\wire\a.txt' 3 0 1)|0000|-
 10000fa|$(subscription 0 wire 'Global\wire_ev' '')|0100|Add subscription for <wire> on file <subscribe_any_file>
 10000fa|$(subscription 1 wire '' 'C:\WIRE\a.txt')|0000|-
 10000fa|$(subscription 1 wire e 'C:\WIRE\a.txt')|0100|Remove subscription for <wire> on file <c:\\\\wire\\\\a.txt>
@@ -267,7 +269,7 @@ wait_listening
 # Features 0/6/11, feature 16 and the three trusted applications: a line each at least.
 [ "$(log_lines "$not_loaded")" -ge 5 ] || fail "a connection failure line with its text for every attempt"
 expect_log 'Could not connect to filter for notification' 0
-request 10000fa "$(subscription 0 nodrv 'Global\nv_nodrv' 'c:\x')" 0100
+subscriber nodrv 'Global\nv_nodrv' 'c:\x'
 request 10000fb "$(s nodrv)" 00000000
 run "$client" post 1000001
 wait_exit $service

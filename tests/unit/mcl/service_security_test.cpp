@@ -11,6 +11,7 @@
 #include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/sid.h"
+#include "mcl/mswin/token.h"
 #include "mcl/mswin/unique_handle.h"
 #include "tests/helpers/process.h"
 
@@ -95,6 +96,30 @@ TEST(SecurityDescriptor, SddlRoundTripAndARegistryKeyReadBack) {
     EXPECT_TRUE(bad.empty());
     handle.reset();
     EXPECT_TRUE(mcl::mswin::reg::force_remove(HKEY_LOCAL_MACHINE, key));
+}
+
+TEST(ProcessToken, ThisAdministratorsTokenAgainstDescriptorsWithAndWithoutOwner) {
+    const mcl::mswin::process_token token(GetCurrentProcess());
+    ASSERT_TRUE(token.valid()) << token.error();
+    EXPECT_TRUE(token.member_of(WinBuiltinAdministratorsSid));
+    EXPECT_FALSE(token.user_is(WinLocalSystemSid));
+    const GENERIC_MAPPING mapping = {STANDARD_RIGHTS_READ | 1, STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE,
+                                     STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE, EVENT_ALL_ACCESS};
+    struct {
+        const char* sddl;
+        bool granted;
+    } cases[] = {
+        {"O:BAG:BAD:(A;;GA;;;BA)", true},
+        {"O:BAG:BAD:(A;;GA;;;SY)", false},
+        {"O:BAG:BAD:(D;;GW;;;BA)(A;;GA;;;BA)", false},
+        {"D:(A;;GA;;;WD)", true},  // no owner or group
+        {"D:(A;;GR;;;WD)", false},
+    };
+    for (const auto& c : cases) {
+        security_descriptor sd;
+        ASSERT_TRUE(security_descriptor::from_sddl(c.sddl, sd)) << c.sddl;
+        EXPECT_EQ(c.granted, token.may_access(sd.get(), EVENT_MODIFY_STATE, mapping)) << c.sddl;
+    }
 }
 
 TEST(ScopedPrivilege, SwitchesForTheScopeAndPutsTheStateBack) {

@@ -22,12 +22,18 @@ namespace {
 
 using nv_test::subscribe_request;
 
-mcl::share_ptr<mcl::ipc_connection> test_connection(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
-
 chelperservice& svc() { return chelperservice::instance(); }
 
+// Requests come on a listening connection whose client is this process, which may set the
+// events it created.
 std::vector<uint8_t> call(uint32_t id, mcl::binary_t payload) {
-    EXPECT_EQ(1, svc().msg_handler()(test_connection.get(), id, payload));
+    static const std::string path =
+        std::string(mcl::ipc_channel::pipe_prefix) + "nv_irp_test_" + std::to_string(GetCurrentProcessId());
+    static mcl::share_ptr<mcl::ipc_connection> server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+    static mcl::share_ptr<mcl::ipc_connection> client(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+    static const bool opened = server->open(path.c_str()) && client->open(path.c_str()) && server->reader().listen();
+    EXPECT_TRUE(opened);
+    EXPECT_EQ(1, svc().msg_handler()(server.get(), id, payload));
     return {payload.data(), payload.data() + payload.size()};
 }
 

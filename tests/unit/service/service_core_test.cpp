@@ -13,6 +13,7 @@
 #include "mcl/mswin/reg.h"
 #include "protocol/catalogue.h"
 #include "protocol/message_ids.h"
+#include "service/caller_policy.h"
 #include "service/emergency_options.h"
 #include "service/recovery_code.h"
 #include "service/recovery_key.h"
@@ -131,6 +132,24 @@ TEST(ImageFolder, PathsAndCommandLines) {
         {L"", L""},
     };
     for (const auto& c : cases) EXPECT_EQ(process_protection::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
+}
+
+TEST(CallerPolicy, AnImageLiesInAFolderOnlyBelowItsBackslash) {
+    struct {
+        const wchar_t* image;
+        const wchar_t* folder;
+        bool in;
+    } cases[] = {
+        {L"C:\\nv\\a.exe", L"C:\\nv", true},
+        {L"c:\\NV\\sub\\a.exe", L"C:\\nv", true},
+        {L"C:\\nvx\\a.exe", L"C:\\nv", false},
+        {L"C:\\nv.exe", L"C:\\nv", false},
+        {L"C:\\nv\\", L"C:\\nv", false},
+        {L"C:\\nv", L"C:\\nv", false},
+        {L"C:\\a.exe", L"", false},
+        {L"", L"C:\\nv", false},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.in, image_in_folder(c.image, c.folder)) << c.image << " in " << c.folder;
 }
 
 TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
