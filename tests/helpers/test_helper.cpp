@@ -1,11 +1,13 @@
 // A small program that tests start as a second process.
-//   nv_test_helper hold-mutex NAME MS READY_EVENT   create and hold a named mutex for MS ms
+//   nv_test_helper hold-mutex NAME MS READY_EVENT   create (or open) and hold a named mutex for MS ms
 //   nv_test_helper abandon-mutex NAME READY_EVENT   take the mutex and exit without releasing
-//   nv_test_helper set-event NAME                   set an existing named event (exit 2 if none)
+//   nv_test_helper set-event NAME                   set an existing named event (exit 2 and the error
+//       code on stdout if it cannot be opened)
 //   nv_test_helper start-stop NAME                  start the service and send it a stop control the
 //       moment it reports running; exit 0 once it has stopped (within 30 s)
 //   nv_test_helper process-alive PID                exit 0 while process PID runs, 1 when it has ended
 //   nv_test_helper service-pid NAME                 print the process id of service NAME (0 when none)
+//   nv_test_helper as-user PROGRAM ARGS...          run PROGRAM as an ordinary user, exit with its code
 #include <windows.h>
 
 #include <cstdio>
@@ -15,12 +17,18 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
+#include "tests/helpers/restricted.h"
 
 int main(int argc, char** argv) {
     const bool abandon = argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0;
     if (abandon || (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0)) {
         HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
+        const bool made = m != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
+        // A mutex made by someone else is opened with what a client gets, and taken.
+        if (m == nullptr && GetLastError() == ERROR_ACCESS_DENIED)
+            m = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, argv[2]);
         if (m == nullptr) return 2;
+        if (!made) (void)WaitForSingleObject(m, INFINITE);
         HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[abandon ? 3 : 4]);
         if (ready != nullptr) SetEvent(ready);
         if (abandon) {
@@ -45,7 +53,10 @@ int main(int argc, char** argv) {
     }
     if (argc >= 3 && strcmp(argv[1], "set-event") == 0) {
         HANDLE e = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[2]);
-        if (e == nullptr) return 2;
+        if (e == nullptr) {
+            printf("error %lu\n", static_cast<unsigned long>(GetLastError()));
+            return 2;
+        }
         const BOOL ok = SetEvent(e);
         CloseHandle(e);
         return ok ? 0 : 3;
@@ -80,6 +91,7 @@ int main(int argc, char** argv) {
         printf("%lu\n", static_cast<unsigned long>(status.dwProcessId));
         return 0;
     }
+    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(argc - 2, argv + 2);
     fprintf(stderr, "nv_test_helper: unknown command\n");
     return 1;
 }
