@@ -25,6 +25,7 @@
 #include "mcl/ipc/channel.h"
 #include "mcl/ipc/frame.h"
 #include "mcl/lock.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mutex.h"
 #include "mcl/share_ptr.h"
 #include "mcl/thread.h"
@@ -121,6 +122,21 @@ public:
     void shutdown();
     // Makes the read and write threads rebuild their wait lists.
     virtual void refresh();
+
+    // The security descriptors of the listening side's named objects, given by the owner
+    // before setup(true) or serve_until; an empty one means a NULL DACL (every process may do
+    // everything with the object).
+    struct listener_security {
+        mswin::security_descriptor connecting_mutex;
+        mswin::security_descriptor connected_event;
+        mswin::security_descriptor pipes;
+    };
+    void set_listener_security(listener_security security) { security_ = std::move(security); }
+    // Listening side, at setup: whether the connecting mutex or the connected event, found made
+    // before this listener, may be used. `existing` has READ_CONTROL, or is null when the object
+    // could not be opened. One not trusted is left alone: the listener runs without it and its
+    // clients connect without it. By default every one is trusted.
+    virtual bool existing_object_trusted(const std::string& name, HANDLE existing);
 
     const std::string& name() const { return name_; }
     // Live connections, in the order they were added (a copy). Any thread.
@@ -245,6 +261,7 @@ private:
     std::vector<std::unique_ptr<msg_read_thread>> read_threads_;    // one per wait group
     std::vector<std::unique_ptr<msg_write_thread>> write_threads_;  // one per wait group
 
+    listener_security security_;
     mutex connecting_mutex_;
     event connected_event_;
     event pair_event_;  // set by the waiting pair's I/O threads when its state changes
