@@ -67,6 +67,7 @@ int mutex::open(const char* name) {
         const DWORD err = GetLastError();
         NV_LOG("mcl::mutex::open", "Failed to open mutex \"%s\", error [%d:%s]", name, static_cast<int>(err),
                error_text(err).c_str());
+        SetLastError(err);  // for the caller, after the log's own calls
         return -1;
     }
     handle_ = h;

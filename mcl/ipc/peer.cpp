@@ -259,26 +259,45 @@ bool ipc_peer::connect(const char* name, int timeout_ms) {
     }
     mutex connecting;
     bool opened = false;
+    bool refused = false;  // the mutex exists, but this client may not open it
     for (;;) {
         if (connecting.open(mutex_name.c_str()) == 0) {
             opened = true;
+            break;
+        }
+        if (GetLastError() == ERROR_ACCESS_DENIED) {
+            refused = true;
             break;
         }
         Sleep(connect_retry_ms);
         remaining -= connect_retry_ms;
         if (remaining <= 0) break;
     }
-    if (!opened) {
+    if (!opened && !refused) {
         NV_LOG("mcl::ipc_peer::connect", "Failed to open the connecting mutex for pipe[%s], peer may not start yet.", name);
         return false;
     }
-    if (connecting.acquire(static_cast<DWORD>(remaining)) != 0) {
+    // The mutex only keeps honest clients from taking pipes of the same pair: whoever holds it
+    // longer than connecting_wait_ms is not one, and the client goes on without it.
+    if (opened && remaining <= connecting_wait_ms && connecting.acquire(static_cast<DWORD>(remaining)) != 0) {
         NV_LOG("mcl::ipc_peer::connect", "Failed to acquire the pipe[%s] connecting mutex within %d milli-seconds", name,
                remaining);
         return false;
     }
+    if (opened && !connecting.acquired() && connecting.acquire(connecting_wait_ms) != 0) {
+        remaining -= connecting_wait_ms;
+        NV_LOG("mcl::ipc_peer::connect",
+               "The pipe[%s] connecting mutex was not acquired within %d milli-seconds, open the pipes without it", name,
+               connecting_wait_ms);
+    }
+    if (refused)
+        NV_LOG("mcl::ipc_peer::connect", "The pipe[%s] connecting mutex may not be opened, open the pipes without it",
+               name);
     HANDLE connected = OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, (base + "_EV_CONNECTED").c_str());
-    if (connected == nullptr) {
+    if (connected == nullptr && GetLastError() == ERROR_ACCESS_DENIED) {
+        NV_LOG("mcl::ipc_peer::connect",
+               "The connected event for pipe[%s] may not be opened, connect without signalling it", name);
+    } else if (connected == nullptr) {
         NV_LOG("mcl::ipc_peer::connect", "Failed to open the connected event for pipe[%s].", name);
         (void)connecting.release();
         return false;
@@ -299,8 +318,10 @@ bool ipc_peer::connect(const char* name, int timeout_ms) {
         pipe_wait -= connect_retry_ms;
     }
     // Also after a failed open: the listener makes a fresh pair for the next client.
-    SetEvent(connected);
-    CloseHandle(connected);
+    if (connected != nullptr) {
+        SetEvent(connected);
+        CloseHandle(connected);
+    }
     (void)connecting.release();
     if (!opened_pipes) return false;
 

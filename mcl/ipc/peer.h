@@ -109,7 +109,11 @@ public:
     // (seen at its signal, or twice by the 500 ms check) is closed before the next is made.
     void serve_until(HANDLE stop);
     // Connecting side: the handshake with the listener of `name`, then one more connection.
+    // The connecting mutex is waited for at most connecting_wait_ms when the time-out leaves
+    // more: a process that holds it (or made it so that clients may not open it) delays a
+    // client by that much, and the client then opens the pipes without it (logged).
     virtual bool connect(const char* name, int timeout_ms);
+    static constexpr int connecting_wait_ms = 2000;
     // Drops one connection; a send waiting on it ends at once.
     virtual void disconnect(share_ptr<ipc_connection> connection);
     // Stops the threads, drops every connection and both tables; the next frame built carries
