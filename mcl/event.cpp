@@ -18,15 +18,19 @@ bool event::create_unnamed(bool manual_reset, bool initially_set) {
     return handle_ != nullptr;
 }
 
-int event::create(const char* name) {
+int event::create(const char* name, PSECURITY_DESCRIPTOR security) {
     if (handle_ != nullptr) return -1;
-    security_ = make_null_dacl_descriptor();
-    if (!security_) return -1;
+    if (security == nullptr) {
+        security_ = make_null_dacl_descriptor();
+        if (!security_) return -1;
+        security = security_.get();
+    }
     attributes_.nLength = sizeof(attributes_);
-    attributes_.lpSecurityDescriptor = security_.get();
+    attributes_.lpSecurityDescriptor = security;
     attributes_.bInheritHandle = FALSE;
     handle_ = CreateEventA(&attributes_, TRUE, FALSE, name);
     const DWORD err = GetLastError();
+    attributes_.lpSecurityDescriptor = security_.get();  // the caller's descriptor was for this call
     not_owned_ = false;
     if (handle_ == nullptr) return -1;
     return err == ERROR_ALREADY_EXISTS ? -2 : 0;

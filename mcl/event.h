@@ -1,5 +1,6 @@
 // An owned Windows event. Events of the IPC layer are manual-reset and start non-signalled;
-// named ones get a security descriptor with a NULL DACL so that any process may use them.
+// named ones get the security descriptor their owner gives, by default one with a NULL DACL so
+// that any process may use them.
 #pragma once
 
 #include <windows.h>
@@ -18,9 +19,10 @@ public:
     // An unnamed event with default security. False when the holder has one already or the
     // system refuses.
     bool create_unnamed(bool manual_reset = true, bool initially_set = false);
-    // A named, manual-reset, non-signalled event with a NULL DACL. 0 created; -2 the name
-    // existed and its handle is held now; -1 failure or a handle is held already.
-    int create(const char* name);
+    // A named, manual-reset, non-signalled event, not inheritable, with `security` (used during
+    // the call only) or, when that is null, a NULL DACL. 0 created; -2 the name existed and its
+    // handle is held now; -1 failure (GetLastError() tells why) or a handle is held already.
+    int create(const char* name, PSECURITY_DESCRIPTOR security = nullptr);
     // Uses a handle made elsewhere; with owned false the destructor leaves it open.
     void attach(HANDLE handle, bool owned);
     void close();

@@ -18,7 +18,7 @@ void mutex::close() {
     security_.reset();
 }
 
-int mutex::create(const char* name, const bool* inherit) {
+int mutex::create(const char* name, const bool* inherit, PSECURITY_DESCRIPTOR security) {
     if (imported_) {
         NV_LOG("mcl::mutex::create", "Re-create mutex is not supported, this is imported mutex");
         return -1;
@@ -28,19 +28,23 @@ int mutex::create(const char* name, const bool* inherit) {
         return -2;
     }
     SECURITY_ATTRIBUTES* sa = nullptr;
-    if (inherit != nullptr) {
+    if (security == nullptr && inherit != nullptr) {
         security_ = make_null_dacl_descriptor();
         if (!security_) {
             NV_LOG("mcl::mutex::create", "Failed to create security descriptor");
             return -1;
         }
+        security = security_.get();
+    }
+    if (security != nullptr) {
         attributes_.nLength = sizeof(attributes_);
-        attributes_.lpSecurityDescriptor = security_.get();
-        attributes_.bInheritHandle = *inherit ? TRUE : FALSE;
+        attributes_.lpSecurityDescriptor = security;
+        attributes_.bInheritHandle = inherit != nullptr && *inherit ? TRUE : FALSE;
         sa = &attributes_;
     }
     HANDLE h = CreateMutexA(sa, FALSE, name);
     const DWORD err = GetLastError();
+    attributes_.lpSecurityDescriptor = security_.get();  // the caller's descriptor was for this call
     if (err == ERROR_ALREADY_EXISTS || err == ERROR_ACCESS_DENIED) {
         if (h != nullptr) CloseHandle(h);
         return -2;
@@ -63,6 +67,7 @@ int mutex::open(const char* name) {
         const DWORD err = GetLastError();
         NV_LOG("mcl::mutex::open", "Failed to open mutex \"%s\", error [%d:%s]", name, static_cast<int>(err),
                error_text(err).c_str());
+        SetLastError(err);  // for the caller, after the log's own calls
         return -1;
     }
     handle_ = h;

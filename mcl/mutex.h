@@ -20,10 +20,11 @@ public:
     void lock() override { (void)acquire(INFINITE); }
     void unlock() override { (void)release(); }
 
-    // Creates the named mutex, not owned. With `inherit` the handle gets a NULL-DACL
-    // descriptor and that inherit flag; without it, default security. A name that exists
-    // already (or may not be opened) gives -2 and leaves this object without a handle.
-    [[nodiscard]] int create(const char* name, const bool* inherit);
+    // Creates the named mutex, not owned. With `security` (used during the call only) the
+    // mutex gets that descriptor; otherwise, with `inherit`, a NULL-DACL descriptor; without
+    // either, default security. The handle is inheritable only when `inherit` says so. A name
+    // that exists already (or may not be opened) gives -2 and leaves this object without a handle.
+    [[nodiscard]] int create(const char* name, const bool* inherit, PSECURITY_DESCRIPTOR security = nullptr);
     [[nodiscard]] int open(const char* name);
     [[nodiscard]] int acquire(DWORD milliseconds);
     [[nodiscard]] int release();

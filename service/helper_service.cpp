@@ -5,11 +5,48 @@
 #include "service/recovery_code.h"
 #include "service/release.h"
 
-chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_name, &handler_), handler_(this) {}
+namespace {
+
+mcl::mswin::security_descriptor descriptor_of(const char* sddl) {
+    mcl::mswin::security_descriptor descriptor;
+    if (!mcl::mswin::security_descriptor::from_sddl(sddl, descriptor))
+        NV_LOG("chelperservice::chelperservice", "Failed to convert the security descriptor \"%s\", error: %lu", sddl,
+               static_cast<unsigned long>(GetLastError()));
+    return descriptor;
+}
+
+}  // namespace
+
+chelperservice::chelperservice() : mcl::ipc_peer(mcl::mswin::service::default_name, &handler_), handler_(this) {
+    set_event_security(descriptor_of(stop_events_sddl));
+    instance_security_ = descriptor_of(instance_mutex_sddl);
+    set_listener_security(
+        {descriptor_of(connecting_mutex_sddl), descriptor_of(connected_event_sddl), descriptor_of(pipe_sddl)});
+}
+
+bool chelperservice::existing_object_trusted(const std::string& name, HANDLE existing) {
+    mcl::mswin::security_descriptor descriptor;
+    mcl::mswin::sid owner;
+    if (existing != nullptr && descriptor.read_object_owner(existing) == ERROR_SUCCESS) owner = descriptor.owner();
+    const bool trusted = !owner.empty() && (IsWellKnownSid(owner.get(), WinLocalSystemSid) ||
+                                            IsWellKnownSid(owner.get(), WinBuiltinAdministratorsSid));
+    if (trusted) return true;
+    NV_LOG("chelperservice::existing_object_trusted",
+           "The named object \"%s\" was made before the service by %s, neither the system nor an administrator: "
+           "the service goes on without it",
+           name.c_str(), owner.empty() ? "an unknown owner" : owner.to_string().c_str());
+    return false;
+}
+
+bool chelperservice::take_instance_name() {
+    if (instance_mutex_.create(instance_mutex_name, /*inherit=*/nullptr, instance_security_.get()) != -2) return true;
+    const mcl::mswin::unique_kernel_handle existing(OpenMutexA(READ_CONTROL, FALSE, instance_mutex_name));
+    return !existing_object_trusted(instance_mutex_name, existing.get());
+}
 
 void chelperservice::main(int, char**) {
-    // Another instance holds the name (or it may not be opened): only the shutdown runs.
-    if (instance_mutex_.create(instance_mutex_name, /*inherit=*/nullptr) != -2) {
+    // Another instance holds the name: only the shutdown runs.
+    if (take_instance_name()) {
         NV_LOG("chelperservice::main", "Service Version: %s", this_release().file_version);
 
         emergency_actions actions;

@@ -38,6 +38,19 @@ class chelperservice : public mcl::mswin::service,
                        public mcl::singleton_ptr<chelperservice> {
 public:
     static constexpr const char* instance_mutex_name = "Global\\NORVALE_ClientHelper_Service_Running";
+    // Who may do what with the service's named objects. The system and administrators (the
+    // owner) have every right. The stop and stopped events and the instance mutex are theirs
+    // alone; ordinary users get what a client needs: waiting on and taking the connecting mutex,
+    // setting the connected event, reading and writing the pipes and their attributes (never
+    // FILE_CREATE_PIPE_INSTANCE, WRITE_DAC or WRITE_OWNER).
+    static constexpr const char* stop_events_sddl = "O:BAG:SYD:P(A;;0x1f0003;;;SY)(A;;0x1f0003;;;BA)";
+    static constexpr const char* instance_mutex_sddl = "O:BAG:SYD:P(A;;0x1f0001;;;SY)(A;;0x1f0001;;;BA)";
+    static constexpr const char* connecting_mutex_sddl =
+        "O:BAG:SYD:P(A;;0x1f0001;;;SY)(A;;0x1f0001;;;BA)(A;;0x100001;;;AU)(A;;0x100001;;;IU)";
+    static constexpr const char* connected_event_sddl =
+        "O:BAG:SYD:P(A;;0x1f0003;;;SY)(A;;0x1f0003;;;BA)(A;;0x100002;;;AU)(A;;0x100002;;;IU)";
+    static constexpr const char* pipe_sddl =
+        "O:BAG:SYD:P(A;;0x1f01ff;;;SY)(A;;0x1f01ff;;;BA)(A;;0x12019b;;;AU)(A;;0x12019b;;;IU)";
     static constexpr const char* default_folder_sddl = folder_security::default_folder_sddl;
 
     // The request dispatcher. The IPC peer calls it on its event thread, one message at a time.
@@ -55,6 +68,9 @@ public:
     // The whole service life: single instance, emergency options, start-up, listening until the
     // stop event, shutdown. Runs on the service thread (or the console's main thread).
     void main(int argc, char** argv) override;
+    // A named object made before the service is used only when the system or an administrator
+    // owns it; anyone else's is logged, with its owner, and left alone.
+    bool existing_object_trusted(const std::string& name, HANDLE existing) override;
     // The accept loop: one listening pipe pair always waits for the next client; serves until
     // the stop event is set, then resets it and closes every connection. Service thread.
     void listen() override;
@@ -250,8 +266,11 @@ private:
 
     void handleEmergencyStart(const emergency_start& start);
     void shutdown();
+    // Takes the instance mutex: false when another instance of the service holds the name.
+    bool take_instance_name();
 
     helper_msg_handler handler_;
+    mcl::mswin::security_descriptor instance_security_;
     mcl::mutex instance_mutex_;
     bool service_protection_enabled_ = true;
     bool process_protection_enabled_ = true;

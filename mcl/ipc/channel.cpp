@@ -45,7 +45,7 @@ bool ipc_channel::create(const char* pipe_path, bool first_instance) {
         SECURITY_ATTRIBUTES sa{};
         sa.nLength = sizeof(sa);
         sa.lpSecurityDescriptor = owner_->security_descriptor();
-        sa.bInheritHandle = TRUE;
+        sa.bInheritHandle = FALSE;  // no child process gets the service's end of a pipe
         const DWORD access = direction_ == read_direction ? PIPE_ACCESS_INBOUND : PIPE_ACCESS_OUTBOUND;
         // Only local callers: the service has nothing to say to other machines.
         requested_open_mode_ = access | FILE_FLAG_OVERLAPPED | (first_instance ? FILE_FLAG_FIRST_PIPE_INSTANCE : 0);
@@ -63,7 +63,7 @@ bool ipc_channel::create(const char* pipe_path, bool first_instance) {
         return true;
     }
 
-    const DWORD access = direction_ == read_direction ? GENERIC_READ : GENERIC_WRITE;
+    const DWORD access = direction_ == read_direction ? client_read_access : client_write_access;
     // Whoever serves the pipe may learn who this client is, never act as it.
     requested_open_mode_ = FILE_FLAG_OVERLAPPED | FILE_FLAG_NO_BUFFERING | SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION;
     for (;;) {
@@ -399,8 +399,9 @@ bool ipc_write_channel::end_overflowed() {
 
 // ---------------------------------------------------------------------------------------------
 
-ipc_connection::ipc_connection(connection_type type) : type_(type), reader_(this), writer_(this) {
-    security_ = make_null_dacl_descriptor();  // null: the pipes get default security
+ipc_connection::ipc_connection(connection_type type, PSECURITY_DESCRIPTOR pipe_security)
+    : type_(type), reader_(this), writer_(this), pipe_security_(pipe_security) {
+    if (pipe_security_.empty()) security_ = make_null_dacl_descriptor();  // null: the pipes get default security
     if (type == connect_type) state_ = pair_state::verified;  // this end opened both pipes itself
 }
 

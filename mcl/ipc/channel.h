@@ -19,6 +19,7 @@
 #include "mcl/event.h"
 #include "mcl/ipc/frame.h"
 #include "mcl/lock.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/unique_handle.h"
 #include "mcl/share_ptr.h"
 
@@ -34,6 +35,11 @@ public:
     static constexpr DWORD pipe_buffer_size = 4096;
     static constexpr DWORD pipe_default_timeout_ms = 5000;
     static constexpr DWORD busy_wait_ms = 30000;
+    // What the connecting end asks of each pipe. Writing leaves out FILE_APPEND_DATA, which on
+    // a pipe is FILE_CREATE_PIPE_INSTANCE: a listener may grant its clients writing without
+    // letting them make instances of its pipes.
+    static constexpr DWORD client_read_access = GENERIC_READ;
+    static constexpr DWORD client_write_access = (FILE_GENERIC_WRITE & ~FILE_APPEND_DATA) | FILE_READ_ATTRIBUTES;
 
     ipc_channel(direction_type direction, ipc_connection* owner);
     ipc_channel(const ipc_channel&) = delete;
@@ -159,14 +165,18 @@ public:
     // opened both itself and starts verified.
     enum class pair_state : int { waiting, verified, ended };
 
-    explicit ipc_connection(connection_type type);
+    // `pipe_security` (copied; null for a NULL DACL) is the descriptor of the pipes a listening
+    // end creates.
+    explicit ipc_connection(connection_type type, PSECURITY_DESCRIPTOR pipe_security = nullptr);
     ~ipc_connection() override;
 
     // Creates or opens both pipes (read channel first); false when either fails.
     bool open(const char* pipe_path);
 
     connection_type type() const { return type_; }
-    PSECURITY_DESCRIPTOR security_descriptor() const { return security_.get(); }
+    PSECURITY_DESCRIPTOR security_descriptor() const {
+        return pipe_security_.empty() ? security_.get() : pipe_security_.get();
+    }
     ipc_read_channel& reader() { return reader_; }
     ipc_write_channel& writer() { return writer_; }
     bool enqueue(const binary_t& frame) { return writer_.enqueue(frame); }
@@ -219,6 +229,7 @@ private:
     ipc_read_channel reader_;
     ipc_write_channel writer_;
     mswin::unique_local<PSECURITY_DESCRIPTOR> security_;  // NULL-DACL descriptor, or null for default security
+    mswin::security_descriptor pipe_security_;            // the owner's descriptor, when it gave one
     DWORD client_process_id_ = 0;
     mswin::unique_kernel_handle client_process_;
     std::string client_image_;

@@ -259,26 +259,45 @@ bool ipc_peer::connect(const char* name, int timeout_ms, const server_check& che
     }
     mutex connecting;
     bool opened = false;
+    bool refused = false;  // the mutex exists, but this client may not open it
     for (;;) {
         if (connecting.open(mutex_name.c_str()) == 0) {
             opened = true;
+            break;
+        }
+        if (GetLastError() == ERROR_ACCESS_DENIED) {
+            refused = true;
             break;
         }
         Sleep(connect_retry_ms);
         remaining -= connect_retry_ms;
         if (remaining <= 0) break;
     }
-    if (!opened) {
+    if (!opened && !refused) {
         NV_LOG("mcl::ipc_peer::connect", "Failed to open the connecting mutex for pipe[%s], peer may not start yet.", name);
         return false;
     }
-    if (connecting.acquire(static_cast<DWORD>(remaining)) != 0) {
+    // The mutex only keeps honest clients from taking pipes of the same pair: whoever holds it
+    // longer than connecting_wait_ms is not one, and the client goes on without it.
+    if (opened && remaining <= connecting_wait_ms && connecting.acquire(static_cast<DWORD>(remaining)) != 0) {
         NV_LOG("mcl::ipc_peer::connect", "Failed to acquire the pipe[%s] connecting mutex within %d milli-seconds", name,
                remaining);
         return false;
     }
+    if (opened && !connecting.acquired() && connecting.acquire(connecting_wait_ms) != 0) {
+        remaining -= connecting_wait_ms;
+        NV_LOG("mcl::ipc_peer::connect",
+               "The pipe[%s] connecting mutex was not acquired within %d milli-seconds, open the pipes without it", name,
+               connecting_wait_ms);
+    }
+    if (refused)
+        NV_LOG("mcl::ipc_peer::connect", "The pipe[%s] connecting mutex may not be opened, open the pipes without it",
+               name);
     HANDLE connected = OpenEventA(EVENT_MODIFY_STATE | SYNCHRONIZE, FALSE, (base + "_EV_CONNECTED").c_str());
-    if (connected == nullptr) {
+    if (connected == nullptr && GetLastError() == ERROR_ACCESS_DENIED) {
+        NV_LOG("mcl::ipc_peer::connect",
+               "The connected event for pipe[%s] may not be opened, connect without signalling it", name);
+    } else if (connected == nullptr) {
         NV_LOG("mcl::ipc_peer::connect", "Failed to open the connected event for pipe[%s].", name);
         (void)connecting.release();
         return false;
@@ -299,8 +318,10 @@ bool ipc_peer::connect(const char* name, int timeout_ms, const server_check& che
         pipe_wait -= connect_retry_ms;
     }
     // Also after a failed open: the listener makes a fresh pair for the next client.
-    SetEvent(connected);
-    CloseHandle(connected);
+    if (connected != nullptr) {
+        SetEvent(connected);
+        CloseHandle(connected);
+    }
     (void)connecting.release();
     if (!opened_pipes || (check && !check(*connection))) return false;
 
@@ -313,16 +334,25 @@ bool ipc_peer::connect(const char* name, int timeout_ms, const server_check& che
 bool ipc_peer::setup(bool listening) {
     if (listening) {
         const std::string base = std::string(global_prefix) + name_;
+        const std::string mutex_name = base + "_MTX_CONNECTING";
+        const std::string event_name = base + "_EV_CONNECTED";
         const bool inherit = false;
         // A mutex made before this listener (a second listener under the same name, or a client
         // that still held the mutex of a listener that was killed) is opened and held: without a
         // handle of ours it would vanish with the last client's, and no client could connect.
-        if (connecting_mutex_.create((base + "_MTX_CONNECTING").c_str(), &inherit) == -2) {
+        if (connecting_mutex_.create(mutex_name.c_str(), &inherit, security_.connecting_mutex.get()) == -2) {
             NV_LOG("mcl::ipc_peer::setup", "The connecting mutex (\"%s_MTX_CONNECTING\") already exists, made before this listener",
                    base.c_str());
-            (void)connecting_mutex_.open((base + "_MTX_CONNECTING").c_str());
+            const mswin::unique_kernel_handle existing(OpenMutexA(READ_CONTROL, FALSE, mutex_name.c_str()));
+            if (existing_object_trusted(mutex_name, existing.get())) (void)connecting_mutex_.open(mutex_name.c_str());
         }
-        if (!connected_event_.valid()) (void)connected_event_.create((base + "_EV_CONNECTED").c_str());
+        if (!connected_event_.valid()) {
+            const int made = connected_event_.create(event_name.c_str(), security_.connected_event.get());
+            const DWORD err = GetLastError();
+            // Without the event the accept loop sees its clients through the pair's own state.
+            if (made == -2 && !existing_object_trusted(event_name, connected_event_.get())) connected_event_.close();
+            if (made == -1 && err == ERROR_ACCESS_DENIED) (void)existing_object_trusted(event_name, nullptr);
+        }
         if (!pair_event_.valid()) (void)pair_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
     }
     const bool started = start();
@@ -395,6 +425,8 @@ void ipc_peer::serve_until(HANDLE stop) {
         }
         if (wait_pair && r == WAIT_OBJECT_0 + count - 1) {
             pair_event_.reset();
+            // Without a connected event no client signals: a pair taken whole is followed at once.
+            if (!connected_event_.valid() && waiting->state() == ipc_connection::pair_state::verified) need_pair = true;
             if (!waiting->ended()) continue;
             if (!settle(waiting, stop)) break;
             need_pair = true;
@@ -478,11 +510,14 @@ void ipc_peer::check_pipe_name(const std::string& pipe_path) {
                pipe_path.c_str());
 }
 
+bool ipc_peer::existing_object_trusted(const std::string&, HANDLE) { return true; }
+
 share_ptr<ipc_connection> ipc_peer::new_listen_connection(const char* pipe_path, bool first_instance, HANDLE watcher) {
     share_ptr<ipc_connection> connection;
     // An allocation failure is one more failed pair: the accept loop tries again later.
-    if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection",
-                 [&] { connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type)); }))
+    if (!guarded("mcl::ipc_peer::new_listen_connection", "Making a listening connection", [&] {
+            connection = share_ptr<ipc_connection>(new ipc_connection(ipc_connection::listen_type, security_.pipes.get()));
+        }))
         return {};
     connection->watch(watcher);
     const bool ok = connection->reader().create(pipe_path, first_instance) &&

@@ -26,6 +26,7 @@
 #include "mcl/ipc/channel.h"
 #include "mcl/ipc/frame.h"
 #include "mcl/lock.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mutex.h"
 #include "mcl/share_ptr.h"
 #include "mcl/thread.h"
@@ -113,7 +114,11 @@ public:
     using server_check = std::function<bool(const ipc_connection& connection)>;
     // Connecting side: the handshake with the listener of `name`, then one more connection.
     // With `check`, a connection it refuses is closed unused and connect fails.
+    // The connecting mutex is waited for at most connecting_wait_ms when the time-out leaves
+    // more: a process that holds it (or made it so that clients may not open it) delays a
+    // client by that much, and the client then opens the pipes without it (logged).
     virtual bool connect(const char* name, int timeout_ms, const server_check& check = nullptr);
+    static constexpr int connecting_wait_ms = 2000;
     // Drops one connection; a send waiting on it ends at once.
     virtual void disconnect(share_ptr<ipc_connection> connection);
     // Stops the threads, drops every connection and both tables; the next frame built carries
@@ -126,6 +131,21 @@ public:
     void shutdown();
     // Makes the read and write threads rebuild their wait lists.
     virtual void refresh();
+
+    // The security descriptors of the listening side's named objects, given by the owner
+    // before setup(true) or serve_until; an empty one means a NULL DACL (every process may do
+    // everything with the object).
+    struct listener_security {
+        mswin::security_descriptor connecting_mutex;
+        mswin::security_descriptor connected_event;
+        mswin::security_descriptor pipes;
+    };
+    void set_listener_security(listener_security security) { security_ = std::move(security); }
+    // Listening side, at setup: whether the connecting mutex or the connected event, found made
+    // before this listener, may be used. `existing` has READ_CONTROL, or is null when the object
+    // could not be opened. One not trusted is left alone: the listener runs without it and its
+    // clients connect without it. By default every one is trusted.
+    virtual bool existing_object_trusted(const std::string& name, HANDLE existing);
 
     const std::string& name() const { return name_; }
     // Live connections, in the order they were added (a copy). Any thread.
@@ -250,6 +270,7 @@ private:
     std::vector<std::unique_ptr<msg_read_thread>> read_threads_;    // one per wait group
     std::vector<std::unique_ptr<msg_write_thread>> write_threads_;  // one per wait group
 
+    listener_security security_;
     mutex connecting_mutex_;
     event connected_event_;
     event pair_event_;  // set by the waiting pair's I/O threads when its state changes

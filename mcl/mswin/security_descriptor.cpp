@@ -52,6 +52,23 @@ bool security_descriptor::dacl_protected() const {
     return !empty() && GetSecurityDescriptorControl(get(), &control, &revision) && (control & SE_DACL_PROTECTED) != 0;
 }
 
+sid security_descriptor::owner() const {
+    PSID found = nullptr;
+    BOOL defaulted = FALSE;
+    if (empty() || !GetSecurityDescriptorOwner(get(), &found, &defaulted) || found == nullptr) return sid();
+    return sid(found);
+}
+
+DWORD security_descriptor::read_object_owner(HANDLE object) {
+    bytes_.clear();
+    PSID owner = nullptr;
+    unique_local<PSECURITY_DESCRIPTOR> raw;
+    const DWORD err = GetSecurityInfo(object, SE_KERNEL_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                                      nullptr, raw.put());
+    if (err == ERROR_SUCCESS) *this = security_descriptor(raw.get());
+    return err;
+}
+
 DWORD security_descriptor::read_file_dacl(const std::wstring& path) {
     bytes_.clear();
     PACL dacl = nullptr;

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "mcl/mswin/sid.h"
+
 namespace mcl::mswin {
 
 // ConvertSecurityDescriptorToStringSecurityDescriptorA (revision 1) of the `parts` of any
@@ -39,6 +41,8 @@ public:
     PACL dacl() const;
     // Whether SE_DACL_PROTECTED is set (GetSecurityDescriptorControl).
     bool dacl_protected() const;
+    // The owner (GetSecurityDescriptorOwner), empty when there is none.
+    sid owner() const;
 
     bool empty() const { return bytes_.empty(); }
     PSECURITY_DESCRIPTOR get() const { return empty() ? nullptr : const_cast<BYTE*>(bytes_.data()); }
@@ -47,6 +51,9 @@ public:
     [[nodiscard]] DWORD read_file_dacl(const std::wstring& path);
     // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE). The Win32 code.
     [[nodiscard]] DWORD read_service_dacl(const std::string& name);
+    // The owner of an open kernel object (GetSecurityInfo, SE_KERNEL_OBJECT; the handle needs
+    // READ_CONTROL). The Win32 code.
+    [[nodiscard]] DWORD read_object_owner(HANDLE object);
     // The DACL of an open registry key (RegGetKeySecurity: the size, then the descriptor). The
     // registry code; ERROR_INSUFFICIENT_BUFFER is not expected from the size query, so any other
     // answer is returned as it came.

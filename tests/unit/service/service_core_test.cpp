@@ -20,12 +20,62 @@
 #include "tests/data/recovery_test_key.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
+#include "tests/helpers/restricted.h"
 #include "tests/unit/protocol/conformance.h"
 #include "tools/recovery_code/signer.h"
 
 namespace reg = mcl::mswin::reg;
 
 namespace {
+
+// What `token` may do with an object under `sddl`: AccessCheck for MAXIMUM_ALLOWED.
+DWORD granted_to(HANDLE token, const char* sddl, GENERIC_MAPPING mapping) {
+    mcl::mswin::security_descriptor descriptor;
+    if (!mcl::mswin::security_descriptor::from_sddl(sddl, descriptor)) return ~0u;
+    PRIVILEGE_SET privileges{};
+    DWORD privileges_size = sizeof(privileges);
+    DWORD granted = 0;
+    BOOL allowed = FALSE;
+    if (!AccessCheck(descriptor.get(), token, MAXIMUM_ALLOWED, &mapping, &privileges, &privileges_size, &granted, &allowed))
+        return ~0u;
+    return allowed ? granted : 0;
+}
+
+TEST(ObjectSecurity, OrdinaryUsersGetWhatAClientNeedsAdministratorsEverything) {
+    const auto user = nv_test::restricted_token(/*impersonation=*/true);
+    HANDLE own = nullptr;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_DUPLICATE, &own));
+    HANDLE admin_raw = nullptr;
+    ASSERT_TRUE(DuplicateToken(own, SecurityImpersonation, &admin_raw));
+    CloseHandle(own);
+    const mcl::mswin::unique_kernel_handle admin(admin_raw);
+    ASSERT_TRUE(user);
+    const GENERIC_MAPPING event{STANDARD_RIGHTS_READ, STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE,
+                                STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE, EVENT_ALL_ACCESS};
+    const GENERIC_MAPPING mutex{STANDARD_RIGHTS_READ, STANDARD_RIGHTS_WRITE,
+                                STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE, MUTEX_ALL_ACCESS};
+    const GENERIC_MAPPING pipe{FILE_GENERIC_READ, FILE_GENERIC_WRITE, FILE_GENERIC_EXECUTE, FILE_ALL_ACCESS};
+    const struct {
+        const char* sddl;
+        GENERIC_MAPPING mapping;
+        DWORD ordinary;
+    } cases[] = {
+        {chelperservice::stop_events_sddl, event, 0},
+        {chelperservice::instance_mutex_sddl, mutex, 0},
+        {chelperservice::connecting_mutex_sddl, mutex, SYNCHRONIZE | MUTEX_MODIFY_STATE},
+        {chelperservice::connected_event_sddl, event, SYNCHRONIZE | EVENT_MODIFY_STATE},
+        {chelperservice::pipe_sddl, pipe, FILE_GENERIC_READ | (FILE_GENERIC_WRITE & ~FILE_CREATE_PIPE_INSTANCE)},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(c.ordinary, granted_to(user.get(), c.sddl, c.mapping)) << c.sddl;
+        EXPECT_EQ(c.mapping.GenericAll, granted_to(admin.get(), c.sddl, c.mapping)) << c.sddl;
+    }
+    // What a client asks of the pipes is within what an ordinary user gets.
+    DWORD asked = mcl::ipc_channel::client_read_access;
+    MapGenericMask(&asked, const_cast<GENERIC_MAPPING*>(&pipe));
+    asked |= mcl::ipc_channel::client_write_access;
+    EXPECT_EQ(0u, asked & ~granted_to(user.get(), chelperservice::pipe_sddl, pipe));
+}
 
 // The service's request dispatcher with a listening connection whose client is this process.
 class RequestDispatch : public ::testing::Test {
