@@ -89,27 +89,25 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
 
     // The records go first: a kill after the DACL write leaves a service that the next start
     // protects again from its record, and whose original DACL an unprotect gives back. An
-    // original recorded by an earlier protect is the one from before that protect: kept.
+    // original recorded by an earlier protect is the one from before that protect: kept. A record
+    // that cannot be written (the key refused) is logged; the protect goes on, as it always has.
     std::string original;
     const bool had_original = recorded_original_dacl(name, original);
+    bool wrote_original = false;
     if (!had_original) {
-        if (!descriptor.to_sddl(DACL_SECURITY_INFORMATION, original) ||
-            !mcl::mswin::reg::write_string(protected_services_key, original_dacl_value(name).c_str(), original)) {
-            NV_LOG(fn, "Original dacl of service %s could not be recorded, the dacl is left as it is", name.c_str());
-            return false;
-        }
+        wrote_original = descriptor.to_sddl(DACL_SECURITY_INFORMATION, original) &&
+                         mcl::mswin::reg::write_string(protected_services_key, original_dacl_value(name).c_str(), original);
+        if (!wrote_original) NV_LOG(fn, "Original dacl of service %s could not be recorded", name.c_str());
     }
     uint32_t listed = 0;
     const bool had_record = mcl::mswin::reg::read_dword(protected_services_key, name.c_str(), listed);
-    if (!had_record && !mcl::mswin::reg::write_dword(protected_services_key, name.c_str(), 1)) {
-        NV_LOG(fn, "Service %s could not be recorded, the dacl is left as it is", name.c_str());
-        if (!had_original) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, original_dacl_value(name).c_str());
-        return false;
-    }
+    const bool wrote_record = !had_record && mcl::mswin::reg::write_dword(protected_services_key, name.c_str(), 1);
+    if (!had_record && !wrote_record) NV_LOG(fn, "Service %s could not be recorded", name.c_str());
     if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) {
         // Nothing changed: what this call recorded goes again.
-        if (!had_record) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, name.c_str());
-        if (!had_original) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, original_dacl_value(name).c_str());
+        if (wrote_record) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, name.c_str());
+        if (wrote_original)
+            (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, original_dacl_value(name).c_str());
         return false;
     }
 

@@ -44,8 +44,8 @@ public:
     static std::wstring service_image_path(const std::string& name);
     // Records the service (and its original DACL) first, then replaces its DACL (own SID and the
     // service's SID in full) and, unless the service is stopped, puts it on the enforcement list.
-    // Fills sddl, sid, imagePath of `record`. False, with nothing changed, when a record or the
-    // DACL cannot be written.
+    // Fills sddl, sid, imagePath of `record`. A record that cannot be written is logged; false,
+    // with the records this call wrote taken back, when the DACL cannot be written.
     bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
     // Writes the service's original DACL back (the default service DACL when none was recorded);
     // only then takes it off the enforcement list and the persisted lists. The result is that of
