@@ -24,16 +24,22 @@ DWORD open_channel(unique_kernel_handle& pipe) {
     return ERROR_PIPE_BUSY;
 }
 
-DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes) {
+DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes, DWORD timeout_ms) {
     bytes = 0;
     if (!started) {
         const DWORD err = GetLastError();
         if (err != ERROR_IO_PENDING) return err;
+        if (timeout_ms != INFINITE && WaitForSingleObject(ov.hEvent, timeout_ms) != WAIT_OBJECT_0) {
+            CancelIoEx(pipe, &ov);
+            (void)GetOverlappedResult(pipe, &ov, &bytes, /*wait=*/TRUE);
+            bytes = 0;
+            return ERROR_TIMEOUT;
+        }
     }
     return GetOverlappedResult(pipe, &ov, &bytes, /*wait=*/TRUE) ? ERROR_SUCCESS : GetLastError();
 }
 
-DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t longest) {
+DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t longest, DWORD timeout_ms) {
     unique_kernel_handle done(CreateEventW(nullptr, TRUE, FALSE, nullptr));
     if (!done) return GetLastError();
     OVERLAPPED ov{};
@@ -49,7 +55,7 @@ DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer,
         in.resize(have + max_message);
         ov = OVERLAPPED{};
         ov.hEvent = done.get();
-        err = finish_io(pipe, ReadFile(pipe, in.data() + have, max_message, nullptr, &ov), ov, bytes);
+        err = finish_io(pipe, ReadFile(pipe, in.data() + have, max_message, nullptr, &ov), ov, bytes, timeout_ms);
         have += bytes;
     } while (err == ERROR_MORE_DATA);
     if (err != ERROR_SUCCESS) return err;

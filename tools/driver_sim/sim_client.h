@@ -17,12 +17,15 @@ DWORD open_channel(mcl::mswin::unique_kernel_handle& pipe);
 
 // Finishes one overlapped operation on `pipe` that returned `started`: waits for it when it is
 // pending. Returns ERROR_SUCCESS or the operation's Win32 error (ERROR_MORE_DATA included).
-DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes);
+// With `timeout_ms`, an operation still pending then is cancelled and ends with ERROR_TIMEOUT.
+DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes, DWORD timeout_ms = INFINITE);
 
 // Writes `request` as one message and reads the one message that answers it into `answer`.
 // The caller keeps other requests on `pipe` out meanwhile. Returns ERROR_SUCCESS or the Win32 error.
 // `longest`: the longest answer taken; a longer one fails with ERROR_INVALID_DATA. The port
 // operations' answers fit one pipe buffer; the control reports (state, journal) grow with the run.
-DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t longest = max_message);
+// `timeout_ms` bounds the wait for the answer (ERROR_TIMEOUT when it has not come).
+DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t longest = max_message,
+               DWORD timeout_ms = INFINITE);
 
 }  // namespace vqr::sim

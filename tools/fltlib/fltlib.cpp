@@ -59,9 +59,10 @@ HRESULT hr_from_pipe_error(DWORD err) {
 
 // One request and its answer on `pipe`; the answer's leading HRESULT is returned, the rest is
 // left in `answer` from `pos` on.
-HRESULT transact(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t& pos) {
+HRESULT transact(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer, uint32_t& pos,
+                 DWORD timeout_ms = INFINITE) {
     AcquireSRWLockExclusive(&g_transact_lock);
-    const DWORD err = vqr::sim::exchange(pipe, request, answer);
+    const DWORD err = vqr::sim::exchange(pipe, request, answer, vqr::sim::max_message, timeout_ms);
     ReleaseSRWLockExclusive(&g_transact_lock);
     if (err != ERROR_SUCCESS) return hr_from_pipe_error(err);
     pos = 0;
@@ -138,14 +139,21 @@ HRESULT WINAPI FilterConnectCommunicationPort(LPCWSTR lpPortName, DWORD /*dwOpti
                                               HANDLE* hPort) {
     if (hPort == nullptr || lpPortName == nullptr) return E_INVALIDARG;
     *hPort = INVALID_HANDLE_VALUE;
-    unique_kernel_handle pipe;
-    const DWORD err = vqr::sim::open_channel(pipe);
-    if (err != ERROR_SUCCESS) return HRESULT_FROM_WIN32(err);
     mcl::binary_t request, answer;
     mcl::write_u32(request, op::connect);
     mcl::write_wstring(request, lpPortName);
-    uint32_t pos = 0;
-    const HRESULT hr = transact(pipe.get(), request, answer, pos);
+    // Under a heavily loaded Wine, a connect to the simulator's private pipe was seen to go
+    // unanswered for good. The simulator answers a connect at once, so one that has waited
+    // connect_answer_ms is given up and made again on a fresh pipe instance.
+    constexpr DWORD connect_answer_ms = 15000;
+    unique_kernel_handle pipe;
+    HRESULT hr = HRESULT_FROM_WIN32(ERROR_TIMEOUT);
+    for (int attempt = 0; attempt < 2 && hr == HRESULT_FROM_WIN32(ERROR_TIMEOUT); ++attempt) {
+        const DWORD err = vqr::sim::open_channel(pipe);
+        if (err != ERROR_SUCCESS) return HRESULT_FROM_WIN32(err);
+        uint32_t pos = 0;
+        hr = transact(pipe.get(), request, answer, pos, connect_answer_ms);
+    }
     if (FAILED(hr)) return hr == HRESULT_FROM_WIN32(ERROR_INVALID_HANDLE) ? HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) : hr;
     *hPort = pipe.release();
     return S_OK;
