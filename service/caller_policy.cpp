@@ -2,27 +2,17 @@
 
 #include <cwchar>
 
+#include "mcl/mswin/process.h"
 #include "mcl/mswin/token.h"
-
-namespace {
-
-// The image of an open process, empty when the system will not tell.
-std::wstring process_image_of(HANDLE process) {
-    std::wstring image(32768, L'\0');
-    DWORD size = static_cast<DWORD>(image.size());
-    if (!QueryFullProcessImageNameW(process, 0, &image[0], &size)) size = 0;
-    image.resize(size);
-    return image;
-}
-
-}  // namespace
 
 caller_verdict judge_caller(HANDLE process, const std::vector<std::wstring>& trusted_folders) {
     if (process == nullptr) return caller_verdict::refused;
     const mcl::mswin::process_token token(process);
     if (token.user_is(WinLocalSystemSid)) return caller_verdict::local_system;
     if (token.member_of(WinBuiltinAdministratorsSid)) return caller_verdict::administrator;
-    const std::wstring image = process_image_of(process);
+    // Wide, as the system holds it: a narrow copy could map another folder's name onto a trusted one.
+    std::wstring image;
+    if (!mcl::mswin::query_process_image(process, image, /*capacity=*/32768)) image.clear();
     for (const std::wstring& folder : trusted_folders)
         if (image_in_folder(image, folder)) return caller_verdict::product_program;
     return caller_verdict::refused;

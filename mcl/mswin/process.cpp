@@ -6,13 +6,24 @@
 
 namespace mcl::mswin {
 
-bool query_process_image(HANDLE process, std::string& image, DWORD capacity) {
-    std::vector<char> path(capacity, 0);
+namespace {
+
+BOOL query_full_name(HANDLE process, char* path, DWORD* size) { return QueryFullProcessImageNameA(process, 0, path, size); }
+BOOL query_full_name(HANDLE process, wchar_t* path, DWORD* size) { return QueryFullProcessImageNameW(process, 0, path, size); }
+
+template <typename Char>
+bool query_image(HANDLE process, std::basic_string<Char>& image, DWORD capacity) {
+    std::vector<Char> path(capacity, 0);
     DWORD size = capacity;
-    if (!QueryFullProcessImageNameA(process, 0, path.data(), &size)) return false;
+    if (!query_full_name(process, path.data(), &size)) return false;
     image.assign(path.data(), size);
     return true;
 }
+
+}  // namespace
+
+bool query_process_image(HANDLE process, std::string& image, DWORD capacity) { return query_image(process, image, capacity); }
+bool query_process_image(HANDLE process, std::wstring& image, DWORD capacity) { return query_image(process, image, capacity); }
 
 std::string process_image(DWORD pid, DWORD capacity) {
     unique_kernel_handle process(OpenProcess(PROCESS_QUERY_LIMITED_INFORMATION, FALSE, pid));

@@ -9,8 +9,10 @@
 namespace mcl::mswin {
 
 // The Win32 path of the image of a process opened with PROCESS_QUERY_LIMITED_INFORMATION
-// (QueryFullProcessImageNameA into `capacity` characters). False with GetLastError().
+// (QueryFullProcessImageName into `capacity` characters), narrow or wide. False with
+// GetLastError().
 [[nodiscard]] bool query_process_image(HANDLE process, std::string& image, DWORD capacity = MAX_PATH);
+[[nodiscard]] bool query_process_image(HANDLE process, std::wstring& image, DWORD capacity = MAX_PATH);
 // The same for a process id; empty when the process is gone, not ours to query or its path is
 // longer than the capacity.
 std::string process_image(DWORD pid, DWORD capacity = MAX_PATH);
