@@ -10,6 +10,15 @@ namespace mcl::mswin::reg {
 
 namespace {
 
+// The text in the wide form; ANSI paths convert losslessly.
+std::wstring wide(const std::string& text) {
+    if (text.empty()) return std::wstring();
+    const int n = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
+    std::wstring out(static_cast<size_t>(n > 0 ? n : 0), L'\0');
+    if (n > 0) MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
+    return out;
+}
+
 // RegEnumKeyA / RegEnumValueA over every index, until the end or the first failure. The buffer
 // holds the longest value name the registry allows (key names are shorter still), so that every
 // name written can be read back. A key deleted meanwhile (ERROR_KEY_DELETED) ends the list with
@@ -35,6 +44,17 @@ bool collect_names(HKEY handle, std::vector<std::string>& names, Enumerate enume
 
 }  // namespace
 
+LONG open_key(HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
+    return RegOpenKeyExW(root, wide(key).c_str(), 0, access, handle.put());
+}
+
+LONG create_key(HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
+    return RegCreateKeyExW(root, wide(key).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, access, nullptr,
+                           handle.put(), nullptr);
+}
+
+LONG delete_key(HKEY root, const std::string& key) { return RegDeleteKeyW(root, wide(key).c_str()); }
+
 bool list_subkeys(HKEY key, std::vector<std::string>& names) {
     return collect_names(key, names, [](HKEY h, DWORD index, char* name, DWORD size) {
         return RegEnumKeyA(h, index, name, size);
@@ -49,13 +69,13 @@ bool list_values(HKEY key, std::vector<std::string>& names) {
 
 bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names) {
     unique_reg_key handle;
-    return RegOpenKeyExA(root, key.c_str(), 0, KEY_READ, handle.put()) == ERROR_SUCCESS &&
+    return open_key(root, key, KEY_READ, handle) == ERROR_SUCCESS &&
            list_subkeys(handle.get(), names);
 }
 
 bool list_values(const std::string& key, std::vector<std::string>& names) {
     unique_reg_key handle;
-    return RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.put()) == ERROR_SUCCESS &&
+    return open_key(HKEY_LOCAL_MACHINE, key, KEY_READ, handle) == ERROR_SUCCESS &&
            list_values(handle.get(), names);
 }
 
@@ -69,7 +89,7 @@ bool for_each_subkey(HKEY root, const std::string& key, const std::function<bool
 
 bool read_value(const std::string& key, const char* name, binary_t& data) {
     unique_reg_key handle;
-    if (RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, KEY_READ, handle.put()) != ERROR_SUCCESS) return false;
+    if (open_key(HKEY_LOCAL_MACHINE, key, KEY_READ, handle) != ERROR_SUCCESS) return false;
     binary_t bytes;
     DWORD size = 512;
     bytes.write_at(0, nullptr, size);
@@ -108,8 +128,7 @@ bool read_string_list(const std::string& key, const char* name, std::vector<std:
 
 bool write_value(const std::string& key, const char* name, const void* data, DWORD size, DWORD type) {
     unique_reg_key handle;
-    if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, KEY_ALL_ACCESS,
-                        nullptr, handle.put(), nullptr) != ERROR_SUCCESS)
+    if (create_key(HKEY_LOCAL_MACHINE, key, KEY_ALL_ACCESS, handle) != ERROR_SUCCESS)
         return false;
     return RegSetValueExA(handle.get(), name, 0, type, static_cast<const BYTE*>(data), size) == ERROR_SUCCESS;
 }
@@ -132,7 +151,7 @@ bool write_string_list(const std::string& key, const char* name, const std::vect
 bool remove(HKEY root, const std::string& key, const char* value_name) {
     if (value_name != nullptr) {
         unique_reg_key handle;
-        LONG rc = RegOpenKeyExA(root, key.c_str(), 0, KEY_SET_VALUE, handle.put());
+        LONG rc = open_key(root, key, KEY_SET_VALUE, handle);
         if (rc != ERROR_SUCCESS) {
             NV_LOG("mcl::mswin::reg::remove", "Failed to open reg key <%s> to remove: %d", key.c_str(),
                    static_cast<int>(rc));
@@ -148,7 +167,7 @@ bool remove(HKEY root, const std::string& key, const char* value_name) {
     }
     if (!for_each_subkey(root, key, [root](const std::string& sub) { return remove(root, sub, nullptr); }))
         return false;
-    const LONG rc = RegDeleteKeyA(root, key.c_str());
+    const LONG rc = delete_key(root, key);
     if (rc != ERROR_SUCCESS) {
         NV_LOG("mcl::mswin::reg::remove", "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));
         return false;

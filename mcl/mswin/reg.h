@@ -14,8 +14,16 @@
 
 #include "mcl/buffer.h"
 #include "mcl/mswin/security_descriptor.h"
+#include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin::reg {
+
+// Opening, creating and deleting root\key through the wide calls: the ANSI ones stop at paths of
+// MAX_PATH characters, and a protected key or a container path may be longer. The result is the
+// registry's error code.
+LONG open_key(HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle);
+LONG create_key(HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle);
+LONG delete_key(HKEY root, const std::string& key);
 
 // Subkey names of root\key (names over 255 characters are skipped). True when any was found.
 bool list_subkeys(HKEY root, const std::string& key, std::vector<std::string>& names);

@@ -17,8 +17,8 @@ constexpr LONG status_buffer_too_small = static_cast<LONG>(0xC0000023);
 using nt_query_key_fn = LONG(WINAPI*)(HANDLE key, int info_class, void* info, ULONG length, ULONG* result_length);
 
 // Opens root\key with `access`; on failure writes the one line under `function`.
-bool open_key(const char* function, HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
-    const LONG rc = RegOpenKeyExA(root, key.c_str(), 0, access, handle.put());
+bool open_logged(const char* function, HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
+    const LONG rc = open_key(root, key, access, handle);
     if (rc == ERROR_SUCCESS) return true;
     NV_LOG(function, "Failed to open key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
     return false;
@@ -43,7 +43,7 @@ bool get_key_dacl_security(HKEY root, const std::string& key, security_descripto
     constexpr const char* fn = "mcl::mswin::reg::get_key_dacl_security";
     descriptor = security_descriptor();
     unique_reg_key handle;
-    if (!open_key(fn, root, key, KEY_READ, handle)) return false;
+    if (!open_logged(fn, root, key, KEY_READ, handle)) return false;
     const LONG rc = descriptor.read_key_dacl(handle.get());
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
@@ -70,7 +70,7 @@ bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool pr
         return true;
     });
     unique_reg_key handle;
-    if (!open_key(fn, root, key, WRITE_DAC, handle)) return false;
+    if (!open_logged(fn, root, key, WRITE_DAC, handle)) return false;
     SECURITY_DESCRIPTOR sd{};
     if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
         NV_LOG(fn, "Failed init security descriptor, error: 0x%X", static_cast<unsigned>(GetLastError()));
@@ -105,7 +105,7 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
         return true;
     });
     unique_reg_key handle;
-    if (!open_key(fn, root, key, WRITE_DAC, handle)) return false;
+    if (!open_logged(fn, root, key, WRITE_DAC, handle)) return false;
     security_descriptor sd;
     if (!security_descriptor::from_sddl(sddl, sd)) {
         NV_LOG(fn, "Failed to convert SDDL string {%s} to security descriptior, error: 0x%X", sddl,
@@ -122,7 +122,7 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
 
 std::wstring get_full_path(HKEY root, const std::string& key) {
     unique_reg_key handle;
-    if (!open_key("mcl::mswin::reg::get_full_path", root, key, KEY_READ, handle)) return std::wstring();
+    if (!open_logged("mcl::mswin::reg::get_full_path", root, key, KEY_READ, handle)) return std::wstring();
     HMODULE ntdll = LoadLibraryW(L"ntdll.dll");
     if (ntdll == nullptr) return std::wstring();
     std::wstring path;
@@ -185,7 +185,7 @@ bool take_ownership(HANDLE token, HKEY root, const std::string& key) {
         } else if (!SetSecurityDescriptorOwner(&sd, reinterpret_cast<const TOKEN_USER*>(user.data())->User.Sid,
                                                FALSE)) {
             NV_LOG(fn, "reg error: Error setting SD owner - %d", static_cast<int>(GetLastError()));
-        } else if ((rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_OWNER, handle.put())) != ERROR_SUCCESS) {
+        } else if ((rc = open_key(root, key, WRITE_OWNER, handle)) != ERROR_SUCCESS) {
             NV_LOG(fn, "reg error: Error opening key <%s> to set ownership - %d", key.c_str(), static_cast<int>(rc));
         } else if ((rc = RegSetKeySecurity(handle.get(), OWNER_SECURITY_INFORMATION, &sd)) != ERROR_SUCCESS) {
             NV_LOG(fn, "reg error: Could not set key <%s> ownership - %d", key.c_str(), static_cast<int>(rc));
@@ -220,7 +220,7 @@ bool reset_full_access(HANDLE token, HKEY root, const std::string& key) {
         return false;
     }
     unique_reg_key handle;
-    LONG rc = RegOpenKeyExA(root, key.c_str(), 0, WRITE_DAC, handle.put());
+    LONG rc = open_key(root, key, WRITE_DAC, handle);
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "reg error: Error opening key <%s> to set DACL - %d", key.c_str(), static_cast<int>(rc));
         return false;
@@ -250,12 +250,12 @@ bool force_remove(HKEY root, const std::string& key) {
         return false;
     }
     if (!force_remove_subkeys(root, key)) return false;
-    LONG rc = RegDeleteKeyA(root, key.c_str());
+    LONG rc = delete_key(root, key);
     // A key whose DACL denies us may also have hidden its subkeys: once it is ours again, they
     // are listed and removed before the last attempt.
     if (rc != ERROR_SUCCESS && take_ownership(token.get(), root, key) &&
         reset_full_access(token.get(), root, key) && force_remove_subkeys(root, key))
-        rc = RegDeleteKeyA(root, key.c_str());
+        rc = delete_key(root, key);
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed to remove reg key <%s> : %d", key.c_str(), static_cast<int>(rc));
         return false;
