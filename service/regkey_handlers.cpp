@@ -10,7 +10,9 @@ bool chelperservice::protect_reg_keys(mcl::ipc_connection*, mcl::binary_t& paylo
                static_cast<int>(payload.size()));
         return false;
     }
-    protocol::reply_with(payload, protocol::status(handle_protect_reg_keys(request.entries)));
+    std::string not_applied;
+    const bool ok = reg_keys_.handle_protect_reg_keys(request.entries, &not_applied);
+    protocol::reply_with(payload, protocol::status(ok, not_applied));
     return true;
 }
 

@@ -24,6 +24,11 @@
 namespace {
 
 constexpr const char* k_persist_key = "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys";
+// Beside the records, under the same protected key: per protected key (the same value name), the
+// subkeys whose DACL differed from the key's own at protect time, as a list of path, SDDL pairs.
+constexpr const char* k_subkeys_key = "Software\\Norvale\\NVClientHelper\\ProtectedRegKeys\\Subkeys";
+// What one subkey list may hold: beyond it the tree is refused rather than half recorded.
+constexpr size_t k_max_subkey_bytes = 1024 * 1024;
 constexpr const char* k_own_service = mcl::mswin::service::default_name;
 constexpr uint32_t k_own_level = 1;
 
@@ -62,7 +67,7 @@ std::string read_dacl_sddl(HKEY root, const std::string& path) {
 bool write_key_dacl(HKEY root, const std::string& path, const mcl::mswin::security_descriptor& sd) {
     constexpr const char* fn = "regkey::restore_key_tree";
     mcl::mswin::unique_reg_key handle;
-    LONG rc = RegOpenKeyExA(root, path.c_str(), 0, WRITE_DAC, handle.put());
+    LONG rc = mcl::mswin::reg::open_key(root, path, WRITE_DAC, handle);
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed to open key [%s], error: 0x%X", path.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -174,7 +179,32 @@ void write_record(mcl::binary_t& out, const reg_key_record& record) {
 
 bool key_present(HKEY root, const std::string& path) {
     mcl::mswin::unique_reg_key handle;
-    return RegOpenKeyExA(root, path.c_str(), 0, 0, handle.put()) != ERROR_FILE_NOT_FOUND;
+    return mcl::mswin::reg::open_key(root, path, 0, handle) != ERROR_FILE_NOT_FOUND;
+}
+
+bool differing_subkeys(HKEY root, const std::string& path, const std::string& key_sddl,
+                       std::vector<subkey_dacl>& out) {
+    size_t bytes = 0;
+    std::vector<std::string> pending{std::string()};  // paths below `path`, "" the key itself
+    while (!pending.empty()) {
+        const std::string below = std::move(pending.back());
+        pending.pop_back();
+        std::vector<std::string> names;
+        mcl::mswin::reg::list_subkeys(root, below.empty() ? path : path + "\\" + below, names);
+        for (const std::string& name : names) {
+            const std::string sub = below.empty() ? name : below + "\\" + name;
+            const std::string sddl = read_dacl_sddl(root, path + "\\" + sub);
+            if (sddl.empty()) return false;
+            bytes += sub.size() + 1;
+            if (sddl != key_sddl) {
+                bytes += sddl.size() + 1;
+                out.push_back(subkey_dacl{sub, sddl});
+            }
+            if (bytes > k_max_subkey_bytes) return false;
+            pending.push_back(sub);
+        }
+    }
+    return true;
 }
 
 bool restore_key_tree(HKEY root, const std::string& path, const std::string& sddl) {
@@ -205,9 +235,8 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
     constexpr const char* fn = "regProtector::protect_impl";
     {
         mcl::mswin::unique_reg_key key;
-        if (RegOpenKeyExA(root, path.c_str(), 0, KEY_QUERY_VALUE, key.put()) != ERROR_SUCCESS &&
-            RegCreateKeyExA(root, path.c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, /*access=*/0x2001d, nullptr,
-                            key.put(), nullptr) != ERROR_SUCCESS) {
+        if (mcl::mswin::reg::open_key(root, path, KEY_QUERY_VALUE, key) != ERROR_SUCCESS &&
+            mcl::mswin::reg::create_key(root, path, /*access=*/0x2001d, key) != ERROR_SUCCESS) {
             NV_LOG(fn, "Failed to create the registry key [%s]", path.c_str());
             return false;
         }
@@ -287,9 +316,67 @@ bool persisted_record(const std::wstring& text, reg_key_record& record) {
            regkey::read_record(record, data, pos) && !record.original_dacl.empty() && !record.path.empty();
 }
 
+std::string value_name(const reg_key_record& record) {
+    return ansi(regkey::key_text(regkey::widen_root(record.root), record.path));
+}
+
+bool write_subkeys(const reg_key_record& record, const std::vector<regkey::subkey_dacl>& subkeys) {
+    std::vector<std::string> pairs;
+    for (const regkey::subkey_dacl& s : subkeys) {
+        pairs.push_back(s.path);
+        pairs.push_back(s.sddl);
+    }
+    mcl::binary_t data;
+    mcl::write_string_list(data, pairs);
+    if (mcl::mswin::reg::write_value(k_subkeys_key, value_name(record).c_str(), data.data(),
+                                     static_cast<DWORD>(data.size()), REG_BINARY))
+        return true;
+    NV_LOG("chelperservice::persistRegKeyRecord", "Failed to persist the subkeys of reg key %s",
+           value_name(record).c_str());
+    return false;
+}
+
+std::vector<regkey::subkey_dacl> read_subkeys(const reg_key_record& record) {
+    std::vector<regkey::subkey_dacl> subkeys;
+    mcl::binary_t data;
+    std::vector<std::string> pairs;
+    uint32_t pos = 0;
+    if (!mcl::mswin::reg::read_value(k_subkeys_key, value_name(record).c_str(), data) ||
+        !mcl::read_string_list(pairs, data, pos))
+        return subkeys;
+    for (size_t i = 0; i + 1 < pairs.size(); i += 2) subkeys.push_back(regkey::subkey_dacl{pairs[i], pairs[i + 1]});
+    return subkeys;
+}
+
+// Deletes the record's subkey list, when it has one (most keys have none: no line).
+void drop_subkeys(const reg_key_record& record) {
+    mcl::mswin::unique_reg_key key;
+    if (mcl::mswin::reg::open_key(HKEY_LOCAL_MACHINE, k_subkeys_key, KEY_SET_VALUE, key) == ERROR_SUCCESS)
+        (void)RegDeleteValueA(key.get(), value_name(record).c_str());
+}
+
 }  // namespace
 
-bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries) {
+bool reg_key_protection::give_back(const reg_key_record& record) {
+    const HKEY root = to_hkey(record.root);
+    const std::string path = ansi(record.path);
+    if (!regkey::restore_key_tree(root, path, record.original_dacl)) return false;
+    for (const regkey::subkey_dacl& sub : read_subkeys(record)) {
+        mcl::mswin::security_descriptor sd;
+        if (mcl::mswin::security_descriptor::from_sddl(sub.sddl.c_str(), sd))
+            (void)write_key_dacl(root, path + "\\" + sub.path, sd);
+    }
+    return true;
+}
+
+bool reg_key_protection::forget(const reg_key_record& record) {
+    const bool removed = persistRegKeyRecord(record, /*add=*/false);
+    if (removed) drop_subkeys(record);
+    return removed;
+}
+
+bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry>& entries,
+                                                 std::string* not_applied) {
     constexpr const char* fn = "chelperservice::handle_protect_reg_keys";
     if (entries.empty()) {
         NV_LOG(fn, "No reg key set to (un)protect.");
@@ -335,8 +422,13 @@ bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry
             continue;
         }
         reg_key_record record;
-        if (!protectRegKey(entry, record, /*persist=*/true)) {
+        bool unrecorded = false;
+        if (!protectRegKey(entry, record, /*persist=*/true, &unrecorded)) {
             result = false;
+            if (unrecorded && not_applied != nullptr) {
+                if (!not_applied->empty()) not_applied->push_back(' ');
+                *not_applied += "Reg key " + ansi(text) + " was not protected: its original DACL could not be recorded.";
+            }
             continue;
         }
         protected_reg_keys_.emplace(text, std::move(record));
@@ -345,7 +437,8 @@ bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry
     return result;
 }
 
-bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist) {
+bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
+                                       bool* unrecorded) {
     constexpr const char* fn = "chelperservice::protectRegKey";
     if (entry.path.empty()) return false;
     NV_LOG(fn, "Trying to protect reg key (\\\\%llu\\%ls)\n", static_cast<unsigned long long>(entry.root),
@@ -370,10 +463,11 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
     const std::string path = ansi(entry.path);
 
     // Runs while the key still has its original DACL: its kernel path can be read, and with
-    // `persist` the original goes to the registry before the DACL changes. A persisted record
-    // left by an earlier run knows the key's DACL from before that run's protect.
+    // `persist` the original goes to the registry before the DACL changes, the subkeys whose
+    // DACL differs first. A persisted record left by an earlier run knows the key's DACL from
+    // before that run's protect, and its subkey list those of the subkeys.
     std::string kept_original;
-    bool written_early = false;
+    bool written_early = false, refused = false;
     const auto before_write = [&](const std::string& original) {
         record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
         if (!persist) return true;
@@ -386,21 +480,42 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
                                         data) &&
             regkey::read_record(earlier, data, pos) && !earlier.original_dacl.empty())
             kept_original = earlier.original_dacl;
+        if (kept_original.empty()) {
+            std::vector<regkey::subkey_dacl> subkeys;
+            if (!regkey::differing_subkeys(root, path, original, subkeys)) {
+                NV_LOG(fn, "The subkeys' dacls of registry key [%s] could not be read", path.c_str());
+                refused = true;
+                return false;
+            }
+            drop_subkeys(record);
+            if (!subkeys.empty() && !write_subkeys(record, subkeys)) {
+                refused = true;
+                return false;
+            }
+        }
         reg_key_record pending = record;
         pending.original_dacl = kept_original.empty() ? original : kept_original;
         pending.current_dacl.clear();
         written_early = persistRegKeyRecord(pending, /*add=*/true);
+        refused = !written_early;
         return written_early;
     };
     const bool dacl_ok = regProtector::protect(root, path, services, entry.level, record.original_dacl,
                                                record.current_dacl, before_write);
     if (!kept_original.empty()) record.original_dacl = kept_original;
+    if (refused) {
+        // Nothing was changed, and nothing may be: without its record the key could not be given
+        // back after a restart.
+        if (kept_original.empty()) drop_subkeys(record);
+        if (unrecorded != nullptr) *unrecorded = true;
+        return false;
+    }
     if (dacl_ok && persist) {
         (void)persistRegKeyRecord(record, /*add=*/true);  // failing, the record written first stays
     } else if (written_early) {
         // The DACL write failed, perhaps on the key after its subkeys: kept in memory only, once
         // the tree has its original DACL again.
-        if (regkey::restore_key_tree(root, path, record.original_dacl)) (void)persistRegKeyRecord(record, false);
+        if (give_back(record)) (void)forget(record);
     }
 
     if (record.kernel_path.empty()) record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
@@ -429,15 +544,14 @@ bool reg_key_protection::unprotectRegKey(const reg_key_record& record) {
     // driver rule and its record, so that a later unprotect can still give the original back.
     // A record without an original DACL never changed the key's DACL; a key that is gone has
     // none left to restore.
-    if (!record.original_dacl.empty() && !regkey::restore_key_tree(root, path, record.original_dacl) &&
-        regkey::key_present(root, path)) {
+    if (!record.original_dacl.empty() && !give_back(record) && regkey::key_present(root, path)) {
         NV_LOG(fn, "Failed to restore the original dacl of reg key (\\\\%llu\\%ls), the key stays protected",
                static_cast<unsigned long long>(regkey::widen_root(record.root)), record.path.c_str());
         return false;
     }
     // An empty text would lift every key rule, not this one.
     if (!kernel_path.empty()) driver_.send_key_rule(port.get(), kernel_path, /*remove=*/true);
-    (void)persistRegKeyRecord(record, /*add=*/false);
+    (void)forget(record);
     return true;
 }
 
@@ -469,7 +583,7 @@ void reg_key_protection::stopProtectingRegKeys() {
 void reg_key_protection::restoreAllRegKeys() {
     for (const auto& item : protected_reg_keys_) {
         const reg_key_record& r = item.second;
-        if (!r.original_dacl.empty()) (void)regkey::restore_key_tree(to_hkey(r.root), ansi(r.path), r.original_dacl);
+        if (!r.original_dacl.empty()) (void)give_back(r);
     }
 }
 
@@ -510,9 +624,10 @@ void reg_key_protection::loadProtectedRegKeys() {
             NV_LOG(fn, "Owner service [%s] of reg key {%s} has been uninstalled, unprotect the key.",
                    saved.owner.c_str(), name.c_str());
             // The value goes only once the key has its DACL back: otherwise the next start tries again.
-            if (saved.original_dacl.empty() ||
-                regkey::restore_key_tree(to_hkey(saved.root), ansi(saved.path), saved.original_dacl))
+            if (saved.original_dacl.empty() || give_back(saved)) {
                 (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
+                drop_subkeys(saved);
+            }
             continue;
         }
         reg_key_entry entry;

@@ -59,6 +59,16 @@ void write_record(mcl::binary_t& out, const reg_key_record& record);
 // lets us list its subkeys only once it is restored still gets them all restored. Results of
 // the subkeys are ignored; the result is that of the key itself.
 bool restore_key_tree(HKEY root, const std::string& path, const std::string& sddl);
+
+// A subkey whose DACL differs from the key's own: its path below the key and its DACL's SDDL.
+struct subkey_dacl {
+    std::string path;
+    std::string sddl;
+};
+// The subkeys of root\path (at any depth) whose DACL is not `key_sddl`; false when the tree holds
+// more than a record can keep, or a subkey's DACL cannot be read.
+bool differing_subkeys(HKEY root, const std::string& path, const std::string& key_sddl,
+                       std::vector<subkey_dacl>& out);
 // False only when root\path does not exist (a key we may not open is still there).
 bool key_present(HKEY root, const std::string& path);
 
@@ -116,11 +126,15 @@ public:
     static const char* const own_reg_keys[6];
 
     // Protects or unprotects each entry in order; an empty first path with action 0 lifts every
-    // key rule. False when any entry failed.
-    bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries);
+    // key rule. False when any entry failed; `not_applied` then names each key left unprotected
+    // because its original DACL could not be recorded.
+    bool handle_protect_reg_keys(const std::vector<reg_key_entry>& entries, std::string* not_applied = nullptr);
     // DACL step, then (with `persist`) the persisted record, then driver code 12. True when the
-    // driver rule was sent; `record` is filled either way.
-    bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist);
+    // driver rule was sent; `record` is filled either way. With `persist`, a record that cannot
+    // be written before the DACL changes leaves the key as it is and sends no rule: false, and
+    // `unrecorded` set.
+    bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
+                       bool* unrecorded = nullptr);
     // Driver code 13, the original DACL written back, the persisted value deleted. False (and
     // nothing changed) without a driver connection.
     bool unprotectRegKey(const reg_key_record& record);
@@ -140,6 +154,11 @@ public:
     const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
 
 private:
+    // The key's original DACL on its whole tree, then each recorded subkey's own; the result is
+    // that of the key itself.
+    static bool give_back(const reg_key_record& record);
+    // Removes the record's persisted value and its subkeys' value.
+    bool forget(const reg_key_record& record);
     // Driver code 13 with an empty text on a connection of its own: every key rule goes.
     void drop_all_driver_rules();
 

@@ -17,6 +17,7 @@
 #include <string>
 #include <vector>
 
+#include "mcl/mswin/reg.h"
 #include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/text.h"
 #include "service/helper_service.h"
@@ -35,8 +36,9 @@ bool write_sddl(HKEY handle, SECURITY_INFORMATION info, const std::string& sddl)
 }
 
 HKEY open(const char* key, REGSAM access) {
-    HKEY handle = nullptr;
-    return RegOpenKeyExA(HKEY_LOCAL_MACHINE, key, 0, access, &handle) == ERROR_SUCCESS ? handle : nullptr;
+    mcl::mswin::unique_reg_key handle;
+    return mcl::mswin::reg::open_key(HKEY_LOCAL_MACHINE, key, access, handle) == ERROR_SUCCESS ? handle.release()
+                                                                                               : nullptr;
 }
 
 void print_access(const char* key) {

@@ -90,6 +90,8 @@ for s in nv_owner_a nv_owner_b; do run sc create $s binPath= 'C:\windows\system3
 for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do run reg add "HKLM\\$t\\$k" /f; done
 orig=$(sddl "$t\\Lvl0")
 [ -n "$orig" ] || fail "original DACL readable"
+run "$probe" grant "$t\\Lvl0\\A" && own_a=$(sddl "$t\\Lvl0\\A")  # a subkey with a DACL of its own
+[ "$own_a" != "$orig" ] || fail "Lvl0\\A has a DACL of its own"
 declare -A own_orig
 for k in "${own_keys[@]}"; do run reg add "HKLM\\$k" /f && own_orig[$k]=$(sddl "$k"); done
 lvl0_tree=("$t\\Lvl0" "$t\\Lvl0\\A" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C") lvl2_tree=("$t\\Lvl2" "$t\\Lvl2\\A")
@@ -103,14 +105,15 @@ start
 p=$(protected_sddl 1 "$own_sid")
 expect_eq "record key, granted by the test" "D:PARAI(A;;KA;;;BA)${p#D:PARAI}" "$(sddl "$persist")"
 # Protected after the record key, whose protected DACL lets the service only read it under Wine:
-# its record cannot be written first, so its DACL stays as it was.
+# its record cannot be written first, so it is left as it was, without a rule.
 expect_eq "a key whose record cannot be written" "${own_orig[${own_keys[5]}]}" "$(sddl "${own_keys[5]}")"
 expect_eq "its line" 1 "$(log_count "Original dacl for registry key [${own_keys[5]}] could not be recorded, the dacl is left as it is")"
-for k in "${own_keys[@]}"; do has_rule 12 "\\REGISTRY\\Machine\\$k"; done
-listed 6
+for k in "${own_keys[@]:0:5}"; do has_rule 12 "\\REGISTRY\\Machine\\$k"; done
+expect_eq "no rule for it" 0 "$(driver_messages | grep -c -i -F "12 command \\REGISTRY\\Machine\\${own_keys[5]}")"
+listed 5
 expect_eq "own key loaded" 1 "$(log_count "] - Load protected reg key: $(value_of "${own_keys[0]}")")"
 stop
-expect_eq "own keys' rules removed" 6 "$(rule_count 13)"
+expect_eq "own keys' rules removed" 5 "$(rule_count 13)"
 start
 
 echo "== three trees at levels 0, 2 and 1"
@@ -129,7 +132,7 @@ expect_eq "Lvl1 record" "REG_BINARY $(hex_str "$orig")$(hex_str "$lvl1")$(hex_u3
 run "$probe" access "$t\\Lvl0\\A" "$t\\Lvl2" "$t\\Lvl1\\A" "$t\\Crash"
 expect_eq "access at levels 0, 2, 1, unprotected" "$(printf 'read=%s write=%s\n' denied denied denied ok ok denied ok ok)" \
     "$(cat "$out")"
-listed 9
+listed 8
 has_record "$orig" "$lvl1" "1|$hklm|$t\\Lvl1|nv_owner_b|1|$extra,$svc,nv_owner_b"
 expect_eq "protected line" 1 "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected.")"
 expect_eq "DACL lines" "1 1" "$(log_count "] - original dacl for registry key [$t\\Lvl1] : {$orig}") $(
@@ -175,11 +178,11 @@ protect "$ok" "1|$hklm|SOFTWARE\\NVTEST\\LVL1|nv_owner_a|0|" "1|$hklm|$t\\Lvl1|n
 tree_is "the first record stays" "$lvl1" "${lvl1_tree[@]}"
 protect "$ok" "0|$hklm|$t\\Crash|nv_owner_a|0|"
 expect_eq "no rule sent or removed" "$rules $removed" "$(rule_count 12) $(rule_count 13)"
-listed 9
+listed 8
 
 echo "== an empty first path with action 1 does nothing"
 protect "$ok" "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
-listed 9
+listed 8
 tree_is "Lvl0 still protected" "$lvl0" "$t\\Lvl0"
 
 echo "== a missing key is created and protected"
@@ -187,7 +190,8 @@ protect "$ok" "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
 tree_is "created key" "$lvl1_a" "$t\\Fresh\\New"
 
 echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
-given_back "level 0 restored" "$t\\LVL0" "${lvl0_tree[@]}"
+given_back "level 0 restored" "$t\\LVL0" "$t\\Lvl0" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C"
+expect_eq "a subkey's own DACL back" "$own_a" "$(sddl "$t\\Lvl0\\A")"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Lvl0"
 listing | grep -q -F " path=$t\\Lvl0 " && fail "Lvl0 still listed"
 logged chelperservice::unprotectRegKey "Trying to unprotect reg key (\\\\$hklm_text\\$t\\Lvl0)"
@@ -222,7 +226,7 @@ given_back "NoDriver: original DACL back" "$t\\NoDriver"
 
 echo "== restart: client keys released while stopped, protected again from their records"
 # Also a key without an owner (the product's own) and one whose record name is over 255 characters.
-long="$t\\Long\\$(printf 'k%.0s' $(seq 200))\\$(printf 'm%.0s' $(seq 25))"
+long="$t\\Long\\$(printf 'k%.0s' $(seq 200))\\$(printf 'm%.0s' $(seq 80))"  # 303 characters
 protect "$ok" "1|$hklm|$t\\NoOwner||1|" "1|$hklm|$long|nv_owner_a|1|"
 again() {  # LABEL: both still protected after a restart
     tree_is "$1: no owner" "$(protected_sddl 1 "$own_sid")" "$t\\NoOwner"
@@ -249,6 +253,18 @@ has_value "$t\\Lvl1" && fail "Lvl1 value left"
 again "second restart"
 given_back "no owner" "$t\\NoOwner"
 given_back "long path" "$long"
+
+echo "== a record the service cannot write: answered 0 with a message, nothing applied"
+stop
+start_service sddl "$t"  # without the test standing in for the service SID on the record key
+rules=$(rule_count 12)
+protect "$(said 0 "Reg key \\\\$hklm_text\\software\\nvtest\\crash was not protected: its original DACL could not be recorded.")" \
+    "1|$hklm|$t\\Crash|nv_owner_a|1|"
+tree_is "left as it was" "$orig" "$t\\Crash"
+expect_eq "no rule sent" "$rules" "$(rule_count 12)"
+has_value "$t\\Crash" && fail "Crash persisted"
+stop
+start
 
 echo "== killed right after a protect"
 protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|"
