@@ -18,6 +18,7 @@
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
+#include "quarantine/quarantine_store.h"
 #include "service/object_security.h"
 #include "setup/driver_installer.h"
 
@@ -113,7 +114,7 @@ bool stop_previous_service(invchelper*& helper) {
     DWORD pid = 0;
     if (svc::query_status_ex(service_name, status) && status.dwCurrentState == SERVICE_RUNNING) pid = status.dwProcessId;
 
-    stop_protection_service(helper);
+    stop_protection_service(helper, /*protection_off=*/false);
     if (still_running()) {
         NV_LOG(fn, "Fail to stop protection service");
         return false;
@@ -165,7 +166,36 @@ void roll_back(helper_holder& helper, const std::string& folder) {
     if (!helper.ensure()) return;
     restore_previous_service(folder);
     if (!helper.ensure()) return;
-    services_restore(helper.get());
+    (void)services_restore(helper.get());
+}
+
+// A blocked file's recorded DACL written back, protected or not as it was.
+bool give_back_file_dacl(const std::string& path, const std::string& sddl) {
+    mcl::mswin::security_descriptor sd;
+    if (!mcl::mswin::security_descriptor::from_sddl(sddl.c_str(), sd)) return false;
+    return object_security::current().set_file_dacl(mcl::mswin::widen(path), sd.dacl(), sd.dacl_protected()) ==
+           ERROR_SUCCESS;
+}
+
+// The quarantine containers get the default folder DACL, and the blocked files the DACL they had,
+// from the service's records: once the records are gone nothing could give them back.
+void give_back_quarantine(const char* fn) {
+    std::vector<std::string> names;
+    mcl::mswin::reg::list_values(quarantine_store::quarantine_containers_key, names);
+    for (const std::string& folder : names) {
+        DWORD err = ERROR_SUCCESS;
+        if (!object_security::current().set_file_sddl(fn, mcl::mswin::widen(folder), default_folder_sddl, err))
+            NV_LOG(fn, "Unable to give quarantine container <%s> its permissions back, error: %d", folder.c_str(),
+                   static_cast<int>(err));
+    }
+    names.clear();
+    mcl::mswin::reg::list_values(quarantine_store::blocked_files_key, names);
+    for (const std::string& path : names) {
+        std::vector<std::string> sddl;
+        if (!mcl::mswin::reg::read_string_list(quarantine_store::blocked_files_key, path.c_str(), sddl) ||
+            sddl.size() != 1 || !give_back_file_dacl(path, sddl.front()))
+            NV_LOG(fn, "Unable to give blocked file <%s> its permissions back", path.c_str());
+    }
 }
 
 }  // namespace
@@ -209,9 +239,9 @@ bool protoCompatible(invchelper* helper) {
     return true;
 }
 
-void stop_protection_service(invchelper*& helper) {
+void stop_protection_service(invchelper*& helper, bool protection_off) {
     if (helper != nullptr) {
-        (void)helper->set_protection_enabled(false);
+        if (protection_off) (void)helper->set_protection_enabled(false);
         NVClientHelper::releaseHelper(helper);
         helper = nullptr;
     }
@@ -235,21 +265,26 @@ void services_backup(invchelper* helper) {
     if (!names.empty()) (void)mcl::mswin::reg::write_string_list(install_key, services_backup_value, names);
 }
 
-void services_restore(invchelper* helper) {
-    if (!protoCompatible(helper)) return;
-    (void)helper->set_protection_enabled(true);
-    (void)helper->restore_driver_protection(false);
-    std::vector<std::string> names;
-    (void)mcl::mswin::reg::read_string_list(install_key, services_backup_value, names);
-    std::vector<NVClientHelper::service_rule> rules;
-    for (const std::string& name : names)
-        if (!name.empty() && name != service_name) rules.push_back(NVClientHelper::service_rule{true, true, name});
-    if (!rules.empty()) (void)helper->protect_services(rules);
+bool services_restore(invchelper* helper) {
+    constexpr const char* fn = "services_restore";
+    bool ok = protoCompatible(helper);
+    if (ok) {
+        ok = helper->set_protection_enabled(true);
+        ok = helper->restore_driver_protection(false) && ok;
+        std::vector<std::string> names;
+        (void)mcl::mswin::reg::read_string_list(install_key, services_backup_value, names);
+        std::vector<NVClientHelper::service_rule> rules;
+        for (const std::string& name : names)
+            if (!name.empty() && name != service_name) rules.push_back(NVClientHelper::service_rule{true, true, name});
+        if (!rules.empty()) ok = helper->protect_services(rules) && ok;
+    }
+    if (!ok) NV_LOG(fn, "Failed to restore the protection of the services");
+    return ok;
 }
 
 void backup_files(const std::string& folder) {
     for (const std::string& name : backed_up_files())
-        (void)MoveFileA((folder + name).c_str(), (folder + name + backup_suffix).c_str());
+        (void)MoveFileExA((folder + name).c_str(), (folder + name + backup_suffix).c_str(), MOVEFILE_REPLACE_EXISTING);
 }
 
 void remove_backups(const std::string& folder) {
@@ -260,7 +295,7 @@ void restore_previous_service(const std::string& folder) {
     constexpr const char* fn = "restore_previous_service";
     invchelper* helper = NVClientHelper::createHelper();
     if (helper != nullptr && protoCompatible(helper)) {
-        stop_protection_service(helper);
+        stop_protection_service(helper, /*protection_off=*/false);
         if (still_running()) NV_LOG(fn, "Fail to stop protection service");
     }
     if (helper != nullptr) NVClientHelper::releaseHelper(helper);
@@ -283,7 +318,7 @@ void restore_previous_service(const std::string& folder) {
     if (!registered.empty() && registered.find(name) == std::string::npos) (void)uninstall_service();
 
     NV_LOG(fn, "Installing VQRMonitor driver...");
-    (void)install_vqrmonitor(/*force=*/false);
+    (void)install_vqrmonitor(/*force=*/false, folder);
     (void)register_program(fn, program);
     (void)start_protection_service(fn);
 }
@@ -347,7 +382,7 @@ bool install_hvs(bool upgrade) {
             break;
         }
 
-        if (upgrade && helper.ensure()) services_restore(helper.get());
+        if (upgrade && helper.ensure()) (void)services_restore(helper.get());
         // Only now that the new service runs: until then a failure can still put these back.
         remove_backups(folder);
         ok = true;
@@ -370,9 +405,12 @@ bool uninstall_hvs() {
             helper.release();
             break;
         }
+        services_backup(helper.get());
         stop_protection_service(helper.get());
         if (still_running()) {
             NV_LOG(fn, "Fail to stop protection service");
+            // Protection went off before the stop failed: the running service takes it back.
+            if (helper.ensure()) (void)services_restore(helper.get());
             break;
         }
         NV_LOG(fn, "Initializing directories.");
@@ -410,6 +448,7 @@ bool uninstallHV(const std::string& folder) {
     if (!RemoveDirectoryA(folder.c_str()))
         NV_LOG(fn, "Unable to remove folder <%s>, error: %d", folder.c_str(), static_cast<int>(GetLastError()));
 
+    give_back_quarantine(fn);
     NV_LOG(fn, "trying to remove registry entries...");
     if (!mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, helper_key, nullptr) &&
         !mcl::mswin::reg::force_remove(HKEY_LOCAL_MACHINE, helper_key))

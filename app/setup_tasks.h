@@ -60,24 +60,29 @@ bool hvs_repair_folder_permission(const char* folder);
 // False for a null helper and for a service that cannot speak our protocol; true when no service
 // is installed, or when the installed one is stopped and cannot be reached (a fresh install).
 bool protoCompatible(invchelper* helper);
-// Protection off through `helper` (which is released and nulled), then stop the service: the
-// service manager's stop, up to 10 polls of 100 ms, then "net stop".
-void stop_protection_service(invchelper*& helper);
+// With `protection_off`, protection off through `helper` first (an uninstall: the services are
+// given back); `helper` is released and nulled either way. Then stop the service: the service
+// manager's stop, up to 10 polls of 100 ms, then "net stop". An upgrade stops with protection on:
+// the stopped service keeps its records, which the next start applies again.
+void stop_protection_service(invchelper*& helper, bool protection_off = true);
 // Records the names of the services the installed service protects as "services_backup". A
 // failed query leaves an earlier record alone (an interrupted upgrade run again keeps it).
 void services_backup(invchelper* helper);
 // Protection and driver protection back on, then every service of "services_backup" (but our
-// own) protected again. Only with a helper that passes protoCompatible.
-void services_restore(invchelper* helper);
-// Renames the program and the driver file (and the older program) in `folder` to .bak.
+// own) protected again. Only with a helper that passes protoCompatible. False, logged, when any
+// step did not succeed.
+bool services_restore(invchelper* helper);
+// Renames the program and the driver file (and the older program) in `folder` to .bak, in
+// place of a .bak left by an interrupted run (a rollback then restores the release that ran).
 void backup_files(const std::string& folder);
 void remove_backups(const std::string& folder);
-// Stops the new service, puts the .bak files back, installs the driver, registers (in place of
-// a registration of the other program name) and starts the previous program (under its older
-// name when that is the one backed up).
+// Stops the new service, puts the .bak files back, installs the driver from `folder` (the
+// previous release's), registers (in place of a registration of the other program name) and
+// starts the previous program (under its older name when that is the one backed up).
 void restore_previous_service(const std::string& folder);
 // Removes the service, the driver, the product files and folder and the product's registry
-// key; always true (what could not be removed is logged).
+// key, after giving each quarantine container and blocked file it records its DACL back; always
+// true (what could not be removed is logged).
 bool uninstallHV(const std::string& folder);
 bool restore_folder_permission(const std::string& folder);
 // Writes the default folder DACL (unprotected, so the parent's inheritable entries apply).

@@ -411,11 +411,15 @@ namespace {
 
 // The directories and the INF path that an install or uninstall starts from, logged under `fn`;
 // a missing INF path stops only a caller that needs it.
-int prepare_paths(const char* fn, bool need_inf) {
+int prepare_paths(const char* fn, bool need_inf, const std::string& package_dir = std::string()) {
     int result = initDirs();
     if (result != ok) {
         NV_LOG(fn, "Failed to initialize the directories\n");
         return result;
+    }
+    if (!package_dir.empty()) {
+        g_paths.install_dir = package_dir;
+        g_paths.source_driver = package_dir + "VQRMonitor.sys";
     }
     result = init_inf_file();
     if (result != ok) {
@@ -460,8 +464,8 @@ int check_package(std::string& version) {
 
 }  // namespace
 
-int install_vqrmonitor(bool force) {
-    int result = prepare_paths("install_vqrmonitor", /*need_inf=*/!force);
+int install_vqrmonitor(bool force, const std::string& package_dir) {
+    int result = prepare_paths("install_vqrmonitor", /*need_inf=*/!force, package_dir);
     if (result != ok) return result;
     std::string source_version;
     result = check_package(source_version);
@@ -478,6 +482,8 @@ int install_vqrmonitor(bool force) {
     if (IsDriverInstalled()) {
         (void)mcl::mswin::reg::write_dword(install_key, driver_updated_value, 1);
         (void)uninstall_vqrmonitor(&marked);
+        // The uninstall set the paths up from the executable's folder again.
+        if (!package_dir.empty()) (void)prepare_paths("install_vqrmonitor", /*need_inf=*/!force, package_dir);
     } else {
         remove_value(install_key, driver_updated_value);
     }

@@ -55,10 +55,11 @@ const paths& current_paths();
 
 }  // namespace driver_installer
 
-// Installs or updates the driver. `force` goes on when the INF path cannot be set up and
-// installs even while a removed driver service is still marked for deletion. 0 on success,
-// else a result code above.
-int install_vqrmonitor(bool force);
+// Installs or updates the driver from the package beside the executable, or in `package_dir`
+// (with its trailing backslash) when one is given. `force` goes on when the INF path cannot be
+// set up and installs even while a removed driver service is still marked for deletion. 0 on
+// success, else a result code above.
+int install_vqrmonitor(bool force, const std::string& package_dir = std::string());
 // Removes the driver. `marked_for_deletion` (may be null) comes back true when the driver
 // service could not be deleted because it is already marked for deletion.
 int uninstall_vqrmonitor(bool* marked_for_deletion);

@@ -179,11 +179,18 @@ run "$ctl" load
 
 echo "== hvs_uninstall: service, driver, files, folder and registry key gone"
 run reg add "$helper_key\\install" /v services_backup /t REG_MULTI_SZ /d x /f
+# A container and a blocked file as the service records them: their DACLs come back first.
+mkdir -p "$WINEPREFIX/drive_c/qc" && : >"$WINEPREFIX/drive_c/qc/blocked.dll"
+run reg add "$helper_key\\QuarantineContainers" /v 'C:\qc\' /t REG_DWORD /d 1 /f
+run reg add "$helper_key\\BlockedFiles" /v 'C:\qc\blocked.dll' /t REG_SZ /d 'D:P(A;;FA;;;SY)(A;;FR;;;BU)' /f
+: >"$journal"
 task new hvs_uninstall
 expect "hvs_uninstall" 0
 [ -z "$(sc_state $svc)" ] && [ "$(driver)" = gone ] || fail "hvs_uninstall: the service or the driver is still there"
 [ ! -e "$product" ] || fail "hvs_uninstall: the product folder is still there: $(ls "$product")"
 ! wine reg query "$helper_key" </dev/null >/dev/null 2>&1 || fail "hvs_uninstall: $helper_key is still there"
+want=$(printf '%s\n' "file	C:\\qc\\	$default" "file	C:\\qc\\blocked.dll	D:P(A;;FA;;;SY)(A;;FR;;;BU)")
+[ "$(tr -d '\r' <"$journal" | cut -f 1-3)" = "$want" ] || fail "hvs_uninstall: recorded [$(cat "$journal")], want [$want]"
 expect_logged "hvs_uninstall" "$stage_root/new/hvs_uninstall.log" "Entering halvern service uninstall proxy function..." \
     "Uninstalling halvern service..." "Uninstalling VQRMonitor driver..." "Removing files..." "trying to remove folder..." \
     "trying to remove registry entries..." "Leaving halvern service uninstall proxy function..."
@@ -210,14 +217,16 @@ expect_running "hvs_upgrade" $new_version 5
 expect_protected "hvs_upgrade"
 [[ "$(reg_value "$helper_key\\install" services_backup)" == *nv_setup_svc_a*nv_setup_svc_b* ]] ||
     fail "hvs_upgrade: services_backup does not list the two services"
-# Protection switched off in the previous service, the services given back to the new one.
+# The previous service stopped with its protection on; the new one switched on, the services given back.
 expect_logged "hvs_upgrade" "$product/nvhalvernservice.debug.log" "Received IPC message 1000008, payload size: 1" \
     "protect service nv_setup_svc_a"
 
-echo "== ... a damaged upgrade of a release of the same name rolled back to it"
+echo "== ... a damaged upgrade of a release of the same name rolled back to it, over .bak files of an earlier run"
 rm -f "$stage_root/damaged/hvs_upgrade.log"
+for f in NorvaleHalvernService.exe.bak vqrmonitor.sys.bak; do head -c 4096 /dev/urandom >"$product/$f"; done
 task damaged hvs_upgrade
 expect_rolled_back "same name" damaged NorvaleHalvernService.exe "$new_exe" $new_version 5
+expect_not_logged "same name" "$stage_root/damaged/hvs_upgrade.log" "has no readable version"
 
 echo "== hvs_uninstall ends with 0 when a file cannot be removed"
 cp "$NV_BIN_DIR/installer_probe.exe" "$stage_root/"
