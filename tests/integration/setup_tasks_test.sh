@@ -126,7 +126,34 @@ never_starts() {
     expect_not_logged "never starts" "$stage_root/stillborn/hvs_upgrade.log" "Failed to run command <"
 }
 
-for job in interrupted never_starts; do
+# An installed service that takes the stop control and goes on running (its pipe served from its
+# own folder): the upgrade gives up before it changes anything, protection never switched off;
+# the uninstall, which switches protection off first, switches it back on.
+wont_stop() {
+    in_prefix wont_stop
+    local dir=$WINEPREFIX/drive_c/prot/wontstop record=$WINEPREFIX/drive_c/prot/wontstop/double.txt
+    mkdir -p "$dir" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" "$dir/"
+    run sc create $svc binPath= 'C:\prot\wontstop\nv_test_service.exe ignore-stop' start= demand && run sc start $svc
+    wine 'C:\prot\wontstop\nv_service_double.exe' $svc 'C:\prot\wontstop\double.txt' 'Global\nv_wontstop_double' \
+        </dev/null >/dev/null 2>&1 &
+    local double_pid=$!
+    sleep 2
+    stage new "$new_exe"
+    task new hvs_upgrade
+    expect "will not stop, hvs_upgrade" 254
+    expect_logged "will not stop, hvs_upgrade" "$stage_root/new/hvs_upgrade.log" "Fail to stop protection service"
+    expect_not_logged "will not stop, hvs_upgrade" "$stage_root/new/hvs_upgrade.log" "Backup files.\|restore_previous_service"
+    ! grep -q '^1000008 ' "$record" && [ "$(sc_state $svc)" = RUNNING ] && [ ! -e "$product" ] ||
+        fail "will not stop, hvs_upgrade: something changed: $(cat "$record")"
+    task new hvs_uninstall
+    expect "will not stop, hvs_uninstall" 254
+    [ "$(grep '^1000008 ' "$record" | tr -d '\r' | tr '\n' '|')" = "1000008 00|1000008 01|" ] && [ "$(sc_state $svc)" = RUNNING ] ||
+        fail "will not stop, hvs_uninstall: protection not switched back on: $(cat "$record")"
+    wine "$helper" set-event 'Global\nv_wontstop_double' </dev/null >/dev/null 2>&1
+    wait "$double_pid" 2>/dev/null
+}
+
+for job in interrupted never_starts wont_stop; do
     ($job; echo "$failures" >"$work/$job.failures") >"$work/$job.txt" 2>&1 &
 done
 
@@ -275,6 +302,6 @@ wine "$helper" set-event 'Global\nv_setup_test_double' </dev/null >/dev/null 2>&
 wait "$double_pid" 2>/dev/null
 
 wait
-for job in interrupted never_starts; do cat "$work/$job.txt" && failures=$((failures + $(cat "$work/$job.failures" || echo 1))); done
+for job in interrupted never_starts wont_stop; do cat "$work/$job.txt" && failures=$((failures + $(cat "$work/$job.failures" || echo 1))); done
 [ "$failures" -eq 0 ] || { echo "$failures failure(s)"; exit 1; }
 echo "all setup task checks passed"
