@@ -18,6 +18,9 @@
 // recorder also keeps the owner of a file or folder: a test that gives one another owner
 // beforehand sees the DACL write refused until ownership has been taken, as the system refuses it.
 //
+// "KillAtServiceDacl" (REG_SZ) names a service: the process ends (exit code 9) where it would
+// write that service's DACL, as a kill at that moment would end it.
+//
 // "ArchiveVerifyFault" (REG_SZ) names a file name: a disk that returns other bytes than were
 // written cannot be made here, so the archive of a source of that name gets one digest byte
 // changed between writing and reading back.
@@ -89,6 +92,17 @@ bool privilege_enabled(const char* name) {
     return false;
 }
 
+constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
+
+// Ends the process when "KillAtServiceDacl" names `service`.
+void kill_if_named(const std::string& service) {
+    mcl::binary_t value;
+    if (mcl::mswin::reg::read_value(settings_key, "KillAtServiceDacl", value) &&
+        std::string(reinterpret_cast<const char*>(value.data()), strnlen(reinterpret_cast<const char*>(value.data()),
+                                                                          value.size())) == service)
+        TerminateProcess(GetCurrentProcess(), 9);
+}
+
 // Keeps each object's DACL as SDDL and journals every write.
 class recorder : public object_security {
 public:
@@ -128,10 +142,12 @@ public:
     }
     bool set_service_dacl(const std::string& name, PACL dacl) override {
         if (!service_exists("object_security::set_service_dacl", name)) return false;
+        kill_if_named(name);
         return record("service", name, dacl, /*protect=*/true);
     }
     bool set_service_sddl(const std::string& name, const char* sddl) override {
         if (!service_exists("object_security::set_service_sddl", name)) return false;
+        kill_if_named(name);
         security_descriptor sd;
         PACL dacl = nullptr;
         if (!security_descriptor::from_sddl(sddl, sd) || !sd.get_dacl(&dacl)) return false;
@@ -213,8 +229,6 @@ private:
     mcl::lock lock_;
     std::map<std::string, std::string> dacls_;  // kind TAB lower-cased object -> SDDL (DACL or owner)
 };
-
-constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
 
 object_security* choose() {
     mcl::binary_t value;

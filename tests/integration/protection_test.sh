@@ -27,7 +27,7 @@ mkdir -p "$drive_c/prot/app" "$drive_c/prot/other"
 {
     printf 'file\tC:\\prot\\app\tD:AI(A;OICIID;FA;;;BA)(A;OICIID;0x101f01ff;;;SY)(A;OICIID;0x1200a9;;;BU)(A;OICIIOID;GA;;;CO)\n'
     printf 'file\tC:\\nv\t%s\n' "$default_folder"
-    for s in $svc nv_test_auto; do printf 'service\t%s\t%s\n' "$s" "$default_service"; done
+    for s in $svc nv_test_auto nv_killed; do printf 'service\t%s\t%s\n' "$s" "$default_service"; done
     printf 'service\tnv_test_svc\t%s\n' "$own_service"
 } >"$journal"
 install_with_recorder
@@ -265,5 +265,31 @@ poll 150 0.2 '[ "$(log_count "Emergency options have been handled")" = 1 ]' && w
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_service" || fail "serv: service DACL reset"
 expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"
+
+echo "== killed at a service's DACL write, protecting and then unprotecting: its records give it back"
+install_test_service nv_killed killed demand
+kill_at() {  # SERVICE: the test build ends where it would write that service's DACL
+    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v KillAtServiceDacl /t REG_SZ /d "$1" /f
+}
+killed_in() {  # LABEL FIELD...: the request the service dies in; then started again without the kill
+    local before=$(recorded service nv_killed | cut -f 1)
+    run "$client" -t 20000 call protect-services "${@:2}"
+    [ "$rc" != 0 ] || fail "$1: answered: $(cat "$out")"
+    expect_eq "$1: no DACL written" "$before" "$(recorded service nv_killed | cut -f 1)"
+    kill_at none && start_service
+    persisted "$1: still recorded" 0 nv_killed killed
+    expect_eq "$1: its DACL from before kept" "$killed_original" "$(reg_value "$services_key" 'nv_killed\OriginalDacl')"
+    recorded service nv_killed | grep -q "^D:P(A;;0x101f01ff;;;$own_sid)(A;;0x101f01ff;;;$(service_sid nv_killed))" ||
+        fail "$1: protected again from its record: $(recorded service nv_killed)"
+}
+killed_original="REG_SZ $default_service"
+start_service
+kill_at nv_killed
+killed_in "killed protecting" svc=1 proc=1 name=nv_killed
+kill_at nv_killed
+killed_in "killed unprotecting" svc=0 proc=0 name=nv_killed
+answers "unprotect nv_killed" "$ok" protect-services svc=0 proc=0 name=nv_killed
+expect_eq "its DACL from before the first protect" "$default_service" "$(recorded service nv_killed | cut -f 1)"
+persisted "records gone after the DACL" 1 nv_killed killed
 
 finish protection 300
