@@ -99,7 +99,7 @@ public:
     // Security helpers.
     // The service SID of `name` ("NT SERVICE\<name>"). When the account lookup cannot map it the
     // SID is derived from the name as Windows does (sid::from_service_name). On failure `out` is
-    // empty.
+    // empty. Looked up once per name for the life of the process.
     static bool get_sid(const char* name, sid& out);
     // Replaces the service's DACL (protected: nothing is inherited).
     static bool set_dacl(const char* name, PACL dacl);
@@ -111,7 +111,8 @@ public:
     static bool update_dacl_with_selected_full_access_sids(PACL old_dacl, const std::vector<sid>& sids,
                                                            BYTE ace_flags, DWORD selected_mask, DWORD other_mask,
                                                            PACL* new_dacl);
-    // Sets the unrestricted service SID type.
+    // Sets the unrestricted service SID type. Done once per name for the life of the process: a
+    // success, or a system that has no SID types (the error then comes back each time), is kept.
     static bool set_sid_type(const char* name);
 
     // Named apart from the IPC peer's name() and the worker thread's stop_event(), which a

@@ -2,9 +2,11 @@
 #include <windows.h>
 
 #include <cstring>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "mcl/lock.h"
 #include "mcl/log.h"
 #include "mcl/mswin/crypto.h"
 #include "mcl/mswin/security_descriptor.h"
@@ -31,15 +33,68 @@ bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
     return true;
 }
 
+// What a protect asks of every service it names, the same for the whole run: the service's SID
+// and the outcome of setting its SID type. Each is looked up once per name and kept (a lookup
+// costs a round trip to the account authority or the service manager). Bounded: past the limit
+// nothing more is kept and each call looks up again.
+class service_cache {
+public:
+    struct sid_type_outcome {
+        bool ok;
+        DWORD error;
+    };
+    static service_cache& get() {
+        static service_cache cache;
+        return cache;
+    }
+    bool find_sid(const std::string& name, sid& out) {
+        scoped_lock hold(lock_);
+        const auto found = sids_.find(name);
+        if (found == sids_.end()) return false;
+        out = found->second;
+        return true;
+    }
+    void keep_sid(const std::string& name, const sid& value) {
+        scoped_lock hold(lock_);
+        if (sids_.size() < limit) sids_[name] = value;
+    }
+    bool find_sid_type(const std::string& name, sid_type_outcome& out) {
+        scoped_lock hold(lock_);
+        const auto found = sid_types_.find(name);
+        if (found == sid_types_.end()) return false;
+        out = found->second;
+        return true;
+    }
+    void keep_sid_type(const std::string& name, sid_type_outcome outcome) {
+        scoped_lock hold(lock_);
+        if (sid_types_.size() < limit) sid_types_[name] = outcome;
+    }
+
+private:
+    static constexpr size_t limit = 4096;
+    lock lock_;
+    std::map<std::string, sid> sids_;
+    std::map<std::string, sid_type_outcome> sid_types_;
+};
+
 }  // namespace
 
 bool service::get_sid(const char* name, sid& out) {
-    const std::wstring account = L"NT SERVICE\\" + widen(name != nullptr ? name : "");
-    if (sid::from_account(account, out)) return true;
+    const std::string key = name != nullptr ? name : "";
+    if (service_cache::get().find_sid(key, out)) return true;
+    const std::wstring account = L"NT SERVICE\\" + widen(key);
+    if (sid::from_account(account, out)) {
+        service_cache::get().keep_sid(key, out);
+        return true;
+    }
     const DWORD err = GetLastError();
     // A system that cannot map service accounts (no service SIDs there) still has the SID the
     // name stands for: it is derived from the name alone.
-    if (err == ERROR_NONE_MAPPED) return sid::from_service_name(name, out);
+    if (err == ERROR_NONE_MAPPED) {
+        if (!sid::from_service_name(name, out)) return false;
+        service_cache::get().keep_sid(key, out);
+        return true;
+    }
     if (err == ERROR_INVALID_SID) {
         NV_LOG("mcl::mswin::service::get_sid", "service - [get_sid] the SID is invalid");
         return false;
@@ -148,14 +203,30 @@ bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const st
 }
 
 bool service::set_sid_type(const char* name) {
+    const std::string key = name != nullptr ? name : "";
+    service_cache::sid_type_outcome kept{};
+    if (service_cache::get().find_sid_type(key, kept)) {
+        if (!kept.ok) SetLastError(kept.error);
+        return kept.ok;
+    }
     unique_sc_handle manager;
     unique_sc_handle svc;
     SERVICE_SID_INFO info{SERVICE_SID_TYPE_UNRESTRICTED};
-    if (!open_service(nullptr, name, SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc) || !ChangeServiceConfig2A(svc.get(), SERVICE_CONFIG_SERVICE_SID_INFO, &info)) {
+    if (!open_service(nullptr, name, SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc)) {
         NV_LOG("mcl::mswin::service::set_sid_type", "ChangeServiceConfig2 failed (%d)\n",
                static_cast<int>(GetLastError()));
+        return false;  // not kept: the service may be installed later
+    }
+    if (!ChangeServiceConfig2A(svc.get(), SERVICE_CONFIG_SERVICE_SID_INFO, &info)) {
+        const DWORD err = GetLastError();
+        NV_LOG("mcl::mswin::service::set_sid_type", "ChangeServiceConfig2 failed (%d)\n", static_cast<int>(err));
+        // A system without service SID types answers so for every service, every time.
+        if (err == ERROR_INVALID_LEVEL || err == ERROR_INVALID_PARAMETER)
+            service_cache::get().keep_sid_type(key, {false, err});
+        SetLastError(err);
         return false;
     }
+    service_cache::get().keep_sid_type(key, {true, ERROR_SUCCESS});
     return true;
 }
 
