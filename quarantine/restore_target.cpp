@@ -256,7 +256,8 @@ bool quarantine_source::open(const std::string& path) {
                             FILE_FLAG_OPEN_REPARSE_POINT | FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_SEQUENTIAL_SCAN,
                             nullptr));
     if (!file_) {
-        NV_LOG(add_fn, "Failed to open the source file <%s>, error: %d", path.c_str(), static_cast<int>(GetLastError()));
+        // The line the archive code wrote when it opened the source itself.
+        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to open the source file <%s>\n", path.c_str());
         refused_ = false;
         return false;
     }
