@@ -5,7 +5,7 @@
 // flushed, decoded again and checked against its digest, and only then renamed to its .QUA name;
 // the source is deleted after that rename. The source is opened once, without following a link,
 // and its DACL, content and deletion all go through that handle (restore_target.h), so a folder
-// swapped for a link changes nothing outside; nothing is ever left to a delete at reboot. A
+// swapped for a link changes nothing outside; a source is never left to a delete at reboot. A
 // restore writes beside its target, in a folder it holds open from its check to the rename, and
 // puts the file in place only when the digest matched, beside an existing file rather than over
 // it; the archive is deleted after that. A crash at any point leaves the source or a complete
