@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <io.h>
+#include <winternl.h>
 
 #include <vector>
 
@@ -70,6 +71,35 @@ mcl::unique_file stream_of(HANDLE handle, int flags, const char* mode) {
     FILE* stream = _fdopen(fd, mode);
     if (stream == nullptr) _close(fd);
     return mcl::unique_file(stream);
+}
+
+// Creates `name` as a new file in the open folder `folder` (NtCreateFile relative to it), so that
+// no path is resolved again: neither the folder's nor a link planted at the name. The file is
+// opened for reading, writing and deleting, shared for reading only. The Win32 code.
+DWORD create_new_in(HANDLE folder, const std::wstring& name, mcl::mswin::unique_kernel_handle& file) {
+    using create_fn = NTSTATUS(NTAPI*)(PHANDLE, ACCESS_MASK, POBJECT_ATTRIBUTES, PIO_STATUS_BLOCK, PLARGE_INTEGER,
+                                       ULONG, ULONG, ULONG, ULONG, PVOID, ULONG);
+    using status_fn = ULONG(NTAPI*)(NTSTATUS);
+    const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+    if (ntdll == nullptr) return GetLastError();
+    const auto create = reinterpret_cast<create_fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtCreateFile")));
+    const auto win32_code =
+        reinterpret_cast<status_fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "RtlNtStatusToDosError")));
+    if (create == nullptr || win32_code == nullptr) return ERROR_PROC_NOT_FOUND;
+    UNICODE_STRING text{};
+    text.Buffer = const_cast<wchar_t*>(name.c_str());
+    text.Length = text.MaximumLength = static_cast<USHORT>(name.size() * sizeof(wchar_t));
+    OBJECT_ATTRIBUTES attributes;
+    InitializeObjectAttributes(&attributes, &text, OBJ_CASE_INSENSITIVE, folder, nullptr);
+    IO_STATUS_BLOCK io{};
+    HANDLE raw = nullptr;
+    const NTSTATUS status =
+        create(&raw, GENERIC_READ | GENERIC_WRITE | DELETE | SYNCHRONIZE, &attributes, &io, /*AllocationSize=*/nullptr,
+               FILE_ATTRIBUTE_NORMAL, FILE_SHARE_READ, FILE_CREATE,
+               FILE_NON_DIRECTORY_FILE | FILE_SYNCHRONOUS_IO_NONALERT | FILE_OPEN_REPARSE_POINT, /*EaBuffer=*/nullptr, 0);
+    if (status < 0) return win32_code(status);
+    file.reset(raw);
+    return ERROR_SUCCESS;
 }
 
 // Marks an open file (opened with DELETE) for deletion when its last handle closes. The Win32 code.
@@ -161,13 +191,14 @@ bool restore_folder::open(const std::string& target) {
 }
 
 mcl::unique_file restore_folder::create(const std::string& temp) {
-    // A new file only: an existing name, a planted hard link or a link among them, is never
-    // opened, let alone truncated.
-    temp_.reset(CreateFileW(mcl::mswin::widen(temp).c_str(), GENERIC_READ | GENERIC_WRITE | DELETE, FILE_SHARE_READ,
-                            nullptr, CREATE_NEW, FILE_ATTRIBUTE_NORMAL | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
-    if (!temp_) {
+    // A new file only, in the held folder: an existing name, a planted hard link or a link among
+    // them, is never opened, let alone truncated.
+    const DWORD err =
+        folder_ ? create_new_in(folder_.get(), mcl::mswin::widen(temp.substr(temp.rfind('\\') + 1)), temp_)
+                : static_cast<DWORD>(ERROR_INVALID_HANDLE);
+    if (err != ERROR_SUCCESS) {
         NV_LOG(fn, "Restore refused, unable to create %s, error: %d; the archive is kept.", temp.c_str(),
-               static_cast<int>(GetLastError()));
+               static_cast<int>(err));
         return nullptr;
     }
     mcl::unique_file stream = stream_of(temp_.get(), _O_WRONLY, "wb");

@@ -57,8 +57,8 @@ private:
 // target's path, then opens its folder once without following a link and without delete
 // sharing, so that nobody can rename, remove or replace the folder (or one above it) while the
 // restore writes; the folder must not be a reparse point and its final path must be the folder
-// the target names. create() makes the temporary as a new file (never an existing file or a
-// link) and holds it without write sharing until the restore is over; confirm() checks that its
+// the target names. create() makes the temporary as a new file relative to the held folder
+// (never an existing file or a link) and holds it without write sharing until the restore is over; confirm() checks that its
 // final path lies in the held folder; place() renames it through its handle to the target or,
 // when something is there, to the first free "name (restored).ext", "name (restored 2).ext",
 // ... beside it, never replacing a file; discard() deletes it through its handle. Each refusal
