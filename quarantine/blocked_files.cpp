@@ -66,17 +66,24 @@ bool quarantine_store::blockFileAccess(const std::string& path, const std::vecto
 }
 
 bool quarantine_store::unblockFileAccess(const std::string& path) {
+    constexpr const char* fn = "chelperservice::unblockFileAccess";
     if (path.empty()) return false;
+    // Only a file this service blocked gets a DACL back, the one it had before: giving any other
+    // file its folder's DACL would turn folder-only rights (create files) into rights on the file.
+    auto it = blocked_files_.find(path);
+    if (it == blocked_files_.end()) {
+        NV_LOG(fn, "Unblock refused, %s is not a blocked file; its DACL stays as it is.", path.c_str());
+        return false;
+    }
     const std::wstring wide = mcl::mswin::widen(path);
     send_blocking_rule(wide, /*remove=*/true);
-    auto it = blocked_files_.find(path);
-    if (it != blocked_files_.end()) {
-        const bool restored = !it->second.empty() && security_.restorePathPermissions(wide, it->second.c_str());
-        blocked_files_.erase(it);
-        (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, blocked_files_key, path.c_str());
-        if (restored) return true;
+    if (it->second.empty() || !security_.restorePathPermissions(wide, it->second.c_str())) {
+        // Still blocked, with its saved DACL and its rule, so that a later unblock can finish.
+        NV_LOG(fn, "Unable to give %s its DACL back; it stays blocked.", path.c_str());
+        send_blocking_rule(wide, /*remove=*/false);
+        return false;
     }
-    const size_t slash = path.rfind('\\');
-    if (slash != std::string::npos && setQuarantineFilePermissions(path, path.substr(0, slash))) return true;
-    return security_.restorePathPermissions(wide, security_.default_folder_sddl());
+    blocked_files_.erase(it);
+    (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, blocked_files_key, path.c_str());
+    return true;
 }

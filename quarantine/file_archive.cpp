@@ -28,6 +28,14 @@ bool write_u32_at(FILE* file, long offset, uint32_t value) {
     return fseek(file, offset, SEEK_SET) == 0 && fwrite(bytes, 1, sizeof(bytes), file) == sizeof(bytes);
 }
 
+// Whether the archive header can record `source_path`; logged when not.
+bool path_fits(const char* source_path) {
+    const size_t path_length = strlen(source_path);
+    if (path_length <= archive_max_path_length) return true;
+    NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Path too long (%zu bytes): %s\n", path_length, source_path);
+    return false;
+}
+
 // Runs the steps after both files are open; false when any of them failed (each logged).
 bool write_archive(FILE* source, FILE* archive, const char* source_path, archive_header& header,
                    input_blocks& blocks) {
@@ -114,20 +122,23 @@ bool replace_file(const char* from, const char* to) {
 }
 
 bool NVFileArchive::NVFileArchive_archiveFile(const char* source_path, const char* archive_path) {
-    const size_t path_length = strlen(source_path);
-    if (path_length > archive_max_path_length) {
-        NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Path too long (%zu bytes): %s\n", path_length, source_path);
-        return false;
-    }
-    archive_header header;
-    header.data_offset = static_cast<uint32_t>(archive_header_size + path_length + 1);
-    header.archive_time = now_unix_milliseconds();
-
+    if (!path_fits(source_path)) return false;
     mcl::unique_file source = mcl::open_file(source_path, "rb");
     if (!source) {
         NV_LOG("NVFileArchive::NVFileArchive_archiveFile", "Failed to open the source file <%s>\n", source_path);
         return false;
     }
+    return NVFileArchive_archiveStream(std::move(source), source_path, archive_path);
+}
+
+bool NVFileArchive::NVFileArchive_archiveStream(mcl::unique_file source, const char* source_path,
+                                                const char* archive_path) {
+    if (!path_fits(source_path)) return false;
+    const size_t path_length = strlen(source_path);
+    archive_header header;
+    header.data_offset = static_cast<uint32_t>(archive_header_size + path_length + 1);
+    header.archive_time = now_unix_milliseconds();
+
     const std::string partial = std::string(archive_path) + ".partial";
     mcl::unique_file archive = mcl::open_file(partial.c_str(), "wb");
     if (!archive) {
@@ -201,7 +212,8 @@ bool NVFileArchive::read_archive_info(FILE* archive, archive_info& info) {
     return true;
 }
 
-bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_destination* destination) {
+bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_destination* destination,
+                                              std::string* placed) {
     mcl::unique_file archive = mcl::open_file(archive_path, "rb");
     if (!archive) return false;
     archive_info info;
@@ -216,7 +228,8 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_
     if (destination != nullptr && !destination->open(info.path)) return false;
     NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restoring : %s -> %s\n", archive_path, info.path.c_str());
     const std::string partial = info.path + ".restoring";
-    mcl::unique_file restored = mcl::open_file(partial.c_str(), "wb");
+    mcl::unique_file restored =
+        destination != nullptr ? destination->create(partial) : mcl::open_file(partial.c_str(), "wb");
     if (!restored) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to open the restored file <%s>\n", partial.c_str());
         return false;
@@ -226,6 +239,7 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_
     archive.reset();
     if (!flush_and_close(std::move(restored)) || sink.write_failed()) result = 1;
     mcl::binary_t digest;
+    std::string target = info.path;
     bool ok = false;
     if (result != 0) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restore : failed with code %i\n", result);
@@ -234,8 +248,9 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_
                info.path.c_str());
     } else if (memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "The hash of restored file is not matched\n");
-    } else if (destination != nullptr && !destination->confirm(partial)) {
-        // Refused; the destination said why.
+    } else if (destination != nullptr) {
+        // The destination says why it refused.
+        ok = destination->confirm(partial) && destination->place(partial, info.path, target);
     } else if (!replace_file(partial.c_str(), info.path.c_str())) {
         NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "Failed to rename <%s> to <%s>\n", partial.c_str(),
                info.path.c_str());
@@ -243,9 +258,14 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_
         ok = true;
     }
     if (!ok) {
-        std::remove(partial.c_str());
+        if (destination != nullptr) {
+            destination->discard(partial);
+        } else {
+            std::remove(partial.c_str());
+        }
         return false;
     }
+    if (placed != nullptr) *placed = target;
     NV_LOG("NVFileArchive::NVFileArchive_restoreFile", "restore : done\n");
     return true;
 }

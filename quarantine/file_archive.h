@@ -54,16 +54,25 @@ bool flush_and_close(mcl::unique_file file);
 // Renames `from` to `to`, replacing what `to` names.
 bool replace_file(const char* from, const char* to);
 
-// Where a restore may write, decided by its caller (the service keeps links out of the way).
-// Each refusal is logged by the destination.
+// Where a restore may write and how its file comes into place, decided by its caller (the
+// service keeps links out of the way and never replaces a file). Each refusal is logged by the
+// destination.
 class restore_destination {
 public:
     virtual ~restore_destination() = default;
     // Before anything is written: may the content go beside `target`?
     virtual bool open(const std::string& target) = 0;
-    // After the temporary `temp` is written and flushed, before it replaces `target`: is it
-    // where open() agreed to?
+    // The temporary `temp`, newly created for writing (never an existing file or a link); null
+    // when it cannot be created.
+    virtual mcl::unique_file create(const std::string& temp) = 0;
+    // After the temporary is written and flushed, before it is put in place: is it where open()
+    // agreed to?
     virtual bool confirm(const std::string& temp) = 0;
+    // Puts the temporary in place at `target` or, when something is there, beside it under a free
+    // name, never replacing a file; `placed` is the path it came to.
+    virtual bool place(const std::string& temp, const std::string& target, std::string& placed) = 0;
+    // Removes the temporary after a failure.
+    virtual void discard(const std::string& temp) = 0;
 };
 
 class NVFileArchive {
@@ -72,13 +81,18 @@ public:
     // exactly the bytes that were compressed, so a source that changes meanwhile still gives an
     // archive that restores to what it recorded.
     static bool NVFileArchive_archiveFile(const char* source_path, const char* archive_path);
+    // The same from a stream open at the start of the source (closed here), recording
+    // `source_path`: the caller opened the very file it means, and no path is opened again.
+    static bool NVFileArchive_archiveStream(mcl::unique_file source, const char* source_path, const char* archive_path);
 
     // Checks the header, the chunk lengths and the frame descriptor, then writes the content
-    // beside the path recorded in the archive and replaces that path with it only when its
-    // digest matches. The temporary is the recorded path followed by ".restoring". With a
-    // `destination`, it is asked before writing and again before the rename; a refusal is a
-    // failure that leaves no temporary.
-    static bool NVFileArchive_restoreFile(const char* archive_path, restore_destination* destination = nullptr);
+    // beside the path recorded in the archive and puts it in place only when its digest matches.
+    // The temporary is the recorded path followed by ".restoring". Without a `destination` the
+    // temporary replaces the recorded path; with one, the destination creates the temporary,
+    // confirms it and places it (`placed` then names where it went); a refusal is a failure that
+    // leaves no temporary.
+    static bool NVFileArchive_restoreFile(const char* archive_path, restore_destination* destination = nullptr,
+                                          std::string* placed = nullptr);
 
     // Reads the header and the recorded path from an archive open at its start and leaves the
     // stream at the frame. False (logged) for a missing or zero data offset, a data offset

@@ -3,10 +3,13 @@
 //
 // Nothing is lost on the way: an archive is written under a temporary name in the container,
 // flushed, decoded again and checked against its digest, and only then renamed to its .QUA name;
-// the source is deleted after that rename. A restore writes beside its target, in a folder it
-// holds open from its check to the rename (restore_target.h), and replaces the target only when
-// the digest matched; the archive is deleted after that. A crash at any point leaves the source
-// or a complete archive (or both), never neither; start-up removes the temporaries it left.
+// the source is deleted after that rename. The source is opened once, without following a link,
+// and its DACL, content and deletion all go through that handle (restore_target.h), so a folder
+// swapped for a link changes nothing outside; a source is never left to a delete at reboot. A
+// restore writes beside its target, in a folder it holds open from its check to the rename, and
+// puts the file in place only when the digest matched, beside an existing file rather than over
+// it; the archive is deleted after that. A crash at any point leaves the source or a complete
+// archive (or both), never neither; start-up removes the temporaries it left.
 #include <windows.h>
 
 #include <cstring>
@@ -98,11 +101,16 @@ bool verify_archive(const std::string& archive, const std::string& source) {
 
 quarantine_store::archive_written_hook written_hook = nullptr;
 
-// Archives `source` to `archive` through a checked temporary; false leaves no file behind.
-bool archive_verified(const std::string& source, const std::string& archive) {
+// Archives the held `source` to `archive` through a checked temporary; false leaves no file behind.
+bool archive_verified(const quarantine_source& held, const std::string& source, const std::string& archive) {
     constexpr const char* fn = "chelperservice::add_quarantine_files";
     const std::string temp = archive + verifying_suffix;
-    if (!NVFileArchive::NVFileArchive_archiveFile(source.c_str(), temp.c_str())) return false;
+    mcl::unique_file stream = held.stream();
+    if (!stream) {
+        NV_LOG(fn, "Failed to read the source file <%s>, error: %d", source.c_str(), static_cast<int>(GetLastError()));
+        return false;
+    }
+    if (!NVFileArchive::NVFileArchive_archiveStream(std::move(stream), source.c_str(), temp.c_str())) return false;
     if (written_hook != nullptr) written_hook(source, temp);
     if (!verify_archive(temp, source)) {
         DeleteFileA(temp.c_str());
@@ -127,17 +135,17 @@ bool in_container(const std::string& container, const std::string& archive) {
     return !name.empty() && name.find_first_of("\\/") == std::string::npos && name != "." && name != "..";
 }
 
-// A file's DACL as it was before the quarantine changed it, put back when the file stays.
+// A file's DACL as it was before the quarantine changed it, read and put back through the held
+// handle when the file stays.
 class saved_dacl {
 public:
-    saved_dacl(quarantine_security& security, const std::string& path) : security_(security) {
-        if (security_.get_file_dacl(mcl::mswin::widen(path), descriptor_) != ERROR_SUCCESS) return;
+    saved_dacl(quarantine_security& security, HANDLE file) : security_(security), file_(file) {
+        if (security_.get_handle_dacl(file_, descriptor_) != ERROR_SUCCESS) return;
         read_ = true;
     }
     void put_back(const std::string& path) const {
         if (!read_) return;
-        const DWORD err = security_.set_file_dacl(mcl::mswin::widen(path), descriptor_.dacl(),
-                                                  descriptor_.dacl_protected());
+        const DWORD err = security_.set_handle_dacl(file_, descriptor_.dacl(), descriptor_.dacl_protected());
         if (err != ERROR_SUCCESS)
             NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d", path.c_str(),
                    static_cast<int>(err));
@@ -145,6 +153,7 @@ public:
 
 private:
     quarantine_security& security_;
+    HANDLE file_;
     mcl::mswin::security_descriptor descriptor_;
     bool read_ = false;
 };
@@ -175,7 +184,7 @@ bool quarantine_store::createPath(const std::string& path) {
     return true;
 }
 
-bool quarantine_store::setQuarantineFilePermissions(const std::string& file, const std::string& folder) {
+bool quarantine_store::setQuarantineFilePermissions(HANDLE file, const std::string& name, const std::string& folder) {
     constexpr const char* fn = "chelperservice::setQuarantineFilePermissions";
     std::string dir = folder;
     if (dir.size() > 3 && dir.back() == '\\') dir.pop_back();
@@ -185,9 +194,9 @@ bool quarantine_store::setQuarantineFilePermissions(const std::string& file, con
         NV_LOG(fn, "GetNamedSecurityInfo failed on %s, error: %d", dir.c_str(), static_cast<int>(err));
         return false;
     }
-    err = security_.set_file_dacl(mcl::mswin::widen(file), descriptor.dacl(), /*protect=*/false);
+    err = security_.set_handle_dacl(file, descriptor.dacl(), /*protect=*/false);
     if (err != ERROR_SUCCESS) {
-        NV_LOG(fn, "SetNamedSecurityInfo failed on %s, error: %d", file.c_str(), static_cast<int>(err));
+        NV_LOG(fn, "SetNamedSecurityInfo failed on %s, error: %d", name.c_str(), static_cast<int>(err));
         return false;
     }
     return true;
@@ -233,17 +242,31 @@ bool quarantine_store::add_quarantine_files(const std::string& container, const 
             continue;
         }
         const std::string archive = archive_path_for(container, source.substr(slash + 1));
-        const saved_dacl before(security_, source);
-        (void)setQuarantineFilePermissions(source, container);
-        const bool archived = archive_verified(source, archive);
-        if (archived) {
-            message += archive;
-        } else {
+        quarantine_source held;
+        if (!held.open(source)) {
+            NV_LOG(fn, "Failed to archive file to quarantine container: %s -> %s.", source.c_str(), archive.c_str());
+            if (held.refused()) result = false;
+            message += ";";
+            continue;
+        }
+        const saved_dacl before(security_, held.get());
+        (void)setQuarantineFilePermissions(held.get(), source, container);
+        if (!archive_verified(held, source, archive)) {
             NV_LOG(fn, "Failed to archive file to quarantine container: %s -> %s.", source.c_str(), archive.c_str());
             before.put_back(source);
+            message += ";";
+            continue;
         }
-        message += ";";
-        if (archived) delete_or_schedule(fn, "original file", source);
+        if (!held.remove()) {
+            // The file stays where it is, as it was; an archive of a file that is still there
+            // would only bring back a second copy.
+            before.put_back(source);
+            DeleteFileA(archive.c_str());
+            result = false;
+            message += ";";
+            continue;
+        }
+        message += archive + ";";
     }
     return result;
 }
@@ -265,7 +288,7 @@ bool quarantine_store::remove_quarantine_files(const std::string& container,
 }
 
 bool quarantine_store::restore_quarantine_files(const std::string& container,
-                                                const std::vector<std::string>& archives) {
+                                                const std::vector<std::string>& archives, std::string* message) {
     constexpr const char* fn = "chelperservice::restore_quarantine_files";
     bool result = true;
     for (const std::string& archive : archives) {
@@ -276,11 +299,15 @@ bool quarantine_store::restore_quarantine_files(const std::string& container,
             continue;
         }
         restore_folder destination;
-        if (!NVFileArchive::NVFileArchive_restoreFile(archive.c_str(), &destination)) {
+        std::string placed;
+        if (!NVFileArchive::NVFileArchive_restoreFile(archive.c_str(), &destination, &placed)) {
             NV_LOG(fn, "Failed to restore quarantine file: %s", archive.c_str());
             result = false;
             continue;
         }
+        std::string recorded;
+        if (message != nullptr && read_quarantine_file_original_path(archive, recorded) && placed != recorded)
+            *message += placed + ";";
         delete_or_schedule(fn, "quarantined file", archive);
     }
     return result;
@@ -294,7 +321,8 @@ bool quarantine_store::quarantine_files_action(uint32_t action, const std::strin
     case 1:
         return remove_quarantine_files(container, paths);
     case 2:
-        return restore_quarantine_files(container, paths);
+        message.clear();
+        return restore_quarantine_files(container, paths, &message);
     default:
         message = "Invalid action.";
         return false;

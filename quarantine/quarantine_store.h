@@ -39,11 +39,16 @@ public:
     virtual DWORD get_file_dacl(const std::wstring& path, mcl::mswin::security_descriptor& descriptor) = 0;
     // The DACL written to a file or folder, protected from the parent or not. The Win32 code.
     virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) = 0;
+    // The same through an open handle (READ_CONTROL to read, WRITE_DAC to write): the DACL of the
+    // very file that was opened, whatever its path names meanwhile. The Win32 code.
+    virtual DWORD get_handle_dacl(HANDLE file, mcl::mswin::security_descriptor& descriptor) = 0;
+    virtual DWORD set_handle_dacl(HANDLE file, PACL dacl, bool protect) = 0;
     // Rewrites the DACL: full access for `sids` in order, every other ACE cut down to read and
     // execute (to nothing with `denyOthers`); with `originalSddl`, the DACL before as SDDL.
     virtual bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
                                     std::string* originalSddl, bool denyOthers) = 0;
-    // Writes the DACL of `sddl`, unprotected so the parent's ACEs apply again.
+    // Writes the DACL of `sddl`, unprotected so the parent's ACEs apply again (protected only
+    // when the text itself is, "D:P...").
     virtual bool restorePathPermissions(const std::wstring& path, const char* sddl) = 0;
     // The DACL a folder gets back when its protection is lifted.
     virtual const char* default_folder_sddl() = 0;
@@ -94,21 +99,29 @@ public:
     // The container path followed by each "*.QUA" entry name, in directory order; cleared first.
     static void list_quarantine_files(const std::string& container, std::vector<std::string>& files);
     // One field per source in `message`, each ended by ";": the archive path or nothing. A source
-    // is deleted only after its archive was written, flushed, read back and renamed into place.
+    // is deleted only after its archive was written, flushed, read back and renamed into place;
+    // one that cannot be deleted through its handle stays as it was, without an archive, and
+    // makes the result false.
     bool add_quarantine_files(const std::string& container, const std::vector<std::string>& files,
                               std::string& message);
     bool remove_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
-    // An archive is deleted only once its file is back in place with a matching digest.
-    bool restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives);
+    // An archive is deleted only once its file is back with a matching digest. A file never
+    // replaces another: with something at its recorded path it comes back beside it under a free
+    // "name (restored).ext" name, and `message` (when given) gets that path followed by ";".
+    bool restore_quarantine_files(const std::string& container, const std::vector<std::string>& archives,
+                                  std::string* message = nullptr);
     bool quarantine_files_action(uint32_t action, const std::string& container, const std::vector<std::string>& paths,
                                  std::string& message);
     // The source path recorded in an archive; false (logged) when its header cannot be read.
     static bool read_quarantine_file_original_path(const std::string& archive, std::string& path);
-    // Copies the folder's DACL onto the file.
-    bool setQuarantineFilePermissions(const std::string& file, const std::string& folder);
+    // Copies the folder's DACL onto the open file (WRITE_DAC); `name` is for the log.
+    bool setQuarantineFilePermissions(HANDLE file, const std::string& name, const std::string& folder);
     // Whether `path` is an archive of a registered container, ignoring ASCII case.
     bool is_quarantined_file(const std::string& path);
     bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
+    // Gives a blocked file the DACL it had before (protected as it was) and lifts the driver's
+    // rule. False (logged) for a path that was not blocked, whose DACL stays as it is, and when
+    // the DACL cannot be written back, the file staying blocked.
     bool unblockFileAccess(const std::string& path);
     // Start-up: the containers from the registry, each with its driver rule again and what
     // interrupted work left in it removed, then the blocked files.

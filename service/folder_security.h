@@ -19,6 +19,7 @@ public:
     // the DACL before the change is returned there as SDDL.
     static bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
                                    std::string* originalSddl, bool denyOthers);
-    // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again.
+    // Writes the DACL of `sddl` to the folder, unprotected so the parent's ACEs apply again
+    // (protected only when the text itself is, "D:P...").
     static bool restorePathPermissions(const std::wstring& path, const char* sddl);
 };

@@ -224,7 +224,6 @@ public:
     static bool read_quarantine_file_original_path(const std::string& archive, std::string& path) {
         return quarantine_store::read_quarantine_file_original_path(archive, path);
     }
-    bool setQuarantineFilePermissions(const std::string& file, const std::string& folder);
     bool is_quarantined_file(const std::string& path);
     bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
     bool unblockFileAccess(const std::string& path);
@@ -314,6 +313,8 @@ private:
     public:
         DWORD get_file_dacl(const std::wstring& path, mcl::mswin::security_descriptor& descriptor) override;
         DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override;
+        DWORD get_handle_dacl(HANDLE file, mcl::mswin::security_descriptor& descriptor) override;
+        DWORD set_handle_dacl(HANDLE file, PACL dacl, bool protect) override;
         bool setPathPermissions(const std::wstring& path, const std::vector<mcl::mswin::sid>& sids,
                                 std::string* originalSddl, bool denyOthers) override;
         bool restorePathPermissions(const std::wstring& path, const char* sddl) override;

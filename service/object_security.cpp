@@ -16,6 +16,14 @@ DWORD object_security::set_file_dacl(const std::wstring& path, PACL dacl, bool p
     return security_descriptor::write_file_dacl(path, dacl, protect);
 }
 
+DWORD object_security::get_handle_dacl(HANDLE file, security_descriptor& descriptor) {
+    return descriptor.read_handle_dacl(file);
+}
+
+DWORD object_security::set_handle_dacl(HANDLE file, PACL dacl, bool protect) {
+    return security_descriptor::write_handle_dacl(file, dacl, protect);
+}
+
 bool object_security::set_file_sddl(const char* fn, const std::wstring& path, const char* sddl, DWORD& err) {
     err = ERROR_SUCCESS;
     security_descriptor descriptor;
@@ -28,7 +36,8 @@ bool object_security::set_file_sddl(const char* fn, const std::wstring& path, co
         NV_LOG(fn, "GetSecurityDescriptorDacl failed(%d)\n", static_cast<int>(GetLastError()));
         return false;
     }
-    err = set_file_dacl(path, dacl, /*protect=*/false);
+    // A DACL that was protected goes back protected: it must not start inheriting.
+    err = set_file_dacl(path, dacl, descriptor.dacl_protected());
     return err == ERROR_SUCCESS;
 }
 

@@ -21,7 +21,13 @@ public:
     // SetNamedSecurityInfoW with the DACL, marked protected (nothing inherited from the parent) or
     // unprotected (the parent's inheritable ACEs apply again). The Win32 code.
     virtual DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect);
-    // The DACL of an SDDL text written with set_file_dacl, unprotected. A text that does not
+    // The DACL of an open file or folder (GetSecurityInfo; the handle needs READ_CONTROL), as
+    // get_file_dacl.
+    virtual DWORD get_handle_dacl(HANDLE file, mcl::mswin::security_descriptor& descriptor);
+    // SetSecurityInfo on an open file or folder (the handle needs WRITE_DAC), as set_file_dacl.
+    virtual DWORD set_handle_dacl(HANDLE file, PACL dacl, bool protect);
+    // The DACL of an SDDL text written with set_file_dacl, protected when the text says so
+    // ("D:P..."), else unprotected. A text that does not
     // convert is logged under `fn` and gives false with `err` ERROR_SUCCESS; a refused write gives
     // false with its Win32 code in `err`, for the caller's line.
     bool set_file_sddl(const char* fn, const std::wstring& path, const char* sddl, DWORD& err);

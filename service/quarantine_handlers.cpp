@@ -25,6 +25,14 @@ DWORD chelperservice::quarantine_services::set_file_dacl(const std::wstring& pat
     return object_security::current().set_file_dacl(path, dacl, protect);
 }
 
+DWORD chelperservice::quarantine_services::get_handle_dacl(HANDLE file, mcl::mswin::security_descriptor& descriptor) {
+    return object_security::current().get_handle_dacl(file, descriptor);
+}
+
+DWORD chelperservice::quarantine_services::set_handle_dacl(HANDLE file, PACL dacl, bool protect) {
+    return object_security::current().set_handle_dacl(file, dacl, protect);
+}
+
 bool chelperservice::quarantine_services::setPathPermissions(const std::wstring& path,
                                                              const std::vector<mcl::mswin::sid>& sids,
                                                              std::string* originalSddl, bool denyOthers) {
@@ -63,10 +71,6 @@ bool chelperservice::restore_quarantine_files(const std::string& container, cons
 bool chelperservice::quarantine_files_action(uint32_t action, const std::string& container,
                                              const std::vector<std::string>& paths, std::string& message) {
     return quarantine_.quarantine_files_action(action, container, paths, message);
-}
-
-bool chelperservice::setQuarantineFilePermissions(const std::string& file, const std::string& folder) {
-    return quarantine_.setQuarantineFilePermissions(file, folder);
 }
 
 bool chelperservice::is_quarantined_file(const std::string& path) { return quarantine_.is_quarantined_file(path); }

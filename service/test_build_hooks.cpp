@@ -24,6 +24,10 @@
 // "ArchiveVerifyFault" (REG_SZ) names a file name: a disk that returns other bytes than were
 // written cannot be made here, so the archive of a source of that name gets one digest byte
 // changed between writing and reading back.
+//
+// "ArchivePause" (REG_SZ) names a file name: after the archive of a source of that name is
+// written, the service creates "<archive temporary>.paused" and waits while it exists (at most
+// 60 s), so that a test can swap the source's folder between the archive and the delete.
 #include <windows.h>
 
 #include <cstdio>
@@ -121,6 +125,19 @@ public:
         if (foreign_owner(object)) return ERROR_ACCESS_DENIED;
         return record("file", object, dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
     }
+    // An open file is named by its final path, so a write through a handle is journalled under
+    // the file it really reached.
+    DWORD get_handle_dacl(HANDLE file, security_descriptor& descriptor) override {
+        DWORD err = 0;
+        if (read("file", handle_name(file), descriptor, err)) return err;
+        return object_security::get_handle_dacl(file, descriptor);
+    }
+    DWORD set_handle_dacl(HANDLE file, PACL dacl, bool protect) override {
+        const std::string object = handle_name(file);
+        if (object.empty()) return GetLastError();
+        if (foreign_owner(object)) return ERROR_ACCESS_DENIED;
+        return record("file", object, dacl, protect) ? ERROR_SUCCESS : ERROR_INVALID_ACL;
+    }
     DWORD set_file_owner(const std::wstring& path, PSID owner) override {
         // As the system: taking an object from another account needs SeTakeOwnershipPrivilege.
         if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
@@ -159,6 +176,16 @@ private:
         if (mcl::mswin::service::is_service_installed(name.c_str())) return true;
         NV_LOG(fn, "OpenServiceA failed (%d)\n", static_cast<int>(ERROR_SERVICE_DOES_NOT_EXIST));
         return false;
+    }
+
+    // "C:\dir\file" for an open file; empty when its final path cannot be read.
+    static std::string handle_name(HANDLE file) {
+        wchar_t buffer[1024];
+        const DWORD n = GetFinalPathNameByHandleW(file, buffer, 1024, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+        if (n == 0 || n >= 1024) return {};
+        std::wstring path(buffer, n);
+        if (path.compare(0, 4, L"\\\\?\\") == 0) path.erase(0, 4);
+        return mcl::mswin::to_utf8(path);
     }
 
     static std::string key(const char* kind, const std::string& object) {
@@ -242,13 +269,28 @@ object_security* choose() {
     return nullptr;  // Windows' own
 }
 
-// One digest byte of the temporary `temp` changed when `source`'s file name is the one named.
-void damage_named_archive(const std::string& source, const std::string& temp) {
+// Whether the REG_SZ `value` names `source`'s file name.
+bool names_source(const char* value_name, const std::string& source) {
     mcl::binary_t value;
-    if (!mcl::mswin::reg::read_value(settings_key, "ArchiveVerifyFault", value) || value.size() < 2) return;
+    if (!mcl::mswin::reg::read_value(settings_key, value_name, value) || value.size() < 2) return false;
     const char* name = reinterpret_cast<const char*>(value.data());
-    if (strnlen(name, value.size()) == value.size() || _stricmp(name, source.c_str() + source.rfind('\\') + 1) != 0)
-        return;
+    return strnlen(name, value.size()) < value.size() && _stricmp(name, source.c_str() + source.rfind('\\') + 1) == 0;
+}
+
+// Waits while "<temp>.paused" exists, once created here, when `source` is the one named.
+void pause_named_archive(const std::string& source, const std::string& temp) {
+    if (!names_source("ArchivePause", source)) return;
+    const std::string paused = temp + ".paused";
+    unique_kernel_handle marker(CreateFileA(paused.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
+    marker.reset();
+    for (int i = 0; i < 1200 && GetFileAttributesA(paused.c_str()) != INVALID_FILE_ATTRIBUTES; ++i) Sleep(50);
+}
+
+// The pause, then one digest byte of the temporary `temp` changed, each when `source`'s file name is
+// the one its value names.
+void on_archive_written(const std::string& source, const std::string& temp) {
+    pause_named_archive(source, temp);
+    if (!names_source("ArchiveVerifyFault", source)) return;
     mcl::unique_file file = mcl::open_file(temp.c_str(), "r+b");
     unsigned char byte = 0;
     if (file && fseek(file.get(), archive_hash_offset, SEEK_SET) == 0 && fread(&byte, 1, 1, file.get()) == 1 &&
@@ -260,7 +302,7 @@ void damage_named_archive(const std::string& source, const std::string& temp) {
 
 const bool installed = [] {
     object_security::set_chooser(&choose);
-    quarantine_store::set_archive_written_hook(&damage_named_archive);
+    quarantine_store::set_archive_written_hook(&on_archive_written);
     return true;
 }();
 

@@ -79,6 +79,16 @@ DWORD security_descriptor::read_file_dacl(const std::wstring& path) {
     return err;
 }
 
+DWORD security_descriptor::read_handle_dacl(HANDLE file) {
+    bytes_.clear();
+    PACL dacl = nullptr;
+    unique_local<PSECURITY_DESCRIPTOR> raw;
+    const DWORD err = GetSecurityInfo(file, SE_FILE_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, &dacl, nullptr,
+                                      raw.put());
+    if (err == ERROR_SUCCESS) *this = security_descriptor(raw.get());
+    return err;
+}
+
 DWORD security_descriptor::read_service_dacl(const std::string& name) {
     bytes_.clear();
     PACL dacl = nullptr;
@@ -108,6 +118,12 @@ DWORD security_descriptor::write_file_dacl(const std::wstring& path, PACL dacl, 
     const SECURITY_INFORMATION info = DACL_SECURITY_INFORMATION |
                                       (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
     return SetNamedSecurityInfoW(const_cast<wchar_t*>(path.c_str()), SE_FILE_OBJECT, info, nullptr, nullptr, dacl, nullptr);
+}
+
+DWORD security_descriptor::write_handle_dacl(HANDLE file, PACL dacl, bool protect) {
+    const SECURITY_INFORMATION info = DACL_SECURITY_INFORMATION |
+                                      (protect ? PROTECTED_DACL_SECURITY_INFORMATION : UNPROTECTED_DACL_SECURITY_INFORMATION);
+    return SetSecurityInfo(file, SE_FILE_OBJECT, info, nullptr, nullptr, dacl, nullptr);
 }
 
 DWORD security_descriptor::write_file_owner(const std::wstring& path, PSID owner) {

@@ -49,6 +49,9 @@ public:
 
     // The DACL of a file or folder (GetNamedSecurityInfoW, SE_FILE_OBJECT). The Win32 code.
     [[nodiscard]] DWORD read_file_dacl(const std::wstring& path);
+    // The DACL of an open file or folder (GetSecurityInfo, SE_FILE_OBJECT; the handle needs
+    // READ_CONTROL). The Win32 code.
+    [[nodiscard]] DWORD read_handle_dacl(HANDLE file);
     // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE). The Win32 code.
     [[nodiscard]] DWORD read_service_dacl(const std::string& name);
     // The owner of an open kernel object (GetSecurityInfo, SE_KERNEL_OBJECT; the handle needs
@@ -64,6 +67,9 @@ public:
     // SetNamedSecurityInfoW on a file or folder with `dacl`, marked protected (nothing inherited
     // from the parent) or unprotected (the parent's inheritable ACEs apply again). The Win32 code.
     [[nodiscard]] static DWORD write_file_dacl(const std::wstring& path, PACL dacl, bool protect);
+    // SetSecurityInfo on an open file or folder (the handle needs WRITE_DAC), protected or not as
+    // write_file_dacl. The Win32 code.
+    [[nodiscard]] static DWORD write_handle_dacl(HANDLE file, PACL dacl, bool protect);
     // SetNamedSecurityInfoW with the owner of a file or folder. The Win32 code.
     [[nodiscard]] static DWORD write_file_owner(const std::wstring& path, PSID owner);
 

@@ -32,7 +32,8 @@ patch() { printf '%s' "$2" | xxd -r -p | dd of="$3" bs=1 seek="$1" conv=notrunc 
 flip() { patch "$1" "$(printf '%02x' $((0x$(xxd -s "$1" -l 1 -p "$3") ^ $2)))" "$3"; }
 
 mkdir -p "$drive_c/data" "$drive_c/swap"
-printf 'file\tC:\\data\\blk.txt\tD:(A;;FA;;;BA)(A;;0x1200a9;;;BU)\nfile\tC:\\data\\bad.txt\tD:P(A;;FA;;;BA)\n' >"$journal"
+printf 'file\t%s\t%s\n' 'C:\data\blk.txt' 'D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)' 'C:\data\bad.txt' 'D:P(A;;FA;;;BA)' \
+    'C:\sw\s2.bin' 'D:P(A;;FA;;;BA)' 'C:\data\nb.txt' 'D:P(A;;FA;;;BA)(A;;FR;;;BU)' 'C:\data\pro.txt' 'D:P(A;;FA;;;BA)' >"$journal"
 install_with_recorder
 expect_eq "install" 0 "$rc"
 start_service
@@ -206,6 +207,51 @@ expect_eq "link: restore refused" "$refused" "$reply"
 expect_eq "link: logged" 1 "$(log_count 'Restore refused, the folder of C:\swap\s.txt is a link')"
 rm "$drive_c/swap" && mkdir "$drive_c/swap"
 
+echo "== sources through their handle: links on the way, a read-only file, restores beside a file"
+mkdir -p "$drive_c/victim" "$drive_c/sw" && printf 'victim' >"$drive_c/victim/v.txt" && seq 1 1000 >"$drive_c/sw/s2.bin"
+ln -s "$drive_c/victim" "$drive_c/lnk"
+quarantine 0 'c:\q' 'C:\lnk\v.txt'
+expect_eq "folder a link before the request: refused" "$(said 0 ';')" "$reply"
+expect_eq "link before: target untouched, no DACL written" "victim 0" "$(cat "$drive_c/victim/v.txt") $(grep -a -i -c victim "$journal")"
+expect_eq "link before: logged" 1 "$(log_count 'Quarantine refused, C:\lnk\v.txt is not a local path, or a folder on its way is missing or a link')"
+# The test build waits after writing the archive of s2.bin while the ".paused" file it made is
+# there; meanwhile the folder becomes a link to a folder holding a decoy of the same name.
+run reg add "$helper_key" /v ArchivePause /t REG_SZ /d s2.bin /f
+(wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\sw\s2.bin' </dev/null >"$work/paused.out" 2>&1) &
+sender=$!
+poll 600 0.1 'compgen -G "$drive_c/q/*.paused" >/dev/null' || fail "the archive pause was not reached"
+mv "$drive_c/sw" "$drive_c/sw.real" && mkdir "$drive_c/decoy" && printf 'decoy' >"$drive_c/decoy/s2.bin"
+ln -s "$drive_c/decoy" "$drive_c/sw"
+rm -f "$drive_c"/q/*.paused
+wait $sender
+run reg delete "$helper_key" /v ArchivePause /f
+expect_eq "folder a link before the delete: refused" "$(said 0 ';')" "$(tr -d '\r' <"$work/paused.out")"
+expect_eq "link before the delete: decoy and source kept" "decoy $(seq 1 1000 | sha256sum | cut -c 1-64)" \
+    "$(cat "$drive_c/decoy/s2.bin") $(sum_of "$drive_c/sw.real/s2.bin")"
+expect_eq "link before the delete: no archive, DACL back" " D:P(A;;FA;;;BA)" \
+    "$(ls "$drive_c/q" | grep '^s2\.bin') $(recorded file 'C:\sw\s2.bin' | cut -f 1)"
+expect_eq "link before the delete: logged" 1 "$(log_count 'Failed to delete original file <C:\sw\s2.bin>, its path no longer names')"
+rm -rf "$drive_c/lnk" "$drive_c/sw" "$drive_c/sw.real" "$drive_c/decoy" "$drive_c/victim"
+# CONTENT quarantined from C:\data\ro.txt (read-only the first time)|NEWER content saved there
+# meanwhile|the name the restore then takes beside it
+printf 'read-only' >"$drive_c/data/ro.txt" && chmod a-w "$drive_c/data/ro.txt"
+for row in 'read-only|newer|C:\data\ro (restored).txt' 'newer|third|C:\data\ro (restored 2).txt'; do
+    IFS='|' read -r content newer placed <<<"$row"
+    quarantine 0 'c:\q' 'C:\data\ro.txt'
+    arc=$(reply_text | tr -d ';')
+    [[ "$(reply_result) $arc" =~ ^1\ c:\\q\\ro\.txt\.[0-9A-F]{16}\.QUA$ ]] || fail "$content: quarantined [$reply]"
+    [ ! -e "$drive_c/data/ro.txt" ] || fail "$content: source still there"
+    printf '%s' "$newer" >"$drive_c/data/ro.txt"
+    quarantine 2 'c:\q' "$arc"
+    expect_eq "$content: restored beside, the reply naming it" "$(said 1 "$placed;")" "$reply"
+    expect_eq "$content: both files" "$newer $content" "$(cat "$drive_c/data/ro.txt") $(cat "$(unix_of "$placed")")"
+    expect_eq "$content: logged" 1 "$(log_count "C:\data\ro.txt exists; the restored file is $placed.")"
+    [ ! -e "$(unix_of "$arc")" ] || fail "$content: archive kept"
+done
+expect_eq "read-only: nothing left for a reboot" "" \
+    "$(reg_value 'HKLM\System\CurrentControlSet\Control\Session Manager' PendingFileRenameOperations)"
+rm -f "$drive_c"/data/ro*
+
 echo "== blocked files"
 printf 'blk' >"$drive_c/data/blk.txt"
 printf 'blk2' >"$drive_c/data/blk2.txt"
@@ -223,6 +269,21 @@ dacl_starts "many: blk2 DACL" 'c:\data\blk2.txt' "D:P$own_ace$other_ace"
 answers "many, unblock: archive listed, lower-cased" "$(said 1 "${arc_b,,};")" \
     block-files-access action=1 path='C:\data\blk2.txt' path="${arc_b^^}"
 answers "blk2 unblocked" "$(said 1 no)" is-file-access-blocked name='c:\data\blk2.txt'
+
+echo "== unblock only what was blocked, its DACL as it was"
+# FILE|BLOCKED FIRST|REPLY|ITS DACL AFTER (the journal gave each one beforehand)|RULES SENT
+for row in "nb.txt|no|$refused|D:P(A;;FA;;;BA)(A;;FR;;;BU)|" \
+    "pro.txt|yes|$ok|D:P(A;;FA;;;BA)|10 command $device\\data\\pro.txt"; do
+    IFS='|' read -r name block want dacl rules <<<"$row"
+    printf 'x' >"$drive_c/data/$name"
+    [ "$block" = no ] || answers "block $name" "$ok" block-file-access name="C:\\data\\$name"
+    mark
+    answers "unblock $name" "$want" unblock-file-access name="C:\\data\\$name"
+    expect_eq "unblock $name: DACL" "$dacl" "$(grep -a -i -F -- "file	c:\\data\\$name	" "$journal" | tail -n 1 | cut -f 3)"
+    expect_eq "unblock $name: rules" "$rules" "$(new_rules)"
+done
+expect_eq "never blocked: logged, DACL never written" "1 1" \
+    "$(log_count 'Unblock refused, c:\data\nb.txt is not a blocked file') $(grep -a -i -c -F 'c:\data\nb.txt' "$journal")"
 
 echo "== restart: containers and blocked files come back"
 run reg add "$qkey" /v "c:\\$(printf 'z%.0s' $(seq 1 300))\\" /t REG_DWORD /d 1 /f

@@ -1,7 +1,9 @@
-// Where a restore may write. This system cannot make junctions or symbolic links that report
-// themselves as such, so the checks are fed the attributes and final paths a link would give.
+// What a quarantine may take and where a restore may write. This system cannot make junctions or
+// symbolic links that report themselves as such, so the checks are fed the attributes and final
+// paths a link would give.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -26,8 +28,11 @@ fs::path fresh_dir(const std::string& name) {
 std::vector<std::string> names_in(const fs::path& dir) {
     std::vector<std::string> names;
     for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
+    std::sort(names.begin(), names.end());
     return names;
 }
+
+void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
 
 std::map<std::string, DWORD> g_attributes;
 
@@ -94,7 +99,7 @@ TEST(restore_folder, holds_the_folder_and_refuses_a_link_swapped_in_before_or_af
         const fs::path source = dir / "data" / "a.bin";
         const fs::path archive = dir / "a.QUA";
         fs::create_directories(source.parent_path());
-        std::ofstream(source, std::ios::binary) << content;
+        write_file(source, content);
         ASSERT_TRUE(NVFileArchive::NVFileArchive_archiveFile(source.string().c_str(), archive.string().c_str()));
         fs::remove(source);
 
@@ -124,6 +129,125 @@ TEST(restore_folder, nobody_can_rename_or_replace_the_held_folder) {
         EXPECT_FALSE(RemoveDirectoryW(folder.c_str()));
     }
     EXPECT_TRUE(MoveFileW(folder.c_str(), moved.c_str())) << "released with the restore";
+}
+
+TEST(restore_folder, brings_a_file_back_beside_what_is_at_its_path_never_over_it) {
+    nv_test::log_capture log;
+    const fs::path dir = fresh_dir("beside");
+    const fs::path source = dir / "a.bin";
+    const fs::path archive = dir / "a.QUA";
+    write_file(source, "quarantined");
+    ASSERT_TRUE(NVFileArchive::NVFileArchive_archiveFile(source.string().c_str(), archive.string().c_str()));
+    write_file(source, "newer");
+    for (const char* name : {"a (restored).bin", "a (restored 2).bin"}) {
+        restore_folder destination;
+        std::string placed;
+        ASSERT_TRUE(NVFileArchive::NVFileArchive_restoreFile(archive.string().c_str(), &destination, &placed));
+        EXPECT_EQ((dir / name).string(), placed);
+        EXPECT_EQ("quarantined", nv_test::file_text(placed));
+        EXPECT_TRUE(log.contains(source.string() + " exists; the restored file is " + placed)) << log.text();
+    }
+    EXPECT_EQ("newer", nv_test::file_text(source.string()));
+    // A name taken by anything, a planted temporary included, is never opened: the restore fails.
+    write_file(dir / "a.bin.restoring", "planted");
+    restore_folder destination;
+    EXPECT_FALSE(NVFileArchive::NVFileArchive_restoreFile(archive.string().c_str(), &destination));
+    EXPECT_EQ("planted", nv_test::file_text((dir / "a.bin.restoring").string()));
+    EXPECT_TRUE(log.contains("unable to create " + source.string() + ".restoring")) << log.text();
+    EXPECT_EQ((std::vector<std::string>{"a (restored 2).bin", "a (restored).bin", "a.QUA", "a.bin", "a.bin.restoring"}),
+              names_in(dir));
+}
+
+TEST(restore_folder, free_names) {
+    const struct {
+        const char* name;
+        unsigned attempt;
+        const char* want;
+    } cases[] = {
+        {"a.txt", 0, "a.txt"},           {"a.txt", 1, "a (restored).txt"},       {"a.txt", 2, "a (restored 2).txt"},
+        {"a.tar.gz", 3, "a.tar (restored 3).gz"}, {"noext", 1, "noext (restored)"}, {".profile", 1, ".profile (restored)"},
+    };
+    for (const auto& c : cases) EXPECT_EQ(c.want, restored_name(c.name, c.attempt)) << c.name << " " << c.attempt;
+}
+
+bool elsewhere_final_path(HANDLE handle, std::wstring& path) {
+    wchar_t buffer[1024];
+    const DWORD n = GetFinalPathNameByHandleW(handle, buffer, 1024, 0);
+    if (n == 0 || n >= 1024) return false;
+    path = L"\\\\?\\C:\\windows" + std::wstring(buffer, n).substr(std::wstring(buffer, n).rfind(L'\\'));
+    return true;
+}
+
+TEST(quarantine_source, takes_only_the_file_asked_for_and_deletes_it_through_its_handle) {
+    enum class kind { plain, read_only, folder_swapped, a_folder, hard_link, swapped_before_delete };
+    const struct {
+        kind what;
+        bool opened;
+        bool removed;
+        const char* line;
+    } cases[] = {
+        {kind::plain, true, true, nullptr},
+        {kind::read_only, true, true, nullptr},
+        {kind::folder_swapped, false, false, "leads elsewhere (\\\\?\\C:\\windows\\s.txt); the file stays."},
+        {kind::a_folder, false, false, "is a folder, a link or a file with other names; the file stays."},
+        {kind::hard_link, false, false, "is a folder, a link or a file with other names; the file stays."},
+        {kind::swapped_before_delete, true, false, "its path no longer names the archived file; it stays."},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(static_cast<int>(c.what));
+        nv_test::log_capture log;
+        const fs::path dir = fresh_dir("source" + std::to_string(static_cast<int>(c.what)));
+        const fs::path folder = dir / "data";
+        fs::create_directories(folder);
+        fs::path source = folder / "s.txt";
+        write_file(source, "source");
+        if (c.what == kind::read_only) {
+            ASSERT_TRUE(SetFileAttributesW(source.wstring().c_str(), FILE_ATTRIBUTE_READONLY));
+        }
+        if (c.what == kind::a_folder) source = folder;
+        if (c.what == kind::hard_link && !CreateHardLinkW((dir / "other.txt").wstring().c_str(), source.wstring().c_str(), nullptr))
+            continue;  // no hard links on this file system
+        quarantine_source held(c.what == kind::folder_swapped ? elsewhere_final_path : nullptr);
+        ASSERT_EQ(c.opened, held.open(source.string()));
+        bool swapped = false;
+        if (c.what == kind::swapped_before_delete) {
+            // Windows refuses to rename a folder with a file open in it; where it does not, a
+            // decoy at the same path must survive.
+            swapped = MoveFileW(folder.wstring().c_str(), (dir / "moved").wstring().c_str()) != FALSE;
+            if (swapped) {
+                fs::create_directories(folder);
+                write_file(source, "decoy");
+            }
+        }
+        if (c.opened) {
+            EXPECT_EQ(c.removed || !swapped, held.remove());
+        }
+        if (c.line != nullptr && (c.what != kind::swapped_before_delete || swapped)) {
+            EXPECT_TRUE(log.contains(c.line)) << log.text();
+        }
+        if (swapped) {
+            EXPECT_EQ("decoy", nv_test::file_text(source.string()));
+            EXPECT_TRUE(fs::exists(dir / "moved" / "s.txt"));
+        } else {
+            EXPECT_EQ(!c.removed, fs::exists(source));
+        }
+    }
+}
+
+TEST(quarantine_source, reads_the_held_file_on_a_handle_of_its_own) {
+    const fs::path dir = fresh_dir("stream");
+    write_file(dir / "s.txt", "content");
+    quarantine_source held;
+    ASSERT_TRUE(held.open((dir / "s.txt").string()));
+    {
+        mcl::unique_file stream = held.stream();
+        ASSERT_TRUE(stream);
+        char buffer[16] = {};
+        EXPECT_EQ(7u, fread(buffer, 1, sizeof(buffer), stream.get()));
+        EXPECT_STREQ("content", buffer);
+    }
+    EXPECT_TRUE(held.remove()) << "the held handle outlives the stream";
+    EXPECT_FALSE(fs::exists(dir / "s.txt"));
 }
 
 }  // namespace
