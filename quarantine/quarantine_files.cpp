@@ -9,13 +9,16 @@
 // restore writes beside its target, in a folder it holds open from its check to the rename, and
 // puts the file in place only when the digest matched, beside an existing file rather than over
 // it; the archive is deleted after that. A crash at any point leaves the source or a complete
-// archive (or both), never neither; start-up removes the temporaries it left.
+// archive (or both), never neither; start-up finishes an archive that reads back whole, removes
+// the temporaries it left, and gives an interrupted add's source the DACL recorded before the add
+// changed it.
 #include <windows.h>
 
 #include <cstring>
 
 #include "mcl/file.h"
 #include "mcl/log.h"
+#include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 #include "quarantine/file_archive.h"
@@ -101,6 +104,34 @@ bool verify_archive(const std::string& archive, const std::string& source) {
 
 quarantine_store::archive_written_hook written_hook = nullptr;
 
+// A rename on one volume may still sit in the cache when the delete of a source on another volume
+// reaches its disk: the container's folder is flushed first. False (logged) when it cannot be.
+bool flush_folder(const std::string& folder) {
+    mcl::mswin::unique_kernel_handle dir(CreateFileA(folder.c_str(), GENERIC_WRITE,
+                                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                                     OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    if (dir && FlushFileBuffers(dir.get())) return true;
+    NV_LOG("chelperservice::add_quarantine_files", "Failed to flush the container folder %s, error: %d",
+           folder.c_str(), static_cast<int>(GetLastError()));
+    return false;
+}
+
+bool same_volume(const std::string& a, const std::string& b) {
+    return a.size() > 2 && b.size() > 2 && a[1] == ':' && b[1] == ':' && toupper(a[0]) == toupper(b[0]);
+}
+
+// The digest of the held file's whole content, read on a stream of its own.
+bool content_digest(const quarantine_source& held, mcl::binary_t& digest) {
+    mcl::unique_file stream = held.stream();
+    if (!stream) return false;
+    digest_sink sink(nullptr);
+    std::vector<unsigned char> block(1024 * 1024);
+    size_t n = 0;
+    while ((n = fread(block.data(), 1, block.size(), stream.get())) > 0)
+        if (!sink.write(block.data(), n)) return false;
+    return !ferror(stream.get()) && sink.finish(digest);
+}
+
 // Archives the held `source` to `archive` through a checked temporary; false leaves no file behind.
 bool archive_verified(const quarantine_source& held, const std::string& source, const std::string& archive) {
     constexpr const char* fn = "chelperservice::add_quarantine_files";
@@ -123,6 +154,10 @@ bool archive_verified(const quarantine_source& held, const std::string& source, 
         DeleteFileA(temp.c_str());
         return false;
     }
+    if (!same_volume(source, archive) && !flush_folder(archive.substr(0, archive.rfind('\\') + 1))) {
+        DeleteFileA(archive.c_str());
+        return false;
+    }
     return true;
 }
 
@@ -137,25 +172,48 @@ bool in_container(const std::string& container, const std::string& archive) {
 
 // A file's DACL as it was before the quarantine changed it, read and put back through the held
 // handle when the file stays.
+// handle when the file stays. It is recorded (quarantine_store::sources_in_progress_key) before
+// the DACL changes, and the record goes once the file has it back or is gone.
 class saved_dacl {
 public:
-    saved_dacl(quarantine_security& security, HANDLE file) : security_(security), file_(file) {
+    saved_dacl(quarantine_security& security, HANDLE file, std::string path)
+        : security_(security), file_(file), path_(std::move(path)) {
         if (security_.get_handle_dacl(file_, descriptor_) != ERROR_SUCCESS) return;
         read_ = true;
     }
-    void put_back(const std::string& path) const {
-        if (!read_) return;
+    // Writes the record; false (logged) when the DACL was not read or the record not written.
+    bool record() {
+        std::string sddl = read_ ? descriptor_.dacl_sddl() : std::string();
+        recorded_ = !sddl.empty() &&
+                    mcl::mswin::reg::write_string(quarantine_store::sources_in_progress_key, path_.c_str(), sddl);
+        if (!recorded_)
+            NV_LOG("chelperservice::add_quarantine_files", "The DACL of %s could not be recorded, it is not quarantined",
+                   path_.c_str());
+        return recorded_;
+    }
+    void put_back() {
         const DWORD err = security_.set_handle_dacl(file_, descriptor_.dacl(), descriptor_.dacl_protected());
-        if (err != ERROR_SUCCESS)
-            NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d", path.c_str(),
-                   static_cast<int>(err));
+        if (err != ERROR_SUCCESS) {
+            NV_LOG("chelperservice::add_quarantine_files", "Unable to put back the DACL of %s, error: %d",
+                   path_.c_str(), static_cast<int>(err));
+            return;  // the record stays: the next start tries again
+        }
+        forget();
+    }
+    // The file is gone: nothing to give back.
+    void forget() {
+        if (recorded_)
+            (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, quarantine_store::sources_in_progress_key, path_.c_str());
+        recorded_ = false;
     }
 
 private:
     quarantine_security& security_;
     HANDLE file_;
+    std::string path_;
     mcl::mswin::security_descriptor descriptor_;
     bool read_ = false;
+    bool recorded_ = false;
 };
 
 }  // namespace
@@ -249,23 +307,29 @@ bool quarantine_store::add_quarantine_files(const std::string& container, const 
             message += ";";
             continue;
         }
-        const saved_dacl before(security_, held.get());
+        saved_dacl before(security_, held.get(), source);
+        if (!before.record()) {
+            result = false;
+            message += ";";
+            continue;
+        }
         (void)setQuarantineFilePermissions(held.get(), source, container);
         if (!archive_verified(held, source, archive)) {
             NV_LOG(fn, "Failed to archive file to quarantine container: %s -> %s.", source.c_str(), archive.c_str());
-            before.put_back(source);
+            before.put_back();
             message += ";";
             continue;
         }
         if (!held.remove()) {
             // The file stays where it is, as it was; an archive of a file that is still there
             // would only bring back a second copy.
-            before.put_back(source);
+            before.put_back();
             DeleteFileA(archive.c_str());
             result = false;
             message += ";";
             continue;
         }
+        before.forget();
         message += archive + ";";
     }
     return result;
@@ -341,13 +405,92 @@ bool quarantine_store::is_quarantined_file(const std::string& path) {
     return false;
 }
 
+// A temporary left by an add that did not finish: the archive when it reads back to its digest
+// (the source then deleted when it still holds that content), else removed while its source is
+// there and kept when it is the only copy.
+void quarantine_store::finish_or_remove(const std::string& temp) {
+    constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
+    const std::string archive = temp.substr(0, temp.size() - strlen(verifying_suffix));
+    std::string source;
+    mcl::unique_file file = mcl::open_file(temp.c_str(), "rb");
+    archive_info info;
+    const bool has_header = file && NVFileArchive::read_archive_info(file.get(), info);
+    file.reset();
+    if (!has_header) {
+        // Cut off before its header was whole: the add ended while writing, its source untouched.
+        NV_LOG(fn, "Removing an incomplete archive: %s", temp.c_str());
+        DeleteFileA(temp.c_str());
+        return;
+    }
+    source = info.path;
+    if (!verify_archive(temp, source)) {
+        if (exists(source)) {
+            NV_LOG(fn, "Removing an incomplete archive: %s", temp.c_str());
+            DeleteFileA(temp.c_str());
+        } else {
+            NV_LOG(fn, "Keeping an incomplete archive, its source %s is gone: %s", source.c_str(), temp.c_str());
+        }
+        return;
+    }
+    if (exists(archive) || !MoveFileExA(temp.c_str(), archive.c_str(), MOVEFILE_WRITE_THROUGH)) {
+        NV_LOG(fn, "Failed to finish the archive %s, error: %d", temp.c_str(), static_cast<int>(GetLastError()));
+        return;
+    }
+    NV_LOG(fn, "Finished an interrupted archive: %s", archive.c_str());
+    quarantine_source held;
+    if (!exists(source) || !held.open(source)) return;
+    mcl::binary_t digest;
+    if (!content_digest(held, digest) || digest.size() != archive_hash_size ||
+        memcmp(digest.data(), info.header.content_hash, archive_hash_size) != 0) {
+        NV_LOG(fn, "Its source %s holds other content now, it stays", source.c_str());
+        return;
+    }
+    if (!same_volume(source, archive) && !flush_folder(archive.substr(0, archive.rfind('\\') + 1))) return;
+    if (held.remove()) NV_LOG(fn, "Deleted its source %s", source.c_str());
+}
+
+void quarantine_store::give_back_sources_in_progress() {
+    constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
+    std::vector<std::string> sources;
+    mcl::mswin::reg::list_values(sources_in_progress_key, sources);
+    for (const std::string& source : sources) {
+        std::vector<std::string> sddl;
+        mcl::mswin::security_descriptor sd;
+        quarantine_source held;
+        bool done = !exists(source);  // gone: nothing to give back
+        if (!done && mcl::mswin::reg::read_string_list(sources_in_progress_key, source.c_str(), sddl) &&
+            sddl.size() == 1 && mcl::mswin::security_descriptor::from_sddl(sddl.front().c_str(), sd)) {
+            if (held.open(source)) {
+                done = security_.set_handle_dacl(held.get(), sd.dacl(), sd.dacl_protected()) == ERROR_SUCCESS;
+                if (done) NV_LOG(fn, "The source of an interrupted quarantine has its DACL back: %s", source.c_str());
+            } else {
+                done = held.refused();  // a link now: nothing of ours to give it to
+            }
+        }
+        if (done) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, sources_in_progress_key, source.c_str());
+    }
+}
+
 // Removes what interrupted work left behind: in the container, temporaries that never became an
 // archive (their sources were not deleted, that happens only after the rename); beside each
 // archive's recorded path, the temporary of a restore that never finished (the archive still
 // holds the content, and a restore deletes its archive only after the rename).
 void quarantine_store::remove_archive_leftovers(const std::string& container) {
     constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
-    for (const char* pattern : {"*.QUA.verifying", "*.QUA.verifying.partial", "*.QUA.partial"}) {
+    // A source is deleted only after its temporary became the archive; that rename, not yet on
+    // the disk when the power went, is what a temporary that reads back whole still lacks.
+    {
+        WIN32_FIND_DATAA entry{};
+        unique_find_handle find(FindFirstFileA((container + "*.QUA.verifying").c_str(), &entry));
+        bool more = static_cast<bool>(find);
+        for (; more; more = FindNextFileA(find.get(), &entry) != FALSE) {
+            if ((entry.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) continue;
+            const std::string temp = container + entry.cFileName;
+            if (!ends_with_nocase(temp, verifying_suffix)) continue;  // a short-name match
+            finish_or_remove(temp);
+        }
+    }
+    for (const char* pattern : {"*.QUA.verifying.partial", "*.QUA.partial"}) {
         WIN32_FIND_DATAA entry{};
         unique_find_handle find(FindFirstFileA((container + pattern).c_str(), &entry));
         if (!find) continue;

@@ -129,6 +129,7 @@ void quarantine_store::loadqQuarantineContainers() {
         (void)mcl::mswin::reg::write_dword(protected_folders_key, name.c_str(), 1);
         if (is_directory(name)) remove_archive_leftovers(name);
     }
+    give_back_sources_in_progress();
     loadBlockedFiles();
     NV_LOG(fn, "Quarantine containers loaded: %d, blocked files: %d", static_cast<int>(quarantine_containers_.size()),
            static_cast<int>(blocked_files_.size()));

@@ -71,6 +71,9 @@ public:
     static constexpr const char* protected_folders_key = "system\\CurrentControlSet\\Services\\VQRMonitor\\ProtectedFolders";
     // Lower-cased blocked path -> the SDDL text of the DACL it had before; kept across restarts.
     static constexpr const char* blocked_files_key = "Software\\Norvale\\NVClientHelper\\BlockedFiles";
+    // Source path -> the SDDL text of its DACL, written before an add changes that DACL and removed
+    // once the source is gone or has its DACL back: a start-up gives back what a kill left.
+    static constexpr const char* sources_in_progress_key = "Software\\Norvale\\NVClientHelper\\QuarantineInProgress";
 
     // Called with the source and the archive's temporary between writing it and reading it back.
     // The product has none; a test build installs one, before the program starts, to damage an
@@ -124,7 +127,8 @@ public:
     // the DACL cannot be written back, the file staying blocked.
     bool unblockFileAccess(const std::string& path);
     // Start-up: the containers from the registry, each with its driver rule again and what
-    // interrupted work left in it removed, then the blocked files.
+    // interrupted work left in it finished or removed, then the sources of interrupted adds given
+    // their DACLs back, then the blocked files.
     void loadqQuarantineContainers();
 
     // Normalised container paths ("c:\\q\\").
@@ -145,10 +149,15 @@ private:
                                          std::vector<mcl::mswin::sid>& sids);
     // The file's DACL as SDDL text; empty when it cannot be read.
     std::string current_sddl(const std::wstring& path);
-    // Removes what interrupted work left behind in `container`: temporaries that never became an
-    // archive, and beside each archive's recorded path the temporary of a restore that never
-    // finished. Each removal is logged.
-    static void remove_archive_leftovers(const std::string& container);
+    // What interrupted work left behind in `container`: an archive temporary that reads back to
+    // its digest becomes the archive (its source deleted when it still holds that content); one
+    // that does not is removed while its source is there and kept otherwise (it is the only copy).
+    // Beside each archive's recorded path, the temporary of a restore that never finished is
+    // removed. Each step is logged.
+    void remove_archive_leftovers(const std::string& container);
+    // The sources of adds that never finished get the DACL recorded before the add changed it.
+    void give_back_sources_in_progress();
+    void finish_or_remove(const std::string& temp);
 
     quarantine_driver& driver_;
     quarantine_security& security_;

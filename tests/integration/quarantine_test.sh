@@ -31,9 +31,9 @@ new_rules() { sent | grep -v feature; }
 patch() { printf '%s' "$2" | xxd -r -p | dd of="$3" bs=1 seek="$1" conv=notrunc status=none; }
 flip() { patch "$1" "$(printf '%02x' $((0x$(xxd -s "$1" -l 1 -p "$3") ^ $2)))" "$3"; }
 
-mkdir -p "$drive_c/data" "$drive_c/swap"
+mkdir -p "$drive_c/data" "$drive_c/swap" "$work/dvol/sub" && ln -sfn "$work/dvol" "$WINEPREFIX/dosdevices/d:"
 printf 'file\t%s\t%s\n' 'C:\data\blk.txt' 'D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)' 'C:\data\bad.txt' 'D:P(A;;FA;;;BA)' \
-    'C:\sw\s2.bin' 'D:P(A;;FA;;;BA)' 'C:\data\nb.txt' 'D:P(A;;FA;;;BA)(A;;FR;;;BU)' 'C:\data\pro.txt' 'D:P(A;;FA;;;BA)' >"$journal"
+    'C:\sw\s2.bin' 'D:P(A;;FA;;;BA)' 'C:\data\nb.txt' 'D:P(A;;FA;;;BA)(A;;FR;;;BU)' 'C:\data\pro.txt' 'D:P(A;;FA;;;BA)' 'C:\data\p.txt' 'D:P(A;;FA;;;BA)(A;;FR;;;BU)' >"$journal"
 install_with_recorder
 expect_eq "install" 0 "$rc"
 start_service
@@ -379,7 +379,45 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     expect_eq "restored bytes" "$sum_big" "$(sum_of "$big")"
     [ ! -e "$(unix_of "$arc_big")" ] || fail "archive kept after its restore"
     rm -f "$big"
+
+    # Killed at the test build's pause after the archive was written; then its temporary damaged,
+    # as it was, or damaged with its source gone. WHAT|SOURCE AFTER|TEMPORARY AFTER|LOG LINE
+    run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
+    while IFS='|' read -r what source_after temp_after line; do
+        printf 'paused %s' "$what" >"$drive_c/data/p.txt"
+        (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\data\p.txt' </dev/null >/dev/null 2>&1) &
+        sender=$!
+        poll 600 0.1 'compgen -G "$drive_c/q/p.txt.*.paused" >/dev/null' || fail "$what: the pause was not reached"
+        run taskkill /F /IM NorvaleHalvernService.exe
+        expect_eq "$what: killed" 0 "$rc"
+        wait $sender
+        rm -f "$drive_c"/q/p.txt.*.paused
+        temp=$(compgen -G "$drive_c/q/p.txt.*.QUA.verifying")
+        [ -n "$(reg_value "$helper_key\\QuarantineInProgress" 'C:\data\p.txt')" ] || fail "$what: source DACL not recorded"
+        [ "$what" = whole ] || flip 150 255 "$temp"
+        [ "$what" != lost ] || rm "$drive_c/data/p.txt"
+        start_service
+        expect_eq "$what: source, temporary, archive" "$source_after $temp_after $([ "$what" = whole ] && echo 1 || echo 0)" \
+            "$([ -e "$drive_c/data/p.txt" ] && echo kept || echo gone) $([ -e "$temp" ] && echo kept || echo gone) $(compgen -G "$drive_c/q/p.txt.*.QUA" | wc -l)"
+        [ "$(log_count "$line")" = 1 ] || { fail "$what: not logged once: $line"; tr -d '\r' <"$log" | grep -F 'p.txt'; }
+        expect_eq "$what: record gone" "" "$(reg_value "$helper_key\\QuarantineInProgress" 'C:\data\p.txt')"
+        [ "$what" != damaged ] ||
+            expect_eq "damaged: the DACL from before" "D:P(A;;FA;;;BA)(A;;FR;;;BU)" "$(recorded file 'C:\data\p.txt' | cut -f 1)"
+        rm -f "$temp" "$drive_c"/q/p.txt.*.QUA "$drive_c/data/p.txt"
+    done <<'EOF'
+damaged|kept|gone|The source of an interrupted quarantine has its DACL back: C:\data\p.txt
+whole|gone|gone|Deleted its source C:\data\p.txt
+lost|gone|kept|its source C:\data\p.txt is gone
+EOF
+    run reg delete "$helper_key" /v ArchivePause /f
 fi
+
+# A source on another volume (D:): its archive's folder is flushed before the source goes.
+printf 'other' >"$work/dvol/sub/o.txt"
+quarantine 0 'c:\q' 'D:\sub\o.txt'
+[[ "$(reply_result) $(reply_text)" =~ ^1\ c:\\q\\o\.txt\.[0-9A-F]{16}\.QUA\;$ ]] || fail "other volume: [$reply]"
+[ ! -e "$work/dvol/sub/o.txt" ] || fail "other volume: source kept"
+expect_eq "other volume: no flush failure" 0 "$(log_count 'Failed to flush the container folder')"
 
 stop_service
 
