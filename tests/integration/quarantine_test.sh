@@ -296,7 +296,6 @@ expect_eq "reload logged" 1 "$(log_count 'Read quarantine containers: c:\q\')"
 expect_eq "over-long name skipped" 0 "$(log_count 'Read quarantine containers: c:\zzz')"
 expect_eq "code 9 re-sent" "$(printf '9 command %s\n' "$device\\q" "$device\\${long_container:3:254}")" "$(sent | grep '^9 ')"
 answers "containers after restart" "$(items container 'c:\q\' "$long_container")" get-quarantine-containers
-answers "long container removed" "$ok" remove-quarantine-container action=1 path="$long_container"
 answers "blocked after restart" "$(said 1 yes)" is-file-access-blocked name='c:\data\blk.txt'
 mark
 answers "unblock after restart" "$ok" unblock-file-access name='c:\data\blk.txt'
@@ -311,7 +310,7 @@ quarantine 0 'c:\r' 'C:\data\r.txt'
 flip 150 255 "$(unix_of "$(reply_text | tr -d ';')")"
 mark
 answers "restore-remove with a failed restore" "$refused" remove-quarantine-container action=2 path='c:\r'
-answers "container kept" "$(items container 'c:\q\' 'c:\r\')" get-quarantine-containers
+answers "container kept" "$(items container 'c:\q\' 'c:\r\' "$long_container")" get-quarantine-containers
 expect_eq "value kept" "REG_DWORD 0x1" "$(reg_value "$qkey" 'c:\r\')"
 expect_eq "rule kept" "" "$(new_rules)"
 echo stray >"$drive_c/r/stray.txt"
@@ -418,6 +417,7 @@ quarantine 0 'c:\q' 'D:\sub\o.txt'
 [[ "$(reply_result) $(reply_text)" =~ ^1\ c:\\q\\o\.txt\.[0-9A-F]{16}\.QUA\;$ ]] || fail "other volume: [$reply]"
 [ ! -e "$work/dvol/sub/o.txt" ] || fail "other volume: source kept"
 expect_eq "other volume: no flush failure" 0 "$(log_count 'Failed to flush the container folder')"
+answers "the long container, after the restarts" "$ok" remove-quarantine-container action=1 path="$long_container"
 
 stop_service
 
