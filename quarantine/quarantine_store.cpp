@@ -2,7 +2,10 @@
 // once emptied, and read back at start-up.
 #include "quarantine/quarantine_store.h"
 
+#include <aclapi.h>
+
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
@@ -121,6 +124,11 @@ void quarantine_store::loadqQuarantineContainers() {
         if (!is_container_path(name)) {
             NV_LOG(fn, "Persisted quarantine container (%d characters) is not a container path, skipped",
                    static_cast<int>(name.size()));
+            continue;
+        }
+        const std::string refusal = mcl::mswin::refused_path_reason(name);
+        if (!refusal.empty()) {
+            NV_LOG(fn, "Persisted quarantine container %s is %s, skipped", name.c_str(), refusal.c_str());
             continue;
         }
         NV_LOG(fn, "Read quarantine containers: %s", name.c_str());

@@ -110,8 +110,9 @@ public:
     bool is_quarantined_file(const std::string& path);
     bool blockFileAccess(const std::string& path, const std::vector<std::string>& services);
     bool unblockFileAccess(const std::string& path);
-    // Start-up: the containers from the registry, each with its driver rule again and what
-    // interrupted work left in it removed, then the blocked files.
+    // Start-up: the containers from the registry (each that the path policy still allows), each
+    // with its driver rule again and what interrupted work left in it removed, then the blocked
+    // files.
     void loadqQuarantineContainers();
 
     // Normalised container paths ("c:\\q\\").

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
@@ -137,6 +138,10 @@ bool process_protection::handle_protect_processes(const std::vector<process_rule
             NV_LOG(fn, "Process %ls has been unprotected.", rule.imagePath.c_str());
             protected_processes_.erase(it);
         } else if (it == protected_processes_.end()) {
+            if (mcl::mswin::path_refused(fn, "protect processes", rule.imagePath)) {
+                result = false;
+                continue;
+            }
             process_record record{rule.imagePath, std::wstring()};
             if (!protectProcess(rule.imagePath, own, record)) {
                 result = false;

@@ -8,6 +8,7 @@
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
@@ -214,14 +215,13 @@ bool chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& pa
         NV_LOG(fn, "Malformed folder DACL recovery request: no folder path");
         return false;
     }
-    std::string& path = request.name;
-    if (path.back() == '\\') path.pop_back();
-    // A relative path would name a folder below the service's working directory.
-    if (!mcl::mswin::has_drive_prefix(path)) {
-        NV_LOG(fn, "Folder path refused: it needs a drive letter (X:\\folder) (%s)", path.c_str());
+    // Relative paths, drive roots and the system's folders are refused here.
+    if (mcl::mswin::path_refused(fn, "recover folder DACL", request.name)) {
         protocol::reply_with(payload, protocol::status(false));
         return true;
     }
+    std::string& path = request.name;
+    if (path.back() == '\\') path.pop_back();
     const std::wstring folder = mcl::mswin::widen(path);
     const bool ok = restorePathPermissions(folder, default_folder_sddl);
     if (ok) processes_.forget_folder(folder);
