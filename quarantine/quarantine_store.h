@@ -88,6 +88,10 @@ public:
 
     // Creates every missing folder of `path` (a trailing backslash is added); true when all exist.
     static bool createPath(const std::string& path);
+    // Makes the container's folder (its missing parents too) and locks it down. Refused, logged,
+    // when the folder exists already (a container is a folder the service made; one it made
+    // earlier is registered and never gets here), or when the folder it made is reached through a
+    // link, is no folder or cannot be given to Administrators (then it is removed again).
     bool createQuarantineContainer(const std::string& path, const std::vector<std::string>& services);
     // Action 1 deletes the archives, 2 restores them; the container goes only when all succeeded.
     bool removeQuarantineContainer(const std::string& path, uint32_t action);
