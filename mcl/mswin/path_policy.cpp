@@ -179,6 +179,13 @@ system_places read_places() {
     add_known_folder(places.programs, FOLDERID_ProgramFilesX64);
 #endif
     add_known_folder(places.programs, FOLDERID_ProgramData);
+    // A 32-bit process has no known folder for the native Program Files: the system's own record.
+    unique_reg_key current;
+    if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, L"SOFTWARE\\Microsoft\\Windows\\CurrentVersion", 0,
+                      KEY_READ | KEY_WOW64_64KEY, current.put()) == ERROR_SUCCESS) {
+        for (const wchar_t* name : {L"ProgramFilesDir", L"ProgramFilesDir (x86)", L"ProgramW6432Dir"})
+            add_folder(places.programs, string_value(current.get(), name));
+    }
     add_known_folder(places.profiles, FOLDERID_UserProfiles);
     unique_reg_key key;
     if (RegOpenKeyExW(HKEY_LOCAL_MACHINE, profile_list_key, 0, KEY_READ, key.put()) == ERROR_SUCCESS)
