@@ -9,6 +9,7 @@ default_folder='D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)
 restored_folder=${default_folder/D:AI/D:}  # written back unprotected: the parent's entries flow in again
 default_service='D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)'
 own_service=${default_service/;;CCLCSWLOCRRC;;;IU/;;CCLCSWRPLOCRRC;;;IU}  # interactive users may start it
+auto_service=${default_service/;;CCLCSWLOCRRC;;;SU/;;CCLCSWRPLOCRRC;;;SU}  # service logons may start it
 services_key='HKLM\Software\Norvale\NVClientHelper\ProtectedServices'
 procs='HKLM\System\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
 persisted() {  # LABEL WANT SERVICE [FOLDER]: reg query's exit code for the service (and C:\prot\FOLDER's image)
@@ -27,7 +28,7 @@ mkdir -p "$drive_c/prot/app" "$drive_c/prot/other"
 {
     printf 'file\tC:\\prot\\app\tD:AI(A;OICIID;FA;;;BA)(A;OICIID;0x101f01ff;;;SY)(A;OICIID;0x1200a9;;;BU)(A;OICIIOID;GA;;;CO)\n'
     printf 'file\tC:\\nv\t%s\n' "$default_folder"
-    for s in $svc nv_test_auto; do printf 'service\t%s\t%s\n' "$s" "$default_service"; done
+    printf 'service\t%s\t%s\n' $svc "$default_service" nv_test_auto "$auto_service"
     printf 'service\tnv_test_svc\t%s\n' "$own_service"
 } >"$journal"
 install_with_recorder
@@ -155,7 +156,7 @@ mark
 answers "re-apply switches" "$ok" restore-driver-protection flag=0
 expect_eq "switches" "$features_on" "$(sent)"
 answers "recover a service DACL" "$ok" recover-service-dacl name=nv_test_auto
-expect_eq "service DACL back to the default" "$default_service" "$(recorded service nv_test_auto | cut -f 1)"
+expect_eq "service DACL back to its own from before" "$auto_service" "$(recorded service nv_test_auto | cut -f 1)"
 persisted "recovered service and its image no longer persisted" 1 nv_test_auto auto
 
 echo "== unprotect a service"
@@ -254,6 +255,21 @@ answers "bad input: no images" count=0 query-protected-processes
 run "$client" call service-version
 expect_eq "next request served" 0 "$rc"
 
+echo "== a service whose image is in the Windows folder: the service and its image, never the folder"
+mkdir -p "$drive_c/windows/nvhost" && cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/windows/nvhost/"
+run sc create nv_hosted binPath= 'C:\windows\nvhost\nv_test_service.exe' start= demand
+run sc start nv_hosted && wait_svc_state nv_hosted 0
+mark
+answers "protect nv_hosted" "$ok" protect-services svc=1 proc=1 name=nv_hosted
+expect_eq "hosted: its image rule alone" "1 command C:\\windows\\nvhost\\nv_test_service.exe" "$(sent)"
+expect_eq "hosted: said so" 1 \
+    "$(log_count 'Process C:\windows\nvhost\nv_test_service.exe protected without its folder, C:\windows\nvhost is a system folder')"
+recorded service nv_hosted | grep -q -F "(A;;0x101f01ff;;;$(service_sid nv_hosted))" || fail "hosted: service DACL $(recorded service nv_hosted)"
+call query-protected-services
+hosted=$(grep -F 'name=nv_hosted ' <<<"$reply")
+[[ "$hosted" == *"process_protected=1 "*"folder_sddl= name=nv_hosted "*'image=C:\windows\nvhost\nv_test_service.exe folder=' ]] ||
+    fail "hosted: listed with its image, without a folder: [$hosted]"
+
 echo "== emergency: serv and fold act at start, unlocked by a recovery code"
 stop_service
 run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v serv /t REG_SZ /d nv_test_svc /f
@@ -265,5 +281,6 @@ poll 150 0.2 '[ "$(log_count "Emergency options have been handled")" = 1 ]' && w
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_service" || fail "serv: service DACL reset"
 expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"
+expect_eq "the Windows folder: no DACL written, at protect or any shutdown" 0 "$(grep -a -i -c -F "file	C:\windows" "$journal")"
 
 finish protection 300
