@@ -152,6 +152,15 @@ pid=$(pid_of vanishing nv_vanishing)
 expect_eq "terminate refused, then the task killer" "1 1 1 1" "$(log_count "Failed to stop service <nv_vanishing>, trying to terminate its process $pid") $(
     log_count "Failed to open process $pid for termination") $(
     log_count "command: \"C:\\windows\\system32\\taskkill.exe /PID $pid /F\"") $(log_count 'Command return code: 128')"
+# A service whose process bears a system process's image name is never stopped nor terminated.
+mkdir -p "$drive_c/prot/crit" && cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/prot/crit/lsass.exe"
+run sc create nv_crit binPath= 'C:\prot\crit\lsass.exe ignore-stop' start= demand
+run sc start nv_crit && wait_svc_state nv_crit 0
+pid=$(pid_of crit nv_crit)
+answers "stop a service in a system process: refused" "$refused" stop-service-by-name name=nv_crit
+expect_eq "system process: logged, still running, same process" "1 0 $pid" "$(
+    log_count "Stop of service <nv_crit> refused: its process $pid (C:\\prot\\crit\\lsass.exe) is a system process") $(
+    svc_state nv_crit) $(pid_of crit nv_crit)"
 mark
 answers "re-apply switches" "$ok" restore-driver-protection flag=0
 expect_eq "switches" "$features_on" "$(sent)"
