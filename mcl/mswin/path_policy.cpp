@@ -9,6 +9,7 @@
 
 #include <cwchar>
 #include <iterator>
+#include <type_traits>
 #include <vector>
 
 #include "mcl/log.h"
@@ -250,17 +251,26 @@ std::string refused_path_reason(const std::wstring& path) {
 
 std::string refused_path_reason(const std::string& path) { return refused_path_reason(widen(path)); }
 
+// A refused path as the log shows it: control characters (a line end would start a line of the
+// caller's making) as '?'.
+template <typename Char>
+std::basic_string<Char> printable(std::basic_string<Char> path) {
+    for (Char& c : path)
+        if (static_cast<std::make_unsigned_t<Char>>(c) < 0x20) c = Char('?');
+    return path;
+}
+
 bool path_refused(const char* fn, const char* request, const std::wstring& path) {
     const std::string reason = refused_path_reason(path);
     if (reason.empty()) return false;
-    NV_LOG(fn, "Request \"%s\" refused for the path <%ls>: %s", request, path.c_str(), reason.c_str());
+    NV_LOG(fn, "Request \"%s\" refused for the path <%ls>: %s", request, printable(path).c_str(), reason.c_str());
     return true;
 }
 
 bool path_refused(const char* fn, const char* request, const std::string& path) {
     const std::string reason = refused_path_reason(widen(path));
     if (reason.empty()) return false;
-    NV_LOG(fn, "Request \"%s\" refused for the path <%s>: %s", request, path.c_str(), reason.c_str());
+    NV_LOG(fn, "Request \"%s\" refused for the path <%s>: %s", request, printable(path).c_str(), reason.c_str());
     return true;
 }
 

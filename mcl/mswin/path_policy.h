@@ -27,8 +27,8 @@ namespace mcl::mswin {
 std::string refused_path_reason(const std::string& path);
 std::string refused_path_reason(const std::wstring& path);
 
-// refused_path_reason, and when refused one log line as from `fn` naming `request`, the path and
-// the reason. True when refused.
+// refused_path_reason, and when refused one log line as from `fn` naming `request`, the path
+// (control characters shown as '?') and the reason. True when refused.
 bool path_refused(const char* fn, const char* request, const std::string& path);
 bool path_refused(const char* fn, const char* request, const std::wstring& path);
 
