@@ -116,27 +116,28 @@ bool chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
         return false;
     }
     const std::string& name = request.name;
+    // Off the enforcement list before anything else, so that no pass starts it again meanwhile.
+    const bool enforced = enforcement_.remove(name);
     DWORD state = 0;
     if (mcl::mswin::service::query_state(name.c_str(), state) && stopped_or_stopping(state)) {
-        enforcement_.remove(name);
         protocol::reply_with(payload, protocol::status(true, "Service has already been stopped."));
         return true;
     }
     SERVICE_STATUS_PROCESS status{};
     const bool queried = mcl::mswin::service::query_status_ex(name.c_str(), status);
     // A process the system cannot run without is neither stopped nor terminated, and the service
-    // stays on the enforcement list.
+    // goes back on the enforcement list when it was on it.
     const DWORD current = queried ? status.dwProcessId : 0;
     const std::string image = current != 0 ? mcl::mswin::process_image(current)
                                             : mcl::mswin::to_utf8(service_image_path(name));
     const std::string critical = mcl::mswin::critical_process_reason(current, image);
     if (!critical.empty()) {
+        if (enforced) enforcement_.add(name);
         NV_LOG(fn, "Stop of service <%s> refused: its process %d (%s) is %s", name.c_str(), static_cast<int>(current),
                image.c_str(), critical.c_str());
         protocol::reply_with(payload, protocol::status(false));
         return true;
     }
-    enforcement_.remove(name);
     const DWORD pid = queried && status.dwCurrentState == SERVICE_RUNNING ? status.dwProcessId : 0;
     if (mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/false, request_stop_seconds)) {
         protocol::reply_with(payload, protocol::status(true));
