@@ -87,7 +87,8 @@ bool quarantine_store::is_container_path(const std::string& path) {
 
 bool quarantine_store::is_directory(const std::string& path) {
     const DWORD attrs = GetFileAttributesA(path.c_str());
-    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+           (attrs & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
 }
 
 bool quarantine_store::full_access_service_sids(const char* fn, const char* target,

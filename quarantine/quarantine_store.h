@@ -84,6 +84,8 @@ public:
     // A folder below a drive root, "x:\name\..." (lower-case drive letter), short enough for the
     // driver and the archive names inside it, without "." or ".." components.
     static bool is_container_path(const std::string& path);
+    // A folder itself, not a link to one (junction, symbolic link, mount point): a container
+    // swapped for a link is neither written to nor read from.
     static bool is_directory(const std::string& path);
 
     // Creates every missing folder of `path` (a trailing backslash is added); true when all exist.

@@ -191,6 +191,12 @@ bool chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::bina
         protocol::reply_with(payload, protocol::status(false, "Invalid action."));
         return true;
     }
+    // Its archives are deleted or restored as SYSTEM: never through a link put in its place.
+    if (GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES && !quarantine_store::is_directory(path)) {
+        NV_LOG(fn, "The quarantine container is no longer a folder of its own: %s", path.c_str());
+        protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
+        return true;
+    }
     protocol::reply_with(payload, protocol::status(removeQuarantineContainer(path, request.action)));
     return true;
 }
