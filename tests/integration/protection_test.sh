@@ -264,19 +264,19 @@ answers "bad input: no images" count=0 query-protected-processes
 run "$client" call service-version
 expect_eq "next request served" 0 "$rc"
 
-echo "== a service whose image is in the Windows folder: the service and its image, never the folder"
-mkdir -p "$drive_c/windows/nvhost" && cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/windows/nvhost/"
-run sc create nv_hosted binPath= 'C:\windows\nvhost\nv_test_service.exe' start= demand
+echo "== a service whose image is in System32: the service and its image, never the folder"
+cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/windows/system32/nv_hosted.exe"
+run sc create nv_hosted binPath= 'C:\windows\system32\nv_hosted.exe' start= demand
 run sc start nv_hosted && wait_svc_state nv_hosted 0
 mark
 answers "protect nv_hosted" "$ok" protect-services svc=1 proc=1 name=nv_hosted
-expect_eq "hosted: its image rule alone" "1 command C:\\windows\\nvhost\\nv_test_service.exe" "$(sent)"
+expect_eq "hosted: its image rule alone" "1 command C:\\windows\\system32\\nv_hosted.exe" "$(sent)"
 expect_eq "hosted: said so" 1 \
-    "$(log_count 'Process C:\windows\nvhost\nv_test_service.exe protected without its folder, C:\windows\nvhost is a system folder')"
+    "$(log_count 'Process C:\windows\system32\nv_hosted.exe protected without its folder, C:\windows\system32 is a system folder')"
 recorded service nv_hosted | grep -q -F "(A;;0x101f01ff;;;$(service_sid nv_hosted))" || fail "hosted: service DACL $(recorded service nv_hosted)"
 call query-protected-services
 hosted=$(grep -F 'name=nv_hosted ' <<<"$reply")
-[[ "$hosted" == *"process_protected=1 "*"folder_sddl= name=nv_hosted "*'image=C:\windows\nvhost\nv_test_service.exe folder=' ]] ||
+[[ "$hosted" == *"process_protected=1 "*"folder_sddl= name=nv_hosted "*'image=C:\windows\system32\nv_hosted.exe folder=' ]] ||
     fail "hosted: listed with its image, without a folder: [$hosted]"
 
 echo "== emergency: serv and fold act at start, unlocked by a recovery code"
