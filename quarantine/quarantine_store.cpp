@@ -2,7 +2,10 @@
 // once emptied, and read back at start-up.
 #include "quarantine/quarantine_store.h"
 
+#include <aclapi.h>
+
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
@@ -14,6 +17,58 @@ std::wstring folder_of(const std::string& container) {
     std::string folder = container;
     if (folder.size() > 3 && folder.back() == '\\') folder.pop_back();
     return mcl::mswin::widen(folder);
+}
+
+// The folder the service has just made, checked through a handle of its own: a folder, no link of
+// any kind on its way (its final path is the one asked for) and not one of the system's places,
+// owned by Administrators (set when it is not theirs or the system's). Logged when it is not so.
+bool made_folder_is_sound(const char* fn, const std::string& folder) {
+    const std::wstring wide = mcl::mswin::widen(folder);
+    mcl::mswin::unique_kernel_handle handle(CreateFileW(
+        wide.c_str(), READ_CONTROL | WRITE_OWNER | FILE_READ_ATTRIBUTES,
+        FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr, OPEN_EXISTING,
+        FILE_FLAG_BACKUP_SEMANTICS | FILE_FLAG_OPEN_REPARSE_POINT, nullptr));
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!handle || !GetFileInformationByHandle(handle.get(), &info)) {
+        NV_LOG(fn, "The quarantine container folder cannot be opened: %s, error: %d", folder.c_str(),
+               static_cast<int>(GetLastError()));
+        return false;
+    }
+    if ((info.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) == 0 || (info.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
+        NV_LOG(fn, "The quarantine container folder is a link or no folder: %s", folder.c_str());
+        return false;
+    }
+    wchar_t final_path[MAX_PATH + 8];
+    const DWORD n = GetFinalPathNameByHandleW(handle.get(), final_path, MAX_PATH + 8, FILE_NAME_NORMALIZED | VOLUME_NAME_DOS);
+    std::wstring resolved = n > 0 && n < MAX_PATH + 8 ? std::wstring(final_path, n) : std::wstring();
+    if (resolved.compare(0, 4, L"\\\\?\\") == 0) resolved.erase(0, 4);
+    if (CompareStringOrdinal(resolved.c_str(), static_cast<int>(resolved.size()), wide.c_str(),
+                             static_cast<int>(wide.size()), TRUE) != CSTR_EQUAL) {
+        NV_LOG(fn, "The quarantine container folder is reached through a link: %s -> %ls", folder.c_str(),
+               resolved.c_str());
+        return false;
+    }
+    PSID owner = nullptr;
+    PSECURITY_DESCRIPTOR raw = nullptr;
+    DWORD err = GetSecurityInfo(handle.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, &owner, nullptr, nullptr,
+                                nullptr, &raw);
+    mcl::mswin::unique_local<PSECURITY_DESCRIPTOR> descriptor(raw);
+    if (err == ERROR_SUCCESS && owner != nullptr &&
+        (IsWellKnownSid(owner, WinLocalSystemSid) || IsWellKnownSid(owner, WinBuiltinAdministratorsSid)))
+        return true;
+    BYTE admins[SECURITY_MAX_SID_SIZE];
+    DWORD size = sizeof(admins);
+    if (!CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &size)) {
+        err = GetLastError();
+    } else {
+        err = SetSecurityInfo(handle.get(), SE_FILE_OBJECT, OWNER_SECURITY_INFORMATION, admins, nullptr, nullptr, nullptr);
+    }
+    if (err != ERROR_SUCCESS) {
+        NV_LOG(fn, "The quarantine container folder cannot be given to Administrators: %s, error: %d", folder.c_str(),
+               static_cast<int>(err));
+        return false;
+    }
+    return true;
 }
 
 }  // namespace
@@ -32,7 +87,8 @@ bool quarantine_store::is_container_path(const std::string& path) {
 
 bool quarantine_store::is_directory(const std::string& path) {
     const DWORD attrs = GetFileAttributesA(path.c_str());
-    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    return attrs != INVALID_FILE_ATTRIBUTES && (attrs & FILE_ATTRIBUTE_DIRECTORY) != 0 &&
+           (attrs & FILE_ATTRIBUTE_REPARSE_POINT) == 0;
 }
 
 bool quarantine_store::full_access_service_sids(const char* fn, const char* target,
@@ -64,9 +120,21 @@ void quarantine_store::send_blocking_rule(const std::wstring& path, bool remove)
 
 bool quarantine_store::createQuarantineContainer(const std::string& path, const std::vector<std::string>& services) {
     constexpr const char* fn = "chelperservice::createQuarantineContainer";
-    if (!createPath(path)) return false;
-    if (!is_directory(path)) {
-        NV_LOG(fn, "The quarantine container path is not a folder: %s", path.c_str());
+    // A container is a folder this call makes: one that exists already (whoever made it may still
+    // own it, or it is a link) is refused. Its parents may exist.
+    std::string folder_path = path;
+    if (folder_path.size() > 3 && folder_path.back() == '\\') folder_path.pop_back();
+    if (GetFileAttributesA(folder_path.c_str()) != INVALID_FILE_ATTRIBUTES) {
+        NV_LOG(fn, "The quarantine container path exists already and is not a container: %s", path.c_str());
+        return false;
+    }
+    if (!createPath(folder_path.substr(0, folder_path.rfind('\\')))) return false;
+    if (!CreateDirectoryA(folder_path.c_str(), nullptr)) {
+        NV_LOG(fn, "CreateDirectory failed on %s with error: %d", folder_path.c_str(), static_cast<int>(GetLastError()));
+        return false;
+    }
+    if (!made_folder_is_sound(fn, folder_path)) {
+        (void)RemoveDirectoryA(folder_path.c_str());
         return false;
     }
     std::vector<mcl::mswin::sid> sids;
@@ -121,6 +189,11 @@ void quarantine_store::loadqQuarantineContainers() {
         if (!is_container_path(name)) {
             NV_LOG(fn, "Persisted quarantine container (%d characters) is not a container path, skipped",
                    static_cast<int>(name.size()));
+            continue;
+        }
+        const std::string refusal = mcl::mswin::refused_path_reason(name);
+        if (!refusal.empty()) {
+            NV_LOG(fn, "Persisted quarantine container %s is %s, skipped", name.c_str(), refusal.c_str());
             continue;
         }
         NV_LOG(fn, "Read quarantine containers: %s", name.c_str());

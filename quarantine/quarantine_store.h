@@ -92,10 +92,16 @@ public:
     // A folder below a drive root, "x:\name\..." (lower-case drive letter), short enough for the
     // driver and the archive names inside it, without "." or ".." components.
     static bool is_container_path(const std::string& path);
+    // A folder itself, not a link to one (junction, symbolic link, mount point): a container
+    // swapped for a link is neither written to nor read from.
     static bool is_directory(const std::string& path);
 
     // Creates every missing folder of `path` (a trailing backslash is added); true when all exist.
     static bool createPath(const std::string& path);
+    // Makes the container's folder (its missing parents too) and locks it down. Refused, logged,
+    // when the folder exists already (a container is a folder the service made; one it made
+    // earlier is registered and never gets here), or when the folder it made is reached through a
+    // link, is no folder or cannot be given to Administrators (then it is removed again).
     bool createQuarantineContainer(const std::string& path, const std::vector<std::string>& services);
     // Action 1 deletes the archives, 2 restores them; the container goes only when all succeeded.
     bool removeQuarantineContainer(const std::string& path, uint32_t action);
@@ -126,9 +132,9 @@ public:
     // rule. False (logged) for a path that was not blocked, whose DACL stays as it is, and when
     // the DACL cannot be written back, the file staying blocked.
     bool unblockFileAccess(const std::string& path);
-    // Start-up: the containers from the registry, each with its driver rule again and what
-    // interrupted work left in it finished or removed, then the sources of interrupted adds given
-    // their DACLs back, then the blocked files.
+    // Start-up: the containers from the registry (each that the path policy still allows), each
+    // with its driver rule again and what interrupted work left in it finished or removed, then
+    // the sources of interrupted adds given their DACLs back, then the blocked files.
     void loadqQuarantineContainers();
 
     // Normalised container paths ("c:\\q\\").

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
@@ -52,6 +53,18 @@ bool process_protection::protectProcess(const std::wstring& imagePath, const sid
                static_cast<int>(max_image_path), imagePath.c_str());
         return false;
     }
+    // A folder the system or every user shares (the Windows folder of a service hosted there, a
+    // Program Files root) is never rewritten nor reset: the image alone is protected.
+    const std::string refusal = mcl::mswin::refused_path_reason(folder);
+    if (!refusal.empty()) {
+        mcl::mswin::unique_kernel_handle port = driver_.open_port();
+        if (!port) return false;
+        driver_.send_image_rule(port.get(), imagePath, /*remove=*/false);
+        NV_LOG(fn, "Process %ls protected without its folder, %ls is %s", imagePath.c_str(), folder.c_str(),
+               refusal.c_str());
+        record.folder.clear();
+        return true;
+    }
     folder_record* existing = nullptr;
     for (auto& entry : protected_folders_) {
         if (_wcsicmp(entry.second.folder.c_str(), folder.c_str()) == 0) {
@@ -94,6 +107,8 @@ bool process_protection::unprotectProcess(const process_record& record, bool for
     mcl::mswin::unique_kernel_handle port = driver_.open_port();
     if (!port) {
         if (!force) return false;
+        // Never a folder the image was protected without (nor one it would have been).
+        if (record.folder.empty() || !mcl::mswin::refused_path_reason(record.folder).empty()) return true;
         NV_LOG(fn, "Failed to connect driver,  reset the folder permissions (%ls)\n", record.folder.c_str());
         (void)folder_security::restorePathPermissions(record.folder, folder_security::default_folder_sddl);
         protected_folders_.erase(record.folder);
@@ -137,6 +152,10 @@ bool process_protection::handle_protect_processes(const std::vector<process_rule
             NV_LOG(fn, "Process %ls has been unprotected.", rule.imagePath.c_str());
             protected_processes_.erase(it);
         } else if (it == protected_processes_.end()) {
+            if (mcl::mswin::path_refused(fn, "protect processes", rule.imagePath)) {
+                result = false;
+                continue;
+            }
             process_record record{rule.imagePath, std::wstring()};
             if (!protectProcess(rule.imagePath, own, record)) {
                 result = false;

@@ -63,14 +63,18 @@ public:
     // The folder of an image path or of a command line (quoted path and arguments): the text up to
     // its last backslash, starting at the drive letter; a text without a backslash as it is.
     static std::wstring image_folder_of(const std::wstring& imagePath);
-    // Sends the image and folder rules and rewrites the folder's DACL; fills record.folder. False,
+    // Sends the image and folder rules and rewrites the folder's DACL; fills record.folder. A
+    // folder the path policy refuses (the Windows folder a service is hosted in, a Program Files
+    // root) is never touched: the image rule alone, record.folder left empty, a log line. False,
     // with nothing changed, when protection is off, the folder is not X:\folder form or the
     // driver cannot be reached.
     bool protectProcess(const std::wstring& imagePath, const mcl::mswin::sid& ownSid, process_record& record);
     // Lifts the image rule and, with the folder's last image, the folder rule and its DACL. With
-    // `force`, an unreachable driver still resets the folder's DACL and drops its record.
+    // `force`, an unreachable driver still resets the folder's DACL and drops its record (never
+    // for an empty folder or one the path policy refuses).
     bool unprotectProcess(const process_record& record, bool force);
-    // Applies a rule list; an empty first path means every image. False when any rule failed.
+    // Applies a rule list; an empty first path means every image. An image the path policy refuses
+    // is not protected (logged). False when any rule failed.
     bool handle_protect_processes(const std::vector<process_rule>& rules);
     // The image rule of a service rule: protect or (forced) unprotect `image`; false on failure.
     bool apply_service_image(const std::wstring& image, bool protect, const mcl::mswin::sid& ownSid, bool logFailure);

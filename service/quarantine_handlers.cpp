@@ -3,8 +3,11 @@
 // store; and what the store uses of the core.
 #include <windows.h>
 
+#include <cstring>
+
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/text.h"
 #include "service/folder_security.h"
 #include "service/helper_service.h"
@@ -13,6 +16,30 @@
 namespace {
 
 constexpr const char* already_quarantined = "The file has already been quarantined.";
+constexpr const char* archive_suffix = ".QUA";
+
+// `path` names a file directly in `container` (lower case, ending in a backslash), compared
+// without case.
+bool names_entry_of(const std::string& container, const std::string& path) {
+    const std::string lower = mcl::mswin::lower_case(path);
+    return lower.size() > container.size() && lower.compare(0, container.size(), container) == 0 &&
+           lower.find('\\', container.size()) == std::string::npos;
+}
+
+// Remove and restore act only on the "*.QUA" archives the container lists: a file of another
+// name, or one that is not there, is refused here with its log line.
+bool is_listed_archive(const char* fn, const std::string& container, const std::vector<std::string>& archives,
+                       const std::string& path) {
+    // A path outside the container is the store's to refuse (it says so).
+    if (!names_entry_of(container, path)) return true;
+    for (const std::string& archive : archives)
+        if (_stricmp(archive.c_str(), path.c_str()) == 0) return true;
+    const size_t n = strlen(archive_suffix);
+    const bool suffix = path.size() >= n && _stricmp(path.c_str() + path.size() - n, archive_suffix) == 0;
+    NV_LOG(fn, "Request \"quarantine files\" refused for the path <%s>: %s", path.c_str(),
+           suffix ? "not an archive the container holds" : "not a quarantine archive");
+    return false;
+}
 
 }  // namespace
 
@@ -92,6 +119,10 @@ bool chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::bina
         protocol::reply_with(payload, protocol::status(false, "Invalid path."));
         return true;
     }
+    if (mcl::mswin::path_refused(fn, "create quarantine container", request.path)) {
+        protocol::reply_with(payload, protocol::status(false, "Invalid path."));
+        return true;
+    }
     const std::string path = quarantine_store::normalise_container(request.path);
     if (quarantine_.has_container(path)) {
         protocol::reply_with(payload, protocol::status(true));
@@ -107,15 +138,37 @@ bool chelperservice::create_quarantine_container(mcl::ipc_connection*, mcl::bina
 }
 
 bool chelperservice::quarantine_files(mcl::ipc_connection*, mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::quarantine_files";
     protocol::quarantine_files_request request;
     if (!protocol::decode(payload, request)) return false;
     const std::string container = quarantine_store::normalise_container(request.container);
-    if (!quarantine_.has_container(container) || !quarantine_store::is_directory(container)) {
+    if (mcl::mswin::path_refused(fn, "quarantine files", request.container) || !quarantine_.has_container(container) ||
+        !quarantine_store::is_directory(container)) {
         protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
         return true;
     }
     std::string message;
-    const bool ok = quarantine_files_action(request.action, container, request.paths, message);
+    bool ok = true;
+    if (request.action > 2) {
+        ok = quarantine_files_action(request.action, container, request.paths, message);
+        protocol::reply_with(payload, protocol::status(ok, message));
+        return true;
+    }
+    // One path at a time: a refused one is skipped (its field empty) and fails the request, as a
+    // source that cannot be archived does.
+    std::vector<std::string> archives;
+    if (request.action != 0) list_quarantine_files(container, archives);
+    for (const std::string& path : request.paths) {
+        std::string one;
+        if (mcl::mswin::path_refused(fn, "quarantine files", path) ||
+            (request.action != 0 && !is_listed_archive(fn, container, archives, path))) {
+            ok = false;
+            if (request.action == 0) message += ";";
+            continue;
+        }
+        if (!quarantine_files_action(request.action, container, {path}, one)) ok = false;
+        message += one;
+    }
     protocol::reply_with(payload, protocol::status(ok, message));
     return true;
 }
@@ -129,6 +182,10 @@ bool chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::bina
         protocol::reply_with(payload, protocol::status(false, "Invalid path."));
         return true;
     }
+    if (mcl::mswin::path_refused(fn, "remove quarantine container", request.path)) {
+        protocol::reply_with(payload, protocol::status(false, "Invalid path."));
+        return true;
+    }
     const std::string path = quarantine_store::normalise_container(request.path);
     if (!quarantine_.has_container(path)) {
         protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
@@ -136,6 +193,12 @@ bool chelperservice::remove_quarantine_container(mcl::ipc_connection*, mcl::bina
     }
     if (request.action != 1 && request.action != 2) {
         protocol::reply_with(payload, protocol::status(false, "Invalid action."));
+        return true;
+    }
+    // Its archives are deleted or restored as SYSTEM: never through a link put in its place.
+    if (GetFileAttributesA(path.c_str()) != INVALID_FILE_ATTRIBUTES && !quarantine_store::is_directory(path)) {
+        NV_LOG(fn, "The quarantine container is no longer a folder of its own: %s", path.c_str());
+        protocol::reply_with(payload, protocol::status(false, "Invalid quarantine container."));
         return true;
     }
     protocol::reply_with(payload, protocol::status(removeQuarantineContainer(path, request.action)));
@@ -176,6 +239,7 @@ bool chelperservice::is_file_quarantined(mcl::ipc_connection*, mcl::binary_t& pa
 bool chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::name_request request;
     if (!protocol::decode(payload, request)) return false;
+    if (mcl::mswin::path_refused("chelperservice::block_file_access", "block file access", request.name)) return false;
     const std::string path = mcl::mswin::lower_case(request.name);
     if (is_quarantined_file(path)) {
         protocol::reply_with(payload, protocol::status(true, already_quarantined));
@@ -188,6 +252,7 @@ bool chelperservice::block_file_access(mcl::ipc_connection*, mcl::binary_t& payl
 bool chelperservice::unblock_file_access(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::name_request request;
     if (!protocol::decode(payload, request)) return false;
+    if (mcl::mswin::path_refused("chelperservice::unblock_file_access", "unblock file access", request.name)) return false;
     const std::string path = mcl::mswin::lower_case(request.name);
     if (is_quarantined_file(path)) {
         protocol::reply_with(payload, protocol::status(false, already_quarantined));
@@ -204,7 +269,9 @@ bool chelperservice::block_files_access(mcl::ipc_connection*, mcl::binary_t& pay
     for (const std::string& raw : request.paths) {
         const std::string path = mcl::mswin::lower_case(raw);
         bool ok = true;
-        if (request.action == 0) {
+        if (mcl::mswin::path_refused("chelperservice::block_files_access", "block files access", raw)) {
+            ok = false;
+        } else if (request.action == 0) {
             if (!is_quarantined_file(path)) ok = blockFileAccess(path, request.services);
         } else {
             ok = !is_quarantined_file(path) && unblockFileAccess(path);

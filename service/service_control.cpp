@@ -8,6 +8,7 @@
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/path_policy.h"
 #include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
@@ -115,17 +116,29 @@ bool chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
         return false;
     }
     const std::string& name = request.name;
-    enforcement_.remove(name);
+    // Off the enforcement list before anything else, so that no pass starts it again meanwhile.
+    const bool enforced = enforcement_.remove(name);
     DWORD state = 0;
     if (mcl::mswin::service::query_state(name.c_str(), state) && stopped_or_stopping(state)) {
         protocol::reply_with(payload, protocol::status(true, "Service has already been stopped."));
         return true;
     }
     SERVICE_STATUS_PROCESS status{};
-    const DWORD pid = mcl::mswin::service::query_status_ex(name.c_str(), status) &&
-                              status.dwCurrentState == SERVICE_RUNNING
-                          ? status.dwProcessId
-                          : 0;
+    const bool queried = mcl::mswin::service::query_status_ex(name.c_str(), status);
+    // A process the system cannot run without is neither stopped nor terminated, and the service
+    // goes back on the enforcement list when it was on it.
+    const DWORD current = queried ? status.dwProcessId : 0;
+    const std::string image = current != 0 ? mcl::mswin::process_image(current)
+                                            : mcl::mswin::to_utf8(service_image_path(name));
+    const std::string critical = mcl::mswin::critical_process_reason(current, image);
+    if (!critical.empty()) {
+        if (enforced) enforcement_.add(name);
+        NV_LOG(fn, "Stop of service <%s> refused: its process %d (%s) is %s", name.c_str(), static_cast<int>(current),
+               image.c_str(), critical.c_str());
+        protocol::reply_with(payload, protocol::status(false));
+        return true;
+    }
+    const DWORD pid = queried && status.dwCurrentState == SERVICE_RUNNING ? status.dwProcessId : 0;
     if (mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/false, request_stop_seconds)) {
         protocol::reply_with(payload, protocol::status(true));
         return true;
@@ -135,6 +148,13 @@ bool chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
         protocol::reply_with(payload, protocol::status(false));
         return true;
     }
+    // Other services in that process end with it: said before it is terminated.
+    std::string sharers;
+    for (const std::string& other : mcl::mswin::services_in_process(pid))
+        if (_stricmp(other.c_str(), name.c_str()) != 0) sharers += (sharers.empty() ? "" : ", ") + other;
+    if (!sharers.empty())
+        NV_LOG(fn, "Process %d of service <%s> also runs the services: %s; they end with it", static_cast<int>(pid),
+               name.c_str(), sharers.c_str());
     bool ok = false;
     {
         unique_kernel_handle process(OpenProcess(PROCESS_TERMINATE | SYNCHRONIZE, FALSE, pid));
@@ -214,14 +234,13 @@ bool chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& pa
         NV_LOG(fn, "Malformed folder DACL recovery request: no folder path");
         return false;
     }
-    std::string& path = request.name;
-    if (path.back() == '\\') path.pop_back();
-    // A relative path would name a folder below the service's working directory.
-    if (!mcl::mswin::has_drive_prefix(path)) {
-        NV_LOG(fn, "Folder path refused: it needs a drive letter (X:\\folder) (%s)", path.c_str());
+    // Relative paths, drive roots and the system's folders are refused here.
+    if (mcl::mswin::path_refused(fn, "recover folder DACL", request.name)) {
         protocol::reply_with(payload, protocol::status(false));
         return true;
     }
+    std::string& path = request.name;
+    if (path.back() == '\\') path.pop_back();
     const std::wstring folder = mcl::mswin::widen(path);
     const bool ok = restorePathPermissions(folder, default_folder_sddl);
     if (ok) processes_.forget_folder(folder);

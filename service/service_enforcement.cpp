@@ -211,14 +211,15 @@ void service_enforcement::add(const std::string& name) {
     thread_.list_changed();
 }
 
-void service_enforcement::remove(const std::string& name) {
+bool service_enforcement::remove(const std::string& name) {
     mcl::scoped_lock guard(lock_);
     for (auto it = list_.begin(); it != list_.end(); ++it) {
         if (*it == name) {
             list_.erase(it);
-            return;
+            return true;
         }
     }
+    return false;
 }
 
 std::vector<std::string> service_enforcement::list() {

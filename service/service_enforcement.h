@@ -55,7 +55,8 @@ public:
 
     // List operations; any thread (each takes the list's lock).
     void add(const std::string& name);
-    void remove(const std::string& name);
+    // True when `name` was on the list.
+    bool remove(const std::string& name);
     std::vector<std::string> list();
 
     // The thread's start and stop (limit in seconds). Service thread or IPC event thread.

@@ -5,6 +5,7 @@
 #include <windows.h>
 
 #include <string>
+#include <vector>
 
 namespace mcl::mswin {
 
@@ -21,6 +22,15 @@ std::string process_image(DWORD pid, DWORD capacity = MAX_PATH);
 // ERROR_BUFFER_OVERFLOW for a path of MAX_PATH characters or more) when it cannot be read.
 [[nodiscard]] bool system_directory(std::string& directory);
 [[nodiscard]] bool system_directory(std::wstring& directory);
+
+// Why process `pid` must never be terminated: "critical to the system" (IsProcessCritical, where
+// the system has it), "a protected process" (where the system can tell), or "a system process"
+// (its image, `image` when not empty, else as read from the process, is lsass, csrss, wininit,
+// winlogon, services or smss). Empty when none holds or the process cannot be asked.
+std::string critical_process_reason(DWORD pid, const std::string& image);
+// The names of the running Win32 services whose process is `pid`; empty when none or the service
+// manager cannot be asked.
+std::vector<std::string> services_in_process(DWORD pid);
 
 
 }  // namespace mcl::mswin

@@ -9,6 +9,7 @@ default_folder='D:AI(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)
 restored_folder=${default_folder/D:AI/D:}  # written back unprotected: the parent's entries flow in again
 default_service='D:(A;;CCLCSWRPWPDTLOCRRC;;;SY)(A;;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;BA)(A;;CCLCSWLOCRRC;;;IU)(A;;CCLCSWLOCRRC;;;SU)'
 own_service=${default_service/;;CCLCSWLOCRRC;;;IU/;;CCLCSWRPLOCRRC;;;IU}  # interactive users may start it
+auto_service=${default_service/;;CCLCSWLOCRRC;;;SU/;;CCLCSWRPLOCRRC;;;SU}  # service logons may start it
 services_key='HKLM\Software\Norvale\NVClientHelper\ProtectedServices'
 procs='HKLM\System\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
 persisted() {  # LABEL WANT SERVICE [FOLDER]: reg query's exit code for the service (and C:\prot\FOLDER's image)
@@ -27,7 +28,7 @@ mkdir -p "$drive_c/prot/app" "$drive_c/prot/other"
 {
     printf 'file\tC:\\prot\\app\tD:AI(A;OICIID;FA;;;BA)(A;OICIID;0x101f01ff;;;SY)(A;OICIID;0x1200a9;;;BU)(A;OICIIOID;GA;;;CO)\n'
     printf 'file\tC:\\nv\t%s\n' "$default_folder"
-    for s in $svc nv_test_auto nv_killed; do printf 'service\t%s\t%s\n' "$s" "$default_service"; done
+    printf 'service\t%s\t%s\n' $svc "$default_service" nv_test_auto "$auto_service" nv_killed "$default_service"
     printf 'service\tnv_test_svc\t%s\n' "$own_service"
 } >"$journal"
 install_with_recorder
@@ -151,11 +152,20 @@ pid=$(pid_of vanishing nv_vanishing)
 expect_eq "terminate refused, then the task killer" "1 1 1 1" "$(log_count "Failed to stop service <nv_vanishing>, trying to terminate its process $pid") $(
     log_count "Failed to open process $pid for termination") $(
     log_count "command: \"C:\\windows\\system32\\taskkill.exe /PID $pid /F\"") $(log_count 'Command return code: 128')"
+# A service whose process bears a system process's image name is never stopped nor terminated.
+mkdir -p "$drive_c/prot/crit" && cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/prot/crit/lsass.exe"
+run sc create nv_crit binPath= 'C:\prot\crit\lsass.exe ignore-stop' start= demand
+run sc start nv_crit && wait_svc_state nv_crit 0
+pid=$(pid_of crit nv_crit)
+answers "stop a service in a system process: refused" "$refused" stop-service-by-name name=nv_crit
+expect_eq "system process: logged, still running, same process" "1 0 $pid" "$(
+    log_count "Stop of service <nv_crit> refused: its process $pid (C:\\prot\\crit\\lsass.exe) is a system process") $(
+    svc_state nv_crit) $(pid_of crit nv_crit)"
 mark
 answers "re-apply switches" "$ok" restore-driver-protection flag=0
 expect_eq "switches" "$features_on" "$(sent)"
 answers "recover a service DACL" "$ok" recover-service-dacl name=nv_test_auto
-expect_eq "service DACL back to the default" "$default_service" "$(recorded service nv_test_auto | cut -f 1)"
+expect_eq "service DACL back to its own from before" "$auto_service" "$(recorded service nv_test_auto | cut -f 1)"
 persisted "recovered service and its image no longer persisted" 1 nv_test_auto auto
 
 echo "== unprotect a service"
@@ -234,7 +244,7 @@ while IFS='|' read -r label message want line fields; do
     [ "$(log_count "$line")" -gt "$n" ] || fail "$message: $label: no log line [$line]"
 done <<EOF
 over-long path|protect-processes|$refused|Process image refused|protect=1 image=C:\\prot\\$long\\e.exe
-no drive letter|protect-processes|$refused|Process image refused|protect=1 image=app\e.exe
+no drive letter|protect-processes|$refused|refused for the path <app\e.exe>: not a local path|protect=1 image=app\e.exe
 drive root|protect-processes|$refused|Process image refused|protect=1 image=C:\e.exe
 missing service|protect-services|$refused|Failed to protect service: no_such_service|svc=1 proc=1 name=no_such_service
 over-long name|protect-services|$refused|Failed to protect service: $long|svc=1 proc=1 name=$long
@@ -245,7 +255,7 @@ missing service|stop-service-by-name|$refused|Failed to stop service <no_such_se
 over-long name|stop-service-by-name|$refused|Failed to stop service <$long>|name=$long
 missing service|recover-service-dacl|$refused|OpenServiceA failed|name=no_such_service
 over-long name|recover-service-dacl|$refused|OpenServiceA failed|name=$long
-no drive letter|recover-folder-dacl|$refused|Folder path refused|name=no\drive\letter
+no drive letter|recover-folder-dacl|$refused|refused for the path <no\drive\letter>: not a local path|name=no\drive\letter
 over-long path|recover-folder-dacl|$refused|SetNamedSecurityInfoW failed(C:\\$long|name=C:\\$long
 EOF
 expect_eq "bad input: nothing sent" "" "$(sent)"
@@ -253,6 +263,21 @@ answers "bad input: services unchanged" "$services_before" query-protected-servi
 answers "bad input: no images" count=0 query-protected-processes
 run "$client" call service-version
 expect_eq "next request served" 0 "$rc"
+
+echo "== a service whose image is in System32: the service and its image, never the folder"
+cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/windows/system32/nv_hosted.exe"
+run sc create nv_hosted binPath= 'C:\windows\system32\nv_hosted.exe' start= demand
+run sc start nv_hosted && wait_svc_state nv_hosted 0
+mark
+answers "protect nv_hosted" "$ok" protect-services svc=1 proc=1 name=nv_hosted
+expect_eq "hosted: its image rule alone" "1 command C:\\windows\\system32\\nv_hosted.exe" "$(sent)"
+expect_eq "hosted: said so" 1 \
+    "$(log_count 'Process C:\windows\system32\nv_hosted.exe protected without its folder, C:\windows\system32 is a system folder')"
+recorded service nv_hosted | grep -q -F "(A;;0x101f01ff;;;$(service_sid nv_hosted))" || fail "hosted: service DACL $(recorded service nv_hosted)"
+call query-protected-services
+hosted=$(grep -F 'name=nv_hosted ' <<<"$reply")
+[[ "$hosted" == *"process_protected=1 "*"folder_sddl= name=nv_hosted "*'image=C:\windows\system32\nv_hosted.exe folder=' ]] ||
+    fail "hosted: listed with its image, without a folder: [$hosted]"
 
 echo "== emergency: serv and fold act at start, unlocked by a recovery code"
 stop_service
@@ -265,6 +290,7 @@ poll 150 0.2 '[ "$(log_count "Emergency options have been handled")" = 1 ]' && w
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$default_service" || fail "serv: service DACL reset"
 expect_eq "emergency start: own service not protected" 0 "$(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	$svc	")"
 expect_eq "fold: folder DACL reset" "$restored_folder" "$(recorded file 'C:\prot\stubborn' | cut -f 1)"
+expect_eq "the Windows folder: no DACL written, at protect or any shutdown" 0 "$(grep -a -i -c -F "file	C:\windows" "$journal")"
 
 echo "== killed at a service's DACL write, protecting and then unprotecting: its records give it back"
 install_test_service nv_killed killed demand

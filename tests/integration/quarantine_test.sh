@@ -59,7 +59,9 @@ done
 ask "no list" "$status_fail" 10000c9 "$(encode create-quarantine-container path='c:\x' | sed 's/00000000$//')"
 expect_eq "bad containers: no rule" "" "$(new_rules)"
 answers "still one container" "$(items container 'c:\q\')" get-quarantine-containers
-expect_eq "bad containers logged" 6 "$(log_count 'Failed to create quarantine container')"
+# Relative, no backslash and ".." are refused by the path rules, the rest by the store.
+expect_eq "bad containers logged" "3 3" \
+    "$(log_count 'Failed to create quarantine container') $(log_count 'Request "create quarantine container" refused for the path')"
 
 echo "== quarantine two files; a bare name and a failed check"
 head -c 1048576 /dev/urandom >"$drive_c/data/a.bin"
@@ -92,7 +94,7 @@ msg=$(reply_text)
 re2='^;;(c:\\q\\c\.txt\.[0-9A-F]{16}\.QUA);$'
 [[ "$msg" =~ $re2 ]] || fail "bare name, failed check: message [$msg]"
 arc_c=${BASH_REMATCH[1]}
-expect_eq "bare name logged" 1 "$(log_count 'Invalid file path to quarantine: bare.txt')"
+expect_eq "bare name logged" 1 "$(log_count 'Request "quarantine files" refused for the path <bare.txt>: not a local path')"
 expect_eq "failed check logged" 1 \
     "$(log_count 'Archive verification failed, the content does not decode to its digest: c:\q\bad.txt.')"
 expect_eq "failed check: source kept" bad "$(cat "$drive_c/data/bad.txt")"
@@ -118,7 +120,8 @@ expect_eq "remove: foreign fails" "$refused" "$reply"
 [ ! -e "$(unix_of "$arc_c")" ] || fail "remove: archive still there"
 [ -e "$drive_c/nv/NorvaleHalvernService.exe" ] || fail "remove: escaped the container"
 expect_eq "remove: listed twice, nothing scheduled" 0 "$(log_count 'Failed to delete quarantined file')"
-expect_eq "remove: mismatch logged" 2 "$(log_count 'Failed to remove the quarantined file, container path is not matched')"
+expect_eq "remove: mismatch and .. logged" "1 1" "$(log_count 'Failed to remove the quarantined file, container path is not matched') $(
+    log_count 'refused for the path <c:\q\..\nv\NorvaleHalvernService.exe>: a parent folder component')"
 quarantine 2 'c:\q\' 'c:\other\x.QUA' "$arc_a"
 expect_eq "restore: foreign fails" "$refused" "$reply"
 expect_eq "restore: bytes back" "$sum_a" "$(sum_of "$drive_c/data/a.bin")"
@@ -284,6 +287,63 @@ for row in "nb.txt|no|$refused|D:P(A;;FA;;;BA)(A;;FR;;;BU)|" \
 done
 expect_eq "never blocked: logged, DACL never written" "1 1" \
     "$(log_count 'Unblock refused, c:\data\nb.txt is not a blocked file') $(grep -a -i -c -F 'c:\data\nb.txt' "$journal")"
+
+echo "== hostile paths: refused with the route's reply and one line, nothing changed"
+# Besides the path rules: a container under a link (to an allowed folder), a container folder an
+# ordinary user made first, a file in a container that is no archive.
+ln -s "$drive_c/data" "$drive_c/qlink"
+ln -s "$drive_c/windows" "$drive_c/winlink"
+run "$helper" as-user 'C:\windows\system32\cmd.exe' /c mkdir 'C:\userq'
+[ -d "$drive_c/userq" ] || fail "the ordinary user's folder was not made: $(cat "$out")"
+echo stray >"$drive_c/q/stray.txt"
+snapshot() { for k in "$qkey" "$fkey" "$bkey"; do wine reg query "$k" </dev/null 2>/dev/null; done | tr -d '\r'; wc -l <"$journal"; }
+before=$(snapshot)
+mark
+# WANT (inv: "Invalid path.", semi: one empty field, no: the failure status)|PATH|THE LINE|MESSAGE FIELDS (@: PATH)
+while IFS='|' read -r want path line fields; do
+    case $want in inv) want=$(said 0 'Invalid path.') ;; semi) want=$(said 0 ';') ;; *) want=$refused ;; esac
+    args=()
+    for f in $fields; do args+=("${f//@/"$path"}"); done
+    n=$(log_count "$line")
+    answers "${args[0]} $path" "$want" "${args[@]}"
+    expect_eq "${args[0]} $path: one line" $((n + 1)) "$(log_count "$line")"
+done <<'EOT'
+inv|\\nvhost\share\q|<\\nvhost\share\q>: not a local path|create-quarantine-container path=@
+inv|\\?\C:\q2|<\\?\C:\q2>: not a local path|create-quarantine-container path=@
+inv|\\.\pipe\nvq|<\\.\pipe\nvq>: not a local path|create-quarantine-container path=@
+inv|C:\|<C:\>: a drive root|create-quarantine-container path=@
+inv|C:\Windows|<C:\Windows>: a system folder|create-quarantine-container path=@
+inv|C:/WINDOWS/system32/nvq|<C:/WINDOWS/system32/nvq>: a system folder|create-quarantine-container path=@
+inv|C:\winlink\nvq|<C:\winlink\nvq>: a system folder|create-quarantine-container path=@
+inv|C:\Program Files|<C:\Program Files>: a program root folder|create-quarantine-container path=@
+inv|C:\users\Public|<C:\users\Public>: a user profile folder|create-quarantine-container path=@
+inv|C:\qlink\q3|is reached through a link: c:\qlink\q3|create-quarantine-container path=@
+inv|C:\userq|exists already and is not a container: c:\userq\|create-quarantine-container path=@
+inv|C:\|<C:\>: a drive root|remove-quarantine-container action=1 path=@
+semi|\\nvhost\share\a.txt|<\\nvhost\share\a.txt>: not a local path|quarantine-files action=0 container=c:\q path=@
+semi|\\?\C:\data\blk2.txt|<\\?\C:\data\blk2.txt>: not a local path|quarantine-files action=0 container=c:\q path=@
+semi|\\.\pipe\nvq|<\\.\pipe\nvq>: not a local path|quarantine-files action=0 container=c:\q path=@
+semi|C:\windows\win.ini|<C:\windows\win.ini>: a system folder|quarantine-files action=0 container=c:\q path=@
+no|c:\q\stray.txt|<c:\q\stray.txt>: not a quarantine archive|quarantine-files action=1 container=c:\q path=@
+no|\\nvhost\share\a.txt|<\\nvhost\share\a.txt>: not a local path|block-file-access name=@
+no|\\.\pipe\nvq|<\\.\pipe\nvq>: not a local path|block-file-access name=@
+no|C:\data\nul|<C:\data\nul>: a device name|block-file-access name=@
+no|C:\|<C:\>: a drive root|block-file-access name=@
+no|C:\windows\system32\kernel32.dll|<C:\windows\system32\kernel32.dll>: a system folder|block-file-access name=@
+no|C:\Windows.\win.ini|<C:\Windows.\win.ini>: a system folder|unblock-file-access name=@
+no|C:\windows\system32\nv.exe|<C:\windows\system32\nv.exe>: a system folder|protect-processes protect=1 image=@
+no|\\nvhost\share\nv.exe|<\\nvhost\share\nv.exe>: not a local path|protect-processes protect=1 image=@
+no|C:\|<C:\>: a drive root|recover-folder-dacl name=@
+no|C:\windows\system32|<C:\windows\system32>: a system folder|recover-folder-dacl name=@
+no|C:\ProgramData\|<C:\ProgramData\>: a program root folder|recover-folder-dacl name=@
+EOT
+answers "block files: the refused one listed" "$(said 1 'c:\windows\win.ini;')" block-files-access action=0 path='C:\windows\win.ini'
+expect_eq "hostile paths: no driver rule" "" "$(sent)"
+expect_eq "hostile paths: registry and recorded DACLs unchanged" "$before" "$(snapshot)"
+answers "hostile paths: containers" "$(items container 'c:\q\')" get-quarantine-containers
+for f in q2 windows/system32/nvq data/q3 windows/nvq; do [ ! -e "$drive_c/$f" ] || fail "hostile paths: $f made"; done
+expect_eq "hostile paths: the user's folder and the stray file stay" "1 stray" "$(ls -d "$drive_c/userq" | wc -l) $(cat "$drive_c/q/stray.txt")"
+rm -f "$drive_c/q/stray.txt" "$drive_c/qlink" "$drive_c/winlink"
 
 echo "== restart: containers and blocked files come back"
 run reg add "$qkey" /v "c:\\$(printf 'z%.0s' $(seq 1 300))\\" /t REG_DWORD /d 1 /f

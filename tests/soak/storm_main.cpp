@@ -39,8 +39,7 @@ bool write_file(const std::string& path, const std::vector<unsigned char>& bytes
 
 // The storm's keys beside the reference key, its folders and its files.
 int prepare(int clients) {
-    CreateDirectoryA("C:\\storm", nullptr);
-    CreateDirectoryA(storm_container, nullptr);
+    CreateDirectoryA("C:\\storm", nullptr);  // the container in it is the service's to make
     for (int i = -1; i < clients; ++i) {
         mcl::mswin::unique_reg_key key;
         if (RegCreateKeyExA(HKEY_LOCAL_MACHINE, (i < 0 ? std::string(reference_key) : storm_key(i)).c_str(), 0, nullptr,
