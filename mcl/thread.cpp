@@ -11,6 +11,37 @@ void log_thread_exception(const char* function, const char* what) {
            what);
 }
 
+namespace {
+
+// The stop event of the calling thread: its mcl::thread's, or a stop_scope's.
+thread_local HANDLE t_stop_event = nullptr;
+
+}  // namespace
+
+bool stop_requested() { return t_stop_event != nullptr && WaitForSingleObject(t_stop_event, 0) == WAIT_OBJECT_0; }
+
+stop_wait wait_unless_stopped(HANDLE handle, DWORD ms) {
+    // The handle to wait for (if any) first, then the stop event (if any).
+    HANDLE handles[2];
+    DWORD count = 0;
+    if (handle != nullptr) handles[count++] = handle;
+    if (t_stop_event != nullptr) handles[count++] = t_stop_event;
+    if (count == 0) {
+        Sleep(ms);
+        return stop_wait::timed_out;
+    }
+    const DWORD r = WaitForMultipleObjects(count, handles, FALSE, ms);
+    if (r == WAIT_TIMEOUT) return stop_wait::timed_out;
+    if (r >= WAIT_OBJECT_0 + count) return stop_wait::failed;
+    return handles[r - WAIT_OBJECT_0] == handle ? stop_wait::signalled : stop_wait::stopped;
+}
+
+bool sleep_unless_stopped(DWORD ms) { return wait_unless_stopped(nullptr, ms) == stop_wait::timed_out; }
+
+stop_scope::stop_scope(HANDLE stop) : previous_(t_stop_event) { t_stop_event = stop; }
+
+stop_scope::~stop_scope() { t_stop_event = previous_; }
+
 thread::thread() {
     stop_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/true);
 }
@@ -21,8 +52,10 @@ thread::~thread() {
 
 DWORD WINAPI thread::entry(void* self) {
     // The last line of defence: an exception ends this thread, never the process.
+    thread* me = static_cast<thread*>(self);
+    t_stop_event = me->stop_event();
     try {
-        return static_cast<thread*>(self)->run();
+        return me->run();
     } catch (const std::exception& e) {
         log_thread_exception("mcl::thread::entry", e.what());
     } catch (...) {
@@ -62,6 +95,8 @@ void thread::stop(uint32_t seconds) {
     }
     DWORD code = 0;
     if (GetExitCodeThread(handle_, &code) && code == STILL_ACTIVE) {
+        NV_LOG("mcl::thread::stop", "Thread %lu did not end within %u seconds of its stop, terminated",
+               static_cast<unsigned long>(thread_id_), static_cast<unsigned>(seconds));
         TerminateThread(handle_, 0xFFFFFFFF);
         WaitForSingleObject(handle_, 1000);
         code = 0xFFFFFFFF;

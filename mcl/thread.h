@@ -1,5 +1,8 @@
-// Worker threads that are stopped through an event and terminated when they do not stop in
-// time, and a worker that handles queued events one at a time in arrival order.
+// Worker threads that are stopped through an event, and a worker that handles queued events one
+// at a time in arrival order. A thread's stop event also asks the work running on it to give up:
+// long loops poll stop_requested() or wait with the helpers below between their steps, so that
+// a stopped thread ends within a second and is joined. Terminating a thread that does not end in
+// time is the last resort, for one stuck in a system call, and is logged.
 #pragma once
 
 #include <windows.h>
@@ -19,6 +22,28 @@ void log_thread_exception(const char* function, const char* what);
 
 namespace mcl {
 
+// Whether the thread calling it has been asked to stop: its mcl::thread's stop event, or the event
+// of a stop_scope, is set. False on other threads. Any thread; cheap enough for every step of a loop.
+bool stop_requested();
+// Sleeps up to `ms`; false, at once, when the calling thread is asked to stop before or meanwhile.
+bool sleep_unless_stopped(DWORD ms);
+enum class stop_wait { signalled, timed_out, stopped, failed };
+// Waits up to `ms` for `handle`, giving up when the calling thread is asked to stop first.
+stop_wait wait_unless_stopped(HANDLE handle, DWORD ms);
+
+// Makes `stop` the calling thread's stop event for its lifetime (the previous one after): work
+// on a thread that is not an mcl::thread can be asked to stop too.
+class stop_scope {
+public:
+    explicit stop_scope(HANDLE stop);
+    stop_scope(const stop_scope&) = delete;
+    stop_scope& operator=(const stop_scope&) = delete;
+    ~stop_scope();
+
+private:
+    HANDLE previous_;
+};
+
 class thread {
 public:
     // The stop event is created set, so a thread that never started reads as stopped.
@@ -31,9 +56,10 @@ public:
 
     // Starts run() on a new thread unless one is running. Any thread.
     virtual bool start();
-    // Sets the stop event and waits up to `seconds` for run() to return, then terminates the
-    // thread (exit code 0xFFFFFFFF). 0 terminates at once. Called from the thread itself, it
-    // only sets the stop event. Any thread; serialised with start().
+    // Sets the stop event and waits up to `seconds` for run() to return; only a thread still
+    // running then is terminated (exit code 0xFFFFFFFF), with a log line. 0 terminates at once.
+    // Called from the thread itself, it only sets the stop event. Any thread; serialised with
+    // start().
     virtual void stop(uint32_t seconds);
     // The thread body; must return when the stop event is set.
     virtual DWORD run() { return 0; }

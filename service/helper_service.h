@@ -60,6 +60,8 @@ public:
         // Handles one message; `payload` holds the request and, on return, the reply (left as it
         // was by operations that write none). 0 for a null connection, else 1.
         int operator()(mcl::ipc_connection* conn, uint32_t msg_id, mcl::binary_t& payload) override;
+        // A client connection has gone: the IRP subscriptions it held start their way out.
+        void connection_ended(mcl::ipc_connection* conn) override;
 
     private:
         chelperservice* owner_;

@@ -62,6 +62,10 @@ void chelperservice::stopIrpReceiver() { irp_.stop(1000); }
 
 // ---- requests
 
+void chelperservice::helper_msg_handler::connection_ended(mcl::ipc_connection* conn) {
+    owner_->irp_.connection_ended(conn);
+}
+
 bool chelperservice::subscribe_irp_notification(mcl::ipc_connection* conn, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::subscribe_irp_notification";
     protocol::subscribe_request decoded;
@@ -79,13 +83,15 @@ bool chelperservice::subscribe_irp_notification(mcl::ipc_connection* conn, mcl::
         NV_LOG(fn, "Subscription for <%s> refused: process %lu may not set event <%s>, error: %d", decoded.subscriber.c_str(),
                static_cast<unsigned long>(conn->client_process_id()), decoded.event_name.c_str(), static_cast<int>(err));
     } else {
-        result = irp_.subscribe(irp::to_subscription(decoded));
+        irp::subscribe_request request = irp::to_subscription(decoded);
+        request.holder = conn;
+        result = irp_.subscribe(std::move(request));
     }
     protocol::reply_with(payload, protocol::status(result));
     return true;
 }
 
-bool chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::binary_t& payload) {
+bool chelperservice::query_irp_notification_data(mcl::ipc_connection* conn, mcl::binary_t& payload) {
     constexpr const char* fn = "chelperservice::query_irp_notification_data";
     protocol::notification_query_request request;
     const irp::request_check check = protocol::decode(payload, request);
@@ -97,7 +103,7 @@ bool chelperservice::query_irp_notification_data(mcl::ipc_connection*, mcl::bina
         NV_LOG(fn, "Query of %u bytes is truncated, refused", static_cast<unsigned>(payload.size()));
     }
     std::vector<irp::record> records;
-    if (check == irp::request_check::ok && !subscriber.empty()) records = irp_.collect(subscriber);
+    if (check == irp::request_check::ok && !subscriber.empty()) records = irp_.collect(subscriber, conn);
     protocol::notifications_reply reply;
     for (const irp::record& r : records) {
         if (r.type != irp::type_irp_denied)

@@ -157,6 +157,7 @@ bool irp_notifier::handleIrpMessage(const uint8_t* data, size_t size, uint64_t& 
     {
         mcl::scoped_lock guard(irp_lock_);
         irp_tables_.purge(now);
+        end_released_locked(now);
     }
     switch (m.type) {
         case vqr::notification::type_stop:
@@ -297,6 +298,7 @@ bool irp_notifier::subscribe(irp::subscribe_request request) {
     if (request.file_path.empty()) request.file_path = irp::any_file;
     request.file_path = mcl::mswin::lower_case(std::move(request.file_path));
     mcl::scoped_lock guard(irp_lock_);
+    end_released_locked(irp_clock_());  // makes room before a full table refuses
     switch (irp_tables_.subscribe(request)) {
         case irp::subscribe_outcome::added:
             NV_LOG(fn, "Add subscription for <%s> on file <%s>", request.subscriber.c_str(), request.file_path.c_str());
@@ -317,12 +319,24 @@ bool irp_notifier::subscribe(irp::subscribe_request request) {
     return false;
 }
 
-std::vector<irp::record> irp_notifier::collect(const std::string& subscriber) {
+std::vector<irp::record> irp_notifier::collect(const std::string& subscriber, const void* holder) {
     constexpr const char* fn = "chelperservice::query_irp_notification_data";
     mcl::scoped_lock guard(irp_lock_);
-    std::vector<irp::record> records = irp_tables_.collect(subscriber);
+    std::vector<irp::record> records = irp_tables_.collect(subscriber, holder);
     for (const irp::record& r : records)
         NV_LOG(fn, "Found notification data for <%s> on file <%s>, from pid <%llu>", subscriber.c_str(),
                r.file_path.c_str(), static_cast<unsigned long long>(r.process_id));
     return records;
+}
+
+void irp_notifier::connection_ended(const void* holder) {
+    mcl::scoped_lock guard(irp_lock_);
+    irp_tables_.release(holder, irp_clock_());
+}
+
+void irp_notifier::end_released_locked(uint64_t now) {
+    for (const std::string& subscriber : irp_tables_.end_released(now))
+        NV_LOG("chelperservice::subscribe_irp_notification",
+               "Subscription for <%s> ended: its client has been gone for %u seconds", subscriber.c_str(),
+               static_cast<unsigned>(irp::record_lifetime / 10000000));
 }

@@ -68,14 +68,21 @@ public:
     // A decoded subscribe request: adds or removes the subscription (an empty file path means
     // every file; the path is lower-cased). False when nothing changed, the subscriber or event
     // name is empty, or the table is full. IPC event thread; takes irp_lock_.
+    // `request.holder` is the requesting connection, which holds the subscription from then on.
     bool subscribe(irp::subscribe_request request);
-    // The pending records of `subscriber`, in pending order; its pending list is emptied.
+    // The pending records of `subscriber`, in pending order; its pending list is emptied. A
+    // non-null `holder` (the requesting connection) holds the subscription from then on.
     // IPC event thread; takes irp_lock_.
-    std::vector<irp::record> collect(const std::string& subscriber);
+    std::vector<irp::record> collect(const std::string& subscriber, const void* holder = nullptr);
+    // The connection `holder` has ended: the subscriptions it held end 300 seconds later unless
+    // their subscriber comes back meanwhile. IPC event thread; takes irp_lock_.
+    void connection_ended(const void* holder);
 
 private:
     void handleIrpDenied(const irp::message& m, uint64_t now, uint64_t& sequence);
     void clearIrpStore();
+    // Ends the subscriptions whose connection has been gone for 300 seconds. Caller holds irp_lock_.
+    void end_released_locked(uint64_t now);
     // The image path of a process and that file's description; both stay empty when the
     // process cannot be read. Receiver thread.
     void readProcessImage(uint32_t pid, std::string& image, std::string& image_description);

@@ -75,6 +75,12 @@ protocol::notification_data to_notification(const record& r) {
     return n;
 }
 
+void tables::hold(subscription& s, const void* holder) {
+    if (holder == nullptr) return;
+    s.holder = holder;
+    s.released = false;
+}
+
 subscribe_outcome tables::subscribe(const subscribe_request& request) {
     auto sub = subscriptions_.find(request.subscriber);
     if (sub == subscriptions_.end()) {
@@ -84,9 +90,11 @@ subscribe_outcome tables::subscribe(const subscribe_request& request) {
         s.subscriber = request.subscriber;
         s.event_name = request.event_name;
         s.files[request.file_path] = {request.file_path, {request.what}};
+        s.holder = request.holder;
         subscriptions_.emplace(request.subscriber, std::move(s));
         return subscribe_outcome::added;
     }
+    hold(sub->second, request.holder);
     auto& files = sub->second.files;
     auto file = files.find(request.file_path);
     if (file == files.end()) {
@@ -179,7 +187,42 @@ void tables::purge(uint64_t now) {
     }
 }
 
-std::vector<record> tables::collect(const std::string& subscriber) {
+void tables::release(const void* holder, uint64_t now) {
+    if (holder == nullptr) return;
+    for (auto& entry : subscriptions_) {
+        subscription& s = entry.second;
+        if (s.holder != holder) continue;
+        s.holder = nullptr;
+        s.released = true;
+        s.released_at = now;
+    }
+}
+
+std::vector<std::string> tables::end_released(uint64_t now) {
+    std::vector<std::string> ended;
+    for (auto it = subscriptions_.begin(); it != subscriptions_.end();) {
+        const subscription& s = it->second;
+        // A clock that went back keeps the subscription, as it keeps records.
+        if (!s.released || now < s.released_at || now - s.released_at <= record_lifetime) {
+            ++it;
+            continue;
+        }
+        const auto held = holdings_.find(s.subscriber);
+        if (held != holdings_.end()) {
+            const std::deque<uint64_t> sequences = held->second.sequences;
+            for (uint64_t sequence : sequences) erase_stored(store_.find(sequence));
+            holdings_.erase(s.subscriber);
+        }
+        pending_.erase(s.subscriber);
+        ended.push_back(s.subscriber);
+        it = subscriptions_.erase(it);
+    }
+    return ended;
+}
+
+std::vector<record> tables::collect(const std::string& subscriber, const void* holder) {
+    const auto sub = subscriptions_.find(subscriber);
+    if (sub != subscriptions_.end()) hold(sub->second, holder);
     std::vector<record> found;
     auto pending = pending_.find(subscriber);
     if (pending != pending_.end()) {

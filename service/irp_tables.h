@@ -93,6 +93,7 @@ struct subscribe_request {
     std::string event_name;
     std::string file_path;
     filter what;
+    const void* holder = nullptr;  // the client connection that asked; only compared, never used
 };
 
 // The subscribe and query requests are read by protocol/requests.h; this is a decoded
@@ -124,6 +125,11 @@ struct subscription {
         std::vector<filter> filters;
     };
     std::map<std::string, file_entry> files;  // lower-case path, or any_file
+    // The connection that last subscribed or collected under this name; null once it ended,
+    // from `released_at` (FILETIME) on.
+    const void* holder = nullptr;
+    bool released = false;
+    uint64_t released_at = 0;
 };
 
 enum class subscribe_outcome { unchanged, added, removed, refused_full };
@@ -138,8 +144,15 @@ struct store_outcome {
 // owner holds its lock around every call.
 class tables {
 public:
-    // `request.file_path` lower-case and non-empty, subscriber and event name non-empty.
+    // `request.file_path` lower-case and non-empty, subscriber and event name non-empty. A
+    // known subscriber is held by `request.holder` from then on, whatever the outcome.
     subscribe_outcome subscribe(const subscribe_request& request);
+    // The connection `holder` has ended: the subscriptions it held are released at `now`.
+    void release(const void* holder, uint64_t now);
+    // Ends every subscription released more than record_lifetime before `now`, with its
+    // records; their names, in name order. A subscriber that subscribes or collects again
+    // before then keeps everything.
+    std::vector<std::string> end_released(uint64_t now);
     // Subscriptions whose file entry for `file_path` (else for any_file) has a filter matching
     // an IRP-denied message with these functions, in subscriber-name order.
     std::vector<const subscription*> choose(const std::string& file_path, uint8_t major, uint8_t minor) const;
@@ -150,8 +163,9 @@ public:
     // Removes every record more than record_lifetime older than `now`.
     void purge(uint64_t now);
     // The pending records of `subscriber` that are still stored, in pending order; empties the
-    // pending list (the records stay stored until they expire).
-    std::vector<record> collect(const std::string& subscriber);
+    // pending list (the records stay stored until they expire). A non-null `holder` holds the
+    // subscription from then on.
+    std::vector<record> collect(const std::string& subscriber, const void* holder = nullptr);
     // Empties the store and the pending index; subscriptions stay.
     void clear_store();
 
@@ -168,6 +182,7 @@ private:
         bool dropping = false;
     };
     void erase_stored(std::map<uint64_t, stored_record>::iterator it);
+    static void hold(subscription& s, const void* holder);
 
     std::map<std::string, subscription> subscriptions_;
     std::map<uint64_t, stored_record> store_;

@@ -12,6 +12,7 @@
 #include "mcl/mswin/process.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 #include "service/helper_service.h"
 
 namespace {
@@ -60,7 +61,7 @@ void chelperservice::killProcessByPath(const std::string& imagePath) {
             continue;
         }
         NV_LOG(fn, "Terminating process %d : %s", static_cast<int>(entry.th32ProcessID), path);
-        if (WaitForSingleObject(process.get(), terminate_wait_ms) == WAIT_OBJECT_0) {
+        if (mcl::wait_unless_stopped(process.get(), terminate_wait_ms) == mcl::stop_wait::signalled) {
             NV_LOG(fn, "Process terminated.");
         } else {
             NV_LOG(fn, "Fail to terminate process %d", static_cast<int>(entry.th32ProcessID));
@@ -79,7 +80,7 @@ bool chelperservice::run_elevated(const std::string& program, const std::string&
     if (!ShellExecuteExA(&info)) return false;
     if (info.hProcess == nullptr) return true;
     unique_kernel_handle process(info.hProcess);
-    (void)WaitForSingleObjectEx(process.get(), terminate_wait_ms, /*alertable=*/TRUE);
+    (void)mcl::wait_unless_stopped(process.get(), terminate_wait_ms);
     if (exitCode == nullptr) return true;
     return GetExitCodeProcess(process.get(), exitCode) != FALSE;
 }
@@ -143,6 +144,11 @@ bool chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
         protocol::reply_with(payload, protocol::status(true));
         return true;
     }
+    // This service is stopping: no process of another is killed on the way out.
+    if (mcl::stop_requested()) {
+        protocol::reply_with(payload, protocol::status(false));
+        return true;
+    }
     NV_LOG(fn, "Failed to stop service <%s>, trying to terminate its process %d", name.c_str(), static_cast<int>(pid));
     if (pid == 0) {
         protocol::reply_with(payload, protocol::status(false));
@@ -165,17 +171,18 @@ bool chelperservice::service_ctrl_stop_service(mcl::ipc_connection*, mcl::binary
             NV_LOG(fn, "Failed to terminate process %d, error: %d", static_cast<int>(pid), static_cast<int>(GetLastError()));
         } else {
             NV_LOG(fn, "Terminating process: %d", static_cast<int>(pid));
-            const DWORD r = WaitForSingleObject(process.get(), terminate_wait_ms);
-            if (r == WAIT_OBJECT_0) {
+            const mcl::stop_wait r = mcl::wait_unless_stopped(process.get(), terminate_wait_ms);
+            if (r == mcl::stop_wait::signalled) {
                 ok = true;
                 NV_LOG(fn, "Process %d terminated", static_cast<int>(pid));
             } else {
                 NV_LOG(fn, "Failed to terminate process %d, WaitForSingleObject: %d,  error: %d", static_cast<int>(pid),
-                       static_cast<int>(r), static_cast<int>(GetLastError()));
+                       r == mcl::stop_wait::timed_out ? static_cast<int>(WAIT_TIMEOUT) : static_cast<int>(WAIT_FAILED),
+                       static_cast<int>(GetLastError()));
             }
         }
     }
-    if (!ok) {
+    if (!ok && !mcl::stop_requested()) {
         std::string folder;
         std::string program = "taskkill.exe";
         if (!mcl::mswin::system_directory(folder)) {

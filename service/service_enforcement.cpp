@@ -9,6 +9,7 @@
 #include "mcl/log.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 #include "service/service_enforcement.h"
 
 namespace {
@@ -116,7 +117,11 @@ DWORD service_enforcement::service_enforce_thread::run() {
         const notify_fn notifier = status_notifier();
         for (bool running = true; running;) {
             std::vector<std::string> names = owner_.list();
-            for (const std::string& name : names) owner_.enforce_one(name);
+            // A stop between two services ends the pass: each one's waits give up on it too.
+            for (const std::string& name : names) {
+                if (mcl::stop_requested()) break;
+                owner_.enforce_one(name);
+            }
             // Stops reported and processes ended until now are what this pass has just handled (its
             // own retry's stop among them): only later ones start the next pass early.
             SleepEx(0, /*alertable=*/TRUE);
@@ -192,8 +197,9 @@ void service_enforcement::enforce_one(const std::string& name) {
     NV_LOG(fn, "retrying start service %s... without process protection", name.c_str());
     host_.send_image_rule(port.get(), image, /*remove=*/true);
     (void)mcl::mswin::service::start(name.c_str());
-    host_.send_image_rule(port.get(), image, /*remove=*/false);
+    host_.send_image_rule(port.get(), image, /*remove=*/false);  // back even when the start gave up
     port.reset();
+    if (mcl::stop_requested()) return;
     (void)mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/false, retry_stop_seconds);
 }
 

@@ -182,6 +182,9 @@ void ipc_channel::close() {
 
 // ---------------------------------------------------------------------------------------------
 
+ipc_read_channel::ipc_read_channel(ipc_connection* owner)
+    : ipc_channel(read_direction, owner), cutter_(&owner->budget()) {}
+
 ipc_read_channel::~ipc_read_channel() { ipc_channel::close(); }
 
 void ipc_read_channel::take_read(uint32_t n) {
@@ -258,8 +261,10 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
         return false;
     case frame_cutter::result::over_budget:
         NV_LOG("mcl::ipc_read_channel::read",
-               "Failed to read from channel, %u bytes received would pass the receive budget of %u MiB, end the connection",
-               cutter_.pending(), static_cast<unsigned>(byte_budget::process().limit() >> 20));
+               "Failed to read from channel, %u bytes received would pass the receive budget of %u MiB (%u MiB for one "
+               "connection), end the connection",
+               cutter_.pending(), static_cast<unsigned>(byte_budget::process().limit() >> 20),
+               static_cast<unsigned>(owner_->budget().limit() >> 20));
         return false;
     }
     return false;
@@ -277,14 +282,14 @@ void ipc_write_channel::close() {
     buffers_[1].release_storage();
     queue_index_ = 0;
     in_flight_offset_ = 0;
-    byte_budget::process().give(charged_);
+    owner_->budget().give(charged_);
     charged_ = 0;
 }
 
 bool ipc_write_channel::charge_locked(uint32_t n) {
     // One frame alone may always wait, however large: the bound is on what piles up behind it.
     const uint64_t waiting = charged_ - in_flight_offset_;
-    if (overflowed_ || (waiting > 0 && waiting + n > max_queued_bytes) || !byte_budget::process().take(n)) {
+    if (overflowed_ || (waiting > 0 && waiting + n > max_queued_bytes) || !owner_->budget().take(n)) {
         if (!overflowed_.exchange(true)) event_.set();  // the write thread ends the connection
         return false;
     }
@@ -318,7 +323,7 @@ bool ipc_write_channel::enqueue(binary_t&& frame) {
 void ipc_write_channel::take_queue_locked() {
     binary_t& in_flight = buffers_[queue_index_ ^ 1];
     if (in_flight_offset_ < in_flight.size()) return;
-    byte_budget::process().give(in_flight.size());
+    owner_->budget().give(in_flight.size());
     charged_ -= in_flight.size();
     in_flight.clear();
     in_flight_offset_ = 0;
@@ -400,7 +405,8 @@ bool ipc_write_channel::end_overflowed() {
 // ---------------------------------------------------------------------------------------------
 
 ipc_connection::ipc_connection(connection_type type, PSECURITY_DESCRIPTOR pipe_security)
-    : type_(type), reader_(this), writer_(this), pipe_security_(pipe_security) {
+    : type_(type), budget_(byte_budget::connection_share(), &byte_budget::process()), reader_(this), writer_(this),
+      pipe_security_(pipe_security) {
     if (pipe_security_.empty()) security_ = make_null_dacl_descriptor();  // null: the pipes get default security
     if (type == connect_type) state_ = pair_state::verified;  // this end opened both pipes itself
 }

@@ -98,7 +98,8 @@ protected:
 
 class ipc_read_channel : public ipc_channel {
 public:
-    explicit ipc_read_channel(ipc_connection* owner) : ipc_channel(read_direction, owner) {}
+    // `owner` is constructed as far as its budget: the received bytes count in its share.
+    explicit ipc_read_channel(ipc_connection* owner);
     ~ipc_read_channel() override;
 
     // Collects what the pipe has, leaves a read pending and cuts the whole frames received so
@@ -125,7 +126,7 @@ public:
     static constexpr uint64_t max_queued_bytes = 16u * 1024 * 1024;
 
     // Queues a whole frame and wakes the write thread. Any thread; frames never interleave.
-    // When the frame would pass max_queued_bytes or the process budget, nothing is queued and
+    // When the frame would pass max_queued_bytes or the connection's budget, nothing is queued and
     // the write thread ends the connection (with a log line); false then, and also once the
     // pipe is closed.
     bool enqueue(const binary_t& frame);
@@ -172,6 +173,13 @@ public:
 
     // Creates or opens both pipes (read channel first); false when either fails.
     bool open(const char* pipe_path);
+
+    // What this connection makes the process hold (its partly received frames, queued events,
+    // stored replies and write queue): its share of the process budget. Any thread.
+    byte_budget& budget() { return budget_; }
+    // Set by the read thread once it has logged a reply nobody waited for: later ones are
+    // dropped without a line. The read thread only.
+    bool unrequested_reply_logged = false;
 
     connection_type type() const { return type_; }
     PSECURITY_DESCRIPTOR security_descriptor() const {
@@ -226,6 +234,7 @@ public:
 
 private:
     connection_type type_;
+    byte_budget budget_;  // before the channels, which count in it
     ipc_read_channel reader_;
     ipc_write_channel writer_;
     mswin::unique_local<PSECURITY_DESCRIPTOR> security_;  // NULL-DACL descriptor, or null for default security

@@ -48,12 +48,26 @@ void copy_frame_payload(const binary_t& frame, binary_t& payload) {
     payload.append(frame.data() + frame_header_size, header.length);
 }
 
-bool byte_budget::take(uint64_t n) {
+bool byte_budget::take_here(uint64_t n) {
     uint64_t held = held_.load();
     do {
         if (n > limit_ || held > limit_ - n) return false;
     } while (!held_.compare_exchange_weak(held, held + n));
     return true;
+}
+
+bool byte_budget::take(uint64_t n) {
+    if (!take_here(n)) return false;
+    if (parent_ != nullptr && !parent_->take(n)) {
+        held_.fetch_sub(n);
+        return false;
+    }
+    return true;
+}
+
+void byte_budget::give(uint64_t n) {
+    held_.fetch_sub(n);
+    if (parent_ != nullptr) parent_->give(n);
 }
 
 byte_budget& byte_budget::process() {
@@ -80,6 +94,13 @@ bool frame_cutter::reserve(uint32_t n) {
     if (required > storage_.size()) {
         uint64_t capacity = storage_.size() < 4096 ? 4096 : storage_.size();
         while (capacity < required) capacity *= 2;
+        // A large frame at the front gets room for itself, not for twice its size: a client's
+        // largest frame then fits its share of the budget.
+        frame_header header;
+        if (read_frame_header(storage_.data() + begin_, pending(), header) && header.length <= max_frame_payload) {
+            const uint64_t frame_end = begin_ + frame_size(header.length);
+            if (frame_end >= required && capacity > frame_end) capacity = frame_end < 4096 ? 4096 : frame_end;
+        }
         if (capacity > UINT32_MAX) capacity = UINT32_MAX;
         const uint64_t growth = capacity - storage_.size();
         if (budget_ != nullptr && !budget_->take(growth)) {

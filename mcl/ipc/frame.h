@@ -53,24 +53,34 @@ inline void append_frame(binary_t& out, frame_kind kind, uint32_t message_id, ui
 void copy_frame_payload(const binary_t& frame, binary_t& payload);
 
 // A count of bytes that clients make this process hold (partly received frames, queued events,
-// stored replies, write queues), with a ceiling. Any thread.
+// stored replies, write queues), with a ceiling. A budget with a parent is a share of it: what it
+// counts is counted in the parent too, and it takes no more than its own ceiling, so one client's
+// share cannot use up what the others need. Any thread.
 class byte_budget {
 public:
-    explicit byte_budget(uint64_t limit) : limit_(limit) {}
+    explicit byte_budget(uint64_t limit, byte_budget* parent = nullptr) : limit_(limit), parent_(parent) {}
     byte_budget(const byte_budget&) = delete;
     byte_budget& operator=(const byte_budget&) = delete;
 
-    // Counts n more bytes; false (nothing counted) when that would pass the limit.
+    // Counts n more bytes here and in the parent; false (nothing counted anywhere) when that
+    // would pass either limit.
     bool take(uint64_t n);
-    void give(uint64_t n) { held_.fetch_sub(n); }
+    void give(uint64_t n);
     uint64_t held() const { return held_.load(); }
     uint64_t limit() const { return limit_; }
+    byte_budget* parent() const { return parent_; }
 
     // The one budget of the process: 256 MiB.
     static byte_budget& process();
+    // One connection's share of the process budget: half of it, room for the largest frame
+    // while it is cut from the stream and again while its reply waits to be written.
+    static uint64_t connection_share() { return process().limit() / 2; }
 
 private:
+    bool take_here(uint64_t n);
+
     const uint64_t limit_;
+    byte_budget* const parent_;
     std::atomic<uint64_t> held_{0};
 };
 

@@ -86,7 +86,6 @@ bool ipc_peer::send(uint32_t message_id, binary_t& payload, share_ptr<ipc_connec
 
     AcquireSRWLockExclusive(&response_lock_);
     response_slot& slot = responses_[key];
-    if (slot.unrequested) --unrequested_counts_[key.first];  // a stale reply stored ahead of time goes
     slot = response_slot{};
     slot.connection = connection;
     ReleaseSRWLockExclusive(&response_lock_);
@@ -155,45 +154,35 @@ bool ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
     constexpr const char* fn = "mcl::ipc_peer::receive";
     frame_header header;
     if (!read_frame_header(frame, header)) return true;
-    byte_budget& budget = byte_budget::process();
+    byte_budget& budget = connection->budget();
     const uint64_t cost = static_cast<uint64_t>(frame.size()) + entry_overhead;
     switch (static_cast<frame_kind>(header.kind)) {
     case frame_kind::request:
     case frame_kind::routed_request:
     case frame_kind::post:
-        if (!budget.take(cost)) {
-            NV_LOG(fn, "The queued messages would pass the budget of %u MiB, end the connection",
-                   static_cast<unsigned>(budget.limit() >> 20));
-            return false;
-        }
+        if (!take_budget(budget, cost)) return false;
         post_event(ipc_event{connection, std::move(frame), handler_, budget_hold(&budget, cost)});
         return true;
     case frame_kind::response: {
         const table_key key{connection.get(), header.sequence};
         take_frame_payload(frame, header);
-        bool refused = false;
+        bool waited_for = false;
         AcquireSRWLockExclusive(&response_lock_);
-        auto it = responses_.find(key);
-        if (it == responses_.end()) {
-            // A reply nobody waits for stays until the connection goes, but only a few of them.
-            uint32_t& count = unrequested_counts_[key.first];
-            if (count >= max_unrequested_replies || !budget.take(cost)) {
-                refused = true;
-            } else {
-                ++count;
-                it = responses_.emplace(key, response_slot{}).first;
-                it->second.connection = connection;
-                it->second.unrequested = true;
-                it->second.hold = budget_hold(&budget, cost);
-            }
+        const auto it = responses_.find(key);
+        if (it != responses_.end()) {
+            it->second.payload = std::move(frame);
+            waited_for = true;
         }
-        if (!refused) it->second.payload = std::move(frame);
         ReleaseSRWLockExclusive(&response_lock_);
-        if (refused) {
-            NV_LOG(fn, "Too many replies that nobody waits for, end the connection");
-            return false;
+        if (waited_for) {
+            WakeAllConditionVariable(&response_changed_);
+        } else if (!connection->unrequested_reply_logged) {
+            // A reply nobody waits for is dropped at once: a client cannot make the process hold
+            // what it never asked for. One line per connection, however many come.
+            connection->unrequested_reply_logged = true;
+            NV_LOG(fn, "A reply to message [%d] came that nobody waits for, dropped (as are later ones on this connection)",
+                   static_cast<int>(header.message_id));
         }
-        WakeAllConditionVariable(&response_changed_);
         return true;
     }
     case frame_kind::routed_reply: {
@@ -207,11 +196,7 @@ bool ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
             }
         }
         if (handler == nullptr) return true;
-        if (!budget.take(cost)) {
-            NV_LOG(fn, "The queued messages would pass the budget of %u MiB, end the connection",
-                   static_cast<unsigned>(budget.limit() >> 20));
-            return false;
-        }
+        if (!take_budget(budget, cost)) return false;
         post_event(ipc_event{connection, std::move(frame), handler, budget_hold(&budget, cost)});
         return true;
     }
@@ -220,8 +205,22 @@ bool ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
     }
 }
 
+bool ipc_peer::take_budget(byte_budget& budget, uint64_t cost) {
+    if (budget.take(cost)) return true;
+    const byte_budget* process = budget.parent() != nullptr ? budget.parent() : &budget;
+    NV_LOG("mcl::ipc_peer::receive",
+           "The queued messages would pass the budget of %u MiB (%u MiB for one connection), end the connection",
+           static_cast<unsigned>(process->limit() >> 20), static_cast<unsigned>(budget.limit() >> 20));
+    return false;
+}
+
 int ipc_peer::handle_event(ipc_event& e) {
     if (e.handler == nullptr) return 0;
+    if (e.ended) {
+        (void)guarded("mcl::ipc_peer::handle_event", "The handler of an ended connection",
+                      [&] { e.handler->connection_ended(e.connection.get()); });
+        return 0;
+    }
     frame_header header;
     if (!read_frame_header(e.frame, header)) return 0;
     binary_t payload = std::move(e.frame);
@@ -237,6 +236,10 @@ int ipc_peer::handle_event(ipc_event& e) {
     binary_t reply;
     append_frame(reply, kind == frame_kind::request ? frame_kind::response : frame_kind::routed_reply, header.message_id,
                  header.sequence, payload);
+    // The request's bytes leave the connection's budget before its reply enters it: the largest
+    // request and its reply are never counted at once.
+    payload.release_storage();
+    e.hold.release();
     e.connection->enqueue(std::move(reply));  // dropped with the connection if the client has gone
     return result;
 }
@@ -581,9 +584,10 @@ void ipc_peer::disconnect_locked(const share_ptr<ipc_connection>& connection,
         // A send waiting on it sees its entry gone. The slots' references go after the locks.
         for (auto slot = first; slot != last; ++slot) released.push_back(std::move(slot->second.connection));
         responses_.erase(first, last);
-        unrequested_counts_.erase(connection.get());
         ReleaseSRWLockExclusive(&response_lock_);
         WakeAllConditionVariable(&response_changed_);
+        // Behind every frame the connection sent: its read half is closed, or it is no longer read.
+        if (handler_ != nullptr) post_event(ipc_event{connection, binary_t(), handler_, budget_hold(), true});
         const uint32_t group = connection->wait_group;
         if (group < group_sizes_.size() && group_sizes_[group] > 0) --group_sizes_[group];
         released.push_back(std::move(*it));
@@ -611,7 +615,6 @@ void ipc_peer::close() {
         }
         AcquireSRWLockExclusive(&response_lock_);
         responses.swap(responses_);
-        unrequested_counts_.clear();
         ReleaseSRWLockExclusive(&response_lock_);
         WakeAllConditionVariable(&response_changed_);
         {

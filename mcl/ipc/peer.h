@@ -41,6 +41,9 @@ public:
     // reply and ends the event thread's current pass over its queue. `connection` identifies
     // the requesting client and is valid for the call.
     virtual int operator()(ipc_connection* connection, uint32_t message_id, binary_t& payload) = 0;
+    // Called on the event thread once `connection` has left the peer's list, after every
+    // request and post it sent before has been handled; valid for the call. Nothing by default.
+    virtual void connection_ended(ipc_connection* connection) { (void)connection; }
 };
 
 // Bytes counted in a byte_budget for as long as the holder lives. Move-only.
@@ -78,6 +81,7 @@ struct ipc_event {
     binary_t frame;  // the whole frame, header included
     ipc_msg_handler* handler = nullptr;
     budget_hold hold;
+    bool ended = false;  // no frame: tells the handler that the connection has ended
 };
 
 class ipc_peer : public event_thread<ipc_event> {
@@ -85,9 +89,7 @@ public:
     // Connections one wait serves: 64 handles less the stop and refresh events.
     static constexpr uint32_t connections_per_wait = MAXIMUM_WAIT_OBJECTS - 2;
     static constexpr uint32_t thread_stop_seconds = 3;
-    // Replies nobody waits for that one connection may leave stored; one more ends it.
-    static constexpr uint32_t max_unrequested_replies = 16;
-    // What a queued event or a stored reply costs in the budget besides its bytes.
+    // What a queued event costs in the budget besides its bytes.
     static constexpr uint32_t entry_overhead = 128;
 
     // `handler` is not owned and may be null. The threads start on setup or connect.
@@ -229,11 +231,10 @@ protected:
 
 private:
     using table_key = std::pair<ipc_connection*, uint32_t>;
+    // A waiting send's place for its reply; a reply nobody waits for is dropped, never stored.
     struct response_slot {
         share_ptr<ipc_connection> connection;  // keeps the key's connection alive
         binary_t payload;
-        budget_hold hold;
-        bool unrequested = false;  // stored without a waiting send
     };
 
     uint32_t next_sequence();
@@ -251,6 +252,8 @@ private:
     void disconnect_locked(const share_ptr<ipc_connection>& connection, std::vector<share_ptr<ipc_connection>>& released);
     // The read thread's handling of one received frame; false ends the connection.
     bool receive(const share_ptr<ipc_connection>& connection, binary_t&& frame);
+    // Counts a received frame in its connection's budget; false (logged) when refused.
+    static bool take_budget(byte_budget& budget, uint64_t cost);
     void queue_reply(const ipc_event& e, const binary_t& reply_payload);
 
     std::string name_;
@@ -262,7 +265,6 @@ private:
     SRWLOCK response_lock_ = SRWLOCK_INIT;
     CONDITION_VARIABLE response_changed_ = CONDITION_VARIABLE_INIT;
     std::map<table_key, response_slot> responses_;
-    std::map<ipc_connection*, uint32_t> unrequested_counts_;  // under response_lock_
 
     lock list_lock_;
     std::vector<share_ptr<ipc_connection>> connections_;

@@ -203,7 +203,9 @@ void service::control_handler(DWORD control) {
         [[fallthrough]];
     case SERVICE_CONTROL_SHUTDOWN:
         if (!debug_) (void)report_status(SERVICE_STOP_PENDING, ++checkpoint_);
-        (void)stop_request();
+        // The stop runs on the service's own thread, where main() sees the event and returns;
+        // the dispatcher's thread goes back to the manager at once.
+        (void)stop_event_.set();
         return;
     default:
         if (!debug_) (void)report_status(status_.dwCurrentState, ++checkpoint_);

@@ -37,8 +37,8 @@ public:
     // The service life. This version waits on the stop event, then resets it.
     virtual void main(int argc, char** argv);
     // Sets the stop event and waits up to 120 s for the stopped event (which it then resets).
-    // True when main() finished in time. Any thread (the control dispatcher's, the console
-    // control handler's).
+    // True when main() finished in time. Any thread but the service's own (the console control
+    // handler's).
     virtual bool stop_request();
 
     // Registers this service (own process, automatic start, LocalSystem) with `command_line` as
@@ -54,7 +54,8 @@ public:
     // The service-main body: registers the control handler, reports running, runs run_main and
     // reports stopped. Runs on the thread the dispatcher creates.
     void register_service(DWORD argc, char** argv);
-    // Called by the dispatcher's thread through g_service.
+    // Called by the dispatcher's thread through g_service. A stop or shut-down reports stop
+    // pending, sets the stop event and returns at once: main() ends on the service's thread.
     void control_handler(DWORD control);
     // Creates the stop and stopped events unless they exist, runs main() (an exception ends it
     // with a log line) and sets the stopped event. Shared by service and console runs.

@@ -5,6 +5,7 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 
 namespace mcl::mswin {
 
@@ -102,7 +103,12 @@ bool service::start(const char* name, DWORD argc, const char** argv) {
     DWORD checkpoint = 0;
     DWORD since = GetTickCount();
     for (;;) {
-        Sleep(start_poll_ms);
+        // A thread asked to stop gives up the wait (the service may still come up on its own).
+        if (!sleep_unless_stopped(start_poll_ms)) {
+            NV_LOG("mcl::mswin::service::start", "The wait for service %s to start was given up: the caller is stopping\n",
+                   name);
+            break;
+        }
         if (!QueryServiceStatus(svc.get(), &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
         if (status.dwCheckPoint != checkpoint) {
             checkpoint = status.dwCheckPoint;
@@ -144,7 +150,11 @@ bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
                 signal_stop_event(name);
                 return false;
             }
-            Sleep(1000);
+            if (!sleep_unless_stopped(1000)) {
+                NV_LOG("mcl::mswin::service::stop", "The wait for service %s to stop was given up: the caller is stopping\n",
+                       name);
+                break;
+            }
         }
         // The last sleep may have seen it stop.
         (void)QueryServiceStatus(svc.get(), &status);

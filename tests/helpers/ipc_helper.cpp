@@ -9,7 +9,11 @@
 //       of 3,000 bytes or, with FLOOD_KIB, that many KiB in 60 KiB requests; ANNOUNCING
 //       connections each announce a 64 MiB frame and send one byte of it per second. Prints
 //       "ready" once all are connected and have sent, holds them SECONDS, then exits 0.
-// Exit codes: 0 success, 2 usage, 3 connect failed.
+//   nv_ipc_helper flood NAME LOG SECONDS
+//       one client that writes 60 KiB replies nobody asked for, as fast as the listener reads
+//       them, for SECONDS without reading; prints "ready" after the first, then "sent N" (how
+//       many went) and exits 0, or 4 when the listener ended the connection meanwhile.
+// Exit codes: 0 success, 2 usage, 3 connect failed, 4 the flood's connection was ended.
 #include <windows.h>
 
 #include <cstdio>
@@ -73,12 +77,31 @@ int run_server(const char* name, const char* stop_name) {
     return 0;
 }
 
-std::vector<unsigned char> request_frame(uint32_t id, uint32_t sequence, uint32_t payload_size) {
+std::vector<unsigned char> frame_of(mcl::frame_kind kind, uint32_t id, uint32_t sequence, uint32_t payload_size) {
     mcl::binary_t payload;
     payload.write_at(0, nullptr, payload_size);
     mcl::binary_t frame;
-    mcl::append_frame(frame, mcl::frame_kind::request, id, sequence, payload);
+    mcl::append_frame(frame, kind, id, sequence, payload);
     return {frame.data(), frame.data() + frame.size()};
+}
+
+std::vector<unsigned char> request_frame(uint32_t id, uint32_t sequence, uint32_t payload_size) {
+    return frame_of(mcl::frame_kind::request, id, sequence, payload_size);
+}
+
+int run_flood(const char* name, int seconds) {
+    nv_test::raw_client c;
+    if (!c.connect(name)) return 3;
+    const auto reply = frame_of(mcl::frame_kind::response, nv_test::msg_echo, 1, 60 * 1024);
+    if (!c.write(reply)) return 4;
+    printf("ready\n");
+    fflush(stdout);
+    unsigned sent = 1;
+    for (const ULONGLONG end = GetTickCount64() + 1000ull * seconds; GetTickCount64() < end; ++sent)
+        if (!c.write(reply)) return 4;
+    printf("sent %u\n", sent);
+    fflush(stdout);
+    return 0;
 }
 
 int run_abuse(const char* name, char** args) {
@@ -143,7 +166,7 @@ int run_half(const char* name, const char* suffix, bool signal, const char* even
 
 int main(int argc, char** argv) {
     if (argc < 5) {
-        fprintf(stderr, "nv_ipc_helper: usage: server|half|abuse NAME LOG ...\n");
+        fprintf(stderr, "nv_ipc_helper: usage: server|half|abuse|flood NAME LOG ...\n");
         return 2;
     }
     the_log().open(argv[3], true);
@@ -152,5 +175,6 @@ int main(int argc, char** argv) {
     if (strcmp(argv[1], "half") == 0 && argc >= 7)
         return run_half(argv[2], argv[4], strcmp(argv[5], "1") == 0, argv[6], argc > 7 && strcmp(argv[7], "exit") == 0);
     if (strcmp(argv[1], "abuse") == 0 && argc >= 9) return run_abuse(argv[2], argv + 4);
+    if (strcmp(argv[1], "flood") == 0) return run_flood(argv[2], atoi(argv[4]));
     return 2;
 }

@@ -1,10 +1,11 @@
 // A service for the protection tests to protect, kill, start and stop:
-//   nv_test_service [ignore-stop | exit-on-stop | stuck-starting]
+//   nv_test_service [ignore-stop | exit-on-stop | stuck-starting | stuck-stopping]
 // Runs under whatever name it was installed with; writes its process identifier to <name>.pid and
 // its start arguments, one a line, to <name>.args beside the executable. ignore-stop accepts the
 // stop control and goes on running. exit-on-stop denies everyone the right to terminate its
 // process and ends it on the stop control without reporting the stop (a process that vanishes).
-// stuck-starting reports start pending (a 2-second wait hint, one checkpoint) and nothing more.
+// stuck-starting reports start pending (a 2-second wait hint, one checkpoint) and nothing more;
+// stuck-stopping answers the stop control with stop pending in the same way, and runs on.
 #include <windows.h>
 
 #include <aclapi.h>
@@ -26,7 +27,7 @@ void report(DWORD state) {
     status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
     status.dwCurrentState = state;
     status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
-    if (state == SERVICE_START_PENDING) {
+    if (state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING) {
         status.dwCheckPoint = 1;
         status.dwWaitHint = 2000;
     }
@@ -36,6 +37,10 @@ void report(DWORD state) {
 DWORD WINAPI handler(DWORD control, DWORD, void*, void*) {
     if (control != SERVICE_CONTROL_STOP || strcmp(g_mode, "ignore-stop") == 0) return NO_ERROR;
     if (strcmp(g_mode, "exit-on-stop") == 0) ExitProcess(3);
+    if (strcmp(g_mode, "stuck-stopping") == 0) {
+        report(SERVICE_STOP_PENDING);
+        return NO_ERROR;
+    }
     SetEvent(g_stop);
     return NO_ERROR;
 }

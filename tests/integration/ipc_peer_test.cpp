@@ -303,6 +303,41 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     abusers.kill();
 }
 
+// Replies nobody asked for are dropped as they come, with one line for their connection: a client
+// flooding them holds nothing, and twenty clients working beside it lose no connection.
+TEST(IpcPeer, AClientFloodingUnrequestedRepliesHoldsNothingAndTwentyOthersKeepWorking) {
+    server_process server;
+    client others;
+    constexpr int count = 20;
+    for (int i = 0; i < count; ++i) ASSERT_TRUE(others.connect(server.name)) << i;
+    const auto connections = others.peer.connections();
+    nv_test::child flood = nv_test::start_ipc_helper("flood", server.name, "5");
+    ASSERT_EQ("ready", first_line(flood));
+
+    std::atomic<bool> done{false};
+    std::atomic<int> answered{0}, failed{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i)
+        threads.emplace_back([&, i] {
+            const mcl::binary_t sent = text_payload("client " + std::to_string(i));
+            while (!done) {
+                mcl::binary_t payload = sent;
+                const bool ok = others.peer.send(nv_test::msg_echo, payload, connections[static_cast<size_t>(i)], 20000);
+                ++(ok && payload == sent ? answered : failed);
+            }
+        });
+    const std::string flooded = first_line(flood);
+    done = true;
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(0u, flood.wait(10000)) << flooded << ": its own connection stays too";
+    EXPECT_EQ(0, failed.load());
+    EXPECT_GE(answered.load(), count);
+    EXPECT_EQ(static_cast<size_t>(count), others.peer.connections().size());
+    const std::string log = server.log();
+    EXPECT_EQ(1u, nv_test::count_of(log, "that nobody waits for, dropped")) << log;
+    EXPECT_EQ(0u, nv_test::count_of(log, "end the connection")) << log;
+}
+
 // A hostile client of another process takes the waiting pair ("" both pipes) or one pipe of
 // it, signalling or not; in the last case a third process writes an exit request into the
 // other pipe of that pair. No reply reaches the hostile client, no request on a pair two

@@ -117,17 +117,21 @@ expect_eq "image rule lifted for the retry, then sent again" "$(msgs "2 command 
 expect_eq "stopped service left alone" "252 0" "$(svc_state nv_test_auto) $(log_count 'trying start service nv_test_auto')"
 answers "unprotect nv_fragile" "$ok" protect-services svc=0 proc=0 name=nv_fragile
 
-echo "== restart: persisted services re-applied, an automatic one enforced"
+echo "== restart: persisted services re-applied, automatic ones enforced; one without a program path skipped"
+run sc create nv_no_image binPath= '""' start= auto
+answers "protect nv_no_image" "$ok" protect-services svc=1 proc=1 name=nv_no_image
 stop_service
 lines=$(wc -l <"$journal")
 mark
 start_service
 sent | grep -q -F '1 command C:\prot\svc\nv_test_service.exe' || fail "image rule re-applied"
 tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$service_sddl" || fail "service DACL re-applied"
-expect_eq "enforce line" 1 "$(log_count 'Enforce service nv_test_auto...')"
+expect_eq "enforce lines" "1 1" "$(log_count 'Enforce service nv_test_auto...') $(log_count 'Enforce service nv_no_image...')"
 wait_svc_state nv_test_auto 0
+poll 150 0.2 '[ "$(log_count "Service nv_no_image has no readable image path, skipped")" = 1 ]' || fail "nv_no_image not skipped"
+expect_eq "no code 2 without a path" 0 "$(sent | grep -cE '^2 command ?$')"
 call query-protected-services
-expect_eq "listing after restart" count=3 "$(head -n 1 <<<"$reply")"
+expect_eq "listing after restart" count=4 "$(head -n 1 <<<"$reply")"
 
 echo "== service control requests"
 answers "start with arguments" "$ok" start-service name=nv_args_svc arg=alpha arg='beta gamma'
@@ -278,6 +282,26 @@ call query-protected-services
 hosted=$(grep -F 'name=nv_hosted ' <<<"$reply")
 [[ "$hosted" == *"process_protected=1 "*"folder_sddl= name=nv_hosted "*'image=C:\windows\system32\nv_hosted.exe folder=' ]] ||
     fail "hosted: listed with its image, without a folder: [$hosted]"
+
+echo "== a stop while a request waits for a service that stays stop pending: no thread terminated"
+install_test_service nv_stuck_stop stuckstop demand stuck-stopping
+run sc start nv_stuck_stop && wait_svc_state nv_stuck_stop 0
+n=$(log_count 'Received IPC message 1000066')
+wine "$client" -t 200000 call stop-service-by-name name=nv_stuck_stop </dev/null >/dev/null 2>&1 &
+waiter=$!
+poll 150 0.2 '[ "$(log_count "Received IPC message 1000066")" -gt "$n" ]' || fail "the stop request did not come"
+sleep 2  # well inside its 30-second wait
+t0=$(date +%s.%N)
+run "$exe" -s stop
+took=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')
+echo "stopped in $took s during a service's stop"
+expect_eq "stopped" "0 252" "$rc $(svc_state $svc)"
+# Printed above; here only that it did not wait out the other service's 30 seconds.
+awk -v t="$took" 'BEGIN { exit !(t < 10) }' || fail "the stop took $took s"
+expect_eq "the wait given up, no thread terminated" "1 0" \
+    "$(log_count 'The wait for service nv_stuck_stop to stop was given up') $(log_count 'of its stop, terminated')"
+wait $waiter
+run taskkill /F /PID "$(pid_of stuckstop nv_stuck_stop)"
 
 echo "== emergency: serv and fold act at start, unlocked by a recovery code"
 stop_service

@@ -68,4 +68,46 @@ TEST(IpcFrame, StorageGrowsWithTheBytesThatCameAndTheBudgetBoundsIt) {
     EXPECT_EQ(0u, budget.held()) << "everything is given back";
 }
 
+// One connection's share counts in the process budget as well and refuses at its own ceiling,
+// which leaves the rest to the others; the largest frame, received the way the read channel does
+// (the header, then straight into the tail room), fits one share.
+TEST(IpcFrame, AShareOfTheBudgetStopsOneClientAndHoldsTheLargestFrame) {
+    mcl::byte_budget process(256u * 1024 * 1024);
+    mcl::byte_budget greedy(process.limit() / 2, &process), other(process.limit() / 2, &process);
+    EXPECT_FALSE(greedy.take(greedy.limit() + 1));
+    EXPECT_EQ(0u, process.held()) << "a refusal counts nothing anywhere";
+    EXPECT_TRUE(greedy.take(greedy.limit()));
+    EXPECT_FALSE(greedy.take(1));
+    EXPECT_TRUE(other.take(other.limit() - 1));
+    EXPECT_EQ(process.limit() - 1, process.held());
+    greedy.give(greedy.limit());
+    EXPECT_EQ(other.limit() - 1, process.held());
+    other.give(other.limit() - 1);
+
+    mcl::frame_cutter cutter(&greedy);
+    const mcl::binary_t header = header_announcing(mcl::max_frame_payload);
+    ASSERT_TRUE(cutter.append(header.data(), header.size()));  // its pad byte is the payload's first
+    std::vector<unsigned char> piece(1024 * 1024, 0x5A);
+    std::vector<mcl::binary_t> frames;
+    size_t largest = 0;
+    while (frames.empty()) {
+        uint32_t room = 0;
+        unsigned char* tail = cutter.frame_tail(4096, room);
+        const auto missing = static_cast<uint32_t>(mcl::frame_size(mcl::max_frame_payload) - cutter.pending());
+        const uint32_t n = std::min<uint32_t>({tail != nullptr ? room : missing, missing, 1024 * 1024});
+        if (tail != nullptr) {
+            memcpy(tail, piece.data(), n);
+            cutter.commit(n);
+        } else {
+            ASSERT_TRUE(cutter.append(piece.data(), n)) << cutter.pending();
+        }
+        largest = std::max(largest, cutter.capacity());
+        ASSERT_EQ(mcl::frame_cutter::result::ok, cutter.cut(frames));
+    }
+    ASSERT_EQ(1u, frames.size());
+    EXPECT_EQ(mcl::frame_size(mcl::max_frame_payload), frames[0].size());
+    EXPECT_LE(largest, mcl::frame_size(mcl::max_frame_payload)) << "room for the frame, not twice as much";
+    EXPECT_EQ(0u, greedy.held()) << "the storage goes once the frame is cut";
+}
+
 }  // namespace

@@ -26,13 +26,42 @@ public:
     std::atomic<bool> started{false};
 };
 
-TEST(Thread, TerminatesAThreadThatIgnoresItsStopEventAfterTheLimit) {
+// Long work that waits through the stop helpers: a minute's wait for an event that never comes.
+class patient_thread : public mcl::thread {
+public:
+    patient_thread() { (void)never_.create_unnamed(); }
+    ~patient_thread() override { stop(10); }
+    DWORD run() override {
+        started = true;
+        if (mcl::wait_unless_stopped(never_.get(), 60000) != mcl::stop_wait::stopped) return 1;
+        return mcl::stop_requested() && !mcl::sleep_unless_stopped(60000) ? 7 : 2;
+    }
+    std::atomic<bool> started{false};
+
+private:
+    mcl::event never_;
+};
+
+TEST(Thread, LongWorkThatWaitsThroughItsStopIsJoinedAndOnlyAThreadIgnoringItIsTerminated) {
+    nv_test::log_capture log;
+    patient_thread patient;
+    ASSERT_TRUE(patient.start());
+    while (!patient.started) Sleep(5);
+    const ULONGLONG asked = GetTickCount64();
+    patient.stop(10);
+    EXPECT_LT(GetTickCount64() - asked, 1000u);
+    EXPECT_EQ(7u, patient.last_exit_code()) << "ended by its own return";
+    EXPECT_EQ(0u, log.count("terminated"));
+    EXPECT_FALSE(mcl::stop_requested()) << "not on a thread that is not an mcl::thread";
+
     stubborn_thread t;
     ASSERT_TRUE(t.start());
     while (!t.started) Sleep(5);
     t.stop(1);
     EXPECT_FALSE(t.is_running());
     EXPECT_EQ(0xFFFFFFFFu, t.last_exit_code());
+    EXPECT_EQ(1u, log.count("] - Thread ")) << log.text();
+    EXPECT_EQ(1u, log.count(" did not end within 1 seconds of its stop, terminated"));
 }
 
 struct numbered {

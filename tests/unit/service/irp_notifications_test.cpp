@@ -26,14 +26,18 @@ chelperservice& svc() { return chelperservice::instance(); }
 
 // Requests come on a listening connection whose client is this process, which may set the
 // events it created.
-std::vector<uint8_t> call(uint32_t id, mcl::binary_t payload) {
+mcl::ipc_connection* server() {
     static const std::string path =
         std::string(mcl::ipc_channel::pipe_prefix) + "nv_irp_test_" + std::to_string(GetCurrentProcessId());
     static mcl::share_ptr<mcl::ipc_connection> server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
     static mcl::share_ptr<mcl::ipc_connection> client(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
     static const bool opened = server->open(path.c_str()) && client->open(path.c_str()) && server->reader().listen();
     EXPECT_TRUE(opened);
-    EXPECT_EQ(1, svc().msg_handler()(server.get(), id, payload));
+    return server.get();
+}
+
+std::vector<uint8_t> call(uint32_t id, mcl::binary_t payload) {
+    EXPECT_EQ(1, svc().msg_handler()(server(), id, payload));
     return {payload.data(), payload.data() + payload.size()};
 }
 
@@ -78,6 +82,17 @@ TEST(IrpMessages, RecordsExpireWhenAMessageArrivesMoreThan300SecondsAfterThem) {
     fake_now += 3000000001ULL;
     EXPECT_TRUE(deliver(44, L"\\Device\\HarddiskVolume1\\elsewhere"));
     EXPECT_TRUE(collect("test_a").empty()) << "purged";
+
+    // The subscribing connection ends: the subscription goes 300 seconds later.
+    nv_test::log_capture log;
+    svc().msg_handler().connection_ended(server());
+    fake_now += 3000000000ULL;
+    EXPECT_TRUE(deliver(45, L"\\Device\\HarddiskVolume1\\data\\file.txt"));
+    EXPECT_EQ(0u, log.count("Subscription for <test_a> ended"));
+    fake_now += 1;
+    EXPECT_TRUE(deliver(46, L"\\Device\\HarddiskVolume1\\data\\file.txt"));
+    EXPECT_EQ(1u, log.count("Subscription for <test_a> ended: its client has been gone for 300 seconds"));
+    EXPECT_EQ(1u, log.count("Notify subscriber <test_a>")) << "notified while it lasted, not after";
     svc().irp_notifications().setIrpClock(&irp_notifier::irpSystemTime);
 }
 
