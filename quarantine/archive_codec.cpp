@@ -8,6 +8,20 @@
 
 namespace {
 
+archive_cancel_check cancel_check = nullptr;
+
+bool cancelled(const char* fn) {
+    if (cancel_check == nullptr || !cancel_check()) return false;
+    NV_LOG(fn, "Stopped: the work was asked to end\n");
+    return true;
+}
+
+}  // namespace
+
+void set_archive_cancel_check(archive_cancel_check check) { cancel_check = check; }
+
+namespace {
+
 // 256 KiB linked blocks, no checksums, no content size, no dictionary, default fast level,
 // no automatic flush, no favouring of decompression speed.
 LZ4F_preferences_t archive_preferences() {
@@ -90,6 +104,7 @@ compress_result compress_file_internal(FILE* in, FILE* out, archive_header& head
             NV_LOG("compress_file", "error : ressource allocation failed \n");
             return result;
         }
+        if (cancelled("compress_file_internal")) return result;
         const size_t got = fread(buffer, 1, capacity, in);
         if (got == 0) break;
         result.size_in += got;
@@ -249,6 +264,7 @@ int decompress_file_internal(FILE* in, byte_sink& out, const archive_header& hea
     if (!feed(context, src + at, filled - at, dst, dst_capacity, out, last)) return 1;
 
     while (last != 0) {
+        if (cancelled("decompress_file_internal")) return 1;
         const size_t got = fread(src, 1, archive_io_size < src_capacity ? archive_io_size : src_capacity, in);
         if (got == 0) {
             NV_LOG("decompress_file_internal", "Decompress: not enough input or error reading file\n");

@@ -11,6 +11,12 @@
 #include "lz4frame.h"
 #include "quarantine/archive_format.h"
 
+// Asked between blocks by compress_file and decompress_file, on the thread doing the work: true
+// ends the work as a failure (the caller removes what it wrote). Null, the default, never asks.
+// Set once, before any archive work starts (the service sets its threads' stop question).
+using archive_cancel_check = bool (*)();
+void set_archive_cancel_check(archive_cancel_check check);
+
 struct compress_result {
     int error = 1;           // 0 success, 1 failure
     uint64_t size_in = 0;    // bytes read from the input

@@ -9,6 +9,8 @@
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
+#include "mcl/thread.h"
+#include "quarantine/archive_codec.h"
 
 namespace {
 
@@ -72,6 +74,12 @@ bool made_folder_is_sound(const char* fn, const std::string& folder) {
 }
 
 }  // namespace
+
+quarantine_store::quarantine_store(quarantine_driver& driver, quarantine_security& security, file_users& users)
+    : driver_(driver), security_(security), users_(users) {
+    set_archive_cancel_check(&mcl::stop_requested);
+}
+
 
 std::string quarantine_store::normalise_container(std::string path) {
     if (path.empty() || path.back() != '\\') path += '\\';

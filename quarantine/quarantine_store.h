@@ -82,8 +82,8 @@ public:
     static void set_archive_written_hook(archive_written_hook hook);
 
     // `driver`, `security` and `users` outlive this object.
-    quarantine_store(quarantine_driver& driver, quarantine_security& security, file_users& users)
-        : driver_(driver), security_(security), users_(users) {}
+    // Archive work gives up, as a failure, once its thread is asked to stop (mcl::stop_requested).
+    quarantine_store(quarantine_driver& driver, quarantine_security& security, file_users& users);
     quarantine_store(const quarantine_store&) = delete;
     quarantine_store& operator=(const quarantine_store&) = delete;
 

@@ -469,6 +469,23 @@ whole|gone|gone|Deleted its source C:\data\p.txt
 lost|gone|kept|its source C:\data\p.txt is gone
 EOF
     run reg delete "$helper_key" /v ArchivePause /f
+
+    # A stop while 1 GiB is being quarantined: the work gives up and its thread is joined.
+    truncate -s 1G "$drive_c/data/huge.bin"
+    (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\data\huge.bin' </dev/null >/dev/null 2>&1) &
+    sender=$!
+    poll 300 0.1 '[ "$(log_count "Archiving : C:\data\huge.bin")" = 1 ]' || fail "the 1 GiB quarantine did not start"
+    sleep 1
+    t0=$(date +%s.%N)
+    stop_service
+    took=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')
+    echo "stopped in $took s during a 1 GiB quarantine"
+    wait $sender
+    awk -v t="$took" 'BEGIN { exit !(t < 10) }' || fail "the stop took $took s"
+    expect_eq "1 GiB: source intact, nothing archived, no thread terminated" "1073741824 0 0" \
+        "$(stat -c %s "$drive_c/data/huge.bin") $(ls "$drive_c/q" | grep -c '^huge') $(log_count 'of its stop, terminated')"
+    rm -f "$drive_c/data/huge.bin"
+    start_service
 fi
 
 # A source on another volume (D:): its archive's folder is flushed before the source goes.
