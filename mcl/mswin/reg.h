@@ -59,7 +59,8 @@ bool remove(HKEY root, const std::string& key, const char* value_name);
 // failure `descriptor` is empty.
 bool get_key_dacl_security(HKEY root, const std::string& key, security_descriptor& descriptor);
 // Writes `dacl` to every key of the subtree, deepest first. With `protect`, the DACL is marked
-// protected so nothing is inherited. The result is that of the key itself.
+// protected so nothing is inherited. The result is that of the key itself; false, the key left
+// as it was, when the calling thread is asked to stop (mcl::stop_requested) on the way.
 bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool protect);
 // The same with the DACL of an SDDL text.
 bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sddl);

@@ -6,6 +6,7 @@
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 
 namespace mcl::mswin::reg {
 
@@ -64,11 +65,16 @@ bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool pr
         NV_LOG(fn, "Invalid PACL pointer");
         return false;
     }
-    // Subkeys first, deepest first; their results do not count.
+    // Subkeys first, deepest first; their results do not count. A thread asked to stop gives up
+    // before the key itself: the key keeps its DACL, and the caller gives the subkeys theirs back.
     (void)for_each_subkey(root, key, [&](const std::string& sub) {
         (void)set_key_dacl_security(root, sub, dacl, protect);
-        return true;
+        return !stop_requested();
     });
+    if (stop_requested()) {
+        NV_LOG(fn, "Stopped before key [%s]: the work was asked to end", key.c_str());
+        return false;
+    }
     unique_reg_key handle;
     if (!open_logged(fn, root, key, WRITE_DAC, handle)) return false;
     SECURITY_DESCRIPTOR sd{};
