@@ -169,14 +169,6 @@ void roll_back(helper_holder& helper, const std::string& folder) {
     (void)services_restore(helper.get());
 }
 
-// A blocked file's recorded DACL written back, protected or not as it was.
-bool give_back_file_dacl(const std::string& path, const std::string& sddl) {
-    mcl::mswin::security_descriptor sd;
-    if (!mcl::mswin::security_descriptor::from_sddl(sddl.c_str(), sd)) return false;
-    return object_security::current().set_file_dacl(mcl::mswin::widen(path), sd.dacl(), sd.dacl_protected()) ==
-           ERROR_SUCCESS;
-}
-
 // The quarantine containers get the default folder DACL, and the blocked files the DACL they had,
 // from the service's records: once the records are gone nothing could give them back.
 void give_back_quarantine(const char* fn) {
@@ -191,9 +183,12 @@ void give_back_quarantine(const char* fn) {
     names.clear();
     mcl::mswin::reg::list_values(quarantine_store::blocked_files_key, names);
     for (const std::string& path : names) {
+        // The recorded DACL goes back protected or not, as it was.
         std::vector<std::string> sddl;
+        DWORD err = ERROR_SUCCESS;
         if (!mcl::mswin::reg::read_string_list(quarantine_store::blocked_files_key, path.c_str(), sddl) ||
-            sddl.size() != 1 || !give_back_file_dacl(path, sddl.front()))
+            sddl.size() != 1 ||
+            !object_security::current().set_file_sddl(fn, mcl::mswin::widen(path), sddl.front().c_str(), err))
             NV_LOG(fn, "Unable to give blocked file <%s> its permissions back", path.c_str());
     }
 }

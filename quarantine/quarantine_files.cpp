@@ -120,6 +120,12 @@ bool same_volume(const std::string& a, const std::string& b) {
     return a.size() > 2 && b.size() > 2 && a[1] == ':' && b[1] == ':' && toupper(a[0]) == toupper(b[0]);
 }
 
+// Whether `source` may now be deleted as far as its renamed `archive` goes: on the same volume at
+// once, on another once the archive's folder is flushed.
+bool archive_on_disk(const std::string& source, const std::string& archive) {
+    return same_volume(source, archive) || flush_folder(archive.substr(0, archive.rfind('\\') + 1));
+}
+
 // The digest of the held file's whole content, read on a stream of its own.
 bool content_digest(const quarantine_source& held, mcl::binary_t& digest) {
     mcl::unique_file stream = held.stream();
@@ -154,7 +160,7 @@ bool archive_verified(const quarantine_source& held, const std::string& source, 
         DeleteFileA(temp.c_str());
         return false;
     }
-    if (!same_volume(source, archive) && !flush_folder(archive.substr(0, archive.rfind('\\') + 1))) {
+    if (!archive_on_disk(source, archive)) {
         DeleteFileA(archive.c_str());
         return false;
     }
@@ -171,7 +177,6 @@ bool in_container(const std::string& container, const std::string& archive) {
 }
 
 // A file's DACL as it was before the quarantine changed it, read and put back through the held
-// handle when the file stays.
 // handle when the file stays. It is recorded (quarantine_store::sources_in_progress_key) before
 // the DACL changes, and the record goes once the file has it back or is gone.
 class saved_dacl {
@@ -411,7 +416,6 @@ bool quarantine_store::is_quarantined_file(const std::string& path) {
 void quarantine_store::finish_or_remove(const std::string& temp) {
     constexpr const char* fn = "chelperservice::loadqQuarantineContainers";
     const std::string archive = temp.substr(0, temp.size() - strlen(verifying_suffix));
-    std::string source;
     mcl::unique_file file = mcl::open_file(temp.c_str(), "rb");
     archive_info info;
     const bool has_header = file && NVFileArchive::read_archive_info(file.get(), info);
@@ -422,7 +426,7 @@ void quarantine_store::finish_or_remove(const std::string& temp) {
         DeleteFileA(temp.c_str());
         return;
     }
-    source = info.path;
+    const std::string& source = info.path;
     if (!verify_archive(temp, source)) {
         if (exists(source)) {
             NV_LOG(fn, "Removing an incomplete archive: %s", temp.c_str());
@@ -445,7 +449,7 @@ void quarantine_store::finish_or_remove(const std::string& temp) {
         NV_LOG(fn, "Its source %s holds other content now, it stays", source.c_str());
         return;
     }
-    if (!same_volume(source, archive) && !flush_folder(archive.substr(0, archive.rfind('\\') + 1))) return;
+    if (!archive_on_disk(source, archive)) return;
     if (held.remove()) NV_LOG(fn, "Deleted its source %s", source.c_str());
 }
 

@@ -471,14 +471,8 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
     const auto before_write = [&](const std::string& original) {
         record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
         if (!persist) return true;
-        mcl::binary_t data;
         reg_key_record earlier;
-        uint32_t pos = 0;
-        if (mcl::mswin::reg::read_value(k_persist_key, ansi(regkey::key_text(regkey::widen_root(record.root),
-                                                                             record.path))
-                                                           .c_str(),
-                                        data) &&
-            regkey::read_record(earlier, data, pos) && !earlier.original_dacl.empty())
+        if (persisted_record(regkey::key_text(regkey::widen_root(record.root), record.path), earlier))
             kept_original = earlier.original_dacl;
         if (kept_original.empty()) {
             std::vector<regkey::subkey_dacl> subkeys;
@@ -589,7 +583,7 @@ void reg_key_protection::restoreAllRegKeys() {
 
 bool reg_key_protection::persistRegKeyRecord(const reg_key_record& record, bool add) {
     if (record.path.empty()) return true;
-    const std::string name = ansi(regkey::key_text(regkey::widen_root(record.root), record.path));
+    const std::string name = value_name(record);
     if (!add) return mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, k_persist_key, name.c_str());
     mcl::binary_t data;
     regkey::write_record(data, record);

@@ -4,20 +4,12 @@
 #include <vector>
 
 #include "mcl/log.h"
+#include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin::reg {
 
 namespace {
-
-// The text in the wide form; ANSI paths convert losslessly.
-std::wstring wide(const std::string& text) {
-    if (text.empty()) return std::wstring();
-    const int n = MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), nullptr, 0);
-    std::wstring out(static_cast<size_t>(n > 0 ? n : 0), L'\0');
-    if (n > 0) MultiByteToWideChar(CP_ACP, 0, text.data(), static_cast<int>(text.size()), &out[0], n);
-    return out;
-}
 
 // RegEnumKeyA / RegEnumValueA over every index, until the end or the first failure. The buffer
 // holds the longest value name the registry allows (key names are shorter still), so that every
@@ -45,15 +37,15 @@ bool collect_names(HKEY handle, std::vector<std::string>& names, Enumerate enume
 }  // namespace
 
 LONG open_key(HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
-    return RegOpenKeyExW(root, wide(key).c_str(), 0, access, handle.put());
+    return RegOpenKeyExW(root, widen(key).c_str(), 0, access, handle.put());
 }
 
 LONG create_key(HKEY root, const std::string& key, REGSAM access, unique_reg_key& handle) {
-    return RegCreateKeyExW(root, wide(key).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, access, nullptr,
+    return RegCreateKeyExW(root, widen(key).c_str(), 0, nullptr, REG_OPTION_NON_VOLATILE, access, nullptr,
                            handle.put(), nullptr);
 }
 
-LONG delete_key(HKEY root, const std::string& key) { return RegDeleteKeyW(root, wide(key).c_str()); }
+LONG delete_key(HKEY root, const std::string& key) { return RegDeleteKeyW(root, widen(key).c_str()); }
 
 bool list_subkeys(HKEY key, std::vector<std::string>& names) {
     return collect_names(key, names, [](HKEY h, DWORD index, char* name, DWORD size) {

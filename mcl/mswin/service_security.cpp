@@ -36,55 +36,51 @@ bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
 // What a protect asks of every service it names, the same for the whole run: the service's SID
 // and the outcome of setting its SID type. Each is looked up once per name and kept (a lookup
 // costs a round trip to the account authority or the service manager). Bounded: past the limit
-// nothing more is kept and each call looks up again.
-class service_cache {
+// nothing more is kept and each call looks up again. Any thread.
+template <typename T>
+class kept_by_name {
 public:
-    struct sid_type_outcome {
-        bool ok;
-        DWORD error;
-    };
-    static service_cache& get() {
-        static service_cache cache;
-        return cache;
-    }
-    bool find_sid(const std::string& name, sid& out) {
+    bool find(const std::string& name, T& out) {
         scoped_lock hold(lock_);
-        const auto found = sids_.find(name);
-        if (found == sids_.end()) return false;
+        const auto found = values_.find(name);
+        if (found == values_.end()) return false;
         out = found->second;
         return true;
     }
-    void keep_sid(const std::string& name, const sid& value) {
+    void keep(const std::string& name, const T& value) {
         scoped_lock hold(lock_);
-        if (sids_.size() < limit) sids_[name] = value;
-    }
-    bool find_sid_type(const std::string& name, sid_type_outcome& out) {
-        scoped_lock hold(lock_);
-        const auto found = sid_types_.find(name);
-        if (found == sid_types_.end()) return false;
-        out = found->second;
-        return true;
-    }
-    void keep_sid_type(const std::string& name, sid_type_outcome outcome) {
-        scoped_lock hold(lock_);
-        if (sid_types_.size() < limit) sid_types_[name] = outcome;
+        if (values_.size() < limit) values_[name] = value;
     }
 
 private:
     static constexpr size_t limit = 4096;
     lock lock_;
-    std::map<std::string, sid> sids_;
-    std::map<std::string, sid_type_outcome> sid_types_;
+    std::map<std::string, T> values_;
 };
+
+struct sid_type_outcome {
+    bool ok;
+    DWORD error;
+};
+
+kept_by_name<sid>& kept_sids() {
+    static kept_by_name<sid> kept;
+    return kept;
+}
+
+kept_by_name<sid_type_outcome>& kept_sid_types() {
+    static kept_by_name<sid_type_outcome> kept;
+    return kept;
+}
 
 }  // namespace
 
 bool service::get_sid(const char* name, sid& out) {
     const std::string key = name != nullptr ? name : "";
-    if (service_cache::get().find_sid(key, out)) return true;
+    if (kept_sids().find(key, out)) return true;
     const std::wstring account = L"NT SERVICE\\" + widen(key);
     if (sid::from_account(account, out)) {
-        service_cache::get().keep_sid(key, out);
+        kept_sids().keep(key, out);
         return true;
     }
     const DWORD err = GetLastError();
@@ -92,7 +88,7 @@ bool service::get_sid(const char* name, sid& out) {
     // name stands for: it is derived from the name alone.
     if (err == ERROR_NONE_MAPPED) {
         if (!sid::from_service_name(name, out)) return false;
-        service_cache::get().keep_sid(key, out);
+        kept_sids().keep(key, out);
         return true;
     }
     if (err == ERROR_INVALID_SID) {
@@ -204,8 +200,8 @@ bool service::update_dacl_with_selected_full_access_sids(PACL old_dacl, const st
 
 bool service::set_sid_type(const char* name) {
     const std::string key = name != nullptr ? name : "";
-    service_cache::sid_type_outcome kept{};
-    if (service_cache::get().find_sid_type(key, kept)) {
+    sid_type_outcome kept{};
+    if (kept_sid_types().find(key, kept)) {
         if (!kept.ok) SetLastError(kept.error);
         return kept.ok;
     }
@@ -222,11 +218,11 @@ bool service::set_sid_type(const char* name) {
         NV_LOG("mcl::mswin::service::set_sid_type", "ChangeServiceConfig2 failed (%d)\n", static_cast<int>(err));
         // A system without service SID types answers so for every service, every time.
         if (err == ERROR_INVALID_LEVEL || err == ERROR_INVALID_PARAMETER)
-            service_cache::get().keep_sid_type(key, {false, err});
+            kept_sid_types().keep(key, {false, err});
         SetLastError(err);
         return false;
     }
-    service_cache::get().keep_sid_type(key, {true, ERROR_SUCCESS});
+    kept_sid_types().keep(key, {true, ERROR_SUCCESS});
     return true;
 }
 
