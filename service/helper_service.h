@@ -172,11 +172,11 @@ public:
     static std::wstring service_image_path(const std::string& name) {
         return service_protection::service_image_path(name);
     }
-    bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
     bool unprotectService(const service_record& record);
     // Applies a rule list: each service through the service protection, then its image through
-    // the process protection; an empty first name means every service.
-    bool handle_protect_services(const std::vector<service_rule>& rules);
+    // the process protection; an empty first name means every service. What was left undone for
+    // want of a record is said in `not_applied`.
+    bool handle_protect_services(const std::vector<service_rule>& rules, std::string* not_applied = nullptr);
     bool protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
 

@@ -9,7 +9,7 @@
 
 using mcl::mswin::sid;
 
-bool chelperservice::handle_protect_services(const std::vector<service_rule>& rules) {
+bool chelperservice::handle_protect_services(const std::vector<service_rule>& rules, std::string* not_applied) {
     constexpr const char* fn = "chelperservice::handle_protect_services";
     if (rules.empty()) {
         NV_LOG(fn, "No service set to (un)protect.");
@@ -32,15 +32,11 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
     for (const service_rule& rule : rules) {
         if (rule.name.empty()) continue;
         std::wstring image;
-        if (!services_.apply_rule(rule, own, image)) result = false;
+        if (!services_.apply_rule(rule, own, image, not_applied)) result = false;
         if (!image.empty() && !processes_.apply_service_image(image, rule.protectProcess, own, /*logFailure=*/true))
             result = false;
     }
     return result;
-}
-
-bool chelperservice::protectService(const std::string& name, const sid& ownSid, service_record& record) {
-    return services_.protectService(name, ownSid, record);
 }
 
 bool chelperservice::unprotectService(const service_record& record) { return services_.unprotectService(record); }
@@ -90,8 +86,9 @@ bool chelperservice::protect_services(mcl::ipc_connection*, mcl::binary_t& paylo
         return false;
     }
     if (!request.rules.empty()) NV_LOG(fn, "protect service %s", request.rules.front().name.c_str());
-    const bool ok = handle_protect_services(request.rules);
-    protocol::reply_with(payload, protocol::status(ok));
+    std::string not_applied;
+    const bool ok = handle_protect_services(request.rules, &not_applied);
+    protocol::reply_with(payload, protocol::status(ok, not_applied));
     return true;
 }
 

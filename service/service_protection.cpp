@@ -57,7 +57,8 @@ std::wstring service_protection::service_image_path(const std::string& name) {
     return out;
 }
 
-bool service_protection::protectService(const std::string& name, const sid& ownSid, service_record& record) {
+bool service_protection::protectService(const std::string& name, const sid& ownSid, service_record& record,
+                                       bool* unrecorded) {
     constexpr const char* fn = "chelperservice::protectService";
     NV_LOG(fn, "Trying to protect service (%s)\n", name.c_str());
     if (!enabled_) {
@@ -89,25 +90,29 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
 
     // The records go first: a kill after the DACL write leaves a service that the next start
     // protects again from its record, and whose original DACL an unprotect gives back. An
-    // original recorded by an earlier protect is the one from before that protect: kept. A record
-    // that cannot be written (the key refused) is logged; the protect goes on, as it always has.
+    // original recorded by an earlier protect is the one from before that protect: kept. When a
+    // record cannot be written (the key refused) nothing changes: what this call wrote goes again.
     std::string original;
     const bool had_original = recorded_original_dacl(name, original);
-    bool wrote_original = false;
-    if (!had_original) {
-        wrote_original = descriptor.to_sddl(DACL_SECURITY_INFORMATION, original) &&
-                         mcl::mswin::reg::write_string(protected_services_key, original_dacl_value(name).c_str(), original);
-        if (!wrote_original) NV_LOG(fn, "Original dacl of service %s could not be recorded", name.c_str());
-    }
+    const bool wrote_original =
+        !had_original && descriptor.to_sddl(DACL_SECURITY_INFORMATION, original) &&
+        mcl::mswin::reg::write_string(protected_services_key, original_dacl_value(name).c_str(), original);
     uint32_t listed = 0;
     const bool had_record = mcl::mswin::reg::read_dword(protected_services_key, name.c_str(), listed);
     const bool wrote_record = !had_record && mcl::mswin::reg::write_dword(protected_services_key, name.c_str(), 1);
-    if (!had_record && !wrote_record) NV_LOG(fn, "Service %s could not be recorded", name.c_str());
-    if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) {
-        // Nothing changed: what this call recorded goes again.
+    const auto take_back = [&] {
         if (wrote_record) (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, name.c_str());
         if (wrote_original)
             (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_services_key, original_dacl_value(name).c_str());
+    };
+    if ((!had_original && !wrote_original) || (!had_record && !wrote_record)) {
+        NV_LOG(fn, "Original dacl of service %s could not be recorded, the dacl is left as it is", name.c_str());
+        take_back();
+        if (unrecorded != nullptr) *unrecorded = true;
+        return false;
+    }
+    if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) {
+        take_back();  // nothing changed
         return false;
     }
 
@@ -169,7 +174,8 @@ std::vector<sid> service_protection::folder_sids(const std::wstring& folder, con
     return sids;
 }
 
-bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid, std::wstring& image) {
+bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid, std::wstring& image,
+                                    std::string* not_applied) {
     constexpr const char* fn = "chelperservice::handle_protect_services";
     auto it = protected_services_.find(rule.name);
     if (!rule.protectService && it != protected_services_.end()) {
@@ -183,8 +189,13 @@ bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid,
     } else if (rule.protectService && it == protected_services_.end()) {
         service_record record;
         record.name = rule.name;
-        if (!protectService(rule.name, ownSid, record)) {
+        bool unrecorded = false;
+        if (!protectService(rule.name, ownSid, record, &unrecorded)) {
             NV_LOG(fn, "Failed to protect service: %s", rule.name.c_str());
+            if (unrecorded && not_applied != nullptr) {
+                if (!not_applied->empty()) not_applied->push_back(' ');
+                *not_applied += "Service " + rule.name + " was not protected: its original DACL could not be recorded.";
+            }
             return false;
         }
         image = record.imagePath;

@@ -44,9 +44,10 @@ public:
     static std::wstring service_image_path(const std::string& name);
     // Records the service (and its original DACL) first, then replaces its DACL (own SID and the
     // service's SID in full) and, unless the service is stopped, puts it on the enforcement list.
-    // Fills sddl, sid, imagePath of `record`. A record that cannot be written is logged; false,
-    // with the records this call wrote taken back, when the DACL cannot be written.
-    bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record);
+    // Fills sddl, sid, imagePath of `record`. False, with the records this call wrote taken back,
+    // when a record or the DACL cannot be written; `unrecorded` is set in the first case.
+    bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record,
+                        bool* unrecorded = nullptr);
     // Writes the service's original DACL back (the default service DACL when none was recorded);
     // only then takes it off the enforcement list and the persisted lists. The result is that of
     // the DACL write.
@@ -54,8 +55,10 @@ public:
 
     // The service half of a rule list. `apply_rule`: one named rule, protecting or unprotecting
     // the service when its table entry says it is not yet so; `image` receives the service's
-    // image when its state changed (else it stays empty). False when that failed.
-    bool apply_rule(const service_rule& rule, const mcl::mswin::sid& ownSid, std::wstring& image);
+    // image when its state changed (else it stays empty). False when that failed; a protect left
+    // undone because its record could not be written adds a sentence to `not_applied`.
+    bool apply_rule(const service_rule& rule, const mcl::mswin::sid& ownSid, std::wstring& image,
+                    std::string* not_applied = nullptr);
     // The image path of every protected service that has one, in table order.
     std::vector<std::wstring> images() const;
     // Unprotects every service and empties the table; false when any failed.

@@ -342,4 +342,15 @@ answers "unprotect nv_killed" "$ok" protect-services svc=0 proc=0 name=nv_killed
 expect_eq "its DACL from before the first protect" "$default_service" "$(recorded service nv_killed | cut -f 1)"
 persisted "records gone after the DACL" 1 nv_killed killed
 
+echo "== a record the service cannot write: answered 0 with a message, nothing applied"
+stop_service
+start_service sddl 'Software\Norvale'  # the test no longer stands in for the service SID
+mark
+answers "protect nv_killed unrecorded" \
+    "$(said 0 "Service nv_killed was not protected: its original DACL could not be recorded.")" \
+    protect-services svc=1 proc=1 name=nv_killed
+expect_eq "its DACL left as it was" "$default_service" "$(recorded service nv_killed | cut -f 1)"
+persisted "nothing recorded" 1 nv_killed killed
+expect_eq "no image rule sent" "" "$(sent)"
+
 finish protection 300

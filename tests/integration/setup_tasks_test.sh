@@ -59,6 +59,7 @@ protect_two_services() {  # two running services of the machine, protected by th
         mkdir -p "$WINEPREFIX/drive_c/prot/$name" && cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/$name/"
         run sc create "$name" binPath= "C:\\prot\\$name\\nv_test_service.exe" start= demand && run sc start "$name"
     done
+    run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys  # stands in for the service SID (protection_lib.sh)
     run "$halvernctl" service protect nv_setup_svc_a nv_setup_svc_b
     expect "two services protected" 0
 }

@@ -15,7 +15,7 @@ start_simulator() {
     local sim_log
     sim_log="$(dirname "$WINEPREFIX")/driver_sim-$(basename "$WINEPREFIX").log"
     setsid -f wine "$NV_BIN_DIR/driver_sim.exe" </dev/null >"$sim_log" 2>&1
-    if ! wine "$NV_BIN_DIR/driver_ctl.exe" wait-ready 20000 </dev/null >/dev/null 2>&1; then
+    if ! wine "$NV_BIN_DIR/driver_ctl.exe" wait-ready 60000 </dev/null >/dev/null 2>&1; then
       echo "driver simulator did not come up; see $sim_log" >&2
       exit 1
     fi
