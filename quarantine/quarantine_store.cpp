@@ -192,6 +192,7 @@ void quarantine_store::loadqQuarantineContainers() {
     quarantine_containers_.clear();
     std::vector<std::string> names;
     (void)mcl::mswin::reg::list_values(quarantine_containers_key, names);
+    const mcl::mswin::unique_kernel_handle port = driver_.open_port();  // one connection for every rule
     for (const std::string& name : names) {
         // Only what a create request would have accepted.
         if (!is_container_path(name)) {
@@ -205,7 +206,7 @@ void quarantine_store::loadqQuarantineContainers() {
             continue;
         }
         NV_LOG(fn, "Read quarantine containers: %s", name.c_str());
-        send_blocking_rule(folder_of(name), /*remove=*/false);
+        if (port) driver_.send_folder_rule(port.get(), folder_of(name), /*remove=*/false, /*block=*/true);
         quarantine_containers_.insert(name);
         (void)mcl::mswin::reg::write_dword(protected_folders_key, name.c_str(), 1);
         if (is_directory(name)) remove_archive_leftovers(name);

@@ -8,6 +8,7 @@
 
 
 #include <exception>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -438,7 +439,7 @@ bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry
 }
 
 bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
-                                       bool* unrecorded) {
+                                       bool* unrecorded, HANDLE port) {
     constexpr const char* fn = "chelperservice::protectRegKey";
     if (entry.path.empty()) return false;
     NV_LOG(fn, "Trying to protect reg key (\\\\%llu\\%ls)\n", static_cast<unsigned long long>(entry.root),
@@ -513,14 +514,18 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
     }
 
     if (record.kernel_path.empty()) record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
-    mcl::mswin::unique_kernel_handle port = driver_.open_port();
-    if (!port) return false;
+    mcl::mswin::unique_kernel_handle own_port;
+    if (port == nullptr) {
+        own_port = driver_.open_port();
+        if (!own_port) return false;
+        port = own_port.get();
+    }
     if (record.kernel_path.empty()) {
         NV_LOG(fn, "No kernel path for reg key (\\\\%llu\\%ls), no driver rule sent",
                static_cast<unsigned long long>(entry.root), entry.path.c_str());
         return false;
     }
-    driver_.send_key_rule(port.get(), record.kernel_path, /*remove=*/false);
+    driver_.send_key_rule(port, record.kernel_path, /*remove=*/false);
     return true;
 }
 
@@ -601,6 +606,15 @@ void reg_key_protection::loadProtectedRegKeys() {
     bool own_loaded[6] = {};
     std::vector<std::string> names;
     mcl::mswin::reg::list_values(k_persist_key, names);
+    // Many keys share an owner, and every rule goes to the one driver: each owner is looked up
+    // once and the driver connected once for the whole load.
+    std::map<std::string, bool> installed;
+    const auto owner_installed = [&installed](const std::string& owner) {
+        const auto found = installed.find(owner);
+        if (found != installed.end()) return found->second;
+        return installed[owner] = mcl::mswin::service::is_service_installed(owner.c_str());
+    };
+    const mcl::mswin::unique_kernel_handle port = driver_.open_port();
     for (const std::string& name : names) {
         NV_LOG(fn, "Read protected reg key: %s", name.c_str());
         mcl::binary_t data;
@@ -614,7 +628,7 @@ void reg_key_protection::loadProtectedRegKeys() {
             NV_LOG(fn, "Persisted reg key %s names no key, skipped", name.c_str());
             continue;
         }
-        if (!saved.owner.empty() && !mcl::mswin::service::is_service_installed(saved.owner.c_str())) {
+        if (!saved.owner.empty() && !owner_installed(saved.owner)) {
             NV_LOG(fn, "Owner service [%s] of reg key {%s} has been uninstalled, unprotect the key.",
                    saved.owner.c_str(), name.c_str());
             // The value goes only once the key has its DACL back: otherwise the next start tries again.
@@ -642,7 +656,7 @@ void reg_key_protection::loadProtectedRegKeys() {
             }
         }
         reg_key_record record;
-        if (!protectRegKey(entry, record, /*persist=*/false)) continue;
+        if (!protectRegKey(entry, record, /*persist=*/false, /*unrecorded=*/nullptr, port.get())) continue;
         // The key may already carry the protected DACL; the record knows the one from before.
         record.original_dacl = saved.original_dacl;
         protected_reg_keys_[regkey::key_text(entry.root, entry.path)] = std::move(record);
@@ -657,7 +671,7 @@ void reg_key_protection::loadProtectedRegKeys() {
         entry.owner = k_own_service;
         entry.level = k_own_level;
         reg_key_record record;
-        if (!protectRegKey(entry, record, /*persist=*/true)) continue;
+        if (!protectRegKey(entry, record, /*persist=*/true, /*unrecorded=*/nullptr, port.get())) continue;
         const std::wstring text = regkey::key_text(entry.root, entry.path);
         protected_reg_keys_[text] = std::move(record);
         NV_LOG(fn, "Load protected reg key: %ls", text.c_str());

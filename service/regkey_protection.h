@@ -132,9 +132,10 @@ public:
     // DACL step, then (with `persist`) the persisted record, then driver code 12. True when the
     // driver rule was sent; `record` is filled either way. With `persist`, a record that cannot
     // be written before the DACL changes leaves the key as it is and sends no rule: false, and
-    // `unrecorded` set.
+    // `unrecorded` set. The rule goes through `port` when given (a loop over many keys connects
+    // once), else through a connection of its own.
     bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
-                       bool* unrecorded = nullptr);
+                       bool* unrecorded = nullptr, HANDLE port = nullptr);
     // Driver code 13, the original DACL written back, the persisted value deleted. False (and
     // nothing changed) without a driver connection.
     bool unprotectRegKey(const reg_key_record& record);

@@ -111,13 +111,19 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
         if (unrecorded != nullptr) *unrecorded = true;
         return false;
     }
-    if (!set_sid_type_or_unsupported(name) || !security.set_service_dacl(name, raw_new)) {
+    // A DACL already in place (a restart protecting from its records) is not written again.
+    const bool in_place = descriptor.dacl_equals(raw_new);
+    if (!set_sid_type_or_unsupported(name) || (!in_place && !security.set_service_dacl(name, raw_new))) {
         take_back();  // nothing changed
         return false;
     }
 
     security_descriptor applied;
-    if (security.get_service_dacl(name, applied) == ERROR_SUCCESS) (void)applied.to_sddl(DACL_SECURITY_INFORMATION, record.sddl);
+    if (in_place) {
+        (void)descriptor.to_sddl(DACL_SECURITY_INFORMATION, record.sddl);
+    } else if (security.get_service_dacl(name, applied) == ERROR_SUCCESS) {
+        (void)applied.to_sddl(DACL_SECURITY_INFORMATION, record.sddl);
+    }
     const std::string sid_text = service_sid.to_string();
     if (!sid_text.empty()) record.sid = sid_text;
     const std::wstring image = service_image_path(name);

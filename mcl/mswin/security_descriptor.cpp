@@ -3,6 +3,8 @@
 #include <aclapi.h>
 #include <sddl.h>
 
+#include <cstring>
+
 #include "mcl/mswin/unique_handle.h"
 
 namespace mcl::mswin {
@@ -50,6 +52,18 @@ bool security_descriptor::dacl_protected() const {
     SECURITY_DESCRIPTOR_CONTROL control = 0;
     DWORD revision = 0;
     return !empty() && GetSecurityDescriptorControl(get(), &control, &revision) && (control & SE_DACL_PROTECTED) != 0;
+}
+
+bool security_descriptor::dacl_equals(PACL other) const {
+    const PACL mine = dacl();
+    ACL_SIZE_INFORMATION a{}, b{};
+    if (mine == nullptr || other == nullptr || !GetAclInformation(mine, &a, sizeof(a), AclSizeInformation) ||
+        !GetAclInformation(other, &b, sizeof(b), AclSizeInformation))
+        return false;
+    // The entries follow the header; the bytes past those in use are slack.
+    return a.AceCount == b.AceCount && a.AclBytesInUse == b.AclBytesInUse && a.AclBytesInUse >= sizeof(ACL) &&
+           memcmp(reinterpret_cast<const BYTE*>(mine) + sizeof(ACL), reinterpret_cast<const BYTE*>(other) + sizeof(ACL),
+                  a.AclBytesInUse - sizeof(ACL)) == 0;
 }
 
 sid security_descriptor::owner() const {

@@ -41,6 +41,8 @@ public:
     PACL dacl() const;
     // Whether SE_DACL_PROTECTED is set (GetSecurityDescriptorControl).
     bool dacl_protected() const;
+    // Whether the DACL holds the same entries, in the same order, as `other` (both present).
+    bool dacl_equals(PACL other) const;
     // The owner (GetSecurityDescriptorOwner), empty when there is none.
     sid owner() const;
 

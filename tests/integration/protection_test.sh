@@ -125,7 +125,9 @@ lines=$(wc -l <"$journal")
 mark
 start_service
 sent | grep -q -F '1 command C:\prot\svc\nv_test_service.exe' || fail "image rule re-applied"
-tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	$service_sddl" || fail "service DACL re-applied"
+# The service kept its protected DACL across the restart: in place, not written again.
+expect_eq "service DACL in place" "$service_sddl" "$(recorded service nv_test_svc | cut -f 1)"
+tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	" && fail "service DACL written again"
 expect_eq "enforce lines" "1 1" "$(log_count 'Enforce service nv_test_auto...') $(log_count 'Enforce service nv_no_image...')"
 wait_svc_state nv_test_auto 0
 poll 150 0.2 '[ "$(log_count "Service nv_no_image has no readable image path, skipped")" = 1 ]' || fail "nv_no_image not skipped"
