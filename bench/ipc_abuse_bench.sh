@@ -14,6 +14,7 @@ run "$exe" -s start
 poll 100 0.2 'grep -q loadqQuarantineContainers "$log" 2>/dev/null' || fail "the service did not start"
 # Wine has no service SIDs: stand in for the service's own SID on its keys, as the tests do.
 run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
+[ "$rc" = 0 ] || fail "nv_regkey_probe grant-own-keys exited with $rc"
 wine "$NV_BIN_DIR/ipc_abuse_bench.exe" service "$announcing" "$never_reading" </dev/null 2>&1 | tr -d '\r'
 bench=$?
 [ "$bench" = 0 ] && [ "$failures" = 0 ]
