@@ -10,12 +10,24 @@
 #   bench/archive_bench.sh [BIN_DIR] [WORK_DIR] [BEFORE_BIN_DIR]
 # BIN_DIR defaults to build/mingw-x64/bin; WORK_DIR (about 3 GiB free) to a temporary directory.
 # SIZES (default "1M 64M 1G") picks the file sizes.
+#   bench/archive_bench.sh --smoke BIN_DIR
+# 1 MiB files only, in a temporary directory removed afterwards, leaving the wineserver of the
+# test run's prefix (or the native build's archive_bench in BIN_DIR) alone.
 set -eu
-trap 'wineserver -k 2>/dev/null || true' EXIT
+smoke=0
+if [ "${1:-}" = --smoke ]; then
+  smoke=1 SIZES=1M
+  shift
+fi
 here=$(cd "$(dirname "$0")/.." && pwd)
 bin=$(cd "${1:-$here/build/mingw-x64/bin}" && pwd)
 work=${2:-$(mktemp -d "${TMPDIR:-/tmp}/nv-archive-bench.XXXXXX")}
 before_bin=${3:+$(cd "$3" && pwd)}
+if [ "$smoke" = 1 ]; then
+  trap 'rm -rf "$work"' EXIT
+else
+  trap 'wineserver -k 2>/dev/null || true' EXIT
+fi
 mkdir -p "$work"
 cd "$work"
 export WINEDEBUG=-all WINEDLLOVERRIDES=mscoree,mshtml=
@@ -23,7 +35,7 @@ export WINEPREFIX=${WINEPREFIX:-$here/build/mingw-x64/wine/prefix}
 
 now() { date +%s.%N; }
 rate() { awk -v b="$1" -v t="$2" 'BEGIN { printf "%.1f", b / 1e6 / t }'; }
-ratio() { awk -v a="$2" -v b="$3" -v n="$1" 'BEGIN { if (a > 0 && b > 0) printf "%s: %.2f ratio\n", n, a / b }'; }
+ratio() { awk -v a="$2" -v b="$3" -v n="$1" 'BEGIN { if (a > 0 && b > 0) printf "%s: %.3g ratio\n", n, a / b }'; }  # 3 digits: a slow side never shows 0
 
 make_file() {  # make_file NAME BYTES KIND
   case $3 in
@@ -33,14 +45,15 @@ make_file() {  # make_file NAME BYTES KIND
 }
 
 # run BIN_DIR PREFIX ARGS...: one operation of that build's archive_bench; prints its lines with
-# PREFIX in front and leaves its MB/s figure in $speed.
+# PREFIX in front and leaves its MB/s figure in $speed. A failed operation makes the exit status 1.
+status=0
 run() {
   local dir=$1 prefix=$2
   shift 2
   local runner=(wine "$dir/archive_bench.exe")
   [ -x "$dir/archive_bench" ] && [ ! -e "$dir/archive_bench.exe" ] && runner=("$dir/archive_bench")
   # Wine's helper processes inherit the output and outlive the program: go through a file.
-  "${runner[@]}" "$@" </dev/null >out.txt 2>&1 || true
+  "${runner[@]}" "$@" </dev/null >out.txt 2>&1 || { echo "archive_bench $1 $2 exited with $?"; status=1; }
   tr -d '\r' <out.txt | sed "s/^/$prefix/"
   speed=$(tr -d '\r' <out.txt | awk -F': ' '/ MB\/s$/ { print $2 + 0 }')
 }
@@ -90,3 +103,4 @@ for size in ${SIZES:-1M 64M 1G}; do
     rm -f "$file" "$file.QUA"
   done
 done
+exit $status

@@ -4,7 +4,10 @@
 // It starts nv_ipc_helper as the listener, then nv_ipc_helper abuse clients: ANNOUNCING (200)
 // connections that announce 64 MiB frames and trickle one byte a second, NEVER_READING (50)
 // connections that each leave one 3,000-byte reply unread, and FLOODING (4) connections that
-// send 20 MiB of requests and never read a reply. Prints "name: value unit" lines.
+// send 20 MiB of requests and never read a reply. Meanwhile nv_ipc_client asks the listener for
+// its version once a second, ten times. Prints "name: value unit" lines.
+//   ipc_abuse_bench.exe smoke
+// The same in a few seconds: 20 announcing, 5 never reading, 1 flooding 2 MiB, three requests.
 //   ipc_abuse_bench.exe service [ANNOUNCING [NEVER_READING]]
 // The same against the installed, running service (bench/ipc_abuse_bench.sh sets it up): 8
 // connections that each send one 3,000-byte request of an unknown identifier and never read
@@ -19,12 +22,13 @@
 #include <cstring>
 #include <string>
 
+#include "bench/clock.h"
 #include "mcl/event.h"
 #include "tests/helpers/process.h"
 
 namespace {
 
-double now_ms() { return static_cast<double>(GetTickCount64()); }
+using nv_bench::now_ms;
 
 uint64_t private_bytes(HANDLE process) {
     PROCESS_MEMORY_COUNTERS_EX memory{};
@@ -33,12 +37,25 @@ uint64_t private_bytes(HANDLE process) {
     return memory.PrivateUsage > memory.PagefileUsage ? memory.PrivateUsage : memory.PagefileUsage;
 }
 
-// Waits for the child's first line of output.
-void wait_ready(nv_test::child& c) {
+// Waits for the child's first line of output and returns it.
+std::string first_line(nv_test::child& c) {
+    std::string line;
     char ch = 0;
     DWORD n = 0;
-    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n') {
-    }
+    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n') line += ch;
+    return line;
+}
+
+// Whether an abuse client got all its connections made (it prints "ready" then).
+bool wait_ready(nv_test::child& c) { return first_line(c).compare(0, 5, "ready") == 0; }
+
+// A fresh client process asks the listener for its version: true when the status reply (1, ""),
+// which nv_ipc_client prints as "0100", came.
+bool version_answered(const std::string& name) {
+    nv_test::child c = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_client.exe\" -n " + name + " -t 30000 send 1000009",
+                                      /*capture_output=*/true);
+    const bool replied = first_line(c).compare(0, 4, "0100") == 0;
+    return c.wait(30000) == 0 && replied;
 }
 
 nv_test::child abuse(const std::string& helper, const std::string& name, int stalled, int flood_kib, int announcing) {
@@ -78,8 +95,12 @@ int run_service(int argc, char** argv) {
     const double start = now_ms();
     nv_test::child stalled = abuse(helper, name, never_reading, 0, 0);
     nv_test::child trickling = abuse(helper, name, 0, 0, announcing);
-    wait_ready(stalled);
-    wait_ready(trickling);
+    if (!wait_ready(stalled) || !wait_ready(trickling)) {
+        printf("the hostile clients could not all connect\n");
+        stalled.kill();
+        trickling.kill();
+        return 1;
+    }
     printf("service_abuse_connect_all: %.0f ms\n", now_ms() - start);
     Sleep(3000);  // the requests are read and their replies are waiting on the clients
     if (service_process != nullptr)
@@ -106,9 +127,12 @@ int run_service(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc > 1 && strcmp(argv[1], "service") == 0) return run_service(argc, argv);
-    const int announcing = argc > 1 ? atoi(argv[1]) : 200;
-    const int never_reading = argc > 2 ? atoi(argv[2]) : 50;
-    const int flooding = argc > 3 ? atoi(argv[3]) : 4;
+    const bool smoke = argc > 1 && strcmp(argv[1], "smoke") == 0;
+    const int announcing = smoke ? 20 : argc > 1 ? atoi(argv[1]) : 200;
+    const int never_reading = smoke ? 5 : argc > 2 ? atoi(argv[2]) : 50;
+    const int flooding = smoke ? 1 : argc > 3 ? atoi(argv[3]) : 4;
+    const int flood_kib = (smoke ? 2 : 20) * 1024;
+    const int samples = smoke ? 3 : 10;
     const std::string helper = nv_test::bin_dir() + "nv_ipc_helper.exe";
     const std::string name = nv_test::unique_name("nv_abuse_bench");
     const std::string stop_name = "Global\\" + name + "_stop";
@@ -119,28 +143,35 @@ int main(int argc, char** argv) {
     const double start = now_ms();
     nv_test::child trickling = abuse(helper, name, 0, 0, announcing);
     nv_test::child stalled = abuse(helper, name, never_reading, 0, 0);
-    nv_test::child flood = abuse(helper, name, flooding, 20 * 1024, 0);
-    wait_ready(trickling);
-    wait_ready(stalled);
-    wait_ready(flood);
+    nv_test::child flood = abuse(helper, name, flooding, flood_kib, 0);
+    bool ready = wait_ready(trickling);
+    ready = wait_ready(stalled) && ready;
+    ready = wait_ready(flood) && ready;
+    if (!ready) {
+        printf("the listener or some hostile clients did not start or could not connect\n");
+        server.kill();
+        trickling.kill();
+        stalled.kill();
+        flood.kill();
+        return 1;
+    }
     printf("abuse_connect_all: %.0f ms\n", now_ms() - start);
 
-    // Ten seconds of trickling, sampling the listener's memory and its answers to a client.
+    // Ten seconds of trickling (three in the smoke run), sampling the listener's memory and its answers to a client.
     uint64_t peak = 0;
     double worst_answer = 0;
     int unanswered = 0;
-    for (int i = 0; i < 10; ++i) {
+    for (int i = 0; i < samples; ++i) {
         const uint64_t bytes = private_bytes(server.process);
         if (bytes > peak) peak = bytes;
         const double t = now_ms();
-        nv_test::child version = nv_test::start("\"" + helper + "\" client " + name + " nul version");
-        if (version.wait(30000) != 0) ++unanswered;
+        if (!version_answered(name)) ++unanswered;
         if (now_ms() - t > worst_answer) worst_answer = now_ms() - t;
         Sleep(1000 - (static_cast<DWORD>(now_ms() - t) % 1000));
     }
     printf("abuse_peak_private_bytes: %.1f MiB (target: under 400)\n", static_cast<double>(peak) / (1024.0 * 1024.0));
     printf("abuse_version_client_worst: %.0f ms\n", worst_answer);
-    printf("abuse_version_client_unanswered: %d of 10\n", unanswered);
+    printf("abuse_version_client_unanswered: %d of %d\n", unanswered, samples);
 
     const double stop_start = now_ms();
     stop.set();
@@ -150,5 +181,5 @@ int main(int argc, char** argv) {
     trickling.kill();
     stalled.kill();
     flood.kill();
-    return 0;
+    return code == 0 ? 0 : 1;
 }

@@ -4,13 +4,13 @@
 # and the time from a protected service's process being killed to the service running again.
 # Prints "name: value unit" lines.
 #
-#   bench/protection_bench.sh [BUILD_DIR]     BUILD_DIR defaults to build/mingw-x64
+#   bench/protection_bench.sh [BUILD_DIR]           BUILD_DIR defaults to build/mingw-x64
+#   bench/protection_bench.sh --smoke [BUILD_DIR]   10 and 100 images, two kills
 set -uo pipefail
-here=$(cd "$(dirname "$0")/.." && pwd)
-build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
-export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
-[ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
-. "$here/tests/integration/protection_lib.sh"
+. "$(dirname "$0")/bench_setup.sh"
+. "$src/tests/integration/protection_lib.sh"
+small=100 big=1000 runs=5
+[ "$smoke" = 0 ] || small=10 big=100 runs=2
 
 install_with_recorder
 start_service
@@ -29,12 +29,12 @@ PY
 timed_request() {  # ID HEXFILE: round trip in ms into $ms
     wine "$client" -t 600000 -m 'C:\nv\timing.txt' send "$1" "@$2" </dev/null >"$out" 2>&1
     ms=$(tr -d '\r' <"$drive_c/nv/timing.txt")
-    [ "$(head -n 1 "$out" | tr -d '\r')" = 0100 ] || echo "warning: request $1 replied $(head -n 1 "$out")" >&2
+    [ "$(head -n 1 "$out" | tr -d '\r')" = 0100 ] || fail "request $1 replied $(head -n 1 "$out")"
 }
 
 mkdir -p "$drive_c"/bench/f{000..099}
 declare -A per_rule
-for n in 100 1000; do
+for n in $small $big; do
     rules "$n" 1 >"$drive_c/nv/protect.hex"
     rules "$n" 0 >"$drive_c/nv/unprotect.hex"
     timed_request 1000003 'C:\nv\protect.hex'
@@ -46,7 +46,7 @@ for n in 100 1000; do
     echo "unprotect_images_$n: $(awk -v a="$unprotect_ms" -v n="$n" 'BEGIN { printf "%.3f", a / n }') ms/rule"
     echo "protect_unprotect_images_$n: ${per_rule[$n]} ms/rule"
 done
-echo "protect_unprotect_1000_over_100: $(awk -v a="${per_rule[1000]}" -v b="${per_rule[100]}" 'BEGIN { printf "%.2f", a * 10 / b }') x (time for 1000 over time for 100; limit 12)"
+echo "protect_unprotect_${big}_over_${small}: $(awk -v a="${per_rule[$big]}" -v b="${per_rule[$small]}" -v k=$((big / small)) 'BEGIN { printf "%.2f", a * k / b }') x (time for $big over time for $small; limit 12)"
 
 # A protected service killed, running again.
 install_test_service nv_bench_svc svc demand
@@ -54,14 +54,14 @@ run sc start nv_bench_svc
 wait_svc_state nv_bench_svc 0
 call protect-services svc=1 proc=1 name=nv_bench_svc
 total=0
-runs=5
 for _ in $(seq 1 $runs); do
     old=$(pid_of svc nv_bench_svc)
     t0=$(date +%s.%N)
     run taskkill /F /PID "$old"
-    wait_new_pid svc nv_bench_svc "$old" || echo "warning: nv_bench_svc not running again" >&2
+    wait_new_pid svc nv_bench_svc "$old" || fail "nv_bench_svc not running again"
     total=$(awk -v s="$total" -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { print s + b - a }')
     sleep 1
 done
 echo "killed_service_running_again: $(awk -v s="$total" -v n=$runs 'BEGIN { printf "%.2f", s / n }') s (mean of $runs, taskkill /f to the new process; target 2)"
 stop_service
+[ "$failures" = 0 ]
