@@ -248,7 +248,6 @@ while IFS='|' read -r label message want line fields; do
     [ "$(log_count "$line")" -gt "$n" ] || fail "$message: $label: no log line [$line]"
 done <<EOF
 over-long path|protect-processes|$refused|Process image refused|protect=1 image=C:\\prot\\$long\\e.exe
-no drive letter|protect-processes|$refused|refused for the path <app\e.exe>: not a local path|protect=1 image=app\e.exe
 drive root|protect-processes|$refused|Process image refused|protect=1 image=C:\e.exe
 missing service|protect-services|$refused|Failed to protect service: no_such_service|svc=1 proc=1 name=no_such_service
 over-long name|protect-services|$refused|Failed to protect service: $long|svc=1 proc=1 name=$long
@@ -259,7 +258,6 @@ missing service|stop-service-by-name|$refused|Failed to stop service <no_such_se
 over-long name|stop-service-by-name|$refused|Failed to stop service <$long>|name=$long
 missing service|recover-service-dacl|$refused|OpenServiceA failed|name=no_such_service
 over-long name|recover-service-dacl|$refused|OpenServiceA failed|name=$long
-no drive letter|recover-folder-dacl|$refused|refused for the path <no\drive\letter>: not a local path|name=no\drive\letter
 over-long path|recover-folder-dacl|$refused|SetNamedSecurityInfoW failed(C:\\$long|name=C:\\$long
 EOF
 expect_eq "bad input: nothing sent" "" "$(sent)"
