@@ -10,7 +10,9 @@
 #include <type_traits>
 #include <vector>
 
+#include "mcl/event.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/service.h"
 #include "protocol/catalogue.h"
 #include "service/caller_policy.h"
 #include "service/emergency_options.h"
@@ -168,6 +170,17 @@ TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
     EXPECT_EQ(other.wait(0), static_cast<DWORD>(STILL_ACTIVE));
     other.kill();
     DeleteFileA(copy.c_str());
+}
+
+// What "-s stop" and the setup tasks rely on when the manager does not know the service.
+TEST(ServiceControl, StopWithFallbackSignalsTheStopEventOfAMissingService) {
+    const std::string name = nv_test::unique_name("nv_missing_svc");
+    mcl::event stop_event;
+    ASSERT_EQ(0, stop_event.create(mcl::mswin::service::stop_event_name(name).c_str()));
+    EXPECT_FALSE(mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/false, 1));
+    EXPECT_FALSE(stop_event.is_set()) << "no fallback, no signal";
+    EXPECT_FALSE(mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/true, 1));
+    EXPECT_TRUE(stop_event.is_set());
 }
 
 // A value as the registry holds it.
