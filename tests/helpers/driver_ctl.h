@@ -1,5 +1,5 @@
 // The driver simulator as tests inspect it: driver_ctl in a second process, and the simulator's
-// own JSON and hex spellings of what it was sent.
+// own JSON spelling of what it was sent.
 #pragma once
 
 #include <windows.h>
@@ -26,8 +26,6 @@ inline std::string json(const std::wstring& text) {
     vqr::sim::append_json_string(out, text);
     return out;
 }
-
-inline std::string hex(const std::vector<uint8_t>& bytes) { return vqr::sim::hex_bytes(bytes.data(), bytes.size()); }
 
 // One text field ("bytes": the hex, "check": why it was refused or "ok") of every message the
 // simulator journaled, in arrival order.

@@ -103,10 +103,8 @@ echo "== enforcement: a killed service runs again; a failed start retried withou
 answers "protect nv_test_auto (stopped)" "$ok" protect-services svc=1 proc=1 name=nv_test_auto
 answers "protect nv_fragile" "$ok" protect-services svc=1 proc=1 name=nv_fragile
 old_pid=$(pid_of svc nv_test_svc)
-t0=$(date +%s.%N)
 run taskkill /F /PID "$old_pid"
 wait_new_pid svc nv_test_svc "$old_pid" && wait_svc_state nv_test_svc 0 || fail "killed service not running again"
-echo "killed service running again after $(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }') s"
 mark
 rm -f "$drive_c/prot/fragile/nv_test_service.exe"
 run taskkill /F /PID "$(pid_of fragile nv_fragile)"
@@ -139,9 +137,7 @@ echo "== service control requests"
 answers "start with arguments" "$ok" start-service name=nv_args_svc arg=alpha arg='beta gamma'
 expect_eq "arguments" "$(msgs alpha 'beta gamma')" "$(tr -d '\r' <"$drive_c/prot/args/nv_args_svc.args" 2>/dev/null)"
 answers "start a running service" "$started" start-service name=nv_args_svc
-t0=$(date +%s)
 answers "start a service that hangs in start pending" "$refused" start-service name=nv_stuck
-echo "start given up after $(($(date +%s) - t0)) s"
 expect_eq "given up without progress" 1 "$(log_count 'Service is still start pending, without progress for 10000 ms')"
 run taskkill /F /PID "$(pid_of stuck nv_stuck)"
 answers "stop" "$ok" stop-service-by-name name=nv_args_svc
@@ -250,7 +246,6 @@ while IFS='|' read -r label message want line fields; do
     [ "$(log_count "$line")" -gt "$n" ] || fail "$message: $label: no log line [$line]"
 done <<EOF
 over-long path|protect-processes|$refused|Process image refused|protect=1 image=C:\\prot\\$long\\e.exe
-no drive letter|protect-processes|$refused|refused for the path <app\e.exe>: not a local path|protect=1 image=app\e.exe
 drive root|protect-processes|$refused|Process image refused|protect=1 image=C:\e.exe
 missing service|protect-services|$refused|Failed to protect service: no_such_service|svc=1 proc=1 name=no_such_service
 over-long name|protect-services|$refused|Failed to protect service: $long|svc=1 proc=1 name=$long
@@ -261,7 +256,6 @@ missing service|stop-service-by-name|$refused|Failed to stop service <no_such_se
 over-long name|stop-service-by-name|$refused|Failed to stop service <$long>|name=$long
 missing service|recover-service-dacl|$refused|OpenServiceA failed|name=no_such_service
 over-long name|recover-service-dacl|$refused|OpenServiceA failed|name=$long
-no drive letter|recover-folder-dacl|$refused|refused for the path <no\drive\letter>: not a local path|name=no\drive\letter
 over-long path|recover-folder-dacl|$refused|SetNamedSecurityInfoW failed(C:\\$long|name=C:\\$long
 EOF
 expect_eq "bad input: nothing sent" "" "$(sent)"

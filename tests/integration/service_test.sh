@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # The service under the service control manager: install, start, requests on the wire, a second
-# instance, the three ways to stop with clients that never read, a console run, an ordinary user's
-# squatted names and held connecting mutex, emergency options.
+# instance, the three ways to stop with clients that never read, an ordinary user's squatted names
+# and held connecting mutex, emergency options. Console runs: driver_port_test.sh.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
@@ -92,19 +92,6 @@ echo "== a stop control the moment the service reports running"
 run "$helper" start-stop $svc
 expect "stop right after running" 0
 wait_state 252
-
-echo "== console run ended by Ctrl+C"
-wine "$exe" -d </dev/null >"$work/console.txt" 2>&1 &
-console=$!
-poll 100 0.2 'run "$client" -t 500 version; [ "$rc" = 0 ]'
-expect "the console run answers" 0
-[ "$(log_lines 'chelperservice - run_debug()')" -ge 2 ] || fail "run_debug line"
-kill -INT $console
-wait $console
-rc=$?
-[ "$rc" = 0 ] || fail "console run exit code $rc"
-run "$client" -t 500 version
-expect "nobody listens after the console run" 2
 
 echo "== an ordinary user can neither stop the service nor keep it or an administrator's client out"
 as_user=("$helper" as-user "$(win "$helper")")

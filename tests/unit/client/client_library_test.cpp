@@ -1,6 +1,7 @@
 // The client library against a peer that plays the service, for what the real service cannot
-// show (halvernctl_test.sh sends every method to it): the decoding of each reply and replies cut
-// short or refusing, the protocol gates, input refused before sending, release of a foreign pointer.
+// show (halvernctl_test.sh sends every method to it, against a missing service and an older
+// protocol too): replies cut short or refusing, the gate before the protocol is known, input
+// refused before sending, release of a foreign pointer.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -78,59 +79,16 @@ TEST_F(client_library, replies_cut_short_or_refusing) {
     EXPECT_FALSE(helper_->recover_folder_dacl("C:\\f", nullptr));
 }
 
-TEST_F(client_library, gates_refuse_locally_until_the_service_speaks_the_protocol) {
+// A service too old for a request: halvernctl_test.sh (protocol 3).
+TEST_F(client_library, gates_refuse_locally_until_the_protocol_is_known) {
     ASSERT_TRUE(connect());
     const std::string call_first = "Please call proto_compatible() API to confirm the feature is suppported by service.";
-    const std::string too_old =
-        "Service does not support the feature, current IPC protocol version : 3, minimum required version: 5";
     result r;
     EXPECT_FALSE(helper_->block_file_access("C:\\f", &r));
     EXPECT_EQ(join(r.ok, r.message), join(0, call_first));
     std::vector<std::string> containers;
     EXPECT_FALSE(helper_->get_quarantine_containers(containers));
     EXPECT_TRUE(service_->received().empty());
-
-    service_->set_reply(msg::protocol_compatible, bytes().u8(1).u32(3).b);
-    ASSERT_TRUE(helper_->proto_compatible());
-    EXPECT_TRUE(helper_->is_file_quarantined("C:\\f", &r));
-    const std::vector<std::function<bool(result*)>> notification_methods = {
-        [&](result* x) { return helper_->subscribe("ev", "", 0xFF, 0xFF, 0, x); },
-        [&](result* x) { return helper_->subscribe_as("me", "ev", "", 0xFF, 0xFF, 0, x); },
-        [&](result* x) { return helper_->unsubscribe("ev", "", 0xFF, 0xFF, 0, x); },
-        [&](result* x) { return helper_->unsubscribe_as("me", "ev", "", 0xFF, 0xFF, 0, x); },
-    };
-    for (const auto& call : notification_methods) {
-        r = {1, ""};
-        EXPECT_FALSE(call(&r));
-        EXPECT_EQ(join(r.ok, r.message), join(0, too_old));
-    }
-    std::vector<nvc::notification_data> notes;
-    EXPECT_FALSE(helper_->query_notification_data(notes));
-    EXPECT_FALSE(helper_->query_notification_data_as("me", notes));
-    EXPECT_EQ(service_->received().size(), 2u);  // the compatibility request and is_file_quarantined
-}
-
-TEST(client_library_alone, a_missing_service_is_neither_started_nor_connected_and_requests_fail_at_once) {
-    // The test prefix has no norvale_halvern_svc (halvernctl_test.sh connects to a stopped one).
-    nv_test::log_capture log;
-    invchelper* h = nvc::createHelper();
-    EXPECT_FALSE(h->is_installed());
-    EXPECT_FALSE(h->is_stopped());  // no state to read
-    EXPECT_FALSE(h->connect(5000));
-    EXPECT_FALSE(log.contains("mcl::mswin::service::start"));
-    EXPECT_FALSE(log.contains("mcl::ipc_peer::connect"));
-
-    result r{7, "untouched"};
-    const DWORD start = GetTickCount();
-    EXPECT_FALSE(h->protect_service("svc", &r));
-    EXPECT_FALSE(h->proto_compatible());
-    EXPECT_EQ(h->get_service_version(), 0u);
-    EXPECT_FALSE(h->request_stop());
-    std::vector<nvc::protected_service_info> list;
-    EXPECT_FALSE(h->query_protected_services(list));
-    EXPECT_LT(GetTickCount() - start, 5000u);  // nothing waited for a reply
-    EXPECT_EQ(join(r.ok, r.message), "7|untouched|");
-    nvc::releaseHelper(h);
 }
 
 TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent) {

@@ -11,7 +11,7 @@ namespace {
 
 // Frames cut from any split of the stream are checked by ipc_frame_cutter_fuzz (whole frames, no
 // byte lost) and on the wire by ipc_peer_test (several frames in one write, 1 MiB frames over
-// many reads): here the bounds.
+// many reads, an announced length over the limit): here the storage and its budget.
 
 // A request header announcing `length` payload bytes, none of which follow.
 mcl::binary_t header_announcing(uint32_t length) {
@@ -19,21 +19,6 @@ mcl::binary_t header_announcing(uint32_t length) {
     mcl::append_frame(header, mcl::frame_kind::request, 1, 1, nullptr, 0);
     header.write_at(12, reinterpret_cast<const unsigned char*>(&length), 4);
     return header;
-}
-
-// The largest length allowed is shown by the storage test below.
-TEST(IpcFrame, AnOverLongAnnouncedLengthIsReported) {
-    for (uint32_t length : {mcl::max_frame_payload + 1, 0xFFFFFFFFu}) {
-        mcl::frame_cutter cutter;
-        mcl::binary_t header = header_announcing(length);
-        const unsigned char pad = 0;
-        header.append(&pad, 1);
-        cutter.append(header.data(), header.size());
-        std::vector<mcl::binary_t> frames;
-        EXPECT_EQ(mcl::frame_cutter::result::too_long, cutter.cut(frames)) << length;
-        EXPECT_TRUE(frames.empty());
-        EXPECT_EQ(length, cutter.rejected_length());
-    }
 }
 
 TEST(IpcFrame, StorageGrowsWithTheBytesThatCameAndTheBudgetBoundsIt) {

@@ -81,17 +81,6 @@ TEST_F(Reg, StringListSkipsEmptyStrings) {
     EXPECT_EQ((std::vector<std::string>{"first", "second"}), list);
 }
 
-TEST_F(Reg, RemoveDeletesAValueOrAWholeTree) {
-    create(root_ + "\\a\\b\\c");
-    ASSERT_TRUE(reg::write_dword(root_, "v", 1));
-    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, "v"));
-    EXPECT_TRUE(exists(root_)) << "removing a value keeps the key";
-    uint32_t d = 0;
-    EXPECT_FALSE(reg::read_dword(root_, "v", d));
-    ASSERT_TRUE(reg::remove(HKEY_LOCAL_MACHINE, root_, nullptr));
-    EXPECT_FALSE(exists(root_));
-}
-
 TEST_F(Reg, OwnershipAndFullAccessOpenAKeyThatDeniesEveryoneAndForceRemoveDeletesSuchATree) {
     create(root_ + "\\locked\\inner");
     create(root_ + "\\locked\\other");

@@ -10,15 +10,14 @@
 #include <type_traits>
 #include <vector>
 
+#include "mcl/event.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/service.h"
 #include "protocol/catalogue.h"
-#include "protocol/message_ids.h"
 #include "service/caller_policy.h"
 #include "service/emergency_options.h"
 #include "service/recovery_code.h"
-#include "service/recovery_key.h"
 #include "tests/data/recovery_test_key.h"
-#include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
 #include "tests/helpers/restricted.h"
 #include "tests/unit/protocol/conformance.h"
@@ -118,56 +117,6 @@ TEST_F(RequestDispatch, EveryUndecodableRequestGetsItsRoutesFailureReply) {
     });
 }
 
-TEST_F(RequestDispatch, EachStateChangingRequestWritesOneAuditLineNamingTheClient) {
-    char image[MAX_PATH];
-    const std::string own_image(image, GetModuleFileNameA(nullptr, image, MAX_PATH));
-
-    struct {
-        uint32_t id;
-        const char* name;
-    } cases[] = {
-        {msg::stop_service, "stop service"},
-        {msg::protect_services, "protect services"},
-        {msg::protect_processes, "protect processes"},
-        {msg::disable_driver_protection, "driver protection off"},
-        {msg::enable_driver_protection, "driver protection on"},
-        {msg::set_protection_enabled, "protection master switch"},
-        {msg::protect_reg_keys, "protect reg keys"},
-        {msg::service_ctrl_start_service, "start service"},
-        {msg::service_ctrl_stop_service, "stop service by name"},
-        {msg::service_ctrl_recover_dacl, "recover service DACL"},
-        {msg::restore_driver_protection, "restore driver protection"},
-        {msg::recover_folder_dacl, "recover folder DACL"},
-        {msg::create_quarantine_container, "create quarantine container"},
-        {msg::quarantine_files, "quarantine files"},
-        {msg::remove_quarantine_container, "remove quarantine container"},
-        {msg::block_file_access, "block file access"},
-        {msg::unblock_file_access, "unblock file access"},
-        {msg::block_files_access, "block files access"},
-    };
-    // Requests that only read: no audit line.
-    const uint32_t reads[] = {msg::disconnect, msg::protocol_compatible, msg::service_version,
-                              msg::query_protected_services, msg::query_protected_processes, msg::get_protected_reg_keys,
-                              msg::get_quarantined_files, msg::get_quarantine_containers, msg::is_file_quarantined,
-                              msg::is_file_access_blocked, msg::query_irp_notification_data, 0x10000fc};
-    for (const auto& c : cases) {
-        nv_test::log_capture log;
-        mcl::binary_t payload;  // malformed for most: the audit line comes before the handler looks
-        EXPECT_EQ(1, handle(c.id, payload)) << std::hex << c.id;
-        char line[512];
-        snprintf(line, sizeof(line), "] - Audit: request \"%s\" (IPC message %X) from process %lu (%s)", c.name, c.id,
-                 static_cast<unsigned long>(GetCurrentProcessId()), own_image.c_str());
-        EXPECT_EQ(1u, log.count(line)) << c.name << "\n" << log.text();
-        EXPECT_EQ(1u, log.count("Audit: ")) << c.name;
-    }
-    for (uint32_t id : reads) {
-        nv_test::log_capture log;
-        mcl::binary_t payload;
-        EXPECT_EQ(1, handle(id, payload)) << std::hex << id;
-        EXPECT_FALSE(log.contains("Audit: ")) << std::hex << id << "\n" << log.text();
-    }
-}
-
 TEST(ImageFolder, PathsAndCommandLines) {
     struct {
         const wchar_t* in;
@@ -223,6 +172,17 @@ TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
     DeleteFileA(copy.c_str());
 }
 
+// What "-s stop" and the setup tasks rely on when the manager does not know the service.
+TEST(ServiceControl, StopWithFallbackSignalsTheStopEventOfAMissingService) {
+    const std::string name = nv_test::unique_name("nv_missing_svc");
+    mcl::event stop_event;
+    ASSERT_EQ(0, stop_event.create(mcl::mswin::service::stop_event_name(name).c_str()));
+    EXPECT_FALSE(mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/false, 1));
+    EXPECT_FALSE(stop_event.is_set()) << "no fallback, no signal";
+    EXPECT_FALSE(mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/true, 1));
+    EXPECT_TRUE(stop_event.is_set());
+}
+
 // A value as the registry holds it.
 struct option_value {
     const char* name;
@@ -255,8 +215,6 @@ TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
         std::vector<std::string> calls;
         std::vector<std::string> left;
     } cases[] = {
-        {"no code: nothing runs, nothing consumed", {dword("disableProtection", 1), text("serv", "svcC")}, false, false,
-         false, {}, {"disableProtection", "serv"}},
         {"disableProtection 0", {text("code", "good"), dword("disableProtection", 0)}, true, false, false, {"code good"}, {}},
         {"a valid code unlocks everything",
          {text("code", "good"), dword("uninstallService", 0), dword("disableProtection", 7), text("serv", "svcA"),
@@ -348,17 +306,6 @@ TEST(RecoveryCode, OnlyAnUnexpiredCodeSignedForThisMachineIsAccepted) {
         {"empty", "", machine, "20261123", false},
     };
     for (const auto& c : cases) EXPECT_EQ(c.accepted, verify(c.code, c.machine_id, c.today)) << c.label;
-}
-
-TEST(RecoveryCode, TheServiceAcceptsCodesOfTheKeyItWasBuiltWith) {
-    nv_test::log_capture log;
-    const std::string code = make_code(nv::machine_id(), "20991231");
-    // A build that names no key carries its own pair's public half; one with a vendor key refuses these codes.
-    const bool test_key = nv::recovery_public_key_size == sizeof(nv_test::recovery_test_public_key) &&
-                          memcmp(nv::recovery_public_key, nv_test::recovery_test_public_key,
-                                 nv::recovery_public_key_size) == 0;
-    EXPECT_EQ(test_key, nv::check_recovery_code(code));
-    EXPECT_EQ(!test_key, log.contains("Recovery code is not valid for this machine")) << log.text();
 }
 
 }  // namespace
