@@ -110,11 +110,12 @@ bool guarded(const char* function, const char* what, Body body) {
 
 // How long the listener's waiting pipes may stand free while another client holds the
 // connecting mutex before a client stops waiting for it: an honest holder opens them at once.
-constexpr ULONGLONG stalled_holder_ms = 150;
+constexpr ULONGLONG stalled_holder_ms = 100;
+constexpr int connecting_step_ms = 25;
 
 enum class mutex_wait { acquired, timed_out, stalled, failed };
 
-// Waits up to `limit_ms` for the connecting mutex in 50 ms steps (a mutex its dead holder left
+// Waits up to `limit_ms` for the connecting mutex in 25 ms steps (a mutex its dead holder left
 // counts as acquired), looking between steps whether the pair of pipes the listener keeps
 // waiting stands free. `waited_ms` is the time spent.
 mutex_wait wait_connecting(mutex& connecting, const std::string& pipe_path, int limit_ms, int& waited_ms) {
@@ -125,7 +126,7 @@ mutex_wait wait_connecting(mutex& connecting, const std::string& pipe_path, int 
         const ULONGLONG now = GetTickCount64();
         waited_ms = static_cast<int>(now - start);
         if (waited_ms >= limit_ms) return mutex_wait::timed_out;
-        const int step = limit_ms - waited_ms < connect_retry_ms ? limit_ms - waited_ms : connect_retry_ms;
+        const int step = limit_ms - waited_ms < connecting_step_ms ? limit_ms - waited_ms : connecting_step_ms;
         const int r = connecting.acquire_step(static_cast<DWORD>(step));
         if (r == 0) return mutex_wait::acquired;
         if (r < 0) return mutex_wait::failed;
