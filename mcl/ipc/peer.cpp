@@ -516,6 +516,8 @@ void ipc_peer::serve_until(HANDLE stop) {
         HANDLE client = nullptr;  // the process holding one pipe of `waiting`
         if (!need_pair) {
             pair_event_.reset();  // before looking: a change after it sets the event again
+            // A signal no pair has accounted for by its deadline accounts for none later.
+            if (signal_deadline != 0 && now >= signal_deadline) signals.forget_early();
             const pair_verdict verdict = examine(*waiting, now, half_since, signal_deadline);
             if (verdict == pair_verdict::taken) {
                 // Served from now on: the next client gets the next pair at once, whether this
