@@ -125,7 +125,8 @@ mutex_wait wait_connecting(mutex& connecting, const std::string& pipe_path, int 
     for (;;) {
         const ULONGLONG now = GetTickCount64();
         waited_ms = static_cast<int>(now - start);
-        if (waited_ms >= limit_ms) return mutex_wait::timed_out;
+        // The last look is the plain acquire, with its time-out line.
+        if (waited_ms >= limit_ms) return connecting.acquire(0) == 0 ? mutex_wait::acquired : mutex_wait::timed_out;
         const int step = limit_ms - waited_ms < connecting_step_ms ? limit_ms - waited_ms : connecting_step_ms;
         const int r = connecting.acquire_step(static_cast<DWORD>(step));
         if (r == 0) return mutex_wait::acquired;
