@@ -13,6 +13,11 @@
 // connections that each send one 3,000-byte request of an unknown identifier and never read
 // the reply, 200 that announce 64 MiB frames; then the time from the stop control to the
 // service manager reporting the service stopped.
+//   ipc_abuse_bench.exe handshake [ROUNDS]
+// Clients stopped in their handshake (nv_ipc_helper stall) in front of a listener: killed after
+// opening the pipes and before signalling, killed holding the connecting mutex, or hung holding
+// it, after opening the pipes or before; after each, the time an mcl::ipc_peer client takes to
+// connect. ROUNDS (5) of each; prints the worst.
 #include <windows.h>
 
 #include <psapi.h>
@@ -20,10 +25,12 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string>
 
 #include "bench/clock.h"
 #include "mcl/event.h"
+#include "mcl/ipc/peer.h"
 #include "tests/helpers/process.h"
 
 namespace {
@@ -123,10 +130,66 @@ int run_service(int argc, char** argv) {
     return stopped ? 0 : 1;
 }
 
+// The time a client takes to connect to `name` behind a client stopped in its handshake at
+// `stage` ("pipes" or "mutex"), killed there or left hanging; -1 when it failed.
+double connect_behind(const std::string& helper, const std::string& name, const char* stage, bool kill) {
+    nv_test::child staller =
+        nv_test::start("\"" + helper + "\" stall " + name + " nul " + stage + " 60000", /*capture_output=*/true);
+    wait_ready(staller);
+    if (kill) {
+        staller.kill();
+        (void)staller.wait(10000);
+    }
+    mcl::ipc_peer client("", nullptr);
+    const double start = now_ms();
+    const bool connected = client.connect(name.c_str(), 10000);
+    const double took = now_ms() - start;
+    client.close();
+    staller.kill();
+    return connected ? took : -1;
+}
+
+int run_handshake(int argc, char** argv) {
+    const int rounds = argc > 2 ? atoi(argv[2]) : 5;
+    const std::string helper = nv_test::bin_dir() + "nv_ipc_helper.exe";
+    const std::string name = nv_test::unique_name("nv_handshake_bench");
+    const std::string stop_name = "Global\\" + name + "_stop";
+    mcl::event stop;
+    if (stop.create(stop_name.c_str()) != 0) return 1;
+    nv_test::child server = nv_test::start("\"" + helper + "\" server " + name + " nul " + stop_name);
+    {
+        mcl::ipc_peer probe("", nullptr);  // the listener is up
+        if (!probe.connect(name.c_str(), 30000)) return 1;
+    }
+    struct {
+        const char* figure;
+        const char* stage;
+        bool kill;
+    } const cases[] = {{"connect_after_killed_client", "pipes", true},
+                       {"connect_after_client_killed_holding_mutex", "mutex", true},
+                       {"connect_after_hung_client", "pipes", false},
+                       {"connect_after_client_hung_holding_mutex", "mutex", false}};
+    int failed = 0;
+    for (const auto& c : cases) {
+        double worst = 0;
+        for (int i = 0; i < rounds; ++i) {
+            const double took = connect_behind(helper, name, c.stage, c.kill);
+            if (took < 0) ++failed;
+            if (took > worst) worst = took;
+        }
+        printf("%s: %.1f ms (worst of %d; target: under 200)\n", c.figure, worst, rounds);
+    }
+    printf("handshake_connects_failed: %d of %d\n", failed, rounds * static_cast<int>(std::size(cases)));
+    stop.set();
+    (void)server.wait(30000);
+    return failed == 0 ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc > 1 && strcmp(argv[1], "service") == 0) return run_service(argc, argv);
+    if (argc > 1 && strcmp(argv[1], "handshake") == 0) return run_handshake(argc, argv);
     const bool smoke = argc > 1 && strcmp(argv[1], "smoke") == 0;
     const int announcing = smoke ? 20 : argc > 1 ? atoi(argv[1]) : 200;
     const int never_reading = smoke ? 5 : argc > 2 ? atoi(argv[2]) : 50;

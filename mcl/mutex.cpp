@@ -97,6 +97,21 @@ int mutex::acquire(DWORD milliseconds) {
     }
 }
 
+int mutex::acquire_step(DWORD milliseconds) {
+    if (handle_ == nullptr) return -3;
+    if (acquired_) return 0;
+    const DWORD r = WaitForSingleObject(handle_, milliseconds);
+    if (r == WAIT_TIMEOUT) return 1;
+    if (r == WAIT_OBJECT_0 || r == WAIT_ABANDONED) {
+        acquired_ = true;
+        return 0;
+    }
+    const DWORD err = GetLastError();
+    NV_LOG("mcl::mutex::acquire", "Failed to accquire the mutex, error [%d:%s]", static_cast<int>(err),
+           error_text(err).c_str());
+    return -1;
+}
+
 int mutex::release() {
     if (handle_ == nullptr) return -3;
     if (!acquired_) return 0;

@@ -27,6 +27,10 @@ public:
     [[nodiscard]] int create(const char* name, const bool* inherit, PSECURITY_DESCRIPTOR security = nullptr);
     [[nodiscard]] int open(const char* name);
     [[nodiscard]] int acquire(DWORD milliseconds);
+    // Waits like acquire, for callers that wait in steps: a time-out gives 1 without a log line,
+    // and a mutex whose owner ended without releasing it is taken over (0), for a mutex that
+    // only orders its holders and guards nothing a dead one could have left half done.
+    [[nodiscard]] int acquire_step(DWORD milliseconds);
     [[nodiscard]] int release();
     void close();
 

@@ -468,7 +468,11 @@ ipc_connection::pair_state ipc_connection::half_connected(ipc_channel::direction
     scoped_lock guard(pair_lock_);
     if (state_ != pair_state::waiting) return state_;
     connected_halves_ |= 1u << half;
-    if (connected_halves_ != 3) return pair_state::waiting;
+    if (connected_halves_ != 3) {
+        open_first_client(half);
+        notify_watcher();
+        return pair_state::waiting;
+    }
     // Both pipes are open here: a channel is closed only after its pair has ended.
     ULONG reads = 0;   // the client writing into "_INBOND", whose frames this end reads
     ULONG writes = 0;  // the client reading "_OUTBOUND", which gets this end's replies
@@ -491,6 +495,20 @@ ipc_connection::pair_state ipc_connection::half_connected(ipc_channel::direction
     // The other half's thread waits for this verdict; this thread goes on by itself.
     (half == ipc_channel::read_direction ? static_cast<ipc_channel&>(writer_) : reader_).wake();
     return state_;
+}
+
+void ipc_connection::open_first_client(ipc_channel::direction_type half) {
+    if (first_client_process_) return;
+    const ipc_channel& channel = half == ipc_channel::read_direction ? static_cast<const ipc_channel&>(reader_) : writer_;
+    ULONG pid = 0;
+    // Without it the accept loop falls back on its own checks.
+    if (!channel.is_open() || !GetNamedPipeClientProcessId(channel.pipe_handle(), &pid) || pid == 0) return;
+    first_client_process_.reset(OpenProcess(SYNCHRONIZE, FALSE, pid));
+    if (!first_client_process_) {
+        first_client_gone_ = GetLastError() == ERROR_INVALID_PARAMETER;  // no process has that id now
+        return;
+    }
+    first_client_ = first_client_process_.get();
 }
 
 void ipc_connection::end_pair() {

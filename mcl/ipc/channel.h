@@ -214,10 +214,17 @@ public:
     // Listening end, the I/O thread of `half`, once that half's client has come. When both
     // halves have come, compares the client processes of the two pipes: the same process
     // verifies the pair; two processes, or one the system will not tell, end it (logged), so
-    // that no frame of one client is read or written on a pipe another client holds.
+    // that no frame of one client is read or written on a pipe another client holds. The first
+    // half's client process is opened, so that the accept loop learns at once when it ends.
     pair_state half_connected(ipc_channel::direction_type half);
     pair_state state() const { return state_.load(); }
     bool ended() const { return state_.load() == pair_state::ended; }
+    // Listening end, once the first half's client has come: that process (SYNCHRONIZE), which
+    // is signalled when it ends; null before, or when the system would not tell. Any thread;
+    // valid while the connection lives.
+    HANDLE first_client() const { return first_client_.load(); }
+    // True when the first half's client had already ended when it was looked for.
+    bool first_client_gone() const { return first_client_gone_.load(); }
     // Ends the pair and wakes both I/O threads, which then close their halves. Any thread.
     void end_pair();
     // The accept loop: asks the I/O threads to decide now; a half whose client has not come
@@ -249,7 +256,11 @@ private:
     std::atomic<unsigned> closed_halves_{0};
     std::atomic<bool> settle_requested_{false};
     std::atomic<HANDLE> watcher_{nullptr};
+    mswin::unique_kernel_handle first_client_process_;  // set once, under pair_lock_
+    std::atomic<HANDLE> first_client_{nullptr};
+    std::atomic<bool> first_client_gone_{false};
     void notify_watcher() const;
+    void open_first_client(ipc_channel::direction_type half);
 };
 
 }  // namespace mcl

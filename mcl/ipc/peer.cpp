@@ -1,6 +1,7 @@
 #include "mcl/ipc/peer.h"
 
 #include <algorithm>
+#include <deque>
 
 #include "mcl/error_text.h"
 #include "mcl/log.h"
@@ -19,6 +20,72 @@ constexpr DWORD accept_retry_last_ms = 5000;
 constexpr DWORD unsignalled_check_ms = 500;
 // How long the accept loop waits for the I/O threads to settle a pair before it makes the next.
 constexpr DWORD settle_wait_ms = 5000;
+// A live client holding one pipe of the waiting pair without the other this long is ended.
+constexpr ULONGLONG half_taken_ms = 2 * unsignalled_check_ms;
+// After a signal that no pair taken accounts for, how long the waiting pair may still become
+// whole before what a client holds of it alone is closed.
+constexpr ULONGLONG signal_grace_ms = 200;
+// A client that took a pair whole and has not signalled this long is logged; its pair is kept
+// this much longer for a late signal to be matched to.
+constexpr ULONGLONG silent_after_ms = 2 * unsignalled_check_ms;
+constexpr ULONGLONG silent_kept_ms = 30000;
+
+DWORD remaining_ms(ULONGLONG now, ULONGLONG deadline) {
+    return deadline > now ? static_cast<DWORD>(deadline - now) : 0;
+}
+
+// The accept loop's account of the connected event: every client signals it once after
+// opening the pipes, however that went. Pairs taken whole are matched to signals, the latest
+// first (a slow client's late signal then finds an older pair still open to it), so that a
+// client that never signals is logged and a signal no pair accounts for is known.
+class signal_ledger {
+public:
+    void pair_taken(ULONGLONG now) {
+        if (early_ > 0) {  // its signal came before the pair was seen taken
+            --early_;
+            return;
+        }
+        if (pairs_.size() >= max_kept) pairs_.pop_front();
+        pairs_.push_back({now, false});
+    }
+    // False when no pair taken accounts for the signal; the next pair taken is then its own.
+    bool signalled() {
+        if (!pairs_.empty()) {
+            pairs_.pop_back();
+            return true;
+        }
+        ++early_;
+        return false;
+    }
+    void forget_early() { early_ = 0; }
+    // Logs each pair whose client has not signalled within silent_after_ms, once; returns how
+    // long until the next is due (at most unsignalled_check_ms).
+    DWORD log_silent(ULONGLONG now) {
+        while (!pairs_.empty() && now - pairs_.front().taken >= silent_kept_ms) pairs_.pop_front();
+        DWORD next = unsignalled_check_ms;
+        for (auto& p : pairs_) {
+            if (p.logged) continue;
+            const ULONGLONG due = p.taken + silent_after_ms;
+            if (now < due) {
+                next = (std::min)(next, remaining_ms(now, due));
+                break;  // the later ones are younger
+            }
+            p.logged = true;
+            NV_LOG("mcl::ipc_peer::serve_until",
+                   "A client opened the waiting pipes without signalling the connected event, make the next pair");
+        }
+        return next;
+    }
+
+private:
+    static constexpr size_t max_kept = 1024;
+    struct taken_pair {
+        ULONGLONG taken;
+        bool logged;
+    };
+    std::deque<taken_pair> pairs_;
+    int early_ = 0;
+};
 
 // Erases every entry of a (connection, sequence)-keyed table that belongs to `connection`.
 template <typename Map>
@@ -39,6 +106,43 @@ bool guarded(const char* function, const char* what, Body body) {
         NV_LOG(function, "%s failed with an exception", what);
     }
     return false;
+}
+
+// How long the listener's waiting pipes may stand free while another client holds the
+// connecting mutex before a client stops waiting for it: an honest holder opens them at once.
+constexpr ULONGLONG stalled_holder_ms = 100;
+constexpr int connecting_step_ms = 25;
+
+enum class mutex_wait { acquired, timed_out, stalled, failed };
+
+// Waits up to `limit_ms` for the connecting mutex in 25 ms steps (a mutex its dead holder left
+// counts as acquired), looking between steps whether the pair of pipes the listener keeps
+// waiting stands free. `waited_ms` is the time spent.
+mutex_wait wait_connecting(mutex& connecting, const std::string& pipe_path, int limit_ms, int& waited_ms) {
+    const std::string first_pipe = pipe_path + "_OUTBOUND";  // what a client opens first
+    const ULONGLONG start = GetTickCount64();
+    ULONGLONG free_since = 0;
+    for (;;) {
+        const ULONGLONG now = GetTickCount64();
+        waited_ms = static_cast<int>(now - start);
+        // The last look is the plain acquire, with its time-out line.
+        if (waited_ms >= limit_ms) return connecting.acquire(0) == 0 ? mutex_wait::acquired : mutex_wait::timed_out;
+        const int step = limit_ms - waited_ms < connecting_step_ms ? limit_ms - waited_ms : connecting_step_ms;
+        const int r = connecting.acquire_step(static_cast<DWORD>(step));
+        if (r == 0) return mutex_wait::acquired;
+        if (r < 0) return mutex_wait::failed;
+        // Free now: an instance would be handed over at once.
+        if (!WaitNamedPipeA(first_pipe.c_str(), 1)) {
+            free_since = 0;
+            continue;
+        }
+        const ULONGLONG seen = GetTickCount64();
+        if (free_since == 0) free_since = seen;
+        if (seen - free_since >= stalled_holder_ms) {
+            waited_ms = static_cast<int>(seen - start);
+            return mutex_wait::stalled;
+        }
+    }
 }
 
 // Turns a whole frame into its payload in place, without a second buffer.
@@ -281,17 +385,30 @@ bool ipc_peer::connect(const char* name, int timeout_ms, const server_check& che
         return false;
     }
     // The mutex only keeps honest clients from taking pipes of the same pair: whoever holds it
-    // longer than connecting_wait_ms is not one, and the client goes on without it.
-    if (opened && remaining <= connecting_wait_ms && connecting.acquire(static_cast<DWORD>(remaining)) != 0) {
-        NV_LOG("mcl::ipc_peer::connect", "Failed to acquire the pipe[%s] connecting mutex within %d milli-seconds", name,
-               remaining);
-        return false;
-    }
-    if (opened && !connecting.acquired() && connecting.acquire(connecting_wait_ms) != 0) {
-        remaining -= connecting_wait_ms;
-        NV_LOG("mcl::ipc_peer::connect",
-               "The pipe[%s] connecting mutex was not acquired within %d milli-seconds, open the pipes without it", name,
-               connecting_wait_ms);
+    // longer than connecting_wait_ms, or while the pair it is for stands free, is not one, and
+    // the client goes on without it.
+    if (opened) {
+        const bool short_wait = remaining <= connecting_wait_ms;
+        int waited = 0;
+        const mutex_wait w =
+            wait_connecting(connecting, pipe_path, short_wait ? remaining : connecting_wait_ms, waited);
+        if (w == mutex_wait::failed || (w == mutex_wait::timed_out && short_wait)) {
+            NV_LOG("mcl::ipc_peer::connect", "Failed to acquire the pipe[%s] connecting mutex within %d milli-seconds",
+                   name, remaining);
+            return false;
+        }
+        if (w == mutex_wait::timed_out) {
+            remaining -= connecting_wait_ms;
+            NV_LOG("mcl::ipc_peer::connect",
+                   "The pipe[%s] connecting mutex was not acquired within %d milli-seconds, open the pipes without it",
+                   name, connecting_wait_ms);
+        } else if (w == mutex_wait::stalled) {
+            remaining -= waited;
+            NV_LOG("mcl::ipc_peer::connect",
+                   "The pipe[%s] connecting mutex is held while the waiting pipes stay free for %d milli-seconds, open "
+                   "the pipes without it",
+                   name, static_cast<int>(stalled_holder_ms));
+        }
     }
     if (refused)
         NV_LOG("mcl::ipc_peer::connect", "The pipe[%s] connecting mutex may not be opened, open the pipes without it",
@@ -305,9 +422,9 @@ bool ipc_peer::connect(const char* name, int timeout_ms, const server_check& che
         (void)connecting.release();
         return false;
     }
-    // The listener makes the next pair of pipes only after the previous client's signal (or,
-    // at its start, after it made the mutex): while there is none yet, try again in 50 ms
-    // steps within the time-out, still holding the mutex.
+    // The listener makes the next pair of pipes once the previous one is taken (or, at its
+    // start, after it made the mutex): while there is none yet, try again in 50 ms steps within
+    // the time-out, still holding the mutex.
     // A listener that has no pair waiting (it failed to make one and tries again later) is not
     // waited for longer than a pipe's own default time-out, whatever the caller's.
     share_ptr<ipc_connection> connection;
@@ -373,19 +490,17 @@ void ipc_peer::serve_until(HANDLE stop) {
     bool first_pair = true;  // made only where no other process has an instance of the name
     DWORD retry_ms = accept_retry_first_ms;
     share_ptr<ipc_connection> waiting;  // the pair made for the next client
-    int silent_checks = 0;              // checks that found `waiting` taken whole without a signal
-    int half_checks = 0;                // checks that found one pipe of `waiting` taken alone
+    signal_ledger signals;
+    ULONGLONG half_since = 0;       // when `waiting` was first seen taken in part
+    ULONGLONG signal_deadline = 0;  // after a signal no taken pair accounts for: `waiting` is settled then
     for (;;) {
-        // A client that opens both pipes and never signals would leave nobody a pair to open:
-        // the loop looks at the waiting pair now and then and makes the next pair once it has
-        // seen the pair taken twice in a row.
         DWORD timeout = unsignalled_check_ms;
         if (need_pair) {
             if (waiting) waiting->watch(nullptr);
             pair_event_.reset();
             waiting = new_listen_connection(pipe_path.c_str(), first_pair, pair_event_.get());
-            silent_checks = 0;
-            half_checks = 0;
+            half_since = 0;
+            signal_deadline = 0;
             if (waiting) {
                 first_pair = false;
                 need_pair = false;
@@ -397,15 +512,41 @@ void ipc_peer::serve_until(HANDLE stop) {
                 retry_ms = retry_ms * 2 > accept_retry_last_ms ? accept_retry_last_ms : retry_ms * 2;
             }
         }
-        HANDLE handles[3];
+        const ULONGLONG now = GetTickCount64();
+        timeout = (std::min)(timeout, signals.log_silent(now));
+        HANDLE client = nullptr;  // the process holding one pipe of `waiting`
+        if (!need_pair) {
+            pair_event_.reset();  // before looking: a change after it sets the event again
+            // A signal no pair has accounted for by its deadline accounts for none later.
+            if (signal_deadline != 0 && now >= signal_deadline) signals.forget_early();
+            const pair_verdict verdict = examine(*waiting, now, half_since, signal_deadline);
+            if (verdict == pair_verdict::taken) {
+                // Served from now on: the next client gets the next pair at once, whether this
+                // one signals or not, and its signal (when it comes) is matched to it.
+                if (connected_event_.valid()) signals.pair_taken(now);
+                need_pair = true;
+                continue;
+            }
+            if (verdict == pair_verdict::settle) {
+                signals.forget_early();
+                if (!settle(waiting, stop)) break;
+                need_pair = true;
+                continue;
+            }
+            if (half_since != 0) {
+                client = waiting->first_client();
+                timeout = (std::min)(timeout, remaining_ms(now, half_since + half_taken_ms));
+            }
+            if (signal_deadline != 0) timeout = (std::min)(timeout, remaining_ms(now, signal_deadline));
+        }
+        HANDLE handles[4];
         DWORD count = 0;
         if (stop != nullptr) handles[count++] = stop;
         const bool wait_connected = !need_pair && connected_event_.valid();
         if (wait_connected) handles[count++] = connected_event_.get();
-        // The I/O threads end a pair whose pipes two clients took: make the next one at once.
-        const bool wait_pair =
-            !need_pair && pair_event_.valid() && waiting->state() != ipc_connection::pair_state::verified;
-        if (wait_pair) handles[count++] = pair_event_.get();
+        const DWORD connected_index = WAIT_OBJECT_0 + count - 1;
+        if (!need_pair && pair_event_.valid()) handles[count++] = pair_event_.get();
+        if (client != nullptr) handles[count++] = client;
         const DWORD r = count == 0 ? SleepEx(timeout, TRUE)
                                    : WaitForMultipleObjectsEx(count, handles, FALSE, timeout, TRUE);
         if (stop != nullptr && r == WAIT_OBJECT_0) break;
@@ -417,45 +558,47 @@ void ipc_peer::serve_until(HANDLE stop) {
             Sleep(accept_retry_first_ms);  // never spin on a broken wait
             continue;
         }
-        const DWORD connected_index = WAIT_OBJECT_0 + (stop != nullptr ? 1 : 0);
         if (wait_connected && r == connected_index) {
             connected_event_.reset();
-            // The client that signalled took the pair, or what of it it could: a half it left
-            // free is closed before the next pair exists, so no later client can open it.
-            if (!settle(waiting, stop)) break;
-            need_pair = true;
+            // A signal that no pair taken before accounts for comes from a client that took
+            // what it could of the waiting pair, or nothing: whatever it holds alone is closed
+            // soon, unless the pair is seen taken whole first (its I/O threads are behind).
+            if (!signals.signalled() && signal_deadline == 0) signal_deadline = GetTickCount64() + signal_grace_ms;
             continue;
         }
-        if (wait_pair && r == WAIT_OBJECT_0 + count - 1) {
-            pair_event_.reset();
-            // Without a connected event no client signals: a pair taken whole is followed at once.
-            if (!connected_event_.valid() && waiting->state() == ipc_connection::pair_state::verified) need_pair = true;
-            if (!waiting->ended()) continue;
-            if (!settle(waiting, stop)) break;
-            need_pair = true;
-            continue;
-        }
-        const bool timed_out = count == 0 ? r == 0 : r == WAIT_TIMEOUT;
-        if (!timed_out || need_pair || !waiting) continue;
-        const bool reader = waiting->reader().connected();
-        const bool writer = waiting->writer().connected();
-        const auto state = waiting->state();
-        silent_checks = state == ipc_connection::pair_state::verified ? silent_checks + 1 : 0;
-        half_checks = state == ipc_connection::pair_state::waiting && reader != writer ? half_checks + 1 : 0;
-        if (silent_checks >= 2) {
-            NV_LOG("mcl::ipc_peer::serve_until",
-                   "A client opened the waiting pipes without signalling the connected event, make the next pair");
-            need_pair = true;
-        } else if (half_checks >= 2) {
-            NV_LOG("mcl::ipc_peer::serve_until",
-                   "A client holds one pipe of the waiting pair without the other and did not signal, end the pair");
-            if (!settle(waiting, stop)) break;
-            need_pair = true;
-        }
+        // The pair's state changed, its lone client ended, or a deadline came: the next pass
+        // looks at the pair again.
     }
     if (waiting) waiting->watch(nullptr);
     waiting = share_ptr<ipc_connection>();
     shutdown();
+}
+
+ipc_peer::pair_verdict ipc_peer::examine(ipc_connection& pair, ULONGLONG now, ULONGLONG& half_since,
+                                         ULONGLONG& signal_deadline) {
+    const auto state = pair.state();
+    if (state == ipc_connection::pair_state::verified) return pair_verdict::taken;
+    if (state == ipc_connection::pair_state::ended) return pair_verdict::settle;
+    // Both halves connected and no verdict yet: it follows at once on an I/O thread.
+    const bool half = pair.reader().connected() != pair.writer().connected();
+    if (!half) {
+        half_since = 0;
+        // A signal whose client took nothing: there is nothing to close.
+        if (signal_deadline != 0 && now >= signal_deadline) signal_deadline = 0;
+        return pair_verdict::wait;
+    }
+    if (half_since == 0) half_since = now;
+    const HANDLE client = pair.first_client();
+    // The client holding one pipe ended: the pair can never be whole.
+    if (pair.first_client_gone() || (client != nullptr && WaitForSingleObject(client, 0) == WAIT_OBJECT_0))
+        return pair_verdict::settle;
+    if (signal_deadline != 0 && now >= signal_deadline) return pair_verdict::settle;
+    if (now - half_since >= half_taken_ms) {
+        NV_LOG("mcl::ipc_peer::serve_until",
+               "A client holds one pipe of the waiting pair without the other and did not signal, end the pair");
+        return pair_verdict::settle;
+    }
+    return pair_verdict::wait;
 }
 
 bool ipc_peer::settle(share_ptr<ipc_connection>& waiting, HANDLE stop) {

@@ -108,8 +108,10 @@ public:
     // Listening side, the accept loop: setup(true), then keeps one listening pair of pipes
     // waiting for the next client (a failed pair is tried again after 50 ms, doubling up to
     // 5 s) until `stop` is signalled; then shutdown(). The calling thread. A pair is served
-    // only when one client process holds both its pipes; one that a client took only in part
-    // (seen at its signal, or twice by the 500 ms check) is closed before the next is made.
+    // only when one client process holds both its pipes, and the next pair is made as soon as
+    // that is known, whether its client signals the connected event or not. A pair that a client
+    // took only in part is closed before the next is made: at once when that client has ended,
+    // soon after a signal no taken pair accounts for, or after a second of waiting.
     void serve_until(HANDLE stop);
     // Decides whether the process serving a freshly opened connection is the one the caller
     // means to talk to; called before anything is sent or read on it.
@@ -118,7 +120,10 @@ public:
     // With `check`, a connection it refuses is closed unused and connect fails.
     // The connecting mutex is waited for at most connecting_wait_ms when the time-out leaves
     // more: a process that holds it (or made it so that clients may not open it) delays a
-    // client by that much, and the client then opens the pipes without it (logged).
+    // client by that much, and the client then opens the pipes without it (logged). A holder
+    // that leaves the listener's waiting pipes free for a moment is not opening them: the client
+    // goes on without the mutex then too. One that ended without releasing it left it to the
+    // next client.
     virtual bool connect(const char* name, int timeout_ms, const server_check& check = nullptr);
     static constexpr int connecting_wait_ms = 2000;
     // Drops one connection; a send waiting on it ends at once.
@@ -218,6 +223,13 @@ protected:
     // half taken or ended: asks the I/O threads to decide and waits (bounded) until the pair is
     // verified or both its pipes are closed. Drops `waiting`. False when `stop` came first.
     bool settle(share_ptr<ipc_connection>& waiting, HANDLE stop);
+    // What the accept loop does next with its waiting pair: wait on it, follow it with the
+    // next pair (taken whole), or settle it (ended, or taken in part by a client that ended,
+    // signalled or waited too long; logged where the pair does not say why).
+    enum class pair_verdict { wait, taken, settle };
+    // `half_since`: when the pair was first seen taken in part (0: not); `signal_deadline`: when
+    // a signal no taken pair accounts for settles a pair taken in part (0: none).
+    static pair_verdict examine(ipc_connection& pair, ULONGLONG now, ULONGLONG& half_since, ULONGLONG& signal_deadline);
     // Adds a connection to the list and to a wait group with room. Caller holds the list lock.
     void add_connection_locked(const share_ptr<ipc_connection>& connection);
 

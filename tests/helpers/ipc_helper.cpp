@@ -13,6 +13,11 @@
 //       one client that writes 60 KiB replies nobody asked for, as fast as the listener reads
 //       them, for SECONDS without reading; prints "ready" after the first, then "sent N" (how
 //       many went) and exits 0, or 4 when the listener ended the connection meanwhile.
+//   nv_ipc_helper stall NAME LOG STAGE MS
+//       a client that stops in its handshake: with STAGE "mutex" it takes the connecting mutex,
+//       prints "ready" and sleeps MS without releasing it; with "pipes" it also opens both
+//       pipes, prints "ready", sleeps MS, then signals, releases the mutex, sends an echo
+//       request and prints "answered" when its reply comes ("unanswered" otherwise).
 // Exit codes: 0 success, 2 usage, 3 connect failed, 4 the flood's connection was ended.
 #include <windows.h>
 
@@ -162,11 +167,34 @@ int run_half(const char* name, const char* suffix, bool signal, const char* even
     return 0;
 }
 
+int run_stall(const char* name, const char* stage, DWORD ms) {
+    auto ready = [ms] {
+        printf("ready\n");
+        fflush(stdout);
+        Sleep(ms);
+    };
+    if (strcmp(stage, "mutex") == 0) {
+        HANDLE mutex = OpenMutexA(SYNCHRONIZE, FALSE, ("Global\\" + std::string(name) + "_MTX_CONNECTING").c_str());
+        if (mutex == nullptr || WaitForSingleObject(mutex, 10000) != WAIT_OBJECT_0) return 3;
+        ready();
+        return 0;  // the mutex goes with the process
+    }
+    nv_test::raw_client c;
+    c.on_pipes_open = ready;
+    if (!c.connect(name)) return 3;
+    const auto request = frame_of(mcl::frame_kind::request, nv_test::msg_echo, 1, 8);
+    std::vector<unsigned char> reply;
+    const bool answered = c.write(request) && c.read(static_cast<uint32_t>(request.size()), reply) &&
+                          reply.size() == request.size() && reply[0] == static_cast<unsigned char>(mcl::frame_kind::response);
+    printf(answered ? "answered\n" : "unanswered\n");
+    return 0;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc < 5) {
-        fprintf(stderr, "nv_ipc_helper: usage: server|half|abuse|flood NAME LOG ...\n");
+        fprintf(stderr, "nv_ipc_helper: usage: server|half|abuse|flood|stall NAME LOG ...\n");
         return 2;
     }
     the_log().open(argv[3], true);
@@ -176,5 +204,6 @@ int main(int argc, char** argv) {
         return run_half(argv[2], argv[4], strcmp(argv[5], "1") == 0, argv[6], argc > 7 && strcmp(argv[7], "exit") == 0);
     if (strcmp(argv[1], "abuse") == 0 && argc >= 9) return run_abuse(argv[2], argv + 4);
     if (strcmp(argv[1], "flood") == 0) return run_flood(argv[2], atoi(argv[4]));
+    if (strcmp(argv[1], "stall") == 0 && argc >= 6) return run_stall(argv[2], argv[4], strtoul(argv[5], nullptr, 10));
     return 2;
 }

@@ -83,6 +83,7 @@ bool raw_client::connect_half(const std::string& name, const std::string& suffix
         if (suffix != "_OUTBOUND") out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
         if (in_ == INVALID_HANDLE_VALUE) in_ = nullptr;
         if (out_ == INVALID_HANDLE_VALUE) out_ = nullptr;
+        if (on_pipes_open) on_pipes_open();
         HANDLE connected = OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str());
         ok = (in_ != nullptr || suffix == "_INBOND") && (out_ != nullptr || suffix == "_OUTBOUND") && connected != nullptr;
         if (connected != nullptr) {

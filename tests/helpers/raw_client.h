@@ -6,6 +6,7 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -49,6 +50,10 @@ public:
     // Reads exactly n bytes; false when the pipe ends first.
     bool read(uint32_t n, std::vector<unsigned char>& bytes);
     void close();
+
+    // Called by connect once the pipes are open, holding the mutex, before the signal: a slow
+    // client's pause, or a point to be killed at.
+    std::function<void()> on_pipes_open;
 
 private:
     HANDLE in_ = nullptr;   // the listener's "_OUTBOUND"

@@ -377,8 +377,10 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
         EXPECT_EQ(0u, hostile.wait(30000));
         EXPECT_EQ("received 0", first_line(hostile));
         EXPECT_TRUE(!c.exit_on_other_half || other_half.wait(30000) == 0);
-        const std::string log = server.log();
+        std::string log = server.log();
         if (c.line != nullptr) {
+            // The silent client is logged a second after it took the pair, whoever came after it.
+            for (int i = 0; i < 100 && nv_test::count_of(log, c.line) == 0; ++i, log = server.log()) Sleep(100);
             EXPECT_EQ(1u, nv_test::count_of(log, c.line)) << log;
         } else {
             EXPECT_TRUE(log.find("pipe of the waiting pair has no client, end the pair") != std::string::npos ||
@@ -386,6 +388,36 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
                         log.find("without the other and did not signal, end the pair") != std::string::npos)
                 << log;
         }
+    }
+}
+
+// A client killed while it holds the connecting mutex, or after opening the pipes and before
+// its signal, and one that pauses there for 1.5 s and then goes on: the next client connects and
+// is answered meanwhile, and the slow one is answered too.
+TEST(IpcPeer, AClientKilledOrSlowInItsHandshakeLeavesTheNextOneServed) {
+    struct {
+        const char* stage;
+        bool kill;
+    } const cases[] = {{"mutex", true}, {"pipes", true}, {"pipes", false}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(std::string(c.stage) + (c.kill ? " killed" : " slow"));
+        server_process server;
+        client first;  // the listener is up
+        ASSERT_TRUE(first.connect(server.name) && first.echo("first"));
+        nv_test::child staller = nv_test::start_ipc_helper("stall", server.name, std::string(c.stage) + " 1500");
+        ASSERT_EQ("ready", first_line(staller));
+        if (c.kill) staller.kill();
+        const ULONGLONG start = GetTickCount64();
+        nv_test::log_capture log;
+        client next;
+        EXPECT_TRUE(next.peer.connect(server.name.c_str(), 10000) && next.echo("next"));
+        EXPECT_LT(GetTickCount64() - start, 10000u) << "a hang, not a timing";
+        // A mutex its dead holder left is the next client's.
+        EXPECT_TRUE(!c.kill || !log.contains("connecting mutex")) << log.text();
+        if (!c.kill) {
+            EXPECT_EQ("answered", first_line(staller));
+        }
+        EXPECT_TRUE(first.echo("first again"));
     }
 }
 
