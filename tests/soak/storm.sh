@@ -3,10 +3,10 @@
 # CLIENTS concurrent clients for SECONDS (nv_storm.exe: valid requests of every kind, random
 # payloads and identifiers, hang-ups and kills in mid-request) while the simulator unloads and
 # reloads the driver every 2-6 s and injects IRP denials; then the checks nv_storm prints.
-# Then, KILLS times, the service is killed with taskkill /f at a random moment of a second,
-# shorter storm and started again: each time it must answer, load its persisted lists and leave
-# no protected storm key without the record of its original DACL and no storm file neither at its
-# place nor quarantined. Prints "name: value unit" lines.
+# Then, KILLS times, the service is killed (its process ended, as taskkill /f does) at a random
+# moment of a second, shorter storm and started again: each time it must answer, load its
+# persisted lists and leave no protected storm key without the record of its original DACL and no
+# storm file neither at its place nor quarantined. Prints "name: value unit" lines.
 #
 # GROWTH_LIMIT: how much, in percent, the service's handles and private bytes may grow after warm-up.
 #
@@ -68,7 +68,7 @@ crash_storm=$!
 restart_total=0
 for k in $(seq 1 "$kills"); do
     sleep "$((1 + RANDOM % 5)).$((RANDOM % 10))"
-    # taskkill /f, a start as soon as the service manager has seen the process end, and the
+    # The kill, a start as soon as the service manager has seen the process end, and the
     # first answers: nv_storm waits on the process and the service's pipe, not in steps.
     run "$storm" restart "$clients" 300
     sed "s/^/kill $k ($(date +%T)): /" "$out"

@@ -10,7 +10,7 @@
 //   nv_storm prepare CLIENTS    (the storm's registry keys, folders and files to quarantine)
 //   nv_storm victim             (a client the storm kills in the middle of its request)
 //   nv_storm restart CLIENTS [SECONDS]
-//                               (taskkill /f of the service, started again, answering, keys and
+//                               (the service's process ended, started again, answering, keys and
 //                               quarantined files checked)
 #include <windows.h>
 
