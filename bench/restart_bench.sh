@@ -44,6 +44,7 @@ for k in $(seq 1 "$kills"); do
     [ "$rc" = 0 ] || fail "kill $k: $(tr -d '\r' <"$out")"
     s=$(tr -d '\r' <"$out" | sed -n 's/^restart_seconds: \([0-9.]*\) s$/\1/p')
     [ -n "$s" ] || { fail "kill $k: no figure"; break; }
+    echo "restart_kill_$k: $s s"
     total=$(awk -v t="$total" -v s="$s" 'BEGIN { print t + s }')
     # Stands in for the service SID, as after every start (see protection_lib.sh).
     run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys

@@ -52,23 +52,24 @@ void chelperservice::loadProtectedService() {
     std::vector<std::string> names;
     (void)mcl::mswin::reg::list_values(protected_services_key, names);
     std::vector<service_rule> rules;
+    std::vector<std::string> automatic;  // enforced once protected
     for (const std::string& name : names) {
         if (name.find('\\') != std::string::npos) continue;  // a service's original DACL, not a service
         NV_LOG(fn, "Read protected service: %s", name.c_str());
-        if (!mcl::mswin::service::is_service_installed(name.c_str())) continue;
+        // One read of the configuration: whether it is installed, and how it starts.
+        mcl::binary_t config;
+        if (!mcl::mswin::service::query_config(name.c_str(), config)) continue;
         rules.push_back(service_rule{true, true, name});
         NV_LOG(fn, "Loading protected service: %s", name.c_str());
+        if (name != mcl::mswin::service::default_name && config.size() >= sizeof(QUERY_SERVICE_CONFIGA) &&
+            reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data())->dwStartType < SERVICE_DEMAND_START)
+            automatic.push_back(name);
     }
     if (rules.empty()) return;
     (void)handle_protect_services(rules);
-    for (const service_rule& rule : rules) {
-        if (rule.name == mcl::mswin::service::default_name) continue;
-        mcl::binary_t config;
-        if (!mcl::mswin::service::query_config(rule.name.c_str(), config) || config.size() < sizeof(QUERY_SERVICE_CONFIGA))
-            continue;
-        if (reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data())->dwStartType >= SERVICE_DEMAND_START) continue;
-        NV_LOG(fn, "Enforce service %s...", rule.name.c_str());
-        enforcement_.add(rule.name);
+    for (const std::string& name : automatic) {
+        NV_LOG(fn, "Enforce service %s...", name.c_str());
+        enforcement_.add(name);
     }
 }
 
