@@ -11,7 +11,7 @@ if [ $# -lt 2 ]; then
     echo "usage: smoke.sh 'FIGURES' PROGRAM [ARGS...]" >&2
     exit 2
 fi
-spec=$1
+figures=$1
 shift
 out=$(mktemp "${TMPDIR:-/tmp}/nv-bench-smoke.XXXXXX")
 trap 'rm -f "$out"' EXIT
@@ -23,7 +23,7 @@ cat "$out"
 
 problems=()
 [ "$rc" = 0 ] || problems+=("$(basename "$1")${2:+ $(basename -- "$2")} exited with $rc")
-eval "wanted=($spec)"
+eval "wanted=($figures)"
 for want in "${wanted[@]}"; do
     name=${want%%=*}
     exact=
