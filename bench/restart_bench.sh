@@ -10,17 +10,11 @@
 set -uo pipefail
 . "$(dirname "$0")/bench_setup.sh"
 . "$src/tests/integration/protection_lib.sh"
+. "$src/tests/soak/storm_setup.sh"
 keys=200 archives=100 kills=10
 [ "$smoke" = 0 ] || keys=20 archives=10 kills=2
-storm=$NV_BIN_DIR/nv_storm.exe
 
-run "$exe" -i install
-for i in 0 1 2 3 4 5 6 7; do
-    run sc create "nvstorm$i" binPath= 'C:\nv\absent.exe' start= demand
-done
-run "$storm" prepare "$keys"
-[ "$rc" = 0 ] || fail "prepare: $(cat "$out")"
-start_service
+storm_setup "$keys"
 
 # The state: every storm key protected in one request, each owned by one of the 8 services.
 for i in 0 1 2 3 4 5 6 7; do call protect-services svc=1 proc=1 name="nvstorm$i"; done

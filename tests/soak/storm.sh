@@ -22,15 +22,9 @@ export NV_STORM_GROWTH_LIMIT=${5:-10}
 export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
 [ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
 . "$here/tests/integration/protection_lib.sh"
+. "$here/tests/soak/storm_setup.sh"
 
-storm=$NV_BIN_DIR/nv_storm.exe
-run "$exe" -i install
-for i in 0 1 2 3 4 5 6 7; do
-    run sc create "nvstorm$i" binPath= 'C:\nv\absent.exe' start= demand
-done
-run "$storm" prepare "$clients"
-[ "$rc" = 0 ] || fail "prepare: $(cat "$out")"
-start_service
+storm_setup "$clients"
 
 # The simulator's churn: the driver unloaded and loaded again, denials injected, until told.
 churn() {
