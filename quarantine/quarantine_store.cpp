@@ -121,9 +121,13 @@ bool quarantine_store::full_access_service_sids(const char* fn, const char* targ
     return true;
 }
 
-void quarantine_store::send_blocking_rule(const std::wstring& path, bool remove) {
-    mcl::mswin::unique_kernel_handle port = driver_.open_port();
-    if (port) driver_.send_folder_rule(port.get(), path, remove, /*block=*/true);
+void quarantine_store::send_blocking_rule(const std::wstring& path, bool remove, HANDLE port) {
+    mcl::mswin::unique_kernel_handle own_port;
+    if (port == nullptr) {
+        own_port = driver_.open_port();
+        port = own_port.get();
+    }
+    if (port != nullptr) driver_.send_folder_rule(port, path, remove, /*block=*/true);
 }
 
 bool quarantine_store::createQuarantineContainer(const std::string& path, const std::vector<std::string>& services) {
@@ -206,7 +210,7 @@ void quarantine_store::loadqQuarantineContainers() {
             continue;
         }
         NV_LOG(fn, "Read quarantine containers: %s", name.c_str());
-        if (port) driver_.send_folder_rule(port.get(), folder_of(name), /*remove=*/false, /*block=*/true);
+        send_blocking_rule(folder_of(name), /*remove=*/false, port.get());
         quarantine_containers_.insert(name);
         (void)mcl::mswin::reg::write_dword(protected_folders_key, name.c_str(), 1);
         if (is_directory(name)) remove_archive_leftovers(name);

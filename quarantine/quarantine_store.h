@@ -146,8 +146,9 @@ public:
 private:
     // Reads the saved descriptors of blocked files back from the registry.
     void loadBlockedFiles();
-    // The driver's blocking rule for `path` added or removed, on a connection of its own.
-    void send_blocking_rule(const std::wstring& path, bool remove);
+    // The driver's blocking rule for `path` added or removed, through `port` when given (a loop
+    // over many rules connects once), else on a connection of its own.
+    void send_blocking_rule(const std::wstring& path, bool remove, HANDLE port = nullptr);
     // The service SIDs that get full access: the own service's SID first, then the SID of each of
     // `services` that has one; a name without one is logged (as from `fn`, with `target` saying
     // what it was for) and skipped. False (logged) when the own SID is missing.
