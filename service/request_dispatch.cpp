@@ -48,7 +48,8 @@ void compatibility_failure(mcl::binary_t& payload) {
 
 // The objects a request touches, added to `keys` from its payload (nothing when it does not
 // decode: its handler then answers the failure). Requests that share a key run in the order
-// they arrived; "service" stands for every "service|<name>".
+// they arrived; "service" stands for every "service|<name>". A list of every container, service
+// or key takes no key: it reads the table as it stands and waits for no other client.
 using keys_fn = void (*)(const mcl::binary_t& payload, std::vector<std::string>& keys);
 
 void container_keys(const std::string& path, std::vector<std::string>& keys) {
@@ -67,18 +68,13 @@ void quarantine_keys(const mcl::binary_t& payload, std::vector<std::string>& key
     container_keys(request.container, keys);
     for (const std::string& path : request.paths) file_key(path, keys);
 }
-void container_list_keys(const mcl::binary_t&, std::vector<std::string>& keys) { keys.push_back("containers"); }
 void create_container_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::create_container_request request;
-    if (!protocol::decode(payload, request)) return;
-    keys.push_back("containers");
-    container_keys(request.path, keys);
+    if (protocol::decode(payload, request)) container_keys(request.path, keys);
 }
 void remove_container_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::remove_container_request request;
-    if (!protocol::decode(payload, request)) return;
-    keys.push_back("containers");
-    container_keys(request.path, keys);
+    if (protocol::decode(payload, request)) container_keys(request.path, keys);
 }
 void container_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::name_request request;
@@ -165,7 +161,7 @@ const request_route routes[] = {
     {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files", status_failure, changes_state, quarantine_keys, runs_on::worker},
     {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container", status_failure, changes_state, remove_container_keys, runs_on::worker},
     {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files", empty_files, reads_only, container_name_keys},
-    {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers", empty_containers, reads_only, container_list_keys},
+    {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers", empty_containers},
     {msg::is_file_quarantined, &chelperservice::is_file_quarantined, "is file quarantined", status_failure},
     {msg::block_file_access, &chelperservice::block_file_access, "block file access", status_failure, changes_state, file_name_keys, runs_on::worker},
     {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", status_failure, changes_state, file_name_keys, runs_on::worker},
