@@ -91,6 +91,16 @@ bool write_tree_dacl(HKEY root, const std::string& path, const mcl::mswin::secur
     return ok;
 }
 
+// Whether root\path has no subkey; false when that cannot be known.
+bool without_subkeys(HKEY root, const std::string& path) {
+    mcl::mswin::unique_reg_key key;
+    DWORD subkeys = 0;
+    return mcl::mswin::reg::open_key(root, path, KEY_QUERY_VALUE, key) == ERROR_SUCCESS &&
+           RegQueryInfoKeyA(key.get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, nullptr, nullptr,
+                            nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
+           subkeys == 0;
+}
+
 // Why a client's entry cannot be protected, or empty: a key that cannot exist, or an owner that
 // the next start would drop at once.
 std::string refusal(const reg_key_entry& entry) {
@@ -226,13 +236,13 @@ void (*regProtector::dacl_write_seam)(HKEY root, const std::string& path) = null
 
 bool regProtector::protect(HKEY root, const std::string& path, const std::vector<std::string>& services,
                            uint32_t level, std::string& original, std::string& current,
-                           const before_write_fn& before_write) {
-    return protect_impl(root, path, services, regkey::others_mask(level), original, current, before_write);
+                           const before_write_fn& before_write, const std::string& applied) {
+    return protect_impl(root, path, services, regkey::others_mask(level), original, current, before_write, applied);
 }
 
 bool regProtector::protect_impl(HKEY root, const std::string& path, const std::vector<std::string>& services,
                                 DWORD others, std::string& original, std::string& current,
-                                const before_write_fn& before_write) {
+                                const before_write_fn& before_write, const std::string& applied) {
     constexpr const char* fn = "regProtector::protect_impl";
     {
         mcl::mswin::unique_reg_key key;
@@ -277,11 +287,20 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
         return false;
     }
     mcl::mswin::unique_heap new_dacl_owner(new_dacl);
+    // What an earlier protect left, entry for entry and flag for flag, and nothing below the key
+    // that the write would reach: writing it again would change nothing.
+    const bool in_place =
+        !applied.empty() && original == applied && old_sd.dacl_equals(new_dacl) && without_subkeys(root, path);
 
     if (before_write && !before_write(original)) {
         NV_LOG(fn, "Original dacl for registry key [%s] could not be recorded, the dacl is left as it is",
                path.c_str());
         return false;
+    }
+    if (in_place) {
+        current = original;
+        NV_LOG(fn, "Current dacl for registry key [%s] : {%s}", path.c_str(), current.c_str());
+        return true;
     }
     if (dacl_write_seam != nullptr) dacl_write_seam(root, path);
     const bool ok = mcl::mswin::reg::set_key_dacl_security(root, path, new_dacl, /*protect=*/true);
@@ -439,7 +458,7 @@ bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry
 }
 
 bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
-                                       bool* unrecorded, HANDLE port) {
+                                       bool* unrecorded, HANDLE port, const std::string& applied) {
     constexpr const char* fn = "chelperservice::protectRegKey";
     if (entry.path.empty()) return false;
     NV_LOG(fn, "Trying to protect reg key (\\\\%llu\\%ls)\n", static_cast<unsigned long long>(entry.root),
@@ -496,7 +515,7 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
         return written_early;
     };
     const bool dacl_ok = regProtector::protect(root, path, services, entry.level, record.original_dacl,
-                                               record.current_dacl, before_write);
+                                               record.current_dacl, before_write, applied);
     if (!kept_original.empty()) record.original_dacl = kept_original;
     if (refused) {
         // Nothing was changed, and nothing may be: without its record the key could not be given
@@ -656,7 +675,9 @@ void reg_key_protection::loadProtectedRegKeys() {
             }
         }
         reg_key_record record;
-        if (!protectRegKey(entry, record, /*persist=*/false, /*unrecorded=*/nullptr, port.get())) continue;
+        // A key left protected (the service ended without its shutdown) keeps its DACL as it is.
+        if (!protectRegKey(entry, record, /*persist=*/false, /*unrecorded=*/nullptr, port.get(), saved.current_dacl))
+            continue;
         // The key may already carry the protected DACL; the record knows the one from before.
         record.original_dacl = saved.original_dacl;
         protected_reg_keys_[regkey::key_text(entry.root, entry.path)] = std::move(record);

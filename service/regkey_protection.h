@@ -84,9 +84,14 @@ public:
     // Rebuilds the DACL of root\path (created when missing) so that `services` get full access
     // and everyone else at most the mask of `level`, on the key and every subkey. `original`
     // and `current` receive the SDDL before and after. The result is that of the DACL write.
+    // `applied`: the SDDL that an earlier protect of the key left (its record's current DACL), or
+    // empty. A key without subkeys that still holds exactly that, and whose rebuilt DACL is the
+    // one it holds, is not written again (the write would change nothing): `current` is then
+    // `original`, and the result true.
     static bool protect(HKEY root, const std::string& path, const std::vector<std::string>& services,
                         uint32_t level, std::string& original, std::string& current,
-                        const before_write_fn& before_write = before_write_fn());
+                        const before_write_fn& before_write = before_write_fn(),
+                        const std::string& applied = std::string());
 
     // Test seam: when set, called between `before_write` and the DACL write. Null in the product.
     static void (*dacl_write_seam)(HKEY root, const std::string& path);
@@ -94,7 +99,7 @@ public:
 private:
     static bool protect_impl(HKEY root, const std::string& path, const std::vector<std::string>& services,
                              DWORD others, std::string& original, std::string& current,
-                             const before_write_fn& before_write);
+                             const before_write_fn& before_write, const std::string& applied);
 };
 
 // What the key protection needs from the driver's command port.
@@ -133,9 +138,11 @@ public:
     // driver rule was sent; `record` is filled either way. With `persist`, a record that cannot
     // be written before the DACL changes leaves the key as it is and sends no rule: false, and
     // `unrecorded` set. The rule goes through `port` when given (a loop over many keys connects
-    // once), else through a connection of its own.
+    // once), else through a connection of its own. `applied`: as regProtector::protect's (the
+    // start-up passes each persisted record's current DACL).
     bool protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
-                       bool* unrecorded = nullptr, HANDLE port = nullptr);
+                       bool* unrecorded = nullptr, HANDLE port = nullptr,
+                       const std::string& applied = std::string());
     // Driver code 13, the original DACL written back, the persisted value deleted. False (and
     // nothing changed) without a driver connection.
     bool unprotectRegKey(const reg_key_record& record);

@@ -77,12 +77,23 @@ inline bool hash_value(HCRYPTHASH hash, std::vector<unsigned char>& value) {
 }
 
 // The digest of `size` bytes with `algorithm` (CALG_SHA1, CALG_SHA_256); false (GetLastError()
-// set) when the provider refuses.
+// set) when the provider refuses. The verify context is acquired on the first call that gets one
+// and kept for the life of the process: acquiring it costs milliseconds, hashing a short text
+// microseconds. Calls are serialised on it. Any thread.
 inline bool digest(ALG_ID algorithm, const void* data, size_t size, std::vector<unsigned char>& value) {
-    const unique_crypt_prov provider = acquire_verify_context();
-    if (!provider) return false;
-    const unique_crypt_hash hash = create_hash(provider.get(), algorithm, data, size);
-    return hash && hash_value(hash.get(), value);
+    static SRWLOCK lock = SRWLOCK_INIT;
+    static HCRYPTPROV kept = 0;  // never released: a thread may still hash while the process ends
+    AcquireSRWLockExclusive(&lock);
+    if (kept == 0) kept = acquire_verify_context().release();
+    bool ok = false;
+    if (kept != 0) {
+        const unique_crypt_hash hash = create_hash(kept, algorithm, data, size);
+        ok = hash && hash_value(hash.get(), value);
+    }
+    const DWORD err = GetLastError();
+    ReleaseSRWLockExclusive(&lock);
+    SetLastError(err);
+    return ok;
 }
 
 }  // namespace mcl::mswin

@@ -273,6 +273,22 @@ expect_eq "taskkill" 0 "$rc"
 start
 given_back "DACL from before the first protect" "$t\\Crash"
 
+echo "== killed; a DACL changed while the service was down is protected again, one left as it was kept"
+protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|" "1|$hklm|$t\\Kept|nv_owner_a|1|"
+kept=$(sddl "$t\\Kept")
+run taskkill /f /im NorvaleHalvernService.exe
+expect_eq "taskkill" 0 "$rc"
+run "$probe" grant "$t\\Crash"
+expect_eq "grant while down" 0 "$rc"
+granted=$(sddl "$t\\Crash")
+start
+after=$(sddl "$t\\Crash")
+[ "$after" != "$granted" ] && [[ "$after" != *"(A;;KA;;;BA)"* ]] || fail "the DACL changed while down stayed: $after"
+expect_eq "a protected DACL left as it was" "$kept" "$(sddl "$t\\Kept")"
+has_record "$orig" "$kept" "1|$hklm|$t\\Kept|nv_owner_a|1|"
+given_back "changed while down: DACL from before the first protect" "$t\\Crash"
+given_back "kept: DACL from before the first protect" "$t\\Kept"
+
 echo "== ended between the record write and the DACL write"
 stop
 run "$probe" crash-protect "$t\\Seam" nv_owner_a 0
