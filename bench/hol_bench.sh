@@ -1,10 +1,10 @@
 #!/usr/bin/env bash
 # What one client's long request costs the others: the round trip of a version request while
 # another client quarantines a large file, and of a service-list request while another client
-# stops a service that ignores its stop control (the service waits 30 s, then ends its process),
-# each against the idle median of the same request in the same run. Round trips are those
-# nv_ipc_client measures (-m: from sending the request to its reply, the process start aside).
-# Prints "name: value unit" lines.
+# stops a service that stays stop-pending (the service waits 30 s for it, then ends its
+# process), each against the idle median of the same request in the same run. Each figure is a
+# whole client's time: process start, connect (with its own version check) and the request, as a
+# program of the product would see it. Prints "name: value unit" lines.
 #
 #   bench/hol_bench.sh [BUILD_DIR]           a 1 GiB file; samples for the whole stop
 #   bench/hol_bench.sh --smoke [BUILD_DIR]   a 64 MiB file; ten samples of the stop
@@ -15,9 +15,10 @@ set -uo pipefail
 size=1G
 [ "$smoke" = 0 ] || size=64M
 
-round_trip() {  # ID: one request's round trip in ms on stdout, nothing when it was not answered
-    rm -f "$nv/round_trip.ms"
-    wine "$client" -m 'C:\nv\round_trip.ms' send "$1" </dev/null >/dev/null 2>&1 && tr -d '\r\n' <"$nv/round_trip.ms"
+round_trip() {  # ID: one client's time in ms on stdout, nothing when it was not answered
+    local t0
+    t0=$(date +%s%N)
+    wine "$client" -t 120000 send "$1" </dev/null >/dev/null 2>&1 && awk -v a="$t0" -v b="$(date +%s%N)" 'BEGIN { printf "%.1f", (b - a) / 1e6 }'
 }
 median() { sort -g | awk '{ v[NR] = $1 } END { if (NR) print (NR % 2 ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2) }'; }
 samples() {  # ID COUNT: COUNT round trips, one per line
@@ -45,7 +46,7 @@ report() {  # NAME IDLE-FILE BUSY-FILE
 
 printf '' >"$journal"
 install_with_recorder
-install_test_service nv_hol_stubborn stubborn demand ignore-stop
+install_test_service nv_hol_stubborn stubborn demand stuck-stopping
 start_service
 call create-quarantine-container path='C:\Q'
 mkdir -p "$drive_c/data"
@@ -61,7 +62,7 @@ wait $quarantiner
 grep -q '^result=1 ' "$work/quarantine.out" || fail "the quarantine failed: $(cat "$work/quarantine.out")"
 report hol_version_during_quarantine "$work/version_idle" "$work/version_busy"
 
-# A service-list request while another client stops a service that ignores the stop control.
+# A service-list request while another client stops a service that stays stop-pending.
 run sc start nv_hol_stubborn
 wait_svc_state nv_hol_stubborn 0
 samples 1000004 20 >"$work/list_idle"
