@@ -50,7 +50,7 @@ bool quarantine_store::blockFileAccess(const std::string& path, const std::vecto
     const std::wstring wide = mcl::mswin::widen(path);
     // The old DACL goes to the registry before the file's DACL changes (a block of an already
     // blocked file keeps the first one).
-    const bool recorded_before = blocked_files_.count(path) != 0;
+    const bool recorded_before = is_blocked(path);
     if (!recorded_before) (void)mcl::mswin::reg::write_string(blocked_files_key, path.c_str(), current_sddl(wide));
     std::string previous;
     if (!security_.setPathPermissions(wide, sids, &previous, /*denyOthers=*/true)) {
@@ -59,7 +59,10 @@ bool quarantine_store::blockFileAccess(const std::string& path, const std::vecto
     }
     send_blocking_rule(wide, /*remove=*/false);
     if (!recorded_before) {
-        blocked_files_.emplace(path, previous);
+        {
+            mcl::scoped_lock guard(tables_lock_);
+            blocked_files_.emplace(path, previous);
+        }
         (void)mcl::mswin::reg::write_string(blocked_files_key, path.c_str(), previous);
     }
     return true;
@@ -70,20 +73,30 @@ bool quarantine_store::unblockFileAccess(const std::string& path) {
     if (path.empty()) return false;
     // Only a file this service blocked gets a DACL back, the one it had before: giving any other
     // file its folder's DACL would turn folder-only rights (create files) into rights on the file.
-    auto it = blocked_files_.find(path);
-    if (it == blocked_files_.end()) {
+    std::string saved;
+    bool blocked = false;
+    {
+        mcl::scoped_lock guard(tables_lock_);
+        const auto it = blocked_files_.find(path);
+        if (it != blocked_files_.end()) saved = it->second;
+        blocked = it != blocked_files_.end();
+    }
+    if (!blocked) {
         NV_LOG(fn, "Unblock refused, %s is not a blocked file; its DACL stays as it is.", path.c_str());
         return false;
     }
     const std::wstring wide = mcl::mswin::widen(path);
     send_blocking_rule(wide, /*remove=*/true);
-    if (it->second.empty() || !security_.restorePathPermissions(wide, it->second.c_str())) {
+    if (saved.empty() || !security_.restorePathPermissions(wide, saved.c_str())) {
         // Still blocked, with its saved DACL and its rule, so that a later unblock can finish.
         NV_LOG(fn, "Unable to give %s its DACL back; it stays blocked.", path.c_str());
         send_blocking_rule(wide, /*remove=*/false);
         return false;
     }
-    blocked_files_.erase(it);
+    {
+        mcl::scoped_lock guard(tables_lock_);
+        blocked_files_.erase(path);
+    }
     (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, blocked_files_key, path.c_str());
     return true;
 }

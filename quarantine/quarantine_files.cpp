@@ -401,7 +401,7 @@ bool quarantine_store::quarantine_files_action(uint32_t action, const std::strin
 bool quarantine_store::is_quarantined_file(const std::string& path) {
     const std::string lower = mcl::mswin::lower_case(path);
     std::vector<std::string> archives;
-    for (const std::string& container : quarantine_containers_) {
+    for (const std::string& container : containers()) {
         if (lower.find(container) == std::string::npos) continue;
         list_quarantine_files(container, archives);
         for (const std::string& archive : archives)

@@ -155,7 +155,10 @@ bool quarantine_store::createQuarantineContainer(const std::string& path, const 
     (void)security_.restorePathPermissions(folder, security_.default_folder_sddl());
     if (!security_.setPathPermissions(folder, sids, nullptr, /*denyOthers=*/true)) return false;
     send_blocking_rule(folder, /*remove=*/false);
-    quarantine_containers_.insert(path);
+    {
+        mcl::scoped_lock guard(tables_lock_);
+        quarantine_containers_.insert(path);
+    }
     (void)mcl::mswin::reg::write_dword(quarantine_containers_key, path.c_str(), 1);
     (void)mcl::mswin::reg::write_dword(protected_folders_key, path.c_str(), 1);
     return true;
@@ -185,10 +188,28 @@ bool quarantine_store::removeQuarantineContainer(const std::string& path, uint32
         }
     }
     send_blocking_rule(folder_of(path), /*remove=*/true);
-    quarantine_containers_.erase(path);
+    {
+        mcl::scoped_lock guard(tables_lock_);
+        quarantine_containers_.erase(path);
+    }
     (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, quarantine_containers_key, path.c_str());
     (void)mcl::mswin::reg::remove(HKEY_LOCAL_MACHINE, protected_folders_key, path.c_str());
     return true;
+}
+
+std::set<std::string> quarantine_store::containers() const {
+    mcl::scoped_lock guard(tables_lock_);
+    return quarantine_containers_;
+}
+
+bool quarantine_store::has_container(const std::string& path) const {
+    mcl::scoped_lock guard(tables_lock_);
+    return quarantine_containers_.count(path) != 0;
+}
+
+bool quarantine_store::is_blocked(const std::string& path) const {
+    mcl::scoped_lock guard(tables_lock_);
+    return blocked_files_.count(path) != 0;
 }
 
 void quarantine_store::loadqQuarantineContainers() {

@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "mcl/lock.h"
 #include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
@@ -62,9 +63,11 @@ public:
     virtual void kill_processes_of(const std::string& path) = 0;
 };
 
-// Owns the registered containers and the blocked files. The tables have no lock: the IPC event
-// thread (the requests) and the service thread at start-up use them, one at a time. Paths are
-// narrow (ANSI) strings.
+// Owns the registered containers and the blocked files. Requests run on the IPC event thread and
+// on request workers side by side (never two on the same container or file: the dispatcher
+// orders those), so both tables have one lock, held only while a table is read or written, never
+// across file or driver work. The start-up's load runs before any request. Paths are narrow
+// (ANSI) strings.
 class quarantine_store {
 public:
     static constexpr const char* quarantine_containers_key = "Software\\Norvale\\NVClientHelper\\QuarantineContainers";
@@ -137,11 +140,11 @@ public:
     // the sources of interrupted adds given their DACLs back, then the blocked files.
     void loadqQuarantineContainers();
 
-    // Normalised container paths ("c:\\q\\").
-    const std::set<std::string>& containers() const { return quarantine_containers_; }
-    bool has_container(const std::string& path) const { return quarantine_containers_.count(path) != 0; }
+    // Normalised container paths ("c:\\q\\"), a copy.
+    std::set<std::string> containers() const;
+    bool has_container(const std::string& path) const;
     // Whether a lower-cased path is blocked.
-    bool is_blocked(const std::string& path) const { return blocked_files_.count(path) != 0; }
+    bool is_blocked(const std::string& path) const;
 
 private:
     // Reads the saved descriptors of blocked files back from the registry.
@@ -169,6 +172,7 @@ private:
     quarantine_driver& driver_;
     quarantine_security& security_;
     file_users& users_;
+    mutable mcl::lock tables_lock_;
     std::set<std::string> quarantine_containers_;      // normalised paths ("c:\\q\\")
     std::map<std::string, std::string> blocked_files_;  // lower-cased path -> previous DACL (SDDL)
 };

@@ -155,6 +155,8 @@ bool driver_link::to_device_path(const std::wstring& path, bool attach, std::wst
 }
 
 void driver_link::attachVolume(const std::wstring& volume) {
+    // Held across the attach: the privilege is the process's, switched on and back for it.
+    mcl::scoped_lock guard(volumes_lock_);
     if (attached_volumes_.count(volume) != 0) return;
     const filter_library::entry_points& lib = filter_library::get();
     wchar_t instance[256] = {};  // 512 bytes
@@ -174,6 +176,7 @@ void driver_link::detachFilter(const std::wstring& volume) {
 }
 
 void driver_link::detachAllVolumes() {
+    mcl::scoped_lock guard(volumes_lock_);
     for (const auto& entry : attached_volumes_) detachFilter(entry.first);
     attached_volumes_.clear();
 }

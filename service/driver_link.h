@@ -9,17 +9,17 @@
 #include <map>
 #include <string>
 
+#include "mcl/lock.h"
 #include "mcl/mswin/unique_handle.h"
 #include "quarantine/quarantine_store.h"
 #include "service/process_protection.h"
 #include "service/regkey_protection.h"
 
 // Owns the attached-volume table; every other operation is stateless and static.
-// The senders run on the IPC event thread, on the service thread at start-up and shutdown, and
-// (image rules only) on the enforcement thread; they return nothing and log a refusal. The
-// attached-volume table has no lock: only the folder rules and the volume detach use it, and
-// those run on the IPC event thread or on the service thread outside the listen loop, one at a
-// time.
+// The senders run on the IPC event thread, on request workers, on the service thread at
+// start-up and shutdown, and (image rules only) on the enforcement thread; they return nothing
+// and log a refusal. The attached-volume table has its lock, also held across an attach or
+// detach, since the privilege those switch belongs to the whole process.
 class driver_link final : public reg_key_driver, public folder_driver, public quarantine_driver {
 public:
     using driver_port = mcl::mswin::unique_kernel_handle;
@@ -89,5 +89,6 @@ private:
     void attachVolume(const std::wstring& volume);
 
     // Volume device name (or "X:" when it has none) -> instance name FilterAttach gave.
+    mcl::lock volumes_lock_;
     std::map<std::wstring, std::wstring> attached_volumes_;
 };

@@ -93,8 +93,14 @@ void chelperservice::handleEmergencyStart(const emergency_start& start) {
 }
 
 void chelperservice::listen() {
+    (void)requests_.start();
     serve_until(service_stop_event());
     if (service_stop_event() != nullptr) ResetEvent(service_stop_event());
+}
+
+void chelperservice::close() {
+    requests_.stop(1);
+    ipc_peer::close();
 }
 
 void chelperservice::shutdown() {

@@ -17,6 +17,7 @@
 #include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
 #include "mcl/mutex.h"
+#include "mcl/ordered_pool.h"
 #include "mcl/singleton.h"
 #include "mcl/thread.h"
 #include "protocol/replies.h"
@@ -32,7 +33,8 @@
 #include "service/service_protection.h"
 
 // The service is the listening IPC peer under its service name; requests reach
-// helper_msg_handler on the peer's event thread.
+// helper_msg_handler on the peer's event thread, which runs the quick ones itself and gives the
+// long ones (quarantine, blocked files, service start and stop) to request workers.
 class chelperservice : public mcl::mswin::service,
                        public mcl::ipc_peer,
                        public mcl::singleton_ptr<chelperservice> {
@@ -53,7 +55,8 @@ public:
         "O:BAG:SYD:P(A;;0x1f01ff;;;SY)(A;;0x1f01ff;;;BA)(A;;0x12019b;;;AU)(A;;0x12019b;;;IU)";
     static constexpr const char* default_folder_sddl = folder_security::default_folder_sddl;
 
-    // The request dispatcher. The IPC peer calls it on its event thread, one message at a time.
+    // The request dispatcher. The IPC peer calls it on its event thread, one message at a time;
+    // it runs each request there or on a request worker (see requests_).
     class helper_msg_handler : public mcl::ipc_msg_handler {
     public:
         explicit helper_msg_handler(chelperservice* owner) : owner_(owner) {}
@@ -76,6 +79,9 @@ public:
     // The accept loop: one listening pipe pair always waits for the next client; serves until
     // the stop event is set, then resets it and closes every connection. Service thread.
     void listen() override;
+    // Asks the request workers to give up what they run (a second at most), answers the
+    // requests still waiting with their failure reply, then closes the peer.
+    void close() override;
     // The master switch: sets the service, process/folder and registry protection switches
     // together and the driver's features 0, 6 and 11 with them; nothing when all three already
     // equal `on`. Off also lifts every service and process rule and stops the enforcement.
@@ -91,10 +97,11 @@ public:
     // administrator, or an image in this program's folder or a protected folder. IPC event thread.
     bool caller_may_change_state(const mcl::ipc_connection& conn) const;
 
-    // Request handlers, called through the dispatcher's table on the IPC event thread. Each
-    // decodes its request from `payload` and overwrites it with its reply (or leaves it as it
-    // was). False: the request did not decode and nothing was answered; the dispatcher then
-    // answers with the route's failure reply.
+    // Request handlers, called through the dispatcher's table on the IPC event thread, or on a
+    // request worker for the routes the table marks as long (quarantine, blocked files, service
+    // start and stop). Each decodes its request from `payload` and overwrites it with its reply
+    // (or leaves it as it was). False: the request did not decode and nothing was answered; the
+    // dispatcher then answers with the route's failure reply.
     bool disconnect_client(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
@@ -271,6 +278,16 @@ private:
     bool take_instance_name();
 
     helper_msg_handler handler_;
+    // Requests that may take long run on these workers, and requests that must wait for one
+    // that touches the same object (or came earlier on the same connection) wait here; the
+    // dispatcher decides (service/request_dispatch.cpp). The tables that worker requests use
+    // (the quarantine store's, the driver link's volumes, the enforcement list) have their own
+    // locks; every other table is used by the event thread alone.
+    static constexpr uint32_t max_waiting_requests = 256;
+    static constexpr uint32_t max_waiting_requests_per_client = 16;
+    mcl::ordered_pool requests_{mcl::ordered_pool::default_workers, max_waiting_requests,
+                                max_waiting_requests_per_client,
+                                [this](std::function<void()> work) { post_task(std::move(work)); }};
     mcl::mswin::security_descriptor instance_security_;
     mcl::mutex instance_mutex_;
     bool service_protection_enabled_ = true;

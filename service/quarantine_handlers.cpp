@@ -224,7 +224,8 @@ bool chelperservice::get_quarantined_files(mcl::ipc_connection*, mcl::binary_t& 
 
 bool chelperservice::get_quarantine_containers(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::quarantine_containers_reply reply;
-    reply.containers.assign(quarantine_.containers().begin(), quarantine_.containers().end());
+    const std::set<std::string> containers = quarantine_.containers();
+    reply.containers.assign(containers.begin(), containers.end());
     protocol::reply_with(payload, reply);
     return true;
 }

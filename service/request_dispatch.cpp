@@ -1,15 +1,20 @@
 // The request dispatcher: one table from message identifier to handler, and the handlers of the
 // connection and control messages.
+#include <cstdio>
 #include <exception>
+#include <memory>
 #include <iterator>
 #include <string>
 #include <vector>
 
 #include "mcl/encoding.h"
 #include "mcl/log.h"
+#include "mcl/mswin/text.h"
+#include "mcl/ordered_pool.h"
 #include "protocol/message_ids.h"
 #include "protocol/replies.h"
 #include "protocol/requests.h"
+#include "quarantine/quarantine_store.h"
 #include "service/caller_policy.h"
 #include "service/helper_service.h"
 #include "service/release.h"
@@ -41,12 +46,83 @@ void compatibility_failure(mcl::binary_t& payload) {
     protocol::reply_with(payload, protocol::compatibility_reply{0, this_release().ipc_protocol});
 }
 
+// The objects a request touches, added to `keys` from its payload (nothing when it does not
+// decode: its handler then answers the failure). Requests that share a key run in the order
+// they arrived; "service" stands for every "service|<name>". A list of every container, service
+// or key takes no key: it reads the table as it stands and waits for no other client.
+using keys_fn = void (*)(const mcl::binary_t& payload, std::vector<std::string>& keys);
+
+void container_keys(const std::string& path, std::vector<std::string>& keys) {
+    keys.push_back("container|" + quarantine_store::normalise_container(path));
+}
+void file_key(const std::string& path, std::vector<std::string>& keys) {
+    keys.push_back("file|" + mcl::mswin::lower_case(path));
+}
+void service_key(const std::string& name, std::vector<std::string>& keys) {
+    keys.push_back("service|" + mcl::mswin::lower_case(name));
+}
+
+void quarantine_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::quarantine_files_request request;
+    if (!protocol::decode(payload, request)) return;
+    container_keys(request.container, keys);
+    for (const std::string& path : request.paths) file_key(path, keys);
+}
+void create_container_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::create_container_request request;
+    if (protocol::decode(payload, request)) container_keys(request.path, keys);
+}
+void remove_container_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::remove_container_request request;
+    if (protocol::decode(payload, request)) container_keys(request.path, keys);
+}
+void container_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::name_request request;
+    if (protocol::decode(payload, request)) container_keys(request.name, keys);
+}
+void file_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::name_request request;
+    if (protocol::decode(payload, request)) file_key(request.name, keys);
+}
+void block_files_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::block_files_request request;
+    if (!protocol::decode(payload, request)) return;
+    for (const std::string& path : request.paths) file_key(path, keys);
+}
+void service_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::name_request request;
+    if (protocol::decode(payload, request)) service_key(request.name, keys);
+}
+void start_service_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::start_service_request request;
+    if (protocol::decode(payload, request)) service_key(request.name, keys);
+}
+void protect_services_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    protocol::protect_services_request request;
+    if (!protocol::decode(payload, request)) return;
+    for (const protocol::service_rule& rule : request.rules) {
+        if (rule.name.empty()) {
+            keys.push_back("service");  // every service
+            return;
+        }
+        service_key(rule.name, keys);
+    }
+}
+
+void every_service_keys(const mcl::binary_t&, std::vector<std::string>& keys) { keys.push_back("service"); }
+
+// Where a request runs: on the event thread, or, when it may take long (archives, DACL work on
+// files, waiting for a service), on a request worker, so that the event thread goes on serving.
+enum class runs_on { event_thread, worker };
+
 struct request_route {
     uint32_t id;
     handler_fn handler;
     const char* name;
     failure_fn failure;
     route_effect effect = reads_only;
+    keys_fn keys = nullptr;
+    runs_on place = runs_on::event_thread;
 };
 
 // One route for every identifier of the catalogue; any other identifier is unknown.
@@ -59,14 +135,14 @@ const request_route routes[] = {
     // Driver command port.
     {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off", status_failure, changes_state},
     {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on", status_failure, changes_state},
-    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state},
+    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, every_service_keys},
 
     // Process and folder protection.
     {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state},
     {msg::query_protected_processes, &chelperservice::query_protected_processes, "query protected processes", empty_processes},
 
     // Service protection.
-    {msg::protect_services, &chelperservice::protect_services, "protect services", status_failure, changes_state},
+    {msg::protect_services, &chelperservice::protect_services, "protect services", status_failure, changes_state, protect_services_keys},
     {msg::query_protected_services, &chelperservice::query_protected_services, "query protected services", empty_services},
 
     // Registry key protection.
@@ -74,23 +150,23 @@ const request_route routes[] = {
     {msg::get_protected_reg_keys, &chelperservice::get_protected_reg_keys, "get protected reg keys", empty_reg_keys},
 
     // Enforcement and service control.
-    {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service", status_failure, changes_state},
-    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state},
-    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state},
+    {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service", status_failure, changes_state, start_service_keys, runs_on::worker},
+    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state, service_name_keys, runs_on::worker},
+    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state, service_name_keys},
     {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", status_failure, changes_state},
     {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", status_failure, changes_state},
 
     // Quarantine.
-    {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container", status_failure, changes_state},
-    {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files", status_failure, changes_state},
-    {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container", status_failure, changes_state},
-    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files", empty_files},
+    {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container", status_failure, changes_state, create_container_keys, runs_on::worker},
+    {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files", status_failure, changes_state, quarantine_keys, runs_on::worker},
+    {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container", status_failure, changes_state, remove_container_keys, runs_on::worker},
+    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files", empty_files, reads_only, container_name_keys},
     {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers", empty_containers},
     {msg::is_file_quarantined, &chelperservice::is_file_quarantined, "is file quarantined", status_failure},
-    {msg::block_file_access, &chelperservice::block_file_access, "block file access", status_failure, changes_state},
-    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", status_failure, changes_state},
-    {msg::block_files_access, &chelperservice::block_files_access, "block files access", status_failure, changes_state},
-    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked", status_failure},
+    {msg::block_file_access, &chelperservice::block_file_access, "block file access", status_failure, changes_state, file_name_keys, runs_on::worker},
+    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", status_failure, changes_state, file_name_keys, runs_on::worker},
+    {msg::block_files_access, &chelperservice::block_files_access, "block files access", status_failure, changes_state, block_files_keys, runs_on::worker},
+    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked", status_failure, reads_only, file_name_keys},
 
     // IRP-denied notifications.
     {msg::subscribe_irp_notification, &chelperservice::subscribe_irp_notification, "subscribe IRP notification", status_failure},
@@ -105,6 +181,47 @@ const request_route* find_route(uint32_t id) {
 }
 
 static_assert(std::size(routes) == std::size(msg::catalogue), "every catalogue identifier has a route");
+
+// The one catch of the request handlers: a request that does not decode or whose handler throws
+// (an allocation failure included) is answered with its route's failure reply.
+void run_route(chelperservice& service, const request_route& route, mcl::ipc_connection* conn, uint32_t msg_id,
+               mcl::binary_t& payload) {
+    constexpr const char* fn = "chelperservice::helper_msg_handler::operator ()";
+    bool handled = false;
+    try {
+        handled = (service.*route.handler)(conn, payload);
+    } catch (const std::exception& e) {
+        NV_LOG(fn, "Request \"%s\" (IPC message %X) failed: %s", route.name, msg_id, e.what());
+    } catch (...) {
+        NV_LOG(fn, "Request \"%s\" (IPC message %X) failed", route.name, msg_id);
+    }
+    if (!handled) route.failure(payload);
+}
+
+// A request waiting for its turn or running on a worker: its payload and where its reply goes.
+struct queued_request {
+    mcl::ipc_deferred_reply reply;
+    mcl::binary_t payload;
+};
+
+// Every request of one connection shares this key: a connection's requests are answered in the
+// order it sent them.
+std::string connection_key(const mcl::ipc_connection* conn) {
+    char text[32];
+    snprintf(text, sizeof(text), "connection|%p", static_cast<const void*>(conn));
+    return text;
+}
+
+const char* refusal_text(mcl::ordered_pool::refusal refused) {
+    switch (refused) {
+        case mcl::ordered_pool::refusal::full:
+            return "too many requests are waiting";
+        case mcl::ordered_pool::refusal::caller_full:
+            return "too many requests of this client are waiting";
+        default:
+            return "the service is stopping";
+    }
+}
 
 }  // namespace
 
@@ -130,17 +247,40 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
         NV_LOG(fn, "Unknow mc::ipc message %X, ignored", msg_id);
         return 1;
     }
-    // The one catch of the request handlers: a request that does not decode or whose handler
-    // throws (an allocation failure included) is answered with its route's failure reply.
-    bool handled = false;
-    try {
-        handled = (owner_->*route->handler)(conn, payload);
-    } catch (const std::exception& e) {
-        NV_LOG(fn, "Request \"%s\" (IPC message %X) failed: %s", route->name, msg_id, e.what());
-    } catch (...) {
-        NV_LOG(fn, "Request \"%s\" (IPC message %X) failed", route->name, msg_id);
+    std::vector<std::string> keys{connection_key(conn)};
+    if (route->keys != nullptr) route->keys(payload, keys);
+    if (route->place == runs_on::event_thread && !owner_->requests_.conflicts(keys)) {
+        run_route(*owner_, *route, conn, msg_id, payload);
+        return 1;
     }
-    if (!handled) route->failure(payload);
+    // It may take long, or its turn has not come: answered once done, while the event thread
+    // goes on with the requests behind it.
+    auto request = std::make_shared<queued_request>();
+    request->reply = owner_->defer_reply();
+    if (!request->reply) {  // called outside the peer's event thread: answered in the call
+        run_route(*owner_, *route, conn, msg_id, payload);
+        return 1;
+    }
+    request->payload = std::move(payload);
+    chelperservice* owner = owner_;
+    const auto job = [owner, route, msg_id, request](bool run) {
+        if (run) {
+            run_route(*owner, *route, request->reply.connection(), msg_id, request->payload);
+        } else {
+            NV_LOG("chelperservice::helper_msg_handler", "Request \"%s\" (IPC message %X) not run: the service is stopping",
+                   route->name, msg_id);
+            route->failure(request->payload);
+        }
+        request->reply.send(request->payload);
+    };
+    const mcl::ordered_pool::place place =
+        route->place == runs_on::worker ? mcl::ordered_pool::place::worker : mcl::ordered_pool::place::owner;
+    const mcl::ordered_pool::refusal refused = owner_->requests_.submit(std::move(keys), place, job);
+    if (refused != mcl::ordered_pool::refusal::none) {
+        NV_LOG(fn, "Request \"%s\" (IPC message %X) refused: %s", route->name, msg_id, refusal_text(refused));
+        route->failure(request->payload);
+        request->reply.send(request->payload);
+    }
     return 1;
 }
 

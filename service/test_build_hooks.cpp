@@ -45,6 +45,7 @@
 #include "mcl/mswin/sid.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 #include "quarantine/archive_format.h"
 #include "quarantine/quarantine_store.h"
 #include "service/object_security.h"
@@ -283,7 +284,9 @@ void pause_named_archive(const std::string& source, const std::string& temp) {
     const std::string paused = temp + ".paused";
     unique_kernel_handle marker(CreateFileA(paused.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     marker.reset();
-    for (int i = 0; i < 1200 && GetFileAttributesA(paused.c_str()) != INVALID_FILE_ATTRIBUTES; ++i) Sleep(50);
+    // A stop of the service ends the wait, as it ends the archive work around it.
+    for (int i = 0; i < 1200 && GetFileAttributesA(paused.c_str()) != INVALID_FILE_ATTRIBUTES; ++i)
+        if (!mcl::sleep_unless_stopped(50)) return;
 }
 
 // The pause, then one digest byte of the temporary `temp` changed, each when `source`'s file name is

@@ -265,7 +265,7 @@ bool ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
     case frame_kind::routed_request:
     case frame_kind::post:
         if (!take_budget(budget, cost)) return false;
-        post_event(ipc_event{connection, std::move(frame), handler_, budget_hold(&budget, cost)});
+        post_event(ipc_event{connection, std::move(frame), handler_, budget_hold(&budget, cost), false, {}});
         return true;
     case frame_kind::response: {
         const table_key key{connection.get(), header.sequence};
@@ -301,7 +301,7 @@ bool ipc_peer::receive(const share_ptr<ipc_connection>& connection, binary_t&& f
         }
         if (handler == nullptr) return true;
         if (!take_budget(budget, cost)) return false;
-        post_event(ipc_event{connection, std::move(frame), handler, budget_hold(&budget, cost)});
+        post_event(ipc_event{connection, std::move(frame), handler, budget_hold(&budget, cost), false, {}});
         return true;
     }
     default:
@@ -319,6 +319,10 @@ bool ipc_peer::take_budget(byte_budget& budget, uint64_t cost) {
 }
 
 int ipc_peer::handle_event(ipc_event& e) {
+    if (e.task) {
+        (void)guarded("mcl::ipc_peer::handle_event", "A task", [&] { e.task(); });
+        return 0;
+    }
     if (e.handler == nullptr) return 0;
     if (e.ended) {
         (void)guarded("mcl::ipc_peer::handle_event", "The handler of an ended connection",
@@ -330,10 +334,14 @@ int ipc_peer::handle_event(ipc_event& e) {
     binary_t payload = std::move(e.frame);
     take_frame_payload(payload, header);
     int result = 0;
+    current_event_ = &e;
+    current_header_ = header;
+    reply_deferred_ = false;
     // A handler that throws (an allocation failure included) ends its request without a reply.
-    if (!guarded("mcl::ipc_peer::handle_event", "The handler of a message",
-                 [&] { result = (*e.handler)(e.connection.get(), header.message_id, payload); }))
-        return 0;
+    const bool returned = guarded("mcl::ipc_peer::handle_event", "The handler of a message",
+                                  [&] { result = (*e.handler)(e.connection.get(), header.message_id, payload); });
+    current_event_ = nullptr;
+    if (!returned || reply_deferred_) return returned ? result : 0;
     if (result < 0 || !e.connection) return result;
     const auto kind = static_cast<frame_kind>(header.kind);
     if (kind != frame_kind::request && kind != frame_kind::routed_request) return result;
@@ -346,6 +354,35 @@ int ipc_peer::handle_event(ipc_event& e) {
     e.hold.release();
     e.connection->enqueue(std::move(reply));  // dropped with the connection if the client has gone
     return result;
+}
+
+void ipc_peer::post_task(std::function<void()> task) {
+    ipc_event e;
+    e.task = std::move(task);
+    post_event(std::move(e));
+}
+
+ipc_deferred_reply ipc_peer::defer_reply() {
+    ipc_deferred_reply reply;
+    if (current_event_ == nullptr || reply_deferred_) return reply;
+    reply_deferred_ = true;
+    reply.connection_ = current_event_->connection;
+    reply.kind_ = static_cast<frame_kind>(current_header_.kind);
+    reply.message_id_ = current_header_.message_id;
+    reply.sequence_ = current_header_.sequence;
+    reply.hold_ = std::move(current_event_->hold);
+    return reply;
+}
+
+void ipc_deferred_reply::send(const binary_t& payload) {
+    if (!connection_) return;
+    share_ptr<ipc_connection> connection = std::move(connection_);
+    if (kind_ != frame_kind::request && kind_ != frame_kind::routed_request) return;
+    binary_t reply;
+    append_frame(reply, kind_ == frame_kind::request ? frame_kind::response : frame_kind::routed_reply, message_id_,
+                 sequence_, payload);
+    hold_.release();
+    connection->enqueue(std::move(reply));  // dropped with the connection if the client has gone
 }
 
 // ---------------------------------------------------------------------------------------------
@@ -730,7 +767,7 @@ void ipc_peer::disconnect_locked(const share_ptr<ipc_connection>& connection,
         ReleaseSRWLockExclusive(&response_lock_);
         WakeAllConditionVariable(&response_changed_);
         // Behind every frame the connection sent: its read half is closed, or it is no longer read.
-        if (handler_ != nullptr) post_event(ipc_event{connection, binary_t(), handler_, budget_hold(), true});
+        if (handler_ != nullptr) post_event(ipc_event{connection, binary_t(), handler_, budget_hold(), true, {}});
         const uint32_t group = connection->wait_group;
         if (group < group_sizes_.size() && group_sizes_[group] > 0) --group_sizes_[group];
         released.push_back(std::move(*it));

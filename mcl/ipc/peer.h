@@ -82,6 +82,34 @@ struct ipc_event {
     ipc_msg_handler* handler = nullptr;
     budget_hold hold;
     bool ended = false;  // no frame: tells the handler that the connection has ended
+    std::function<void()> task;  // set instead of a frame: work to run on the event thread
+};
+
+// The reply of a request whose handler leaves it to be sent later, from any thread (see
+// ipc_peer::defer_reply). Until it is sent the request's bytes stay counted in its connection's
+// budget. Move-only; sends at most once.
+class ipc_deferred_reply {
+public:
+    ipc_deferred_reply() = default;
+    ipc_deferred_reply(ipc_deferred_reply&&) = default;
+    ipc_deferred_reply& operator=(ipc_deferred_reply&&) = default;
+    ipc_deferred_reply(const ipc_deferred_reply&) = delete;
+    ipc_deferred_reply& operator=(const ipc_deferred_reply&) = delete;
+
+    // Queues `payload` as the reply; nothing for a post, once sent, or when the client has gone.
+    // Any thread.
+    void send(const binary_t& payload);
+    ipc_connection* connection() const { return connection_.get(); }
+    // False when there is nowhere to send: made outside a handler call, or sent already.
+    explicit operator bool() const { return static_cast<bool>(connection_); }
+
+private:
+    friend class ipc_peer;
+    share_ptr<ipc_connection> connection_;
+    frame_kind kind_ = frame_kind::post;
+    uint32_t message_id_ = 0;
+    uint32_t sequence_ = 0;
+    budget_hold hold_;
 };
 
 class ipc_peer : public event_thread<ipc_event> {
@@ -138,6 +166,14 @@ public:
     void shutdown();
     // Makes the read and write threads rebuild their wait lists.
     virtual void refresh();
+
+    // Runs `task` on the event thread after what is queued there now, one at a time with the
+    // handlers. Any thread; dropped when the peer closes first.
+    void post_task(std::function<void()> task);
+    // Called by a handler during its call on the event thread: its request is answered later
+    // through the returned reply, not with what the handler leaves in the payload. Outside a
+    // handler call, an empty reply that sends nothing.
+    ipc_deferred_reply defer_reply();
 
     // The security descriptors of the listening side's named objects, given by the owner
     // before setup(true) or serve_until; an empty one means a NULL DACL (every process may do
@@ -270,6 +306,12 @@ private:
 
     std::string name_;
     ipc_msg_handler* handler_;
+
+    // The request whose handler the event thread is calling, and whether it deferred its reply.
+    // Event thread only.
+    ipc_event* current_event_ = nullptr;
+    frame_header current_header_;
+    bool reply_deferred_ = false;
 
     lock reply_handler_lock_;
     std::map<table_key, ipc_msg_handler*> reply_handlers_;

@@ -12,6 +12,10 @@
 //       every privilege but change-notify dropped and Administrators deny-only), its output and
 //       exit code passed through (exit 255 when it could not be started)
 //   nv_test_helper is-admin                         exit 0 for a member of Administrators, 1 otherwise
+//   nv_test_helper pipeline NAME ID:HEX...          on one connection to the listener NAME, writes
+//       every request (hex ID, hex payload) before reading any reply, then prints each reply as
+//       it comes, "ID SEQUENCE HEX" (requests are numbered from 1); exit 2 without a connection,
+//       3 when the connection ends before every reply
 #include <windows.h>
 
 #include <sddl.h>
@@ -20,13 +24,56 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/ipc/frame.h"
+#include "tests/helpers/raw_client.h"
 #include "tests/helpers/restricted.h"
 
+namespace {
+
+int pipeline(const char* name, int count, char** requests) {
+    nv_test::raw_client client;
+    if (!client.connect(name)) return 2;
+    std::vector<unsigned char> bytes;
+    for (int i = 0; i < count; ++i) {
+        const char* colon = strchr(requests[i], ':');
+        mcl::binary_t payload;
+        for (const char* h = colon != nullptr ? colon + 1 : ""; h[0] != 0 && h[1] != 0; h += 2) {
+            const char pair[3] = {h[0], h[1], 0};
+            const unsigned char byte = static_cast<unsigned char>(strtoul(pair, nullptr, 16));
+            payload.append(&byte, 1);
+        }
+        mcl::binary_t frame;
+        mcl::append_frame(frame, mcl::frame_kind::request, static_cast<uint32_t>(strtoul(requests[i], nullptr, 16)),
+                          static_cast<uint32_t>(i + 1), payload);
+        bytes.insert(bytes.end(), frame.data(), frame.data() + frame.size());
+    }
+    if (!client.write(bytes)) return 3;
+    for (int i = 0; i < count; ++i) {
+        std::vector<unsigned char> head;
+        mcl::frame_header header;
+        if (!client.read(mcl::frame_header_size, head) ||
+            !mcl::read_frame_header(head.data(), static_cast<uint32_t>(head.size()), header) ||
+            header.length > (64u << 20))
+            return 3;
+        std::vector<unsigned char> body;
+        if (!client.read(static_cast<uint32_t>(mcl::frame_size(header.length) - mcl::frame_header_size), body)) return 3;
+        printf("%X %u ", static_cast<unsigned>(header.message_id), static_cast<unsigned>(header.sequence));
+        for (uint32_t b = 0; b < header.length; ++b) printf("%02x", body[b]);
+        printf("\n");
+        fflush(stdout);
+    }
+    return 0;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
+    if (argc >= 4 && strcmp(argv[1], "pipeline") == 0) return pipeline(argv[2], argc - 3, argv + 3);
     if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(argc - 2, argv + 2);
     if (argc >= 2 && strcmp(argv[1], "is-admin") == 0) {
         BYTE admins[SECURITY_MAX_SID_SIZE];

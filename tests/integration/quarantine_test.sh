@@ -467,23 +467,78 @@ lost|gone|kept|its source C:\data\p.txt is gone
 EOF
     run reg delete "$helper_key" /v ArchivePause /f
 
-    # A stop while 1 GiB is being quarantined: the work gives up and its thread is joined.
+    # A stop while 1 GiB is being quarantined and, beside it, another quarantine waits at the
+    # pause: the work ends, its threads are joined and both clients are answered.
     truncate -s 1G "$drive_c/data/huge.bin"
-    (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\data\huge.bin' </dev/null >/dev/null 2>&1) &
+    printf 'paused' >"$drive_c/data/p.txt"
+    run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
+    (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\data\huge.bin' </dev/null >"$work/huge.out" 2>&1) &
     sender=$!
+    answers "create C:\\Q2" "$ok" create-quarantine-container path='C:\Q2'
+    (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q2' path='C:\data\p.txt' </dev/null >"$work/paused.out" 2>&1) &
+    pauser=$!
     poll 300 0.1 '[ "$(log_count "Archiving : C:\data\huge.bin")" = 1 ]' || fail "the 1 GiB quarantine did not start"
+    poll 600 0.1 'compgen -G "$drive_c/q2/p.txt.*.paused" >/dev/null' || fail "the paused quarantine did not start"
     sleep 1
     t0=$(date +%s.%N)
     stop_service
     took=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')
-    echo "stopped in $took s during a 1 GiB quarantine"
-    wait $sender
+    echo "stopped in $took s during a 1 GiB quarantine and a paused one"
+    wait $sender $pauser
     awk -v t="$took" 'BEGIN { exit !(t < 10) }' || fail "the stop took $took s"
-    expect_eq "1 GiB: source intact, nothing archived, no thread terminated" "1073741824 0 0" \
-        "$(stat -c %s "$drive_c/data/huge.bin") $(ls "$drive_c/q" | grep -c '^huge') $(log_count 'of its stop, terminated')"
-    rm -f "$drive_c/data/huge.bin"
+    # The paused one may finish what it had written once the pause gives way: nothing is lost
+    # either way, the source or its archive is there, never both, never neither.
+    expect_eq "stopped: no thread terminated, 1 GiB intact and not archived, its client told" \
+        "0 1073741824 0 result=1 message=;" \
+        "$(log_count 'of its stop, terminated') $(stat -c %s "$drive_c/data/huge.bin") $(ls "$drive_c/q" | grep -c '^huge') $(tr -d '\r' <"$work/huge.out")"
+    expect_eq "stopped: the paused source or its archive" 1 \
+        "$(($([ -e "$drive_c/data/p.txt" ] && echo 1 || echo 0) + $(ls "$drive_c/q2" | grep -c '^p\.txt.*QUA$')))"
+    [[ "$(tr -d '\r' <"$work/paused.out")" == result=1\ * ]] || fail "stopped: the paused client [$(cat "$work/paused.out")]"
+    rm -f "$drive_c/data/huge.bin" "$drive_c/data/p.txt" "$drive_c"/q2/p.txt.*
+    run reg delete "$helper_key" /v ArchivePause /f
     start_service
 fi
+
+echo "== requests side by side"
+# While a quarantine into c:\side waits at the test build's pause, the service goes on with other
+# work: a listing and a restore from another container are answered. What touches c:\side waits
+# for it, in the order it came: the removal of that container from another client, and, on one
+# connection, a quarantine into it followed by a version request that touches nothing.
+answers "create C:\\Side" "$ok" create-quarantine-container path='C:\Side'
+printf 'restore me' >"$drive_c/data/r.txt"
+quarantine 0 'c:\q' 'C:\data\r.txt'
+arc_r=$(reply_text | tr -d ';')
+printf 'held' >"$drive_c/data/h.txt"
+printf 'next' >"$drive_c/data/n.txt"
+run reg add "$helper_key" /v ArchivePause /t REG_SZ /d h.txt /f
+(wine "$client" -t 200000 call quarantine-files action=0 container='c:\side' path='C:\data\h.txt' </dev/null >"$work/held.out" 2>&1) &
+held=$!
+poll 600 0.1 'compgen -G "$drive_c/side/h.txt.*.paused" >/dev/null' || fail "side by side: the pause was not reached"
+versions=$(log_count 'Received IPC message 100000A')
+(wine "$helper" pipeline $svc "10000ca:$(encode quarantine-files action=0 container='c:\side' path='C:\data\n.txt')" \
+    "100000a:" </dev/null >"$work/pipeline.out" 2>&1) &
+piped=$!
+poll 300 0.05 '[ "$(log_count "Received IPC message 100000A")" -gt "$versions" ]' || fail "side by side: the pipeline did not arrive"
+(wine "$client" -t 200000 call remove-quarantine-container action=1 path='c:\side' </dev/null >"$work/removed.out" 2>&1) &
+removing=$!
+call get-quarantine-containers
+[[ "$reply" == *$'\ncontainer=c:\\side\\'* ]] || fail "side by side: the list [$reply]"
+quarantine 2 'c:\q' "$arc_r"
+expect_eq "side by side: a restore from another container" "$ok restore me" "$reply $(cat "$drive_c/data/r.txt")"
+sleep 0.5
+expect_eq "side by side: nothing that touches c:\\side answered" "waiting waiting 0" \
+    "$(kill -0 $held && echo waiting) $(kill -0 $removing && echo waiting) $(wc -c <"$work/pipeline.out")"
+rm -f "$drive_c"/side/h.txt.*.paused
+wait $held $piped $removing
+tr -d '\r' <"$work/held.out" | grep -q -E '^result=1 message=c:\\side\\h\.txt\.[0-9A-F]{16}\.QUA;$' ||
+    fail "side by side: the held quarantine [$(cat "$work/held.out")]"
+# Each line "ID SEQUENCE PAYLOAD": the quarantine's reply first (result 1), then the version's.
+expect_eq "side by side: one connection's replies in order" "10000CA 1 01 100000A 2" \
+    "$(tr -d '\r' <"$work/pipeline.out" | awk '{ printf "%s%s %s", (NR > 1 ? " " : ""), $1, $2; if (NR == 1) printf " %s", substr($3, 1, 2) }')"
+expect_eq "side by side: the removal after both quarantines" "result=1 message= gone gone gone" \
+    "$(tr -d '\r' <"$work/removed.out") $([ -e "$drive_c/side" ] || echo gone) $([ -e "$drive_c/data/h.txt" ] || echo gone) $([ -e "$drive_c/data/n.txt" ] || echo gone)"
+run reg delete "$helper_key" /v ArchivePause /f
+rm -f "$drive_c/data/r.txt"
 
 # A source on another volume (D:): its archive's folder is flushed before the source goes.
 printf 'other' >"$work/dvol/sub/o.txt"

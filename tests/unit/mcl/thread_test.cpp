@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "mcl/event.h"
 #include "mcl/mutex.h"
+#include "mcl/ordered_pool.h"
 #include "mcl/share_ptr.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
@@ -196,3 +198,77 @@ TEST(Mutex, AStepTimesOutQuietlyAndTakesAnAbandonedMutex) {
 }
 
 }  // namespace
+
+// The request workers' ordering: what shares a key (or a key and its "|" extension) runs in the
+// order submitted, the rest side by side; work for the owner thread is handed off only when its
+// turn has come; the bounds refuse; a stop ends running work and tells queued work it never ran.
+TEST(OrderedPool, OrdersBySharedKeysOnlyAndStopsWithinItsBound) {
+    std::vector<std::function<void()>> handed;
+    mcl::lock handed_lock;
+    mcl::ordered_pool pool(3, 5, 3, [&](std::function<void()> work) {
+        mcl::scoped_lock guard(handed_lock);
+        handed.push_back(std::move(work));
+    });
+    const auto handed_count = [&] {
+        mcl::scoped_lock guard(handed_lock);
+        return handed.size();
+    };
+    ASSERT_TRUE(pool.start());
+    mcl::event release, release_last;
+    ASSERT_TRUE(release.create_unnamed() && release_last.create_unnamed());
+    std::string order;
+    mcl::lock order_lock;
+    std::atomic<int> waiting{0};
+    const auto noted = [&] {
+        mcl::scoped_lock guard(order_lock);
+        return order;
+    };
+    const auto until = [](const std::function<bool()>& done) {
+        for (int i = 0; i < 500 && !done(); ++i) Sleep(10);
+    };
+    using place = mcl::ordered_pool::place;
+    using refusal = mcl::ordered_pool::refusal;
+    const auto job = [&](std::string what, HANDLE wait) {
+        return [&, what, wait](bool run) {
+            if (run && wait != nullptr) {
+                ++waiting;
+                (void)mcl::wait_unless_stopped(wait, 10000);
+            }
+            mcl::scoped_lock guard(order_lock);
+            order += what + (run ? " " : "-never ");
+        };
+    };
+    EXPECT_EQ(refusal::none, pool.submit({"a", "service"}, place::worker, job("held", release.get())));
+    EXPECT_EQ(refusal::none, pool.submit({"b", "service|spooler"}, place::worker, job("behind", nullptr)));
+    EXPECT_EQ(refusal::none, pool.submit({"a", "file|x"}, place::owner, job("owner", nullptr)));
+    EXPECT_EQ(refusal::none, pool.submit({"c", "services"}, place::worker, job("beside", nullptr)));
+    EXPECT_TRUE(pool.conflicts({"service|x"}));
+    EXPECT_FALSE(pool.conflicts({"servic", "x|d"}));
+    until([&] { return pool.size() == 3; });
+    EXPECT_EQ("beside ", noted());
+    EXPECT_EQ(0u, handed_count());
+    EXPECT_EQ(refusal::none, pool.submit({"a"}, place::worker, job("third", nullptr)));
+    EXPECT_EQ(refusal::caller_full, pool.submit({"a"}, place::worker, job("x", nullptr)));
+    EXPECT_EQ(refusal::none, pool.submit({"d"}, place::worker, job("last", release_last.get())));
+    EXPECT_EQ(refusal::full, pool.submit({"e"}, place::worker, job("x", nullptr)));
+
+    release.set();
+    until([&] { return noted() == "beside held behind " && handed_count() == 1; });
+    ASSERT_EQ(1u, handed_count());
+    handed.front()();
+    until([&] { return pool.size() == 1; });
+    release_last.set();
+    until([&] { return pool.size() == 0; });
+    EXPECT_EQ("beside held behind owner third last ", noted());
+
+    // Stopped: the running job gives up at once, the queued one is told it never ran.
+    release.reset();
+    EXPECT_EQ(refusal::none, pool.submit({"g"}, place::worker, job("stopped", release.get())));
+    EXPECT_EQ(refusal::none, pool.submit({"g"}, place::worker, job("queued", nullptr)));
+    until([&] { return waiting == 3; });
+    const ULONGLONG t0 = GetTickCount64();
+    pool.stop(1);
+    EXPECT_LT(GetTickCount64() - t0, 5000u);  // the job's own wait is 10 s
+    EXPECT_EQ("beside held behind owner third last stopped queued-never ", noted());
+    EXPECT_EQ(refusal::stopped, pool.submit({"h"}, place::worker, job("x", nullptr)));
+}
