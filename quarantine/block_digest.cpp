@@ -4,14 +4,27 @@
 #include <new>
 #include <system_error>
 
-block_digest::block_digest() : ring_(new (std::nothrow) unsigned char[block_count * block_size]) {
+namespace {
+
+// A thread running `body`, or none when the system could not start one.
+template <typename Body>
+std::thread start_thread(Body body) {
+    try {
+        return std::thread(body);
+    } catch (const std::system_error&) {
+        return std::thread();
+    }
+}
+
+}  // namespace
+
+block_digest::block_digest(block_writer* writer)
+    : writer_(writer), ring_(new (std::nothrow) unsigned char[block_count * block_size]) {
     ok_ = ring_ != nullptr && hasher_.begin();
     if (!ok_) return;
-    try {
-        worker_ = std::thread([this] { run(); });
-    } catch (const std::system_error&) {
-        // Hashed in filled() instead.
-    }
+    // Without a thread the block is hashed, or written, in filled() instead.
+    digest_thread_ = start_thread([this] { run_digest(); });
+    if (writer_ != nullptr) writer_thread_ = start_thread([this] { run_writer(); });
 }
 
 block_digest::~block_digest() { stop(); }
@@ -19,21 +32,22 @@ block_digest::~block_digest() { stop(); }
 unsigned char* block_digest::acquire() {
     if (ring_ == nullptr) return nullptr;
     std::unique_lock<std::mutex> hold(lock_);
-    changed_.wait(hold, [this] { return posted_ - hashed_ < block_count; });
+    changed_.wait(hold, [this] { return posted_ - hashed_ < block_count && posted_ - written_ < block_count; });
     return block(posted_);
 }
 
 void block_digest::filled(size_t size) {
-    if (!worker_.joinable()) {
-        if (ok_) ok_ = hasher_.update(block(posted_), size);
-        ++posted_;
-        ++hashed_;
-        return;
-    }
+    const uint64_t index = posted_;
+    const bool hash_here = !digest_thread_.joinable();
+    const bool write_here = !writer_thread_.joinable();
+    if (hash_here && ok_) ok_ = hasher_.update(block(index), size);
+    if (write_here && writer_ != nullptr) writer_->write(block(index), size);
     {
         std::lock_guard<std::mutex> hold(lock_);
-        sizes_[posted_ % block_count] = size;
+        sizes_[index % block_count] = size;
         ++posted_;
+        if (hash_here) ++hashed_;
+        if (write_here) ++written_;
     }
     changed_.notify_all();
 }
@@ -58,17 +72,26 @@ void block_digest::add(const unsigned char* data, size_t size) {
     }
 }
 
+void block_digest::hand_over_partial() {
+    if (adding_ == nullptr) return;
+    filled(added_);
+    adding_ = nullptr;
+}
+
+void block_digest::drain() {
+    hand_over_partial();
+    std::unique_lock<std::mutex> hold(lock_);
+    changed_.wait(hold, [this] { return written_ == posted_; });
+}
+
 bool block_digest::finish(mcl::binary_t& digest) {
-    if (adding_ != nullptr) {
-        filled(added_);
-        adding_ = nullptr;
-    }
+    hand_over_partial();
     stop();
     digest.clear();
     return ok_ && hasher_.finish(digest);
 }
 
-void block_digest::run() {
+void block_digest::run_digest() {
     std::unique_lock<std::mutex> hold(lock_);
     for (;;) {
         changed_.wait(hold, [this] { return posted_ != hashed_ || done_; });
@@ -84,11 +107,28 @@ void block_digest::run() {
     }
 }
 
+void block_digest::run_writer() {
+    std::unique_lock<std::mutex> hold(lock_);
+    for (;;) {
+        changed_.wait(hold, [this] { return posted_ != written_ || done_; });
+        if (posted_ == written_) return;
+        const uint64_t index = written_;
+        const size_t size = sizes_[index % block_count];
+        hold.unlock();
+        // The producer does not touch this block again until written_ has passed it.
+        writer_->write(block(index), size);
+        hold.lock();
+        ++written_;
+        changed_.notify_all();
+    }
+}
+
 void block_digest::stop() {
     {
         std::lock_guard<std::mutex> hold(lock_);
         done_ = true;
     }
     changed_.notify_all();
-    if (worker_.joinable()) worker_.join();
+    if (digest_thread_.joinable()) digest_thread_.join();
+    if (writer_thread_.joinable()) writer_thread_.join();
 }
