@@ -210,9 +210,17 @@ bool feed(LZ4F_dctx* context, const unsigned char* data, size_t size, unsigned c
             NV_LOG("decompress_file_internal", "Decompress: Trailing data left in file after frame\n");
             return false;
         }
+        // Straight into the sink when it lends room, else through `dst`.
+        size_t room = 0;
+        unsigned char* target = out.space(room);
+        const bool in_place = target != nullptr;
+        if (!in_place) {
+            target = dst;
+            room = dst_capacity;
+        }
         size_t in_size = size - at < archive_io_size ? size - at : archive_io_size;
-        size_t out_size = dst_capacity;
-        const size_t hint = LZ4F_decompress(context, dst, &out_size, data + at, &in_size, nullptr);
+        size_t out_size = room;
+        const size_t hint = LZ4F_decompress(context, target, &out_size, data + at, &in_size, nullptr);
         if (LZ4F_isError(hint)) {
             NV_LOG("decompress_file_internal", "Decompression error: %s\n", LZ4F_getErrorName(hint));
             return false;
@@ -221,7 +229,11 @@ bool feed(LZ4F_dctx* context, const unsigned char* data, size_t size, unsigned c
             NV_LOG("decompress_file_internal", "Decompression error: %s\n", "no progress");
             return false;
         }
-        if (out_size != 0) (void)out.write(dst, out_size);
+        if (in_place) {
+            out.commit(out_size);
+        } else if (out_size != 0) {
+            (void)out.write(dst, out_size);
+        }
         at += in_size;
         last = hint;
     }

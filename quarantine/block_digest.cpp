@@ -54,21 +54,33 @@ void block_digest::filled(size_t size) {
 
 void block_digest::add(const unsigned char* data, size_t size) {
     while (size != 0) {
-        if (adding_ == nullptr) {
-            adding_ = acquire();
-            added_ = 0;
-            if (adding_ == nullptr) return;  // no ring: finish() fails
-        }
-        const size_t room = block_size - added_;
+        size_t room = 0;
+        unsigned char* to = space(room);
+        if (to == nullptr) return;  // no ring: finish() fails
         const size_t take = size < room ? size : room;
-        memcpy(adding_ + added_, data, take);
-        added_ += take;
+        memcpy(to, data, take);
+        commit(take);
         data += take;
         size -= take;
-        if (added_ == block_size) {
-            filled(added_);
-            adding_ = nullptr;
-        }
+    }
+}
+
+unsigned char* block_digest::space(size_t& size) {
+    size = 0;
+    if (adding_ == nullptr) {
+        adding_ = acquire();
+        added_ = 0;
+        if (adding_ == nullptr) return nullptr;
+    }
+    size = block_size - added_;
+    return adding_ + added_;
+}
+
+void block_digest::commit(size_t size) {
+    added_ += size;
+    if (added_ == block_size) {
+        filled(added_);
+        adding_ = nullptr;
     }
 }
 

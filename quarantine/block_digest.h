@@ -10,7 +10,8 @@
 // only hold the producer back once the ring is full. Without a thread (none could be started)
 // each block is hashed, or written, as it is handed over.
 //
-// acquire(), filled(), add(), drain() and finish() run on the producer's thread only.
+// acquire(), filled(), add(), space(), commit(), drain() and finish() run on the producer's
+// thread only.
 #pragma once
 
 #include <condition_variable>
@@ -61,6 +62,12 @@ public:
     // over the last, partly filled one. For producers that have the bytes in a buffer of their
     // own.
     void add(const unsigned char* data, size_t size);
+    // The same without the copy: room for the next bytes in the block being filled, `size`
+    // (more than 0) bytes at the address returned, null when the ring could not be allocated;
+    // commit() takes that many of them as added. A block handed over stays as it is until
+    // block_count - 1 more blocks have been filled.
+    unsigned char* space(size_t& size);
+    void commit(size_t size);
 
 private:
     void run_digest();

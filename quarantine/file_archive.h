@@ -40,6 +40,9 @@ public:
     explicit digest_sink(FILE* file) : file_writer_(file), digest_(file != nullptr ? &file_writer_ : nullptr) {}
     // Always true: a failed write shows in finish_writing().
     bool write(const unsigned char* data, size_t size) override;
+    // The decoder puts its output straight into the digest's blocks.
+    unsigned char* space(size_t& size) override { return digest_.space(size); }
+    void commit(size_t size) override { digest_.commit(size); }
     // Waits until every byte is in the file (the digest may still be running); false when a
     // write failed. Call it before the file is closed; nothing may be written afterwards.
     [[nodiscard]] bool finish_writing();
