@@ -199,6 +199,10 @@ bool check_frame_descriptor(FILE* in) {
 
 namespace {
 
+// Reads after the first one: a stored (incompressible) 256 KiB block costs one read rather than
+// sixteen. The decompressor is still fed in archive_io_size pieces.
+constexpr size_t decode_read_size = 256 * 1024;
+
 // Feeds `size` bytes to the decompressor in calls of at most 16 KiB and passes the output to
 // `out`. `last` keeps the decompressor's last hint (0 once the frame is complete). Bytes left
 // over after the end of the frame are trailing data.
@@ -277,7 +281,7 @@ int decompress_file_internal(FILE* in, byte_sink& out, const archive_header& hea
 
     while (last != 0) {
         if (cancelled("decompress_file_internal")) return 1;
-        const size_t got = fread(src, 1, archive_io_size < src_capacity ? archive_io_size : src_capacity, in);
+        const size_t got = fread(src, 1, decode_read_size < src_capacity ? decode_read_size : src_capacity, in);
         if (got == 0) {
             NV_LOG("decompress_file_internal", "Decompress: not enough input or error reading file\n");
             return 1;
@@ -325,7 +329,7 @@ int decompress_file(FILE* in, byte_sink& out, const archive_header& header) {
                header.decrypt_length, header.encryption_length);
         return 1;
     }
-    const size_t src_capacity = header.encryption_length > archive_io_size ? header.encryption_length : archive_io_size;
+    const size_t src_capacity = header.encryption_length > decode_read_size ? header.encryption_length : decode_read_size;
     unsigned char* src = static_cast<unsigned char*>(malloc(src_capacity));
     if (src == nullptr) {
         NV_LOG("decompress_file", "failed to allocate memory\n");

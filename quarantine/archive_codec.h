@@ -1,5 +1,6 @@
-// The streaming LZ4 frame codec of quarantine archives: 16 KiB reads, 256 KiB linked blocks,
-// and the first non-empty compressed output encrypted with the archive key.
+// The streaming LZ4 frame codec of quarantine archives: 16 KiB pieces through the LZ4 calls,
+// 256 KiB linked blocks, and the first non-empty compressed output encrypted with the archive
+// key.
 //
 // Stateless; any thread. Each call owns its contexts and buffers and frees them before it
 // returns. Streams are opened and closed by the caller.
