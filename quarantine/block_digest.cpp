@@ -32,7 +32,11 @@ block_digest::~block_digest() { stop(); }
 unsigned char* block_digest::acquire() {
     if (ring_ == nullptr) return nullptr;
     std::unique_lock<std::mutex> hold(lock_);
-    changed_.wait(hold, [this] { return posted_ - hashed_ < block_count && posted_ - written_ < block_count; });
+    if (in_use_locked() >= block_count) {
+        producer_waiting_ = true;
+        freed_.wait(hold, [this] { return producer_may_go_locked(); });
+        producer_waiting_ = false;
+    }
     return block(posted_);
 }
 
@@ -42,14 +46,16 @@ void block_digest::filled(size_t size) {
     const bool write_here = !writer_thread_.joinable();
     if (hash_here && ok_) ok_ = hasher_.update(block(index), size);
     if (write_here && writer_ != nullptr) writer_->write(block(index), size);
+    bool wake = false;
     {
         std::lock_guard<std::mutex> hold(lock_);
         sizes_[index % block_count] = size;
         ++posted_;
         if (hash_here) ++hashed_;
         if (write_here) ++written_;
+        wake = digest_waiting_ || (writer_waiting_ && writer_may_go_locked());
     }
-    changed_.notify_all();
+    if (wake) posted_cv_.notify_all();
 }
 
 void block_digest::add(const unsigned char* data, size_t size) {
@@ -93,7 +99,11 @@ void block_digest::hand_over_partial() {
 void block_digest::drain() {
     hand_over_partial();
     std::unique_lock<std::mutex> hold(lock_);
-    changed_.wait(hold, [this] { return written_ == posted_; });
+    draining_ = true;
+    if (writer_waiting_) posted_cv_.notify_all();
+    producer_waiting_ = true;
+    freed_.wait(hold, [this] { return written_ == posted_; });
+    producer_waiting_ = false;
 }
 
 bool block_digest::finish(mcl::binary_t& digest) {
@@ -106,7 +116,11 @@ bool block_digest::finish(mcl::binary_t& digest) {
 void block_digest::run_digest() {
     std::unique_lock<std::mutex> hold(lock_);
     for (;;) {
-        changed_.wait(hold, [this] { return posted_ != hashed_ || done_; });
+        if (posted_ == hashed_ && !done_) {
+            digest_waiting_ = true;
+            posted_cv_.wait(hold, [this] { return posted_ != hashed_ || done_; });
+            digest_waiting_ = false;
+        }
         if (posted_ == hashed_) return;
         const uint64_t index = hashed_;
         const size_t size = sizes_[index % block_count];
@@ -115,15 +129,25 @@ void block_digest::run_digest() {
         if (ok_) ok_ = hasher_.update(block(index), size);
         hold.lock();
         ++hashed_;
-        changed_.notify_all();
+        if (producer_waiting_ && producer_may_go_locked()) freed_.notify_one();
     }
 }
 
 void block_digest::run_writer() {
     std::unique_lock<std::mutex> hold(lock_);
     for (;;) {
-        changed_.wait(hold, [this] { return posted_ != written_ || done_; });
-        if (posted_ == written_) return;
+        if (!writer_may_go_locked()) {
+            writer_waiting_ = true;
+            posted_cv_.wait(hold, [this] { return writer_may_go_locked(); });
+            writer_waiting_ = false;
+        }
+        if (posted_ == written_) {
+            if (done_) return;
+            // Drained: nothing more comes but the end.
+            writer_waiting_ = true;
+            posted_cv_.wait(hold, [this] { return done_; });
+            return;
+        }
         const uint64_t index = written_;
         const size_t size = sizes_[index % block_count];
         hold.unlock();
@@ -131,7 +155,7 @@ void block_digest::run_writer() {
         writer_->write(block(index), size);
         hold.lock();
         ++written_;
-        changed_.notify_all();
+        if (producer_waiting_ && producer_may_go_locked()) freed_.notify_one();
     }
 }
 
@@ -140,7 +164,7 @@ void block_digest::stop() {
         std::lock_guard<std::mutex> hold(lock_);
         done_ = true;
     }
-    changed_.notify_all();
+    posted_cv_.notify_all();
     if (digest_thread_.joinable()) digest_thread_.join();
     if (writer_thread_.joinable()) writer_thread_.join();
 }

@@ -70,11 +70,24 @@ public:
     void commit(size_t size);
 
 private:
+    // Threads are woken in batches rather than for every block: a full ring lets the producer
+    // go on once half of it is free again, and the writer starts once writer_batch blocks wait.
+    // Each wake-up costs a switch of threads, which on two cores takes time from the digest.
+    static constexpr uint64_t writer_batch = 2;
+
     void run_digest();
     void run_writer();
     void hand_over_partial();
     void stop();
     unsigned char* block(uint64_t index) const { return ring_.get() + (index % block_count) * block_size; }
+    // Blocks not yet back in the ring. With lock_ held.
+    uint64_t in_use_locked() const { return posted_ - (hashed_ < written_ ? hashed_ : written_); }
+    // Whether the producer, waiting, may go on; with lock_ held.
+    bool producer_may_go_locked() const {
+        return draining_ ? written_ == posted_ : in_use_locked() <= block_count / 2;
+    }
+    // Whether the writer, waiting, has work or must end; with lock_ held.
+    bool writer_may_go_locked() const { return posted_ - written_ >= writer_batch || draining_ || done_; }
 
     block_writer* writer_;
     sha256_hasher hasher_;
@@ -82,10 +95,15 @@ private:
     std::unique_ptr<unsigned char[]> ring_;
     size_t sizes_[block_count] = {};
     std::mutex lock_;
-    std::condition_variable changed_;
+    std::condition_variable freed_;   // the producer waits for blocks back in the ring
+    std::condition_variable posted_cv_;  // the digest and the writer wait for blocks
     uint64_t posted_ = 0;   // blocks handed over
     uint64_t hashed_ = 0;   // blocks hashed
     uint64_t written_ = 0;  // blocks written (all of them when there is no writer)
+    bool producer_waiting_ = false;
+    bool digest_waiting_ = false;
+    bool writer_waiting_ = false;
+    bool draining_ = false;  // drain() waits for the writer to catch up
     bool done_ = false;
     std::thread digest_thread_;
     std::thread writer_thread_;
