@@ -70,9 +70,12 @@ public:
     void commit(size_t size);
 
 private:
-    // Threads are woken in batches rather than for every block: a full ring lets the producer
-    // go on once half of it is free again, and the writer starts once writer_batch blocks wait.
-    // Each wake-up costs a switch of threads, which on two cores takes time from the digest.
+    // Threads are woken in pairs of blocks rather than for every block: a full ring lets the
+    // producer go on once producer_batch blocks are free again, and the writer starts once
+    // writer_batch blocks wait. Each wake-up costs a switch of threads, which on two cores takes
+    // time from the digest; a larger batch would leave the digest fewer blocks in hand when the
+    // producer stalls (a flush).
+    static constexpr uint64_t producer_batch = 2;
     static constexpr uint64_t writer_batch = 2;
 
     void run_digest();
@@ -84,7 +87,7 @@ private:
     uint64_t in_use_locked() const { return posted_ - (hashed_ < written_ ? hashed_ : written_); }
     // Whether the producer, waiting, may go on; with lock_ held.
     bool producer_may_go_locked() const {
-        return draining_ ? written_ == posted_ : in_use_locked() <= block_count / 2;
+        return draining_ ? written_ == posted_ : in_use_locked() <= block_count - producer_batch;
     }
     // Whether the writer, waiting, has work or must end; with lock_ held.
     bool writer_may_go_locked() const { return posted_ - written_ >= writer_batch || draining_ || done_; }
