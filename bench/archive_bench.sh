@@ -58,6 +58,16 @@ run() {
   speed=$(tr -d '\r' <out.txt | awk -F': ' '/ MB\/s$/ { print $2 + 0 }')
 }
 
+# restore BIN_DIR PREFIX LABEL FILE: restores FILE from FILE.QUA with run. The file is moved
+# aside first and removed afterwards: the service restores a file that the quarantine removed
+# and never replaces one, so the time the system takes to drop a replaced file's cached pages
+# (0.2 to 0.7 s for 1 GiB here) is no part of a restore.
+restore() {
+  mv "$4" "$4.kept"
+  run "$1" "$2" restore "$3" "$4.QUA" "$4"
+  if [ -e "$4" ]; then rm -f "$4.kept"; else mv "$4.kept" "$4"; fi
+}
+
 for size in ${SIZES:-1M 64M 1G}; do
   case $size in
     1M) bytes=1048576 ;;
@@ -86,7 +96,7 @@ for size in ${SIZES:-1M 64M 1G}; do
       ratio "before_archive_vs_digest_$label" "$speed" "$digest"
       run "$bin" "" digest "$label" "$file"
       digest=$speed
-      run "$before_bin" before_ restore "$label" "$file.QUA" "$file"
+      restore "$before_bin" before_ "$label" "$file"
       ratio "before_restore_vs_digest_$label" "$speed" "$digest"
       rm -f "$file.QUA"
     fi
@@ -98,7 +108,7 @@ for size in ${SIZES:-1M 64M 1G}; do
     echo "archive_size_$label: $(stat -c %s "$file.QUA") bytes"
     run "$bin" "" digest "$label" "$file"
     digest=$speed
-    run "$bin" "" restore "$label" "$file.QUA" "$file"
+    restore "$bin" "" "$label" "$file"
     ratio "restore_vs_digest_$label" "$speed" "$digest"
     rm -f "$file" "$file.QUA"
   done

@@ -199,6 +199,10 @@ bool check_frame_descriptor(FILE* in) {
 
 namespace {
 
+// Reads after the first one: a stored (incompressible) 256 KiB block costs one read rather than
+// sixteen. The decompressor is still fed in archive_io_size pieces.
+constexpr size_t decode_read_size = 256 * 1024;
+
 // Feeds `size` bytes to the decompressor in calls of at most 16 KiB and passes the output to
 // `out`. `last` keeps the decompressor's last hint (0 once the frame is complete). Bytes left
 // over after the end of the frame are trailing data.
@@ -210,9 +214,17 @@ bool feed(LZ4F_dctx* context, const unsigned char* data, size_t size, unsigned c
             NV_LOG("decompress_file_internal", "Decompress: Trailing data left in file after frame\n");
             return false;
         }
+        // Straight into the sink when it lends room, else through `dst`.
+        size_t room = 0;
+        unsigned char* target = out.space(room);
+        const bool in_place = target != nullptr;
+        if (!in_place) {
+            target = dst;
+            room = dst_capacity;
+        }
         size_t in_size = size - at < archive_io_size ? size - at : archive_io_size;
-        size_t out_size = dst_capacity;
-        const size_t hint = LZ4F_decompress(context, dst, &out_size, data + at, &in_size, nullptr);
+        size_t out_size = room;
+        const size_t hint = LZ4F_decompress(context, target, &out_size, data + at, &in_size, nullptr);
         if (LZ4F_isError(hint)) {
             NV_LOG("decompress_file_internal", "Decompression error: %s\n", LZ4F_getErrorName(hint));
             return false;
@@ -221,7 +233,11 @@ bool feed(LZ4F_dctx* context, const unsigned char* data, size_t size, unsigned c
             NV_LOG("decompress_file_internal", "Decompression error: %s\n", "no progress");
             return false;
         }
-        if (out_size != 0) (void)out.write(dst, out_size);
+        if (in_place) {
+            out.commit(out_size);
+        } else if (out_size != 0) {
+            (void)out.write(dst, out_size);
+        }
         at += in_size;
         last = hint;
     }
@@ -265,7 +281,7 @@ int decompress_file_internal(FILE* in, byte_sink& out, const archive_header& hea
 
     while (last != 0) {
         if (cancelled("decompress_file_internal")) return 1;
-        const size_t got = fread(src, 1, archive_io_size < src_capacity ? archive_io_size : src_capacity, in);
+        const size_t got = fread(src, 1, decode_read_size < src_capacity ? decode_read_size : src_capacity, in);
         if (got == 0) {
             NV_LOG("decompress_file_internal", "Decompress: not enough input or error reading file\n");
             return 1;
@@ -313,7 +329,7 @@ int decompress_file(FILE* in, byte_sink& out, const archive_header& header) {
                header.decrypt_length, header.encryption_length);
         return 1;
     }
-    const size_t src_capacity = header.encryption_length > archive_io_size ? header.encryption_length : archive_io_size;
+    const size_t src_capacity = header.encryption_length > decode_read_size ? header.encryption_length : decode_read_size;
     unsigned char* src = static_cast<unsigned char*>(malloc(src_capacity));
     if (src == nullptr) {
         NV_LOG("decompress_file", "failed to allocate memory\n");

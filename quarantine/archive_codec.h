@@ -1,5 +1,6 @@
-// The streaming LZ4 frame codec of quarantine archives: 16 KiB reads, 256 KiB linked blocks,
-// and the first non-empty compressed output encrypted with the archive key.
+// The streaming LZ4 frame codec of quarantine archives: 16 KiB pieces through the LZ4 calls,
+// 256 KiB linked blocks, and the first non-empty compressed output encrypted with the archive
+// key.
 //
 // Stateless; any thread. Each call owns its contexts and buffers and frees them before it
 // returns. Streams are opened and closed by the caller.
@@ -29,6 +30,16 @@ class byte_sink {
 public:
     virtual ~byte_sink() = default;
     virtual bool write(const unsigned char* data, size_t size) = 0;
+    // Room for the decoder to put the next bytes straight into, instead of writing them from a
+    // buffer of its own: `size` (more than 0) bytes at the address returned, null (the default)
+    // for a sink that takes write() only. commit() then says how many of them now hold output.
+    // The decoder reads back into its last 64 KiB of output, so bytes committed stay as they are
+    // until at least that much more has been committed after them.
+    virtual unsigned char* space(size_t& size) {
+        size = 0;
+        return nullptr;
+    }
+    virtual void commit(size_t size) { (void)size; }
 };
 
 class file_sink : public byte_sink {

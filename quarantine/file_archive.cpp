@@ -88,14 +88,21 @@ private:
 
 bool digest_sink::write(const unsigned char* data, size_t size) {
     digest_.add(data, size);
-    if (file_ == nullptr) return true;
-    if (!safe_fwrite(data, size, file_)) write_failed_ = true;
+    return true;
+}
+
+bool digest_sink::finish_writing() {
+    digest_.drain();
+    return !file_writer_.failed();
+}
+
+void digest_sink::file_writer::write(const unsigned char* data, size_t size) {
+    if (!safe_fwrite(data, size, file_)) failed_ = true;
     unflushed_ += size;
     if (unflushed_ >= flush_interval) {
         (void)flush_to_disk(file_);  // the last flush decides
         unflushed_ = 0;
     }
-    return !write_failed_;
 }
 
 bool flush_to_disk(FILE* file) {
@@ -237,7 +244,8 @@ bool NVFileArchive::NVFileArchive_restoreFile(const char* archive_path, restore_
     digest_sink sink(restored.get());
     int result = decompress_file(archive.get(), sink, info.header);
     archive.reset();
-    if (!flush_and_close(std::move(restored)) || sink.write_failed()) result = 1;
+    const bool written = sink.finish_writing();
+    if (!flush_and_close(std::move(restored)) || !written) result = 1;
     mcl::binary_t digest;
     std::string target = info.path;
     bool ok = false;

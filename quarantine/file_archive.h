@@ -31,22 +31,40 @@ constexpr uint64_t flush_interval = 16 * 1024 * 1024;
 // failed.
 bool flush_to_disk(FILE* file);
 
-// Hashes decoded content on its way to an optional file: the bytes are written here and
-// hashed on the digest's own thread, so decoding, writing and hashing overlap; the file goes
-// to the disk every flush_interval bytes. Used on one thread.
+// Hashes decoded content on its way to an optional file: the bytes go into the blocks of a
+// digest, which hashes them on one thread while another writes them to the file in whole blocks
+// and sends the file to the disk every flush_interval bytes, so decoding, hashing and writing
+// overlap. write(), finish_writing() and finish() run on one thread, the decoder's.
 class digest_sink : public byte_sink {
 public:
-    explicit digest_sink(FILE* file) : file_(file) {}
+    explicit digest_sink(FILE* file) : file_writer_(file), digest_(file != nullptr ? &file_writer_ : nullptr) {}
+    // Always true: a failed write shows in finish_writing().
     bool write(const unsigned char* data, size_t size) override;
+    // The decoder puts its output straight into the digest's blocks.
+    unsigned char* space(size_t& size) override { return digest_.space(size); }
+    void commit(size_t size) override { digest_.commit(size); }
+    // Waits until every byte is in the file (the digest may still be running); false when a
+    // write failed. Call it before the file is closed; nothing may be written afterwards.
+    [[nodiscard]] bool finish_writing();
     // The digest of everything written; false when hashing failed.
-    bool finish(mcl::binary_t& digest) { return digest_.finish(digest); }
-    bool write_failed() const { return write_failed_; }
+    [[nodiscard]] bool finish(mcl::binary_t& digest) { return digest_.finish(digest); }
 
 private:
-    FILE* file_;
+    // Writes the blocks to the file on the digest's writer thread.
+    class file_writer : public block_writer {
+    public:
+        explicit file_writer(FILE* file) : file_(file) {}
+        void write(const unsigned char* data, size_t size) override;
+        bool failed() const { return failed_; }
+
+    private:
+        FILE* file_;
+        bool failed_ = false;
+        uint64_t unflushed_ = 0;
+    };
+
+    file_writer file_writer_;  // before the digest, which uses it until it goes
     block_digest digest_;
-    bool write_failed_ = false;
-    uint64_t unflushed_ = 0;
 };
 
 // Flushes `file` to the disk and closes it; false when either failed.

@@ -132,12 +132,13 @@ int run_decode(const char* path, const char* dest) {
     digest_sink sink(out.get());
     const int decoded = decompress_file(archive.get(), sink, info.header);
     archive.reset();
+    const bool written = sink.finish_writing();
     const bool closed = !out || flush_and_close(std::move(out));
     mcl::binary_t digest;
     if (decoded != 0) {
         fprintf(stderr, "error: %s: damaged content (the compressed or encrypted data cannot be decoded)\n", path);
         code = exit_bad_content;
-    } else if (sink.write_failed() || !closed) {
+    } else if (!written || !closed) {
         fprintf(stderr, "error: writing %s failed\n", partial.c_str());
         code = exit_io;
     } else if (!sink.finish(digest) || digest.size() != archive_hash_size) {
