@@ -52,11 +52,22 @@ void compatibility_failure(mcl::binary_t& payload) {
 // or key takes no key: it reads the table as it stands and waits for no other client.
 using keys_fn = void (*)(const mcl::binary_t& payload, std::vector<std::string>& keys);
 
+// A request that names more objects than this takes the key of all of them ("file", "service"):
+// the cost of ordering stays bounded whatever a request holds.
+constexpr size_t most_keys_named = 64;
+
 void container_keys(const std::string& path, std::vector<std::string>& keys) {
     keys.push_back("container|" + quarantine_store::normalise_container(path));
 }
 void file_key(const std::string& path, std::vector<std::string>& keys) {
     keys.push_back("file|" + mcl::mswin::lower_case(path));
+}
+void file_keys(const std::vector<std::string>& paths, std::vector<std::string>& keys) {
+    if (paths.size() > most_keys_named) {
+        keys.push_back("file");
+        return;
+    }
+    for (const std::string& path : paths) file_key(path, keys);
 }
 void service_key(const std::string& name, std::vector<std::string>& keys) {
     keys.push_back("service|" + mcl::mswin::lower_case(name));
@@ -66,7 +77,7 @@ void quarantine_keys(const mcl::binary_t& payload, std::vector<std::string>& key
     protocol::quarantine_files_request request;
     if (!protocol::decode(payload, request)) return;
     container_keys(request.container, keys);
-    for (const std::string& path : request.paths) file_key(path, keys);
+    file_keys(request.paths, keys);
 }
 void create_container_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::create_container_request request;
@@ -86,8 +97,7 @@ void file_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys
 }
 void block_files_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::block_files_request request;
-    if (!protocol::decode(payload, request)) return;
-    for (const std::string& path : request.paths) file_key(path, keys);
+    if (protocol::decode(payload, request)) file_keys(request.paths, keys);
 }
 void service_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::name_request request;
@@ -100,8 +110,10 @@ void start_service_keys(const mcl::binary_t& payload, std::vector<std::string>& 
 void protect_services_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::protect_services_request request;
     if (!protocol::decode(payload, request)) return;
+    const size_t first = keys.size();
     for (const protocol::service_rule& rule : request.rules) {
-        if (rule.name.empty()) {
+        if (rule.name.empty() || keys.size() - first == most_keys_named) {
+            keys.resize(first);
             keys.push_back("service");  // every service
             return;
         }
