@@ -21,4 +21,4 @@ a=$(rate "$after")
 [ -n "$b" ] && [ -n "$a" ] || { echo "storm_compare: no figure (before ${b:-none}, after ${a:-none})" >&2; exit 1; }
 echo "storm_requests_per_second_before: $b requests/s"
 echo "storm_requests_per_second_after: $a requests/s"
-awk -v a="$a" -v b="$b" 'BEGIN { printf "storm_requests_per_second_ratio: %.2f x\n", b > 0 ? a / b : 0 }'
+awk -v a="$a" -v b="$b" 'BEGIN { printf "storm_requests_per_second_ratio: %.2f x\n", (b > 0 ? a / b : 0) }'

@@ -87,21 +87,15 @@ void remove_container_keys(const mcl::binary_t& payload, std::vector<std::string
     protocol::remove_container_request request;
     if (protocol::decode(payload, request)) container_keys(request.path, keys);
 }
-void container_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+// The key of the one container, file or service a name request names.
+template <void (*key_of)(const std::string&, std::vector<std::string>&)>
+void name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::name_request request;
-    if (protocol::decode(payload, request)) container_keys(request.name, keys);
-}
-void file_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
-    protocol::name_request request;
-    if (protocol::decode(payload, request)) file_key(request.name, keys);
+    if (protocol::decode(payload, request)) key_of(request.name, keys);
 }
 void block_files_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::block_files_request request;
     if (protocol::decode(payload, request)) file_keys(request.paths, keys);
-}
-void service_name_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
-    protocol::name_request request;
-    if (protocol::decode(payload, request)) service_key(request.name, keys);
 }
 void start_service_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::start_service_request request;
@@ -163,8 +157,8 @@ const request_route routes[] = {
 
     // Enforcement and service control.
     {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service", status_failure, changes_state, start_service_keys, runs_on::worker},
-    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state, service_name_keys, runs_on::worker},
-    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state, service_name_keys},
+    {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state, name_keys<service_key>, runs_on::worker},
+    {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state, name_keys<service_key>},
     {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", status_failure, changes_state},
     {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", status_failure, changes_state},
 
@@ -172,13 +166,13 @@ const request_route routes[] = {
     {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container", status_failure, changes_state, create_container_keys, runs_on::worker},
     {msg::quarantine_files, &chelperservice::quarantine_files, "quarantine files", status_failure, changes_state, quarantine_keys, runs_on::worker},
     {msg::remove_quarantine_container, &chelperservice::remove_quarantine_container, "remove quarantine container", status_failure, changes_state, remove_container_keys, runs_on::worker},
-    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files", empty_files, reads_only, container_name_keys},
+    {msg::get_quarantined_files, &chelperservice::get_quarantined_files, "list quarantined files", empty_files, reads_only, name_keys<container_keys>},
     {msg::get_quarantine_containers, &chelperservice::get_quarantine_containers, "list quarantine containers", empty_containers},
     {msg::is_file_quarantined, &chelperservice::is_file_quarantined, "is file quarantined", status_failure},
-    {msg::block_file_access, &chelperservice::block_file_access, "block file access", status_failure, changes_state, file_name_keys, runs_on::worker},
-    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", status_failure, changes_state, file_name_keys, runs_on::worker},
+    {msg::block_file_access, &chelperservice::block_file_access, "block file access", status_failure, changes_state, name_keys<file_key>, runs_on::worker},
+    {msg::unblock_file_access, &chelperservice::unblock_file_access, "unblock file access", status_failure, changes_state, name_keys<file_key>, runs_on::worker},
     {msg::block_files_access, &chelperservice::block_files_access, "block files access", status_failure, changes_state, block_files_keys, runs_on::worker},
-    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked", status_failure, reads_only, file_name_keys},
+    {msg::is_file_access_blocked, &chelperservice::is_file_access_blocked, "is file access blocked", status_failure, reads_only, name_keys<file_key>},
 
     // IRP-denied notifications.
     {msg::subscribe_irp_notification, &chelperservice::subscribe_irp_notification, "subscribe IRP notification", status_failure},
