@@ -9,14 +9,14 @@
 #
 #   bench/archive_bench.sh [BIN_DIR] [WORK_DIR] [BEFORE_BIN_DIR]
 # BIN_DIR defaults to build/mingw-x64/bin; WORK_DIR (about 3 GiB free) to a temporary directory.
-# SIZES (default "1M 64M 1G") picks the file sizes.
+# SIZES (default "1M 64M 1G") picks the file sizes, REPEAT (default 3) the rounds of each timing.
 #   bench/archive_bench.sh --smoke BIN_DIR
 # 1 MiB files only, in a temporary directory removed afterwards, leaving the wineserver of the
 # test run's prefix (or the native build's archive_bench in BIN_DIR) alone.
 set -eu
 smoke=0
 if [ "${1:-}" = --smoke ]; then
-  smoke=1 SIZES=1M
+  smoke=1 SIZES=1M REPEAT=1
   shift
 fi
 here=$(cd "$(dirname "$0")/.." && pwd)
@@ -44,8 +44,9 @@ make_file() {  # make_file NAME BYTES KIND
   esac
 }
 
-# run BIN_DIR PREFIX ARGS...: one operation of that build's archive_bench; prints its lines with
-# PREFIX in front and leaves its MB/s figure in $speed. A failed operation makes the exit status 1.
+# run BIN_DIR PREFIX ARGS...: one operation of that build's archive_bench; leaves its lines, with
+# PREFIX in front, in $lines and its MB/s figure in $speed. A failed operation makes the exit
+# status 1.
 status=0
 run() {
   local dir=$1 prefix=$2
@@ -54,9 +55,11 @@ run() {
   [ -x "$dir/archive_bench" ] && [ ! -e "$dir/archive_bench.exe" ] && runner=("$dir/archive_bench")
   # Wine's helper processes inherit the output and outlive the program: go through a file.
   "${runner[@]}" "$@" </dev/null >out.txt 2>&1 || { echo "archive_bench $1 $2 exited with $?"; status=1; }
-  tr -d '\r' <out.txt | sed "s/^/$prefix/"
+  lines=$(tr -d '\r' <out.txt | sed "s/^/$prefix/")
   speed=$(tr -d '\r' <out.txt | awk -F': ' '/ MB\/s$/ { print $2 + 0 }')
 }
+
+median() { printf '%s\n' "$@" | sort -g | awk '{ v[NR] = $1 } END { print (NR % 2) ? v[(NR + 1) / 2] : (v[NR / 2] + v[NR / 2 + 1]) / 2 }'; }
 
 # restore BIN_DIR PREFIX LABEL FILE: restores FILE from FILE.QUA with run. The file is moved
 # aside first and removed afterwards: the service restores a file that the quarantine removed
@@ -66,6 +69,30 @@ restore() {
   mv "$4" "$4.kept"
   run "$1" "$2" restore "$3" "$4.QUA" "$4"
   if [ -e "$4" ]; then rm -f "$4.kept"; else mv "$4.kept" "$4"; fi
+}
+
+archive() {  # archive BIN_DIR PREFIX LABEL FILE: archives FILE into FILE.QUA with run
+  rm -f "$4.QUA"
+  run "$1" "$2" archive "$3" "$4" "$4.QUA"
+}
+
+# against_digest OP BIN_DIR PREFIX LABEL FILE: REPEAT rounds of a digest and then OP (archive or
+# restore); prints the last round's lines with OP's speed as the median of the rounds, and
+# PREFIXOP_vs_digest_LABEL, the median OP speed over the median digest speed. The load of a
+# shared machine drifts over the minute a 1 GiB file takes, and one digest and one operation
+# compared alone moved the ratio by 0.2 from one run to the next.
+against_digest() {
+  local op=$1 dir=$2 prefix=$3 label=$4 file=$5 digests=() speeds=() r
+  for r in $(seq 1 "${REPEAT:-3}"); do
+    run "$bin" "" digest "$label" "$file"
+    digests+=("$speed")
+    "$op" "$dir" "$prefix" "$label" "$file"
+    speeds+=("$speed")
+  done
+  speed=$(median "${speeds[@]}")
+  digest=$(median "${digests[@]}")
+  printf '%s\n' "$lines" | sed "s|^\(${prefix}${op}_$label\): .* MB/s\$|\1: $speed MB/s|"
+  ratio "${prefix}${op}_vs_digest_$label" "$speed" "$digest"
 }
 
 for size in ${SIZES:-1M 64M 1G}; do
@@ -87,29 +114,16 @@ for size in ${SIZES:-1M 64M 1G}; do
     echo "baseline_lz4_sha256_$label: $base MB/s"
     rm -f "$file.lz4"
 
-    # The load of a shared machine drifts: each operation is compared with a digest timed just
-    # before it.
     if [ -n "$before_bin" ]; then
-      run "$bin" "" digest "$label" "$file"
-      digest=$speed
-      run "$before_bin" before_ archive "$label" "$file" "$file.QUA"
-      ratio "before_archive_vs_digest_$label" "$speed" "$digest"
-      run "$bin" "" digest "$label" "$file"
-      digest=$speed
-      restore "$before_bin" before_ "$label" "$file"
-      ratio "before_restore_vs_digest_$label" "$speed" "$digest"
-      rm -f "$file.QUA"
+      against_digest archive "$before_bin" before_ "$label" "$file"
+      against_digest restore "$before_bin" before_ "$label" "$file"
     fi
-    run "$bin" "" digest "$label" "$file"
-    digest=$speed
-    run "$bin" "" archive "$label" "$file" "$file.QUA"
-    ratio "archive_vs_digest_$label" "$speed" "$digest"
+    against_digest archive "$bin" "" "$label" "$file"
     ratio "archive_vs_baseline_$label" "$speed" "$base"
     echo "archive_size_$label: $(stat -c %s "$file.QUA") bytes"
     run "$bin" "" digest "$label" "$file"
-    digest=$speed
-    restore "$bin" "" "$label" "$file"
-    ratio "restore_vs_digest_$label" "$speed" "$digest"
+    printf '%s\n' "$lines"
+    against_digest restore "$bin" "" "$label" "$file"
     rm -f "$file" "$file.QUA"
   done
 done

@@ -200,11 +200,11 @@ bool check_frame_descriptor(FILE* in) {
 namespace {
 
 // Reads after the first one: a stored (incompressible) 256 KiB block costs one read rather than
-// sixteen. The decompressor is still fed in archive_io_size pieces.
+// sixteen, and one call of the decompressor.
 constexpr size_t decode_read_size = 256 * 1024;
 
-// Feeds `size` bytes to the decompressor in calls of at most 16 KiB and passes the output to
-// `out`. `last` keeps the decompressor's last hint (0 once the frame is complete). Bytes left
+// Feeds `size` bytes to the decompressor, each call taking as much as the output's room allows,
+// and passes the output to `out`. `last` keeps the decompressor's last hint (0 once the frame is complete). Bytes left
 // over after the end of the frame are trailing data.
 bool feed(LZ4F_dctx* context, const unsigned char* data, size_t size, unsigned char* dst, size_t dst_capacity,
           byte_sink& out, size_t& last) {
@@ -222,9 +222,15 @@ bool feed(LZ4F_dctx* context, const unsigned char* data, size_t size, unsigned c
             target = dst;
             room = dst_capacity;
         }
-        size_t in_size = size - at < archive_io_size ? size - at : archive_io_size;
+        // In place, what was decoded stays where it is for at least the ring's other blocks, far
+        // more than the 64 KiB of history the next blocks may refer to: the decompressor keeps no
+        // copy of its own.
+        LZ4F_decompressOptions_t options;
+        memset(&options, 0, sizeof(options));
+        options.stableDst = in_place ? 1 : 0;
+        size_t in_size = size - at;
         size_t out_size = room;
-        const size_t hint = LZ4F_decompress(context, target, &out_size, data + at, &in_size, nullptr);
+        const size_t hint = LZ4F_decompress(context, target, &out_size, data + at, &in_size, &options);
         if (LZ4F_isError(hint)) {
             NV_LOG("decompress_file_internal", "Decompression error: %s\n", LZ4F_getErrorName(hint));
             return false;
