@@ -8,6 +8,7 @@
 #include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <random>
 #include <string>
@@ -37,9 +38,18 @@ std::vector<unsigned char> storm_file_bytes(int client, int file);
 std::string own_container(int client);
 std::string blocked_file(int client);
 
+// The request a client waits on, if any: where the storm looks when a client does not end.
+struct in_flight {
+    std::atomic<uint32_t> id{0};
+    std::atomic<ULONGLONG> since{0};  // 0 when it waits on nothing
+};
+
 // One connection to the service that sends whole requests or only their first bytes.
 class client_conn {
 public:
+    // Where request() shows what it waits on; none unless set.
+    in_flight* watch = nullptr;
+
     bool open();
     void close() { client_.close(); }
     // Sends one request; true with the reply payload when one came.
@@ -68,6 +78,8 @@ struct counters {
     std::atomic<int> clients_connected{0};  // clients whose first connection succeeded
     std::atomic<uint64_t> quarantined{0};   // storm files archived into the container
     std::atomic<uint64_t> restored{0};      // and restored from it
+    std::atomic<int> clients_ended{0};
+    std::unique_ptr<in_flight[]> waits;     // one per client
 };
 
 // What each client's last answered protect or unprotect left.

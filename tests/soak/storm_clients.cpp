@@ -126,6 +126,7 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
     std::mt19937 rng(static_cast<unsigned>(index * 7919 + GetTickCount()));
     const std::vector<uint32_t> ids = valid_ids();
     client_conn conn;
+    conn.watch = &c.waits[index];
     bool open = false;
     bool connected_once = false;
     std::string archives[files_per_client];
@@ -194,6 +195,7 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
         }
     }
     conn.close();
+    c.clients_ended++;
 }
 
 int victim() {

@@ -52,6 +52,16 @@ std::vector<unsigned char> client_conn::frame(uint32_t id, const mcl::binary_t& 
 }
 
 bool client_conn::request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply) {
+    struct shown {
+        in_flight* w;
+        ~shown() {
+            if (w != nullptr) w->since = 0;
+        }
+    } waiting{watch};
+    if (watch != nullptr) {
+        watch->id = id;
+        watch->since = GetTickCount64();
+    }
     std::vector<unsigned char> header, body;
     mcl::frame_header h;
     // An empty frame still carries its pad byte.

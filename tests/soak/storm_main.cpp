@@ -67,11 +67,39 @@ bool register_container() {
     return false;
 }
 
+// Returns once every client has ended. A client still waiting for a reply two minutes after the
+// storm's end never gets one: the requests they wait on are printed and the process ends, a
+// failure the script reports, instead of a storm that never ends.
+void wait_for_clients(const counters& c, int clients, ULONGLONG end) {
+    const ULONGLONG limit = end + 120000;
+    while (c.clients_ended.load() < clients) {
+        if (GetTickCount64() >= limit) {
+            int stuck = 0;
+            for (int i = 0; i < clients; ++i) {
+                const ULONGLONG since = c.waits[i].since.load();
+                if (since == 0) continue;
+                ++stuck;
+                char what[128];
+                std::snprintf(what, sizeof(what), "client %d is answered (request %X sent %.1f s ago)", i,
+                              static_cast<unsigned>(c.waits[i].id.load()),
+                              static_cast<double>(GetTickCount64() - since) / 1000.0);
+                check(false, what);
+            }
+            std::printf("clients_not_ended: %d clients (%d of them waiting for a reply)\n",
+                        clients - c.clients_ended.load(), stuck);
+            std::fflush(stdout);
+            ExitProcess(1);
+        }
+        Sleep(200);
+    }
+}
+
 // Made by tests/soak/storm.sh once its last kill has been followed by a restart.
 constexpr const char* kills_done_marker = "C:\\storm\\kills_done";
 
 int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     counters c;
+    c.waits.reset(new in_flight[static_cast<size_t>(clients)]);
     owned_state owned;
     const DWORD pid = service_pid();
     std::printf("service_pid: %lu\n", static_cast<unsigned long>(pid));
@@ -99,6 +127,7 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     const uint64_t answered_at_warm = c.answered.load();
     usage warm_usage;
     const bool warm_ok = sample(pid, warm_usage);
+    wait_for_clients(c, clients, end);
     for (auto& t : threads) t.join();
     const double elapsed = static_cast<double>(GetTickCount64() - warm) / 1000.0;
     Sleep(3000);  // the service drops the last connections
