@@ -85,9 +85,8 @@ bool service::install(const char* command_line, SERVICE_FAILURE_ACTIONSA* failur
 }
 
 bool service::uninstall(bool stop_running) {
-    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_service(nullptr, name_.c_str(), SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc)) {
+    if (!open_service(nullptr, name_.c_str(), SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, svc)) {
         NV_LOG("mcl::mswin::service::uninstall", "Failed to OpenServiceA %s : (%d)", name_.c_str(),
                static_cast<int>(GetLastError()));
         return false;

@@ -74,9 +74,10 @@ public:
     void event_log(const char* message, DWORD err);
 
     // Service control by name.
-    // Starts the service and waits (without limit) while it is start pending. True when running.
+    // Starts the service and waits while it is start pending, until its checkpoint stops moving
+    // for its wait hint (at least 10 s). True when running.
     static bool start(const char* name, DWORD argc = 0, const char** argv = nullptr);
-    // Sends the stop control and waits up to `seconds` one-second steps for the stop. With
+    // Sends the stop control and waits up to `seconds` for the stop, looking every 100 ms. With
     // `event_fallback`, a service that cannot be reached or does not stop is signalled through
     // its named stop event (and false is returned).
     static bool stop(const char* name, bool event_fallback, uint32_t seconds);

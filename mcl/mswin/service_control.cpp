@@ -1,6 +1,9 @@
 // Starting, stopping and querying services by name.
 #include <cstddef>
+#include <utility>
+#include <vector>
 
+#include "mcl/lock.h"
 #include "mcl/log.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
@@ -12,6 +15,7 @@ namespace mcl::mswin {
 namespace {
 
 constexpr DWORD start_poll_ms = 100;
+constexpr DWORD stop_poll_ms = 100;
 constexpr DWORD start_progress_ms = 10000;
 
 constexpr DWORD manager_read_access =
@@ -27,9 +31,8 @@ void repoint(Char*& field, const unsigned char* from, unsigned char* to, size_t 
 template <typename Record, typename Char, typename Query>
 bool query_config_impl(const Char* name, binary_t& config, bool* opened, Query query) {
     if (opened != nullptr) *opened = false;
-    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_service(nullptr, name, GENERIC_READ, GENERIC_READ, manager, svc)) return false;
+    if (!open_service(nullptr, name, GENERIC_READ, GENERIC_READ, svc)) return false;
     if (opened != nullptr) *opened = true;
 
     DWORD needed = 0;
@@ -52,6 +55,18 @@ bool query_config_impl(const Char* name, binary_t& config, bool* opened, Query q
 
 }  // namespace
 
+SC_HANDLE shared_manager(DWORD manager_access) {
+    // One handle per access mask asked for: a handful in any program.
+    static lock table_lock;
+    static std::vector<std::pair<DWORD, SC_HANDLE>> table;
+    scoped_lock guard(table_lock);
+    for (const auto& entry : table)
+        if (entry.first == manager_access) return entry.second;
+    const SC_HANDLE opened = OpenSCManagerA(nullptr, nullptr, manager_access);
+    if (opened != nullptr) table.emplace_back(manager_access, opened);
+    return opened;
+}
+
 bool service::query_config(const char* name, binary_t& config, bool* opened) {
     return query_config_impl<QUERY_SERVICE_CONFIGA>(name, config, opened, &QueryServiceConfigA);
 }
@@ -61,9 +76,8 @@ bool service::query_config(const wchar_t* name, binary_t& config, bool* opened) 
 }
 
 bool service::query_status_ex(const char* name, SERVICE_STATUS_PROCESS& status) {
-    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_service(nullptr, name, GENERIC_READ, SERVICE_QUERY_STATUS, manager, svc)) return false;
+    if (!open_service(nullptr, name, GENERIC_READ, SERVICE_QUERY_STATUS, svc)) return false;
     DWORD needed = 0;
     return QueryServiceStatusEx(svc.get(), SC_STATUS_PROCESS_INFO, reinterpret_cast<BYTE*>(&status), sizeof(status),
                                 &needed) != FALSE;
@@ -87,10 +101,9 @@ bool service::is_service_stopped(const char* name) {
 }
 
 bool service::start(const char* name, DWORD argc, const char** argv) {
-    unique_sc_handle manager;
     unique_sc_handle svc;
     if (!open_service("mcl::mswin::service::start", name, manager_read_access, SERVICE_START | SERVICE_QUERY_STATUS,
-                      manager, svc))
+                      svc))
         return false;
     if (!StartServiceA(svc.get(), argc, argv)) {
         NV_LOG("mcl::mswin::service::start", "StartService failed (%d)\n", static_cast<int>(GetLastError()));
@@ -99,26 +112,25 @@ bool service::start(const char* name, DWORD argc, const char** argv) {
     // Polled while start pending. A service whose checkpoint does not move for its wait hint (at
     // least start_progress_ms) has hung in its start: given up, so that no caller waits forever.
     SERVICE_STATUS status{};
-    status.dwCurrentState = SERVICE_START_PENDING;
+    status.dwCurrentState = SERVICE_START_PENDING;  // what a failed query leaves
     DWORD checkpoint = 0;
     DWORD since = GetTickCount();
-    for (;;) {
-        // A thread asked to stop gives up the wait (the service may still come up on its own).
-        if (!sleep_unless_stopped(start_poll_ms)) {
-            NV_LOG("mcl::mswin::service::start", "The wait for service %s to start was given up: the caller is stopping\n",
-                   name);
-            break;
-        }
-        if (!QueryServiceStatus(svc.get(), &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
+    // A service that is running by the first query is not waited for.
+    while (QueryServiceStatus(svc.get(), &status) && status.dwCurrentState == SERVICE_START_PENDING) {
         if (status.dwCheckPoint != checkpoint) {
             checkpoint = status.dwCheckPoint;
             since = GetTickCount();
-            continue;
         }
         const DWORD limit = status.dwWaitHint > start_progress_ms ? status.dwWaitHint : start_progress_ms;
         if (GetTickCount() - since > limit) {
             NV_LOG("mcl::mswin::service::start", "Service is still start pending, without progress for %lu ms\n",
                    static_cast<unsigned long>(limit));
+            break;
+        }
+        // A thread asked to stop gives up the wait (the service may still come up on its own).
+        if (!sleep_unless_stopped(start_poll_ms)) {
+            NV_LOG("mcl::mswin::service::start", "The wait for service %s to start was given up: the caller is stopping\n",
+                   name);
             break;
         }
     }
@@ -131,18 +143,16 @@ bool service::start(const char* name, DWORD argc, const char** argv) {
 }
 
 bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
-    unique_sc_handle manager;
     unique_sc_handle svc;
-    (void)open_service("mcl::mswin::service::stop", name, manager_read_access, SERVICE_STOP | SERVICE_QUERY_STATUS,
-                       manager, svc);
-    if (!manager) {
+    if (!open_service("mcl::mswin::service::stop", name, manager_read_access, SERVICE_STOP | SERVICE_QUERY_STATUS, svc)) {
         if (event_fallback) signal_stop_event(name);
         return false;
     }
 
     SERVICE_STATUS status{};
-    if (svc && ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
-        for (uint32_t step = 0; step < seconds; ++step) {
+    if (ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) {
+        const ULONGLONG deadline = GetTickCount64() + static_cast<ULONGLONG>(seconds) * 1000;
+        while (GetTickCount64() < deadline) {
             if (!QueryServiceStatus(svc.get(), &status)) break;
             if (status.dwCurrentState != SERVICE_STOP_PENDING) {
                 const bool stopped = status.dwCurrentState == SERVICE_STOPPED;
@@ -150,7 +160,7 @@ bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
                 signal_stop_event(name);
                 return false;
             }
-            if (!sleep_unless_stopped(1000)) {
+            if (!sleep_unless_stopped(stop_poll_ms)) {
                 NV_LOG("mcl::mswin::service::stop", "The wait for service %s to stop was given up: the caller is stopping\n",
                        name);
                 break;
@@ -158,7 +168,7 @@ bool service::stop(const char* name, bool event_fallback, uint32_t seconds) {
         }
         // The last sleep may have seen it stop.
         (void)QueryServiceStatus(svc.get(), &status);
-    } else if (svc) {
+    } else {
         (void)QueryServiceStatus(svc.get(), &status);
     }
     const bool stopped = status.dwCurrentState == SERVICE_STOPPED;

@@ -31,15 +31,27 @@ inline bool open_manager(const char* function, DWORD manager_access, unique_sc_h
     return false;
 }
 
-// Opens the local service manager with `manager_access`, then the service `name` (narrow or wide)
-// with `service_access`. With a `function`, a failure writes "OpenSCManagerA failed (%d)" or
-// "OpenServiceA failed (%d)" under that name; with null it is silent (the caller logs, or an
+// The local service manager opened with `manager_access`, shared by the whole process and never
+// closed: each open is a round trip to the manager (about 5 ms under load), and a start asks it
+// about every protected service several times. Null when it cannot be opened (GetLastError()
+// says why; the next call tries again). Any thread.
+SC_HANDLE shared_manager(DWORD manager_access);
+
+// Opens the service `name` (narrow or wide) with `service_access`, through the shared manager
+// opened with `manager_access`. With a `function`, a failure writes "OpenSCManagerA failed (%d)"
+// or "OpenServiceA failed (%d)" under that name; with null it is silent (the caller logs, or an
 // absent service is a normal answer). GetLastError() still holds the failure afterwards.
 template <typename Char>
 bool open_service(const char* function, const Char* name, DWORD manager_access, DWORD service_access,
-                  unique_sc_handle& manager, unique_sc_handle& svc) {
-    if (!open_manager(function, manager_access, manager)) return false;
-    svc.reset(detail::open_service_by_name(manager.get(), name, service_access));
+                  unique_sc_handle& svc) {
+    const SC_HANDLE manager = shared_manager(manager_access);
+    if (manager == nullptr) {
+        const DWORD err = GetLastError();
+        if (function != nullptr) NV_LOG(function, "OpenSCManagerA failed (%d)\n", static_cast<int>(err));
+        SetLastError(err);
+        return false;
+    }
+    svc.reset(detail::open_service_by_name(manager, name, service_access));
     if (svc) return true;
     const DWORD err = GetLastError();
     if (function != nullptr) NV_LOG(function, "OpenServiceA failed (%d)\n", static_cast<int>(err));

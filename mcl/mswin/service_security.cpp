@@ -20,8 +20,8 @@ namespace mcl::mswin {
 namespace {
 
 // Opens the service `name` for reading and writing its DACL; `fn` names the caller in the log.
-bool open_for_security(const char* fn, const char* name, unique_sc_handle& manager, unique_sc_handle& svc) {
-    return open_service(fn, name, SC_MANAGER_ALL_ACCESS, READ_CONTROL | WRITE_DAC, manager, svc);
+bool open_for_security(const char* fn, const char* name, unique_sc_handle& svc) {
+    return open_service(fn, name, SC_MANAGER_ALL_ACCESS, READ_CONTROL | WRITE_DAC, svc);
 }
 
 bool apply_descriptor(const char* fn, SC_HANDLE svc, PSECURITY_DESCRIPTOR sd) {
@@ -101,9 +101,8 @@ bool service::get_sid(const char* name, sid& out) {
 }
 
 bool service::set_dacl(const char* name, PACL dacl) {
-    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_for_security("mcl::mswin::service::set_dacl", name, manager, svc)) return false;
+    if (!open_for_security("mcl::mswin::service::set_dacl", name, svc)) return false;
     SECURITY_DESCRIPTOR sd{};
     if (!InitializeSecurityDescriptor(&sd, SECURITY_DESCRIPTOR_REVISION)) {
         NV_LOG("mcl::mswin::service::set_dacl", "InitializeSecurityDescriptor failed(%d)\n",
@@ -124,9 +123,8 @@ bool service::set_dacl(const char* name, PACL dacl) {
 }
 
 bool service::set_dacl_str(const char* name, const char* sddl) {
-    unique_sc_handle manager;
     unique_sc_handle svc;
-    if (!open_for_security("mcl::mswin::service::set_dacl_str", name, manager, svc)) return false;
+    if (!open_for_security("mcl::mswin::service::set_dacl_str", name, svc)) return false;
     security_descriptor sd;
     if (!security_descriptor::from_sddl(sddl, sd)) {
         NV_LOG("mcl::mswin::service::set_dacl_str",
@@ -205,10 +203,9 @@ bool service::set_sid_type(const char* name) {
         if (!kept.ok) SetLastError(kept.error);
         return kept.ok;
     }
-    unique_sc_handle manager;
     unique_sc_handle svc;
     SERVICE_SID_INFO info{SERVICE_SID_TYPE_UNRESTRICTED};
-    if (!open_service(nullptr, name, SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, manager, svc)) {
+    if (!open_service(nullptr, name, SC_MANAGER_ALL_ACCESS, SERVICE_ALL_ACCESS, svc)) {
         NV_LOG("mcl::mswin::service::set_sid_type", "ChangeServiceConfig2 failed (%d)\n",
                static_cast<int>(GetLastError()));
         return false;  // not kept: the service may be installed later

@@ -131,10 +131,9 @@ int main(int argc, char** argv) {
         return ok ? 0 : 3;
     }
     if (argc >= 3 && strcmp(argv[1], "start-stop") == 0) {
-        mcl::mswin::unique_sc_handle manager;
         mcl::mswin::unique_sc_handle svc;
         const DWORD access = SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS;
-        if (!mcl::mswin::open_service(nullptr, argv[2], SC_MANAGER_CONNECT, access, manager, svc) ||
+        if (!mcl::mswin::open_service(nullptr, argv[2], SC_MANAGER_CONNECT, access, svc) ||
             !StartServiceA(svc.get(), 0, nullptr))
             return 2;
         SERVICE_STATUS status{};

@@ -30,10 +30,9 @@ bool answered_by(uint32_t id, ULONGLONG deadline) {
 // Starts the service as soon as the service manager lets it: it notices the end of a killed
 // process on its own thread, and until then a start is refused as "already running".
 bool start_service(ULONGLONG deadline) {
-    mcl::mswin::unique_sc_handle manager;
     mcl::mswin::unique_sc_handle svc;
     if (!mcl::mswin::open_service(nullptr, mcl::mswin::service::default_name, SC_MANAGER_CONNECT, SERVICE_START,
-                                  manager, svc))
+                                  svc))
         return false;
     while (GetTickCount64() < deadline) {
         if (StartServiceA(svc.get(), 0, nullptr)) return true;
