@@ -40,9 +40,13 @@ for k in $(seq 1 "$kills"); do
     [ -n "$s" ] || { fail "kill $k: no figure"; break; }
     echo "restart_kill_$k: $s s"
     total=$(awk -v t="$total" -v s="$s" 'BEGIN { print t + s }')
+    tr -d '\r' <"$out" | grep -E '^restart_(process_ended|service_started|keys_listed): ' >>"$work/steps.txt"
     # Stands in for the service SID, as after every start (see protection_lib.sh).
     run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 done
+# Where the time went, each step's mean from the kill: the process gone, the service manager's
+# start accepted, the key list answered (the service list follows).
+awk -F': ' '{ t[$1] += $2; n[$1]++ } END { for (k in t) printf "%s_mean: %.3f s\n", k, t[k] / n[k] }' "$work/steps.txt" | sort
 echo "restart_seconds: $(awk -v t="$total" -v n="$kills" 'BEGIN { printf "%.2f", t / n }') s (mean of $kills kills, kill to both lists answered; target under 1)"
 stop_service
 [ "$failures" = 0 ]

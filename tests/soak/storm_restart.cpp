@@ -62,10 +62,17 @@ int restart(int clients, int seconds) {
     const ULONGLONG deadline = start + static_cast<ULONGLONG>(seconds) * 1000;
     if (!TerminateProcess(process.get(), 1)) return failed("the service's process cannot be ended: ", GetLastError());
     WaitForSingleObject(process.get(), static_cast<DWORD>(deadline - GetTickCount64()));
+    const auto seconds_since = [start] { return static_cast<double>(GetTickCount64() - start) / 1000.0; };
+    const double ended = seconds_since();
     if (!start_service(deadline)) return failed("the service does not start: ", GetLastError());
+    const double started = seconds_since();
     const bool keys = answered_by(msg::get_protected_reg_keys, deadline);
+    const double keys_listed = seconds_since();
     const bool services = keys && answered_by(msg::query_protected_services, deadline);
-    std::printf("restart_seconds: %.2f s\n", static_cast<double>(GetTickCount64() - start) / 1000.0);
+    // Where the time went: the process's end, the service manager's start, the first answer.
+    std::printf("restart_process_ended: %.3f s\nrestart_service_started: %.3f s\nrestart_keys_listed: %.3f s\n", ended,
+                started, keys_listed);
+    std::printf("restart_seconds: %.2f s\n", seconds_since());
     check(keys && services, "the restarted service answers and lists its protected keys and services");
     return final_checks(clients);
 }
