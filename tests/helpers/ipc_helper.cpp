@@ -47,14 +47,6 @@ public:
             return 0;
         case nv_test::msg_echo:
             return 0;
-        case nv_test::msg_sleep: {
-            uint32_t ms = 0;
-            uint32_t pos = 0;
-            if (mcl::read_u32(ms, payload, pos)) Sleep(ms);
-            payload.clear();
-            mcl::write_string(payload, "slept");
-            return 0;
-        }
         case nv_test::msg_no_reply:
             return -1;
         case nv_test::msg_post_all: {

@@ -1,7 +1,9 @@
 // The driver stand-in as the service will meet it: the Filter Manager calls of our fltlib.dll
 // (linked through the system's import library) against the simulator that the test prefix
 // runs, inspected and driven through driver_ctl in a second process. What it journals and
-// delivers for the service's own messages is checked through the service (driver_port_test.sh).
+// delivers for the service's own messages, and the service's overlapped wait on the notification
+// port (completed by a queued denial, cancelled at the stop), is checked through the service
+// (driver_port_test.sh).
 #include <windows.h>
 
 #include <fltuser.h>
@@ -16,7 +18,6 @@
 
 #include "mcl/mswin/filter_port.h"
 #include "mcl/mswin/privilege.h"
-#include "mcl/mswin/unique_handle.h"
 #include "protocol/driver_protocol.h"
 #include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/log_capture.h"
@@ -37,9 +38,9 @@ HRESULT send(HANDLE port, const std::vector<uint8_t>& message) {
     return hr;
 }
 
-HRESULT get(HANDLE notify, std::vector<uint8_t>& buffer, OVERLAPPED* ov = nullptr) {
+HRESULT get(HANDLE notify, std::vector<uint8_t>& buffer) {
     return FilterGetMessage(notify, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data()),
-                            static_cast<DWORD>(buffer.size()), ov);
+                            static_cast<DWORD>(buffer.size()), nullptr);
 }
 
 // Each piece is found in the simulator's state.
@@ -109,30 +110,6 @@ TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
     EXPECT_EQ(checks, nv_test::journal_bytes("check"));
     EXPECT_EQ(1u, nv_test::count_of(ctl("journal"), "\"port\":\"notify\""));
     expect_state({"\"malformed\":" + std::to_string(std::size(cases) + 1), "\"process_rules\":[" + json(L"C:\\x.exe") + "]"});
-}
-
-TEST_F(DriverStandIn, OverlappedGetIsCancelledOrCompletesAtOnce) {
-    ASSERT_EQ(S_OK, send(command_, vqr::build_feature(c::feature_irp_notify, true)));
-    OVERLAPPED ov{};
-    DWORD bytes = 0;
-    // Cancelled with CancelIoEx (all of the port's I/O, or without an event that very
-    // OVERLAPPED), a pending get ends as an aborted operation.
-    mcl::mswin::unique_kernel_handle event(CreateEventW(nullptr, TRUE, FALSE, nullptr));
-    for (HANDLE e : {event.get(), HANDLE(nullptr)}) {
-        ov = OVERLAPPED{};
-        ov.hEvent = e;
-        ASSERT_EQ(HRESULT_FROM_WIN32(ERROR_IO_PENDING), get(notify_, buffer_, &ov));
-        EXPECT_TRUE(CancelIoEx(notify_, e != nullptr ? nullptr : &ov));
-        EXPECT_FALSE(GetOverlappedResult(notify_, &ov, &bytes, TRUE));
-        EXPECT_EQ(static_cast<DWORD>(ERROR_OPERATION_ABORTED), GetLastError());
-    }
-    // A message already queued completes the call at once.
-    ctl("inject 3 0 78 \\Device\\HarddiskVolume1\\b");
-    ov = OVERLAPPED{};
-    ASSERT_EQ(S_OK, get(notify_, buffer_, &ov));
-    EXPECT_TRUE(GetOverlappedResult(notify_, &ov, &bytes, FALSE));
-    EXPECT_EQ(vqr::notification::size, bytes);
-    EXPECT_EQ(78u, vqr::get_u32(&buffer_[24]));
 }
 
 TEST_F(DriverStandIn, NotificationPortTakesOneConnection) {

@@ -231,14 +231,11 @@ TEST(IpcPeer, ASendTimesOutOnANegativeHandlerResultAndReturnsAtOnceWhenItsConnec
     EXPECT_TRUE(c.peer.connections().empty());
 }
 
-TEST(IpcPeer, AClientKilledInItsRequestAnOverLongLengthOrGarbageEndOnlyThatConnection) {
+// A client killed in the middle of its request: the storm (tests/soak), against the service.
+TEST(IpcPeer, AnOverLongLengthOrGarbageEndOnlyThatConnection) {
     server_process server;
     client steady;
     ASSERT_TRUE(steady.connect(server.name));
-    nv_test::child doomed = start_client(server.name, "send 2000002 DC050000");  // its handler sleeps 1.5 s
-    Sleep(700);  // connected and inside the handler by now
-    doomed.kill();
-    EXPECT_TRUE(steady.echo("still here"));
     {
         nv_test::raw_client raw;
         ASSERT_TRUE(raw.connect(server.name));
@@ -412,8 +409,9 @@ TEST(IpcPeer, AClientKilledOrSlowInItsHandshakeLeavesTheNextOneServed) {
         client next;
         EXPECT_TRUE(next.peer.connect(server.name.c_str(), 10000) && next.echo("next"));
         EXPECT_LT(GetTickCount64() - start, 10000u) << "a hang, not a timing";
-        // A mutex its dead holder left is the next client's.
+        // A mutex its dead holder left is the next client's; the steps of its wait say nothing.
         EXPECT_TRUE(!c.kill || !log.contains("connecting mutex")) << log.text();
+        EXPECT_FALSE(log.contains("accquiring")) << log.text();
         if (!c.kill) {
             EXPECT_EQ("answered", first_line(staller));
         }

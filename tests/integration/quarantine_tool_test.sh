@@ -40,7 +40,7 @@ head -c 700000 /dev/urandom >orig.bin  # stored blocks: a flipped plain byte is 
 # file; a first block shrunk below 16 KiB: plain blocks follow it inside the first read.
 # Longer than the writer's ring of 1 MiB read blocks and than the 16 MiB between two flushes of
 # the growing archive, ending one byte into a read block: blocks are recycled while the digest
-# thread still works.
+# thread still works, when archiving and when extracting (whose writer thread gets every byte).
 while IFS='|' read -r name content dlen elen chunk; do
   eval "$content" >"$name"
   t0=$(date +%s%3N)

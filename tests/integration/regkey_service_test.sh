@@ -266,13 +266,6 @@ has_value "$t\\Crash" && fail "Crash persisted"
 stop
 start
 
-echo "== killed right after a protect"
-protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|"
-run taskkill /f /im NorvaleHalvernService.exe
-expect_eq "taskkill" 0 "$rc"
-start
-given_back "DACL from before the first protect" "$t\\Crash"
-
 echo "== killed; a DACL changed while the service was down is protected again, one left as it was kept"
 protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|" "1|$hklm|$t\\Kept|nv_owner_a|1|"
 kept=$(sddl "$t\\Kept")

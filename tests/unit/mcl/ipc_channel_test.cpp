@@ -86,7 +86,7 @@ TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
 }
 
 // The connecting end lets the server identify it but never act as it. Which process serves the
-// pipes is checked before anything is sent: halvernctl_test.sh and setup_tasks_test.sh.
+// pipes is checked before anything is sent: setup_tasks_test.sh.
 TEST(IpcChannel, AClientAsksForIdentificationOnly) {
     const std::string name = nv_test::unique_name("nv_channel");
     const handshake_objects handshake(name);

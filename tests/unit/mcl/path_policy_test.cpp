@@ -1,5 +1,6 @@
 // The paths the service acts on as SYSTEM, as this system's folders place them: every spelling
-// Windows reads the same way gets the same answer.
+// Windows reads the same way gets the same answer. The plain form of each refusal, through every
+// route that takes a path, is shown on the wire (quarantine_test.sh, hostile paths).
 #include <gtest/gtest.h>
 
 #include <windows.h>
@@ -31,40 +32,27 @@ TEST(PathPolicy, RefusesEveryFormButALocalPathAndTheSystemsFolders) {
         const char* reason;
     } cases[] = {
         {"", "not a local path"},
-        {"relative\\a.txt", "not a local path"},
         {"\\rooted\\a.txt", "not a local path"},
         {"C:a.txt", "not a local path"},
-        {"\\\\host\\share\\a.txt", "not a local path"},
         {"//host/share/a.txt", "not a local path"},
-        {"\\\\?\\C:\\data\\a.txt", "not a local path"},
         {"\\\\.\\C:", "not a local path"},
-        {"\\\\.\\pipe\\name", "not a local path"},
         {"\\??\\C:\\data", "not a local path"},
         {drive + "data\\a.txt:stream", "not a local path"},
         {drive + "data\\*.txt", "not a local path"},
-        {drive + "data\\..\\a.txt", "a parent folder component"},
         {drive + "data\\...\\a.txt", "a parent folder component"},
         {drive + "data\\. .\\a.txt", "a parent folder component"},
-        {drive + "data\\nul", "a device name"},
         {drive + "data\\COM1.txt", "a device name"},
         {drive + "data\\aux .log\\x", "a device name"},
         {drive + "data\\lpt9", "a device name"},
-        {drive, "a drive root"},
         {drive.substr(0, 2) + "/", "a drive root"},
         {drive + ".\\", "a drive root"},
-        {windows, "a system folder"},
         {windows + "\\", "a system folder"},
         {windows + ". \\system32", "a system folder"},
-        {windows + "\\System32\\drivers\\etc\\hosts", "a system folder"},
         {drive.substr(0, 2) + "/WINDOWS/./win.ini", "a system folder"},
         {drive + "\\\\" + windows.substr(3) + "\\\\win.ini", "a system folder"},
-        {drive + "Program Files", "a program root folder"},
         {drive + "PROGRAM FILES (x86)\\", "a program root folder"},
-        {drive + "ProgramData", "a program root folder"},
         {drive + "users", "a user profile folder"},
-        {drive + "Users\\Public", "a user profile folder"},
         {user_profile(), "a user profile folder"},
-        {drive + "data\\a.txt", ""},
         {drive + "data\\nully\\..d\\a.txt", ""},
         {drive + "Program Files\\Norvale\\Halvern Service", ""},
         {drive + "ProgramData\\Norvale\\q", ""},

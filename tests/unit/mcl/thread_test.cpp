@@ -178,25 +178,6 @@ TEST(Mutex, AnAbandonedMutexIsAPlainFailure) {
     EXPECT_EQ(0, m.release());
 }
 
-TEST(Mutex, AStepTimesOutQuietlyAndTakesAnAbandonedMutex) {
-    nv_test::log_capture log;
-    const std::string name = nv_test::unique_name("Global\\nv_abandon_step");
-    nv_test::child holder = hold_elsewhere(name, 0, "abandon-mutex");
-    mcl::mutex m;
-    ASSERT_EQ(0, m.open(name.c_str()));
-    EXPECT_EQ(0u, holder.wait());
-    EXPECT_EQ(0, m.acquire_step(5000));
-    EXPECT_TRUE(m.acquired());
-    int held = 0;
-    std::thread([&] {  // a mutex belongs to a thread: another one waits
-        mcl::mutex other;
-        if (other.open(name.c_str()) == 0) held = other.acquire_step(20);
-    }).join();
-    EXPECT_EQ(1, held);
-    EXPECT_EQ(0, m.release());
-    EXPECT_FALSE(log.contains("accquiring")) << log.text();
-}
-
 }  // namespace
 
 // The request workers' ordering: what shares a key (or a key and its "|" extension) runs in the
