@@ -634,12 +634,15 @@ void reg_key_protection::loadProtectedRegKeys() {
         return installed[owner] = mcl::mswin::service::is_service_installed(owner.c_str());
     };
     const mcl::mswin::unique_kernel_handle port = driver_.open_port();
+    mcl::mswin::unique_reg_key records;  // one open for every record
+    (void)mcl::mswin::reg::open_key(HKEY_LOCAL_MACHINE, k_persist_key, KEY_READ, records);
     for (const std::string& name : names) {
         NV_LOG(fn, "Read protected reg key: %s", name.c_str());
         mcl::binary_t data;
         reg_key_record saved;
         uint32_t pos = 0;
-        if (!mcl::mswin::reg::read_value(k_persist_key, name.c_str(), data) || !regkey::read_record(saved, data, pos))
+        if (!records || !mcl::mswin::reg::read_value(records.get(), name.c_str(), data) ||
+            !regkey::read_record(saved, data, pos))
             continue;
         std::string why;
         if (regkey::predefined_root(regkey::widen_root(saved.root)) == nullptr || saved.path.empty() ||

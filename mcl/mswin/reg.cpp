@@ -81,16 +81,19 @@ bool for_each_subkey(HKEY root, const std::string& key, const std::function<bool
 
 bool read_value(const std::string& key, const char* name, binary_t& data) {
     unique_reg_key handle;
-    if (open_key(HKEY_LOCAL_MACHINE, key, KEY_READ, handle) != ERROR_SUCCESS) return false;
+    return open_key(HKEY_LOCAL_MACHINE, key, KEY_READ, handle) == ERROR_SUCCESS && read_value(handle.get(), name, data);
+}
+
+bool read_value(HKEY key, const char* name, binary_t& data) {
     binary_t bytes;
     DWORD size = 512;
     bytes.write_at(0, nullptr, size);
-    LONG rc = RegQueryValueExA(handle.get(), name, nullptr, nullptr, bytes.data(), &size);
+    LONG rc = RegQueryValueExA(key, name, nullptr, nullptr, bytes.data(), &size);
     if (rc == ERROR_MORE_DATA) {
         bytes.clear();
         bytes.write_at(0, nullptr, size);
         if (bytes.size() != size) return false;
-        rc = RegQueryValueExA(handle.get(), name, nullptr, nullptr, bytes.data(), &size);
+        rc = RegQueryValueExA(key, name, nullptr, nullptr, bytes.data(), &size);
     }
     if (rc != ERROR_SUCCESS) return false;
     data.assign(bytes.data(), size);

@@ -40,6 +40,8 @@ bool for_each_subkey(HKEY root, const std::string& key, const std::function<bool
 
 // The data of HKLM\key\name, whatever its type and size. `data` is untouched on failure.
 bool read_value(const std::string& key, const char* name, binary_t& data);
+// The same from a key already open (with KEY_QUERY_VALUE): for many values of one key.
+bool read_value(HKEY key, const char* name, binary_t& data);
 // The first four bytes of the value.
 bool read_dword(const std::string& key, const char* name, uint32_t& value);
 // The non-empty strings of a REG_MULTI_SZ value, appended to `values`.

@@ -15,6 +15,7 @@ namespace {
 // NtQueryKey's KEY_INFORMATION_CLASS value for KeyNameInformation.
 constexpr int key_name_information = 3;
 constexpr LONG status_buffer_too_small = static_cast<LONG>(0xC0000023);
+constexpr LONG status_buffer_overflow = static_cast<LONG>(0x80000005);
 using nt_query_key_fn = LONG(WINAPI*)(HANDLE key, int info_class, void* info, ULONG length, ULONG* result_length);
 
 // Opens root\key with `access`; on failure writes the one line under `function`.
@@ -129,22 +130,28 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
 std::wstring get_full_path(HKEY root, const std::string& key) {
     unique_reg_key handle;
     if (!open_logged("mcl::mswin::reg::get_full_path", root, key, KEY_READ, handle)) return std::wstring();
-    HMODULE ntdll = LoadLibraryW(L"ntdll.dll");
-    if (ntdll == nullptr) return std::wstring();
-    std::wstring path;
-    auto query = reinterpret_cast<nt_query_key_fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtQueryKey")));
+    // ntdll is in every process for its whole life: looked up once.
+    static const auto query = [] {
+        const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
+        return ntdll == nullptr ? nullptr
+                                : reinterpret_cast<nt_query_key_fn>(reinterpret_cast<void*>(GetProcAddress(ntdll, "NtQueryKey")));
+    }();
+    if (query == nullptr) return std::wstring();
+    // Most paths fit the first buffer: one call to the kernel, a second only for a longer one.
+    std::vector<BYTE> info(1024);
     ULONG length = 0;
-    if (query != nullptr &&
-        query(handle.get(), key_name_information, nullptr, 0, &length) == status_buffer_too_small) {
-        std::vector<BYTE> info(((length + 2) & ~1UL) + sizeof(wchar_t));
-        if (query(handle.get(), key_name_information, info.data(), length, &length) == 0 && length >= 4) {
-            ULONG name_bytes = 0;
-            memcpy(&name_bytes, info.data(), 4);
-            if (name_bytes <= length - 4)
-                path.assign(reinterpret_cast<const wchar_t*>(info.data() + 4), name_bytes / sizeof(wchar_t));
-        }
+    LONG status = query(handle.get(), key_name_information, info.data(), static_cast<ULONG>(info.size()), &length);
+    if (status == status_buffer_too_small || status == status_buffer_overflow) {
+        info.assign(((length + 2) & ~1UL) + sizeof(wchar_t), 0);
+        status = query(handle.get(), key_name_information, info.data(), length, &length);
     }
-    FreeLibrary(ntdll);
+    std::wstring path;
+    if (status == 0 && length >= 4) {
+        ULONG name_bytes = 0;
+        memcpy(&name_bytes, info.data(), 4);
+        if (name_bytes <= length - 4)
+            path.assign(reinterpret_cast<const wchar_t*>(info.data() + 4), name_bytes / sizeof(wchar_t));
+    }
     return path;
 }
 
