@@ -91,14 +91,18 @@ bool write_tree_dacl(HKEY root, const std::string& path, const mcl::mswin::secur
     return ok;
 }
 
+// Whether the open key has no subkey; false when that cannot be known.
+bool without_subkeys(HKEY key) {
+    DWORD subkeys = 0;
+    return RegQueryInfoKeyA(key, nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, nullptr, nullptr, nullptr,
+                            nullptr, nullptr) == ERROR_SUCCESS &&
+           subkeys == 0;
+}
+
 // Whether root\path has no subkey; false when that cannot be known.
 bool without_subkeys(HKEY root, const std::string& path) {
     mcl::mswin::unique_reg_key key;
-    DWORD subkeys = 0;
-    return mcl::mswin::reg::open_key(root, path, KEY_QUERY_VALUE, key) == ERROR_SUCCESS &&
-           RegQueryInfoKeyA(key.get(), nullptr, nullptr, nullptr, &subkeys, nullptr, nullptr, nullptr, nullptr,
-                            nullptr, nullptr, nullptr) == ERROR_SUCCESS &&
-           subkeys == 0;
+    return mcl::mswin::reg::open_key(root, path, KEY_QUERY_VALUE, key) == ERROR_SUCCESS && without_subkeys(key.get());
 }
 
 // Why a client's entry cannot be protected, or empty: a key that cannot exist, or an owner that
@@ -244,10 +248,14 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
                                 DWORD others, std::string& original, std::string& current,
                                 const before_write_fn& before_write, const std::string& applied) {
     constexpr const char* fn = "regProtector::protect_impl";
-    {
-        mcl::mswin::unique_reg_key key;
-        if (mcl::mswin::reg::open_key(root, path, KEY_QUERY_VALUE, key) != ERROR_SUCCESS &&
-            mcl::mswin::reg::create_key(root, path, /*access=*/0x2001d, key) != ERROR_SUCCESS) {
+    // One handle answers what follows (the DACL, the subkeys, the kernel path) when the key
+    // opens for reading; otherwise each question opens the key on its own and says why it failed.
+    mcl::mswin::unique_reg_key key;
+    if (mcl::mswin::reg::open_key(root, path, KEY_READ, key) != ERROR_SUCCESS) {
+        key.reset();
+        mcl::mswin::unique_reg_key probe;
+        if (mcl::mswin::reg::open_key(root, path, KEY_QUERY_VALUE, probe) != ERROR_SUCCESS &&
+            mcl::mswin::reg::create_key(root, path, /*access=*/0x2001d, probe) != ERROR_SUCCESS) {
             NV_LOG(fn, "Failed to create the registry key [%s]", path.c_str());
             return false;
         }
@@ -267,7 +275,8 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
     }
 
     mcl::mswin::security_descriptor old_sd;
-    if (!mcl::mswin::reg::get_key_dacl_security(root, path, old_sd)) {
+    if (key ? !mcl::mswin::reg::get_open_key_dacl(key.get(), path, old_sd)
+            : !mcl::mswin::reg::get_key_dacl_security(root, path, old_sd)) {
         NV_LOG(fn, "Failed to get dacl for registry key [%s]", path.c_str());
         return false;
     }
@@ -289,10 +298,10 @@ bool regProtector::protect_impl(HKEY root, const std::string& path, const std::v
     mcl::mswin::unique_heap new_dacl_owner(new_dacl);
     // What an earlier protect left, entry for entry and flag for flag, and nothing below the key
     // that the write would reach: writing it again would change nothing.
-    const bool in_place =
-        !applied.empty() && original == applied && old_sd.dacl_equals(new_dacl) && without_subkeys(root, path);
+    const bool in_place = !applied.empty() && original == applied && old_sd.dacl_equals(new_dacl) &&
+                          (key ? without_subkeys(key.get()) : without_subkeys(root, path));
 
-    if (before_write && !before_write(original)) {
+    if (before_write && !before_write(original, key.get())) {
         NV_LOG(fn, "Original dacl for registry key [%s] could not be recorded, the dacl is left as it is",
                path.c_str());
         return false;
@@ -488,8 +497,9 @@ bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_recor
     // before that run's protect, and its subkey list those of the subkeys.
     std::string kept_original;
     bool written_early = false, refused = false;
-    const auto before_write = [&](const std::string& original) {
-        record.kernel_path = mcl::mswin::reg::get_full_path(root, path);
+    const auto before_write = [&](const std::string& original, HKEY key) {
+        record.kernel_path =
+            key != nullptr ? mcl::mswin::reg::get_full_path(key) : mcl::mswin::reg::get_full_path(root, path);
         if (!persist) return true;
         reg_key_record earlier;
         if (persisted_record(regkey::key_text(regkey::widen_root(record.root), record.path), earlier))

@@ -78,8 +78,9 @@ bool key_present(HKEY root, const std::string& path);
 class regProtector {
 public:
     // Called once the key exists and its original DACL is known, right before the protected
-    // DACL is written; `original` is that DACL's SDDL. False leaves the DACL as it is.
-    using before_write_fn = std::function<bool(const std::string& original)>;
+    // DACL is written; `original` is that DACL's SDDL, `key` the key open for reading (null when
+    // it could not be). False leaves the DACL as it is.
+    using before_write_fn = std::function<bool(const std::string& original, HKEY key)>;
 
     // Rebuilds the DACL of root\path (created when missing) so that `services` get full access
     // and everyone else at most the mask of `level`, on the key and every subkey. `original`

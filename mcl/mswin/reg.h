@@ -60,6 +60,8 @@ bool remove(HKEY root, const std::string& key, const char* value_name);
 // The key's DACL into `descriptor` (its dacl() may be null for a key with a null DACL). On
 // failure `descriptor` is empty.
 bool get_key_dacl_security(HKEY root, const std::string& key, security_descriptor& descriptor);
+// The same through `handle`, open with READ_CONTROL; `key` names it in the log.
+bool get_open_key_dacl(HKEY handle, const std::string& key, security_descriptor& descriptor);
 // Writes `dacl` to every key of the subtree, deepest first. With `protect`, the DACL is marked
 // protected so nothing is inherited. The result is that of the key itself; false, the key left
 // as it was, when the calling thread is asked to stop (mcl::stop_requested) on the way.
@@ -68,6 +70,8 @@ bool set_key_dacl_security(HKEY root, const std::string& key, PACL dacl, bool pr
 bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sddl);
 // The kernel path of the key (\REGISTRY\MACHINE\...), or empty.
 std::wstring get_full_path(HKEY root, const std::string& key);
+// The same for a key already open.
+std::wstring get_full_path(HKEY handle);
 
 // Enables or disables one privilege of `token`. False when the token does not hold it. Its log
 // lines name `log_fn`.

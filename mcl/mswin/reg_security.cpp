@@ -46,7 +46,13 @@ bool get_key_dacl_security(HKEY root, const std::string& key, security_descripto
     descriptor = security_descriptor();
     unique_reg_key handle;
     if (!open_logged(fn, root, key, KEY_READ, handle)) return false;
-    const LONG rc = descriptor.read_key_dacl(handle.get());
+    return get_open_key_dacl(handle.get(), key, descriptor);
+}
+
+bool get_open_key_dacl(HKEY handle, const std::string& key, security_descriptor& descriptor) {
+    constexpr const char* fn = "mcl::mswin::reg::get_key_dacl_security";
+    descriptor = security_descriptor();
+    const LONG rc = descriptor.read_key_dacl(handle);
     if (rc != ERROR_SUCCESS) {
         NV_LOG(fn, "Failed get dacl info on key [%s], error: 0x%X", key.c_str(), static_cast<unsigned>(rc));
         return false;
@@ -130,6 +136,10 @@ bool set_key_sddl_security_str(HKEY root, const std::string& key, const char* sd
 std::wstring get_full_path(HKEY root, const std::string& key) {
     unique_reg_key handle;
     if (!open_logged("mcl::mswin::reg::get_full_path", root, key, KEY_READ, handle)) return std::wstring();
+    return get_full_path(handle.get());
+}
+
+std::wstring get_full_path(HKEY handle) {
     // ntdll is in every process for its whole life: looked up once.
     static const auto query = [] {
         const HMODULE ntdll = GetModuleHandleW(L"ntdll.dll");
@@ -140,10 +150,10 @@ std::wstring get_full_path(HKEY root, const std::string& key) {
     // Most paths fit the first buffer: one call to the kernel, a second only for a longer one.
     std::vector<BYTE> info(1024);
     ULONG length = 0;
-    LONG status = query(handle.get(), key_name_information, info.data(), static_cast<ULONG>(info.size()), &length);
+    LONG status = query(handle, key_name_information, info.data(), static_cast<ULONG>(info.size()), &length);
     if (status == status_buffer_too_small || status == status_buffer_overflow) {
         info.assign(((length + 2) & ~1UL) + sizeof(wchar_t), 0);
-        status = query(handle.get(), key_name_information, info.data(), length, &length);
+        status = query(handle, key_name_information, info.data(), length, &length);
     }
     std::wstring path;
     if (status == 0 && length >= 4) {
