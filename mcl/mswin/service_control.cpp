@@ -56,14 +56,18 @@ bool query_config_impl(const Char* name, binary_t& config, bool* opened, Query q
 }  // namespace
 
 SC_HANDLE shared_manager(DWORD manager_access) {
-    // One handle per access mask asked for: a handful in any program.
-    static lock table_lock;
-    static std::vector<std::pair<DWORD, SC_HANDLE>> table;
-    scoped_lock guard(table_lock);
-    for (const auto& entry : table)
+    // One handle per access mask asked for: a handful in any program. Built once and never
+    // destroyed: threads may still ask while the process ends.
+    struct table {
+        lock guard;
+        std::vector<std::pair<DWORD, SC_HANDLE>> handles;
+    };
+    static table* const managers = new table();
+    scoped_lock hold(managers->guard);
+    for (const auto& entry : managers->handles)
         if (entry.first == manager_access) return entry.second;
     const SC_HANDLE opened = OpenSCManagerA(nullptr, nullptr, manager_access);
-    if (opened != nullptr) table.emplace_back(manager_access, opened);
+    if (opened != nullptr) managers->handles.emplace_back(manager_access, opened);
     return opened;
 }
 
