@@ -17,6 +17,14 @@ inline SC_HANDLE open_service_by_name(SC_HANDLE manager, const wchar_t* name, DW
     return OpenServiceW(manager, name, access);
 }
 
+// A failed `call`: with a `function`, "<call> failed (%d)" under that name; GetLastError() kept.
+inline bool failed(const char* function, const char* call) {
+    const DWORD err = GetLastError();
+    if (function != nullptr) NV_LOG(function, "%s failed (%d)\n", call, static_cast<int>(err));
+    SetLastError(err);
+    return false;
+}
+
 }  // namespace detail
 
 // Opens the local service manager with `manager_access`. With a `function`, a failure writes
@@ -24,11 +32,7 @@ inline SC_HANDLE open_service_by_name(SC_HANDLE manager, const wchar_t* name, DW
 // holds the failure afterwards.
 inline bool open_manager(const char* function, DWORD manager_access, unique_sc_handle& manager) {
     manager.reset(OpenSCManagerA(nullptr, nullptr, manager_access));
-    if (manager) return true;
-    const DWORD err = GetLastError();
-    if (function != nullptr) NV_LOG(function, "OpenSCManagerA failed (%d)\n", static_cast<int>(err));
-    SetLastError(err);
-    return false;
+    return manager ? true : detail::failed(function, "OpenSCManagerA");
 }
 
 // The local service manager opened with `manager_access`, shared by the whole process and never
@@ -45,18 +49,9 @@ template <typename Char>
 bool open_service(const char* function, const Char* name, DWORD manager_access, DWORD service_access,
                   unique_sc_handle& svc) {
     const SC_HANDLE manager = shared_manager(manager_access);
-    if (manager == nullptr) {
-        const DWORD err = GetLastError();
-        if (function != nullptr) NV_LOG(function, "OpenSCManagerA failed (%d)\n", static_cast<int>(err));
-        SetLastError(err);
-        return false;
-    }
+    if (manager == nullptr) return detail::failed(function, "OpenSCManagerA");
     svc.reset(detail::open_service_by_name(manager, name, service_access));
-    if (svc) return true;
-    const DWORD err = GetLastError();
-    if (function != nullptr) NV_LOG(function, "OpenServiceA failed (%d)\n", static_cast<int>(err));
-    SetLastError(err);
-    return false;
+    return svc ? true : detail::failed(function, "OpenServiceA");
 }
 
 }  // namespace mcl::mswin
