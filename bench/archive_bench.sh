@@ -78,14 +78,16 @@ archive() {  # archive BIN_DIR PREFIX LABEL FILE: archives FILE into FILE.QUA wi
 
 # against_digest OP BIN_DIR PREFIX LABEL FILE: REPEAT rounds of a digest and then OP (archive or
 # restore); prints the last round's lines with OP's speed as the median of the rounds, and
-# PREFIXOP_vs_digest_LABEL, the median OP speed over the median digest speed. The load of a
-# shared machine drifts over the minute a 1 GiB file takes, and one digest and one operation
-# compared alone moved the ratio by 0.2 from one run to the next.
+# PREFIXOP_vs_digest_LABEL, the median OP speed over the median digest speed; leaves the last
+# digest's lines in $digest_lines. The load of a shared machine drifts over the minute a 1 GiB
+# file takes, and one digest and one operation compared alone moved the ratio by 0.2 from one
+# run to the next.
 against_digest() {
   local op=$1 dir=$2 prefix=$3 label=$4 file=$5 digests=() speeds=() r
   for r in $(seq 1 "${REPEAT:-3}"); do
     run "$bin" "" digest "$label" "$file"
     digests+=("$speed")
+    digest_lines=$lines
     "$op" "$dir" "$prefix" "$label" "$file"
     speeds+=("$speed")
   done
@@ -121,8 +123,7 @@ for size in ${SIZES:-1M 64M 1G}; do
     against_digest archive "$bin" "" "$label" "$file"
     ratio "archive_vs_baseline_$label" "$speed" "$base"
     echo "archive_size_$label: $(stat -c %s "$file.QUA") bytes"
-    run "$bin" "" digest "$label" "$file"
-    printf '%s\n' "$lines"
+    printf '%s\n' "$digest_lines"
     against_digest restore "$bin" "" "$label" "$file"
     rm -f "$file" "$file.QUA"
   done
