@@ -493,6 +493,15 @@ bool ipc_peer::setup(bool listening) {
         const std::string base = std::string(global_prefix) + name_;
         const std::string mutex_name = base + "_MTX_CONNECTING";
         const std::string event_name = base + "_EV_CONNECTED";
+        // The event before the mutex: a client that finds the mutex (made by this listener) then
+        // finds the event too, even while the listener is still setting up.
+        if (!connected_event_.valid()) {
+            const int made = connected_event_.create(event_name.c_str(), security_.connected_event.get());
+            const DWORD err = GetLastError();
+            // Without the event the accept loop sees its clients through the pair's own state.
+            if (made == -2 && !existing_object_trusted(event_name, connected_event_.get())) connected_event_.close();
+            if (made == -1 && err == ERROR_ACCESS_DENIED) (void)existing_object_trusted(event_name, nullptr);
+        }
         const bool inherit = false;
         // A mutex made before this listener (a second listener under the same name, or a client
         // that still held the mutex of a listener that was killed) is opened and held: without a
@@ -502,13 +511,6 @@ bool ipc_peer::setup(bool listening) {
                    base.c_str());
             const mswin::unique_kernel_handle existing(OpenMutexA(READ_CONTROL, FALSE, mutex_name.c_str()));
             if (existing_object_trusted(mutex_name, existing.get())) (void)connecting_mutex_.open(mutex_name.c_str());
-        }
-        if (!connected_event_.valid()) {
-            const int made = connected_event_.create(event_name.c_str(), security_.connected_event.get());
-            const DWORD err = GetLastError();
-            // Without the event the accept loop sees its clients through the pair's own state.
-            if (made == -2 && !existing_object_trusted(event_name, connected_event_.get())) connected_event_.close();
-            if (made == -1 && err == ERROR_ACCESS_DENIED) (void)existing_object_trusted(event_name, nullptr);
         }
         if (!pair_event_.valid()) (void)pair_event_.create_unnamed(/*manual_reset=*/true, /*initially_set=*/false);
     }
