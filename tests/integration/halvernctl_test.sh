@@ -65,16 +65,26 @@ echo "== every command against a peer playing the service"
 cp "$NV_BIN_DIR/nv_service_double.exe" "$WINEPREFIX/drive_c/nv/"
 start_double() {
     : >"$record"
+    : >"$record.log"
+    failures_before=$failures
     wine 'C:\nv\nv_service_double.exe' $svc "$(printf 'Z:%s' "$record" | tr '/' '\\')" "$stop_event" "$@" \
         </dev/null >/dev/null 2>&1 &
     double_pid=$!
-    poll 50 0.2 'hv_run driver on; [ "$rc" = 0 ]'
+    if ! poll 50 0.2 'hv_run driver on; [ "$rc" = 0 ]'; then
+        # Every command after this would wait out its connect: stop here, with what is known.
+        local state=running
+        kill -0 "$double_pid" 2>/dev/null || { wait "$double_pid"; state="exited with $?"; }
+        fail "the double never answered (it $state); halvernctl: $(cat "$err"); args: $*"
+        tail -n 60 "$record.log"
+        exit 1
+    fi
     sleep 1  # the disconnect of the probe
     : >"$record"
 }
 stop_double() {
     wine "$helper" set-event "$stop_event" </dev/null >/dev/null 2>&1
     wait "$double_pid" 2>/dev/null
+    [ "$failures" = "$failures_before" ] || { echo "---- the double's IPC log"; tail -n 80 "$record.log"; }
 }
 # Payloads from named fields (nv_ipc_client encode and encode-reply).
 containers_reply=$(encode_reply get-quarantine-containers container='c:\q\')
