@@ -70,14 +70,18 @@ start_double() {
     wine 'C:\nv\nv_service_double.exe' $svc "$(printf 'Z:%s' "$record" | tr '/' '\\')" "$stop_event" "$@" \
         </dev/null >/dev/null 2>&1 &
     double_pid=$!
-    if ! poll 50 0.2 'hv_run driver on; [ "$rc" = 0 ]'; then
-        # Every command after this would wait out its connect: stop here, with what is known.
-        local state=running
-        kill -0 "$double_pid" 2>/dev/null || { wait "$double_pid"; state="exited with $?"; }
-        fail "the double never answered (it $state); halvernctl: $(cat "$err"); args: $*"
-        tail -n 60 "$record.log"
-        exit 1
-    fi
+    local deadline=$((SECONDS + 60))
+    until hv_run driver on; [ "$rc" = 0 ]; do
+        if [ "$SECONDS" -ge "$deadline" ]; then
+            # Every command after this would wait out its connect: stop here, with what is known.
+            local state="still running"
+            kill -0 "$double_pid" 2>/dev/null || { wait "$double_pid"; state="exited with code $?"; }
+            fail "the double never answered within 60 s ($state); halvernctl: $(cat "$err"); args: $*"
+            tail -n 60 "$record.log"
+            exit 1
+        fi
+        sleep 0.2
+    done
     sleep 1  # the disconnect of the probe
     : >"$record"
 }
