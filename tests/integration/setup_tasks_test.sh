@@ -127,6 +127,11 @@ never_starts() {
     expect_not_logged "never starts" "$stage_root/stillborn/hvs_upgrade.log" "Failed to run command <"
 }
 
+# double_listening RECORD: waits (up to 60 s) until the nv_service_double writing RECORD has set up
+# its listener, which its IPC log (RECORD.log) says before the first pipes are made.
+double_listening() {
+    poll 300 0.2 "grep -q 'check_pipe_name' '$1.log' 2>/dev/null" || fail "the double writing $1 did not listen within 60 s"
+}
 # An installed service that takes the stop control and goes on running (its pipe served from its
 # own folder): the upgrade gives up before it changes anything, protection never switched off;
 # the uninstall, which switches protection off first, switches it back on.
@@ -138,7 +143,7 @@ wont_stop() {
     wine 'C:\prot\wontstop\nv_service_double.exe' $svc 'C:\prot\wontstop\double.txt' 'Global\nv_wontstop_double' \
         </dev/null >/dev/null 2>&1 &
     local double_pid=$!
-    sleep 2
+    double_listening "$record"
     stage new "$new_exe"
     task new hvs_upgrade
     expect "will not stop, hvs_upgrade" 254
@@ -274,9 +279,10 @@ echo "== a service's pipe served by a program from elsewhere: the task refuses i
 mkdir -p "$WINEPREFIX/drive_c/prot/incompatible" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" \
     "$WINEPREFIX/drive_c/prot/incompatible/"
 run sc create $svc binPath= 'C:\prot\incompatible\nv_test_service.exe' start= demand && run sc start $svc
+rm -f "$WINEPREFIX/drive_c/double.txt.log"
 wine "$NV_BIN_DIR/nv_service_double.exe" $svc 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00 </dev/null >/dev/null 2>&1 &
 double_pid=$!
-sleep 2
+double_listening "$WINEPREFIX/drive_c/double.txt"
 task new hvs_install
 expect "stranger, hvs_install" 254
 expect_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "nv_service_double.exe), not by the protection service" \
@@ -288,10 +294,11 @@ wine "$helper" set-event 'Global\nv_setup_test_double' </dev/null >/dev/null 2>&
 wait "$double_pid" 2>/dev/null
 
 echo "== a service whose pipe refuses our protocol: every task fails before anything changes"
+rm -f "$WINEPREFIX/drive_c/double.txt.log"
 wine 'C:\prot\incompatible\nv_service_double.exe' $svc 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00 \
     </dev/null >/dev/null 2>&1 &
 double_pid=$!
-sleep 2
+double_listening "$WINEPREFIX/drive_c/double.txt"
 for t in hvs_install hvs_upgrade hvs_uninstall; do
     task new $t
     expect "incompatible, $t" 254
