@@ -93,7 +93,11 @@ orig=$(sddl "$t\\Lvl0")
 run "$probe" grant "$t\\Lvl0\\A" && own_a=$(sddl "$t\\Lvl0\\A")  # a subkey with a DACL of its own
 [ "$own_a" != "$orig" ] || fail "Lvl0\\A has a DACL of its own"
 declare -A own_orig
-for k in "${own_keys[@]}"; do run reg add "HKLM\\$k" /f && own_orig[$k]=$(sddl "$k"); done
+# Under load a run once left an own key without its original DACL text: tried again, reported if it stays so.
+for k in "${own_keys[@]}"; do
+    poll 3 0.5 'run reg add "HKLM\\$k" /f && own_orig[$k]=$(sddl "$k") && [ -n "${own_orig[$k]}" ]' ||
+        fail "set-up: own key $k added and read"
+done
 lvl0_tree=("$t\\Lvl0" "$t\\Lvl0\\A" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C") lvl2_tree=("$t\\Lvl2" "$t\\Lvl2\\A")
 lvl1_tree=("$t\\Lvl1" "$t\\Lvl1\\A")
 lvl0=$(protected_sddl 0 "$own_sid" "$owner_sid" "$extra_sid") lvl2=$(protected_sddl 2 "$own_sid" "$owner_sid")
