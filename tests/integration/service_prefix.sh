@@ -68,6 +68,15 @@ fail() {
 }
 # poll TRIES PAUSE CONDITION: evaluates CONDITION until it holds, at most TRIES times PAUSE s apart.
 poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$2"; done; return 1; }
+# within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
+within() {
+    local limit_ms=$(($1 * 1000)) t0 ms
+    shift
+    t0=$(date +%s%N)
+    "$@"
+    ms=$((($(date +%s%N) - t0) / 1000000))
+    [ "$ms" -lt "$limit_ms" ] || fail "$* took $ms ms"
+}
 # hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
 err=$work/err.txt
 hv_run() {
@@ -99,6 +108,13 @@ run() {
 expect() {
     [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; output: $(cat "$out")"
     if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then fail "$1: output [$(cat "$out")], want [$3]"; fi
+}
+# runs LABEL RC OUTPUT PROGRAM ARGS...: run, then expect ('*': any output).
+runs() {
+    local label=$1 want=$2 text=$3
+    shift 3
+    run "$@"
+    if [ "$text" = '*' ]; then expect "$label" "$want"; else expect "$label" "$want" "$text"; fi
 }
 # expect_eq LABEL WANT GOT
 expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
