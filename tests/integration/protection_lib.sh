@@ -34,6 +34,8 @@ call() {
     [ "$rc" = 0 ] || fail "call $1: client exit $rc: $(cat "$out")"
 }
 answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
+# sends LABEL WANT SENT MESSAGE [KEY=VALUE ...]: answers WANT, and the simulator got SENT meanwhile.
+sends() { mark; answers "$1" "$2" "${@:4}"; expect_eq "$1: sent" "$3" "$(sent)"; }
 said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields
 items() { local key=$1 value; shift; printf 'count=%s' $#; for value in "$@"; do printf '\n%s=%s' "$key" "$value"; done; }  # KEY VALUE...: a list reply of strings
 ok=$(said 1 '')
