@@ -22,14 +22,10 @@ snapshot() {
 }
 # settled: the snapshot once two in a row agree (what the last request started has finished).
 settled() {
-    local a b i
-    a=$(snapshot)
-    for ((i = 0; i < 10; i++)); do
-        b=$(snapshot)
-        [ "$a" = "$b" ] && break
-        a=$b
-    done
-    printf '%s' "$a"
+    local a b
+    b=$(snapshot)
+    poll 10 0 'a=$b; b=$(snapshot); [ "$a" = "$b" ]'
+    printf '%s' "$b"
 }
 
 mkdir -p "$drive_c/data" "$drive_c/prot/app"
