@@ -64,9 +64,8 @@ installed_version_is() {  # LABEL current|next
     [ "$2" = next ] && src=$NV_BIN_DIR/driver_next/VQRMonitor.sys
     cmp -s "$src" "$installed" || fail "$1: the installed file is not the $2 package"
 }
-sim_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
-features() { sim_state | jq -c '[.features["0", "6", "11"]]'; }
-sim_unloads() { sim_state | jq '[.filter_calls[]? | select(.call == "unload" and .hr == "0x00000000")] | length'; }
+features() { driver_state | jq -c '[.features["0", "6", "11"]]'; }
+sim_unloads() { driver_state | jq '[.filter_calls[]? | select(.call == "unload" and .hr == "0x00000000")] | length'; }
 instdrv() {  # LABEL: -i instdrv succeeds
     new_log
     runs "$1" 0 "Installing driver..." "$exe" -i instdrv
@@ -101,7 +100,7 @@ expect_layout "same version, no port"
 
 echo "== a newer version replaces the old one; the driver service started brings the ports back"
 start_driver_service
-expect_eq "driver started: the simulator serves" true "$(sim_state | jq .loaded)"
+expect_eq "driver started: the simulator serves" true "$(driver_state | jq .loaded)"
 package next
 before=$(sim_unloads)
 instdrv "newer version"
@@ -126,7 +125,7 @@ before=$(sim_unloads)
 new_log
 runs "uninstall" 0 "Uninstalling driver..." "$exe" -i uninstdrv
 [ "$(sim_unloads)" -gt "$before" ] || fail "uninstall: the unload did not reach the driver"
-expect_eq "uninstall: the simulator" false "$(sim_state | jq .loaded)"
+expect_eq "uninstall: the simulator" false "$(driver_state | jq .loaded)"
 expect_logged "uninstall" "$log" "DefaultUninstall 132 C:\\\\nv\\\\"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "uninstall: the service or the file is still there"
 expect_value "uninstall" "$key" SkipProc1stCreate ""
@@ -221,7 +220,7 @@ echo "== the service installs a missing driver at start-up, starts it and connec
 run "$exe" -i uninstdrv
 # A stopping driver service is deleted once it has stopped.
 poll 150 0.2 '[ -z "$(service_type)" ]' || fail "start-up: the driver is still installed"
-expect_eq "start-up: the simulator before" false "$(sim_state | jq .loaded)"
+expect_eq "start-up: the simulator before" false "$(driver_state | jq .loaded)"
 runs "service install" 0 "Installing halvern service..." "$exe" -i install
 new_log
 runs "service start" 0 "" "$exe" -s start

@@ -56,7 +56,6 @@ driver_messages() {
     wine "$ctl" journal </dev/null 2>/dev/null | tr -d '\r' |
         jq -r --argjson from "${1:-1}" '.[] | select(.seq >= $from) | "\(.code) \(.kind) \(if .kind == "feature" then .on else .text end)"'
 }
-driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
 driver_count() { driver_state | jq -r .messages; }
 mark() { from=$(($(driver_count) + 1)); }  # sent: the simulator's messages since the last mark
 sent() { driver_messages "$from"; }

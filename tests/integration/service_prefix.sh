@@ -38,6 +38,7 @@ start_sim() {
     cp "$NV_BIN_DIR/fltlib.dll" "$WINEPREFIX/drive_c/windows/system32/fltlib.dll"
     bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim || { echo "FAIL: the driver simulator did not start"; exit 1; }
 }
+driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }  # the simulator's state as JSON
 # install_service: the service executable alone in C:\nv ($nv), so its debug log ($log) is ours.
 install_service() {
     nv=$WINEPREFIX/drive_c/nv
