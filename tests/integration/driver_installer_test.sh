@@ -66,10 +66,8 @@ installed_version_is() {  # LABEL current|next
 }
 features() { driver_state | jq -c '[.features["0", "6", "11"]]'; }
 sim_unloads() { driver_state | jq '[.filter_calls[]? | select(.call == "unload" and .hr == "0x00000000")] | length'; }
-instdrv() {  # LABEL: -i instdrv succeeds
-    new_log
-    runs "$1" 0 "Installing driver..." "$exe" -i instdrv
-}
+instdrv() { new_log; runs "$1" 0 "Installing driver..." "$exe" -i instdrv; }  # LABEL: -i instdrv succeeds
+uninstdrv() { new_log; runs "$1" 0 "Uninstalling driver..." "$exe" -i uninstdrv; }  # LABEL: -i uninstdrv succeeds
 
 echo "== clean Windows 7 prefix: the INF route"
 package current
@@ -122,8 +120,7 @@ package current
 echo "== -i uninstdrv: unload, INF uninstall, service and file gone"
 start_driver_service
 before=$(sim_unloads)
-new_log
-runs "uninstall" 0 "Uninstalling driver..." "$exe" -i uninstdrv
+uninstdrv "uninstall"
 [ "$(sim_unloads)" -gt "$before" ] || fail "uninstall: the unload did not reach the driver"
 expect_eq "uninstall: the simulator" false "$(driver_state | jq .loaded)"
 expect_logged "uninstall" "$log" "DefaultUninstall 132 C:\\\\nv\\\\"
@@ -142,8 +139,7 @@ installed_version_is "direct route" current
 
 echo "== uninstall with the INF route failing: the service is stopped and deleted, the file deleted"
 start_driver_service
-new_log
-runs "direct uninstall" 0 "Uninstalling driver..." "$exe" -i uninstdrv
+uninstdrv "direct uninstall"
 expect_logged "direct uninstall" "$log" "Stopping service 'VQRMonitor'" "Service stopped" "Deleting service 'VQRMonitor'" \
     "Service deleted" "Installed file 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys' deleted" "End uninstall, res = 0"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "direct uninstall: the service or the file is still there"
@@ -154,8 +150,7 @@ echo "== a locked driver file is renamed and deleted at reboot"
 for n in 0 1; do
     run "$exe" -i instdrv
     hold image 'C:\windows\system32\drivers\VQRMonitor.sys'
-    new_log
-    runs "locked file $n" 0 "Uninstalling driver..." "$exe" -i uninstdrv
+    uninstdrv "locked file $n"
     [ ! -e "$installed" ] && [ -f "$installed.$n" ] || fail "locked file $n: not renamed to VQRMonitor.sys.$n"
     expect_logged "locked file $n" "$log" "Renamed driver file .* -> 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys.$n'" \
         "will be deleted after reboot"
