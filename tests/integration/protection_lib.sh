@@ -85,7 +85,7 @@ journal_value() {
 install_with_recorder() {
     cp "$NV_BIN_DIR/hooks/NorvaleHalvernService.exe" "$nv/"
     poll 5 1 journal_value || fail "recorder value not written: $(cat "$out")"
-    run "$exe" -i install
+    runs "install" 0 '*' "$exe" -i install
 }
 # install_test_service NAME FOLDER START [MODE]: nv_test_service copied to C:\prot\FOLDER, installed.
 install_test_service() {

@@ -36,7 +36,6 @@ mkdir -p "$drive_c/data" "$drive_c/swap" "$work/dvol/sub" && ln -sfn "$work/dvol
 printf 'file\t%s\t%s\n' 'C:\data\blk.txt' 'D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)' 'C:\data\bad.txt' 'D:P(A;;FA;;;BA)' \
     'C:\sw\s2.bin' 'D:P(A;;FA;;;BA)' 'C:\data\nb.txt' 'D:P(A;;FA;;;BA)(A;;FR;;;BU)' 'C:\data\pro.txt' 'D:P(A;;FA;;;BA)' 'C:\data\p.txt' 'D:P(A;;FA;;;BA)(A;;FR;;;BU)' >"$journal"
 install_with_recorder
-expect_eq "install" 0 "$rc"
 start_service
 
 echo "== containers"
