@@ -214,27 +214,22 @@ mark
 call query-protected-services
 services_before=$reply
 long=$(printf 'x%.0s' $(seq 1 300))
-# Bytes that do not hold the request, a row per handler's line (conformance_test has every malformed reply).
-while IFS='|' read -r label id payload line; do
+# Bytes that do not hold the request (an identifier; conformance_test has every malformed reply), or
+# well-formed fields that name what cannot be done (a message): a row per handler's line.
+while IFS='|' read -r label what want line args; do
     n=$(log_count "$line")
-    ask "0x$id $label" "$status_fail" "$id" $payload
-    [ "$(log_count "$line")" -gt "$n" ] || fail "0x$id $label: no log line [$line]"
+    [[ $what == 1* ]] && send=ask || send=answers
+    $send "$what: $label" "$want" "$what" $args
+    [ "$(log_count "$line")" -gt "$n" ] || fail "$what: $label: no log line [$line]"
 done <<EOF
-truncated list|1000003|02$(encode protect-processes protect=1 image='C:\prot\app\t.exe' | cut -c 3-)|Malformed process rule list
-no name terminator|1000002|0100000001016E76|Malformed service rule list
-empty name|1000065|00|Malformed start request
-truncated argument list|1000065|$(encode start-service name=nv_args_svc | sed 's/00000000$/0200/')|Malformed start request
-empty name|1000066|00|Malformed stop request
-empty name|1000067|00|Malformed DACL recovery request
-no payload|1000068||Empty request: nothing re-applied
-empty path|1000069|00|Malformed folder DACL recovery request
-EOF
-# Well-formed requests that name what cannot be done.
-while IFS='|' read -r label message want line fields; do
-    n=$(log_count "$line")
-    answers "$message: $label" "$want" "$message" $fields
-    [ "$(log_count "$line")" -gt "$n" ] || fail "$message: $label: no log line [$line]"
-done <<EOF
+truncated list|1000003|$status_fail|Malformed process rule list|02$(encode protect-processes protect=1 image='C:\prot\app\t.exe' | cut -c 3-)
+no name terminator|1000002|$status_fail|Malformed service rule list|0100000001016E76
+empty name|1000065|$status_fail|Malformed start request|00
+truncated argument list|1000065|$status_fail|Malformed start request|$(encode start-service name=nv_args_svc | sed 's/00000000$/0200/')
+empty name|1000066|$status_fail|Malformed stop request|00
+empty name|1000067|$status_fail|Malformed DACL recovery request|00
+no payload|1000068|$status_fail|Empty request: nothing re-applied|
+empty path|1000069|$status_fail|Malformed folder DACL recovery request|00
 over-long path|protect-processes|$refused|Process image refused|protect=1 image=C:\\prot\\$long\\e.exe
 drive root|protect-processes|$refused|Process image refused|protect=1 image=C:\e.exe
 missing service|protect-services|$refused|Failed to protect service: no_such_service|svc=1 proc=1 name=no_such_service
