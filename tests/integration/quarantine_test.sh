@@ -17,6 +17,10 @@ quarantined=$(said 1 'The file has already been quarantined.')
 # The message and the result of a status reply.
 reply_text() { printf '%s' "${reply#result=* message=}"; }
 reply_result() { printf '%s' "${reply:7:1}"; }
+replied() {  # LABEL RESULT|* REGEX: the reply's result, and its message matched (BASH_REMATCH) by REGEX
+    [ "$2" = '*' ] || expect_eq "$1: result" "$2" "$(reply_result)"
+    [[ "$(reply_text)" =~ $3 ]] || fail "$1: message [$(reply_text)]"
+}
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
 quarantine() {  # ACTION CONTAINER PATH...
@@ -71,10 +75,7 @@ sum_a=$(sum_of "$drive_c/data/a.bin")
 t0=$(($(date +%s) * 1000))
 quarantine 0 'C:\Q' 'C:\data\a.bin' 'C:\data\b.txt'
 t1=$(($(date +%s) * 1000 + 1000))
-expect_eq "two files: result" 1 "$(reply_result)"
-msg=$(reply_text)
-re1='^(c:\\q\\a\.bin\.([0-9A-F]{16})\.QUA);(c:\\q\\b\.txt\.[0-9A-F]{16}\.QUA);$'
-[[ "$msg" =~ $re1 ]] || fail "two files: message [$msg]"
+replied "two files" 1 '^(c:\\q\\a\.bin\.([0-9A-F]{16})\.QUA);(c:\\q\\b\.txt\.[0-9A-F]{16}\.QUA);$'
 arc_a=${BASH_REMATCH[1]}
 arc_b=${BASH_REMATCH[3]}
 ms=$(python3 -c "import sys; print(int.from_bytes(bytes.fromhex(sys.argv[1]), 'little'))" "${BASH_REMATCH[2]:-00}")
@@ -86,10 +87,7 @@ printf 'bad' >"$drive_c/data/bad.txt"
 run reg add "$helper_key" /v ArchiveVerifyFault /t REG_SZ /d BAD.txt /f
 quarantine 0 'c:\q' 'bare.txt' 'C:\data\bad.txt' 'C:\data\c.txt'
 run reg delete "$helper_key" /v ArchiveVerifyFault /f
-expect_eq "bare name: result" 0 "$(reply_result)"
-msg=$(reply_text)
-re2='^;;(c:\\q\\c\.txt\.[0-9A-F]{16}\.QUA);$'
-[[ "$msg" =~ $re2 ]] || fail "bare name, failed check: message [$msg]"
+replied "bare name, failed check" 0 '^;;(c:\\q\\c\.txt\.[0-9A-F]{16}\.QUA);$'
 arc_c=${BASH_REMATCH[1]}
 expect_eq "bare name logged" 1 "$(log_count 'Request "quarantine files" refused for the path <bare.txt>: not a local path')"
 expect_eq "failed check logged" 1 \
@@ -128,9 +126,7 @@ quarantined "unregistered container" "$(said 0 'Invalid quarantine container.')"
 
 echo "== duplicates, a running image, a missing archive, damaged archives"
 quarantine 0 'c:\q' 'C:\data\a.bin' 'C:\DATA\a.bin'
-msg=$(reply_text)
-re3='^(c:\\q\\a\.bin\.[0-9A-F]{16}\.QUA);;$'
-[[ "$msg" =~ $re3 ]] || fail "duplicates: message [$msg]"
+replied "duplicates" '*' '^(c:\\q\\a\.bin\.[0-9A-F]{16}\.QUA);;$'
 expect_eq "duplicates: one archive of a.bin" 1 "$(ls "$drive_c/q" | grep -c '^a\.bin\.')"
 cp "$NV_BIN_DIR/nv_test_helper.exe" "$drive_c/data/runner.exe"
 wine "C:\\data\\runner.exe" hold-mutex 'Global\nv_runner' 120000 'Global\nv_runner_ready' </dev/null >/dev/null 2>&1 &
@@ -521,7 +517,7 @@ rm -f "$drive_c/data/r.txt"
 # A source on another volume (D:): its archive's folder is flushed before the source goes.
 printf 'other' >"$work/dvol/sub/o.txt"
 quarantine 0 'c:\q' 'D:\sub\o.txt'
-[[ "$(reply_result) $(reply_text)" =~ ^1\ c:\\q\\o\.txt\.[0-9A-F]{16}\.QUA\;$ ]] || fail "other volume: [$reply]"
+replied "other volume" 1 '^c:\\q\\o\.txt\.[0-9A-F]{16}\.QUA;$'
 [ ! -e "$work/dvol/sub/o.txt" ] || fail "other volume: source kept"
 expect_eq "other volume: no flush failure" 0 "$(log_count 'Failed to flush the container folder')"
 answers "the long container, after the restarts" "$ok" remove-quarantine-container action=1 path="$long_container"
@@ -535,8 +531,7 @@ run reg add "$helper_key" /v ArchiveVerifyFault /t REG_SZ /d BAD.txt /f
 lines=$(wc -l <"$journal") recorders=$(log_count 'Object security is recorded to')
 start_service
 quarantine 0 'c:\q' 'C:\data\bad.txt'
-expect_eq "product: bad.txt archived" 1 "$(reply_result)"
-[[ "$(reply_text)" =~ ^c:\\q\\bad\.txt\.[0-9A-F]{16}\.QUA\;$ ]] || fail "product: message [$(reply_text)]"
+replied "product: bad.txt archived" 1 '^c:\\q\\bad\.txt\.[0-9A-F]{16}\.QUA;$'
 expect_eq "product: no recorder, nothing journalled" "$recorders $lines" \
     "$(log_count 'Object security is recorded to') $(wc -l <"$journal")"
 stop_service
