@@ -74,22 +74,19 @@ int run_server(const char* name, const char* stop_name) {
     return 0;
 }
 
-std::vector<unsigned char> frame_of(mcl::frame_kind kind, uint32_t id, uint32_t sequence, uint32_t payload_size) {
+std::vector<unsigned char> frame_of(uint32_t id, uint32_t payload_size,
+                                    mcl::frame_kind kind = mcl::frame_kind::request) {
     mcl::binary_t payload;
     payload.write_at(0, nullptr, payload_size);
     mcl::binary_t frame;
-    mcl::append_frame(frame, kind, id, sequence, payload);
+    mcl::append_frame(frame, kind, id, 1, payload);
     return {frame.data(), frame.data() + frame.size()};
-}
-
-std::vector<unsigned char> request_frame(uint32_t id, uint32_t sequence, uint32_t payload_size) {
-    return frame_of(mcl::frame_kind::request, id, sequence, payload_size);
 }
 
 int run_flood(const char* name, int seconds) {
     nv_test::raw_client c;
     if (!c.connect(name)) return 3;
-    const auto reply = frame_of(mcl::frame_kind::response, nv_test::msg_echo, 1, 60 * 1024);
+    const auto reply = frame_of(nv_test::msg_echo, 60 * 1024, mcl::frame_kind::response);
     if (!c.write(reply)) return 4;
     printf("ready\n");
     fflush(stdout);
@@ -113,9 +110,9 @@ int run_abuse(const char* name, char** args) {
         auto c = std::make_unique<nv_test::raw_client>();
         if (!c->connect(name)) return 3;
         if (flood_kib == 0) {
-            if (!c->write(request_frame(id, 1, 3000))) ++failures;
+            if (!c->write(frame_of(id, 3000))) ++failures;
         } else {
-            const auto frame = request_frame(id, 1, 60 * 1024);
+            const auto frame = frame_of(id, 60 * 1024);
             // The service may end the connection part way: that is what this client is for.
             for (uint32_t sent = 0; sent < flood_kib && c->write(frame); sent += 60) {
             }
@@ -123,7 +120,7 @@ int run_abuse(const char* name, char** args) {
         clients.push_back(std::move(c));
     }
     // A header announcing 64 MiB; the pad byte of an empty frame becomes its first byte.
-    std::vector<unsigned char> announce = request_frame(id, 1, 0);
+    std::vector<unsigned char> announce = frame_of(id, 0);
     const uint32_t length = 64u * 1024 * 1024;
     memcpy(announce.data() + 12, &length, 4);
     std::vector<nv_test::raw_client*> tricklers;
@@ -147,7 +144,7 @@ int run_half(const char* name, const char* suffix, bool signal, const char* even
     nv_test::raw_client hostile;
     HANDLE done = OpenEventA(SYNCHRONIZE, FALSE, event_name);
     if (done == nullptr || !hostile.connect_half(name, suffix, signal, /*handshake=*/!exit_request)) return 3;
-    if (exit_request) (void)hostile.write(request_frame(nv_test::msg_exit, 1, 0));
+    if (exit_request) (void)hostile.write(frame_of(nv_test::msg_exit, 0));
     printf("ready\n");
     fflush(stdout);
     uint32_t received = 0;
@@ -174,7 +171,7 @@ int run_stall(const char* name, const char* stage, DWORD ms) {
     nv_test::raw_client c;
     c.on_pipes_open = ready;
     if (!c.connect(name)) return 3;
-    const auto request = frame_of(mcl::frame_kind::request, nv_test::msg_echo, 1, 8);
+    const auto request = frame_of(nv_test::msg_echo, 8);
     std::vector<unsigned char> reply;
     const bool answered = c.write(request) && c.read(static_cast<uint32_t>(request.size()), reply) &&
                           reply.size() == request.size() && reply[0] == static_cast<unsigned char>(mcl::frame_kind::response);

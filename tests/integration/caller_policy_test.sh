@@ -22,29 +22,22 @@ snapshot() {
 }
 # settled: the snapshot once two in a row agree (what the last request started has finished).
 settled() {
-    local a b i
-    a=$(snapshot)
-    for ((i = 0; i < 10; i++)); do
-        b=$(snapshot)
-        [ "$a" = "$b" ] && break
-        a=$b
-    done
-    printf '%s' "$a"
+    local a b
+    b=$(snapshot)
+    poll 10 0 'a=$b; b=$(snapshot); [ "$a" = "$b" ]'
+    printf '%s' "$b"
 }
 
 mkdir -p "$drive_c/data" "$drive_c/prot/app"
 printf 'x' >"$drive_c/data/f.txt"
 : >"$journal"
 install_with_recorder
-expect_eq "install" 0 "$rc"
 install_test_service nv_test_svc svc demand
 start_service
 
 echo "== the restricted client is an ordinary user"
-run "$helper" is-admin
-expect "the test is an administrator" 0
-run "$helper" as-user "$(win "$helper")" is-admin
-expect "the restricted client is not" 1
+runs "the test is an administrator" 0 '*' "$helper" is-admin
+runs "the restricted client is not" 1 '*' "$helper" as-user "$(win "$helper")" is-admin
 
 echo "== an ordinary user cannot stop the service (sent or posted)"
 as_user send 1000001
@@ -52,8 +45,7 @@ expect "stop sent" 0 "$denied"
 as_user post 1000001
 expect "stop posted" 0
 sleep 1
-run "$client" send 100000a
-expect "the service still answers" 0 "2D000300"
+runs "the service still answers" 0 "2D000300" "$client" send 100000a
 expect_eq "two refusals logged" 2 "$(log_count 'Access denied: request "stop service" (IPC message 1000001) from process ')"
 expect_eq "still running" 0 "$(state)"
 
@@ -74,8 +66,7 @@ while IFS='|' read -r id route payload want settle; do
         as_user $verb "$id" ${payload:+"$payload"}
         expect "$id read by the restricted client" 0
         mine=$(cat "$out")
-        run "$client" $verb "$id" ${payload:+"$payload"}
-        expect "$id read by an administrator" 0
+        runs "$id read by an administrator" 0 '*' "$client" $verb "$id" ${payload:+"$payload"}
         expect_eq "$id: the restricted client is served" "${want:-$(cat "$out")}" "$mine"
         continue
     fi
@@ -138,13 +129,11 @@ expect "an event the restricted client may not set" 0 "0000"
 expect_eq "refusal logged" 1 "$(log_count 'Subscription for <theirs> refused: process ')"
 as_user send 10000fa "$(encode subscribe-irp-notification unsubscribe=0 subscriber=nothing event='Global\nv_caller_none' file= major=0xFF minor=0xFF type=0)"
 expect "an event that does not exist" 0 "0000"
-run "$client" send 10000fa "$theirs"
-expect "the same event for an administrator" 0 "0100"
+runs "the same event for an administrator" 0 "0100" "$client" send 10000fa "$theirs"
 before_cleanup() { kill "$own" "$admins" 2>/dev/null; }
 
 echo "== an administrator stops the service"
-run "$client" post 1000001
-expect "stop" 0 ""
+runs "stop" 0 "" "$client" post 1000001
 wait_state 252
 expect_eq "stop audited" 1 "$(log_count 'Audit: request "stop service" (IPC message 1000001) from process ')"
 

@@ -64,8 +64,7 @@ while read -r want args; do check "$exe" "$args" "$want" empty; done <<'CASES'
 CASES
 wine sc delete nvcli_disabled </dev/null >/dev/null 2>&1
 # No option, outside the service manager: the control dispatcher refuses the process (after about 10 s).
-run "$exe"
-expect "no option, from a console" 0 "halvern service could not be started!"
+runs "no option, from a console" 0 "halvern service could not be started!" "$exe"
 [ "$(log_lines '\] - StartServiceCtrlDispatcher failed\.')" = 1 ] || fail "no option: the dispatcher's refusal not logged"
 
 # Folder repair never leaves a task log; the other tasks copy the debug log whatever their result.
@@ -88,15 +87,11 @@ tool=$NV_BIN_DIR/recovery_code.exe
 key=$(win "$recovery_key")
 guid=19487ca1-b523-4f5c-99a0-5e2aba76551a
 
-run "$tool"
-expect "no arguments" 2
-run "$tool" make "$key" "$guid" 2099-12-31
-expect "bad date" 2
-run "$tool" make "$(win "$work/missing.hex")" "$guid" 20991231
-expect "missing key" 1
+runs "no arguments" 2 '*' "$tool"
+runs "bad date" 2 '*' "$tool" make "$key" "$guid" 2099-12-31
+runs "missing key" 1 '*' "$tool" make "$(win "$work/missing.hex")" "$guid" 20991231
 
-run "$tool" make "$key" "$guid" 20991231
-expect "make" 0
+runs "make" 0 '*' "$tool" make "$key" "$guid" 20991231
 grep -Eq '^20991231-[0-9A-F]{512}$' "$out" || fail "code format: $(cat "$out")"
 first=$(cat "$out")
 run "$tool" make "$key" "$guid" 20991231
@@ -104,11 +99,9 @@ expect_eq "the same input makes the same code" "$first" "$(cat "$out")"
 run "$tool" make "$key" "${guid^^}" 20991231
 expect_eq "the machine id is taken in any case" "$first" "$(cat "$out")"
 
-run "$tool" keygen "$(win "$work/new.priv")" "$(win "$work/new.pub")"
-expect "keygen" 0
+runs "keygen" 0 '*' "$tool" keygen "$(win "$work/new.priv")" "$(win "$work/new.pub")"
 grep -Eq '^[0-9A-F]+$' "$work/new.pub" || fail "public key file is hex"
-run "$tool" make "$(win "$work/new.priv")" "$guid" 20991231
-expect "a new key" 0
+runs "a new key" 0 '*' "$tool" make "$(win "$work/new.priv")" "$guid" 20991231
 [ "$first" != "$(cat "$out")" ] || fail "a new key makes other codes"
 
 finish cli 40

@@ -64,14 +64,10 @@ installed_version_is() {  # LABEL current|next
     [ "$2" = next ] && src=$NV_BIN_DIR/driver_next/VQRMonitor.sys
     cmp -s "$src" "$installed" || fail "$1: the installed file is not the $2 package"
 }
-sim_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
-features() { sim_state | jq -c '[.features["0", "6", "11"]]'; }
-sim_unloads() { sim_state | jq '[.filter_calls[]? | select(.call == "unload" and .hr == "0x00000000")] | length'; }
-instdrv() {  # LABEL: -i instdrv succeeds
-    new_log
-    run "$exe" -i instdrv
-    expect "$1" 0 "Installing driver..."
-}
+features() { driver_state | jq -c '[.features["0", "6", "11"]]'; }
+sim_unloads() { driver_state | jq '[.filter_calls[]? | select(.call == "unload" and .hr == "0x00000000")] | length'; }
+instdrv() { new_log; runs "$1" 0 "Installing driver..." "$exe" -i instdrv; }  # LABEL: -i instdrv succeeds
+uninstdrv() { new_log; runs "$1" 0 "Uninstalling driver..." "$exe" -i uninstdrv; }  # LABEL: -i uninstdrv succeeds
 
 echo "== clean Windows 7 prefix: the INF route"
 package current
@@ -102,7 +98,7 @@ expect_layout "same version, no port"
 
 echo "== a newer version replaces the old one; the driver service started brings the ports back"
 start_driver_service
-expect_eq "driver started: the simulator serves" true "$(sim_state | jq .loaded)"
+expect_eq "driver started: the simulator serves" true "$(driver_state | jq .loaded)"
 package next
 before=$(sim_unloads)
 instdrv "newer version"
@@ -115,8 +111,7 @@ echo "== a package without its driver file or its version changes nothing"
 for p in none unversioned; do
     package $p
     new_log
-    run "$exe" -i instdrv
-    expect "package $p" 254 $'Installing driver...\nFailed to install driver!'
+    runs "package $p" 254 $'Installing driver...\nFailed to install driver!' "$exe" -i instdrv
     installed_version_is "package $p" next
 done
 expect_logged "no version" "$log" "has no readable version, nothing changed"
@@ -125,11 +120,9 @@ package current
 echo "== -i uninstdrv: unload, INF uninstall, service and file gone"
 start_driver_service
 before=$(sim_unloads)
-new_log
-run "$exe" -i uninstdrv
-expect "uninstall" 0 "Uninstalling driver..."
+uninstdrv "uninstall"
 [ "$(sim_unloads)" -gt "$before" ] || fail "uninstall: the unload did not reach the driver"
-expect_eq "uninstall: the simulator" false "$(sim_state | jq .loaded)"
+expect_eq "uninstall: the simulator" false "$(driver_state | jq .loaded)"
 expect_logged "uninstall" "$log" "DefaultUninstall 132 C:\\\\nv\\\\"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "uninstall: the service or the file is still there"
 expect_value "uninstall" "$key" SkipProc1stCreate ""
@@ -146,9 +139,7 @@ installed_version_is "direct route" current
 
 echo "== uninstall with the INF route failing: the service is stopped and deleted, the file deleted"
 start_driver_service
-new_log
-run "$exe" -i uninstdrv
-expect "direct uninstall" 0 "Uninstalling driver..."
+uninstdrv "direct uninstall"
 expect_logged "direct uninstall" "$log" "Stopping service 'VQRMonitor'" "Service stopped" "Deleting service 'VQRMonitor'" \
     "Service deleted" "Installed file 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys' deleted" "End uninstall, res = 0"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "direct uninstall: the service or the file is still there"
@@ -159,9 +150,7 @@ echo "== a locked driver file is renamed and deleted at reboot"
 for n in 0 1; do
     run "$exe" -i instdrv
     hold image 'C:\windows\system32\drivers\VQRMonitor.sys'
-    new_log
-    run "$exe" -i uninstdrv
-    expect "locked file $n" 0 "Uninstalling driver..."
+    uninstdrv "locked file $n"
     [ ! -e "$installed" ] && [ -f "$installed.$n" ] || fail "locked file $n: not renamed to VQRMonitor.sys.$n"
     expect_logged "locked file $n" "$log" "Renamed driver file .* -> 'C:\\\\windows\\\\System32\\\\Drivers\\\\VQRMonitor.sys.$n'" \
         "will be deleted after reboot"
@@ -176,8 +165,7 @@ run "$exe" -i instdrv
 hold service VQRMonitor
 package next
 new_log
-run "$probe" install 0
-expect "marked, not forced" 0 "result=0"
+runs "marked, not forced" 0 "result=0" "$probe" install 0
 expect_logged "marked, not forced" "$log" "Failed to delete service. error 1072" \
     "Previous driver service has been marked for deletion, but not yet removed"
 expect_not_logged "marked, not forced" "$log" "DefaultInstall 132"
@@ -200,17 +188,14 @@ run "$ctl" load
 echo "== result codes"
 for row in "4097 7" "0 22" "4096 0"; do
     read -r length want <<<"$row"
-    run "$probe" run-command "$length"
-    expect "command of $length characters" 0 "result=$want"
+    runs "command of $length characters" 0 "result=$want" "$probe" run-command "$length"
 done
 rm -f "$nv/VQRMonitor.inf"
 new_log
-run "$probe" uninstall
-expect "missing INF" 0 "result=2 marked=0"
+runs "missing INF" 0 "result=2 marked=0" "$probe" uninstall
 expect_logged "missing INF" "$log" "Failed to get short path name for path 'C:\\\\nv\\\\VQRMonitor.inf'. error 2" \
     "Failed to initialize the inf file path"
-run "$exe" -i uninstdrv
-expect "missing INF, -i uninstdrv" 254 "Uninstalling driver..."
+runs "missing INF, -i uninstdrv" 254 "Uninstalling driver..." "$exe" -i uninstdrv
 good_inf
 
 echo "== Windows versions"
@@ -230,12 +215,10 @@ echo "== the service installs a missing driver at start-up, starts it and connec
 run "$exe" -i uninstdrv
 # A stopping driver service is deleted once it has stopped.
 poll 150 0.2 '[ -z "$(service_type)" ]' || fail "start-up: the driver is still installed"
-expect_eq "start-up: the simulator before" false "$(sim_state | jq .loaded)"
-run "$exe" -i install
-expect "service install" 0 "Installing halvern service..."
+expect_eq "start-up: the simulator before" false "$(driver_state | jq .loaded)"
+runs "service install" 0 "Installing halvern service..." "$exe" -i install
 new_log
-run "$exe" -s start
-expect "service start" 0 ""
+runs "service start" 0 "" "$exe" -s start
 poll 300 0.2 '[ "$(features)" = "[true,true,true]" ]'  # a minute at most
 expect_logged "start-up" "$log" "\\[DoInstall:[0-9]*\\] - Installing with" "rundll command ran successfully" \
     "VQRMonitor Driver Version: $version"

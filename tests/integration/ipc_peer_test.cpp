@@ -45,7 +45,6 @@ struct server_process {
     std::string log() const { return nv_test::file_text(log_path); }
 };
 
-// nv_ipc_client with `args` against the listener `name`, its output captured.
 nv_test::child start_client(const std::string& name, const std::string& args) {
     return nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_client.exe\" -n " + name + " -t 30000 " + args,
                           /*capture_output=*/true);
@@ -79,12 +78,10 @@ public:
         mcl::scoped_lock guard(lock_);
         return static_cast<int>(std::count(ids_.begin(), ids_.end(), id));
     }
-    // The client process id and image of the last request's connection.
     std::pair<DWORD, std::string> last_client() {
         mcl::scoped_lock guard(lock_);
         return {pid_, image_};
     }
-    // Waits up to `ms` for `count(id)` to reach n.
     bool wait_for(uint32_t id, int n, DWORD ms) {
         for (DWORD waited = 0; waited < ms && count(id) < n; waited += 20) Sleep(20);
         return count(id) >= n;
@@ -103,13 +100,11 @@ mcl::binary_t text_payload(const std::string& text) {
     return payload;
 }
 
-// An in-process client peer connected to `name`.
 struct client {
     recording_handler handler;
     mcl::ipc_peer peer{"", &handler};
 
-    // A listener thread that has only just been started may not have its first pipe pair yet
-    // on a loaded machine, and a connect then fails at once: try again for up to half a minute.
+    // A listener just started may not have its first pipe pair yet: retry for half a minute.
     bool connect(const std::string& name) {
         const ULONGLONG deadline = GetTickCount64() + 30000;
         do {
@@ -231,7 +226,6 @@ TEST(IpcPeer, ASendTimesOutOnANegativeHandlerResultAndReturnsAtOnceWhenItsConnec
     EXPECT_TRUE(c.peer.connections().empty());
 }
 
-// A client killed in the middle of its request: the storm (tests/soak), against the service.
 TEST(IpcPeer, AnOverLongLengthOrGarbageEndOnlyThatConnection) {
     server_process server;
     client steady;
@@ -260,7 +254,6 @@ TEST(IpcPeer, AnOverLongLengthOrGarbageEndOnlyThatConnection) {
     EXPECT_TRUE(fresh.connect(server.name) && fresh.echo("new client"));
 }
 
-// An mcl::ipc_peer serving in this process until the object goes.
 struct own_server {
     mcl::event stop;
     mcl::ipc_peer peer;
@@ -286,8 +279,7 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     PROCESS_MEMORY_COUNTERS_EX memory{};
     ASSERT_TRUE(GetProcessMemoryInfo(server.process.process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
                                      sizeof(memory)));
-    // The private commit charge (PagefileUsage and PrivateUsage are the same figure; some
-    // systems fill in only the first).
+    // The private commit charge: some systems fill in PagefileUsage only.
     const size_t committed = std::max(memory.PrivateUsage, memory.PagefileUsage);
     EXPECT_LT(committed, 200u * 1024 * 1024) << committed;
     EXPECT_EQ("0100", version_reply(server.name)) << "others are still served";

@@ -34,6 +34,8 @@ call() {
     [ "$rc" = 0 ] || fail "call $1: client exit $rc: $(cat "$out")"
 }
 answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
+# sends LABEL WANT SENT MESSAGE [KEY=VALUE ...]: answers WANT, and the simulator got SENT meanwhile.
+sends() { mark; answers "$1" "$2" "${@:4}"; expect_eq "$1: sent" "$3" "$(sent)"; }
 said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields
 items() { local key=$1 value; shift; printf 'count=%s' $#; for value in "$@"; do printf '\n%s=%s' "$key" "$value"; done; }  # KEY VALUE...: a list reply of strings
 ok=$(said 1 '')
@@ -54,7 +56,6 @@ driver_messages() {
     wine "$ctl" journal </dev/null 2>/dev/null | tr -d '\r' |
         jq -r --argjson from "${1:-1}" '.[] | select(.seq >= $from) | "\(.code) \(.kind) \(if .kind == "feature" then .on else .text end)"'
 }
-driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }
 driver_count() { driver_state | jq -r .messages; }
 mark() { from=$(($(driver_count) + 1)); }  # sent: the simulator's messages since the last mark
 sent() { driver_messages "$from"; }
@@ -84,7 +85,7 @@ journal_value() {
 install_with_recorder() {
     cp "$NV_BIN_DIR/hooks/NorvaleHalvernService.exe" "$nv/"
     poll 5 1 journal_value || fail "recorder value not written: $(cat "$out")"
-    run "$exe" -i install
+    runs "install" 0 '*' "$exe" -i install
 }
 # install_test_service NAME FOLDER START [MODE]: nv_test_service copied to C:\prot\FOLDER, installed.
 install_test_service() {

@@ -32,7 +32,6 @@ mkdir -p "$drive_c/prot/app" "$drive_c/prot/other"
     printf 'service\tnv_test_svc\t%s\n' "$own_service"
 } >"$journal"
 install_with_recorder
-expect_eq "install" 0 "$rc"
 
 echo "== self-protection at start-up"
 start_service
@@ -56,16 +55,13 @@ answers "listing" "$(msgs count=3 "$(entry "$folder_sddl" 'C:\PROT\App\b.exe' 'C
 mark
 answers "unprotect a.exe" "$ok" protect-processes protect=0 image='C:\prot\app\a.exe'
 expect_eq "first release: code 2 only, folder kept" "2 command C:\\prot\\app\\a.exe 3" "$(sent) $(recorded_count file 'C:\prot\app')"
-mark
-answers "unprotect b.exe" "$ok" protect-processes protect=0 image='C:\PROT\App\b.exe'
-expect_eq "last release: codes 2 and 8" "$(msgs "2 command C:\\PROT\\App\\b.exe" "8 command $device\\prot\\app")" "$(sent)"
+sends "unprotect b.exe, the last release: codes 2 and 8" "$ok" \
+    "$(msgs "2 command C:\\PROT\\App\\b.exe" "8 command $device\\prot\\app")" protect-processes protect=0 image='C:\PROT\App\b.exe'
 expect_eq "folder DACL restored" "$restored_folder	A;0x13;0x001F01FF;S-1-5-32-544 A;0x13;0x001F01FF;S-1-5-18 A;0x13;0x001200A9;S-1-5-32-545 A;0x10;0x001301BF;S-1-5-11 A;0x1B;0xE0010000;S-1-5-11" "$(recorded file 'C:\prot\app')"
 
 echo "== remove-all rules"
 answers "protect two folders" "$ok" protect-processes protect=1 image='C:\prot\other\c.exe' protect=1 image='C:\prot\app\d.exe'
-mark
-answers "empty path, protect: nothing" "$ok" protect-processes protect=1 image='' protect=0 image='C:\prot\other\c.exe'
-expect_eq "empty path, protect: no message" "" "$(sent)"
+sends "empty path, protect: nothing" "$ok" "" protect-processes protect=1 image='' protect=0 image='C:\prot\other\c.exe'
 answers "empty path, unprotect: everything" "$ok" protect-processes protect=0 image=''
 expect_eq "remove-all messages" "$(msgs "2 command " "8 command ")" "$(sent)"
 driver_state | jq -e '.volumes == [] and (.filter_calls | map(select(.call == "detach")) | length) >= 1' >/dev/null ||
@@ -90,9 +86,7 @@ recorded file 'C:\prot\svc' | cut -f 2 | grep -q "^A;0x03;0x101F01FF;$own_sid A;
     fail "service folder: own SID, then the service's: $(recorded file 'C:\prot\svc')"
 persisted "service and image persisted" 0 nv_test_svc svc
 expect_eq "its DACL from before, recorded beside it" "REG_SZ $own_service" "$(reg_value "$services_key" 'nv_test_svc\OriginalDacl')"
-mark
-answers "protect again: nothing to do" "$ok" protect-services svc=1 proc=1 name=nv_test_svc
-expect_eq "protect again: nothing sent" "" "$(sent)"
+sends "protect again: nothing to do" "$ok" "" protect-services svc=1 proc=1 name=nv_test_svc
 # The remove-all rule above took the own image off as well.
 own_service_entry="valid=1 process_protected=0 service_sddl=$self_sddl folder_sddl= name=$svc sid=$own_sid image=C:\nv\NorvaleHalvernService.exe folder="
 svc_entry="valid=1 process_protected=1 service_sddl=$service_sddl folder_sddl=$(recorded file 'C:\prot\svc' | cut -f 1) name=nv_test_svc sid=$svc_sid image=C:\prot\svc\nv_test_service.exe folder=C:\prot\svc"
@@ -163,9 +157,7 @@ answers "stop a service in a system process: refused" "$refused" stop-service-by
 expect_eq "system process: logged, still running, same process" "1 0 $pid" "$(
     log_count "Stop of service <nv_crit> refused: its process $pid (C:\\prot\\crit\\lsass.exe) is a system process") $(
     svc_state nv_crit) $(pid_of crit nv_crit)"
-mark
-answers "re-apply switches" "$ok" restore-driver-protection flag=0
-expect_eq "switches" "$features_on" "$(sent)"
+sends "re-apply switches" "$ok" "$features_on" restore-driver-protection flag=0
 answers "recover a service DACL" "$ok" recover-service-dacl name=nv_test_auto
 expect_eq "service DACL back to its own from before" "$auto_service" "$(recorded service nv_test_auto | cut -f 1)"
 persisted "recovered service and its image no longer persisted" 1 nv_test_auto auto
@@ -214,9 +206,7 @@ old_pid=$(pid_of args nv_args_svc)
 run taskkill /F /PID "$old_pid"
 sleep 3
 expect_eq "killed, not started again while off" "$old_pid" "$(pid_of args nv_args_svc)"
-mark
-answers "switch on" "$ok" set-protection-enabled on=1
-expect_eq "features on" "$features_on" "$(sent)"
+sends "switch on" "$ok" "$features_on" set-protection-enabled on=1
 wait_new_pid args nv_args_svc "$old_pid" || fail "enforcement not running again"
 
 echo "== bad input: a reply, a log line, nothing applied, the next request served"
@@ -224,27 +214,22 @@ mark
 call query-protected-services
 services_before=$reply
 long=$(printf 'x%.0s' $(seq 1 300))
-# Bytes that do not hold the request, a row per handler's line (conformance_test has every malformed reply).
-while IFS='|' read -r label id payload line; do
+# Bytes that do not hold the request (an identifier; conformance_test has every malformed reply), or
+# well-formed fields that name what cannot be done (a message): a row per handler's line.
+while IFS='|' read -r label what want line args; do
     n=$(log_count "$line")
-    ask "0x$id $label" "$status_fail" "$id" $payload
-    [ "$(log_count "$line")" -gt "$n" ] || fail "0x$id $label: no log line [$line]"
+    [[ $what == 1* ]] && send=ask || send=answers
+    $send "$what: $label" "$want" "$what" $args
+    [ "$(log_count "$line")" -gt "$n" ] || fail "$what: $label: no log line [$line]"
 done <<EOF
-truncated list|1000003|02$(encode protect-processes protect=1 image='C:\prot\app\t.exe' | cut -c 3-)|Malformed process rule list
-no name terminator|1000002|0100000001016E76|Malformed service rule list
-empty name|1000065|00|Malformed start request
-truncated argument list|1000065|$(encode start-service name=nv_args_svc | sed 's/00000000$/0200/')|Malformed start request
-empty name|1000066|00|Malformed stop request
-empty name|1000067|00|Malformed DACL recovery request
-no payload|1000068||Empty request: nothing re-applied
-empty path|1000069|00|Malformed folder DACL recovery request
-EOF
-# Well-formed requests that name what cannot be done.
-while IFS='|' read -r label message want line fields; do
-    n=$(log_count "$line")
-    answers "$message: $label" "$want" "$message" $fields
-    [ "$(log_count "$line")" -gt "$n" ] || fail "$message: $label: no log line [$line]"
-done <<EOF
+truncated list|1000003|$status_fail|Malformed process rule list|02$(encode protect-processes protect=1 image='C:\prot\app\t.exe' | cut -c 3-)
+no name terminator|1000002|$status_fail|Malformed service rule list|0100000001016E76
+empty name|1000065|$status_fail|Malformed start request|00
+truncated argument list|1000065|$status_fail|Malformed start request|$(encode start-service name=nv_args_svc | sed 's/00000000$/0200/')
+empty name|1000066|$status_fail|Malformed stop request|00
+empty name|1000067|$status_fail|Malformed DACL recovery request|00
+no payload|1000068|$status_fail|Empty request: nothing re-applied|
+empty path|1000069|$status_fail|Malformed folder DACL recovery request|00
 over-long path|protect-processes|$refused|Process image refused|protect=1 image=C:\\prot\\$long\\e.exe
 drive root|protect-processes|$refused|Process image refused|protect=1 image=C:\e.exe
 missing service|protect-services|$refused|Failed to protect service: no_such_service|svc=1 proc=1 name=no_such_service
@@ -261,16 +246,13 @@ EOF
 expect_eq "bad input: nothing sent" "" "$(sent)"
 answers "bad input: services unchanged" "$services_before" query-protected-services
 answers "bad input: no images" count=0 query-protected-processes
-run "$client" call service-version
-expect_eq "next request served" 0 "$rc"
+runs "next request served" 0 '*' "$client" call service-version
 
 echo "== a service whose image is in System32: the service and its image, never the folder"
 cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/windows/system32/nv_hosted.exe"
 run sc create nv_hosted binPath= 'C:\windows\system32\nv_hosted.exe' start= demand
 run sc start nv_hosted && wait_svc_state nv_hosted 0
-mark
-answers "protect nv_hosted" "$ok" protect-services svc=1 proc=1 name=nv_hosted
-expect_eq "hosted: its image rule alone" "1 command C:\\windows\\system32\\nv_hosted.exe" "$(sent)"
+sends "protect nv_hosted" "$ok" "1 command C:\\windows\\system32\\nv_hosted.exe" protect-services svc=1 proc=1 name=nv_hosted
 expect_eq "hosted: said so" 1 \
     "$(log_count 'Process C:\windows\system32\nv_hosted.exe protected without its folder, C:\windows\system32 is a system folder')"
 recorded service nv_hosted | grep -q -F "(A;;0x101f01ff;;;$(service_sid nv_hosted))" || fail "hosted: service DACL $(recorded service nv_hosted)"
@@ -287,13 +269,8 @@ wine "$client" -t 200000 call stop-service-by-name name=nv_stuck_stop </dev/null
 waiter=$!
 poll 150 0.2 '[ "$(log_count "Received IPC message 1000066")" -gt "$n" ]' || fail "the stop request did not come"
 sleep 2  # well inside its 30-second wait
-t0=$(date +%s.%N)
-run "$exe" -s stop
-took=$(awk -v a="$t0" -v b="$(date +%s.%N)" 'BEGIN { printf "%.2f", b - a }')
-echo "stopped in $took s during a service's stop"
+within 10 run "$exe" -s stop  # not the other service's 30 seconds
 expect_eq "stopped" "0 252" "$rc $(svc_state $svc)"
-# Printed above; here only that it did not wait out the other service's 30 seconds.
-awk -v t="$took" 'BEGIN { exit !(t < 10) }' || fail "the stop took $took s"
 expect_eq "the wait given up, no thread terminated" "1 0" \
     "$(log_count 'The wait for service nv_stuck_stop to stop was given up') $(log_count 'of its stop, terminated')"
 wait $waiter

@@ -273,10 +273,8 @@ start
 echo "== killed; a DACL changed while the service was down is protected again, one left as it was kept"
 protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|" "1|$hklm|$t\\Kept|nv_owner_a|1|"
 kept=$(sddl "$t\\Kept")
-run taskkill /f /im NorvaleHalvernService.exe
-expect_eq "taskkill" 0 "$rc"
-run "$probe" grant "$t\\Crash"
-expect_eq "grant while down" 0 "$rc"
+runs "taskkill" 0 '*' taskkill /f /im NorvaleHalvernService.exe
+runs "grant while down" 0 '*' "$probe" grant "$t\\Crash"
 granted=$(sddl "$t\\Crash")
 start
 after=$(sddl "$t\\Crash")
@@ -288,8 +286,7 @@ given_back "kept: DACL from before the first protect" "$t\\Kept"
 
 echo "== ended between the record write and the DACL write"
 stop
-run "$probe" crash-protect "$t\\Seam" nv_owner_a 0
-expect_eq "ended at the seam" 9 "$rc"
+runs "ended at the seam" 9 '*' "$probe" crash-protect "$t\\Seam" nv_owner_a 0
 has_value "$t\\Seam" || fail "record written before the DACL"
 tree_is "DACL not yet changed" "$orig" "$t\\Seam"
 start

@@ -38,6 +38,7 @@ start_sim() {
     cp "$NV_BIN_DIR/fltlib.dll" "$WINEPREFIX/drive_c/windows/system32/fltlib.dll"
     bash "$NV_SOURCE_DIR/tests/wine/prefix.sh" sim || { echo "FAIL: the driver simulator did not start"; exit 1; }
 }
+driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }  # the simulator's state as JSON
 # install_service: the service executable alone in C:\nv ($nv), so its debug log ($log) is ours.
 install_service() {
     nv=$WINEPREFIX/drive_c/nv
@@ -68,6 +69,15 @@ fail() {
 }
 # poll TRIES PAUSE CONDITION: evaluates CONDITION until it holds, at most TRIES times PAUSE s apart.
 poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$2"; done; return 1; }
+# within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
+within() {
+    local limit_ms=$(($1 * 1000)) t0 ms
+    shift
+    t0=$(date +%s%N)
+    "$@"
+    ms=$((($(date +%s%N) - t0) / 1000000))
+    [ "$ms" -lt "$limit_ms" ] || fail "$* took $ms ms"
+}
 # hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
 err=$work/err.txt
 hv_run() {
@@ -99,6 +109,13 @@ run() {
 expect() {
     [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; output: $(cat "$out")"
     if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then fail "$1: output [$(cat "$out")], want [$3]"; fi
+}
+# runs LABEL RC OUTPUT PROGRAM ARGS...: run, then expect ('*': any output).
+runs() {
+    local label=$1 want=$2 text=$3
+    shift 3
+    run "$@"
+    if [ "$text" = '*' ]; then expect "$label" "$want"; else expect "$label" "$want" "$text"; fi
 }
 # expect_eq LABEL WANT GOT
 expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }

@@ -12,16 +12,12 @@ emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
 echo "== not installed"
 run "$exe" -i uninstall
 expect "uninstall when not installed" 0 $'Uninstalling halvern service...\nHalvern srvice is not installed.'
-run "$exe" -s start
-expect "start when not installed" 254 "Failed to start halvern service!"
-run "$exe" -s stop
-expect "stop when not installed" 254 "Failed to stop halvern service!"
+runs "start when not installed" 254 "Failed to start halvern service!" "$exe" -s start
+runs "stop when not installed" 254 "Failed to stop halvern service!" "$exe" -s stop
 
 echo "== install"
-run "$exe" -i install
-expect "install" 0 "Installing halvern service..."
-run "$exe" -I INSTALL
-expect "install again" 0 $'Installing halvern service...\nHalvern srvice has already been installed.'
+runs "install" 0 "Installing halvern service..." "$exe" -i install
+runs "install again" 0 $'Installing halvern service...\nHalvern srvice has already been installed.' "$exe" -I INSTALL
 run reg query 'HKLM\System\CurrentControlSet\Services\norvale_halvern_svc'
 for want in 'ImagePath.*"C:\\nv\\NorvaleHalvernService.exe"' 'Start.*0x2' 'Type.*0x10' 'DisplayName.*Norvale Halvern Service' \
     'Description.*Provides process and file protection services for Norvale Clients'; do
@@ -31,25 +27,21 @@ done
 
 echo "== start, stop through the manager (an emergency option without a recovery code waits)"
 run reg add "$emergency" /v uninstallService /t REG_DWORD /d 1 /f
-run "$exe" -s start
-expect "start" 0 ""
+runs "start" 0 "" "$exe" -s start
 [ "$(state)" = 0 ] || fail "-c of the running service"
 [ "$(log_lines 'Emergency options without a recovery code are left in place')" = 1 ] || fail "no line for the option without a code"
 wine reg query "$emergency" /v uninstallService </dev/null >/dev/null 2>&1 || fail "an option without a code was consumed"
 [ "$(log_lines 'Service Version: 3.0.45.1')" = 1 ] || fail "one version line"
-run "$exe" -s start
-expect "start of a running service" 254 "Failed to start halvern service!"
+runs "start of a running service" 254 "Failed to start halvern service!" "$exe" -s start
 
 echo "== identifiers outside the catalogue, at the edges of its ranges among them, are echoed and logged"
 for id in 1000123 10000FC FFFFFF 0 100000D 1000064 100006A 10000C8 10000D3 10000F9 2000009 FFFFFFFF; do
-    run "$client" send $id ABCD
-    expect "unknown identifier $id is echoed" 0 "ABCD"
+    runs "unknown identifier $id is echoed" 0 "ABCD" "$client" send $id ABCD
     [ "$(log_lines "Unknow mc::ipc message $id, ignored")" = 1 ] || fail "unknown identifier $id logged"
 done
 
 echo "== a second instance stops at once without a version line"
-run "$exe" -d
-expect "second instance" 0 ""
+runs "second instance" 0 "" "$exe" -d
 [ "$(log_lines 'Service Version')" = 1 ] || fail "second instance wrote a version line"
 [ "$(state)" = 0 ] || fail "the first instance keeps running"
 
@@ -57,10 +49,7 @@ expect "second instance" 0 ""
 # and trickle: none of the three ways to stop waits on them.
 for how in manager message event; do
     echo "== stop through the $how with clients that never read"
-    if [ $how != manager ]; then
-        run "$exe" -s start
-        expect "start before the $how stop" 0 ""
-    fi
+    [ $how = manager ] || runs "start before the $how stop" 0 "" "$exe" -s start
     : >"$work/abuse.txt"  # not the last round's "ready"
     wine "$ipc_helper" abuse $svc 'C:\nv\abuse.log' 1000123 50 0 20 120 </dev/null >"$work/abuse.txt" 2>&1 &
     abuser=$!
@@ -79,8 +68,7 @@ for how in manager message event; do
 done
 
 echo "== a stop control the moment the service reports running"
-run "$helper" start-stop $svc
-expect "stop right after running" 0
+runs "stop right after running" 0 '*' "$helper" start-stop $svc
 wait_state 252
 
 echo "== an ordinary user can neither stop the service nor keep it or an administrator's client out"
@@ -98,43 +86,32 @@ as_user_ready() {
 as_user_ready 'Global\nv_squatter_ready' hold-mutex 'Global\NORVALE_ClientHelper_Service_Running' 120000
 wine "${as_user[@]}" wait-event "Global\\${svc}_NTSVC_STOP_EVENT" 120000 </dev/null >"$work/squatted.txt" 2>&1 &
 poll 100 0.1 'grep -q ready "$work/squatted.txt"'
-run "$exe" -s start
-expect "start with a squatted instance mutex and stop event" 0 ""
+runs "start with a squatted instance mutex and stop event" 0 "" "$exe" -s start
 for name in 'Global\\NORVALE_ClientHelper_Service_Running' "Global\\\\${svc}_NTSVC_STOP_EVENT"; do
     [ "$(log_lines "The named object \"$name\" was made before the service by .*, neither the system nor")" = 1 ] ||
         fail "squatter of $name not logged"
 done
-run "${as_user[@]}" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
-expect "the ordinary user sets the squatted stop event" 0
+runs "the ordinary user sets the squatted stop event" 0 '*' "${as_user[@]}" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
 sleep 1
 [ "$(state)" = 0 ] || fail "the squatted stop event stopped the service"
-run "$exe" -s stop
-expect "the manager stops the service that waits on its own event" 0 ""
+runs "the manager stops the service that waits on its own event" 0 "" "$exe" -s stop
 wait_state 252 50
-run "$exe" -s start
-expect "start with the instance mutex still squatted" 0 ""
+runs "start with the instance mutex still squatted" 0 "" "$exe" -s start
 run "${as_user[@]}" set-event "Global\\${svc}_NTSVC_STOP_EVENT"
 expect "the ordinary user opens the stop event for setting" 2 "error 5"
 as_user_ready 'Global\nv_holder_ready' hold-mutex "Global\\${svc}_MTX_CONNECTING" 60000
-started=$(date +%s%N)
-hv_run status
-elapsed=$((($(date +%s%N) - started) / 1000000))
-echo "halvernctl status with the connecting mutex held by an ordinary user: $elapsed ms"
+within 8 hv_run status
 expect_eq "status past the held connecting mutex" "0 running: yes" "$rc $(grep running: "$out")"
-[ "$elapsed" -lt 8000 ] || fail "status took $elapsed ms"
 [ "$(state)" = 0 ] || fail "the service stopped"
-run "$exe" -s stop
-expect "stop after the ordinary user" 0 ""
+runs "stop after the ordinary user" 0 "" "$exe" -s stop
 wait_state 252 50
 
 echo "== uninstall"
-run "$exe" -i uninstall
-expect "uninstall" 0 "Uninstalling halvern service..."
+runs "uninstall" 0 "Uninstalling halvern service..." "$exe" -i uninstall
 [ "$(state)" = 251 ] || fail "service gone"
 
 echo "== emergency: uninstallService removes the service"
-run "$exe" -i install
-expect "install for the emergency uninstall" 0 "Installing halvern service..."
+runs "install for the emergency uninstall" 0 "Installing halvern service..." "$exe" -i install
 run reg add "$emergency" /v code /t REG_SZ /d "$(recovery_code)" /f
 run "$exe" -s start
 # The service deletes itself without a stop control to its own process and then stops.

@@ -36,6 +36,7 @@ task() {  # task STAGE TASK [ARG]
         run "C:\\stage\\$dir\\$runner" -proxy_task "$@"
     fi
 }
+tasked() { task "${@:3}"; expect "$1" "$2"; }  # LABEL RC STAGE TASK [ARG]
 product_file() { find "$product" -maxdepth 1 -iname "$1" 2>/dev/null | head -n 1; }
 expect_product_files() {  # expect_product_files LABEL PROGRAM-FILE [NAME]: INF, driver, that program, no .bak
     [ -n "$(product_file vqrmonitor.inf)" ] && [ -n "$(product_file vqrmonitor.sys)" ] && [ -z "$(product_file '*.bak')" ] &&
@@ -53,6 +54,19 @@ expect_running() {  # expect_running LABEL PACKED_VERSION PROTOCOL
     grep -q "protocol_version: $3" "$out" && grep -q "service_version: $2" "$out" ||
         fail "$1: the running service is not version $2 / protocol $3: $(cat "$out")"
 }
+# double PROGRAM RECORD STOP-EVENT [ARGS...]: the service double serving the service's pipe until
+# undouble (RECORD: a path on C:). Waits, up to 60 s, until the double's IPC log (RECORD.log) says
+# that its listener is set up: a task that came earlier would find no service at all.
+double() {
+    local log
+    log=$WINEPREFIX/drive_c/$(printf '%s' "${2#C:\\}" | tr '\\' '/').log
+    double_stop=$3
+    rm -f "$log"
+    wine "$1" $svc "${@:2}" </dev/null >/dev/null 2>&1 &
+    double_pid=$!
+    poll 300 0.2 "grep -q check_pipe_name '$log' 2>/dev/null" || fail "the double writing $2 did not listen within 60 s"
+}
+undouble() { wine "$helper" set-event "$double_stop" </dev/null >/dev/null 2>&1; wait "$double_pid" 2>/dev/null; }
 protect_two_services() {  # two running services of the machine, protected by the installed service
     local name
     for name in nv_setup_svc_a nv_setup_svc_b; do
@@ -108,8 +122,7 @@ interrupted() {
     # Nothing lost: the previous release is there as .bak, the new program not yet copied.
     cmp -s "$old_exe" "$(product_file NorvaleHalvernService.exe.bak)" && [ -n "$(product_file vqrmonitor.sys.bak)" ] &&
         [ -z "$(product_file NorvaleHalvernService.exe)" ] || fail "interrupted: the product folder holds [$(ls "$product")]"
-    task good hvs_upgrade
-    expect "interrupted: upgrade run again" 0
+    tasked "interrupted: upgrade run again" 0 good hvs_upgrade
     expect_logged "interrupted: upgrade run again" "$stage_root/good/hvs_upgrade.log" "treat it as fresh install"
     expect_product_files "interrupted: upgrade run again" "$new_exe"
     expect_running "interrupted: upgrade run again" $new_version 5
@@ -127,11 +140,6 @@ never_starts() {
     expect_not_logged "never starts" "$stage_root/stillborn/hvs_upgrade.log" "Failed to run command <"
 }
 
-# double_listening RECORD: waits (up to 60 s) until the nv_service_double writing RECORD has set up
-# its listener, which its IPC log (RECORD.log) says before the first pipes are made.
-double_listening() {
-    poll 300 0.2 "grep -q 'check_pipe_name' '$1.log' 2>/dev/null" || fail "the double writing $1 did not listen within 60 s"
-}
 # An installed service that takes the stop control and goes on running (its pipe served from its
 # own folder): the upgrade gives up before it changes anything, protection never switched off;
 # the uninstall, which switches protection off first, switches it back on.
@@ -140,23 +148,17 @@ wont_stop() {
     local dir=$WINEPREFIX/drive_c/prot/wontstop record=$WINEPREFIX/drive_c/prot/wontstop/double.txt
     mkdir -p "$dir" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" "$dir/"
     run sc create $svc binPath= 'C:\prot\wontstop\nv_test_service.exe ignore-stop' start= demand && run sc start $svc
-    wine 'C:\prot\wontstop\nv_service_double.exe' $svc 'C:\prot\wontstop\double.txt' 'Global\nv_wontstop_double' \
-        </dev/null >/dev/null 2>&1 &
-    local double_pid=$!
-    double_listening "$record"
+    double 'C:\prot\wontstop\nv_service_double.exe' 'C:\prot\wontstop\double.txt' 'Global\nv_wontstop_double'
     stage new "$new_exe"
-    task new hvs_upgrade
-    expect "will not stop, hvs_upgrade" 254
+    tasked "will not stop, hvs_upgrade" 254 new hvs_upgrade
     expect_logged "will not stop, hvs_upgrade" "$stage_root/new/hvs_upgrade.log" "Fail to stop protection service"
     expect_not_logged "will not stop, hvs_upgrade" "$stage_root/new/hvs_upgrade.log" "Backup files.\|restore_previous_service"
     ! grep -q '^1000008 ' "$record" && [ "$(sc_state $svc)" = RUNNING ] && [ ! -e "$product" ] ||
         fail "will not stop, hvs_upgrade: something changed: $(cat "$record")"
-    task new hvs_uninstall
-    expect "will not stop, hvs_uninstall" 254
+    tasked "will not stop, hvs_uninstall" 254 new hvs_uninstall
     [ "$(grep '^1000008 ' "$record" | tr -d '\r' | tr '\n' '|')" = "1000008 00|1000008 01|" ] && [ "$(sc_state $svc)" = RUNNING ] ||
         fail "will not stop, hvs_uninstall: protection not switched back on: $(cat "$record")"
-    wine "$helper" set-event 'Global\nv_wontstop_double' </dev/null >/dev/null 2>&1
-    wait "$double_pid" 2>/dev/null
+    undouble
 }
 
 for job in interrupted never_starts wont_stop; do
@@ -166,8 +168,7 @@ done
 in_prefix main
 echo "== a fresh install of a damaged program fails and rolls nothing back"
 stage damaged damaged
-task damaged hvs_fresh
-expect "fresh, damaged" 254
+tasked "fresh, damaged" 254 damaged hvs_fresh
 expect_logged "fresh, damaged" "$stage_root/damaged/hvs_install.log" \
     "Failed to run command <\"C:\\\\Program Files\\\\Norvale\\\\Halvern Service\\\\NorvaleHalvernService.exe\" -i install>"
 expect_not_logged "fresh, damaged" "$stage_root/damaged/hvs_install.log" restore_previous_service
@@ -176,8 +177,7 @@ rm -rf "$product"
 
 echo "== hvs_install on a clean machine"
 stage new "$new_exe"
-task new hvs_install
-expect "hvs_install" 0
+tasked "hvs_install" 0 new hvs_install
 expect_product_files "hvs_install" "$new_exe"
 [ "$(driver)" = present ] || fail "hvs_install: no driver"
 [ "$(service_binary)" = "${pf}NorvaleHalvernService.exe" ] || fail "hvs_install: the service runs [$(service_binary)]"
@@ -193,15 +193,13 @@ journal=$stage_root/repair.journal
 debug_log=$stage_root/new/nvhalvernservice.debug.log
 mkdir -p "$WINEPREFIX/drive_c/other"
 run reg add "$helper_key" /v ObjectSecurityJournal /t REG_SZ /d 'C:\stage\repair.journal' /f
-task new hvs_folder_repair 'C:\other'
-expect "repair, port reachable" 0
+tasked "repair, port reachable" 0 new hvs_folder_repair 'C:\other'
 expect_logged "repair, port reachable" "$debug_log" "Driver can be loaded, no repair needed."
 [ ! -e "$journal" ] || fail "repair, port reachable: security was written: $(cat "$journal")"
 echo "== folder repair: unreachable, the default descriptor on both folders after taking C:\\other from its owner"
 run "$ctl" unload
 printf 'owner\tC:\\other\tO:S-1-5-21-1-2-3-1001\n' >"$journal"
-task new hvs_folder_repair 'C:\other'
-expect "repair, port unreachable" 0
+tasked "repair, port unreachable" 0 new hvs_folder_repair 'C:\other'
 default='D:(A;OICIID;FA;;;BA)(A;OICIID;FA;;;SY)(A;OICIID;0x1200a9;;;BU)(A;ID;0x1301bf;;;AU)(A;OICIIOID;SDGXGWGR;;;AU)'
 want=$(printf '%s\n' "owner	C:\\other	O:S-1-5-21-1-2-3-1001" "file	$pf	$default" "owner	C:\\other	O:BA" \
     "owner	$pf	O:BA" "file	C:\\other	$default" "file	$pf	$default")
@@ -217,8 +215,7 @@ mkdir -p "$WINEPREFIX/drive_c/qc" && : >"$WINEPREFIX/drive_c/qc/blocked.dll"
 run reg add "$helper_key\\QuarantineContainers" /v 'C:\qc\' /t REG_DWORD /d 1 /f
 run reg add "$helper_key\\BlockedFiles" /v 'C:\qc\blocked.dll' /t REG_SZ /d 'D:P(A;;FA;;;SY)(A;;FR;;;BU)' /f
 : >"$journal"
-task new hvs_uninstall
-expect "hvs_uninstall" 0
+tasked "hvs_uninstall" 0 new hvs_uninstall
 [ -z "$(sc_state $svc)" ] && [ "$(driver)" = gone ] || fail "hvs_uninstall: the service or the driver is still there"
 [ ! -e "$product" ] || fail "hvs_uninstall: the product folder is still there: $(ls "$product")"
 ! wine reg query "$helper_key" </dev/null >/dev/null 2>&1 || fail "hvs_uninstall: $helper_key is still there"
@@ -239,8 +236,7 @@ expect_logged "failing upgrade" "$stage_root/damaged/hvs_upgrade.log" "Failed to
 echo "== ... hvs_upgrade replaces it"
 old_pid=$(wine "$helper" service-pid $svc </dev/null 2>/dev/null | tr -d '\r')
 : >"$product/nvhalvernservice.debug.log"
-task new hvs_upgrade
-expect "hvs_upgrade" 0
+tasked "hvs_upgrade" 0 new hvs_upgrade
 [ -n "$old_pid" ] && [ "$old_pid" != 0 ] && ! wine "$helper" process-alive "$old_pid" </dev/null >/dev/null 2>&1 ||
     fail "hvs_upgrade: the old service process $old_pid is still there"
 [ "$(service_binary)" = "${pf}NorvaleHalvernService.exe" ] || fail "hvs_upgrade: the service runs [$(service_binary)]"
@@ -265,8 +261,7 @@ echo "== hvs_uninstall ends with 0 when a file cannot be removed"
 cp "$NV_BIN_DIR/installer_probe.exe" "$stage_root/"
 probe='C:\stage\installer_probe.exe'
 hold image "${pf}vqrmonitor.sys"
-task new hvs_uninstall
-expect "hvs_uninstall, file held" 0
+tasked "hvs_uninstall, file held" 0 new hvs_uninstall
 expect_logged "hvs_uninstall, file held" "$stage_root/new/hvs_uninstall.log" \
     "Unable to remove folder <C:\\\\Program Files\\\\Norvale\\\\Halvern Service\\\\>"
 [ -z "$(sc_state $svc)" ] || fail "hvs_uninstall, file held: the service is still there"
@@ -279,36 +274,25 @@ echo "== a service's pipe served by a program from elsewhere: the task refuses i
 mkdir -p "$WINEPREFIX/drive_c/prot/incompatible" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" \
     "$WINEPREFIX/drive_c/prot/incompatible/"
 run sc create $svc binPath= 'C:\prot\incompatible\nv_test_service.exe' start= demand && run sc start $svc
-rm -f "$WINEPREFIX/drive_c/double.txt.log"
-wine "$NV_BIN_DIR/nv_service_double.exe" $svc 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00 </dev/null >/dev/null 2>&1 &
-double_pid=$!
-double_listening "$WINEPREFIX/drive_c/double.txt"
-task new hvs_install
-expect "stranger, hvs_install" 254
+double "$NV_BIN_DIR/nv_service_double.exe" 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00
+tasked "stranger, hvs_install" 254 new hvs_install
 expect_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "nv_service_double.exe), not by the protection service" \
     "Fail to initialize the communicate interface with protection service"
 expect_not_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "uses an incompatible IPC protocol"
 [ ! -e "$product" ] && [ -n "$(sc_state $svc)" ] && [ "$(driver)" = gone ] && [ ! -s "$WINEPREFIX/drive_c/double.txt" ] ||
     fail "stranger, hvs_install: something changed or was sent"
-wine "$helper" set-event 'Global\nv_setup_test_double' </dev/null >/dev/null 2>&1
-wait "$double_pid" 2>/dev/null
+undouble
 
 echo "== a service whose pipe refuses our protocol: every task fails before anything changes"
-rm -f "$WINEPREFIX/drive_c/double.txt.log"
-wine 'C:\prot\incompatible\nv_service_double.exe' $svc 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00 \
-    </dev/null >/dev/null 2>&1 &
-double_pid=$!
-double_listening "$WINEPREFIX/drive_c/double.txt"
+double 'C:\prot\incompatible\nv_service_double.exe' 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00
 for t in hvs_install hvs_upgrade hvs_uninstall; do
-    task new $t
-    expect "incompatible, $t" 254
+    tasked "incompatible, $t" 254 new $t
     expect_logged "incompatible, $t" "$stage_root/new/$t.log" "uses an incompatible IPC protocol" \
         "Fail to initialize the communicate interface with protection service"
     expect_not_logged "incompatible, $t" "$stage_root/new/$t.log" "Initializing directories.\|Uninstalling halvern service...\|Fail to stop"
     [ ! -e "$product" ] && [ -n "$(sc_state $svc)" ] && [ "$(driver)" = gone ] || fail "incompatible, $t: something changed"
 done
-wine "$helper" set-event 'Global\nv_setup_test_double' </dev/null >/dev/null 2>&1
-wait "$double_pid" 2>/dev/null
+undouble
 
 wait
 for job in interrupted never_starts wont_stop; do cat "$work/$job.txt" && failures=$((failures + $(cat "$work/$job.failures" || echo 1))); done

@@ -11,12 +11,14 @@
 #include "protocol/requests.h"
 #include "tests/helpers/process.h"
 #include "tests/soak/storm.h"
+#include "tests/unit/protocol/conformance.h"
 
 namespace storm {
 
 namespace {
 
-std::wstring wide(const std::string& s) { return std::wstring(s.begin(), s.end()); }
+using mcl::mswin::widen;
+using nv_test::encoded;
 
 // Identifiers that random payloads and random identifiers never reach: the service's stop, the
 // protection lists whose final state the storm checks, and the switches that turn protection
@@ -25,13 +27,6 @@ bool kept_from_random(uint32_t id) {
     return id == msg::stop_service || id == msg::protect_services || id == msg::protect_processes ||
            id == msg::protect_reg_keys || id == msg::disable_driver_protection ||
            id == msg::set_protection_enabled || id == msg::enable_driver_protection;
-}
-
-template <typename Request>
-mcl::binary_t encoded(const Request& request) {
-    mcl::binary_t p;
-    protocol::encode(p, request);
-    return p;
 }
 
 mcl::binary_t quarantine_payload(uint32_t action, const std::string& path) {
@@ -72,12 +67,12 @@ mcl::binary_t service_rule_payload(int service, bool protect) {
 
 mcl::binary_t reg_key_payload(int client, bool protect) {
     return encoded(protocol::protect_reg_keys_request{
-        {{static_cast<uint8_t>(protect ? 1 : 0), hklm, wide(storm_key(client)), "nvstorm0", {}, 1}}});
+        {{static_cast<uint8_t>(protect ? 1 : 0), hklm, widen(storm_key(client)), "nvstorm0", {}, 1}}});
 }
 
 mcl::binary_t process_payload(int client, bool protect) {
     return encoded(protocol::protect_processes_request{
-        {{protect, wide("C:\\storm\\f" + std::to_string(client) + "\\storm.exe")}}});
+        {{protect, widen("C:\\storm\\f" + std::to_string(client) + "\\storm.exe")}}});
 }
 
 }  // namespace

@@ -25,6 +25,7 @@
 #include "protocol/message_ids.h"
 #include "protocol/requests.h"
 #include "tests/soak/storm.h"
+#include "tests/unit/protocol/conformance.h"
 
 namespace storm {
 
@@ -57,8 +58,7 @@ int prepare(int clients) {
 // The storm's container, made (or found made) by the service.
 bool register_container() {
     client_conn conn;
-    mcl::binary_t request;
-    protocol::encode(request, protocol::create_container_request{storm_container, {}});
+    const mcl::binary_t request = nv_test::encoded(protocol::create_container_request{storm_container, {}});
     mcl::binary_t reply;
     for (int i = 0; i < 100; ++i) {
         if (conn.open() && conn.request(msg::create_quarantine_container, request, reply)) return status_ok(reply);

@@ -17,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A fresh empty directory for one case.
 fs::path fresh_dir(const std::string& name) {
     const fs::path dir = fs::path(::testing::TempDir()) / ("nv_restore_target_" + name);
     fs::remove_all(dir);
@@ -131,8 +130,7 @@ TEST(restore_folder, nobody_can_rename_or_replace_the_held_folder) {
     EXPECT_TRUE(MoveFileW(folder.c_str(), moved.c_str())) << "released with the restore";
 }
 
-// A file brought back beside a newer one at its path: quarantine_test.sh. A name taken by anything,
-// a planted temporary included, is never opened: the restore fails.
+// A name taken by anything, a planted temporary included, is never opened: the restore fails.
 TEST(restore_folder, never_opens_a_name_that_is_taken) {
     nv_test::log_capture log;
     const fs::path dir = fresh_dir("beside");
@@ -161,16 +159,6 @@ TEST(restore_folder, free_names) {
     for (const auto& c : cases) EXPECT_EQ(c.want, restored_name(c.name, c.attempt)) << c.name << " " << c.attempt;
 }
 
-bool elsewhere_final_path(HANDLE handle, std::wstring& path) {
-    wchar_t buffer[1024];
-    const DWORD n = GetFinalPathNameByHandleW(handle, buffer, 1024, 0);
-    if (n == 0 || n >= 1024) return false;
-    path = L"\\\\?\\C:\\windows" + std::wstring(buffer, n).substr(std::wstring(buffer, n).rfind(L'\\'));
-    return true;
-}
-
-// A plain or read-only source, and one whose folder becomes a link before its deletion:
-// quarantine_test.sh.
 TEST(quarantine_source, takes_only_the_file_asked_for) {
     enum class kind { folder_swapped, a_folder, hard_link };
     const struct {
@@ -192,7 +180,8 @@ TEST(quarantine_source, takes_only_the_file_asked_for) {
         if (c.what == kind::a_folder) source = folder;
         if (c.what == kind::hard_link && !CreateHardLinkW((dir / "other.txt").wstring().c_str(), source.wstring().c_str(), nullptr))
             continue;  // no hard links on this file system
-        quarantine_source held(c.what == kind::folder_swapped ? elsewhere_final_path : nullptr);
+        g_swap = swapped::folder;
+        quarantine_source held(c.what == kind::folder_swapped ? swapping_final_path : nullptr);
         EXPECT_FALSE(held.open(source.string()));
         EXPECT_TRUE(log.contains(c.line)) << log.text();
         EXPECT_TRUE(fs::exists(source));
