@@ -54,7 +54,8 @@ public:
     // The DACL of an open file or folder (GetSecurityInfo, SE_FILE_OBJECT; the handle needs
     // READ_CONTROL). The Win32 code.
     [[nodiscard]] DWORD read_handle_dacl(HANDLE file);
-    // The DACL of a service (GetNamedSecurityInfoA, SE_SERVICE). The Win32 code.
+    // The DACL of a service (QueryServiceObjectSecurity, the service opened for READ_CONTROL).
+    // The Win32 code.
     [[nodiscard]] DWORD read_service_dacl(const std::string& name);
     // The owner of an open kernel object (GetSecurityInfo, SE_KERNEL_OBJECT; the handle needs
     // READ_CONTROL). The Win32 code.
