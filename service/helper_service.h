@@ -182,8 +182,10 @@ public:
     bool unprotectService(const service_record& record);
     // Applies a rule list: each service through the service protection, then its image through
     // the process protection; an empty first name means every service. What was left undone for
-    // want of a record is said in `not_applied`.
-    bool handle_protect_services(const std::vector<service_rule>& rules, std::string* not_applied = nullptr);
+    // want of a record is said in `not_applied`. `known_images`: service name -> image path from a
+    // configuration just read (start-up), so that a protect does not read it again.
+    bool handle_protect_services(const std::vector<service_rule>& rules, std::string* not_applied = nullptr,
+                                 const std::map<std::string, std::wstring>* known_images = nullptr);
     bool protect_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool query_protected_services(mcl::ipc_connection* conn, mcl::binary_t& payload);
 

@@ -5,11 +5,13 @@
 
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
+#include "mcl/mswin/text.h"
 #include "service/helper_service.h"
 
 using mcl::mswin::sid;
 
-bool chelperservice::handle_protect_services(const std::vector<service_rule>& rules, std::string* not_applied) {
+bool chelperservice::handle_protect_services(const std::vector<service_rule>& rules, std::string* not_applied,
+                                             const std::map<std::string, std::wstring>* known_images) {
     constexpr const char* fn = "chelperservice::handle_protect_services";
     if (rules.empty()) {
         NV_LOG(fn, "No service set to (un)protect.");
@@ -32,7 +34,12 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
     for (const service_rule& rule : rules) {
         if (rule.name.empty()) continue;
         std::wstring image;
-        if (!services_.apply_rule(rule, own, image, not_applied)) result = false;
+        const std::wstring* known_image = nullptr;
+        if (known_images != nullptr) {
+            const auto known = known_images->find(rule.name);
+            if (known != known_images->end()) known_image = &known->second;
+        }
+        if (!services_.apply_rule(rule, own, image, not_applied, known_image)) result = false;
         if (!image.empty() && !processes_.apply_service_image(image, rule.protectProcess, own, /*logFailure=*/true))
             result = false;
     }
@@ -53,20 +60,23 @@ void chelperservice::loadProtectedService() {
     (void)mcl::mswin::reg::list_values(protected_services_key, names);
     std::vector<service_rule> rules;
     std::vector<std::string> automatic;  // enforced once protected
+    std::map<std::string, std::wstring> images;
     for (const std::string& name : names) {
         if (name.find('\\') != std::string::npos) continue;  // a service's original DACL, not a service
         NV_LOG(fn, "Read protected service: %s", name.c_str());
-        // One read of the configuration: whether it is installed, and how it starts.
+        // One read of the configuration: whether it is installed, how it starts, and (for the
+        // protect) its image.
         mcl::binary_t config;
-        if (!mcl::mswin::service::query_config(name.c_str(), config)) continue;
+        if (!mcl::mswin::service::query_config(mcl::mswin::widen(name).c_str(), config)) continue;
         rules.push_back(service_rule{true, true, name});
         NV_LOG(fn, "Loading protected service: %s", name.c_str());
-        if (name != mcl::mswin::service::default_name && config.size() >= sizeof(QUERY_SERVICE_CONFIGA) &&
-            reinterpret_cast<const QUERY_SERVICE_CONFIGA*>(config.data())->dwStartType < SERVICE_DEMAND_START)
+        if (name != mcl::mswin::service::default_name && config.size() >= sizeof(QUERY_SERVICE_CONFIGW) &&
+            reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data())->dwStartType < SERVICE_DEMAND_START)
             automatic.push_back(name);
+        images[name] = service_protection::image_path_of(config);
     }
     if (rules.empty()) return;
-    (void)handle_protect_services(rules);
+    (void)handle_protect_services(rules, nullptr, &images);
     for (const std::string& name : automatic) {
         NV_LOG(fn, "Enforce service %s...", name.c_str());
         enforcement_.add(name);

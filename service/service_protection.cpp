@@ -44,8 +44,12 @@ bool set_sid_type_or_unsupported(const std::string& name) {
 std::wstring service_protection::service_image_path(const std::string& name) {
     mcl::binary_t config;
     const std::wstring wname = mcl::mswin::widen(name);
-    if (!mcl::mswin::service::query_config(wname.c_str(), config) || config.size() < sizeof(QUERY_SERVICE_CONFIGW))
-        return {};
+    if (!mcl::mswin::service::query_config(wname.c_str(), config)) return {};
+    return image_path_of(config);
+}
+
+std::wstring service_protection::image_path_of(const mcl::binary_t& config) {
+    if (config.size() < sizeof(QUERY_SERVICE_CONFIGW)) return {};
     const auto* record = reinterpret_cast<const QUERY_SERVICE_CONFIGW*>(config.data());
     if (record->lpBinaryPathName == nullptr) return {};
     std::wstring path = record->lpBinaryPathName;
@@ -58,7 +62,7 @@ std::wstring service_protection::service_image_path(const std::string& name) {
 }
 
 bool service_protection::protectService(const std::string& name, const sid& ownSid, service_record& record,
-                                       bool* unrecorded) {
+                                       bool* unrecorded, const std::wstring* known_image) {
     constexpr const char* fn = "chelperservice::protectService";
     NV_LOG(fn, "Trying to protect service (%s)\n", name.c_str());
     if (!enabled_) {
@@ -126,7 +130,7 @@ bool service_protection::protectService(const std::string& name, const sid& ownS
     }
     const std::string sid_text = service_sid.to_string();
     if (!sid_text.empty()) record.sid = sid_text;
-    const std::wstring image = service_image_path(name);
+    const std::wstring image = known_image != nullptr ? *known_image : service_image_path(name);
     if (!image.empty()) {
         record.imagePath = image;
         NV_LOG(fn, "Get service %s image path %ls", name.c_str(), image.c_str());
@@ -181,7 +185,7 @@ std::vector<sid> service_protection::folder_sids(const std::wstring& folder, con
 }
 
 bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid, std::wstring& image,
-                                    std::string* not_applied) {
+                                    std::string* not_applied, const std::wstring* known_image) {
     constexpr const char* fn = "chelperservice::handle_protect_services";
     auto it = protected_services_.find(rule.name);
     if (!rule.protectService && it != protected_services_.end()) {
@@ -196,7 +200,7 @@ bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid,
         service_record record;
         record.name = rule.name;
         bool unrecorded = false;
-        if (!protectService(rule.name, ownSid, record, &unrecorded)) {
+        if (!protectService(rule.name, ownSid, record, &unrecorded, known_image)) {
             NV_LOG(fn, "Failed to protect service: %s", rule.name.c_str());
             if (unrecorded && not_applied != nullptr) {
                 if (!not_applied->empty()) not_applied->push_back(' ');

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "mcl/buffer.h"
 #include "mcl/mswin/sid.h"
 #include "protocol/requests.h"
 #include "service/process_protection.h"
@@ -42,12 +43,16 @@ public:
     // The program path of a service's binary path: cut after the last double quote, quotes
     // removed (an unquoted path keeps its arguments). Empty when the configuration is unreadable.
     static std::wstring service_image_path(const std::string& name);
+    // The same from a configuration already read (QUERY_SERVICE_CONFIGW, as query_config gives it).
+    static std::wstring image_path_of(const mcl::binary_t& config);
     // Records the service (and its original DACL) first, then replaces its DACL (own SID and the
     // service's SID in full) and, unless the service is stopped, puts it on the enforcement list.
     // Fills sddl, sid, imagePath of `record`. False, with the records this call wrote taken back,
     // when a record or the DACL cannot be written; `unrecorded` is set in the first case.
+    // `image`: the service's image path when the caller has just read its configuration
+    // (start-up), else it is read here.
     bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record,
-                        bool* unrecorded = nullptr);
+                        bool* unrecorded = nullptr, const std::wstring* image = nullptr);
     // Writes the service's original DACL back (the default service DACL when none was recorded);
     // only then takes it off the enforcement list and the persisted lists. The result is that of
     // the DACL write.
@@ -58,7 +63,7 @@ public:
     // image when its state changed (else it stays empty). False when that failed; a protect left
     // undone because its record could not be written adds a sentence to `not_applied`.
     bool apply_rule(const service_rule& rule, const mcl::mswin::sid& ownSid, std::wstring& image,
-                    std::string* not_applied = nullptr);
+                    std::string* not_applied = nullptr, const std::wstring* known_image = nullptr);
     // The image path of every protected service that has one, in table order.
     std::vector<std::wstring> images() const;
     // Unprotects every service and empties the table; false when any failed.
