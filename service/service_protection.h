@@ -49,10 +49,10 @@ public:
     // service's SID in full) and, unless the service is stopped, puts it on the enforcement list.
     // Fills sddl, sid, imagePath of `record`. False, with the records this call wrote taken back,
     // when a record or the DACL cannot be written; `unrecorded` is set in the first case.
-    // `image`: the service's image path when the caller has just read its configuration
+    // `known_image`: the service's image path when the caller has just read its configuration
     // (start-up), else it is read here.
     bool protectService(const std::string& name, const mcl::mswin::sid& ownSid, service_record& record,
-                        bool* unrecorded = nullptr, const std::wstring* image = nullptr);
+                        bool* unrecorded = nullptr, const std::wstring* known_image = nullptr);
     // Writes the service's original DACL back (the default service DACL when none was recorded);
     // only then takes it off the enforcement list and the persisted lists. The result is that of
     // the DACL write.
