@@ -65,29 +65,11 @@ echo "== every command against a peer playing the service"
 cp "$NV_BIN_DIR/nv_service_double.exe" "$WINEPREFIX/drive_c/nv/"
 start_double() {
     : >"$record"
-    : >"$record.log"
     failures_before=$failures
-    wine 'C:\nv\nv_service_double.exe' $svc "$(printf 'Z:%s' "$record" | tr '/' '\\')" "$stop_event" "$@" \
-        </dev/null >/dev/null 2>&1 &
-    double_pid=$!
-    local deadline=$((SECONDS + 60))
-    until hv_run driver on; [ "$rc" = 0 ]; do
-        if [ "$SECONDS" -ge "$deadline" ]; then
-            # Every command after this would wait out its connect: stop here, with what is known.
-            local state="still running"
-            kill -0 "$double_pid" 2>/dev/null || { wait "$double_pid"; state="exited with code $?"; }
-            fail "the double never answered within 60 s ($state); halvernctl: $(cat "$err"); args: $*"
-            tail -n 60 "$record.log"
-            exit 1
-        fi
-        sleep 0.2
-    done
-    sleep 1  # the disconnect of the probe
-    : >"$record"
+    double 'C:\nv\nv_service_double.exe' "$record" "$stop_event" "$@"
 }
 stop_double() {
-    wine "$helper" set-event "$stop_event" </dev/null >/dev/null 2>&1
-    wait "$double_pid" 2>/dev/null
+    undouble
     [ "$failures" = "$failures_before" ] || { echo "---- the double's IPC log"; tail -n 80 "$record.log"; }
 }
 # Payloads from named fields (nv_ipc_client encode and encode-reply).

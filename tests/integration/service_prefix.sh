@@ -69,6 +69,24 @@ fail() {
 }
 # poll TRIES PAUSE CONDITION: evaluates CONDITION until it holds, at most TRIES times PAUSE s apart.
 poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$2"; done; return 1; }
+# double PROGRAM RECORD STOP-EVENT [ARGS...]: nv_service_double (PROGRAM, as Wine names it) serving
+# the service's pipe until undouble; it appends each message it gets to RECORD (a Linux path) and
+# its IPC log to RECORD.log. Waits up to 60 s until that log says the listener is set up (a client
+# that came earlier would find no service); a double that never gets there ends the test, saying
+# whether it still runs and what it logged.
+double() {
+    double_stop=$3
+    rm -f "$2.log"
+    wine "$1" $svc "$(win "$2")" "$3" "${@:4}" </dev/null >/dev/null 2>&1 &
+    double_pid=$!
+    poll 300 0.2 "grep -q check_pipe_name '$2.log' 2>/dev/null" && return 0
+    local state="still running"
+    kill -0 "$double_pid" 2>/dev/null || { wait "$double_pid"; state="exited with code $?"; }
+    fail "the double recording to $2 did not listen within 60 s ($state)"
+    tail -n 60 "$2.log" 2>/dev/null
+    exit 1
+}
+undouble() { wine "$helper" set-event "$double_stop" </dev/null >/dev/null 2>&1; wait "$double_pid" 2>/dev/null; }
 # within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
 within() {
     local limit_ms=$(($1 * 1000)) t0 ms

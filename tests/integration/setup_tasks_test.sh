@@ -54,19 +54,6 @@ expect_running() {  # expect_running LABEL PACKED_VERSION PROTOCOL
     grep -q "protocol_version: $3" "$out" && grep -q "service_version: $2" "$out" ||
         fail "$1: the running service is not version $2 / protocol $3: $(cat "$out")"
 }
-# double PROGRAM RECORD STOP-EVENT [ARGS...]: the service double serving the service's pipe until
-# undouble (RECORD: a path on C:). Waits, up to 60 s, until the double's IPC log (RECORD.log) says
-# that its listener is set up: a task that came earlier would find no service at all.
-double() {
-    local log
-    log=$WINEPREFIX/drive_c/$(printf '%s' "${2#C:\\}" | tr '\\' '/').log
-    double_stop=$3
-    rm -f "$log"
-    wine "$1" $svc "${@:2}" </dev/null >/dev/null 2>&1 &
-    double_pid=$!
-    poll 300 0.2 "grep -q check_pipe_name '$log' 2>/dev/null" || fail "the double writing $2 did not listen within 60 s"
-}
-undouble() { wine "$helper" set-event "$double_stop" </dev/null >/dev/null 2>&1; wait "$double_pid" 2>/dev/null; }
 protect_two_services() {  # two running services of the machine, protected by the installed service
     local name
     for name in nv_setup_svc_a nv_setup_svc_b; do
@@ -148,7 +135,7 @@ wont_stop() {
     local dir=$WINEPREFIX/drive_c/prot/wontstop record=$WINEPREFIX/drive_c/prot/wontstop/double.txt
     mkdir -p "$dir" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" "$dir/"
     run sc create $svc binPath= 'C:\prot\wontstop\nv_test_service.exe ignore-stop' start= demand && run sc start $svc
-    double 'C:\prot\wontstop\nv_service_double.exe' 'C:\prot\wontstop\double.txt' 'Global\nv_wontstop_double'
+    double 'C:\prot\wontstop\nv_service_double.exe' "$record" 'Global\nv_wontstop_double'
     stage new "$new_exe"
     tasked "will not stop, hvs_upgrade" 254 new hvs_upgrade
     expect_logged "will not stop, hvs_upgrade" "$stage_root/new/hvs_upgrade.log" "Fail to stop protection service"
@@ -274,7 +261,7 @@ echo "== a service's pipe served by a program from elsewhere: the task refuses i
 mkdir -p "$WINEPREFIX/drive_c/prot/incompatible" && cp "$NV_BIN_DIR/nv_test_service.exe" "$NV_BIN_DIR/nv_service_double.exe" \
     "$WINEPREFIX/drive_c/prot/incompatible/"
 run sc create $svc binPath= 'C:\prot\incompatible\nv_test_service.exe' start= demand && run sc start $svc
-double "$NV_BIN_DIR/nv_service_double.exe" 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00
+double "$NV_BIN_DIR/nv_service_double.exe" "$WINEPREFIX/drive_c/double.txt" 'Global\nv_setup_test_double' --reply 1000009 00
 tasked "stranger, hvs_install" 254 new hvs_install
 expect_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "nv_service_double.exe), not by the protection service" \
     "Fail to initialize the communicate interface with protection service"
@@ -284,7 +271,8 @@ expect_not_logged "stranger, hvs_install" "$stage_root/new/hvs_install.log" "use
 undouble
 
 echo "== a service whose pipe refuses our protocol: every task fails before anything changes"
-double 'C:\prot\incompatible\nv_service_double.exe' 'C:\double.txt' 'Global\nv_setup_test_double' --reply 1000009 00
+double 'C:\prot\incompatible\nv_service_double.exe' "$WINEPREFIX/drive_c/double.txt" 'Global\nv_setup_test_double' \
+    --reply 1000009 00
 for t in hvs_install hvs_upgrade hvs_uninstall; do
     tasked "incompatible, $t" 254 new $t
     expect_logged "incompatible, $t" "$stage_root/new/$t.log" "uses an incompatible IPC protocol" \
