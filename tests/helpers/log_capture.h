@@ -5,6 +5,7 @@
 // appended since it was made.
 #pragma once
 
+#include <atomic>
 #include <fstream>
 #include <sstream>
 #include <string>
@@ -30,6 +31,20 @@ inline size_t count_of(const std::string& text, const std::string& needle) {
     return n;
 }
 
+// The path of the process's capture log, once a capture has made it.
+inline std::atomic<const std::string*>& capture_log_path() {
+    static std::atomic<const std::string*> path{nullptr};
+    return path;
+}
+
+// The last `bytes` of what every capture of this process saw (empty before the first capture).
+inline std::string captured_log_tail(size_t bytes) {
+    const std::string* path = capture_log_path().load();
+    if (path == nullptr) return {};
+    const std::string text = file_text(*path);
+    return text.size() > bytes ? text.substr(text.size() - bytes) : text;
+}
+
 class log_capture {
 public:
     log_capture() : path_(shared_log().path()) {
@@ -53,6 +68,7 @@ private:
                 "_" + std::to_string(reinterpret_cast<uintptr_t>(opened)) + ".log";
             opened->open(path.c_str(), /*truncate=*/true);
             g_log = opened;
+            capture_log_path() = new std::string(path);
             return opened;
         }();
         return *log;
