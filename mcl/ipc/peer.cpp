@@ -897,10 +897,12 @@ DWORD ipc_peer::msg_io_thread::run() {
         share_ptr<ipc_connection> connection = members[index - 2];
         bool alive = false;
         // An exception (an allocation failure included) ends this connection, not the thread.
-        if (!connection->ended() &&
-            guarded("mcl::ipc_peer::msg_io_thread::run", "Serving a connection", [&] { alive = serve(connection); }) &&
-            alive)
-            continue;
+        if (!connection->ended())
+            (void)guarded("mcl::ipc_peer::msg_io_thread::run", "Serving a connection", [&] { alive = serve(connection); });
+        // Looked at again after serving: the other half may have ended the pair meanwhile, and
+        // serving resets this half's event (nothing left to write, nothing more to read), which
+        // swallows the wake-up that end_pair gave. The pair's state is set before that wake-up.
+        if (alive && !connection->ended()) continue;
         // The connection ends: each I/O thread closes its own half at once, so that no later
         // client can open a listening pipe whose pair is gone; end_pair wakes the other half's
         // thread, and the last of the two takes the connection out of the list.

@@ -269,6 +269,24 @@ struct own_server {
     ~own_server() { finish(); }
 };
 
+// A client that sends a frame too long as soon as it has connected ends its connection on the
+// read half while the write half may still be taking in the new pair: both halves close all the
+// same, and the connection leaves the list (a lost wake-up once left such write halves open).
+TEST(IpcPeer, EveryConnectionEndedByItsReadHalfLeavesTheList) {
+    recording_handler handler;
+    const std::string name = nv_test::unique_name("nv_ipc_ends");
+    own_server server(name, &handler);
+    for (int i = 0; i < 100; ++i) {
+        nv_test::raw_client raw;
+        ASSERT_TRUE(raw.connect(name)) << i;
+        ASSERT_TRUE(raw.write(bytes({0, 0, 0, 0, 1, 0, 0, 2, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F}))) << i;
+    }
+    // Left: the waiting pair at most.
+    size_t listed = server.peer.connections().size();
+    for (int i = 0; i < 100 && listed > 1; ++i, listed = server.peer.connections().size()) Sleep(100);
+    EXPECT_LE(listed, 1u);
+}
+
 TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     server_process server;
     // Clients that never read: four with 20 MiB of replies, and twenty that announce 64 MiB
