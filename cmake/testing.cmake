@@ -14,6 +14,11 @@ function(nv_gtest name)
   nv_warnings(${name})
   add_test(NAME ${name} COMMAND ${name})
   nv_test_properties(${name} LOCK "${T_LOCK}" TIMEOUT "${T_TIMEOUT}")
+  if(T_TIMEOUT)
+    # The watchdog of each case ends a hung one while ctest still takes its output.
+    math(EXPR case_seconds "${T_TIMEOUT} * 3 / 4")
+    set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT "NV_TEST_CASE_SECONDS=${case_seconds}")
+  endif()
 endfunction()
 
 # nv_script_test(<name> <script> [args...]): a shell test that drives the Windows binaries.

@@ -21,6 +21,7 @@
 #include "protocol/driver_protocol.h"
 #include "tests/helpers/driver_ctl.h"
 #include "tests/helpers/log_capture.h"
+#include "tools/driver_sim/sim_client.h"
 
 namespace {
 
@@ -172,6 +173,38 @@ TEST_F(DriverStandIn, AttachAndDetachNeedTheLoadDriverPrivilege) {
     EXPECT_EQ(static_cast<HRESULT>(0x801F0015), FilterDetach(vqr::filter_name, volume.c_str(), nullptr));
     EXPECT_EQ(filter_not_found, FilterAttach(L"Other", L"Z:", nullptr, 0, nullptr));
     expect_state({"\"volumes\":[{\"volume\":\"Z:\""});
+}
+
+// A control report longer than one read buffer (the journal of a long run) that is already in the
+// pipe when the read starts: that read ends at once with more to come, and what it read counts.
+TEST(SimChannel, AnAnswerLongerThanOneReadIsTakenWholeWhenItIsAlreadyThere) {
+    const std::wstring name = L"\\\\.\\pipe\\nv_sim_channel_" + std::to_wstring(GetCurrentProcessId());
+    const mcl::mswin::unique_kernel_handle server(CreateNamedPipeW(
+        name.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_MESSAGE | PIPE_READMODE_MESSAGE | PIPE_WAIT, 1, 1 << 20, 1 << 20, 0, nullptr));
+    ASSERT_TRUE(server) << GetLastError();
+    mcl::mswin::unique_kernel_handle client(
+        CreateFileW(name.c_str(), GENERIC_READ | GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, FILE_FLAG_OVERLAPPED, nullptr));
+    ASSERT_TRUE(client) << GetLastError();
+    DWORD mode = PIPE_READMODE_MESSAGE;
+    ASSERT_TRUE(SetNamedPipeHandleState(client.get(), &mode, nullptr, nullptr));
+
+    std::vector<uint8_t> report(vqr::sim::max_message * 3 / 2);
+    for (size_t i = 0; i < report.size(); ++i) report[i] = static_cast<uint8_t>(i * 31 + i / 251);
+    std::thread writer([&] {
+        DWORD written = 0;
+        EXPECT_TRUE(WriteFile(server.get(), report.data(), static_cast<DWORD>(report.size()), &written, nullptr));
+    });
+    DWORD available = 0;
+    for (int i = 0; i < 500 && available < vqr::sim::max_message; ++i) {
+        if (!PeekNamedPipe(client.get(), nullptr, 0, nullptr, &available, nullptr)) break;
+        if (available < vqr::sim::max_message) Sleep(10);
+    }
+    const unsigned char ask[] = {'?'};
+    mcl::binary_t answer;
+    EXPECT_EQ(static_cast<DWORD>(ERROR_SUCCESS), vqr::sim::exchange(client.get(), mcl::binary_t(ask, 1), answer, 1 << 20, 10000));
+    writer.join();
+    EXPECT_TRUE(mcl::binary_t(report.data(), static_cast<uint32_t>(report.size())) == answer)
+        << answer.size() << " bytes of " << report.size();
 }
 
 }  // namespace

@@ -28,6 +28,12 @@ DWORD finish_io(HANDLE pipe, BOOL started, OVERLAPPED& ov, DWORD& bytes, DWORD t
     bytes = 0;
     if (!started) {
         const DWORD err = GetLastError();
+        // A read of a message longer than the buffer that completed at once: the bytes it did
+        // read count, and are in the overlapped result like those of a read that pended.
+        if (err == ERROR_MORE_DATA) {
+            (void)GetOverlappedResult(pipe, &ov, &bytes, /*wait=*/FALSE);
+            return ERROR_MORE_DATA;
+        }
         if (err != ERROR_IO_PENDING) return err;
         if (timeout_ms != INFINITE && WaitForSingleObject(ov.hEvent, timeout_ms) != WAIT_OBJECT_0) {
             CancelIoEx(pipe, &ov);
