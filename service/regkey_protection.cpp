@@ -19,6 +19,7 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 #include "protocol/driver_protocol.h"
 #include "service/regkey_protection.h"
 
@@ -419,30 +420,26 @@ bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry
     for (const reg_key_entry& entry : entries) {
         if (entry.path.empty()) continue;
         const std::wstring text = regkey::key_text(entry.root, entry.path);
-        const auto found = protected_reg_keys_.find(text);
+        if (mcl::stop_requested()) {
+            NV_LOG(fn, "Reg key %.512ls and the keys after it are left as they are: the service is stopping.", text.c_str());
+            return false;
+        }
+        reg_key_record current;
+        const bool found = listed(text, current);
         if (entry.action == 0) {
-            if (found == protected_reg_keys_.end()) {
-                // A protect that failed without the driver may have left the key's protected DACL
-                // and its persisted record (applied again at the next start): that record is
-                // given back as a loaded one would be.
-                reg_key_record saved;
-                if (!persisted_record(text, saved)) continue;
-                if (!unprotectRegKey(saved)) {
-                    result = false;
-                    continue;
-                }
-                NV_LOG(fn, "Reg key %ls has been unprotected.", text.c_str());
-                continue;
-            }
-            if (!unprotectRegKey(found->second)) {
+            // A protect that failed without the driver may have left the key's protected DACL
+            // and its persisted record (applied again at the next start): that record is given
+            // back as a loaded one would be.
+            if (!found && !persisted_record(text, current)) continue;
+            if (!unprotectRegKey(current)) {
                 result = false;
                 continue;
             }
             NV_LOG(fn, "Reg key %ls has been unprotected.", text.c_str());
-            protected_reg_keys_.erase(found);
+            if (found) unlist(text);
             continue;
         }
-        if (found != protected_reg_keys_.end()) continue;
+        if (found) continue;
         // Refused before anything is touched.
         const std::string why = refusal(entry);
         if (!why.empty()) {
@@ -460,10 +457,33 @@ bool reg_key_protection::handle_protect_reg_keys(const std::vector<reg_key_entry
             }
             continue;
         }
-        protected_reg_keys_.emplace(text, std::move(record));
+        list(text, std::move(record));
         NV_LOG(fn, "Reg key %ls has been protected.", text.c_str());
     }
     return result;
+}
+
+std::map<std::wstring, reg_key_record> reg_key_protection::protected_reg_keys() const {
+    mcl::scoped_lock guard(lock_);
+    return protected_reg_keys_;
+}
+
+bool reg_key_protection::listed(const std::wstring& text, reg_key_record& record) const {
+    mcl::scoped_lock guard(lock_);
+    const auto found = protected_reg_keys_.find(text);
+    if (found == protected_reg_keys_.end()) return false;
+    record = found->second;
+    return true;
+}
+
+void reg_key_protection::list(const std::wstring& text, reg_key_record&& record) {
+    mcl::scoped_lock guard(lock_);
+    protected_reg_keys_[text] = std::move(record);
+}
+
+void reg_key_protection::unlist(const std::wstring& text) {
+    mcl::scoped_lock guard(lock_);
+    protected_reg_keys_.erase(text);
 }
 
 bool reg_key_protection::protectRegKey(const reg_key_entry& entry, reg_key_record& record, bool persist,
@@ -605,11 +625,12 @@ void reg_key_protection::drop_all_driver_rules() {
 void reg_key_protection::stopProtectingRegKeys() {
     drop_all_driver_rules();
     restoreAllRegKeys();
+    mcl::scoped_lock guard(lock_);
     protected_reg_keys_.clear();
 }
 
 void reg_key_protection::restoreAllRegKeys() {
-    for (const auto& item : protected_reg_keys_) {
+    for (const auto& item : protected_reg_keys()) {
         const reg_key_record& r = item.second;
         if (!r.original_dacl.empty()) (void)give_back(r);
     }
@@ -693,7 +714,7 @@ void reg_key_protection::loadProtectedRegKeys() {
             continue;
         // The key may already carry the protected DACL; the record knows the one from before.
         record.original_dacl = saved.original_dacl;
-        protected_reg_keys_[regkey::key_text(entry.root, entry.path)] = std::move(record);
+        list(regkey::key_text(entry.root, entry.path), std::move(record));
         NV_LOG(fn, "Load protected reg key: %s", name.c_str());
     }
     for (size_t i = 0; i < 6; ++i) {
@@ -707,16 +728,15 @@ void reg_key_protection::loadProtectedRegKeys() {
         reg_key_record record;
         if (!protectRegKey(entry, record, /*persist=*/true, /*unrecorded=*/nullptr, port.get())) continue;
         const std::wstring text = regkey::key_text(entry.root, entry.path);
-        protected_reg_keys_[text] = std::move(record);
+        list(text, std::move(record));
         NV_LOG(fn, "Load protected reg key: %ls", text.c_str());
     }
 }
 
 void reg_key_protection::unprotectOwnRegKeys() {
     for (const char* own : own_reg_keys) {
-        const auto found = protected_reg_keys_.find(
-            regkey::key_text(regkey::widen_root(regkey::hklm_root), mcl::mswin::widen(own)));
-        if (found == protected_reg_keys_.end()) continue;
-        if (unprotectRegKey(found->second)) protected_reg_keys_.erase(found);
+        const std::wstring text = regkey::key_text(regkey::widen_root(regkey::hklm_root), mcl::mswin::widen(own));
+        reg_key_record record;
+        if (listed(text, record) && unprotectRegKey(record)) unlist(text);
     }
 }

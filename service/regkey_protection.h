@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/lock.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/requests.h"
 
@@ -119,8 +120,11 @@ public:
 
 // The protected registry keys: owns their table, applies the rules a client sends, loads the
 // persisted ones at start-up and gives every key its DACL back at shutdown.
-// Everything here runs on the IPC event thread, or on the service thread at start-up and
-// shutdown, one at a time: the table has no lock.
+// Threads: a client's rules are applied on a request worker, one request at a time (the
+// dispatcher orders them, and the protection switch, by one key), while the IPC event thread
+// lists the table; start-up and shutdown run on the service thread with no request running.
+// The table has its own lock, held only while it is read or written, never across a DACL walk,
+// a registry write or a driver message.
 class reg_key_protection {
 public:
     // `enabled` is the registry protection switch; both outlive this object.
@@ -159,8 +163,8 @@ public:
     // Shutdown: unprotects each own key that is protected, dropping its record.
     void unprotectOwnRegKeys();
 
-    // Key text ("\\<root>\<lowered path>") -> record.
-    const std::map<std::wstring, reg_key_record>& protected_reg_keys() const { return protected_reg_keys_; }
+    // Key text ("\\<root>\<lowered path>") -> record: a copy of the table as it stands.
+    std::map<std::wstring, reg_key_record> protected_reg_keys() const;
 
 private:
     // The key's original DACL on its whole tree, then each recorded subkey's own; the result is
@@ -173,5 +177,11 @@ private:
 
     reg_key_driver& driver_;
     const bool& enabled_;
-    std::map<std::wstring, reg_key_record> protected_reg_keys_;
+    // The record of `text` copied out, when the table holds one.
+    bool listed(const std::wstring& text, reg_key_record& record) const;
+    void list(const std::wstring& text, reg_key_record&& record);
+    void unlist(const std::wstring& text);
+
+    mutable mcl::lock lock_;
+    std::map<std::wstring, reg_key_record> protected_reg_keys_;  // lock_
 };

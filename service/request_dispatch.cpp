@@ -115,10 +115,18 @@ void protect_services_keys(const mcl::binary_t& payload, std::vector<std::string
     }
 }
 
-void every_service_keys(const mcl::binary_t&, std::vector<std::string>& keys) { keys.push_back("service"); }
+// The protection switch turns every service's protection and the registry switch.
+void protection_switch_keys(const mcl::binary_t&, std::vector<std::string>& keys) {
+    keys.push_back("service");
+    keys.push_back("regkey");
+}
+// Registry key rules apply one request at a time: a key's protect walks its whole subtree, which
+// may hold a key that another request names.
+void reg_key_keys(const mcl::binary_t&, std::vector<std::string>& keys) { keys.push_back("regkey"); }
 
 // Where a request runs: on the event thread, or, when it may take long (archives, DACL work on
-// files, waiting for a service), on a request worker, so that the event thread goes on serving.
+// files and key trees, waiting for a service), on a request worker, so that the event thread
+// goes on serving.
 enum class runs_on { event_thread, worker };
 
 struct request_route {
@@ -141,7 +149,7 @@ const request_route routes[] = {
     // Driver command port.
     {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off", status_failure, changes_state},
     {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on", status_failure, changes_state},
-    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, every_service_keys},
+    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, protection_switch_keys},
 
     // Process and folder protection.
     {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state},
@@ -152,7 +160,7 @@ const request_route routes[] = {
     {msg::query_protected_services, &chelperservice::query_protected_services, "query protected services", empty_services},
 
     // Registry key protection.
-    {msg::protect_reg_keys, &chelperservice::protect_reg_keys, "protect reg keys", status_failure, changes_state},
+    {msg::protect_reg_keys, &chelperservice::protect_reg_keys, "protect reg keys", status_failure, changes_state, reg_key_keys, runs_on::worker},
     {msg::get_protected_reg_keys, &chelperservice::get_protected_reg_keys, "get protected reg keys", empty_reg_keys},
 
     // Enforcement and service control.

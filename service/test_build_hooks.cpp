@@ -28,6 +28,9 @@
 // "ArchivePause" (REG_SZ) names a file name: after the archive of a source of that name is
 // written, the service creates "<archive temporary>.paused" and waits while it exists (at most
 // 60 s), so that a test can swap the source's folder between the archive and the delete.
+//
+// "RegKeyPause" (REG_SZ) names a file: a registry key protect waits right before its DACL write
+// while that file exists (at most 60 s), so that a test can send other requests meanwhile.
 #include <windows.h>
 
 #include <cstdio>
@@ -49,6 +52,7 @@
 #include "quarantine/archive_format.h"
 #include "quarantine/quarantine_store.h"
 #include "service/object_security.h"
+#include "service/regkey_protection.h"
 
 namespace {
 
@@ -278,15 +282,27 @@ bool names_source(const char* value_name, const std::string& source) {
     return strnlen(name, value.size()) < value.size() && _stricmp(name, source.c_str() + source.rfind('\\') + 1) == 0;
 }
 
+// Waits while `marker` exists, up to a minute; a stop of the service ends the wait, as it ends
+// the work around it.
+void wait_while_exists(const std::string& marker) {
+    for (int i = 0; i < 1200 && GetFileAttributesA(marker.c_str()) != INVALID_FILE_ATTRIBUTES; ++i)
+        if (!mcl::sleep_unless_stopped(50)) return;
+}
+
+void pause_key_protect(HKEY, const std::string&) {
+    mcl::binary_t value;
+    if (!mcl::mswin::reg::read_value(settings_key, "RegKeyPause", value) || value.size() < 2) return;
+    const char* marker = reinterpret_cast<const char*>(value.data());
+    wait_while_exists(std::string(marker, strnlen(marker, value.size())));
+}
+
 // Waits while "<temp>.paused" exists, once created here, when `source` is the one named.
 void pause_named_archive(const std::string& source, const std::string& temp) {
     if (!names_source("ArchivePause", source)) return;
     const std::string paused = temp + ".paused";
     unique_kernel_handle marker(CreateFileA(paused.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     marker.reset();
-    // A stop of the service ends the wait, as it ends the archive work around it.
-    for (int i = 0; i < 1200 && GetFileAttributesA(paused.c_str()) != INVALID_FILE_ATTRIBUTES; ++i)
-        if (!mcl::sleep_unless_stopped(50)) return;
+    wait_while_exists(paused);
 }
 
 // The pause, then one digest byte of the temporary `temp` changed, each when `source`'s file name is
@@ -306,6 +322,7 @@ void on_archive_written(const std::string& source, const std::string& temp) {
 const bool installed = [] {
     object_security::set_chooser(&choose);
     quarantine_store::set_archive_written_hook(&on_archive_written);
+    regProtector::dacl_write_seam = &pause_key_protect;
     return true;
 }();
 

@@ -85,6 +85,7 @@ given_back() {
 }
 
 echo "== set-up: service, owner services, test keys"
+cp "$NV_BIN_DIR/hooks/NorvaleHalvernService.exe" "$nv/"  # the test build, for its key protect pause
 run "$exe" -i install
 for s in nv_owner_a nv_owner_b; do run sc create $s binPath= 'C:\windows\system32\notepad.exe'; done
 for k in Lvl0 Lvl0\\A Lvl0\\A\\B Lvl0\\C Lvl2 Lvl2\\A Lvl1 Lvl1\\A Crash Seam Locked NoDriver; do run reg add "HKLM\\$t\\$k" /f; done
@@ -192,6 +193,32 @@ tree_is "Lvl0 still protected" "$lvl0" "$t\\Lvl0"
 echo "== a missing key is created and protected"
 protect "$ok" "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
 tree_is "created key" "$lvl1_a" "$t\\Fresh\\New"
+
+echo "== a protect held at its DACL write: other requests answered meanwhile, the key's next request after it"
+pause="$work/key.paused"
+: >"$pause"
+run reg add "HKLM\\$t\\Held" /f
+run reg add 'HKLM\Software\Norvale\NVClientHelper' /v RegKeyPause /t REG_SZ /d "$(win "$pause")" /f
+records=$(listing | head -n 1)
+(wine "$client" -t 200000 call protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1 \
+    </dev/null >"$work/held.out" 2>&1) &
+held=$!
+poll 300 0.1 '[ "$(log_count "Trying to protect reg key (\\\\$hklm_text\\$t\\Held)")" -gt 0 ]' || fail "held: not started"
+(wine "$client" -t 200000 call protect-reg-keys protect=0 root=0x$hklm path="$t\\Held" owner=nv_gone level=0 \
+    </dev/null >"$work/after.out" 2>&1) &
+after=$!
+call service-version
+[[ "$reply" == version=* ]] || fail "held: the version [$reply]"
+listed "${records#count=}"
+sleep 0.5
+expect_eq "held: the protect and the unprotect after it wait" "waiting waiting" \
+    "$(kill -0 $held && echo waiting) $(kill -0 $after && echo waiting)"
+rm -f "$pause"
+wait $held $after
+expect_eq "held: both answered" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
+tree_is "held: protected, then given back" "$orig" "$t\\Held"
+! has_value "$t\\Held" || fail "held: record left"
+run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v RegKeyPause /f
 
 echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
 given_back "level 0 restored" "$t\\LVL0" "$t\\Lvl0" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C"
