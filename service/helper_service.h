@@ -34,8 +34,8 @@
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread, which runs the quick ones itself and gives the
-// long ones (quarantine, blocked files, service start and stop, registry key rules) to request
-// workers.
+// long ones (quarantine, blocked files, service start and stop, registry key rules, folder DACL
+// resets) to request workers.
 class chelperservice : public mcl::mswin::service,
                        public mcl::ipc_peer,
                        public mcl::singleton_ptr<chelperservice> {
@@ -100,7 +100,7 @@ public:
 
     // Request handlers, called through the dispatcher's table on the IPC event thread, or on a
     // request worker for the routes the table marks as long (quarantine, blocked files, service
-    // start and stop, registry key rules). Each decodes its request from `payload` and overwrites it with its reply
+    // start and stop, registry key rules, folder DACL resets). Each decodes its request from `payload` and overwrites it with its reply
     // (or leaves it as it was). False: the request did not decode and nothing was answered; the
     // dispatcher then answers with the route's failure reply.
     bool disconnect_client(mcl::ipc_connection* conn, mcl::binary_t& payload);

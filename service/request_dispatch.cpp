@@ -101,9 +101,14 @@ void start_service_keys(const mcl::binary_t& payload, std::vector<std::string>& 
     protocol::start_service_request request;
     if (protocol::decode(payload, request)) service_key(request.name, keys);
 }
+// Folder DACLs: a folder reset runs on a worker, and the protects that rewrite folders' DACLs
+// (processes, and services with their images) wait for it, one key for every folder.
+void folder_keys(const mcl::binary_t&, std::vector<std::string>& keys) { keys.push_back("folder"); }
+
 void protect_services_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
     protocol::protect_services_request request;
     if (!protocol::decode(payload, request)) return;
+    keys.push_back("folder");
     const size_t first = keys.size();
     for (const protocol::service_rule& rule : request.rules) {
         if (rule.name.empty() || keys.size() - first == most_keys_named) {
@@ -115,9 +120,10 @@ void protect_services_keys(const mcl::binary_t& payload, std::vector<std::string
     }
 }
 
-// The protection switch turns every service's protection and the registry switch.
+// The protection switch turns every service's protection, every folder's and the registry switch.
 void protection_switch_keys(const mcl::binary_t&, std::vector<std::string>& keys) {
     keys.push_back("service");
+    keys.push_back("folder");
     keys.push_back("regkey");
 }
 // Registry key rules apply one request at a time: a key's protect walks its whole subtree, which
@@ -152,7 +158,7 @@ const request_route routes[] = {
     {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, protection_switch_keys},
 
     // Process and folder protection.
-    {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state},
+    {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state, folder_keys},
     {msg::query_protected_processes, &chelperservice::query_protected_processes, "query protected processes", empty_processes},
 
     // Service protection.
@@ -168,7 +174,7 @@ const request_route routes[] = {
     {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state, name_keys<service_key>, runs_on::worker},
     {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state, name_keys<service_key>},
     {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", status_failure, changes_state},
-    {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", status_failure, changes_state},
+    {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", status_failure, changes_state, folder_keys, runs_on::worker},
 
     // Quarantine.
     {msg::create_quarantine_container, &chelperservice::create_quarantine_container, "create quarantine container", status_failure, changes_state, create_container_keys, runs_on::worker},

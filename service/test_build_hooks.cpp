@@ -29,8 +29,9 @@
 // written, the service creates "<archive temporary>.paused" and waits while it exists (at most
 // 60 s), so that a test can swap the source's folder between the archive and the delete.
 //
-// "RegKeyPause" (REG_SZ) names a file: a registry key protect waits right before its DACL write
-// while that file exists (at most 60 s), so that a test can send other requests meanwhile.
+// "DaclPause" (REG_SZ) names a file: a registry key protect, and a file or folder DACL write of
+// the recorder, wait right before the write while that file exists (at most 60 s), so that a
+// test can send other requests meanwhile.
 #include <windows.h>
 
 #include <cstdio>
@@ -103,6 +104,21 @@ bool privilege_enabled(const char* name) {
 
 constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
 
+// Waits while `marker` exists, up to a minute; a stop of the service ends the wait, as it ends
+// the work around it.
+void wait_while_exists(const std::string& marker) {
+    for (int i = 0; i < 1200 && GetFileAttributesA(marker.c_str()) != INVALID_FILE_ATTRIBUTES; ++i)
+        if (!mcl::sleep_unless_stopped(50)) return;
+}
+
+// The "DaclPause" wait, before a DACL write.
+void pause_dacl_write() {
+    mcl::binary_t value;
+    if (!mcl::mswin::reg::read_value(settings_key, "DaclPause", value) || value.size() < 2) return;
+    const char* marker = reinterpret_cast<const char*>(value.data());
+    wait_while_exists(std::string(marker, strnlen(marker, value.size())));
+}
+
 // Ends the process when "KillAtServiceDacl" names `service`.
 void kill_if_named(const std::string& service) {
     mcl::binary_t value;
@@ -123,6 +139,7 @@ public:
         return object_security::get_file_dacl(path, descriptor);
     }
     DWORD set_file_dacl(const std::wstring& path, PACL dacl, bool protect) override {
+        pause_dacl_write();
         // As the system: only an existing file or folder takes a DACL, and one that another
         // account owns (whose DACL keeps us out) refuses it until we own it.
         if (GetFileAttributesW(path.c_str()) == INVALID_FILE_ATTRIBUTES) return GetLastError();
@@ -282,20 +299,6 @@ bool names_source(const char* value_name, const std::string& source) {
     return strnlen(name, value.size()) < value.size() && _stricmp(name, source.c_str() + source.rfind('\\') + 1) == 0;
 }
 
-// Waits while `marker` exists, up to a minute; a stop of the service ends the wait, as it ends
-// the work around it.
-void wait_while_exists(const std::string& marker) {
-    for (int i = 0; i < 1200 && GetFileAttributesA(marker.c_str()) != INVALID_FILE_ATTRIBUTES; ++i)
-        if (!mcl::sleep_unless_stopped(50)) return;
-}
-
-void pause_key_protect(HKEY, const std::string&) {
-    mcl::binary_t value;
-    if (!mcl::mswin::reg::read_value(settings_key, "RegKeyPause", value) || value.size() < 2) return;
-    const char* marker = reinterpret_cast<const char*>(value.data());
-    wait_while_exists(std::string(marker, strnlen(marker, value.size())));
-}
-
 // Waits while "<temp>.paused" exists, once created here, when `source` is the one named.
 void pause_named_archive(const std::string& source, const std::string& temp) {
     if (!names_source("ArchivePause", source)) return;
@@ -322,7 +325,7 @@ void on_archive_written(const std::string& source, const std::string& temp) {
 const bool installed = [] {
     object_security::set_chooser(&choose);
     quarantine_store::set_archive_written_hook(&on_archive_written);
-    regProtector::dacl_write_seam = &pause_key_protect;
+    regProtector::dacl_write_seam = [](HKEY, const std::string&) { pause_dacl_write(); };
     return true;
 }();
 

@@ -183,8 +183,25 @@ expect_eq "force: folder reset locally" "1 $restored_folder" \
     "$(log_count 'Failed to connect driver,  reset the folder permissions (C:\prot\auto)') $(recorded file 'C:\prot\auto' | cut -f 1)"
 run "$ctl" load
 
-echo "== folder DACL recovery"
-answers "recover a folder DACL" "$ok" recover-folder-dacl name='C:\prot\other\'
+echo "== folder DACL recovery, held at its write: the list answered meanwhile, a protect after it"
+listed_before=$(call query-protected-processes && printf '%s' "$reply")
+pause="$work/folder.paused"
+: >"$pause"
+run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$pause")" /f
+restoring=$(log_count 'Restoring permissions of folder (C:\prot\other)')
+(wine "$client" -t 200000 call recover-folder-dacl name='C:\prot\other\' </dev/null >"$work/recover.out" 2>&1) &
+recovering=$!
+poll 300 0.1 '[ "$(log_count "Restoring permissions of folder (C:\prot\other)")" -gt "$restoring" ]' || fail "recover: not started"
+(wine "$client" -t 200000 call protect-processes protect=0 image='C:\prot\other\none.exe' </dev/null >"$work/after.out" 2>&1) &
+after=$!
+answers "recover held: the list as it was" "$listed_before" query-protected-processes
+sleep 0.5
+expect_eq "recover held: it and the protect after it wait" "waiting waiting" \
+    "$(kill -0 $recovering && echo waiting) $(kill -0 $after && echo waiting)"
+rm -f "$pause"
+wait $recovering $after
+run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f
+expect_eq "recover, then the protect" "$ok $ok" "$(tr -d '\r' <"$work/recover.out") $(tr -d '\r' <"$work/after.out")"
 expect_eq "folder named without its backslash reset" "$restored_folder" "$(recorded file 'C:\prot\other' | cut -f 1)"
 answers "folder dropped from the protected folders" "$(msgs count=2 "$(own_entry)" "$(entry '' 'C:\prot\other\f.exe' 'C:\prot\other')")" query-protected-processes
 

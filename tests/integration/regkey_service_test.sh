@@ -198,7 +198,7 @@ echo "== a protect held at its DACL write: other requests answered meanwhile, th
 pause="$work/key.paused"
 : >"$pause"
 run reg add "HKLM\\$t\\Held" /f
-run reg add 'HKLM\Software\Norvale\NVClientHelper' /v RegKeyPause /t REG_SZ /d "$(win "$pause")" /f
+run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$pause")" /f
 records=$(listing | head -n 1)
 (wine "$client" -t 200000 call protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1 \
     </dev/null >"$work/held.out" 2>&1) &
@@ -218,7 +218,7 @@ wait $held $after
 expect_eq "held: both answered" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
 tree_is "held: protected, then given back" "$orig" "$t\\Held"
 ! has_value "$t\\Held" || fail "held: record left"
-run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v RegKeyPause /f
+run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f
 
 echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
 given_back "level 0 restored" "$t\\LVL0" "$t\\Lvl0" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C"
