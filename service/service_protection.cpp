@@ -164,11 +164,8 @@ bool service_protection::unprotectService(const service_record& record) {
 }
 
 bool service_protection::recorded_original_dacl(const std::string& name, std::string& sddl) {
-    mcl::binary_t data;
-    if (!mcl::mswin::reg::read_value(protected_services_key, original_dacl_value(name).c_str(), data)) return false;
-    sddl.assign(reinterpret_cast<const char*>(data.data()), data.size());
-    sddl.resize(strnlen(sddl.c_str(), sddl.size()));  // without the terminating null
-    return !sddl.empty();
+    return mcl::mswin::reg::read_string(protected_services_key, original_dacl_value(name).c_str(), sddl) &&
+           !sddl.empty();
 }
 
 std::vector<sid> service_protection::folder_sids(const std::wstring& folder, const sid& ownSid) {

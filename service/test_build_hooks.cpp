@@ -104,6 +104,13 @@ bool privilege_enabled(const char* name) {
 
 constexpr const char* settings_key = "Software\\Norvale\\NVClientHelper";
 
+// The text of one of the values above; empty when it is not set.
+std::string setting(const char* name) {
+    std::string text;
+    (void)mcl::mswin::reg::read_string(settings_key, name, text);
+    return text;
+}
+
 // Waits while `marker` exists, up to a minute; a stop of the service ends the wait, as it ends
 // the work around it.
 void wait_while_exists(const std::string& marker) {
@@ -113,19 +120,13 @@ void wait_while_exists(const std::string& marker) {
 
 // The "DaclPause" wait, before a DACL write.
 void pause_dacl_write() {
-    mcl::binary_t value;
-    if (!mcl::mswin::reg::read_value(settings_key, "DaclPause", value) || value.size() < 2) return;
-    const char* marker = reinterpret_cast<const char*>(value.data());
-    wait_while_exists(std::string(marker, strnlen(marker, value.size())));
+    const std::string marker = setting("DaclPause");
+    if (!marker.empty()) wait_while_exists(marker);
 }
 
 // Ends the process when "KillAtServiceDacl" names `service`.
 void kill_if_named(const std::string& service) {
-    mcl::binary_t value;
-    if (mcl::mswin::reg::read_value(settings_key, "KillAtServiceDacl", value) &&
-        std::string(reinterpret_cast<const char*>(value.data()), strnlen(reinterpret_cast<const char*>(value.data()),
-                                                                          value.size())) == service)
-        TerminateProcess(GetCurrentProcess(), 9);
+    if (!service.empty() && setting("KillAtServiceDacl") == service) TerminateProcess(GetCurrentProcess(), 9);
 }
 
 // Keeps each object's DACL as SDDL and journals every write.
@@ -280,11 +281,8 @@ private:
 };
 
 object_security* choose() {
-    mcl::binary_t value;
-    if (mcl::mswin::reg::read_value(settings_key, "ObjectSecurityJournal", value) &&
-        value.size() > 1) {
-        std::string journal(reinterpret_cast<const char*>(value.data()), value.size());
-        journal.resize(strnlen(journal.c_str(), journal.size()));
+    const std::string journal = setting("ObjectSecurityJournal");
+    if (!journal.empty()) {
         NV_LOG("object_security::current", "Object security is recorded to %s", journal.c_str());
         return new recorder(journal);
     }
@@ -293,10 +291,8 @@ object_security* choose() {
 
 // Whether the REG_SZ `value` names `source`'s file name.
 bool names_source(const char* value_name, const std::string& source) {
-    mcl::binary_t value;
-    if (!mcl::mswin::reg::read_value(settings_key, value_name, value) || value.size() < 2) return false;
-    const char* name = reinterpret_cast<const char*>(value.data());
-    return strnlen(name, value.size()) < value.size() && _stricmp(name, source.c_str() + source.rfind('\\') + 1) == 0;
+    const std::string name = setting(value_name);
+    return !name.empty() && _stricmp(name.c_str(), source.c_str() + source.rfind('\\') + 1) == 0;
 }
 
 // Waits while "<temp>.paused" exists, once created here, when `source` is the one named.

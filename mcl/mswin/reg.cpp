@@ -107,6 +107,14 @@ bool read_dword(const std::string& key, const char* name, uint32_t& value) {
     return true;
 }
 
+bool read_string(const std::string& key, const char* name, std::string& value) {
+    binary_t data;
+    if (!read_value(key, name, data)) return false;
+    const char* text = reinterpret_cast<const char*>(data.data());
+    value.assign(text, strnlen(text, data.size()));
+    return true;
+}
+
 bool read_string_list(const std::string& key, const char* name, std::vector<std::string>& values) {
     binary_t data;
     if (!read_value(key, name, data)) return false;

@@ -44,6 +44,8 @@ bool read_value(const std::string& key, const char* name, binary_t& data);
 bool read_value(HKEY key, const char* name, binary_t& data);
 // The first four bytes of the value.
 bool read_dword(const std::string& key, const char* name, uint32_t& value);
+// The text of a REG_SZ value, up to its first null (all of it when it has none).
+bool read_string(const std::string& key, const char* name, std::string& value);
 // The non-empty strings of a REG_MULTI_SZ value, appended to `values`.
 bool read_string_list(const std::string& key, const char* name, std::vector<std::string>& values);
 

@@ -76,6 +76,13 @@ start_service() {  # [PROBE-ARGS]
 }
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
+# hold_dacl_writes, release_dacl_writes: in between, the test build's DACL writes (key protects,
+# the recorder's file and folder writes) wait at the write (its "DaclPause" value).
+hold_dacl_writes() {
+    : >"$work/dacl.paused"
+    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$work/dacl.paused")" /f
+}
+release_dacl_writes() { rm -f "$work/dacl.paused" && run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f; }
 
 # The test build of the service installed from C:\nv, its recorder journalling to $journal.
 journal_value() {

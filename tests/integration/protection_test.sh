@@ -185,9 +185,7 @@ run "$ctl" load
 
 echo "== folder DACL recovery, held at its write: the list answered meanwhile, a protect after it"
 listed_before=$(call query-protected-processes && printf '%s' "$reply")
-pause="$work/folder.paused"
-: >"$pause"
-run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$pause")" /f
+hold_dacl_writes
 restoring=$(log_count 'Restoring permissions of folder (C:\prot\other)')
 (wine "$client" -t 200000 call recover-folder-dacl name='C:\prot\other\' </dev/null >"$work/recover.out" 2>&1) &
 recovering=$!
@@ -198,9 +196,8 @@ answers "recover held: the list as it was" "$listed_before" query-protected-proc
 sleep 0.5
 expect_eq "recover held: it and the protect after it wait" "waiting waiting" \
     "$(kill -0 $recovering && echo waiting) $(kill -0 $after && echo waiting)"
-rm -f "$pause"
+release_dacl_writes
 wait $recovering $after
-run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f
 expect_eq "recover, then the protect" "$ok $ok" "$(tr -d '\r' <"$work/recover.out") $(tr -d '\r' <"$work/after.out")"
 expect_eq "folder named without its backslash reset" "$restored_folder" "$(recorded file 'C:\prot\other' | cut -f 1)"
 answers "folder dropped from the protected folders" "$(msgs count=2 "$(own_entry)" "$(entry '' 'C:\prot\other\f.exe' 'C:\prot\other')")" query-protected-processes

@@ -195,10 +195,8 @@ protect "$ok" "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
 tree_is "created key" "$lvl1_a" "$t\\Fresh\\New"
 
 echo "== a protect held at its DACL write: other requests answered meanwhile, the key's next request after it"
-pause="$work/key.paused"
-: >"$pause"
 run reg add "HKLM\\$t\\Held" /f
-run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$pause")" /f
+hold_dacl_writes
 records=$(listing | head -n 1)
 (wine "$client" -t 200000 call protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1 \
     </dev/null >"$work/held.out" 2>&1) &
@@ -213,12 +211,11 @@ listed "${records#count=}"
 sleep 0.5
 expect_eq "held: the protect and the unprotect after it wait" "waiting waiting" \
     "$(kill -0 $held && echo waiting) $(kill -0 $after && echo waiting)"
-rm -f "$pause"
+release_dacl_writes
 wait $held $after
 expect_eq "held: both answered" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
 tree_is "held: protected, then given back" "$orig" "$t\\Held"
 ! has_value "$t\\Held" || fail "held: record left"
-run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f
 
 echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
 given_back "level 0 restored" "$t\\LVL0" "$t\\Lvl0" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C"
