@@ -225,6 +225,7 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
         if (io_pending_) return true;
     }
 
+    uint64_t taken = 0;
     for (;;) {
         // The rest of a large frame goes straight to its place; everything else through the
         // read block.
@@ -240,6 +241,11 @@ bool ipc_read_channel::read(std::vector<binary_t>& frames) {
             }
             take_read(n);
             if (cutter_.over_budget()) break;
+            taken += n;
+            if (taken >= read_share_bytes) {
+                event_.set();
+                break;
+            }
             continue;
         }
         const DWORD err = GetLastError();

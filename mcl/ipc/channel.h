@@ -102,10 +102,15 @@ public:
     explicit ipc_read_channel(ipc_connection* owner);
     ~ipc_read_channel() override;
 
-    // Collects what the pipe has, leaves a read pending and cuts the whole frames received so
-    // far into `frames` (emptied first). False means the connection is dead (broken pipe, a
+    // Collects what the pipe has (up to read_share_bytes), leaves a read pending and cuts the
+    // whole frames received so far into `frames` (emptied first). False means the connection is dead (broken pipe, a
     // failed read, an over-long announced frame). The read thread only.
     bool read(std::vector<binary_t>& frames);
+
+    // Bytes one read call takes from the pipe before it cuts them and returns, its event left set
+    // so that the read thread comes back: a client that writes as fast as it is read piles
+    // nothing up here and holds up no other connection of the thread.
+    static constexpr uint32_t read_share_bytes = 1024 * 1024;
 
 private:
     bool collect_pending_result();
