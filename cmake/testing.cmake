@@ -21,11 +21,17 @@ function(nv_gtest name)
   endif()
 endfunction()
 
-# nv_script_test(<name> <script> [args...]): a shell test that drives the Windows binaries.
+# nv_script_test(<name> <script> [ARGS <args...>] [LOCK <resources...>] [TIMEOUT <s>]): a shell
+# test that drives the Windows binaries.
 function(nv_script_test name script)
   cmake_parse_arguments(T "" "TIMEOUT" "ARGS;LOCK" ${ARGN})
-  add_test(NAME ${name} COMMAND bash ${script} ${T_ARGS})
+  add_test(NAME ${name} COMMAND bash ${PROJECT_SOURCE_DIR}/tests/wine/script.sh ${script} ${T_ARGS})
   nv_test_properties(${name} LOCK "${T_LOCK}" TIMEOUT "${T_TIMEOUT}")
+  if(T_TIMEOUT)
+    # The runner names the commands a hung script waits in while ctest still takes its output.
+    math(EXPR script_seconds "${T_TIMEOUT} * 3 / 4")
+    set_property(TEST ${name} APPEND PROPERTY ENVIRONMENT "NV_SCRIPT_SECONDS=${script_seconds}")
+  endif()
 endfunction()
 
 function(nv_test_properties name)
