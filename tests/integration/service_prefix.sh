@@ -75,7 +75,7 @@ poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$
 # that came earlier would find no service); a double that never gets there ends the test, saying
 # whether it still runs and what it logged.
 double() {
-    double_stop=$3
+    double_stop=$3 double_record=$2
     rm -f "$2.log"
     wine "$1" $svc "$(win "$2")" "$3" "${@:4}" </dev/null >/dev/null 2>&1 &
     double_pid=$!
@@ -86,7 +86,16 @@ double() {
     tail -n 60 "$2.log" 2>/dev/null
     exit 1
 }
-undouble() { wine "$helper" set-event "$double_stop" </dev/null >/dev/null 2>&1; wait "$double_pid" 2>/dev/null; }
+# undouble: the double stopped, and a failure with its IPC log when it has not ended within 30 s.
+undouble() {
+    wine "$helper" set-event "$double_stop" </dev/null >/dev/null 2>&1
+    if ! poll 150 0.2 '! kill -0 "$double_pid" 2>/dev/null'; then
+        fail "the double recording to $double_record did not stop within 30 s"
+        tail -n 40 "$double_record.log" 2>/dev/null
+        kill "$double_pid" 2>/dev/null
+    fi
+    wait "$double_pid" 2>/dev/null
+}
 # within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
 within() {
     local limit_ms=$(($1 * 1000)) t0 ms
