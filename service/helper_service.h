@@ -34,8 +34,8 @@
 
 // The service is the listening IPC peer under its service name; requests reach
 // helper_msg_handler on the peer's event thread, which runs the quick ones itself and gives the
-// long ones (quarantine, blocked files, service start and stop, registry key rules, folder DACL
-// resets) to request workers.
+// long ones (quarantine, blocked files, service start and stop, process, service and registry
+// key rules, folder DACL resets) to request workers.
 class chelperservice : public mcl::mswin::service,
                        public mcl::ipc_peer,
                        public mcl::singleton_ptr<chelperservice> {
@@ -284,8 +284,9 @@ private:
     // Requests that may take long run on these workers, and requests that must wait for one
     // that touches the same object (or came earlier on the same connection) wait here; the
     // dispatcher decides (service/request_dispatch.cpp). The tables that worker requests use
-    // (the quarantine store's, the driver link's volumes, the enforcement list) have their own
-    // locks; every other table is used by the event thread alone.
+    // (the quarantine store's, the process, service and registry key tables, the driver link's
+    // volumes, the enforcement list) have their own locks; every other table is used by the
+    // event thread alone.
     static constexpr uint32_t max_waiting_requests = 256;
     static constexpr uint32_t max_waiting_requests_per_client = 16;
     mcl::ordered_pool requests_{mcl::ordered_pool::default_workers, max_waiting_requests,

@@ -34,12 +34,13 @@ bool chelperservice::protect_processes(mcl::ipc_connection*, mcl::binary_t& payl
 
 bool chelperservice::query_protected_processes(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::protected_processes_reply reply;
-    for (const auto& entry : processes_.processes()) {
+    const process_protection::tables tables = processes_.snapshot();
+    for (const auto& entry : tables.processes) {
         if (entry.first.empty()) continue;
-        auto folder = processes_.folders().find(entry.second.folder);
+        auto folder = tables.folders.find(entry.second.folder);
         protocol::protected_process_info info;
         info.valid = true;
-        info.folder_sddl = folder == processes_.folders().end() ? std::string() : folder->second.sddl;
+        info.folder_sddl = folder == tables.folders.end() ? std::string() : folder->second.sddl;
         info.image_path = entry.second.imagePath;
         info.folder = entry.second.folder;
         reply.processes.push_back(std::move(info));

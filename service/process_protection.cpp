@@ -7,6 +7,7 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/thread.h"
 #include "protocol/driver_protocol.h"
 #include "service/folder_security.h"
 #include "service/object_security.h"
@@ -65,24 +66,24 @@ bool process_protection::protectProcess(const std::wstring& imagePath, const sid
         record.folder.clear();
         return true;
     }
-    folder_record* existing = nullptr;
-    for (auto& entry : protected_folders_) {
+    bool existing = false;
+    folder_record target{std::string(), folder, 0};
+    for (const auto& entry : protected_folders_) {
         if (_wcsicmp(entry.second.folder.c_str(), folder.c_str()) == 0) {
             folder = entry.second.folder;
-            existing = &entry.second;
+            target = entry.second;
+            existing = true;
             break;
         }
     }
     record.folder = folder;
-    folder_record fresh{std::string(), folder, 0};
-    folder_record& target = existing != nullptr ? *existing : fresh;
 
     const std::vector<sid> sids = sharers_.folder_sids(folder, ownSid);
 
     mcl::mswin::unique_kernel_handle port = driver_.open_port();
     if (!port) return false;
     driver_.send_image_rule(port.get(), imagePath, /*remove=*/false);
-    if (existing != nullptr) driver_.enable_feature(port.get(), vqr::code::feature_folder_protection, false);
+    if (existing) driver_.enable_feature(port.get(), vqr::code::feature_folder_protection, false);
     (void)folder_security::setPathPermissions(folder, sids, nullptr, /*denyOthers=*/false);
 
     security_descriptor descriptor;
@@ -97,7 +98,9 @@ bool process_protection::protectProcess(const std::wstring& imagePath, const sid
     }
     driver_.enable_feature(port.get(), vqr::code::feature_folder_protection, true);
     driver_.send_folder_rule(port.get(), folder, /*remove=*/false, /*block=*/false);
-    if (++target.refCount == 1) protected_folders_[folder] = target;
+    ++target.refCount;
+    mcl::scoped_lock guard(lock_);
+    protected_folders_[folder] = target;
     return true;
 }
 
@@ -111,16 +114,20 @@ bool process_protection::unprotectProcess(const process_record& record, bool for
         if (record.folder.empty() || !mcl::mswin::refused_path_reason(record.folder).empty()) return true;
         NV_LOG(fn, "Failed to connect driver,  reset the folder permissions (%ls)\n", record.folder.c_str());
         (void)folder_security::restorePathPermissions(record.folder, folder_security::default_folder_sddl);
-        protected_folders_.erase(record.folder);
+        forget_folder(record.folder);
         return true;
     }
     driver_.send_image_rule(port.get(), record.imagePath, /*remove=*/true);
     auto it = protected_folders_.find(record.folder);
-    if (it != protected_folders_.end() && --it->second.refCount == 0) {
-        driver_.send_folder_rule(port.get(), record.folder, /*remove=*/true, /*block=*/false);
-        (void)folder_security::restorePathPermissions(record.folder, folder_security::default_folder_sddl);
-        protected_folders_.erase(it);
+    if (it == protected_folders_.end()) return true;
+    if (it->second.refCount > 1) {
+        mcl::scoped_lock guard(lock_);
+        --it->second.refCount;
+        return true;
     }
+    driver_.send_folder_rule(port.get(), record.folder, /*remove=*/true, /*block=*/false);
+    (void)folder_security::restorePathPermissions(record.folder, folder_security::default_folder_sddl);
+    forget_folder(record.folder);
     return true;
 }
 
@@ -142,6 +149,11 @@ bool process_protection::handle_protect_processes(const std::vector<process_rule
     bool result = true;
     for (const process_rule& rule : rules) {
         if (rule.imagePath.empty()) continue;
+        if (mcl::stop_requested()) {
+            NV_LOG(fn, "Process %ls and the processes after it are left as they are: the service is stopping.",
+                   rule.imagePath.c_str());
+            return false;
+        }
         auto it = protected_processes_.find(rule.imagePath);
         if (!rule.protect) {
             if (it == protected_processes_.end()) continue;
@@ -150,7 +162,7 @@ bool process_protection::handle_protect_processes(const std::vector<process_rule
                 continue;
             }
             NV_LOG(fn, "Process %ls has been unprotected.", rule.imagePath.c_str());
-            protected_processes_.erase(it);
+            unlist_process(rule.imagePath);
         } else if (it == protected_processes_.end()) {
             if (mcl::mswin::path_refused(fn, "protect processes", rule.imagePath)) {
                 result = false;
@@ -161,7 +173,7 @@ bool process_protection::handle_protect_processes(const std::vector<process_rule
                 result = false;
                 continue;
             }
-            protected_processes_[rule.imagePath] = record;
+            list_process(record);
             NV_LOG(fn, "Process %ls has been protected.", rule.imagePath.c_str());
         }
     }
@@ -178,6 +190,7 @@ void process_protection::stopProtectingProcess() {
     }
     driver_.detach_all_volumes();
     restoreProtectedFolders();
+    mcl::scoped_lock guard(lock_);
     protected_processes_.clear();
     protected_folders_.clear();
 }
@@ -196,7 +209,7 @@ bool process_protection::apply_service_image(const std::wstring& image, bool pro
             if (logFailure) NV_LOG(fn, "Failed to unprotect process: %ls", image.c_str());
             return false;
         }
-        if (it != protected_processes_.end()) protected_processes_.erase(it);
+        if (it != protected_processes_.end()) unlist_process(image);
         NV_LOG(fn, "Process %ls has been unprotected.", image.c_str());
         return true;
     }
@@ -206,7 +219,34 @@ bool process_protection::apply_service_image(const std::wstring& image, bool pro
         if (logFailure) NV_LOG(fn, "Failed to protect process: %ls", image.c_str());
         return false;
     }
-    protected_processes_[image] = record;
+    list_process(record);
     NV_LOG(fn, "Process %ls has been protected.", image.c_str());
     return true;
+}
+
+void process_protection::forget_folder(const std::wstring& folder) {
+    mcl::scoped_lock guard(lock_);
+    protected_folders_.erase(folder);
+}
+
+void process_protection::list_process(const process_record& record) {
+    mcl::scoped_lock guard(lock_);
+    protected_processes_[record.imagePath] = record;
+}
+
+void process_protection::unlist_process(const std::wstring& imagePath) {
+    mcl::scoped_lock guard(lock_);
+    protected_processes_.erase(imagePath);
+}
+
+process_protection::tables process_protection::snapshot() const {
+    mcl::scoped_lock guard(lock_);
+    return tables{protected_processes_, protected_folders_};
+}
+
+std::vector<std::wstring> process_protection::folder_paths() const {
+    mcl::scoped_lock guard(lock_);
+    std::vector<std::wstring> paths;
+    for (const auto& entry : protected_folders_) paths.push_back(entry.second.folder);
+    return paths;
 }

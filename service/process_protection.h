@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "mcl/lock.h"
 #include "mcl/mswin/sid.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/requests.h"
@@ -39,8 +40,13 @@ public:
     virtual std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid) = 0;
 };
 
-// Owns the protected images and folders. The tables have no lock: the IPC event thread and the
-// start-up and shutdown steps use them, one at a time.
+// Owns the protected images and folders.
+// Threads: a client's rules are applied on a request worker, one request at a time (the
+// dispatcher orders every request that rewrites folder DACLs, and the protection switch, by one
+// key), while the IPC event thread lists the tables and checks callers against the folders;
+// start-up and shutdown run on the service thread with no request running. So there is one
+// writer at a time, which reads the tables as they are; the lock is held while it writes them
+// and while another thread reads them, never across a driver message or a DACL write.
 class process_protection {
 public:
     struct process_record {
@@ -83,16 +89,25 @@ public:
     // Resets every protected folder's DACL; the records stay.
     void restoreProtectedFolders();
     // Drops the record of a folder whose DACL was reset by hand.
-    void forget_folder(const std::wstring& folder) { protected_folders_.erase(folder); }
+    void forget_folder(const std::wstring& folder);
 
-    // Image path -> record; folder path -> record.
-    const std::map<std::wstring, process_record>& processes() const { return protected_processes_; }
-    const std::map<std::wstring, folder_record>& folders() const { return protected_folders_; }
+    // Both tables as they stand, copied together. Any thread.
+    struct tables {
+        std::map<std::wstring, process_record> processes;  // image path -> record
+        std::map<std::wstring, folder_record> folders;     // folder path -> record
+    };
+    tables snapshot() const;
+    // The protected folders' paths. Any thread.
+    std::vector<std::wstring> folder_paths() const;
 
 private:
+    void list_process(const process_record& record);
+    void unlist_process(const std::wstring& imagePath);
+
     folder_driver& driver_;
     folder_sharers& sharers_;
     const bool& enabled_;
-    std::map<std::wstring, process_record> protected_processes_;
-    std::map<std::wstring, folder_record> protected_folders_;
+    mutable mcl::lock lock_;
+    std::map<std::wstring, process_record> protected_processes_;  // lock_ for writes
+    std::map<std::wstring, folder_record> protected_folders_;     // lock_ for writes
 };

@@ -158,11 +158,11 @@ const request_route routes[] = {
     {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, protection_switch_keys},
 
     // Process and folder protection.
-    {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state, folder_keys},
+    {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state, folder_keys, runs_on::worker},
     {msg::query_protected_processes, &chelperservice::query_protected_processes, "query protected processes", empty_processes},
 
     // Service protection.
-    {msg::protect_services, &chelperservice::protect_services, "protect services", status_failure, changes_state, protect_services_keys},
+    {msg::protect_services, &chelperservice::protect_services, "protect services", status_failure, changes_state, protect_services_keys, runs_on::worker},
     {msg::query_protected_services, &chelperservice::query_protected_services, "query protected services", empty_services},
 
     // Registry key protection.
@@ -306,8 +306,8 @@ int chelperservice::helper_msg_handler::operator()(mcl::ipc_connection* conn, ui
 
 bool chelperservice::caller_may_change_state(const mcl::ipc_connection& conn) const {
     // The product's own programs: this program's folder and every folder whose images it protects.
-    std::vector<std::wstring> folders{own_program_folder()};
-    for (const auto& entry : processes_.folders()) folders.push_back(entry.second.folder);
+    std::vector<std::wstring> folders = processes_.folder_paths();
+    folders.insert(folders.begin(), own_program_folder());
     return judge_caller(conn.client_process(), folders) != caller_verdict::refused;
 }
 

@@ -250,9 +250,7 @@ bool chelperservice::recover_folder_dacl(mcl::ipc_connection*, mcl::binary_t& pa
     if (path.back() == '\\') path.pop_back();
     const std::wstring folder = mcl::mswin::widen(path);
     const bool ok = restorePathPermissions(folder, default_folder_sddl);
-    // Run on a request worker; the folder table is the event thread's. The folder leaves it
-    // there, queued before this reply goes out, so the client's next request finds it gone.
-    if (ok) post_task([this, folder] { processes_.forget_folder(folder); });
+    if (ok) processes_.forget_folder(folder);
     protocol::reply_with(payload, protocol::status(ok));
     return true;
 }

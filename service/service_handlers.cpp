@@ -6,6 +6,7 @@
 #include "mcl/log.h"
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/text.h"
+#include "mcl/thread.h"
 #include "service/helper_service.h"
 
 using mcl::mswin::sid;
@@ -33,6 +34,11 @@ bool chelperservice::handle_protect_services(const std::vector<service_rule>& ru
     }
     for (const service_rule& rule : rules) {
         if (rule.name.empty()) continue;
+        if (mcl::stop_requested()) {
+            NV_LOG(fn, "Service %s and the services after it are left as they are: the service is stopping.",
+                   rule.name.c_str());
+            return false;
+        }
         std::wstring image;
         const std::wstring* known_image = nullptr;
         if (known_images != nullptr) {
@@ -105,17 +111,18 @@ bool chelperservice::protect_services(mcl::ipc_connection*, mcl::binary_t& paylo
 
 bool chelperservice::query_protected_services(mcl::ipc_connection*, mcl::binary_t& payload) {
     protocol::protected_services_reply reply;
+    const process_protection::tables tables = processes_.snapshot();
     for (const auto& entry : services_.services()) {
         if (entry.first.empty()) continue;
         const service_record& svc = entry.second;
         const process_record* process = nullptr;
         const folder_record* folder = nullptr;
         if (!svc.imagePath.empty()) {
-            auto p = processes_.processes().find(svc.imagePath);
-            if (p != processes_.processes().end()) {
+            auto p = tables.processes.find(svc.imagePath);
+            if (p != tables.processes.end()) {
                 process = &p->second;
-                auto f = processes_.folders().find(process->folder);
-                if (f != processes_.folders().end()) folder = &f->second;
+                auto f = tables.folders.find(process->folder);
+                if (f != tables.folders.end()) folder = &f->second;
             }
         }
         protocol::protected_service_info info;

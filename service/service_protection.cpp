@@ -191,7 +191,10 @@ bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid,
             return false;
         }
         image = it->second.imagePath;
-        protected_services_.erase(it);
+        {
+            mcl::scoped_lock guard(lock_);
+            protected_services_.erase(it);
+        }
         NV_LOG(fn, "Service %s has been unprotected.", rule.name.c_str());
     } else if (rule.protectService && it == protected_services_.end()) {
         service_record record;
@@ -206,7 +209,10 @@ bool service_protection::apply_rule(const service_rule& rule, const sid& ownSid,
             return false;
         }
         image = record.imagePath;
-        protected_services_[rule.name] = record;
+        {
+            mcl::scoped_lock guard(lock_);
+            protected_services_[rule.name] = record;
+        }
         NV_LOG(fn, "Service %s has been protected.", rule.name.c_str());
     }
     return true;
@@ -229,6 +235,12 @@ bool service_protection::unprotect_all() {
             NV_LOG(fn, "Service %s has been unprotected.", entry.first.c_str());
         }
     }
+    mcl::scoped_lock guard(lock_);
     protected_services_.clear();
     return result;
+}
+
+std::map<std::string, service_protection::service_record> service_protection::services() const {
+    mcl::scoped_lock guard(lock_);
+    return protected_services_;
 }

@@ -6,14 +6,16 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/lock.h"
 #include "mcl/mswin/sid.h"
 #include "protocol/requests.h"
 #include "service/process_protection.h"
 #include "service/service_enforcement.h"
 
-// Owns the protected services. The table has no lock: the IPC event thread and the start-up
-// and shutdown steps use it, one at a time. It also tells the process protection which other
-// services keep full access to a protected folder.
+// Owns the protected services. It also tells the process protection which other services keep
+// full access to a protected folder.
+// Threads: as the process protection's tables (one writer at a time, a request worker or the
+// service thread; the lock held while it writes and while another thread reads).
 class service_protection final : public folder_sharers {
 public:
     struct service_record {
@@ -71,13 +73,14 @@ public:
 
     std::vector<mcl::mswin::sid> folder_sids(const std::wstring& folder, const mcl::mswin::sid& ownSid) override;
 
-    // Service name -> record.
-    const std::map<std::string, service_record>& services() const { return protected_services_; }
+    // Service name -> record: a copy of the table as it stands. Any thread.
+    std::map<std::string, service_record> services() const;
 
 private:
     static bool recorded_original_dacl(const std::string& name, std::string& sddl);
 
     service_enforcement& enforcement_;
     const bool& enabled_;
-    std::map<std::string, service_record> protected_services_;
+    mutable mcl::lock lock_;
+    std::map<std::string, service_record> protected_services_;  // lock_ for writes
 };

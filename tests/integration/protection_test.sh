@@ -202,6 +202,29 @@ expect_eq "recover, then the protect" "$ok $ok" "$(tr -d '\r' <"$work/recover.ou
 expect_eq "folder named without its backslash reset" "$restored_folder" "$(recorded file 'C:\prot\other' | cut -f 1)"
 answers "folder dropped from the protected folders" "$(msgs count=2 "$(own_entry)" "$(entry '' 'C:\prot\other\f.exe' 'C:\prot\other')")" query-protected-processes
 
+echo "== a service protect held at its image folder's DACL write: the lists answered meanwhile"
+listed_before=$(call query-protected-processes && printf '%s' "$reply")
+hold_dacl_writes
+protecting=$(log_count 'Trying to protect process (C:\prot\svc\nv_test_service.exe)')
+(wine "$client" -t 200000 call protect-services svc=1 proc=1 name=nv_test_svc </dev/null >"$work/held.out" 2>&1) &
+held=$!
+poll 300 0.1 '[ "$(log_count "Trying to protect process (C:\prot\svc\nv_test_service.exe)")" -gt "$protecting" ]' ||
+    fail "service protect: not started"
+(wine "$client" -t 200000 call protect-processes protect=0 image='C:\prot\other\none.exe' </dev/null >"$work/after.out" 2>&1) &
+after=$!
+call service-version
+[[ "$reply" == version=* ]] || fail "service protect held: the version [$reply]"
+answers "service protect held: the image list as it was" "$listed_before" query-protected-processes
+call query-protected-services
+[[ "$reply" == count=* ]] || fail "service protect held: the service list [$reply]"
+sleep 0.5
+expect_eq "service protect held: it and the process rule after it wait" "waiting waiting" \
+    "$(kill -0 $held && echo waiting) $(kill -0 $after && echo waiting)"
+release_dacl_writes
+wait $held $after
+expect_eq "service protect, then the process rule" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
+answers "unprotect nv_test_svc again" "$ok" protect-services svc=0 proc=0 name=nv_test_svc
+
 echo "== master switch off and on"
 mark
 n=$(log_count 'service_enforce_thread stopped')
