@@ -2,8 +2,8 @@
 # Kill to answering again: the service holds the storm's persisted state (200 protected keys with
 # their owners among 8 protected services, the storm's container with archives), has its process
 # ended (as taskkill /f does) and is started again as soon as the service manager lets it, and the time until it
-# answers its key and service lists is taken (nv_storm restart, which then checks that no key and
-# no file was lost). Prints "name: value unit" lines.
+# answers its key and service lists is taken (restart_bench.exe; then nv_storm checks that no key
+# and no file was lost). Prints "name: value unit" lines.
 #
 #   bench/restart_bench.sh [BUILD_DIR]           200 keys, 100 archives, 10 kills
 #   bench/restart_bench.sh --smoke [BUILD_DIR]   20 keys, 10 archives, 2 kills
@@ -34,13 +34,15 @@ echo "restart_state: $keys keys, 8 services, $(ls "$drive_c/storm/q" | grep -c -
 
 total=0
 for k in $(seq 1 "$kills"); do
-    run "$storm" restart "$keys" 120
-    [ "$rc" = 0 ] || fail "kill $k: $(tr -d '\r' <"$out")"
-    s=$(tr -d '\r' <"$out" | sed -n 's/^restart_seconds: \([0-9.]*\) s$/\1/p')
+    run "$NV_BIN_DIR/restart_bench.exe" 120
+    [ "$rc" = 0 ] || fail "kill $k: $(cat "$out")"
+    s=$(sed -n 's/^restart_seconds: \([0-9.]*\) s$/\1/p' "$out")
     [ -n "$s" ] || { fail "kill $k: no figure"; break; }
     echo "restart_kill_$k: $s s"
     total=$(awk -v t="$total" -v s="$s" 'BEGIN { print t + s }')
-    tr -d '\r' <"$out" | grep -E '^restart_(process_ended|service_started|keys_listed): ' >>"$work/steps.txt"
+    grep -E '^restart_(process_ended|service_started|keys_listed): ' "$out" >>"$work/steps.txt"
+    run "$storm" checks "$keys"
+    [ "$rc" = 0 ] || fail "kill $k: $(cat "$out")"
     # Stands in for the service SID, as after every start (see protection_lib.sh).
     run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys
 done

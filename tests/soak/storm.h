@@ -117,7 +117,4 @@ void check_owned(const owned_state& owned);
 // place with its bytes nor archived in the container; the exit code: 0 when every check held.
 int final_checks(int clients);
 
-// The service killed with taskkill /f, started again and answering; then the checks.
-int restart(int clients, int seconds);
-
 }  // namespace storm

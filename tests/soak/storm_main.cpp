@@ -9,9 +9,7 @@
 //                               bytes after warm-up, in percent; 10 unless set)
 //   nv_storm prepare CLIENTS    (the storm's registry keys, folders and files to quarantine)
 //   nv_storm victim             (a client the storm kills in the middle of its request)
-//   nv_storm restart CLIENTS [SECONDS]
-//                               (the service's process ended, started again, answering, keys and
-//                               quarantined files checked)
+//   nv_storm checks CLIENTS     (the storm keys' records and the storm files checked)
 #include <windows.h>
 
 #include <cstdio>
@@ -189,12 +187,12 @@ int main(int argc, char** argv) {
     const int clients = argc > 2 ? atoi(argv[2]) : 200;
     if (mode == "victim") return storm::victim();
     if (mode == "prepare") return storm::prepare(clients);
-    if (mode == "restart" && argc >= 3) return storm::restart(clients, argc > 3 ? atoi(argv[3]) : 300);
+    if (mode == "checks" && argc >= 3) return storm::final_checks(clients);
     if (mode == "storm" && argc >= 4) {
         const bool crashes = argc > 4 && std::strcmp(argv[4], "--crashes") == 0;
         return storm::run_storm(atoi(argv[2]), atoi(argv[3]), crashes, std::string(self, n));
     }
-    std::fprintf(stderr, "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | "
-                         "restart CLIENTS [SECONDS]\n");
+    std::fprintf(stderr,
+                 "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | checks CLIENTS\n");
     return 2;
 }
