@@ -1,6 +1,4 @@
-// The storm: the running service under many clients at once, then killed and started again.
-// What the storm's programs share: its objects (registry keys, services, files, containers), the
-// client connection, and the check lines it prints ("check: WHAT: ok|FAILED").
+// What nv_storm's parts share: the storm's objects, its client connection and its check lines.
 #pragma once
 
 #include <windows.h>
@@ -100,7 +98,6 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
 // A client that sends protect requests until it is killed.
 int victim();
 
-// The check lines.
 void check(bool ok, const std::string& what);
 
 DWORD service_pid();

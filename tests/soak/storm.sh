@@ -1,15 +1,6 @@
 #!/usr/bin/env bash
-# The storm against the running service with the driver simulator, in a prefix of its own:
-# CLIENTS concurrent clients for SECONDS (nv_storm.exe: valid requests of every kind, random
-# payloads and identifiers, hang-ups and kills in mid-request) while the simulator unloads and
-# reloads the driver every 2-6 s and injects IRP denials; then the checks nv_storm prints.
-# Then, KILLS times, the service is killed (taskkill /f) at a random moment of a second, shorter
-# storm and started again: each time it must answer, list its persisted keys and services and
-# leave no protected storm key without the record of its original DACL and no storm file neither
-# at its place nor quarantined. Prints "name: value unit" lines.
-#
-# GROWTH_LIMIT: how much, in percent, the service's handles and private bytes may grow after warm-up.
-#
+# The storm, then its crash recovery, against the running service with the driver simulator:
+# what it does and checks is under "Storm benchmark" in bench/README.md.
 #   tests/soak/storm.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS [GROWTH_LIMIT]]]]]
 #                                                        defaults: build/mingw-x64 600 200 10 10
 set -uo pipefail
@@ -38,8 +29,6 @@ churn() {
         done
     done
 }
-# NV_STORM_CHURN=off leaves the driver loaded, to compare.
-if [ "${NV_STORM_CHURN:-on}" = off ]; then touch "$work/stop_churn"; fi
 churn &
 churner=$!
 

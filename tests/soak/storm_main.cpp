@@ -1,15 +1,5 @@
-// The running service under a storm of clients: valid requests of every kind, random payloads,
-// random identifiers, clients that hang up or are killed in the middle of a request. Run by
-// tests/soak/storm.sh, which also drives the driver simulator and, with --crashes, kills the
-// service meanwhile. Prints "name: value unit" lines and "check: ..." lines; exit 0 when every
-// check held, 1 otherwise.
-//
-//   nv_storm storm SECONDS CLIENTS [--crashes]
-//                               (NV_STORM_GROWTH_LIMIT: the allowed growth of handles and private
-//                               bytes after warm-up, in percent; 10 unless set)
-//   nv_storm prepare CLIENTS    (the storm's registry keys, folders and files to quarantine)
-//   nv_storm victim             (a client the storm kills in the middle of its request)
-//   nv_storm checks CLIENTS     (the storm keys' records and the storm files checked)
+// nv_storm, run by tests/soak/storm.sh: the running service under a storm of clients. Prints
+// "name: value unit" and "check: ..." lines; exit 0 when every check held.
 #include <windows.h>
 
 #include <cstdio>
@@ -130,8 +120,6 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     const double elapsed = static_cast<double>(GetTickCount64() - warm) / 1000.0;
     Sleep(3000);  // the service drops the last connections
 
-    std::printf("storm_seconds: %d s\n", seconds);
-    std::printf("storm_clients: %d clients\n", clients);
     std::printf("requests_answered: %llu requests\n", static_cast<unsigned long long>(c.answered.load()));
     std::printf("requests_unanswered: %llu requests\n", static_cast<unsigned long long>(c.unanswered.load()));
     std::printf("hangups_mid_request: %llu clients\n", static_cast<unsigned long long>(c.hangups.load()));
@@ -155,15 +143,12 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
             const double handles = 100.0 * (static_cast<double>(after.handles) - warm_usage.handles) / warm_usage.handles;
             const double bytes =
                 100.0 * (static_cast<double>(after.private_bytes) - warm_usage.private_bytes) / warm_usage.private_bytes;
-            std::printf("handles_after_warmup: %lu handles\n", static_cast<unsigned long>(warm_usage.handles));
-            std::printf("handles_after_storm: %lu handles\n", static_cast<unsigned long>(after.handles));
-            std::printf("handles_change: %.1f %%\n", handles);
-            std::printf("private_bytes_after_warmup: %.1f MiB\n", warm_usage.private_bytes / 1048576.0);
-            std::printf("private_bytes_after_storm: %.1f MiB\n", after.private_bytes / 1048576.0);
-            std::printf("private_bytes_change: %.1f %%\n", bytes);
-            // The allowed growth in percent: NV_STORM_GROWTH_LIMIT, 10 unless set.
-            const char* limit_text = std::getenv("NV_STORM_GROWTH_LIMIT");
-            const double limit = limit_text != nullptr && std::atof(limit_text) > 0 ? std::atof(limit_text) : 10.0;
+            std::printf("handles_after_warmup: %lu handles\nhandles_after_storm: %lu handles\nhandles_change: %.1f %%\n",
+                        warm_usage.handles, after.handles, handles);
+            std::printf("private_bytes_after_warmup: %.1f MiB\nprivate_bytes_after_storm: %.1f MiB\n"
+                        "private_bytes_change: %.1f %%\n",
+                        warm_usage.private_bytes / 1048576.0, after.private_bytes / 1048576.0, bytes);
+            const double limit = std::atof(getenv("NV_STORM_GROWTH_LIMIT") ? getenv("NV_STORM_GROWTH_LIMIT") : "10");
             const std::string within = " within " + std::to_string(static_cast<int>(limit)) + "% of ";
             check(handles <= limit, "handle count" + within + "its value after warm-up");
             check(bytes <= limit, "private bytes" + within + "their value after warm-up");
