@@ -136,8 +136,7 @@ void check_every_request_answers() {
     ids.insert(ids.end(), {msg::protect_services, msg::protect_reg_keys});
     for (uint32_t id : ids) {
         mcl::binary_t reply;
-        const mcl::binary_t p = id == msg::protect_services ? mcl::binary_t() : valid_payload(id, 0, rng);
-        if (!conn.request(id, p, reply)) {
+        if (!conn.request(id, valid_payload(id, 0, rng), reply)) {
             std::printf("no answer to %X\n", id);
             ++missing;
             (void)conn.open();

@@ -61,15 +61,6 @@ bool quarantine_or_restore(client_conn& conn, int client, int file, std::string&
     return true;
 }
 
-mcl::binary_t service_rule_payload(int service, bool protect) {
-    return encoded(protocol::protect_services_request{{{protect, false, "nvstorm" + std::to_string(service)}}});
-}
-
-mcl::binary_t reg_key_payload(int client, bool protect) {
-    return encoded(protocol::protect_reg_keys_request{
-        {{static_cast<uint8_t>(protect ? 1 : 0), hklm, widen(storm_key(client)), "nvstorm0", {}, 1}}});
-}
-
 mcl::binary_t process_payload(int client, bool protect) {
     return encoded(protocol::protect_processes_request{
         {{protect, widen("C:\\storm\\f" + std::to_string(client) + "\\storm.exe")}}});
@@ -156,7 +147,11 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
             const bool protect = rng() % 2 == 0;
             const bool service = index < storm_services && rng() % 2 == 0;
             const uint32_t id = service ? msg::protect_services : msg::protect_reg_keys;
-            const mcl::binary_t p = service ? service_rule_payload(index, protect) : reg_key_payload(index, protect);
+            const mcl::binary_t p =
+                service
+                    ? encoded(protocol::protect_services_request{{{protect, false, "nvstorm" + std::to_string(index)}}})
+                    : encoded(protocol::protect_reg_keys_request{
+                          {{static_cast<uint8_t>(protect ? 1 : 0), hklm, widen(storm_key(index)), "nvstorm0", {}, 1}}});
             const bool ok = answered(conn.request(id, p, reply));
             std::lock_guard<std::mutex> guard(owned.lock);
             auto& state = service ? owned.services : owned.keys;

@@ -43,18 +43,6 @@ int prepare(int clients) {
     return 0;
 }
 
-// The storm's container, made (or found made) by the service.
-bool register_container() {
-    client_conn conn;
-    const mcl::binary_t request = nv_test::encoded(protocol::create_container_request{storm_container, {}});
-    mcl::binary_t reply;
-    for (int i = 0; i < 100; ++i) {
-        if (conn.open() && conn.request(msg::create_quarantine_container, request, reply)) return status_ok(reply);
-        Sleep(200);
-    }
-    return false;
-}
-
 // Returns once every client has ended. A client still waiting for a reply two minutes after the
 // storm's end never gets one: the requests they wait on are printed and the process ends, a
 // failure the script reports, instead of a storm that never ends.
@@ -75,7 +63,6 @@ void wait_for_clients(const counters& c, int clients, ULONGLONG end) {
             }
             std::printf("clients_not_ended: %d clients (%d of them waiting for a reply)\n",
                         clients - c.clients_ended.load(), stuck);
-            std::fflush(stdout);
             ExitProcess(1);
         }
         Sleep(200);
@@ -91,7 +78,15 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
     owned_state owned;
     const DWORD pid = service_pid();
     std::printf("service_pid: %lu\n", static_cast<unsigned long>(pid));
-    check(register_container(), "the storm's quarantine container is made");
+    {
+        client_conn conn;
+        mcl::binary_t reply;
+        check(conn.open_patiently() &&
+                  conn.request(msg::create_quarantine_container,
+                               nv_test::encoded(protocol::create_container_request{storm_container, {}}), reply) &&
+                  status_ok(reply),
+              "the storm's quarantine container is made");
+    }
     const ULONGLONG start = GetTickCount64();
     const ULONGLONG end = start + static_cast<ULONGLONG>(seconds) * 1000;
     std::vector<std::thread> threads;
