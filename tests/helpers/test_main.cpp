@@ -24,6 +24,8 @@
 namespace {
 
 class watchdog : public ::testing::EmptyTestEventListener {
+    using clock = std::chrono::steady_clock;
+
 public:
     explicit watchdog(std::chrono::seconds limit) : limit_(limit), thread_([this] { watch(); }) {}
     ~watchdog() override {
@@ -31,39 +33,25 @@ public:
             std::lock_guard<std::mutex> guard(lock_);
             done_ = true;
         }
-        changed_.notify_all();
+        stopped_.notify_all();
         thread_.join();
     }
 
     void OnTestStart(const ::testing::TestInfo& info) override {
-        {
-            std::lock_guard<std::mutex> guard(lock_);
-            current_ = std::string(info.test_suite_name()) + "." + info.name();
-            ++started_;
-        }
-        changed_.notify_all();
+        std::lock_guard<std::mutex> guard(lock_);
+        current_ = std::string(info.test_suite_name()) + "." + info.name();
+        deadline_ = clock::now() + limit_;
     }
     void OnTestEnd(const ::testing::TestInfo&) override {
-        {
-            std::lock_guard<std::mutex> guard(lock_);
-            current_.clear();
-        }
-        changed_.notify_all();
+        std::lock_guard<std::mutex> guard(lock_);
+        deadline_ = clock::time_point::max();
     }
 
 private:
     void watch() {
         std::unique_lock<std::mutex> guard(lock_);
-        while (!done_) {
-            if (current_.empty()) {
-                changed_.wait(guard);
-                continue;
-            }
-            const unsigned long long watched = started_;
-            if (changed_.wait_for(guard, limit_, [&] { return done_ || started_ != watched || current_.empty(); }))
-                continue;
-            report_and_end(current_);
-        }
+        while (!stopped_.wait_for(guard, std::chrono::seconds(1), [this] { return done_; }))
+            if (clock::now() >= deadline_) report_and_end(current_);
     }
 
     void report_and_end(const std::string& test) const {
@@ -81,9 +69,9 @@ private:
 
     const std::chrono::seconds limit_;
     std::mutex lock_;
-    std::condition_variable changed_;
+    std::condition_variable stopped_;
     std::string current_;
-    unsigned long long started_ = 0;
+    clock::time_point deadline_ = clock::time_point::max();
     bool done_ = false;
     std::thread thread_;
 };
