@@ -1,11 +1,14 @@
 // A service for the protection tests to protect, kill, start and stop:
-//   nv_test_service [ignore-stop | exit-on-stop | stuck-starting | stuck-stopping]
+//   nv_test_service [ignore-stop | exit-on-stop | stuck-starting | stuck-stopping | stillborn]
+//   nv_test_service -i install
 // Runs under whatever name it was installed with; writes its process identifier to <name>.pid and
 // its start arguments, one a line, to <name>.args beside the executable. ignore-stop accepts the
 // stop control and goes on running. exit-on-stop denies everyone the right to terminate its
 // process and ends it on the stop control without reporting the stop (a process that vanishes).
 // stuck-starting reports start pending (a 2-second wait hint, one checkpoint) and nothing more;
 // stuck-stopping answers the stop control with stop pending in the same way, and runs on.
+// stillborn ends before the control dispatcher: a release whose service never starts, which
+// "-i install" registers as the product's service (leaving one registered alone, as the product).
 #include <windows.h>
 
 #include <aclapi.h>
@@ -15,6 +18,7 @@
 #include <string>
 
 #include "mcl/mswin/security_descriptor.h"
+#include "mcl/mswin/service_handles.h"
 
 namespace {
 
@@ -66,10 +70,25 @@ void WINAPI service_main(DWORD argc, char** argv) {
     report(SERVICE_STOPPED);
 }
 
+int install_stillborn() {
+    char path[MAX_PATH] = {};
+    const DWORD n = GetModuleFileNameA(nullptr, path, MAX_PATH);
+    mcl::mswin::unique_sc_handle manager;
+    if (n == 0 || n >= MAX_PATH || !mcl::mswin::open_manager(nullptr, SC_MANAGER_CREATE_SERVICE, manager)) return 1;
+    const std::string command = std::string("\"") + path + "\" stillborn";
+    const mcl::mswin::unique_sc_handle service(
+        CreateServiceA(manager.get(), "norvale_halvern_svc", "Norvale Halvern Service", SERVICE_ALL_ACCESS,
+                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, command.c_str(),
+                       nullptr, nullptr, nullptr, nullptr, nullptr));
+    return service || GetLastError() == ERROR_SERVICE_EXISTS ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+    if (argc > 2 && _stricmp(argv[1], "-i") == 0 && _stricmp(argv[2], "install") == 0) return install_stillborn();
     if (argc > 1) g_mode = argv[1];
+    if (strcmp(g_mode, "stillborn") == 0) return 0;
     mcl::mswin::security_descriptor sd;
     if (strcmp(g_mode, "exit-on-stop") == 0 && mcl::mswin::security_descriptor::from_sddl("D:(D;;0x1;;;WD)(A;;GA;;;WD)", sd))
         SetSecurityInfo(GetCurrentProcess(), SE_KERNEL_OBJECT, DACL_SECURITY_INFORMATION, nullptr, nullptr, sd.dacl(),

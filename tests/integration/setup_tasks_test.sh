@@ -120,7 +120,7 @@ never_starts() {
     in_prefix never_starts && install_old_name
     expect_logged "previous release" "$product/nvhalvernservice.debug.log" "Service Version: 3.0.40.1"
     expect_not_logged "previous release" "$product/nvhalvernservice.debug.log" "Service Version: 3.0.45"
-    stage stillborn "$NV_BIN_DIR/nv_stillborn_service.exe"
+    stage stillborn "$NV_BIN_DIR/nv_test_service.exe"
     task stillborn hvs_upgrade
     expect_rolled_back "never starts" stillborn NVHalvernService.exe
     expect_logged "never starts" "$stage_root/stillborn/hvs_upgrade.log" "Fail to start protection service"
