@@ -6,8 +6,8 @@
 
 #include <functional>
 #include <memory>
-#include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "client/invchelper.h"
@@ -17,29 +17,12 @@
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/process.h"
 #include "tests/helpers/service_double.h"
+#include "tests/unit/protocol/conformance.h"
 
 using NVClientHelper::result;
 namespace nvc = NVClientHelper;
 
 namespace {
-
-// A payload built field by field.
-struct bytes {
-    mcl::binary_t b;
-    bytes& u8(uint8_t v) { return mcl::write_byte(b, v), *this; }
-    bytes& u32(uint32_t v) { return mcl::write_u32(b, v), *this; }
-};
-
-// Fields joined by "|".
-template <typename T>
-void put(std::ostringstream& s, const T& v) { s << +v; }
-void put(std::ostringstream& s, const std::string& v) { s << v; }
-template <typename... T>
-std::string join(const T&... fields) {
-    std::ostringstream s;
-    ((put(s, fields), s << "|"), ...);
-    return s.str();
-}
 
 class client_library : public ::testing::Test {
 protected:
@@ -64,18 +47,20 @@ protected:
 
 TEST_F(client_library, replies_cut_short_or_refusing) {
     ASSERT_TRUE(connect());
+    mcl::binary_t cut;  // one byte of a longer reply
+    mcl::write_byte(cut, 1);
     // A version reply cut short gives 0; a compatibility reply saying no is stored but false.
-    service_->set_reply(msg::service_version, bytes().u8(1).b);
+    service_->set_reply(msg::service_version, cut);
     EXPECT_EQ(helper_->get_service_version(), 0u);
-    service_->set_reply(msg::protocol_compatible, bytes().u8(0).u32(4).b);
+    service_->set_reply(msg::protocol_compatible, nv_test::encoded(protocol::compatibility_reply{0, 4}));
     EXPECT_FALSE(helper_->proto_compatible());
     EXPECT_EQ(nvc::protocolVersion(helper_), 4u);
     // Every status method has the one decoder (a refusal's message: halvernctl_test.sh): a reply
     // without its message is not decoded and leaves the record untouched.
     result r{7, "untouched"};
-    service_->set_reply(msg::recover_folder_dacl, bytes().u8(1).b);
+    service_->set_reply(msg::recover_folder_dacl, cut);
     EXPECT_FALSE(helper_->recover_folder_dacl("C:\\f", &r));
-    EXPECT_EQ(join(r.ok, r.message), "7|untouched|");
+    EXPECT_EQ(std::make_pair(int{r.ok}, r.message), std::make_pair(7, std::string("untouched")));
     EXPECT_FALSE(helper_->recover_folder_dacl("C:\\f", nullptr));
 }
 
@@ -85,7 +70,7 @@ TEST_F(client_library, gates_refuse_locally_until_the_protocol_is_known) {
     const std::string call_first = "Please call proto_compatible() API to confirm the feature is suppported by service.";
     result r;
     EXPECT_FALSE(helper_->block_file_access("C:\\f", &r));
-    EXPECT_EQ(join(r.ok, r.message), join(0, call_first));
+    EXPECT_EQ(std::make_pair(int{r.ok}, r.message), std::make_pair(0, call_first));
     std::vector<std::string> containers;
     EXPECT_FALSE(helper_->get_quarantine_containers(containers));
     EXPECT_TRUE(service_->received().empty());
@@ -120,7 +105,7 @@ TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent)
     for (const auto& [call, message] : cases) {
         result r{1, ""};
         EXPECT_FALSE(call(&r));
-        EXPECT_EQ(join(r.ok, r.message), join(0, message));
+        EXPECT_EQ(std::make_pair(int{r.ok}, r.message), std::make_pair(0, message));
     }
     // Frames keep their order: the version request is the second message the peer sees.
     EXPECT_EQ(helper_->get_service_version(), 196653u);
