@@ -6,16 +6,9 @@
 
 namespace nv_test {
 
-service_double::service_double(const char* name) : mcl::ipc_peer(name, this) { (void)stop_.create_unnamed(); }
-
 service_double::~service_double() {
-    stop_.set();
-    if (accept_thread_.joinable()) accept_thread_.join();
+    finish();  // while the members the handler uses are there
     close();
-}
-
-void service_double::start_listening() {
-    accept_thread_ = std::thread([this] { serve_until(stop_.get()); });
 }
 
 void service_double::set_reply(uint32_t id, const mcl::binary_t& reply) {

@@ -18,18 +18,33 @@
 
 namespace nv_test {
 
+// A peer listening under its name on a thread of its own, from start_listening() until finish()
+// (which waits for that thread) or its destruction.
+class serving_peer : public mcl::ipc_peer {
+public:
+    serving_peer(const char* name, mcl::ipc_msg_handler* handler) : ipc_peer(name, handler) { (void)stop_.create_unnamed(); }
+    ~serving_peer() override { finish(); }
+    void start_listening() { thread_ = std::thread([this] { serve_until(stop_.get()); }); }
+    void finish() {
+        stop_.set();
+        if (thread_.joinable()) thread_.join();
+    }
+
+private:
+    mcl::event stop_;
+    std::thread thread_;
+};
+
 struct recorded_request {
     uint32_t id = 0;
     mcl::binary_t payload;
 };
 
-class service_double : public mcl::ipc_msg_handler, public mcl::ipc_peer {
+class service_double : public mcl::ipc_msg_handler, public serving_peer {
 public:
-    explicit service_double(const char* name);
+    explicit service_double(const char* name) : serving_peer(name, this) {}
     ~service_double() override;
 
-    // Listens under the name on a thread of its own until destroyed.
-    void start_listening();
     void set_reply(uint32_t id, const mcl::binary_t& reply);
     // Every message received so far, in arrival order.
     std::vector<recorded_request> received();
@@ -42,8 +57,6 @@ private:
     mcl::lock lock_;
     std::vector<recorded_request> received_;
     std::map<uint32_t, mcl::binary_t> replies_;
-    mcl::event stop_;
-    std::thread accept_thread_;
 };
 
 }  // namespace nv_test

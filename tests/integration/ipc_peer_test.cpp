@@ -17,6 +17,7 @@
 #include "mcl/mswin/text.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/helpers/raw_client.h"
+#include "tests/helpers/service_double.h"
 
 namespace {
 
@@ -254,36 +255,22 @@ TEST(IpcPeer, AnOverLongLengthOrGarbageEndOnlyThatConnection) {
     EXPECT_TRUE(fresh.connect(server.name) && fresh.echo("new client"));
 }
 
-struct own_server {
-    mcl::event stop;
-    mcl::ipc_peer peer;
-    std::thread loop;
-    own_server(const std::string& name, mcl::ipc_msg_handler* handler) : peer(name.c_str(), handler) {
-        (void)stop.create_unnamed();
-        loop = std::thread([this] { peer.serve_until(stop.get()); });
-    }
-    void finish() {
-        stop.set();
-        if (loop.joinable()) loop.join();
-    }
-    ~own_server() { finish(); }
-};
-
 // A client that sends a frame too long as soon as it has connected ends its connection on the
 // read half while the write half may still be taking in the new pair: both halves close all the
 // same, and the connection leaves the list (a lost wake-up once left such write halves open).
 TEST(IpcPeer, EveryConnectionEndedByItsReadHalfLeavesTheList) {
     recording_handler handler;
     const std::string name = nv_test::unique_name("nv_ipc_ends");
-    own_server server(name, &handler);
+    nv_test::serving_peer server(name.c_str(), &handler);
+    server.start_listening();
     for (int i = 0; i < 100; ++i) {
         nv_test::raw_client raw;
         ASSERT_TRUE(raw.connect(name)) << i;
         ASSERT_TRUE(raw.write(bytes({0, 0, 0, 0, 1, 0, 0, 2, 1, 0, 0, 0, 0xFF, 0xFF, 0xFF, 0x7F}))) << i;
     }
     // Left: the waiting pair at most.
-    size_t listed = server.peer.connections().size();
-    for (int i = 0; i < 100 && listed > 1; ++i, listed = server.peer.connections().size()) Sleep(100);
+    size_t listed = server.connections().size();
+    for (int i = 0; i < 100 && listed > 1; ++i, listed = server.connections().size()) Sleep(100);
     EXPECT_LE(listed, 1u);
 }
 
@@ -452,8 +439,9 @@ TEST(IpcPeer, TheAcceptLoopKnowsItsClientsOutlivesAThrowingHandlerAndStopsWhileO
     misbehaving_handler handler;
     ASSERT_TRUE(handler.entered.create_unnamed());
     const std::string name = nv_test::unique_name("nv_ipc_stop");
-    own_server server(name, &handler);
-    handler.peer = &server.peer;
+    nv_test::serving_peer server(name.c_str(), &handler);
+    handler.peer = &server;
+    server.start_listening();
     client c;
     ASSERT_TRUE(c.connect(name));
     mcl::binary_t payload = text_payload("throw");
@@ -470,8 +458,8 @@ TEST(IpcPeer, TheAcceptLoopKnowsItsClientsOutlivesAThrowingHandlerAndStopsWhileO
     EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
     ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(handler.entered.get(), 20000));
     server.finish();
-    EXPECT_EQ(0u, server.peer.last_exit_code()) << "the event thread returned on its own, it was not terminated";
-    EXPECT_TRUE(server.peer.connections().empty());
+    EXPECT_EQ(0u, server.last_exit_code()) << "the event thread returned on its own, it was not terminated";
+    EXPECT_TRUE(server.connections().empty());
     EXPECT_EQ(1u, log.count("] - The handler of a message failed with an exception: std::bad_alloc")) << log.text();
 }
 
