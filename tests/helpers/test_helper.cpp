@@ -11,7 +11,6 @@
 //   nv_test_helper as-user PROGRAM ARGS...          run PROGRAM as an ordinary user (this token with
 //       every privilege but change-notify dropped and Administrators deny-only), its output and
 //       exit code passed through (exit 255 when it could not be started)
-//   nv_test_helper is-admin                         exit 0 for a member of Administrators, 1 otherwise
 //   nv_test_helper pipeline NAME ID:HEX...          on one connection to the listener NAME, writes
 //       every request (hex ID, hex payload) before reading any reply, then prints each reply as
 //       it comes, "ID SEQUENCE HEX" (requests are numbered from 1); exit 2 without a connection,
@@ -75,15 +74,6 @@ int pipeline(const char* name, int count, char** requests) {
 int main(int argc, char** argv) {
     if (argc >= 4 && strcmp(argv[1], "pipeline") == 0) return pipeline(argv[2], argc - 3, argv + 3);
     if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(argc - 2, argv + 2);
-    if (argc >= 2 && strcmp(argv[1], "is-admin") == 0) {
-        BYTE admins[SECURITY_MAX_SID_SIZE];
-        DWORD size = sizeof(admins);
-        BOOL member = FALSE;
-        return CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &size) &&
-                       CheckTokenMembership(nullptr, admins, &member) && member
-                   ? 0
-                   : 1;
-    }
     const bool abandon = argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0;
     if (abandon || (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0)) {
         HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);

@@ -35,10 +35,6 @@ install_with_recorder
 install_test_service nv_test_svc svc demand
 start_service
 
-echo "== the restricted client is an ordinary user"
-runs "the test is an administrator" 0 '*' "$helper" is-admin
-runs "the restricted client is not" 1 '*' "$helper" as-user "$(win "$helper")" is-admin
-
 echo "== an ordinary user cannot stop the service (sent or posted)"
 as_user send 1000001
 expect "stop sent" 0 "$denied"
