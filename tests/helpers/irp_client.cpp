@@ -25,13 +25,6 @@ bool irp_client::connect(const char* service, int timeout_ms) {
     return true;
 }
 
-mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
-                                const std::string& path, uint8_t major, uint8_t minor, uint32_t type) {
-    mcl::binary_t payload;
-    protocol::encode(payload, protocol::subscribe_request{unsubscribe, subscriber, event_name, path, major, minor, type});
-    return payload;
-}
-
 bool read_records(const mcl::binary_t& reply, std::vector<protocol::notification_data>& records) {
     protocol::notifications_reply decoded;
     const bool ok = protocol::decode(reply, decoded);
@@ -44,7 +37,8 @@ bool read_records(const mcl::binary_t& reply, std::vector<protocol::notification
 
 bool irp_client::subscribe(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
                            const std::string& path, uint8_t major, uint8_t minor, uint32_t type, uint8_t& result) {
-    mcl::binary_t payload = subscribe_request(unsubscribe, subscriber, event_name, path, major, minor, type);
+    mcl::binary_t payload;
+    protocol::encode(payload, protocol::subscribe_request{unsubscribe, subscriber, event_name, path, major, minor, type});
     if (!peer_.send(msg::subscribe_irp_notification, payload, connection_, 30000)) return false;
     protocol::status_reply reply;
     if (!protocol::decode(payload, reply)) return false;

@@ -14,10 +14,7 @@
 
 namespace nv_test {
 
-// The 0x10000fa request, and the records of a 0x10000fb reply (false when it does not decode
-// to the end).
-mcl::binary_t subscribe_request(bool unsubscribe, const std::string& subscriber, const std::string& event_name,
-                                const std::string& path, uint8_t major = 0xFF, uint8_t minor = 0xFF, uint32_t type = 0);
+// The records of a 0x10000fb reply (false when it does not decode to the end).
 bool read_records(const mcl::binary_t& reply, std::vector<protocol::notification_data>& records);
 
 class irp_client {

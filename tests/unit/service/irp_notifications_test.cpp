@@ -17,10 +17,9 @@
 #include "service/helper_service.h"
 #include "tests/helpers/irp_client.h"
 #include "tests/helpers/log_capture.h"
+#include "tests/unit/protocol/conformance.h"
 
 namespace {
-
-using nv_test::subscribe_request;
 
 chelperservice& svc() { return chelperservice::instance(); }
 
@@ -42,9 +41,8 @@ std::vector<uint8_t> call(uint32_t id, mcl::binary_t payload) {
 }
 
 std::vector<protocol::notification_data> collect(const std::string& sub) {
-    mcl::binary_t query;
-    protocol::encode(query, protocol::notification_query_request{sub});
-    const std::vector<uint8_t> reply = call(msg::query_irp_notification_data, query);
+    const std::vector<uint8_t> reply =
+        call(msg::query_irp_notification_data, nv_test::encoded(protocol::notification_query_request{sub}));
     std::vector<protocol::notification_data> records;
     EXPECT_TRUE(nv_test::read_records(mcl::binary_t(reply.data(), static_cast<uint32_t>(reply.size())), records));
     return records;
@@ -70,8 +68,8 @@ uint64_t fake_clock() { return fake_now; }
 TEST(IrpMessages, RecordsExpireWhenAMessageArrivesMoreThan300SecondsAfterThem) {
     mcl::event ev;  // a subscriber whose event cannot be opened gets no records
     ASSERT_EQ(0, ev.create("Global\\nv_irp_test_a"));
-    const mcl::binary_t request = subscribe_request(0, "test_a", "Global\\nv_irp_test_a", "C:\\Data\\File.TXT");
-    EXPECT_EQ(std::vector<uint8_t>({1, 0}), call(msg::subscribe_irp_notification, request));
+    const protocol::subscribe_request request{false, "test_a", "Global\\nv_irp_test_a", "C:\\Data\\File.TXT"};
+    EXPECT_EQ(std::vector<uint8_t>({1, 0}), call(msg::subscribe_irp_notification, nv_test::encoded(request)));
     svc().irp_notifications().setIrpClock(&fake_clock);
     EXPECT_TRUE(deliver(41, L"\\Device\\HarddiskVolume1\\data\\file.txt"));
     auto a = collect("test_a");
@@ -99,8 +97,8 @@ TEST(IrpMessages, RecordsExpireWhenAMessageArrivesMoreThan300SecondsAfterThem) {
 TEST(IrpMessages, ASubscriberHoldsAtMostTheBoundOldestDroppedFirstWithOneLinePerBurst) {
     mcl::event ev;
     ASSERT_EQ(0, ev.create("Global\\nv_irp_test_b"));
-    const mcl::binary_t request = subscribe_request(0, "test_b", "Global\\nv_irp_test_b", "C:\\Data\\Burst.txt");
-    EXPECT_EQ(std::vector<uint8_t>({1, 0}), call(msg::subscribe_irp_notification, request));
+    const protocol::subscribe_request request{false, "test_b", "Global\\nv_irp_test_b", "C:\\Data\\Burst.txt"};
+    EXPECT_EQ(std::vector<uint8_t>({1, 0}), call(msg::subscribe_irp_notification, nv_test::encoded(request)));
     nv_test::log_capture log;
     const size_t extra = 5;  // sent first, with another major function, to be dropped
     for (uint64_t i = 0; i < irp::max_records_per_subscriber + extra; ++i)
