@@ -1,6 +1,5 @@
 // A small program that tests start as a second process.
 //   nv_test_helper hold-mutex NAME MS READY_EVENT   create (or open) and hold a named mutex for MS ms
-//   nv_test_helper abandon-mutex NAME READY_EVENT   take the mutex and exit without releasing
 //   nv_test_helper wait-event NAME MS [SDDL]        create a named event, print "ready", wait MS ms for it
 //   nv_test_helper set-event NAME                   set an existing named event (exit 2 and the error
 //       code on stdout if it cannot be opened)
@@ -74,8 +73,7 @@ int pipeline(const char* name, int count, char** requests) {
 int main(int argc, char** argv) {
     if (argc >= 4 && strcmp(argv[1], "pipeline") == 0) return pipeline(argv[2], argc - 3, argv + 3);
     if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(argc - 2, argv + 2);
-    const bool abandon = argc >= 4 && strcmp(argv[1], "abandon-mutex") == 0;
-    if (abandon || (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0)) {
+    if (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0) {
         HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
         const bool made = m != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
         // A mutex made by someone else is opened with what a client gets, and taken.
@@ -83,12 +81,8 @@ int main(int argc, char** argv) {
             m = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, argv[2]);
         if (m == nullptr) return 2;
         if (!made) (void)WaitForSingleObject(m, INFINITE);
-        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[abandon ? 3 : 4]);
+        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[4]);
         if (ready != nullptr) SetEvent(ready);
-        if (abandon) {
-            Sleep(300);
-            ExitProcess(0);  // the mutex is abandoned
-        }
         Sleep(static_cast<DWORD>(atoi(argv[3])));
         ReleaseMutex(m);
         CloseHandle(m);
