@@ -4,8 +4,8 @@
 //   grant KEY            adds full access for Administrators in front of the key's DACL
 //   grant-own-keys       the same on each of the service's own keys: stands in for the service
 //                        SID that Wine's tokens lack, so the running service can write its records
-//   lock KEY             gives the key to SYSTEM until "unlock" (prints "locked"): a protected DACL
-//                        then leaves no one the right to write the DACL back
+//   lock KEY             gives the key to SYSTEM until Global\nv_regkey_probe_unlock is set (prints
+//                        "locked"): a protected DACL then leaves no one the right to write it back
 //   crash-protect PATH OWNER LEVEL
 //                        protects PATH as the service does and ends (exit code 9) between the
 //                        record write and the DACL write
@@ -63,10 +63,8 @@ bool set_owner(HKEY handle, const char* owner) {
            write_sddl(handle, OWNER_SECURITY_INFORMATION | DACL_SECURITY_INFORMATION, std::string("O:") + owner + dacl);
 }
 
-constexpr const char* unlock_event = "Global\\nv_regkey_probe_unlock";
-
 int lock(const char* key) {
-    HANDLE unlock = CreateEventA(nullptr, TRUE, FALSE, unlock_event);
+    HANDLE unlock = CreateEventA(nullptr, TRUE, FALSE, "Global\\nv_regkey_probe_unlock");
     HKEY handle = open(key, WRITE_OWNER | WRITE_DAC | READ_CONTROL);
     if (unlock == nullptr || handle == nullptr || !set_owner(handle, "SY")) return 2;
     printf("locked\n");
@@ -119,10 +117,6 @@ int main(int argc, char** argv) {
     }
     if (command == "grant" && argc == 3) return grant(argv[2]);
     if (command == "lock" && argc == 3) return lock(argv[2]);
-    if (command == "unlock" && argc == 2) {
-        HANDLE event = OpenEventA(EVENT_MODIFY_STATE, FALSE, unlock_event);
-        return event != nullptr && SetEvent(event) ? 0 : 2;
-    }
     if (command == "grant-own-keys" && argc == 2) {
         int rc = 0;
         for (const char* key : reg_key_protection::own_reg_keys)

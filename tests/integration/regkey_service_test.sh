@@ -239,7 +239,7 @@ has_value "$t\\Locked" || fail "Locked record kept"
 has_record "$orig" "$lvl1_a" "1|$hklm|$t\\Locked|nv_owner_a|1|"
 expect_eq "failure line" 1 "$(log_count "Failed to restore the original dacl of reg key (\\\\$hklm_text\\$t\\Locked), the key stays protected")"
 expect_eq "no unprotected line" 0 "$(log_count "software\\nvtest\\locked has been unprotected.")"
-run "$probe" unlock
+run "$helper" set-event 'Global\nv_regkey_probe_unlock'
 wait "$locker" || fail "lock: the owner was not given back"
 given_back "Locked: original DACL back" "$t\\Locked"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Locked"
