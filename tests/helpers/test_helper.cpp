@@ -12,8 +12,8 @@
 //       exit code passed through (exit 255 when it could not be started)
 //   nv_test_helper pipeline NAME ID:HEX...          on one connection to the listener NAME, writes
 //       every request (hex ID, hex payload) before reading any reply, then prints each reply as
-//       it comes, "ID SEQUENCE HEX" (requests are numbered from 1); exit 2 without a connection,
-//       3 when the connection ends before every reply
+//       it comes, "ID SEQUENCE HEX" (requests are numbered from 1); exit 2 without a connection
+//       or for a payload that is not hex, 3 when the connection ends before every reply
 #include <windows.h>
 
 #include <sddl.h>
@@ -30,6 +30,7 @@
 #include "mcl/ipc/frame.h"
 #include "tests/helpers/raw_client.h"
 #include "tests/helpers/restricted.h"
+#include "tools/recovery_code/signer.h"
 
 namespace {
 
@@ -39,12 +40,9 @@ int pipeline(const char* name, int count, char** requests) {
     std::vector<unsigned char> bytes;
     for (int i = 0; i < count; ++i) {
         const char* colon = strchr(requests[i], ':');
-        mcl::binary_t payload;
-        for (const char* h = colon != nullptr ? colon + 1 : ""; h[0] != 0 && h[1] != 0; h += 2) {
-            const char pair[3] = {h[0], h[1], 0};
-            const unsigned char byte = static_cast<unsigned char>(strtoul(pair, nullptr, 16));
-            payload.append(&byte, 1);
-        }
+        std::vector<unsigned char> hex;
+        if (!nv_tools::from_hex(colon != nullptr ? colon + 1 : "", hex)) return 2;
+        const mcl::binary_t payload(hex.data(), static_cast<uint32_t>(hex.size()));
         mcl::binary_t frame;
         mcl::append_frame(frame, mcl::frame_kind::request, static_cast<uint32_t>(strtoul(requests[i], nullptr, 16)),
                           static_cast<uint32_t>(i + 1), payload);
