@@ -187,11 +187,9 @@ echo "== folder DACL recovery, held at its write: the list answered meanwhile, a
 listed_before=$(call query-protected-processes && printf '%s' "$reply")
 hold_dacl_writes
 restoring=$(log_count 'Restoring permissions of folder (C:\prot\other)')
-(wine "$client" -t 200000 call recover-folder-dacl name='C:\prot\other\' </dev/null >"$work/recover.out" 2>&1) &
-recovering=$!
+call_bg recovering "$work/recover.out" recover-folder-dacl name='C:\prot\other\'
 poll 300 0.1 '[ "$(log_count "Restoring permissions of folder (C:\prot\other)")" -gt "$restoring" ]' || fail "recover: not started"
-(wine "$client" -t 200000 call protect-processes protect=0 image='C:\prot\other\none.exe' </dev/null >"$work/after.out" 2>&1) &
-after=$!
+call_bg after "$work/after.out" protect-processes protect=0 image='C:\prot\other\none.exe'
 answers "recover held: the list as it was" "$listed_before" query-protected-processes
 sleep 0.5
 expect_eq "recover held: it and the protect after it wait" "waiting waiting" \
@@ -302,8 +300,7 @@ echo "== a stop while a request waits for a service that stays stop pending: no 
 install_test_service nv_stuck_stop stuckstop demand stuck-stopping
 run sc start nv_stuck_stop && wait_svc_state nv_stuck_stop 0
 n=$(log_count 'Received IPC message 1000066')
-wine "$client" -t 200000 call stop-service-by-name name=nv_stuck_stop </dev/null >/dev/null 2>&1 &
-waiter=$!
+call_bg waiter /dev/null stop-service-by-name name=nv_stuck_stop
 poll 150 0.2 '[ "$(log_count "Received IPC message 1000066")" -gt "$n" ]' || fail "the stop request did not come"
 sleep 2  # well inside its 30-second wait
 within 10 run "$exe" -s stop  # not the other service's 30 seconds

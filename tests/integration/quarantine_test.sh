@@ -205,8 +205,7 @@ expect_eq "link before: logged" 1 "$(log_count 'Quarantine refused, C:\lnk\v.txt
 # The test build waits after writing the archive of s2.bin while the ".paused" file it made is
 # there; meanwhile the folder becomes a link to a folder holding a decoy of the same name.
 run reg add "$helper_key" /v ArchivePause /t REG_SZ /d s2.bin /f
-(wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\sw\s2.bin' </dev/null >"$work/paused.out" 2>&1) &
-sender=$!
+call_bg sender "$work/paused.out" quarantine-files action=0 container='c:\q' path='C:\sw\s2.bin'
 poll 600 0.1 'compgen -G "$drive_c/q/*.paused" >/dev/null' || fail "the archive pause was not reached"
 mv "$drive_c/sw" "$drive_c/sw.real" && mkdir "$drive_c/decoy" && printf 'decoy' >"$drive_c/decoy/s2.bin"
 ln -s "$drive_c/decoy" "$drive_c/sw"
@@ -377,8 +376,7 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     # kill_during ACTION PATH GLOB: sends the request, kills the service once GLOB matches (or
     # half a second after sending for "none"), starts it again.
     kill_during() {
-        (wine "$client" -t 200000 call quarantine-files action="$1" container='c:\q' path="$2" </dev/null >/dev/null 2>&1) &
-        local sender=$!
+        local sender; call_bg sender /dev/null quarantine-files action="$1" container='c:\q' path="$2"
         if [ "$3" = none ]; then sleep 0.5; else poll 600 0.05 "compgen -G '$3' >/dev/null"; fi
         run taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
@@ -420,8 +418,7 @@ if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
     run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
     while IFS='|' read -r what source_after temp_after line; do
         printf 'paused %s' "$what" >"$drive_c/data/p.txt"
-        (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\data\p.txt' </dev/null >/dev/null 2>&1) &
-        sender=$!
+        call_bg sender /dev/null quarantine-files action=0 container='c:\q' path='C:\data\p.txt'
         poll 600 0.1 'compgen -G "$drive_c/q/p.txt.*.paused" >/dev/null' || fail "$what: the pause was not reached"
         runs "$what: killed" 0 '*' taskkill /F /IM NorvaleHalvernService.exe
         wait $sender
@@ -450,11 +447,9 @@ EOF
     truncate -s 1G "$drive_c/data/huge.bin"
     printf 'paused' >"$drive_c/data/p.txt"
     run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
-    (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q' path='C:\data\huge.bin' </dev/null >"$work/huge.out" 2>&1) &
-    sender=$!
+    call_bg sender "$work/huge.out" quarantine-files action=0 container='c:\q' path='C:\data\huge.bin'
     answers "create C:\\Q2" "$ok" create-quarantine-container path='C:\Q2'
-    (wine "$client" -t 200000 call quarantine-files action=0 container='c:\q2' path='C:\data\p.txt' </dev/null >"$work/paused.out" 2>&1) &
-    pauser=$!
+    call_bg pauser "$work/paused.out" quarantine-files action=0 container='c:\q2' path='C:\data\p.txt'
     poll 300 0.1 '[ "$(log_count "Archiving : C:\data\huge.bin")" = 1 ]' || fail "the 1 GiB quarantine did not start"
     poll 600 0.1 'compgen -G "$drive_c/q2/p.txt.*.paused" >/dev/null' || fail "the paused quarantine did not start"
     sleep 1
@@ -485,16 +480,14 @@ arc_r=$(reply_text | tr -d ';')
 printf 'held' >"$drive_c/data/h.txt"
 printf 'next' >"$drive_c/data/n.txt"
 run reg add "$helper_key" /v ArchivePause /t REG_SZ /d h.txt /f
-(wine "$client" -t 200000 call quarantine-files action=0 container='c:\side' path='C:\data\h.txt' </dev/null >"$work/held.out" 2>&1) &
-held=$!
+call_bg held "$work/held.out" quarantine-files action=0 container='c:\side' path='C:\data\h.txt'
 poll 600 0.1 'compgen -G "$drive_c/side/h.txt.*.paused" >/dev/null' || fail "side by side: the pause was not reached"
 versions=$(log_count 'Received IPC message 100000A')
 (wine "$helper" pipeline $svc "10000ca:$(encode quarantine-files action=0 container='c:\side' path='C:\data\n.txt')" \
     "100000a:" </dev/null >"$work/pipeline.out" 2>&1) &
 piped=$!
 poll 300 0.05 '[ "$(log_count "Received IPC message 100000A")" -gt "$versions" ]' || fail "side by side: the pipeline did not arrive"
-(wine "$client" -t 200000 call remove-quarantine-container action=1 path='c:\side' </dev/null >"$work/removed.out" 2>&1) &
-removing=$!
+call_bg removing "$work/removed.out" remove-quarantine-container action=1 path='c:\side'
 call get-quarantine-containers
 [[ "$reply" == *$'\ncontainer=c:\\side\\'* ]] || fail "side by side: the list [$reply]"
 quarantine 2 'c:\q' "$arc_r"

@@ -198,13 +198,9 @@ echo "== a protect held at its DACL write: other requests answered meanwhile, th
 run reg add "HKLM\\$t\\Held" /f
 hold_dacl_writes
 records=$(listing | head -n 1)
-(wine "$client" -t 200000 call protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1 \
-    </dev/null >"$work/held.out" 2>&1) &
-held=$!
+call_bg held "$work/held.out" protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1
 poll 300 0.1 '[ "$(log_count "Trying to protect reg key (\\\\$hklm_text\\$t\\Held)")" -gt 0 ]' || fail "held: not started"
-(wine "$client" -t 200000 call protect-reg-keys protect=0 root=0x$hklm path="$t\\Held" owner=nv_gone level=0 \
-    </dev/null >"$work/after.out" 2>&1) &
-after=$!
+call_bg after "$work/after.out" protect-reg-keys protect=0 root=0x$hklm path="$t\\Held" owner=nv_gone level=0
 call service-version
 [[ "$reply" == version=* ]] || fail "held: the version [$reply]"
 listed "${records#count=}"
