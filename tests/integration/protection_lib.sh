@@ -36,6 +36,8 @@ call() {
 answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
 # call_bg VAR OUT MESSAGE [KEY=VALUE ...]: the call in the background, its output in OUT, its pid in VAR.
 call_bg() { (wine "$client" -t 200000 call "${@:3}" </dev/null >"$2" 2>&1) & printf -v "$1" %s $!; }
+# still_waiting LABEL PID...: half a second on, every PID still runs (its request not answered).
+still_waiting() { local p; sleep 0.5; for p in "${@:2}"; do kill -0 "$p" 2>/dev/null || fail "$1: $p has ended"; done; }
 # sends LABEL WANT SENT MESSAGE [KEY=VALUE ...]: answers WANT, and the simulator got SENT meanwhile.
 sends() { mark; answers "$1" "$2" "${@:4}"; expect_eq "$1: sent" "$3" "$(sent)"; }
 said() { printf 'result=%s message=%s' "$1" "$2"; }  # a status reply's fields

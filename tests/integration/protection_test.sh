@@ -191,9 +191,7 @@ call_bg recovering "$work/recover.out" recover-folder-dacl name='C:\prot\other\'
 poll 300 0.1 '[ "$(log_count "Restoring permissions of folder (C:\prot\other)")" -gt "$restoring" ]' || fail "recover: not started"
 call_bg after "$work/after.out" protect-processes protect=0 image='C:\prot\other\none.exe'
 answers "recover held: the list as it was" "$listed_before" query-protected-processes
-sleep 0.5
-expect_eq "recover held: it and the protect after it wait" "waiting waiting" \
-    "$(kill -0 $recovering && echo waiting) $(kill -0 $after && echo waiting)"
+still_waiting "recover held: it and the protect after it wait" $recovering $after
 release_dacl_writes
 wait $recovering $after
 expect_eq "recover, then the protect" "$ok $ok" "$(tr -d '\r' <"$work/recover.out") $(tr -d '\r' <"$work/after.out")"

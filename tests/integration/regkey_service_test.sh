@@ -204,9 +204,7 @@ call_bg after "$work/after.out" protect-reg-keys protect=0 root=0x$hklm path="$t
 call service-version
 [[ "$reply" == version=* ]] || fail "held: the version [$reply]"
 listed "${records#count=}"
-sleep 0.5
-expect_eq "held: the protect and the unprotect after it wait" "waiting waiting" \
-    "$(kill -0 $held && echo waiting) $(kill -0 $after && echo waiting)"
+still_waiting "held: the protect and the unprotect after it wait" $held $after
 release_dacl_writes
 wait $held $after
 expect_eq "held: both answered" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
