@@ -48,9 +48,7 @@ expect_eq "still running" 0 "$(state)"
 echo "== every request: the restricted client, then an administrator"
 # The restricted client's own event, for its subscription: made by an ordinary user, for everyone
 # (with the default DACL, only administrators and the system could set it).
-wine "$helper" as-user "$(win "$helper")" wait-event 'Global\nv_caller_own' 600000 'D:(A;;GA;;;WD)' </dev/null >"$work/own.txt" 2>&1 &
-own=$!
-poll 150 0.2 'grep -q ready "$work/own.txt"' || fail "the restricted client's event was not made"
+waiter own "$work/own.txt" as-user "$(win "$helper")" wait-event 'Global\nv_caller_own' 600000 'D:(A;;GA;;;WD)'
 refusals=0
 # ID|ROUTE (- for a request that only reads)|PAYLOAD|RESTRICTED REPLY (for reads; default: the
 # administrator's)|WAIT (after the administrator's request, until what it started has settled)
@@ -116,9 +114,7 @@ expect_eq "every refusal logged once, naming the restricted client's image" "$((
     "$(refused_lines ' from process ') $(refused_lines " ($user_image)")"
 
 echo "== IRP subscriptions: only events the subscriber may set"
-wine "$helper" wait-event 'Global\nv_caller_admins' 600000 'O:BAG:BAD:(A;;GA;;;SY)(A;;GA;;;BA)' </dev/null >"$work/admins.txt" 2>&1 &
-admins=$!
-poll 150 0.2 'grep -q ready "$work/admins.txt"' || fail "the administrators' event was not made"
+waiter admins "$work/admins.txt" wait-event 'Global\nv_caller_admins' 600000 'O:BAG:BAD:(A;;GA;;;SY)(A;;GA;;;BA)'
 theirs=$(encode subscribe-irp-notification unsubscribe=0 subscriber=theirs event='Global\nv_caller_admins' file= major=0xFF minor=0xFF type=0)
 as_user send 10000fa "$theirs"
 expect "an event the restricted client may not set" 0 "0000"

@@ -93,10 +93,7 @@ subscription() { encode subscribe-irp-notification unsubscribe="$1" subscriber="
 # subscriber NAME EVENT PATH [MAJOR MINOR TYPE]: a process of its own creates EVENT and waits
 # for it ($wpid, exit 0 once it fired), then NAME subscribes with it over the pipe.
 subscriber() {
-    local said=$work/$1.event
-    wine "$helper" wait-event "$2" 60000 </dev/null >"$said" 2>&1 &
-    wpid=$!
-    poll 150 0.2 'grep -q ready "$said"' || fail "$1: the event was not made"
+    waiter wpid "$work/$1.event" wait-event "$2" 60000
     request 10000fa "$(subscription 0 "$@")" 0100
 }
 # records NAME: the reply to one 0x10000fb in hex, then " again" unless the next reply is empty.
@@ -197,8 +194,7 @@ expect_record any "$(record '' 4000000 '' '')"
 expect_log 'Failed to notify subscriber <subB> on IRP for file <>, unable to open event <Global\\nv_subB>, error: 2' 1
 
 echo "== requests on the wire: bad ones refused with a line, the table left alone"
-wine "$helper" wait-event 'Global\wire_ev' 600000 </dev/null >"$work/wire.event" 2>&1 &  # the subscriptions' event
-poll 150 0.2 'grep -q ready "$work/wire.event"' || fail "the wire event was not made"
+waiter wire "$work/wire.event" wait-event 'Global\wire_ev' 600000  # the subscriptions' event
 # ID|PAYLOAD|REPLY|LOG LINE ('-': none)
 while IFS='|' read -r id payload reply line; do
     run "$client" send "$id" ${payload:+"$payload"}

@@ -96,6 +96,9 @@ undouble() {
     fi
     wait "$double_pid" 2>/dev/null
 }
+# waiter VAR OUT HELPER-ARGS...: nv_test_helper in the background, its pid in VAR, its output in
+# OUT (emptied first: no earlier run's "ready"); a failure unless it is ready within 30 s.
+waiter() { : >"$2"; wine "$helper" "${@:3}" </dev/null >"$2" 2>&1 & printf -v "$1" %s $!; poll 150 0.2 "grep -q ready '$2'" || fail "${*:3}: not ready"; }
 # within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
 within() {
     local limit_ms=$(($1 * 1000)) t0 ms

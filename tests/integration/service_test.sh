@@ -76,16 +76,13 @@ as_user=("$helper" as-user "$(win "$helper")")
 # as_user_ready NAME ARGS...: runs the helper as an ordinary user in the background, once it has
 # set the event NAME (its last argument).
 as_user_ready() {
-    : >"$work/ready.txt"
-    wine "$helper" wait-event "$1" 30000 </dev/null >"$work/ready.txt" 2>&1 &
-    local waiter=$!
-    poll 100 0.1 'grep -q ready "$work/ready.txt"'
+    local ready
+    waiter ready "$work/ready.txt" wait-event "$1" 30000
     wine "${as_user[@]}" "${@:2}" "$1" </dev/null >/dev/null 2>&1 &
-    wait $waiter || fail "as an ordinary user, ${*:2} did not get ready"
+    wait $ready || fail "as an ordinary user, ${*:2} did not get ready"
 }
 as_user_ready 'Global\nv_squatter_ready' hold-mutex 'Global\NORVALE_ClientHelper_Service_Running' 120000
-wine "${as_user[@]}" wait-event "Global\\${svc}_NTSVC_STOP_EVENT" 120000 </dev/null >"$work/squatted.txt" 2>&1 &
-poll 100 0.1 'grep -q ready "$work/squatted.txt"'
+waiter squatter "$work/squatted.txt" "${as_user[@]:1}" wait-event "Global\\${svc}_NTSVC_STOP_EVENT" 120000
 runs "start with a squatted instance mutex and stop event" 0 "" "$exe" -s start
 for name in 'Global\\NORVALE_ClientHelper_Service_Running' "Global\\\\${svc}_NTSVC_STOP_EVENT"; do
     [ "$(log_lines "The named object \"$name\" was made before the service by .*, neither the system nor")" = 1 ] ||
