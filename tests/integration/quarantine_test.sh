@@ -60,7 +60,6 @@ for case in "no backslash:noslash" "relative:q\\r" "over 260:$long" "a file:C:\\
     "dot dot:C:\\q\\..\\windows" "empty:"; do
     answers "${case%%:*}" "$(said 0 'Invalid path.')" create-quarantine-container path="${case#*:}"
 done
-ask "no list" "$status_fail" 10000c9 "$(encode create-quarantine-container path='c:\x' | sed 's/00000000$//')"
 expect_eq "bad containers: no rule" "" "$(new_rules)"
 answers "still one container" "$(items container 'c:\q\')" get-quarantine-containers
 # Relative, no backslash and ".." are refused by the path rules, the rest by the store.
@@ -329,10 +328,8 @@ expect_eq "over-long name skipped" 0 "$(log_count 'Read quarantine containers: c
 expect_eq "code 9 re-sent" "$(printf '9 command %s\n' "$device\\q" "$device\\${long_container:3:254}")" "$(sent | grep '^9 ')"
 answers "containers after restart" "$(items container 'c:\q\' "$long_container")" get-quarantine-containers
 answers "blocked after restart" "$(said 1 yes)" is-file-access-blocked name='c:\data\blk.txt'
-mark
 answers "unblock after restart" "$ok" unblock-file-access name='c:\data\blk.txt'
 expect_eq "unblock: saved descriptor back" "D:(A;;FA;;;BA)(A;;0x1200a9;;;BU)" "$(recorded file 'c:\data\blk.txt' | cut -f 1)"
-expect_eq "unblock: code 10" "10 command $device\\data\\blk.txt" "$(new_rules)"
 expect_eq "saved descriptor removed" "" "$(reg_value "$bkey" 'c:\data\blk.txt')"
 
 echo "== remove containers"
