@@ -130,8 +130,6 @@ ctl unload-on-send
 request 1000007 '' 0100
 [ "$(log_lines '] - The kernel component of vqrmonitor has unloaded.$')" = 3 ] || fail "one unloaded line per send"
 not_loaded="Could not connect to filter: -2147024894 - [A-Za-z]"
-request 1000007 '' 0100
-[ "$(log_lines "$not_loaded")" = 1 ] || fail "the connection failure with its text: $not_loaded"
 ctl load >/dev/null
 request 1000007 '' 0100 "$on3"
 mark=$(journal | wc -l)
@@ -145,8 +143,6 @@ run "$exe" -i install
 runs "start" 0 '*' "$exe" -s start
 wait_listening
 startup_checks win8
-ctl state | grep -qF '"svc_mgr_path":"\\Device\\HarddiskVolume1\\windows\\system32\\services.exe"' ||
-    fail "win8: the driver's service manager path: $(ctl state)"
 # A denial by the service's own process: its image and description in the record.
 subscriber scm 'Global\nv_scm' 'c:\data\file.txt' 3 0xFF 1
 spid=$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')
@@ -180,7 +176,6 @@ for got in "$a" "$b"; do
     [[ "$got" =~ ^$(record 'c:\data\file.txt' 4000000 '' '')$ ]] || fail "a subscriber's record [$got]"
 done
 [ "${a:8:16}" != "${b:8:16}" ] || fail "two records with one sequence: $a / $b"
-expect_log 'Add subscription for <subB> on file <subscribe_any_file>' 1
 expect_log 'Notify subscriber <subA> on IRP for file <c:\\data\\file.txt>' 1
 expect_log 'Coverted file path="c:\\data\\file.txt"' 1
 expect_log 'Received the IRP denied notification: FileName="\\Device\\HarddiskVolume1\\data\\file.txt" MajorFun=3, MinorFunc=0, pid=0x' 1
@@ -208,10 +203,8 @@ done <<ROWS
 10000fa|$(subscription 1 wire e 'C:\WIRE\a.txt')|0100|Remove subscription for <wire> on file <c:\\\\wire\\\\a.txt>
 10000fa|$(subscription 0 '' e p)|0000|-
 10000fa|71|0000|Subscription request of 1 bytes is truncated, refused
-10000fa||0000|Subscription request of 0 bytes is truncated, refused
 10000fa|$(subscription 0 "$(printf 's%.0s' $(seq 300))" e p)|0000|Subscription request of 312 bytes is oversized (at most 1554 bytes, names 260, path 1024), refused
 10000fb|$(s nobody)|00000000|-
-10000fb||00000000|-
 10000fb|00|00000000|-
 10000fb|71|00000000|Query of 1 bytes is truncated, refused
 10000fb|$(s "$(printf 'q%.0s' $(seq 261))")|00000000|Query of 262 bytes is oversized (a subscriber name of at most 260 bytes), refused
