@@ -75,8 +75,6 @@ run reg add "$key" /v WOW64 /t REG_DWORD /d 1 /f
 instdrv "clean install"
 installed_version_is "clean install" current
 expect_layout "clean install"
-expect_value "clean install" "$key" SkipProc1stCreate "REG_DWORD 0x1"
-expect_value "clean install" "$key" SvcMgrPath ""
 expect_value "clean install" "$install_key" DriverUpdated ""
 expect_logged "clean install" "$log" "InstallHinfSection DefaultInstall 132 C:\\\\nv\\\\" "rundll command ran successfully"
 expect_not_logged "clean install" "$log" "Begin install VQRMonitor driver"
@@ -94,11 +92,9 @@ instdrv "same version, no port"
 expect_logged "same version, no port" "$log" "Could not connect to filter: -2147024894 - .*, reinstall the driver." \
     "DefaultUninstall 132" "DefaultInstall 132"
 expect_value "same version, no port" "$install_key" DriverUpdated "REG_DWORD 0x1"
-expect_layout "same version, no port"
 
 echo "== a newer version replaces the old one; the driver service started brings the ports back"
 start_driver_service
-expect_eq "driver started: the simulator serves" true "$(driver_state | jq .loaded)"
 package next
 before=$(sim_unloads)
 instdrv "newer version"
@@ -122,7 +118,6 @@ start_driver_service
 before=$(sim_unloads)
 uninstdrv "uninstall"
 [ "$(sim_unloads)" -gt "$before" ] || fail "uninstall: the unload did not reach the driver"
-expect_eq "uninstall: the simulator" false "$(driver_state | jq .loaded)"
 expect_logged "uninstall" "$log" "DefaultUninstall 132 C:\\\\nv\\\\"
 [ -z "$(service_type)" ] && [ ! -e "$installed" ] || fail "uninstall: the service or the file is still there"
 expect_value "uninstall" "$key" SkipProc1stCreate ""
