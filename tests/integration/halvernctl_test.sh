@@ -56,8 +56,7 @@ expect_eq "not installed as JSON" '["not_installed",4,"service list"]' "$(jq -c 
 # The manager knows the service (stopped, with no program), so commands try to start it and
 # then connect to whatever listens under its name: the peer below, from the registered program's
 # folder. One serving the pipe from elsewhere is refused before anything is sent: setup_tasks_test.sh.
-run sc create $svc binPath= 'C:\nv\absent.exe'
-expect_eq "sc create" 0 "$rc"
+runs "sc create" 0 '*' sc create $svc binPath= 'C:\nv\absent.exe'
 record=$work/record.txt
 stop_event='Global\nv_service_double_stop'
 

@@ -81,8 +81,6 @@ python3 -c "
 import random, sys
 r = random.Random(7)
 sys.stdout.buffer.write(r.randbytes(1572867) + b'quarantined line of text\\n' * 60000 + r.randbytes(700001))" >fixed.bin
-[ "$(sum_of fixed.bin)" = 97b9e068059c2fdf7f9f59e35eac4b19bd5d2547d508c9d8cd8a07986ce4c268 ] ||
-  fail "fixed content generated differently"
 expect 0 "ok: fixed.QUA" -- create fixed.bin fixed.QUA
 dd if=/dev/zero of=fixed.QUA bs=1 seek=20 count=8 conv=notrunc status=none
 [ "$(sum_of fixed.QUA)" = a6deea5f80043a873a5ad6e7c8b5e018a7ccb87cf2226e1fb14b2aa877d6ac16 ] ||
