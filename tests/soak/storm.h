@@ -105,6 +105,8 @@ struct usage {
     DWORD handles = 0;
     SIZE_T private_bytes = 0;
 };
+// The service's figures, read in this process (read_usage) or in a reader process (sample).
+bool read_usage(DWORD pid, usage& u);
 bool sample(DWORD pid, usage& u);
 
 void check_every_request_answers();

@@ -33,7 +33,10 @@ churn &
 churner=$!
 
 echo "== storm: $clients clients, $seconds s ($(date +%T))"
-wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1
+# A storm gets its length, two minutes for its clients to end and five for its checks; one that
+# outlives that (a process Wine left unable to exit) is ended and fails.
+bounded() { timeout -k 10 $(($1 + 420)) "${@:2}"; }
+bounded "$seconds" wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1
 storm_rc=$?
 tr -d '\r' <"$work/storm.txt"
 [ "$storm_rc" = 0 ] || fail "storm checks (exit $storm_rc)"
@@ -46,7 +49,7 @@ echo "== crash recovery: $kills kills during a storm ($(date +%T))"
 crash_seconds=$((kills * 8 + 20))
 rm -f "$drive_c/storm/kills_done"
 crash_clients=$((clients / 4 > 0 ? clients / 4 : 1))
-wine "$storm" storm "$crash_seconds" "$crash_clients" --crashes </dev/null >"$work/crash_storm.txt" 2>&1 &
+bounded "$crash_seconds" wine "$storm" storm "$crash_seconds" "$crash_clients" --crashes </dev/null >"$work/crash_storm.txt" 2>&1 &
 crash_storm=$!
 for k in $(seq 1 "$kills"); do
     sleep "$((1 + RANDOM % 5)).$((RANDOM % 10))"

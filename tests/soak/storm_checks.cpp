@@ -15,6 +15,7 @@
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/text.h"
 #include "protocol/message_ids.h"
+#include "tests/helpers/process.h"
 #include "tests/soak/storm.h"
 
 namespace storm {
@@ -110,7 +111,7 @@ DWORD open_handles(DWORD pid) {
 
 // From the system's process and handle lists: they also have the figures of processes this one
 // may not open.
-bool sample(DWORD pid, usage& u) {
+bool read_usage(DWORD pid, usage& u) {
     std::vector<unsigned char> buffer;
     if (!query_system(SystemProcessInformation, buffer)) return false;
     for (size_t at = 0;;) {
@@ -124,6 +125,28 @@ bool sample(DWORD pid, usage& u) {
         if (p->NextEntryOffset == 0) return false;
         at += p->NextEntryOffset;
     }
+}
+
+// Read by `nv_storm sample PID` in a process of its own, tried twice: under Wine, reading the
+// system's lists while the storm's victims come and go has ended the reading thread (the storm's
+// main thread, twice, at the end of its warm-up) and left the process unable to exit.
+bool sample(DWORD pid, usage& u) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        nv_test::child reader = nv_test::start("\"" + nv_test::bin_dir() + "nv_storm.exe\" sample " + std::to_string(pid),
+                                               /*capture_output=*/true);
+        if (reader.process == nullptr) continue;
+        if (reader.wait(30000) != 0) {  // its one line fits the pipe: read once it has ended
+            reader.kill();
+            continue;
+        }
+        unsigned long handles = 0;
+        unsigned long long bytes = 0;
+        if (std::sscanf(reader.read_output().c_str(), "%lu %llu", &handles, &bytes) != 2) continue;
+        u.handles = static_cast<DWORD>(handles);
+        u.private_bytes = static_cast<SIZE_T>(bytes);
+        return true;
+    }
+    return false;
 }
 
 // Every request the storm sends valid, once more, on a fresh connection.

@@ -168,11 +168,17 @@ int main(int argc, char** argv) {
     if (mode == "victim") return storm::victim();
     if (mode == "prepare") return storm::prepare(clients);
     if (mode == "checks" && argc >= 3) return storm::final_checks(clients);
+    if (mode == "sample" && argc >= 3) {
+        storm::usage u;
+        if (!storm::read_usage(static_cast<DWORD>(strtoul(argv[2], nullptr, 10)), u)) return 1;
+        std::printf("%lu %llu\n", static_cast<unsigned long>(u.handles), static_cast<unsigned long long>(u.private_bytes));
+        return 0;
+    }
     if (mode == "storm" && argc >= 4) {
         const bool crashes = argc > 4 && std::strcmp(argv[4], "--crashes") == 0;
         return storm::run_storm(atoi(argv[2]), atoi(argv[3]), crashes, std::string(self, n));
     }
     std::fprintf(stderr,
-                 "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | checks CLIENTS\n");
+                 "usage: nv_storm storm SECONDS CLIENTS [--crashes] | prepare CLIENTS | victim | checks CLIENTS | sample PID\n");
     return 2;
 }
