@@ -201,20 +201,16 @@ echo "== a service protect held at its image folder's DACL write: the lists answ
 listed_before=$(call query-protected-processes && printf '%s' "$reply")
 hold_dacl_writes
 protecting=$(log_count 'Trying to protect process (C:\prot\svc\nv_test_service.exe)')
-(wine "$client" -t 200000 call protect-services svc=1 proc=1 name=nv_test_svc </dev/null >"$work/held.out" 2>&1) &
-held=$!
+call_bg held "$work/held.out" protect-services svc=1 proc=1 name=nv_test_svc
 poll 300 0.1 '[ "$(log_count "Trying to protect process (C:\prot\svc\nv_test_service.exe)")" -gt "$protecting" ]' ||
     fail "service protect: not started"
-(wine "$client" -t 200000 call protect-processes protect=0 image='C:\prot\other\none.exe' </dev/null >"$work/after.out" 2>&1) &
-after=$!
+call_bg after "$work/after.out" protect-processes protect=0 image='C:\prot\other\none.exe'
 call service-version
 [[ "$reply" == version=* ]] || fail "service protect held: the version [$reply]"
 answers "service protect held: the image list as it was" "$listed_before" query-protected-processes
 call query-protected-services
 [[ "$reply" == count=* ]] || fail "service protect held: the service list [$reply]"
-sleep 0.5
-expect_eq "service protect held: it and the process rule after it wait" "waiting waiting" \
-    "$(kill -0 $held && echo waiting) $(kill -0 $after && echo waiting)"
+still_waiting "service protect held: it and the process rule after it wait" $held $after
 release_dacl_writes
 wait $held $after
 expect_eq "service protect, then the process rule" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
