@@ -100,9 +100,10 @@ public:
 
     // Request handlers, called through the dispatcher's table on the IPC event thread, or on a
     // request worker for the routes the table marks as long (quarantine, blocked files, service
-    // start and stop, registry key rules, folder DACL resets). Each decodes its request from `payload` and overwrites it with its reply
-    // (or leaves it as it was). False: the request did not decode and nothing was answered; the
-    // dispatcher then answers with the route's failure reply.
+    // start and stop, process, service and registry key rules, folder DACL resets). Each decodes
+    // its request from `payload` and overwrites it with its reply (or leaves it as it was).
+    // False: the request did not decode and nothing was answered; the dispatcher then answers
+    // with the route's failure reply.
     bool disconnect_client(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool stop_service(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool protocol_compatible(mcl::ipc_connection* conn, mcl::binary_t& payload);
@@ -205,8 +206,8 @@ public:
     bool recover_folder_dacl(mcl::ipc_connection* conn, mcl::binary_t& payload);
 
     // Registry keys: the requests and the start-up and shutdown steps, forwarded to the key
-    // protection, which owns the table (service/regkey_handlers.cpp). IPC event thread, or the
-    // service thread at start-up and shutdown.
+    // protection, which owns the table (service/regkey_handlers.cpp). A request worker (the
+    // rules) or the IPC event thread (the list), or the service thread at start-up and shutdown.
     // Requests 0x100000b (status reply) and 0x100000c (the protected keys).
     bool protect_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool get_protected_reg_keys(mcl::ipc_connection* conn, mcl::binary_t& payload);

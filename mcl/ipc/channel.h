@@ -103,8 +103,8 @@ public:
     ~ipc_read_channel() override;
 
     // Collects what the pipe has (up to read_share_bytes), leaves a read pending and cuts the
-    // whole frames received so far into `frames` (emptied first). False means the connection is dead (broken pipe, a
-    // failed read, an over-long announced frame). The read thread only.
+    // whole frames received so far into `frames` (emptied first). False means the connection is
+    // dead (broken pipe, a failed read, an over-long announced frame). The read thread only.
     bool read(std::vector<binary_t>& frames);
 
     // Bytes one read call takes from the pipe before it cuts them and returns, its event left set

@@ -143,7 +143,8 @@ int run_storm(int seconds, int clients, bool crashes, const std::string& self) {
             std::printf("private_bytes_after_warmup: %.1f MiB\nprivate_bytes_after_storm: %.1f MiB\n"
                         "private_bytes_change: %.1f %%\n",
                         warm_usage.private_bytes / 1048576.0, after.private_bytes / 1048576.0, bytes);
-            const double limit = std::atof(getenv("NV_STORM_GROWTH_LIMIT") ? getenv("NV_STORM_GROWTH_LIMIT") : "10");
+            const char* limit_text = std::getenv("NV_STORM_GROWTH_LIMIT");
+            const double limit = std::atof(limit_text != nullptr ? limit_text : "10");
             const std::string within = " within " + std::to_string(static_cast<int>(limit)) + "% of ";
             check(handles <= limit, "handle count" + within + "its value after warm-up");
             check(bytes <= limit, "private bytes" + within + "their value after warm-up");
