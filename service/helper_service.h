@@ -3,6 +3,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <set>
@@ -86,7 +87,7 @@ public:
     // The master switch: sets the service, process/folder and registry protection switches
     // together and the driver's features 0, 6 and 11 with them; nothing when all three already
     // equal `on`. Off also lifts every service and process rule and stops the enforcement.
-    // Service thread or IPC event thread (service/driver_handlers.cpp).
+    // Service thread or a request worker (service/driver_handlers.cpp).
     void setProtectionEnabled(bool on);
 
     helper_msg_handler& msg_handler() { return handler_; }
@@ -144,7 +145,8 @@ public:
     static void loadTrustedOpenApp(const std::string& path) { driver_link::loadTrustedOpenApp(path); }
     static void setSvcMgrPath2Driver(const std::string& path) { driver_link::setSvcMgrPath2Driver(path); }
     // Request handlers: 0x1000006 (features 0 and 6 off), 0x1000007 (on), feature 11 following
-    // the registry protection switch; 0x1000008 (byte on: setProtectionEnabled). IPC event thread.
+    // the registry protection switch, on the IPC event thread; 0x1000008 (byte on:
+    // setProtectionEnabled) on a request worker.
     bool disable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool enable_driver_protection(mcl::ipc_connection* conn, mcl::binary_t& payload);
     bool set_protection_enabled(mcl::ipc_connection* conn, mcl::binary_t& payload);
@@ -295,9 +297,11 @@ private:
                                 [this](std::function<void()> work) { post_task(std::move(work)); }};
     mcl::mswin::security_descriptor instance_security_;
     mcl::mutex instance_mutex_;
-    bool service_protection_enabled_ = true;
-    bool process_protection_enabled_ = true;
-    bool regkey_protection_enabled_ = true;
+    // The protection switches: written by the master switch (on a request worker, or on the
+    // service thread before listening), read by the managers and the driver requests.
+    std::atomic<bool> service_protection_enabled_{true};
+    std::atomic<bool> process_protection_enabled_{true};
+    std::atomic<bool> regkey_protection_enabled_{true};
 
     // The driver link first: every manager below reaches the driver through it. The enforcement
     // also asks where a service's image lives, which the link does not know.

@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -61,7 +62,7 @@ public:
     using process_rule = protocol::process_rule;
 
     // `driver`, `sharers` and `enabled` (the process protection switch) outlive this object.
-    process_protection(folder_driver& driver, folder_sharers& sharers, const bool& enabled)
+    process_protection(folder_driver& driver, folder_sharers& sharers, const std::atomic<bool>& enabled)
         : driver_(driver), sharers_(sharers), enabled_(enabled) {}
     process_protection(const process_protection&) = delete;
     process_protection& operator=(const process_protection&) = delete;
@@ -106,7 +107,7 @@ private:
 
     folder_driver& driver_;
     folder_sharers& sharers_;
-    const bool& enabled_;
+    const std::atomic<bool>& enabled_;
     mutable mcl::lock lock_;
     std::map<std::wstring, process_record> protected_processes_;  // lock_ for writes
     std::map<std::wstring, folder_record> protected_folders_;     // lock_ for writes

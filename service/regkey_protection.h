@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -128,7 +129,7 @@ public:
 class reg_key_protection {
 public:
     // `enabled` is the registry protection switch; both outlive this object.
-    reg_key_protection(reg_key_driver& driver, const bool& enabled) : driver_(driver), enabled_(enabled) {}
+    reg_key_protection(reg_key_driver& driver, const std::atomic<bool>& enabled) : driver_(driver), enabled_(enabled) {}
     reg_key_protection(const reg_key_protection&) = delete;
     reg_key_protection& operator=(const reg_key_protection&) = delete;
 
@@ -176,7 +177,7 @@ private:
     void drop_all_driver_rules();
 
     reg_key_driver& driver_;
-    const bool& enabled_;
+    const std::atomic<bool>& enabled_;
     // The record of `text` copied out, when the table holds one.
     bool listed(const std::wstring& text, reg_key_record& record) const;
     void list(const std::wstring& text, reg_key_record&& record);

@@ -121,7 +121,11 @@ void protect_services_keys(const mcl::binary_t& payload, std::vector<std::string
 }
 
 // The protection switch turns every service's protection, every folder's and the registry switch.
-void protection_switch_keys(const mcl::binary_t&, std::vector<std::string>& keys) {
+// The driver protection requests send the switches' state to the driver: they wait for a switch
+// in progress, so that the driver ends with the state the switches end with.
+void switch_keys(const mcl::binary_t&, std::vector<std::string>& keys) { keys.push_back("switch"); }
+void protection_switch_keys(const mcl::binary_t& payload, std::vector<std::string>& keys) {
+    switch_keys(payload, keys);
     keys.push_back("service");
     keys.push_back("folder");
     keys.push_back("regkey");
@@ -153,9 +157,9 @@ const request_route routes[] = {
     {msg::service_version, &chelperservice::service_version_query, "service version", no_version},
 
     // Driver command port.
-    {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off", status_failure, changes_state},
-    {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on", status_failure, changes_state},
-    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, protection_switch_keys},
+    {msg::disable_driver_protection, &chelperservice::disable_driver_protection, "driver protection off", status_failure, changes_state, switch_keys},
+    {msg::enable_driver_protection, &chelperservice::enable_driver_protection, "driver protection on", status_failure, changes_state, switch_keys},
+    {msg::set_protection_enabled, &chelperservice::set_protection_enabled, "protection master switch", status_failure, changes_state, protection_switch_keys, runs_on::worker},
 
     // Process and folder protection.
     {msg::protect_processes, &chelperservice::protect_processes, "protect processes", status_failure, changes_state, folder_keys, runs_on::worker},
@@ -173,7 +177,7 @@ const request_route routes[] = {
     {msg::service_ctrl_start_service, &chelperservice::service_ctrl_start_service, "start service", status_failure, changes_state, start_service_keys, runs_on::worker},
     {msg::service_ctrl_stop_service, &chelperservice::service_ctrl_stop_service, "stop service by name", status_failure, changes_state, name_keys<service_key>, runs_on::worker},
     {msg::service_ctrl_recover_dacl, &chelperservice::service_ctrl_recover_dacl, "recover service DACL", status_failure, changes_state, name_keys<service_key>},
-    {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", status_failure, changes_state},
+    {msg::restore_driver_protection, &chelperservice::restore_driver_protection, "restore driver protection", status_failure, changes_state, switch_keys},
     {msg::recover_folder_dacl, &chelperservice::recover_folder_dacl, "recover folder DACL", status_failure, changes_state, folder_keys, runs_on::worker},
 
     // Quarantine.

@@ -1,6 +1,7 @@
 // Protected services: their DACL, their persisted entries and the table of them.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <string>
 #include <vector>
@@ -37,7 +38,7 @@ public:
         "S:(AU;FA;CCDCLCSWRPWPDTLOCRSDRCWDWO;;;WD)";
 
     // `enforcement` and `enabled` (the service protection switch) outlive this object.
-    service_protection(service_enforcement& enforcement, const bool& enabled)
+    service_protection(service_enforcement& enforcement, const std::atomic<bool>& enabled)
         : enforcement_(enforcement), enabled_(enabled) {}
     service_protection(const service_protection&) = delete;
     service_protection& operator=(const service_protection&) = delete;
@@ -80,7 +81,7 @@ private:
     static bool recorded_original_dacl(const std::string& name, std::string& sddl);
 
     service_enforcement& enforcement_;
-    const bool& enabled_;
+    const std::atomic<bool>& enabled_;
     mutable mcl::lock lock_;
     std::map<std::string, service_record> protected_services_;  // lock_ for writes
 };
