@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # The same storm (tests/soak/storm.sh, no kills) against two builds in one run, one after the
-# other on this machine, and the ratio of their answered requests per second. Prints
-# "name: value unit" lines.
+# other on this machine, and the ratio of their answered requests per second; then the storm's
+# ceiling here (bench/storm_ceiling.sh: against a server that answers at once) and the most any
+# build could show over BEFORE. Prints "name: value unit" lines.
 #
 #   bench/storm_compare.sh BEFORE_BUILD_DIR [AFTER_BUILD_DIR [SECONDS [CLIENTS]]]
 #       AFTER_BUILD_DIR defaults to build/mingw-x64; 120 s with 50 clients by default
@@ -22,3 +23,7 @@ a=$(rate "$after")
 echo "storm_requests_per_second_before: $b requests/s"
 echo "storm_requests_per_second_after: $a requests/s"
 awk -v a="$a" -v b="$b" 'BEGIN { printf "storm_requests_per_second_ratio: %.2f x\n", (b > 0 ? a / b : 0) }'
+c=$(bash "$src/bench/storm_ceiling.sh" "$after" "$seconds" "$clients" | sed -n 's/^storm_requests_per_second_ceiling: \([0-9.]*\) .*/\1/p')
+[ -n "$c" ] || { echo "storm_compare: no ceiling figure" >&2; exit 1; }
+echo "storm_requests_per_second_ceiling: $c requests/s"
+awk -v c="$c" -v b="$b" 'BEGIN { printf "storm_ratio_ceiling: %.2f x\n", (b > 0 ? c / b : 0) }'
