@@ -54,8 +54,10 @@ connection_ptr waiting_pair(const std::string& name) {
 }
 
 // A client peer's posts on the wire, as this end's listening pair receives them: numbered from 1,
-// and from 1 again after close. Its close then ends the pair without a log line.
-TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
+// and from 1 again after close. Its close then ends the pair without a log line. Its pipes let the
+// server identify it but never act as it; which process serves the pipes is checked before
+// anything is sent: setup_tasks_test.sh.
+TEST(IpcChannel, AClientPeerAsksForIdentificationOnlyAndNumbersItsPostsFromOneAgainAfterClose) {
     const std::string name = nv_test::unique_name("nv_channel");
     const handshake_objects handshake(name);
     ASSERT_TRUE(handshake.created);
@@ -65,6 +67,11 @@ TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
         const connection_ptr server = waiting_pair(name);
         ASSERT_TRUE(server);
         ASSERT_TRUE(client.connect(name.c_str(), 10000));
+        mcl::ipc_connection& c = *client.connections().front();  // the peer's list holds it until close
+        for (mcl::ipc_channel* ch : {static_cast<mcl::ipc_channel*>(&c.reader()), static_cast<mcl::ipc_channel*>(&c.writer())})
+            EXPECT_EQ(static_cast<DWORD>(SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION),
+                      ch->requested_open_mode() &
+                          (SECURITY_SQOS_PRESENT | SECURITY_CONTEXT_TRACKING | SECURITY_EFFECTIVE_ONLY | SECURITY_DELEGATION));
         std::vector<mcl::binary_t> received;
         for (int sequence = 1; sequence <= 2 - round; ++sequence) {
             mcl::binary_t payload;
@@ -83,25 +90,6 @@ TEST(IpcChannel, AClientPeersPostsAreNumberedFromOneAgainAfterClose) {
         EXPECT_FALSE(server->reader().read(received));
         EXPECT_FALSE(log.contains("Failed to read")) << log.text();
     }
-}
-
-// The connecting end lets the server identify it but never act as it. Which process serves the
-// pipes is checked before anything is sent: setup_tasks_test.sh.
-TEST(IpcChannel, AClientAsksForIdentificationOnly) {
-    const std::string name = nv_test::unique_name("nv_channel");
-    const handshake_objects handshake(name);
-    ASSERT_TRUE(handshake.created);
-    no_handler handler;
-    mcl::ipc_peer client("", &handler);
-    const connection_ptr server = waiting_pair(name);
-    ASSERT_TRUE(server);
-    ASSERT_TRUE(client.connect(name.c_str(), 10000));
-    const connection_ptr c = client.connections().front();
-    for (mcl::ipc_channel* ch : {static_cast<mcl::ipc_channel*>(&c->reader()), static_cast<mcl::ipc_channel*>(&c->writer())})
-        EXPECT_EQ(static_cast<DWORD>(SECURITY_SQOS_PRESENT | SECURITY_IDENTIFICATION),
-                  ch->requested_open_mode() &
-                      (SECURITY_SQOS_PRESENT | SECURITY_CONTEXT_TRACKING | SECURITY_EFFECTIVE_ONLY | SECURITY_DELEGATION));
-    client.close();
 }
 
 TEST(IpcChannel, ListeningPipesRefuseRemoteCallersAndAFirstPairAsksToBeTheFirstInstance) {
