@@ -42,12 +42,9 @@ DWORD granted_to(HANDLE token, const char* sddl, GENERIC_MAPPING mapping) {
 
 TEST(ObjectSecurity, OrdinaryUsersGetWhatAClientNeedsAdministratorsEverything) {
     const auto user = nv_test::restricted_token(/*impersonation=*/true);
-    HANDLE own = nullptr;
-    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_DUPLICATE, &own));
-    HANDLE admin_raw = nullptr;
-    ASSERT_TRUE(DuplicateToken(own, SecurityImpersonation, &admin_raw));
-    CloseHandle(own);
-    const mcl::mswin::unique_kernel_handle admin(admin_raw);
+    mcl::mswin::unique_kernel_handle own, admin;
+    ASSERT_TRUE(OpenProcessToken(GetCurrentProcess(), TOKEN_DUPLICATE, own.put()));
+    ASSERT_TRUE(DuplicateToken(own.get(), SecurityImpersonation, admin.put()));
     ASSERT_TRUE(user);
     const GENERIC_MAPPING event{STANDARD_RIGHTS_READ, STANDARD_RIGHTS_WRITE | EVENT_MODIFY_STATE,
                                 STANDARD_RIGHTS_EXECUTE | SYNCHRONIZE, EVENT_ALL_ACCESS};
@@ -76,23 +73,17 @@ TEST(ObjectSecurity, OrdinaryUsersGetWhatAClientNeedsAdministratorsEverything) {
     EXPECT_EQ(0u, asked & ~granted_to(user.get(), chelperservice::pipe_sddl, pipe));
 }
 
-// The service's request dispatcher with a listening connection whose client is this process.
-class RequestDispatch : public ::testing::Test {
-protected:
-    void SetUp() override {
-        const std::string path = std::string(mcl::ipc_channel::pipe_prefix) + nv_test::unique_name("nv_dispatch");
-        ASSERT_TRUE(server_->open(path.c_str()) && client_->open(path.c_str()) && server_->reader().listen());
-    }
-    int handle(uint32_t id, mcl::binary_t& payload) { return handler_(server_.get(), id, payload); }
-
-    mcl::share_ptr<mcl::ipc_connection> server_{new mcl::ipc_connection(mcl::ipc_connection::listen_type)};
-    mcl::share_ptr<mcl::ipc_connection> client_{new mcl::ipc_connection(mcl::ipc_connection::connect_type)};
-    chelperservice::helper_msg_handler& handler_ = chelperservice::instance().msg_handler();
-};
-
 // Every request that does not decode is answered with a reply that the client reads as a
-// failure, never with silence or the request's own bytes.
-TEST_F(RequestDispatch, EveryUndecodableRequestGetsItsRoutesFailureReply) {
+// failure, never with silence or the request's own bytes. The dispatcher is handed a listening
+// connection whose client is this process.
+TEST(RequestDispatch, EveryUndecodableRequestGetsItsRoutesFailureReply) {
+    const std::string path = std::string(mcl::ipc_channel::pipe_prefix) + nv_test::unique_name("nv_dispatch");
+    mcl::share_ptr<mcl::ipc_connection> server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+    mcl::share_ptr<mcl::ipc_connection> client(new mcl::ipc_connection(mcl::ipc_connection::connect_type));
+    ASSERT_TRUE(server->open(path.c_str()) && client->open(path.c_str()) && server->reader().listen());
+    const auto handle = [&](uint32_t id, mcl::binary_t& payload) {
+        return chelperservice::instance().msg_handler()(server.get(), id, payload);
+    };
     protocol::for_each_message([&](auto m) {
         using message = decltype(m);
         using request_t = typename message::request;
@@ -194,20 +185,12 @@ option_value dword(const char* name, uint32_t n) { return {name, REG_DWORD, std:
 option_value text(const char* name, const char* s) { return {name, REG_SZ, std::string(s, strlen(s) + 1)}; }
 option_value binary(const char* name, const std::string& bytes) { return {name, REG_BINARY, bytes}; }
 
-class EmergencyOptions : public ::testing::Test {
-protected:
-    void SetUp() override { key_ = "Software\\NvTest\\" + nv_test::unique_name("emergency"); }
-    void TearDown() override { (void)reg::remove(HKEY_LOCAL_MACHINE, key_, nullptr); }
-
-    bool present(const char* name) {
+TEST(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
+    const std::string key = "Software\\NvTest\\" + nv_test::unique_name("emergency");
+    const auto present = [&](const char* name) {
         mcl::binary_t data;
-        return reg::read_value(key_, name, data);
-    }
-
-    std::string key_;
-};
-
-TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
+        return reg::read_value(key, name, data);
+    };
     struct {
         const char* label;
         std::vector<option_value> values;
@@ -231,7 +214,7 @@ TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
     };
     for (const auto& c : cases) {
         for (const option_value& v : c.values)
-            ASSERT_TRUE(reg::write_value(key_, v.name, v.data.data(), static_cast<DWORD>(v.data.size()), v.type));
+            ASSERT_TRUE(reg::write_value(key, v.name, v.data.data(), static_cast<DWORD>(v.data.size()), v.type));
         std::vector<std::string> calls;
         emergency_actions actions;
         actions.check_code = [&](const std::string& code) {
@@ -248,36 +231,25 @@ TEST_F(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
             calls.push_back("fold " + std::string(folder.begin(), folder.end()));
             EXPECT_FALSE(present("fold"));
         };
-        const emergency_start start = consume_emergency_options(key_, actions);
+        const emergency_start start = consume_emergency_options(key, actions);
         EXPECT_EQ(c.emergency, start.emergency) << c.label;
         EXPECT_EQ(c.uninstall, start.uninstall) << c.label;
         EXPECT_EQ(c.disable, start.disable) << c.label;
         EXPECT_EQ(c.calls, calls) << c.label;
         std::vector<std::string> left;
-        reg::list_values(key_, left);
+        reg::list_values(key, left);
         std::sort(left.begin(), left.end());
         EXPECT_EQ(c.left, left) << c.label;
-        (void)reg::remove(HKEY_LOCAL_MACHINE, key_, nullptr);
+        (void)reg::remove(HKEY_LOCAL_MACHINE, key, nullptr);
     }
 }
 
-const std::string machine = "19487ca1-b523-4f5c-99a0-5e2aba76551a";
-
-std::string make_code(const std::string& machine_id, const std::string& date) {
+TEST(RecoveryCode, OnlyAnUnexpiredCodeSignedForThisMachineIsAccepted) {
+    const std::string machine = "19487ca1-b523-4f5c-99a0-5e2aba76551a";
     const std::vector<unsigned char> key(std::begin(nv_test::recovery_test_private_key),
                                          std::end(nv_test::recovery_test_private_key));
-    std::string code;
-    EXPECT_TRUE(nv_tools::make_recovery_code(key, machine_id, date, code));
-    return code;
-}
-
-bool verify(const std::string& code, const std::string& machine_id, const std::string& today) {
-    return nv::verify_recovery_code(code, machine_id, nv_test::recovery_test_public_key,
-                                    sizeof(nv_test::recovery_test_public_key), today);
-}
-
-TEST(RecoveryCode, OnlyAnUnexpiredCodeSignedForThisMachineIsAccepted) {
-    const std::string valid = make_code(machine, "20270131");
+    std::string valid;
+    ASSERT_TRUE(nv_tools::make_recovery_code(key, machine, "20270131", valid));
     std::string tampered = valid;
     tampered[20] = tampered[20] == 'A' ? 'B' : 'A';
     std::string other_date = valid;
@@ -305,7 +277,10 @@ TEST(RecoveryCode, OnlyAnUnexpiredCodeSignedForThisMachineIsAccepted) {
         {"bad date", "2027013A-" + valid.substr(9), machine, "20261123", false},
         {"empty", "", machine, "20261123", false},
     };
-    for (const auto& c : cases) EXPECT_EQ(c.accepted, verify(c.code, c.machine_id, c.today)) << c.label;
+    for (const auto& c : cases)
+        EXPECT_EQ(c.accepted, nv::verify_recovery_code(c.code, c.machine_id, nv_test::recovery_test_public_key,
+                                                       sizeof(nv_test::recovery_test_public_key), c.today))
+            << c.label;
 }
 
 }  // namespace
