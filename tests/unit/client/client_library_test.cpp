@@ -5,7 +5,6 @@
 #include <gtest/gtest.h>
 
 #include <functional>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,23 +25,15 @@ namespace {
 
 class client_library : public ::testing::Test {
 protected:
-    void SetUp() override {
-        name_ = nv_test::unique_name("nv_client_test");
-        service_ = std::make_unique<nv_test::service_double>(name_.c_str());
-        service_->start_listening();
-        helper_ = nvc::createHelper();
-    }
-    void TearDown() override {
-        if (helper_ != nullptr) nvc::releaseHelper(helper_);
-        service_.reset();
-    }
+    void SetUp() override { service_.start_listening(); }
+    void TearDown() override { nvc::releaseHelper(helper_); }  // before the double stops
     // Connects to the double rather than the installed service.
     bool connect() { return dynamic_cast<nvchelper*>(helper_)->connect(name_.c_str(), 10000); }
     bool connect_compatible() { return connect() && helper_->proto_compatible(); }
 
-    std::string name_;
-    std::unique_ptr<nv_test::service_double> service_;
-    invchelper* helper_ = nullptr;
+    const std::string name_ = nv_test::unique_name("nv_client_test");
+    nv_test::service_double service_{name_.c_str()};
+    invchelper* const helper_ = nvc::createHelper();
 };
 
 TEST_F(client_library, replies_cut_short_or_refusing) {
@@ -50,15 +41,15 @@ TEST_F(client_library, replies_cut_short_or_refusing) {
     mcl::binary_t cut;  // one byte of a longer reply
     mcl::write_byte(cut, 1);
     // A version reply cut short gives 0; a compatibility reply saying no is stored but false.
-    service_->set_reply(msg::service_version, cut);
+    service_.set_reply(msg::service_version, cut);
     EXPECT_EQ(helper_->get_service_version(), 0u);
-    service_->set_reply(msg::protocol_compatible, nv_test::encoded(protocol::compatibility_reply{0, 4}));
+    service_.set_reply(msg::protocol_compatible, nv_test::encoded(protocol::compatibility_reply{0, 4}));
     EXPECT_FALSE(helper_->proto_compatible());
     EXPECT_EQ(nvc::protocolVersion(helper_), 4u);
     // Every status method has the one decoder (a refusal's message: halvernctl_test.sh): a reply
     // without its message is not decoded and leaves the record untouched.
     result r{7, "untouched"};
-    service_->set_reply(msg::recover_folder_dacl, cut);
+    service_.set_reply(msg::recover_folder_dacl, cut);
     EXPECT_FALSE(helper_->recover_folder_dacl("C:\\f", &r));
     EXPECT_EQ(std::make_pair(int{r.ok}, r.message), std::make_pair(7, std::string("untouched")));
     EXPECT_FALSE(helper_->recover_folder_dacl("C:\\f", nullptr));
@@ -73,7 +64,7 @@ TEST_F(client_library, gates_refuse_locally_until_the_protocol_is_known) {
     EXPECT_EQ(std::make_pair(int{r.ok}, r.message), std::make_pair(0, call_first));
     std::vector<std::string> containers;
     EXPECT_FALSE(helper_->get_quarantine_containers(containers));
-    EXPECT_TRUE(service_->received().empty());
+    EXPECT_TRUE(service_.received().empty());
 }
 
 TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent) {
@@ -109,7 +100,7 @@ TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent)
     }
     // Frames keep their order: the version request is the second message the peer sees.
     EXPECT_EQ(helper_->get_service_version(), 196653u);
-    EXPECT_EQ(service_->received().size(), 2u);
+    EXPECT_EQ(service_.received().size(), 2u);
 }
 
 // Not an nvchelper: only its type matters to releaseHelper.
