@@ -43,14 +43,9 @@ TEST(Buffer, ElementAccessPastTheSizeGivesTheSpareElement) {
     EXPECT_EQ(0, b[5]);
 }
 
-TEST(Buffer, FindAndDropBack) {
+TEST(Buffer, DropBackStopsAtEmpty) {
     const unsigned char data[] = {1, 2, 3, 2};
     mcl::binary_t b(data, 4);
-    EXPECT_EQ(1, b.find(2, 0));
-    EXPECT_EQ(3, b.find(2, 2));
-    EXPECT_EQ(-1, b.find(9, 0));
-    EXPECT_EQ(-1, b.find(1, 4));
-    EXPECT_EQ(-1, b.find(1, 100));
     EXPECT_EQ(3u, b.drop_back(1));
     EXPECT_EQ(0u, b.drop_back(10));
     EXPECT_TRUE(b.empty());
@@ -70,26 +65,15 @@ TEST(Buffer, CopiesNeverShareStorageAndSelfAppendSurvivesGrowth) {
     EXPECT_EQ(0, memcmp(a.data() + 600, data.data(), 200));
 }
 
-// Its appends are checked through to_hex, whose output the tools print and the scripts read.
-TEST(StringT, KeepsItsTerminatorInsideTheSize) {
-    mcl::string_t n(nullptr);
-    EXPECT_EQ(1u, n.size());
-    EXPECT_TRUE(n.empty());
-    EXPECT_TRUE(n == "");
-    mcl::string_t s("abc");
-    s.append('\0');  // ignored
-    EXPECT_EQ(4u, s.size());
-    EXPECT_EQ(1u, s.drop_back(50));
-    EXPECT_STREQ("", s.c_str());
-}
-
 mcl::binary_t make(std::initializer_list<unsigned char> bytes) {
     mcl::binary_t b;
     for (unsigned char c : bytes) b.append(&c, 1);
     return b;
 }
 
-// The encoded bytes of every request and reply: conformance_test.
+// The encoded bytes of every request and reply, and every request empty or a byte short (a byte,
+// u32, string or wstring left incomplete): conformance_test; a status reply cut short:
+// client_library_test. Here the readers those leave out.
 TEST(Encoding, EveryTruncatedFieldFailsAndLeavesTheCursorBehindTheLastWholeField) {
     struct truncated {
         const char* name;
@@ -97,14 +81,8 @@ TEST(Encoding, EveryTruncatedFieldFailsAndLeavesTheCursorBehindTheLastWholeField
         bool (*read)(const mcl::binary_t&, uint32_t&);
     };
     const truncated cases[] = {
-        {"byte of nothing", make({}), [](const mcl::binary_t& b, uint32_t& p) { uint8_t v; return mcl::read_byte(v, b, p); }},
-        {"u32 of 3 bytes", make({1, 2, 3}), [](const mcl::binary_t& b, uint32_t& p) { uint32_t v; return mcl::read_u32(v, b, p); }},
         {"u64 of 7 bytes", make({1, 2, 3, 4, 5, 6, 7}), [](const mcl::binary_t& b, uint32_t& p) { uint64_t v; return mcl::read_u64(v, b, p); }},
-        {"string at the end", make({}), [](const mcl::binary_t& b, uint32_t& p) { std::string v; return mcl::read_string(v, b, p); }},
-        {"string without terminator", make({'a', 'b'}), [](const mcl::binary_t& b, uint32_t& p) { std::string v; return mcl::read_string(v, b, p); }},
         {"wstring without terminator", make({'a', 0, 'b', 0}), [](const mcl::binary_t& b, uint32_t& p) { std::wstring v; return mcl::read_wstring(v, b, p); }},
-        {"wstring with half a terminator", make({'a', 0, 0}), [](const mcl::binary_t& b, uint32_t& p) { std::wstring v; return mcl::read_wstring(v, b, p); }},
-        {"status without message", make({1}), [](const mcl::binary_t& b, uint32_t& p) { bool ok; std::string m; return mcl::read_status(ok, m, b, p); }},
         {"list count cut", make({3, 0}), [](const mcl::binary_t& b, uint32_t& p) { std::vector<std::string> v; return mcl::read_string_list(v, b, p); }},
     };
     for (const auto& c : cases) {
