@@ -79,38 +79,45 @@ bool swapping_final_path(HANDLE handle, std::wstring& path) {
     return true;
 }
 
-TEST(restore_folder, holds_the_folder_and_refuses_a_link_swapped_in_before_or_after_the_check) {
+// A name taken by anything, a planted temporary included, is never opened: the restore fails.
+TEST(restore_folder, holds_the_folder_refuses_a_link_swapped_in_before_or_after_the_check_and_a_taken_name) {
     std::string content(5000, '\0');
     for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7919 % 251);
     const struct {
         swapped swap;
+        bool planted;  // a file "a.bin.restoring" is there before the restore
         bool restored;
         const char* line;
     } cases[] = {
-        {swapped::none, true, "restore : done"},
-        {swapped::folder, false, "is a link or not a local path; the archive is kept."},
-        {swapped::temporary, false, "is not in the folder that was checked; the archive is kept."},
+        {swapped::none, false, true, "restore : done"},
+        {swapped::folder, false, false, "is a link or not a local path; the archive is kept."},
+        {swapped::temporary, false, false, "is not in the folder that was checked; the archive is kept."},
+        {swapped::none, true, false, "unable to create "},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.line);
         nv_test::log_capture log;
-        const fs::path dir = fresh_dir(std::to_string(static_cast<int>(c.swap)));
+        const fs::path dir = fresh_dir(std::to_string(static_cast<int>(c.swap)) + (c.planted ? "planted" : ""));
         const fs::path source = dir / "data" / "a.bin";
         const fs::path archive = dir / "a.QUA";
         fs::create_directories(source.parent_path());
         write_file(source, content);
         ASSERT_TRUE(NVFileArchive::NVFileArchive_archiveFile(source.string().c_str(), archive.string().c_str()));
         fs::remove(source);
+        const std::string planted = source.string() + ".restoring";
+        if (c.planted) write_file(planted, "planted");
 
         g_swap = c.swap;
         restore_folder destination(swapping_final_path);
         EXPECT_EQ(c.restored, NVFileArchive::NVFileArchive_restoreFile(archive.string().c_str(), &destination));
-        EXPECT_TRUE(log.contains(c.line)) << log.text();
-        EXPECT_EQ(c.restored ? std::vector<std::string>{"a.bin"} : std::vector<std::string>{},
+        EXPECT_TRUE(log.contains(c.planted ? c.line + planted : c.line)) << log.text();
+        EXPECT_EQ(c.restored  ? std::vector<std::string>{"a.bin"}
+                  : c.planted ? std::vector<std::string>{"a.bin.restoring"}
+                              : std::vector<std::string>{},
                   names_in(source.parent_path()));
         EXPECT_TRUE(fs::exists(archive));
-        if (c.restored) {
-            EXPECT_EQ(content, nv_test::file_text(source.string()));
+        if (c.restored || c.planted) {
+            EXPECT_EQ(c.planted ? "planted" : content, nv_test::file_text(c.planted ? planted : source.string()));
         }
     }
 }
@@ -128,23 +135,6 @@ TEST(restore_folder, nobody_can_rename_or_replace_the_held_folder) {
         EXPECT_FALSE(RemoveDirectoryW(folder.c_str()));
     }
     EXPECT_TRUE(MoveFileW(folder.c_str(), moved.c_str())) << "released with the restore";
-}
-
-// A name taken by anything, a planted temporary included, is never opened: the restore fails.
-TEST(restore_folder, never_opens_a_name_that_is_taken) {
-    nv_test::log_capture log;
-    const fs::path dir = fresh_dir("beside");
-    const fs::path source = dir / "a.bin";
-    const fs::path archive = dir / "a.QUA";
-    write_file(source, "quarantined");
-    ASSERT_TRUE(NVFileArchive::NVFileArchive_archiveFile(source.string().c_str(), archive.string().c_str()));
-    fs::remove(source);
-    write_file(dir / "a.bin.restoring", "planted");
-    restore_folder destination;
-    EXPECT_FALSE(NVFileArchive::NVFileArchive_restoreFile(archive.string().c_str(), &destination));
-    EXPECT_EQ("planted", nv_test::file_text((dir / "a.bin.restoring").string()));
-    EXPECT_TRUE(log.contains("unable to create " + source.string() + ".restoring")) << log.text();
-    EXPECT_EQ((std::vector<std::string>{"a.QUA", "a.bin.restoring"}), names_in(dir));
 }
 
 TEST(restore_folder, free_names) {
