@@ -29,19 +29,12 @@ using nv_test::ctl;
 using nv_test::json;
 namespace c = vqr::code;
 
-const HRESULT filter_not_found = static_cast<HRESULT>(0x801F0013);
-
 HRESULT send(HANDLE port, const std::vector<uint8_t>& message) {
     DWORD returned = 123;
     const HRESULT hr = FilterSendMessage(port, const_cast<uint8_t*>(message.data()),
                                          static_cast<DWORD>(message.size()), nullptr, 0, &returned);
     EXPECT_EQ(0u, returned);
     return hr;
-}
-
-HRESULT get(HANDLE notify, std::vector<uint8_t>& buffer) {
-    return FilterGetMessage(notify, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer.data()),
-                            static_cast<DWORD>(buffer.size()), nullptr);
 }
 
 // Each piece is found in the simulator's state.
@@ -134,7 +127,8 @@ TEST_F(DriverStandIn, BlockingGetEndsOnlyByCancelIoExOnThePort) {
         DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &waiter, 0, FALSE,
                         DUPLICATE_SAME_ACCESS);
         entered = true;
-        result = get(notify_, buffer_);
+        result = FilterGetMessage(notify_, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer_.data()),
+                                  static_cast<DWORD>(buffer_.size()), nullptr);
     });
     while (!entered) Sleep(10);
     Sleep(200);
@@ -171,7 +165,7 @@ TEST_F(DriverStandIn, AttachAndDetachNeedTheLoadDriverPrivilege) {
                   "\"instance\":\"VQRMonitor - Bottom Instance\",\"altitude\":\"362700\"}"});
     EXPECT_EQ(S_OK, FilterDetach(vqr::filter_name, volume.c_str(), nullptr));
     EXPECT_EQ(static_cast<HRESULT>(0x801F0015), FilterDetach(vqr::filter_name, volume.c_str(), nullptr));
-    EXPECT_EQ(filter_not_found, FilterAttach(L"Other", L"Z:", nullptr, 0, nullptr));
+    EXPECT_EQ(static_cast<HRESULT>(0x801F0013), FilterAttach(L"Other", L"Z:", nullptr, 0, nullptr));
     expect_state({"\"volumes\":[{\"volume\":\"Z:\""});
 }
 

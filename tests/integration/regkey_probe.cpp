@@ -15,7 +15,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <string>
-#include <vector>
 
 #include "mcl/mswin/reg.h"
 #include "mcl/mswin/security_descriptor.h"
