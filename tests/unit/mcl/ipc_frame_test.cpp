@@ -21,8 +21,19 @@ mcl::binary_t header_announcing(uint32_t length) {
     return header;
 }
 
+// Hands the cutter up to `n` bytes of `piece` the way the read channel does: into the room
+// frame_tail gives when there is some, appended otherwise. False when the append is refused.
+bool feed(mcl::frame_cutter& cutter, const std::vector<unsigned char>& piece, uint32_t n) {
+    uint32_t room = 0;
+    unsigned char* tail = cutter.frame_tail(4096, room);
+    if (tail == nullptr) return cutter.append(piece.data(), n);
+    memcpy(tail, piece.data(), std::min(room, n));
+    cutter.commit(std::min(room, n));
+    return true;
+}
+
 TEST(IpcFrame, StorageGrowsWithTheBytesThatCameAndTheBudgetBoundsIt) {
-    // A header announcing the largest frame, then its bytes in 4 KiB pieces into the tail room.
+    // A header announcing the largest frame, then its bytes in 4 KiB pieces.
     mcl::byte_budget budget(1024 * 1024);
     mcl::frame_cutter cutter(&budget);
     const mcl::binary_t header = header_announcing(mcl::max_frame_payload);
@@ -35,15 +46,7 @@ TEST(IpcFrame, StorageGrowsWithTheBytesThatCameAndTheBudgetBoundsIt) {
     const std::vector<unsigned char> piece(4096, 0x55);
     mcl::frame_cutter::result result = mcl::frame_cutter::result::ok;
     while (result == mcl::frame_cutter::result::ok && cutter.pending() < 4u * 1024 * 1024) {
-        uint32_t room = 0;
-        unsigned char* tail = cutter.frame_tail(4096, room);
-        if (tail != nullptr) {
-            const uint32_t n = std::min<uint32_t>(room, 4096);
-            memcpy(tail, piece.data(), n);
-            cutter.commit(n);
-        } else if (!cutter.append(piece.data(), 4096)) {
-            // The refusal is reported by the next cut.
-        }
+        (void)feed(cutter, piece, 4096);  // a refusal is reported by the next cut
         EXPECT_LE(cutter.capacity(), 4u * cutter.pending() + 128 * 1024) << "proportional to what came";
         result = cutter.cut(frames);
     }
@@ -76,16 +79,8 @@ TEST(IpcFrame, AShareOfTheBudgetStopsOneClientAndHoldsTheLargestFrame) {
     std::vector<mcl::binary_t> frames;
     size_t largest = 0;
     while (frames.empty()) {
-        uint32_t room = 0;
-        unsigned char* tail = cutter.frame_tail(4096, room);
         const auto missing = static_cast<uint32_t>(mcl::frame_size(mcl::max_frame_payload) - cutter.pending());
-        const uint32_t n = std::min<uint32_t>({tail != nullptr ? room : missing, missing, 1024 * 1024});
-        if (tail != nullptr) {
-            memcpy(tail, piece.data(), n);
-            cutter.commit(n);
-        } else {
-            ASSERT_TRUE(cutter.append(piece.data(), n)) << cutter.pending();
-        }
+        ASSERT_TRUE(feed(cutter, piece, std::min<uint32_t>(missing, 1024 * 1024))) << cutter.pending();
         largest = std::max(largest, cutter.capacity());
         ASSERT_EQ(mcl::frame_cutter::result::ok, cutter.cut(frames));
     }
