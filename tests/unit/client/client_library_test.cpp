@@ -29,7 +29,6 @@ protected:
     void TearDown() override { nvc::releaseHelper(helper_); }  // before the double stops
     // Connects to the double rather than the installed service.
     bool connect() { return dynamic_cast<nvchelper*>(helper_)->connect(name_.c_str(), 10000); }
-    bool connect_compatible() { return connect() && helper_->proto_compatible(); }
 
     const std::string name_ = nv_test::unique_name("nv_client_test");
     nv_test::service_double service_{name_.c_str()};
@@ -55,20 +54,19 @@ TEST_F(client_library, replies_cut_short_or_refusing) {
     EXPECT_FALSE(helper_->recover_folder_dacl("C:\\f", nullptr));
 }
 
-// A service too old for a request: halvernctl_test.sh (protocol 3).
-TEST_F(client_library, gates_refuse_locally_until_the_protocol_is_known) {
+// Gated requests until the protocol is known, then input over its limits (a service too old for a
+// request: halvernctl_test.sh, protocol 3).
+TEST_F(client_library, gates_and_limits_refuse_locally_before_anything_is_sent) {
     ASSERT_TRUE(connect());
     const std::string call_first = "Please call proto_compatible() API to confirm the feature is suppported by service.";
-    result r;
-    EXPECT_FALSE(helper_->block_file_access("C:\\f", &r));
-    EXPECT_EQ(std::make_pair(int{r.ok}, r.message), std::make_pair(0, call_first));
+    result gated;
+    EXPECT_FALSE(helper_->block_file_access("C:\\f", &gated));
+    EXPECT_EQ(std::make_pair(int{gated.ok}, gated.message), std::make_pair(0, call_first));
     std::vector<std::string> containers;
     EXPECT_FALSE(helper_->get_quarantine_containers(containers));
     EXPECT_TRUE(service_.received().empty());
-}
 
-TEST_F(client_library, input_over_its_limits_is_refused_before_anything_is_sent) {
-    ASSERT_TRUE(connect_compatible());
+    ASSERT_TRUE(helper_->proto_compatible());
     const std::string long_path(261, 'p');
     const std::vector<std::string> long_list(1025, "C:\\f");
     const std::vector<std::pair<std::function<bool(result*)>, std::string>> cases = {
