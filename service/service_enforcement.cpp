@@ -1,6 +1,7 @@
 // Keeping protected services running: the enforcement list and its thread.
 #include <windows.h>
 
+#include <algorithm>
 #include <map>
 #include <memory>
 #include <utility>
@@ -190,13 +191,11 @@ void service_enforcement::enforce_one(const std::string& name) {
     }
     skipped_.erase(name);
     if (!needs_start(name)) return;
-    NV_LOG(fn, "trying start service %s...", name.c_str());
-    if (mcl::mswin::service::start(name.c_str())) return;
+    if (start_listed(name, /*retry=*/false) != start_outcome::failed) return;
     unique_kernel_handle port = host_.open_port();
     if (!port) return;
-    NV_LOG(fn, "retrying start service %s... without process protection", name.c_str());
     host_.send_image_rule(port.get(), image, /*remove=*/true);
-    (void)mcl::mswin::service::start(name.c_str());
+    (void)start_listed(name, /*retry=*/true);
     host_.send_image_rule(port.get(), image, /*remove=*/false);  // back even when the start gave up
     port.reset();
     if (mcl::stop_requested()) return;
@@ -217,7 +216,22 @@ void service_enforcement::add(const std::string& name) {
     thread_.list_changed();
 }
 
+service_enforcement::start_outcome service_enforcement::start_listed(const std::string& name, bool retry) {
+    mcl::scoped_lock start(start_lock_);
+    {
+        mcl::scoped_lock guard(lock_);
+        if (std::find(list_.begin(), list_.end(), name) == list_.end()) return start_outcome::unlisted;
+    }
+    constexpr const char* fn = "chelperservice::service_enforce_thread::run";
+    if (retry)
+        NV_LOG(fn, "retrying start service %s... without process protection", name.c_str());
+    else
+        NV_LOG(fn, "trying start service %s...", name.c_str());
+    return mcl::mswin::service::start(name.c_str()) ? start_outcome::started : start_outcome::failed;
+}
+
 bool service_enforcement::remove(const std::string& name) {
+    mcl::scoped_lock start(start_lock_);  // after a start in progress, before any later one
     mcl::scoped_lock guard(lock_);
     for (auto it = list_.begin(); it != list_.end(); ++it) {
         if (*it == name) {

@@ -55,7 +55,8 @@ public:
 
     // List operations; any thread (each takes the list's lock).
     void add(const std::string& name);
-    // True when `name` was on the list.
+    // True when `name` was on the list. Once it returns, no pass starts `name` again (it waits
+    // for a start in progress).
     bool remove(const std::string& name);
     std::vector<std::string> list();
 
@@ -68,9 +69,14 @@ private:
     // its image out of the driver's process protection. A service whose configuration gives no
     // program path is skipped (logged once). Enforcement thread.
     void enforce_one(const std::string& name);
+    // Starts `name` (first try or `retry`, each with its log line) unless it is no longer listed:
+    // a pass works on a copy of the list, and a stop request takes its service off meanwhile.
+    enum class start_outcome { started, failed, unlisted };
+    start_outcome start_listed(const std::string& name, bool retry);
 
     enforcement_host& host_;
     const std::string own_name_;
+    mcl::lock start_lock_;            // held across a start, and by remove(); before lock_
     mcl::lock lock_;
     std::vector<std::string> list_;   // under lock_
     std::set<std::string> skipped_;   // names logged as having no program path; enforcement thread

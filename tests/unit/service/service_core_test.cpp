@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <string>
 #include <type_traits>
@@ -17,6 +18,7 @@
 #include "service/caller_policy.h"
 #include "service/emergency_options.h"
 #include "service/recovery_code.h"
+#include "service/service_enforcement.h"
 #include "tests/data/recovery_test_key.h"
 #include "tests/helpers/process.h"
 #include "tests/helpers/restricted.h"
@@ -172,6 +174,49 @@ TEST(ServiceControl, StopWithFallbackSignalsTheStopEventOfAMissingService) {
     EXPECT_FALSE(stop_event.is_set()) << "no fallback, no signal";
     EXPECT_FALSE(mcl::mswin::service::stop(name.c_str(), /*event_fallback=*/true, 1));
     EXPECT_TRUE(stop_event.is_set());
+}
+
+// A stop request takes its service off the list while a pass works on its copy of it: that pass
+// does not start the service again. The service's program is absent, so each start fails and a
+// failed start shows as the retry's request for the driver port.
+TEST(ServiceEnforcement, APassStartsNoServiceTakenOffTheListMeanwhile) {
+    const std::string name = nv_test::unique_name("nv_enforced_svc");
+    mcl::mswin::unique_sc_handle manager(OpenSCManagerA(nullptr, nullptr, SC_MANAGER_ALL_ACCESS));
+    mcl::mswin::unique_sc_handle svc(CreateServiceA(manager.get(), name.c_str(), name.c_str(), SERVICE_ALL_ACCESS,
+                                                    SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START,
+                                                    SERVICE_ERROR_IGNORE, "C:\\nv\\absent.exe", nullptr, nullptr,
+                                                    nullptr, nullptr, nullptr));
+    ASSERT_TRUE(svc) << GetLastError();
+    struct host : enforcement_host {
+        service_enforcement* enforcement = nullptr;
+        bool take_off = false;
+        std::atomic<int> passes{0};
+        std::atomic<int> failed_starts{0};
+        mcl::mswin::unique_kernel_handle open_port() override {
+            failed_starts++;
+            return {};
+        }
+        void send_image_rule(HANDLE, const std::wstring&, bool) override {}
+        std::wstring service_image(const std::string& service) override {
+            if (take_off) (void)enforcement->remove(service);
+            passes++;
+            return L"C:\\nv\\absent.exe";
+        }
+    };
+    for (const bool take_off : {false, true}) {
+        SCOPED_TRACE(take_off ? "taken off during the pass" : "listed");
+        host h;
+        h.take_off = take_off;
+        service_enforcement enforcement(h, "own");
+        h.enforcement = &enforcement;
+        enforcement.add(name);
+        ASSERT_TRUE(enforcement.start());
+        for (int i = 0; i < 1000 && (h.passes == 0 || (!take_off && h.failed_starts == 0)); ++i) Sleep(10);
+        enforcement.stop(10);
+        EXPECT_GT(h.passes, 0);
+        EXPECT_EQ(h.failed_starts > 0, !take_off);
+    }
+    EXPECT_TRUE(DeleteService(svc.get()));
 }
 
 // A value as the registry holds it.
