@@ -1,13 +1,101 @@
 #!/usr/bin/env bash
-# The service under the service control manager: install, start, unknown requests, a second
+# The one-shot options as a user sees them: output bytes and process exit codes (a Windows exit
+# code of -2 reaches the Linux shell as 254, -3 as 253 and so on), and the recovery_code tool; then
+# the service under the service control manager: install, start, unknown requests, a second
 # instance, the three ways to stop with clients that never read, an ordinary user's squatted names
 # and held connecting mutex, emergency options. Console runs: driver_port_test.sh.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
-install_service
 ipc_helper=$NV_BIN_DIR/nv_ipc_helper.exe
 emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
+
+echo "== one-shot options, from a private copy of the program (its debug log this test's own)"
+dir=$work/app
+mkdir -p "$dir" && cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$dir/"
+app=$dir/NorvaleHalvernService.exe
+log=$dir/nvhalvernservice.debug.log
+# check EXE ARGS WANT_RC usage|empty: exit code, and stdout byte for byte the usage text or nothing.
+check() {
+    local before
+    before=$(stat -c %s "$log" 2>/dev/null || echo 0)
+    wine "$1" $2 </dev/null >"$out" 2>/dev/null
+    rc=$?
+    # Exit code 1 is none of the program's own: with its debug log untouched, Wine lost the process
+    # before it ran (as setup_tasks_test.sh notes too). Said, and run once more.
+    if [ "$rc" = 1 ] && [ "$3" != 1 ] && [ "$(stat -c %s "$log" 2>/dev/null || echo 0)" = "$before" ]; then
+        echo "note: [$2] ended with 1 before its first log line: run again"
+        wine "$1" $2 </dev/null >"$out" 2>/dev/null
+        rc=$?
+    fi
+    [ "$rc" = "$3" ] || fail "exit code of [$2]: $rc, want $3"
+    if [ "$4" = usage ]; then cmp -s "$NV_SOURCE_DIR/tests/data/usage.txt" "$out" || fail "usage text of [$2]: $(od -c "$out" | head -n 5)"
+    elif [ -s "$out" ]; then fail "output of [$2]: $(head -c 200 "$out")"; fi
+}
+# A disabled service for -c (sc may fail on a loaded machine: try again). -C rpcss wants a running
+# service: Wine starts RpcSs on demand, which a loaded machine may not have done yet.
+for _ in 1 2 3; do
+    wine sc create nvcli_disabled binPath= 'C:\windows\system32\notepad.exe' start= disabled </dev/null >/dev/null 2>&1
+    wine sc query nvcli_disabled </dev/null >/dev/null 2>&1 && break
+    sleep 1
+done
+wine net start RpcSs </dev/null >/dev/null 2>&1
+while read -r want output args; do check "$app" "$args" "$want" "$output"; done <<'CASES'
+0   usage -h
+0   usage -H
+254 usage -x
+254 usage -i
+254 usage -I nonsense
+254 usage -s
+254 usage -S restart
+254 usage --help
+0   empty -e
+0   empty -E
+254 empty -c
+251 empty -c no_such_service_here
+0   empty -C rpcss
+253 empty -c nvcli_disabled
+254 empty -proxy_task
+254 empty -proxy_task no_such_task
+254 empty -proxy_task hvs_folder_repair
+254 empty -PROXY_TASK HVS_FOLDER_REPAIR
+0   empty -proxy_task hvs_unchange
+CASES
+# No option, outside the service manager: the control dispatcher refuses the process (after about 10 s).
+runs "no option, from a console" 0 "halvern service could not be started!" "$app"
+[ "$(log_lines '\] - StartServiceCtrlDispatcher failed\.')" = 1 ] || fail "no option: the dispatcher's refusal not logged"
+# Folder repair never leaves a task log; the other tasks copy the debug log whatever their result.
+[ ! -e "$dir/hvs_folder_repair.log" ] && [ ! -e "$dir/hvs_install.log" ] || fail "unexpected task log"
+for row in "hvs_install install" "hvs_fresh install" "hvs_upgrade upgrade" "hvs_uninstall uninstall" "hvs_remove uninstall"; do
+    read -r task copy <<<"$row"
+    rm -f "$dir"/hvs_*.log
+    wine "$app" -proxy_task "$task" </dev/null >/dev/null 2>&1
+    cmp -s "$log" "$dir/hvs_$copy.log" || fail "$task: hvs_$copy.log is not a copy of the debug log"
+done
+# A log path over 260 characters: no log, but the program works.
+deep="$work/$(printf 'd%.0s' {1..120})/$(printf 'e%.0s' {1..120})"
+mkdir -p "$deep" && cp "$app" "$deep/"
+check "$deep/NorvaleHalvernService.exe" -h 0 usage
+[ ! -e "$deep/nvhalvernservice.debug.log" ] || fail "a log was written despite the long path"
+
+echo "== recovery_code: usage errors, codes from the build's key and from a new one"
+tool=$NV_BIN_DIR/recovery_code.exe
+key=$(win "$recovery_key")
+guid=19487ca1-b523-4f5c-99a0-5e2aba76551a
+runs "no arguments" 2 '*' "$tool"
+runs "bad date" 2 '*' "$tool" make "$key" "$guid" 2099-12-31
+runs "missing key" 1 '*' "$tool" make "$(win "$work/missing.hex")" "$guid" 20991231
+runs "make" 0 '*' "$tool" make "$key" "$guid" 20991231
+grep -Eq '^20991231-[0-9A-F]{512}$' "$out" || fail "code format: $(cat "$out")"
+first=$(cat "$out")
+run "$tool" make "$key" "${guid^^}" 20991231
+expect_eq "the machine id is taken in any case" "$first" "$(cat "$out")"
+runs "keygen" 0 '*' "$tool" keygen "$(win "$work/new.priv")" "$(win "$work/new.pub")"
+grep -Eq '^[0-9A-F]+$' "$work/new.pub" || fail "public key file is hex"
+runs "a new key" 0 '*' "$tool" make "$(win "$work/new.priv")" "$guid" 20991231
+[ "$first" != "$(cat "$out")" ] || fail "a new key makes other codes"
+
+install_service
 
 echo "== not installed"
 run "$exe" -i uninstall
