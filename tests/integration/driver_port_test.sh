@@ -19,20 +19,15 @@ use_prefix() {  # NAME VERSION
     printf 'planted, not a library' >"$nv/fltlib.dll"
     ctl reset >/dev/null
 }
-console() { (cd "$nv" && exec wine "$exe" -d </dev/null >/dev/null 2>&1) & service=$!; }
 
-# Message bytes as the simulator journals them (lower-case hex).
-le32() { printf '%02x%02x%02x%02x' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
-f() { printf '%s00000000%02x\n' "$(le32 "$1")" "$2"; }  # feature switch
-command() {
-    printf '%s%s%s0000\n' "$(le32 "$1")" "$(le32 $((${#2} * 2 + 2)))" \
-        "$(printf '%s' "$2" | iconv -f UTF-8 -t UTF-16LE | od -An -tx1 -v | tr -d ' \n')"
-}
+# Message bytes: a feature switch, a command with its path.
+f() { printf '%s00000000%02X\n' "$(hex_u32 "$1")" "$2"; }
+command() { printf '%s%s%s\n' "$(hex_u32 "$1")" "$(hex_u32 $((${#2} * 2 + 2)))" "$(hex_wstr "$2")"; }
 off3() { f 0 0; f 6 0; f 11 0; }
 # journal [MARK]: the bytes of every message after the first MARK, one a line.
-journal() { ctl journal | grep -o '"bytes":"[0-9a-f]*"' | cut -d'"' -f4 | tail -n +$((${1:-0} + 1)); }
+journal() { ctl journal | grep -o '"bytes":"[0-9a-f]*"' | cut -d'"' -f4 | tr a-f A-F | tail -n +$((${1:-0} + 1)); }
 # The driver link's own messages: features and codes 3 and 15 (other areas send rule commands).
-link() { grep -E '^(00|05|06|0b|10)00000000000000..$|^(03|0f)000000' || true; }
+link() { grep -E '^(00|05|06|0B|10)00000000000000..$|^(03|0F)000000' || true; }
 # expect_sent LABEL GOT WANT: the same lines.
 expect_sent() { [ "$2" = "$3" ] || fail "$1: sent"$'\n'"$2"$'\n'"want"$'\n'"$3"; }
 # request ID HEX REPLY [SENT]: the reply in hex, and (when given) the messages that it sent.
@@ -46,6 +41,7 @@ request() {
 wait_listening() {
     poll 150 0.2 'wine "$client" -t 2000 send 100000a </dev/null >/dev/null 2>&1' || fail "the service did not start listening"
 }
+console() { (cd "$nv" && exec wine "$exe" -d </dev/null >/dev/null 2>&1) & service=$!; wait_listening; }  # its pid in $service
 wait_exit() {  # PID: the console run ends within 30 s, with exit code 0
     local pid=$1
     poll 150 0.2 '! kill -0 $pid 2>/dev/null' || { fail "the service did not stop within 30 s"; kill -9 "$pid" 2>/dev/null; }
@@ -76,7 +72,7 @@ shutdown_checks() {  # LABEL MARK: feature 16 off before 0, 6 and 11, and no rem
     local sent
     sent=$(journal "$2")
     expect_sent "$1" "$(link <<<"$sent")" "$(f 16 0; off3)"
-    ! grep -qE '^(02|08|0a)000000' <<<"$sent" || fail "$1: remove command at shutdown: $sent"
+    ! grep -qE '^(02|08|0A)000000' <<<"$sent" || fail "$1: remove command at shutdown: $sent"
 }
 
 # IRP-denied notifications. wait_log PATTERN COUNT: until the log holds COUNT lines (60 s).
@@ -86,9 +82,7 @@ wait_log() {
 }
 expect_log() { [ "$(log_lines "$1")" = "$2" ] || fail "log line [$1]: $(log_lines "$1") times, want $2"; }
 file='\Device\HarddiskVolume1\data\file.txt'
-# A string with its terminator (lower-case hex); a subscription request 0x10000fa from its fields:
-# REMOVE SUBSCRIBER EVENT PATH [MAJOR MINOR TYPE].
-s() { printf '%s' "$1" | od -An -tx1 -v | tr -d ' \n'; printf '00'; }
+# A subscription request 0x10000fa from its fields: REMOVE SUBSCRIBER EVENT PATH [MAJOR MINOR TYPE].
 subscription() { encode subscribe-irp-notification unsubscribe="$1" subscriber="$2" event="$3" file="$4" major="${5:-0xFF}" minor="${6:-0xFF}" type="${7:-0}"; }
 # subscriber NAME EVENT PATH [MAJOR MINOR TYPE]: a process of its own creates EVENT and waits
 # for it ($wpid, exit 0 once it fired), then NAME subscribes with it over the pipe.
@@ -99,20 +93,19 @@ subscriber() {
 # records NAME: the reply to one 0x10000fb in hex, then " again" unless the next reply is empty.
 records() {
     local name=$1
-    run "$client" send 10000fb "$(s "$name")"
+    run "$client" send 10000fb "$(hex_str "$name")"
     cat "$out"
-    run "$client" send 10000fb "$(s "$name")"
+    run "$client" send 10000fb "$(hex_str "$name")"
     [ "$(cat "$out")" = 00000000 ] || echo " again"
 }
 # record PATH PID IMAGE DESCRIPTION: a list of one IRP-denied record (any sequence and time) as a pattern.
-record() { printf '01000000[0-9a-f]{32}%s0300%s00000000%s%s01000000' "$(s "$1")" "$(le32 "$2")" "$(s "$3")" "$(s "$4")"; }
-# expect_record NAME PATTERN: NAME collects one record, which matches (nv_ipc_client prints upper-case hex).
-expect_record() { local got; got=$(records "$1" | tr A-F a-f); [[ "$got" =~ ^$2$ ]] || fail "$1: the record [$got]"; }
+record() { printf '01000000[0-9A-F]{32}%s0300%s00000000%s%s01000000' "$(hex_str "$1")" "$(hex_u32 "$2")" "$(hex_str "$3")" "$(hex_str "$4")"; }
+# expect_record NAME PATTERN: NAME collects one record, which matches.
+expect_record() { local got; got=$(records "$1"); [[ "$got" =~ ^$2$ ]] || fail "$1: the record [$got]"; }
 
 echo "== Windows 7, console run: start-up, the protection requests, the driver going away, Ctrl+C"
 use_prefix 7 win7
 console
-wait_listening
 startup_checks win7
 on3=$(f 0 1; f 6 1; f 11 1)
 request 1000008 '' 0000 ''                    # no byte: nothing changes
@@ -161,7 +154,6 @@ run "$exe" -i uninstall
 echo "== Windows 10, console run: IRP-denied notifications"
 use_prefix 10 win10
 console
-wait_listening
 startup_checks win10
 poll 150 0.2 'ctl state | grep -q "\"notify\":1"' || fail "one notification connection: $(ctl state)"
 
@@ -171,7 +163,7 @@ procA=$wpid
 subscriber subB 'Global\nv_subB' ''
 runs "inject" 0 '*' "$ctl" inject 3 0 4000000 "$file"  # no such process: no image, no description
 wait $procA && wait $wpid || fail "an event did not fire"
-a=$(records subA | tr A-F a-f) b=$(records subB | tr A-F a-f)
+a=$(records subA) b=$(records subB)
 for got in "$a" "$b"; do
     [[ "$got" =~ ^$(record 'c:\data\file.txt' 4000000 '' '')$ ]] || fail "a subscriber's record [$got]"
 done
@@ -192,8 +184,7 @@ echo "== requests on the wire: bad ones refused with a line, the table left alon
 waiter wire "$work/wire.event" wait-event 'Global\wire_ev' 600000  # the subscriptions' event
 # ID|PAYLOAD|REPLY|LOG LINE ('-': none)
 while IFS='|' read -r id payload reply line; do
-    run "$client" send "$id" ${payload:+"$payload"}
-    [ "$rc" = 0 ] && [ "$(cat "$out")" = "$reply" ] || fail "$id [$payload]: exit $rc, reply [$(cat "$out")], want [$reply]"
+    request "$id" "$payload" "$reply"
     [ "$line" = - ] || [ "$(log_lines "$line")" = 1 ] || fail "$id [$payload]: log line [$line] x$(log_lines "$line")"
 done <<ROWS
 10000fa|$(subscription 0 wire 'Global\wire_ev' 'C:\Wire\A.TXT')|0100|Add subscription for <wire> on file <c:\\\\wire\\\\a.txt>
@@ -204,11 +195,11 @@ done <<ROWS
 10000fa|$(subscription 0 '' e p)|0000|-
 10000fa|71|0000|Subscription request of 1 bytes is truncated, refused
 10000fa|$(subscription 0 "$(printf 's%.0s' $(seq 300))" e p)|0000|Subscription request of 312 bytes is oversized (at most 1554 bytes, names 260, path 1024), refused
-10000fb|$(s nobody)|00000000|-
+10000fb|$(hex_str nobody)|00000000|-
 10000fb|00|00000000|-
 10000fb|71|00000000|Query of 1 bytes is truncated, refused
-10000fb|$(s "$(printf 'q%.0s' $(seq 261))")|00000000|Query of 262 bytes is oversized (a subscriber name of at most 260 bytes), refused
-10000fb|$(s wire)00|00000000|Query of 6 bytes is oversized
+10000fb|$(hex_str "$(printf 'q%.0s' $(seq 261))")|00000000|Query of 262 bytes is oversized (a subscriber name of at most 260 bytes), refused
+10000fb|$(hex_str wire)00|00000000|Query of 6 bytes is oversized
 10000fa|$(subscription 0 wire 'Global\wire_ev' '')|0000|-
 ROWS
 
@@ -242,12 +233,11 @@ run "$ctl" stop-message on
 echo "== driver not loaded: start-up goes on without the receiver, requests are still served"
 run "$ctl" unload
 console
-wait_listening
 # Features 0/6/11, feature 16 and the three trusted applications: a line each at least.
 [ "$(log_lines "$not_loaded")" -ge 5 ] || fail "a connection failure line with its text for every attempt"
 expect_log 'Could not connect to filter for notification' 0
 subscriber nodrv 'Global\nv_nodrv' 'c:\x'
-request 10000fb "$(s nodrv)" 00000000
+request 10000fb "$(hex_str nodrv)" 00000000
 run "$client" post 1000001
 wait_exit $service
 run "$ctl" load

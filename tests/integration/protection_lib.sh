@@ -10,12 +10,6 @@ drive_c=$WINEPREFIX/drive_c
 journal=$drive_c/nv/object_security.journal
 device='\Device\HarddiskVolume1'
 
-# Bytes in upper-case hex, for what named fields cannot carry: registry records, text outside
-# the ANSI code page, payloads longer than a command line, bytes that must not decode.
-hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
-hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
-hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
-hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
 status_ok='0100'
 status_fail='0000'
 

@@ -129,6 +129,12 @@ coded() {
     echo "FAIL: nv_ipc_client $* printed nothing" >&2
     return 1
 }
+# Bytes in upper-case hex, for what named fields cannot carry: registry records, driver messages,
+# text outside the ANSI code page, payloads longer than a command line, bytes that must not decode.
+hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
+hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
+hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
+hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
 # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
 run() {
     wine "$@" </dev/null >"$out" 2>&1
