@@ -76,11 +76,10 @@ for s in nv_test_svc:svc:demand nv_test_auto:auto:auto nv_fragile:fragile:demand
 done
 for s in nv_test_svc nv_fragile nv_stubborn nv_vanishing; do run sc start $s && wait_svc_state $s 0; done
 svc_sid=$(service_sid nv_test_svc)
-mark
-answers "protect nv_test_svc" "$ok" protect-services svc=1 proc=1 name=nv_test_svc
+sends "protect nv_test_svc: its image rules" "$ok" "$(msgs "1 command C:\\prot\\svc\\nv_test_service.exe" "6 feature true" \
+    "7 command $device\\prot\\svc")" protect-services svc=1 proc=1 name=nv_test_svc
 service_sddl="D:P(A;;0x101f01ff;;;$own_sid)(A;;0x101f01ff;;;$svc_sid)(A;;CCLCSWLORC;;;SY)(A;;CCLCSWLORC;;;BA)(A;;CCLCSWLORC;;;IU)(A;;CCLCSWLORC;;;SU)"
 expect_eq "service DACL" "$service_sddl" "$(recorded service nv_test_svc | cut -f 1)"
-expect_eq "service image rules" "$(msgs "1 command C:\\prot\\svc\\nv_test_service.exe" "6 feature true" "7 command $device\\prot\\svc")" "$(sent)"
 recorded file 'C:\prot\svc' | cut -f 2 | grep -q "^A;0x03;0x101F01FF;$own_sid A;0x03;0x101F01FF;$svc_sid " ||
     fail "service folder: own SID, then the service's: $(recorded file 'C:\prot\svc')"
 persisted "service and image persisted" 0 nv_test_svc svc
@@ -117,14 +116,13 @@ mark
 start_service
 sent | grep -q -F '1 command C:\prot\svc\nv_test_service.exe' || fail "image rule re-applied"
 # The service kept its protected DACL across the restart: in place, not written again.
-expect_eq "service DACL in place" "$service_sddl" "$(recorded service nv_test_svc | cut -f 1)"
-tail -n +"$((lines + 1))" "$journal" | grep -q -F "service	nv_test_svc	" && fail "service DACL written again"
+expect_eq "service DACL in place, not written again" "$service_sddl 0" \
+    "$(recorded service nv_test_svc | cut -f 1) $(tail -n +"$((lines + 1))" "$journal" | grep -c -F "service	nv_test_svc	")"
 expect_eq "enforce lines" "1 1" "$(log_count 'Enforce service nv_test_auto...') $(log_count 'Enforce service nv_no_image...')"
 wait_svc_state nv_test_auto 0
 poll 150 0.2 '[ "$(log_count "Service nv_no_image has no readable image path, skipped")" = 1 ]' || fail "nv_no_image not skipped"
-expect_eq "no code 2 without a path" 0 "$(sent | grep -cE '^2 command ?$')"
-call query-protected-services
-expect_eq "listing after restart" count=4 "$(head -n 1 <<<"$reply")"
+expect_eq "no code 2 without a path, four services listed" "0 count=4" \
+    "$(sent | grep -cE '^2 command ?$') $(call query-protected-services && head -n 1 <<<"$reply")"
 
 echo "== service control requests"
 answers "start with arguments" "$ok" start-service name=nv_args_svc arg=alpha arg='beta gamma'
@@ -133,8 +131,7 @@ answers "start a running service" "$started" start-service name=nv_args_svc
 answers "start a service that hangs in start pending" "$refused" start-service name=nv_stuck
 expect_eq "given up without progress" 1 "$(log_count 'Service is still start pending, without progress for 10000 ms')"
 run taskkill /F /PID "$(pid_of stuck nv_stuck)"
-answers "stop" "$ok" stop-service-by-name name=nv_args_svc
-expect_eq "stopped" 252 "$(svc_state nv_args_svc)"
+answers "stop" "$ok" stop-service-by-name name=nv_args_svc && expect_eq "stopped" 252 "$(svc_state nv_args_svc)"
 answers "stop a stopped service" "$(said 1 "Service has already been stopped.")" stop-service-by-name name=nv_args_svc
 answers "stop a service that ignores stop" "$ok" stop-service-by-name name=nv_stubborn
 pid=$(pid_of stubborn nv_stubborn)
@@ -162,10 +159,9 @@ expect_eq "service DACL back to its own from before" "$auto_service" "$(recorded
 persisted "recovered service and its image no longer persisted" 1 nv_test_auto auto
 
 echo "== unprotect a service"
-mark
-answers "unprotect nv_test_svc" "$ok" protect-services svc=0 proc=0 name=nv_test_svc
+sends "unprotect nv_test_svc: image and folder released" "$ok" "$(msgs "2 command C:\\prot\\svc\\nv_test_service.exe" \
+    "8 command $device\\prot\\svc")" protect-services svc=0 proc=0 name=nv_test_svc
 expect_eq "service DACL from before given back" "$own_service" "$(recorded service nv_test_svc | cut -f 1)"
-expect_eq "image and folder released" "$(msgs "2 command C:\\prot\\svc\\nv_test_service.exe" "8 command $device\\prot\\svc")" "$(sent)"
 persisted "service and image unpersisted" 1 nv_test_svc svc
 expect_eq "its DACL record gone" "" "$(reg_value "$services_key" 'nv_test_svc\OriginalDacl')"
 
@@ -182,38 +178,15 @@ expect_eq "force: folder reset locally" "1 $restored_folder" \
     "$(log_count 'Failed to connect driver,  reset the folder permissions (C:\prot\auto)') $(recorded file 'C:\prot\auto' | cut -f 1)"
 run "$ctl" load
 
-echo "== folder DACL recovery, held at its write: the list answered meanwhile, a protect after it"
-listed_before=$(call query-protected-processes && printf '%s' "$reply")
-hold_dacl_writes
-restoring=$(log_count 'Restoring permissions of folder (C:\prot\other)')
-call_bg recovering "$work/recover.out" recover-folder-dacl name='C:\prot\other\'
-poll 300 0.1 '[ "$(log_count "Restoring permissions of folder (C:\prot\other)")" -gt "$restoring" ]' || fail "recover: not started"
-call_bg after "$work/after.out" protect-processes protect=0 image='C:\prot\other\none.exe'
-answers "recover held: the list as it was" "$listed_before" query-protected-processes
-still_waiting "recover held: it and the protect after it wait" $recovering $after
-release_dacl_writes
-wait $recovering $after
-expect_eq "recover, then the protect" "$ok $ok" "$(tr -d '\r' <"$work/recover.out") $(tr -d '\r' <"$work/after.out")"
+echo "== folder DACL recovery, held at its write: the lists answered meanwhile, a protect after it"
+held_at_dacl_write "recover held" 'Restoring permissions of folder (C:\prot\other)' \
+    "protect-processes protect=0 image=C:\prot\other\none.exe" recover-folder-dacl name='C:\prot\other\'
 expect_eq "folder named without its backslash reset" "$restored_folder" "$(recorded file 'C:\prot\other' | cut -f 1)"
 answers "folder dropped from the protected folders" "$(msgs count=2 "$(own_entry)" "$(entry '' 'C:\prot\other\f.exe' 'C:\prot\other')")" query-protected-processes
 
 echo "== a service protect held at its image folder's DACL write: the lists answered meanwhile"
-listed_before=$(call query-protected-processes && printf '%s' "$reply")
-hold_dacl_writes
-protecting=$(log_count 'Trying to protect process (C:\prot\svc\nv_test_service.exe)')
-call_bg held "$work/held.out" protect-services svc=1 proc=1 name=nv_test_svc
-poll 300 0.1 '[ "$(log_count "Trying to protect process (C:\prot\svc\nv_test_service.exe)")" -gt "$protecting" ]' ||
-    fail "service protect: not started"
-call_bg after "$work/after.out" protect-processes protect=0 image='C:\prot\other\none.exe'
-call service-version
-[[ "$reply" == version=* ]] || fail "service protect held: the version [$reply]"
-answers "service protect held: the image list as it was" "$listed_before" query-protected-processes
-call query-protected-services
-[[ "$reply" == count=* ]] || fail "service protect held: the service list [$reply]"
-still_waiting "service protect held: it and the process rule after it wait" $held $after
-release_dacl_writes
-wait $held $after
-expect_eq "service protect, then the process rule" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
+held_at_dacl_write "service protect held" 'Trying to protect process (C:\prot\svc\nv_test_service.exe)' \
+    "protect-processes protect=0 image=C:\prot\other\none.exe" protect-services svc=1 proc=1 name=nv_test_svc
 answers "unprotect nv_test_svc again" "$ok" protect-services svc=0 proc=0 name=nv_test_svc
 
 echo "== master switch off, held at a DACL write: the lists answered, the driver's re-apply after it"
@@ -308,17 +281,16 @@ call_bg waiter /dev/null stop-service-by-name name=nv_stuck_stop
 poll 150 0.2 '[ "$(log_count "Received IPC message 1000066")" -gt "$n" ]' || fail "the stop request did not come"
 sleep 2  # well inside its 30-second wait
 within 10 run "$exe" -s stop  # not the other service's 30 seconds
-expect_eq "stopped" "0 252" "$rc $(svc_state $svc)"
-expect_eq "the wait given up, no thread terminated" "1 0" \
-    "$(log_count 'The wait for service nv_stuck_stop to stop was given up') $(log_count 'of its stop, terminated')"
+expect_eq "stopped, the wait given up, no thread terminated" "0 252 1 0" "$rc $(svc_state $svc) $(
+    log_count 'The wait for service nv_stuck_stop to stop was given up') $(log_count 'of its stop, terminated')"
 wait $waiter
 run taskkill /F /PID "$(pid_of stuckstop nv_stuck_stop)"
 
 echo "== emergency: serv and fold act at start, unlocked by a recovery code"
 stop_service
-run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v serv /t REG_SZ /d nv_test_svc /f
-run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v fold /t REG_SZ /d 'C:\prot\stubborn' /f
-run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v code /t REG_SZ /d "$(recovery_code)" /f
+for v in 'serv nv_test_svc' 'fold C:\prot\stubborn' "code $(recovery_code)"; do
+    run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v "${v%% *}" /t REG_SZ /d "${v#* }" /f
+done
 lines=$(wc -l <"$journal")
 run "$exe" -s start
 poll 150 0.2 '[ "$(log_count "Emergency options have been handled")" = 1 ]' && wait_svc_state $svc 252 || fail "no emergency start"
@@ -329,11 +301,11 @@ expect_eq "the Windows folder: no DACL written, at protect or any shutdown" 0 "$
 
 echo "== killed at a service's DACL write, protecting and then unprotecting: its records give it back"
 install_test_service nv_killed killed demand
-kill_at() {  # SERVICE: the test build ends where it would write that service's DACL
-    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v KillAtServiceDacl /t REG_SZ /d "$1" /f
-}
+# kill_at SERVICE: the test build ends where it would write that service's DACL.
+kill_at() { run reg add 'HKLM\Software\Norvale\NVClientHelper' /v KillAtServiceDacl /t REG_SZ /d "$1" /f; }
 killed_in() {  # LABEL FIELD...: the request the service dies in; then started again without the kill
     local before=$(recorded service nv_killed | cut -f 1)
+    kill_at nv_killed
     run "$client" -t 20000 call protect-services "${@:2}"
     [ "$rc" != 0 ] || fail "$1: answered: $(cat "$out")"
     expect_eq "$1: no DACL written" "$before" "$(recorded service nv_killed | cut -f 1)"
@@ -345,9 +317,7 @@ killed_in() {  # LABEL FIELD...: the request the service dies in; then started a
 }
 killed_original="REG_SZ $default_service"
 start_service
-kill_at nv_killed
 killed_in "killed protecting" svc=1 proc=1 name=nv_killed
-kill_at nv_killed
 killed_in "killed unprotecting" svc=0 proc=0 name=nv_killed
 answers "unprotect nv_killed" "$ok" protect-services svc=0 proc=0 name=nv_killed
 expect_eq "its DACL from before the first protect" "$default_service" "$(recorded service nv_killed | cut -f 1)"
@@ -356,12 +326,9 @@ persisted "records gone after the DACL" 1 nv_killed killed
 echo "== a record the service cannot write: answered 0 with a message, nothing applied"
 stop_service
 start_service sddl 'Software\Norvale'  # the test no longer stands in for the service SID
-mark
-answers "protect nv_killed unrecorded" \
-    "$(said 0 "Service nv_killed was not protected: its original DACL could not be recorded.")" \
-    protect-services svc=1 proc=1 name=nv_killed
+sends "protect nv_killed unrecorded, no image rule sent" "$(said 0 "Service nv_killed was not protected: its original DACL could not be recorded.")" \
+    "" protect-services svc=1 proc=1 name=nv_killed
 expect_eq "its DACL left as it was" "$default_service" "$(recorded service nv_killed | cut -f 1)"
 persisted "nothing recorded" 1 nv_killed killed
-expect_eq "no image rule sent" "" "$(sent)"
 
 finish protection 300

@@ -196,18 +196,9 @@ tree_is "created key" "$lvl1_a" "$t\\Fresh\\New"
 
 echo "== a protect held at its DACL write: other requests answered meanwhile, the key's next request after it"
 run reg add "HKLM\\$t\\Held" /f
-hold_dacl_writes
-records=$(listing | head -n 1)
-call_bg held "$work/held.out" protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1
-poll 300 0.1 '[ "$(log_count "Trying to protect reg key (\\\\$hklm_text\\$t\\Held)")" -gt 0 ]' || fail "held: not started"
-call_bg after "$work/after.out" protect-reg-keys protect=0 root=0x$hklm path="$t\\Held" owner=nv_gone level=0
-call service-version
-[[ "$reply" == version=* ]] || fail "held: the version [$reply]"
-listed "${records#count=}"
-still_waiting "held: the protect and the unprotect after it wait" $held $after
-release_dacl_writes
-wait $held $after
-expect_eq "held: both answered" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
+held_at_dacl_write "held" "Trying to protect reg key (\\\\$hklm_text\\$t\\Held)" \
+    "protect-reg-keys protect=0 root=0x$hklm path=$t\\Held owner=nv_gone level=0" \
+    protect-reg-keys protect=1 root=0x$hklm path="$t\\Held" owner=nv_owner_a level=1
 tree_is "held: protected, then given back" "$orig" "$t\\Held"
 ! has_value "$t\\Held" || fail "held: record left"
 
