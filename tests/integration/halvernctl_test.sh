@@ -140,34 +140,29 @@ notify collect --as me|10000FB|$(encode query-irp-notification-data subscriber=m
 EOF
 
 echo "== text and --json output, refusals"
-hv_run service list
-expect_eq "service list" "name=svcA  process_protected=yes  image=C:\\svcA\\a.exe  folder=C:\\svcA  sid=S-1-5-80-9  service_sddl=D:S  folder_sddl=D:F" "$(cat "$out")"
-hv_run quarantine containers
-expect_eq "quarantine containers" 'c:\q\' "$(cat "$out")"
-hv_run is-blocked 'C:\f'
-expect_eq "is-blocked" $'ok: yes\nblocked: no\nmessage: no' "$(cat "$out")"
-# arguments#jq filter#its output
+# arguments#jq filter of stdout (-: stdout, err: stderr, their lines joined by "|")#exit code and output
 while IFS='#' read -r args filter want; do
-    eval "hv_run --json $args"
-    expect_eq "--json $args" "0 $want" "$rc $(jq -c "$filter" "$out" 2>&1)"
+    eval "hv_run $args"
+    case $filter in -) got=$(paste -sd '|' "$out") ;; err) got=$(paste -sd '|' "$err") ;; *) got=$(jq -c "$filter" "$out" 2>&1) ;; esac
+    expect_eq "$args" "$want" "$rc $got"
 done <<'EOF'
-service list#[.command, .services[0].name, .services[0].process_protected, .services[0].image]#["service list","svcA",true,"C:\\svcA\\a.exe"]
-process list#.processes#[{"image":"C:\\a\\a.exe","folder":"C:\\a","folder_sddl":"D:F"}]
-key list#.keys#[{"key":"HKLM\\Software\\X","owner":"o","services":"s1,s2","original_sddl":"D:O","current_sddl":"D:C"}]
-quarantine containers#.containers#[{"path":"c:\\q\\"}]
-quarantine list 'C:\q'#.files#[{"archive":"f.QUA","path":"C:\\f"}]
-quarantine add 'C:\q' 'C:\f' 'C:\g'#[.ok, [.archives[].archive]]#[true,["c:\\q\\f.QUA","c:\\q\\g.QUA"]]
-quarantine is-quarantined 'C:\q\f.QUA'#.quarantined#true
-is-blocked 'C:\f'#[.ok, .blocked]#[true,false]
-service start s1#[.ok, .message]#[true,"Service has already been started."]
-notify collect#.notifications | map([.sequence, .file, .major, .minor, .pid, .image, .description, .denied])#[[7,"c:\\data\\x.txt",3,0,42,"C:\\a\\a.exe","App",true]]
+service list#-#0 name=svcA  process_protected=yes  image=C:\svcA\a.exe  folder=C:\svcA  sid=S-1-5-80-9  service_sddl=D:S  folder_sddl=D:F
+quarantine containers#-#0 c:\q\
+is-blocked 'C:\f'#-#0 ok: yes|blocked: no|message: no
+--json service list#[.command, .services[0].name, .services[0].process_protected, .services[0].image]#0 ["service list","svcA",true,"C:\\svcA\\a.exe"]
+--json process list#.processes#0 [{"image":"C:\\a\\a.exe","folder":"C:\\a","folder_sddl":"D:F"}]
+--json key list#.keys#0 [{"key":"HKLM\\Software\\X","owner":"o","services":"s1,s2","original_sddl":"D:O","current_sddl":"D:C"}]
+--json quarantine containers#.containers#0 [{"path":"c:\\q\\"}]
+--json quarantine list 'C:\q'#.files#0 [{"archive":"f.QUA","path":"C:\\f"}]
+--json quarantine add 'C:\q' 'C:\f' 'C:\g'#[.ok, [.archives[].archive]]#0 [true,["c:\\q\\f.QUA","c:\\q\\g.QUA"]]
+--json quarantine is-quarantined 'C:\q\f.QUA'#.quarantined#0 true
+--json is-blocked 'C:\f'#[.ok, .blocked]#0 [true,false]
+--json service start s1#[.ok, .message]#0 [true,"Service has already been started."]
+--json notify collect#.notifications | map([.sequence, .file, .major, .minor, .pid, .image, .description, .denied])#0 [[7,"c:\\data\\x.txt",3,0,42,"C:\\a\\a.exe","App",true]]
+recover folder 'C:\f'#err#1 halvernctl: Invalid path.
+--json recover folder 'C:\f'#[.ok, .error, .message, .exit_code]#1 [false,"refused","Invalid path.",1]
+service stop s1#err#1 halvernctl: the service refused the request
 EOF
-hv_run recover folder 'C:\f'
-expect_eq "refused: exit code 1, the message on stderr" "1 halvernctl: Invalid path." "$rc $(cat "$err")"
-hv_run --json recover folder 'C:\f'
-expect_eq "refused as JSON" '[false,"refused","Invalid path.",1]' "$(jq -c '[.ok, .error, .message, .exit_code]' "$out")"
-hv_run service stop s1
-expect_eq "refused without a message" "1 halvernctl: the service refused the request" "$rc $(cat "$err")"
 stop_double
 
 echo "== a service speaking protocol 3"
@@ -195,13 +190,8 @@ expect_eq "status, stopped" $'0 service: norvale_halvern_svc\ninstalled: yes\nru
 hv_run driver on
 expect_rc "a command on a stopped service" 0
 hv_run status
-expect_eq "status, running" "service: norvale_halvern_svc
-installed: yes
-running: yes
-compatible: yes
-protocol_version: 5
-service_version: 196653
-service_version_text: 3.0.45" "$(cat "$out")"
+expect_eq "status, running" "$(printf '%s\n' 'service: norvale_halvern_svc' 'installed: yes' 'running: yes' 'compatible: yes' \
+    'protocol_version: 5' 'service_version: 196653' 'service_version_text: 3.0.45')" "$(cat "$out")"
 hv_run --json status
 expect_eq "status as JSON" '[true,5,196653,"3.0.45"]' \
     "$(jq -c '[.running, .protocol_version, .service_version, .service_version_text]' "$out")"
