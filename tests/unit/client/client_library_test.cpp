@@ -1,5 +1,5 @@
 // The client library against a peer that plays the service, for what the real service cannot
-// show (halvernctl_test.sh sends every method to it, against a missing service and an older
+// show (service_test.sh sends every method to it, against a missing service and an older
 // protocol too): replies cut short or refusing, the gate before the protocol is known, input
 // refused before sending, release of a foreign pointer.
 #include <gtest/gtest.h>
@@ -45,7 +45,7 @@ TEST_F(client_library, replies_cut_short_or_refusing) {
     service_.set_reply(msg::protocol_compatible, nv_test::encoded(protocol::compatibility_reply{0, 4}));
     EXPECT_FALSE(helper_->proto_compatible());
     EXPECT_EQ(nvc::protocolVersion(helper_), 4u);
-    // Every status method has the one decoder (a refusal's message: halvernctl_test.sh): a reply
+    // Every status method has the one decoder (a refusal's message: service_test.sh): a reply
     // without its message is not decoded and leaves the record untouched.
     result r{7, "untouched"};
     service_.set_reply(msg::recover_folder_dacl, cut);
@@ -55,7 +55,7 @@ TEST_F(client_library, replies_cut_short_or_refusing) {
 }
 
 // Gated requests until the protocol is known, then input over its limits (a service too old for a
-// request: halvernctl_test.sh, protocol 3).
+// request: service_test.sh, protocol 3).
 TEST_F(client_library, gates_and_limits_refuse_locally_before_anything_is_sent) {
     ASSERT_TRUE(connect());
     const std::string call_first = "Please call proto_compatible() API to confirm the feature is suppported by service.";
