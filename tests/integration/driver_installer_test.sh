@@ -4,7 +4,6 @@
 #   driver_installer_test.sh VERSION NEXT_VERSION
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
-. "$(dirname "$0")/installer_support.sh"
 version=${1:?version} next_version=${2:?next version}
 
 new_prefix

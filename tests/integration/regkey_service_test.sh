@@ -53,8 +53,8 @@ rule_count() { driver_messages | grep -c "^$1 command"; }
 value_of() { echo "\\\\$hklm_text\\$(echo "$1" | tr '[:upper:]' '[:lower:]')"; }
 has_value() { reg_value "HKLM\\$persist" "$(value_of "$1")" >/dev/null; }
 absent() { wine reg query "HKLM\\$1" </dev/null >/dev/null 2>&1 || echo absent; }  # KEY: "absent" when there is no such key
-# logged FUNCTION MESSAGE: MESSAGE logged once by FUNCTION, with a line break of its own
-logged() {
+# logged_by FUNCTION MESSAGE: MESSAGE logged once by FUNCTION, with a line break of its own
+logged_by() {
     expect_eq "$2" "$1: $2||" "$(tr -d '\r' <"$log" | grep -A1 -F -- "] - $2" |
         sed 's/^.*\[\([^]]*\):[0-9]*\] - /\1: /' | tr '\n' '|')"
 }
@@ -173,8 +173,8 @@ echo "== the registry protection switch off"
 request 1000008 00
 protect "$refused" "1|$hklm|$t\\Off|nv_owner_a|1|"
 request 1000008 01
-logged chelperservice::protectRegKey "Trying to protect reg key (\\\\$hklm_text\\$t\\Off)"
-logged chelperservice::protectRegKey "Registry protection function is disabled"
+logged_by chelperservice::protectRegKey "Trying to protect reg key (\\\\$hklm_text\\$t\\Off)"
+logged_by chelperservice::protectRegKey "Registry protection function is disabled"
 expect_eq "Off not created, no rule sent" "absent $rules" "$(absent "$t\\Off") $(rule_count 12)"
 
 echo "== the same key twice and in another letter case; a key that is not protected"
@@ -205,7 +205,7 @@ echo "== unprotect: original DACLs back on every subkey, code 13, record gone"
 given_back "level 0 restored" "$t\\LVL0" "$t\\Lvl0" "$t\\Lvl0\\A\\B" "$t\\Lvl0\\C"
 expect_eq "a subkey's own DACL back" "$own_a" "$(sddl "$t\\Lvl0\\A")"
 has_rule 13 "\\REGISTRY\\Machine\\$t\\Lvl0"
-logged chelperservice::unprotectRegKey "Trying to unprotect reg key (\\\\$hklm_text\\$t\\Lvl0)"
+logged_by chelperservice::unprotectRegKey "Trying to unprotect reg key (\\\\$hklm_text\\$t\\Lvl0)"
 expect_eq "no longer listed, unprotected line" "0 1" "$(listing | grep -c -F " path=$t\\Lvl0 ") $(
     log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been unprotected.")"
 

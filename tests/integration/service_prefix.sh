@@ -6,9 +6,11 @@ export WINEDEBUG=-all WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
 
 base_prefix=$WINEPREFIX
 work=$(mktemp -d "${TMPDIR:-/tmp}/nv-service-prefix.XXXXXX")
-# before_cleanup, when a test defines it, runs first (e.g. to release what a process waits on).
+# before_cleanup, when a test defines it, runs first (e.g. to release what a process waits on), and
+# then whatever installer_probe holds is let go.
 cleanup() {
     [ "$(type -t before_cleanup)" = function ] && before_cleanup
+    [ -z "${hold_pid:-}" ] || wine "$helper" set-event "$hold_release" </dev/null >/dev/null 2>&1
     local p
     for p in "$work"/prefix*; do
         [ -d "$p" ] && WINEPREFIX=$p wineserver -k >/dev/null 2>&1
@@ -170,6 +172,28 @@ wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
 }
 state() { svc_state $svc; }  # of this product's service
 wait_state() { wait_svc_state $svc "$@"; }  # wait_state WANT [TRIES of 0.2 s]
+# sc_state NAME: the state the service manager reports (RUNNING ...), empty for no such service
+sc_state() { wine sc query "$1" </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "STATE" { print $4 }'; }
+# logged FILE PATTERN: a line of FILE matches (grep reads to the end, not to fail the pipe).
+logged() { tr -d '\r' <"$1" | grep -- "$2" >/dev/null; }
+expect_logged() {  # LABEL FILE PATTERN...
+    local label=$1 file=$2 p
+    shift 2
+    for p; do logged "$file" "$p" || fail "$label: $(basename "$file") has no [$p]"; done
+}
+expect_not_logged() { ! logged "$2" "$3" || fail "$1: $(basename "$2") has [$3]"; }  # LABEL FILE PATTERN
+# hold image|service PATH|NAME: installer_probe ($probe, a Windows path) keeps an image mapping (as
+# a loaded driver does) or a service handle until unhold.
+hold_release='Global\nv_installer_hold'
+hold() {
+    wine "$probe" "hold-$1" "$2" "$hold_release" </dev/null >"$work/hold.txt" 2>&1 &
+    hold_pid=$!
+    poll 100 0.2 'grep -q holding "$work/hold.txt" 2>/dev/null' || fail "hold-$1 $2 did not start: $(cat "$work/hold.txt")"
+}
+unhold() {
+    wine "$helper" set-event "$hold_release" </dev/null >/dev/null 2>&1
+    wait "$hold_pid" 2>/dev/null
+}
 # finish WHAT [LOG-LINES]: with failures, the debug log (its last LOG-LINES lines) and exit 1.
 finish() {
     if [ "$failures" -ne 0 ]; then

@@ -3,7 +3,6 @@
 # 3.0.40.1, protocol 3, named NVHalvernService.exe). The two slow cases run in prefixes of their own.
 set -uo pipefail
 . "$NV_SOURCE_DIR/tests/integration/service_prefix.sh"
-. "$NV_SOURCE_DIR/tests/integration/installer_support.sh"
 halvernctl=$NV_BIN_DIR/halvernctl.exe
 new_exe=$NV_BIN_DIR/hooks/NorvaleHalvernService.exe  # the test build: its folder repair is recorded
 old_exe=$NV_BIN_DIR/previous/NVHalvernService.exe
