@@ -55,22 +55,17 @@ startup_checks() {  # VERSION: the start-up messages and registry values
         [ "$1" = win8 ] && command 15 "${sysdir}services.exe")
     # Protecting the service's own folder switches feature 6 around its DACL rewrite, after 16.
     expect_sent "$1 start-up" "$(journal | link | awk '/^10000000/ { s = 1 } !(s && /^06000000/)')" "$want"
-    [ "$(log_lines 'Windows 8 / Server 2012 detected, set service manager path.')" = "$([ "$1" = win8 ] && echo 1 || echo 0)" ] ||
-        fail "$1: Windows 8 line"
-    run reg query "$driver_key\\TrustedOpenApps"
+    expect_eq "$1: Windows 8 line" "$([ "$1" = win8 ] && echo 1 || echo 0)" "$(log_lines 'Windows 8 / Server 2012 detected, set service manager path.')"
     for app in csrss.exe lsass.exe svchost.exe; do
-        grep -qF "$sysdir$app    REG_DWORD    0x1" "$out" || fail "$1: TrustedOpenApps value for $app: $(cat "$out")"
+        expect_eq "$1: TrustedOpenApps value for $app" "REG_DWORD 0x1" "$(reg_value "$driver_key\\TrustedOpenApps" "$sysdir$app")"
     done
-    run reg query "$driver_key" /v SvcMgrPath
-    if [ "$1" = win8 ]; then
-        grep -qF "SvcMgrPath    REG_SZ    ${sysdir}services.exe" "$out" || fail "$1: SvcMgrPath: $(cat "$out")"
-    else
-        [ "$rc" != 0 ] || fail "$1: SvcMgrPath written: $(cat "$out")"
-    fi
+    expect_eq "$1: SvcMgrPath" "$([ "$1" = win8 ] && echo "REG_SZ ${sysdir}services.exe")" "$(reg_value "$driver_key" SvcMgrPath)"
 }
-shutdown_checks() {  # LABEL MARK: feature 16 off before 0, 6 and 11, and no remove command
-    local sent
-    sent=$(journal "$2")
+shuts_down() {  # LABEL COMMAND: what COMMAND (evaluated) sends: feature 16 off before 0, 6 and 11, no remove command
+    local mark sent
+    mark=$(journal | wc -l)
+    eval "$2"
+    sent=$(journal "$mark")
     expect_sent "$1" "$(link <<<"$sent")" "$(f 16 0; off3)"
     ! grep -qE '^(02|08|0A)000000' <<<"$sent" || fail "$1: remove command at shutdown: $sent"
 }
@@ -125,10 +120,7 @@ request 1000007 '' 0100
 not_loaded="Could not connect to filter: -2147024894 - [A-Za-z]"
 ctl load >/dev/null
 request 1000007 '' 0100 "$on3"
-mark=$(journal | wc -l)
-kill -INT $service
-wait_exit $service
-shutdown_checks "win7 Ctrl+C" "$mark"
+shuts_down "win7 Ctrl+C" 'kill -INT $service; wait_exit $service'
 
 echo "== Windows 8, under the service control manager; a stop message without a name"
 use_prefix 8 win8
@@ -146,9 +138,7 @@ expect_record scm "$(record 'c:\data\file.txt' "$spid" 'C:\nv\NorvaleHalvernServ
 run "$ctl" inject-raw "$(printf '%032d' 0)000000000000000000000000"
 wait_log 'Received the stop message from driver' 1
 runs "a request after the stop message" 0 '*' "$client" version
-mark=$(journal | wc -l)
-within 30 runs "stop" 0 '*' "$exe" -s stop
-shutdown_checks "win8 stop" "$mark"
+shuts_down "win8 stop" 'within 30 runs "stop" 0 "*" "$exe" -s stop'
 run "$exe" -i uninstall
 
 echo "== Windows 10, console run: IRP-denied notifications"
@@ -218,13 +208,8 @@ expect_log 'Invalid notification type 7, message ignored.' 1
 
 echo "== a second instance; with the stop message switched off the receiver's own wait is cancelled at the stop"
 run "$ctl" stop-message off
-mark=$(journal | wc -l)
-runs "second instance" 0 '*' "$exe" -d
-shutdown_checks "win10 second instance" "$mark"
-mark=$(journal | wc -l)
-run "$client" post 1000001
-wait_exit $service
-shutdown_checks "win10 stop message" "$mark"
+shuts_down "win10 second instance" 'runs "second instance" 0 "*" "$exe" -d'
+shuts_down "win10 stop message" 'run "$client" post 1000001; wait_exit $service'
 expect_log '\[IRP Notification\]: FilterGetMessage aborted: -2147023901 - [A-Za-z]' 1
 expect_log 'Received the stop message from driver' 0
 expect_log 'Failed to close the notification port' 0
