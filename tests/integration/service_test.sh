@@ -116,10 +116,9 @@ done
 echo "== start, stop through the manager (an emergency option without a recovery code waits)"
 run reg add "$emergency" /v uninstallService /t REG_DWORD /d 1 /f
 runs "start" 0 "" "$exe" -s start
-[ "$(state)" = 0 ] || fail "-c of the running service"
-[ "$(log_lines 'Emergency options without a recovery code are left in place')" = 1 ] || fail "no line for the option without a code"
+expect_eq "-c of the running service, a line for the option without a code, one version line" "0 1 1" \
+    "$(state) $(log_lines 'Emergency options without a recovery code are left in place') $(log_lines 'Service Version: 3.0.45.1')"
 wine reg query "$emergency" /v uninstallService </dev/null >/dev/null 2>&1 || fail "an option without a code was consumed"
-[ "$(log_lines 'Service Version: 3.0.45.1')" = 1 ] || fail "one version line"
 runs "start of a running service" 254 "Failed to start halvern service!" "$exe" -s start
 
 echo "== identifiers outside the catalogue, at the edges of its ranges among them, are echoed and logged"
@@ -130,8 +129,7 @@ done
 
 echo "== a second instance stops at once without a version line"
 runs "second instance" 0 "" "$exe" -d
-[ "$(log_lines 'Service Version')" = 1 ] || fail "second instance wrote a version line"
-[ "$(state)" = 0 ] || fail "the first instance keeps running"
+expect_eq "second instance: no version line of its own, the first instance keeps running" "1 0" "$(log_lines 'Service Version') $(state)"
 
 # Fifty clients that each leave a 3,000-byte reply unread and twenty that announce 64 MiB frames
 # and trickle: none of the three ways to stop waits on them.
@@ -201,8 +199,8 @@ run reg add "$emergency" /v code /t REG_SZ /d "$(recovery_code)" /f
 run "$exe" -s start
 # The service deletes itself without a stop control to its own process and then stops.
 wait_state 251 100
-[ "$(log_lines 'Emergency option - protection has been disabled.')" = 1 ] || fail "protection disabled line"
-[ "$(log_lines 'Emergency option - service has been uninstalled.')" = 1 ] || fail "uninstalled line"
+expect_eq "protection disabled and uninstalled lines" "1 1" \
+    "$(log_lines 'Emergency option - protection has been disabled.') $(log_lines 'Emergency option - service has been uninstalled.')"
 wine reg query "$emergency" /v uninstallService </dev/null >/dev/null 2>&1 && fail "uninstallService was not consumed"
 
 # halvernctl's own parsing, output and exit codes, with the driver simulator: every command against
