@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # ctest's runner for a shell test: bash SCRIPT ARGS..., and when it still runs after
-# NV_SCRIPT_SECONDS, the commands it waits in (its process tree, with how long each has run)
-# and exit code 124, while ctest still takes the output: a killed test would name nothing.
+# NV_SCRIPT_SECONDS, the commands it waits in (the process tree of the session it runs in, with how
+# long each has run) and exit code 124, while ctest still takes the output: a killed test would
+# name nothing.
 limit=${NV_SCRIPT_SECONDS:-0}
 [ "$limit" -gt 0 ] 2>/dev/null || exec bash "$@"
 setsid bash "$@" &
@@ -10,15 +11,7 @@ script=$!
     sleep "$limit" >/dev/null 2>&1
     trap '' TERM  # from here on the watchdog finishes whatever happens to the script
     echo "---- still running after $limit s; the test's processes (seconds running, command):"
-    ps -e -o pid=,ppid=,etimes=,args= | awk -v root="$script" '
-        { parent[$1] = $2; line[$1] = $0; order[NR] = $1 }
-        END {
-            for (i = 1; i <= NR; i++) {
-                p = order[i]; depth = 0
-                for (q = p; q != "" && q != root && depth < 64; q = parent[q]) depth++
-                if (q == root) printf "%*s%s\n", 2 * depth, "", line[p]
-            }
-        }'
+    ps -s "$script" --forest -o pid=,ppid=,etimes=,args=  # the session setsid made for the script
     kill -TERM -- -"$script" 2>/dev/null
     exit 0
 ) &
