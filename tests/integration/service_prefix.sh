@@ -65,10 +65,7 @@ recovery_code() {
 
 failures=0
 out=$work/out.txt
-fail() {
-    echo "FAIL: $*"
-    failures=$((failures + 1))
-}
+fail() { echo "FAIL: $*"; failures=$((failures + 1)); }
 # poll TRIES PAUSE CONDITION: evaluates CONDITION until it holds, at most TRIES times PAUSE s apart.
 poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$2"; done; return 1; }
 # double PROGRAM RECORD STOP-EVENT [ARGS...]: nv_service_double (PROGRAM, as Wine names it) serving
@@ -158,9 +155,7 @@ runs() {
 # expect_eq LABEL WANT GOT
 expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
 # reg_value KEY NAME: the registry value as "TYPE DATA" (nothing and a failure when it is absent).
-reg_value() {
-    wine reg query "$1" /v "$2" </dev/null 2>/dev/null | tr -d '\r' | grep -o 'REG_[A-Z_]* .*' | tr -s ' '
-}
+reg_value() { wine reg query "$1" /v "$2" </dev/null 2>/dev/null | tr -d '\r' | grep -o 'REG_[A-Z_]* .*' | tr -s ' '; }
 # log_lines PATTERN: how many debug log lines match the (basic) regular expression.
 log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
 svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing
