@@ -10,12 +10,15 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "bench/clock.h"
+#include "client/nvchelper.h"
+#include "mcl/encoding.h"
 #include "mcl/event.h"
-#include "tests/helpers/irp_client.h"
+#include "tools/driver_sim/sim_client.h"
 
 namespace {
 
@@ -45,6 +48,28 @@ double peak_private_mib(DWORD pid) {
     return static_cast<double>(c.PeakPagefileUsage) / (1024.0 * 1024.0);
 }
 
+// One control connection to the simulator, kept open for every injection.
+class sim_injector {
+public:
+    bool open() { return vqr::sim::open_channel(pipe_) == ERROR_SUCCESS; }
+    // An IRP-denied notification for `file`; `delivered` is how many ports got it.
+    bool inject(DWORD pid, const std::wstring& file, uint32_t& delivered) {
+        mcl::binary_t request, answer;
+        mcl::write_u32(request, vqr::sim::op::inject);
+        mcl::write_u32(request, 1);
+        mcl::write_byte(request, 3);
+        mcl::write_byte(request, 0);
+        mcl::write_u32(request, pid);
+        mcl::write_wstring(request, file);
+        uint32_t hr = 0, pos = 0;
+        return vqr::sim::exchange(pipe_.get(), request, answer) == ERROR_SUCCESS && mcl::read_u32(hr, answer, pos) &&
+               mcl::read_u32(delivered, answer, pos) && hr == 0;
+    }
+
+private:
+    mcl::mswin::unique_kernel_handle pipe_;
+};
+
 int fail(const char* what) {
     fprintf(stderr, "irp_bench: %s\n", what);
     return 1;
@@ -55,17 +80,19 @@ int fail(const char* what) {
 int main(int argc, char** argv) {
     const int rounds = argc > 1 ? atoi(argv[1]) : 1000;
     const int burst = argc > 2 ? atoi(argv[2]) : 10000;
-    nv_test::irp_client client;
-    if (!client.connect("norvale_halvern_svc", 10000)) return fail("no service");
-    nv_test::sim_injector sim;
+    // The client library, as a subscriber links it, told that it leaves when the bench ends. The
+    // service runs in the console, not registered: its endpoint is reached by name.
+    const std::unique_ptr<invchelper, void (*)(invchelper*)> client(NVClientHelper::createHelper(),
+                                                                     NVClientHelper::releaseHelper);
+    if (!static_cast<nvchelper*>(client.get())->connect(nvchelper::service_name, 10000) || !client->proto_compatible())
+        return fail("no service");
+    sim_injector sim;
     if (!sim.open()) return fail("no simulator");
     const DWORD pid = GetCurrentProcessId();
 
     mcl::event latency_event;
     if (latency_event.create("Global\\nv_irp_bench_latency") != 0) return fail("event");
-    uint8_t result = 0;
-    if (!client.subscribe(false, "bench_latency", "Global\\nv_irp_bench_latency", "c:\\bench\\latency.txt", 0xFF, 0xFF,
-                          0, result))
+    if (!client->subscribe_as("bench_latency", "Global\\nv_irp_bench_latency", "c:\\bench\\latency.txt", 0xFF, 0xFF, 0))
         return fail("subscribe");
     std::vector<double> to_event, to_record;
     std::vector<protocol::notification_data> records;
@@ -73,11 +100,11 @@ int main(int argc, char** argv) {
     for (int i = 0; i < rounds; ++i) {
         latency_event.reset();
         const double t0 = now_ms();
-        if (!sim.inject(1, 3, 0, pid, L"\\Device\\HarddiskVolume1\\bench\\latency.txt", delivered) || delivered != 1)
+        if (!sim.inject(pid, L"\\Device\\HarddiskVolume1\\bench\\latency.txt", delivered) || delivered != 1)
             return fail("inject");
         if (WaitForSingleObject(latency_event.get(), 30000) != WAIT_OBJECT_0) return fail("the event did not fire");
         const double t1 = now_ms();
-        if (!client.query("bench_latency", records) || records.size() != 1) return fail("query");
+        if (!client->query_notification_data_as("bench_latency", records) || records.size() != 1) return fail("query");
         const double t2 = now_ms();
         to_event.push_back(t1 - t0);
         to_record.push_back(t2 - t0);
@@ -91,18 +118,16 @@ int main(int argc, char** argv) {
     mcl::event burst_event, marker_event;
     if (burst_event.create("Global\\nv_irp_bench_burst") != 0 || marker_event.create("Global\\nv_irp_bench_marker") != 0)
         return fail("event");
-    if (!client.subscribe(false, "bench_burst", "Global\\nv_irp_bench_burst", "c:\\bench\\burst.txt", 0xFF, 0xFF, 0,
-                          result) ||
-        !client.subscribe(false, "bench_marker", "Global\\nv_irp_bench_marker", "c:\\bench\\marker.txt", 0xFF, 0xFF, 0,
-                          result))
+    if (!client->subscribe_as("bench_burst", "Global\\nv_irp_bench_burst", "c:\\bench\\burst.txt", 0xFF, 0xFF, 0) ||
+        !client->subscribe_as("bench_marker", "Global\\nv_irp_bench_marker", "c:\\bench\\marker.txt", 0xFF, 0xFF, 0))
         return fail("subscribe");
     const double b0 = now_ms();
     for (int i = 0; i < burst; ++i)
-        if (!sim.inject(1, 3, 0, pid, L"\\Device\\HarddiskVolume1\\bench\\burst.txt", delivered)) return fail("inject");
-    if (!sim.inject(1, 3, 0, pid, L"\\Device\\HarddiskVolume1\\bench\\marker.txt", delivered)) return fail("inject");
+        if (!sim.inject(pid, L"\\Device\\HarddiskVolume1\\bench\\burst.txt", delivered)) return fail("inject");
+    if (!sim.inject(pid, L"\\Device\\HarddiskVolume1\\bench\\marker.txt", delivered)) return fail("inject");
     if (WaitForSingleObject(marker_event.get(), 900000) != WAIT_OBJECT_0) return fail("the burst was not handled");
     const double b1 = now_ms();
-    if (!client.query("bench_burst", records)) return fail("query");
+    if (!client->query_notification_data_as("bench_burst", records)) return fail("query");
     printf("irp_burst_injected: %d records\n", burst);
     printf("irp_burst_collected: %u records\n", static_cast<unsigned>(records.size()));
     printf("irp_burst_dropped: %d records\n", burst - static_cast<int>(records.size()));
