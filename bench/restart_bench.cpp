@@ -25,17 +25,12 @@ using nv_bench::now_ms;
 // `deadline` passes: the connection waits on the service's pipe and handshake objects, so it
 // returns as soon as they are there.
 bool answered_by(uint32_t id, double deadline) {
-    mcl::binary_t frame;
-    mcl::append_frame(frame, mcl::frame_kind::request, id, 1, mcl::binary_t());
-    const std::vector<unsigned char> request(frame.data(), frame.data() + frame.size());
     while (now_ms() < deadline) {
         nv_test::raw_client client;
-        std::vector<unsigned char> head, body;
         mcl::frame_header header;
-        if (client.connect(mcl::mswin::service::default_name) && client.write(request) &&
-            client.read(mcl::frame_header_size, head) &&
-            mcl::read_frame_header(head.data(), static_cast<uint32_t>(head.size()), header) && header.length != 0 &&
-            client.read(header.length, body))
+        mcl::binary_t reply;
+        if (client.connect(mcl::mswin::service::default_name) && client.write_frame(id, 1, mcl::binary_t()) &&
+            client.read_frame(header, reply) && reply.size() != 0)
             return true;
         Sleep(100);
     }

@@ -171,10 +171,10 @@ int run_stall(const char* name, const char* stage, DWORD ms) {
     nv_test::raw_client c;
     c.on_pipes_open = ready;
     if (!c.connect(name)) return 3;
-    const auto request = frame_of(nv_test::msg_echo, 8);
-    std::vector<unsigned char> reply;
-    const bool answered = c.write(request) && c.read(static_cast<uint32_t>(request.size()), reply) &&
-                          reply.size() == request.size() && reply[0] == static_cast<unsigned char>(mcl::frame_kind::response);
+    mcl::frame_header h;
+    mcl::binary_t reply;
+    const bool answered = c.write(frame_of(nv_test::msg_echo, 8)) && c.read_frame(h, reply) &&
+                          h.kind == static_cast<uint32_t>(mcl::frame_kind::response) && reply.size() == 8;
     printf(answered ? "answered\n" : "unanswered\n");
     return 0;
 }

@@ -110,7 +110,25 @@ bool raw_client::drain(uint32_t& total) {
     return true;
 }
 
+bool raw_client::write_frame(uint32_t id, uint32_t sequence, const mcl::binary_t& payload, mcl::frame_kind kind,
+                             uint32_t cut) {
+    mcl::binary_t frame;
+    mcl::append_frame(frame, kind, id, sequence, payload);
+    return write({frame.data(), frame.data() + (cut < frame.size() ? cut : frame.size())});
+}
+
 bool raw_client::read(uint32_t n, std::vector<unsigned char>& bytes) { return read_exact(in_, n, bytes); }
+
+bool raw_client::read_frame(mcl::frame_header& header, mcl::binary_t& payload) {
+    std::vector<unsigned char> head, body;
+    if (!read_exact(in_, mcl::frame_header_size, head) ||
+        !mcl::read_frame_header(head.data(), static_cast<uint32_t>(head.size()), header) ||
+        header.length > mcl::max_frame_payload ||
+        !read_exact(in_, static_cast<uint32_t>(mcl::frame_size(header.length) - mcl::frame_header_size), body))
+        return false;
+    payload = mcl::binary_t(body.data(), header.length);
+    return true;
+}
 
 void raw_client::close() {
     if (in_ != nullptr) CloseHandle(in_);

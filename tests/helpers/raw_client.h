@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "mcl/ipc/frame.h"
 #include "tests/helpers/process.h"
 
 namespace nv_test {
@@ -46,8 +47,15 @@ public:
     // false once that pipe has ended (or is not held).
     bool drain(uint32_t& total);
     bool write(const std::vector<unsigned char>& bytes);
+    bool write(const mcl::binary_t& bytes) { return write({bytes.data(), bytes.data() + bytes.size()}); }
+    // One frame, or only its first `cut` bytes (a client that hangs up in mid-request).
+    bool write_frame(uint32_t id, uint32_t sequence, const mcl::binary_t& payload,
+                     mcl::frame_kind kind = mcl::frame_kind::request, uint32_t cut = UINT32_MAX);
     // Reads exactly n bytes; false when the pipe ends first.
     bool read(uint32_t n, std::vector<unsigned char>& bytes);
+    // Reads one frame: its header and its payload (without the pad byte of an empty one); false
+    // when the pipe ends first or the header announces more than the transport takes.
+    bool read_frame(mcl::frame_header& header, mcl::binary_t& payload);
     void close();
 
     // Called by connect once the pipes are open, holding the mutex, before the signal: a slow

@@ -24,10 +24,10 @@
 #include <string>
 #include <vector>
 
+#include "mcl/buffer.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
-#include "mcl/ipc/frame.h"
 #include "tests/helpers/raw_client.h"
 #include "tests/helpers/restricted.h"
 #include "tools/recovery_code/signer.h"
@@ -37,30 +37,21 @@ namespace {
 int pipeline(const char* name, int count, char** requests) {
     nv_test::raw_client client;
     if (!client.connect(name)) return 2;
-    std::vector<unsigned char> bytes;
+    mcl::binary_t frames;
     for (int i = 0; i < count; ++i) {
         const char* colon = strchr(requests[i], ':');
         std::vector<unsigned char> hex;
         if (!nv_tools::from_hex(colon != nullptr ? colon + 1 : "", hex)) return 2;
-        const mcl::binary_t payload(hex.data(), static_cast<uint32_t>(hex.size()));
-        mcl::binary_t frame;
-        mcl::append_frame(frame, mcl::frame_kind::request, static_cast<uint32_t>(strtoul(requests[i], nullptr, 16)),
-                          static_cast<uint32_t>(i + 1), payload);
-        bytes.insert(bytes.end(), frame.data(), frame.data() + frame.size());
+        mcl::append_frame(frames, mcl::frame_kind::request, static_cast<uint32_t>(strtoul(requests[i], nullptr, 16)),
+                          static_cast<uint32_t>(i + 1), hex.data(), static_cast<uint32_t>(hex.size()));
     }
-    if (!client.write(bytes)) return 3;
+    if (!client.write(frames)) return 3;
     for (int i = 0; i < count; ++i) {
-        std::vector<unsigned char> head;
         mcl::frame_header header;
-        if (!client.read(mcl::frame_header_size, head) ||
-            !mcl::read_frame_header(head.data(), static_cast<uint32_t>(head.size()), header) ||
-            header.length > (64u << 20))
-            return 3;
-        std::vector<unsigned char> body;
-        if (!client.read(static_cast<uint32_t>(mcl::frame_size(header.length) - mcl::frame_header_size), body)) return 3;
-        printf("%X %u ", static_cast<unsigned>(header.message_id), static_cast<unsigned>(header.sequence));
-        for (uint32_t b = 0; b < header.length; ++b) printf("%02x", body[b]);
-        printf("\n");
+        mcl::binary_t payload;
+        if (!client.read_frame(header, payload)) return 3;
+        printf("%X %u %s\n", static_cast<unsigned>(header.message_id), static_cast<unsigned>(header.sequence),
+               mcl::to_hex(payload).c_str());
         fflush(stdout);
     }
     return 0;
