@@ -13,6 +13,8 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/mswin/service.h"
+#include "mcl/mswin/text.h"
 #include "tests/helpers/raw_client.h"
 
 namespace storm {
@@ -26,15 +28,19 @@ constexpr uint64_t hklm = 0xFFFFFFFF80000002ull;
 constexpr const char* storm_container = "C:\\storm\\q";
 constexpr int files_per_client = 2;
 
-std::string storm_key(int client);
+inline std::string storm_key(int client) { return "SOFTWARE\\NVStorm\\k" + std::to_string(client); }
 // The persisted record name of a storm key: two backslashes, the decimal root, a backslash, the lowered path.
-std::string record_name(int client);
+inline std::string record_name(int client) {
+    return "\\\\" + std::to_string(hklm) + "\\" + mcl::mswin::lower_case(storm_key(client));
+}
 // A client's files, 4-64 KiB each, their bytes derived from the client and file index.
-std::string storm_file(int client, int file);
+inline std::string storm_file(int client, int file) {
+    return "C:\\storm\\f" + std::to_string(client) + "\\q" + std::to_string(file) + ".bin";
+}
 std::vector<unsigned char> storm_file_bytes(int client, int file);
 // Each client's own container, made and removed again (never the storm's), and its file to block.
-std::string own_container(int client);
-std::string blocked_file(int client);
+inline std::string own_container(int client) { return "C:\\storm\\c" + std::to_string(client); }
+inline std::string blocked_file(int client) { return "C:\\storm\\f" + std::to_string(client) + "\\blk.txt"; }
 
 // The request a client waits on, if any: where the storm looks when a client does not end.
 struct in_flight {
@@ -48,17 +54,27 @@ public:
     // Where request() shows what it waits on; none unless set.
     in_flight* watch = nullptr;
 
-    bool open();
+    bool open() {
+        client_.close();
+        return client_.connect(mcl::mswin::service::default_name);
+    }
     void close() { client_.close(); }
     // Sends one request; true with the reply payload when one came.
     bool request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply);
     // Writes the first `n` bytes of a request frame and nothing more.
-    bool partial(uint32_t id, const mcl::binary_t& payload, uint32_t n);
+    bool partial(uint32_t id, const mcl::binary_t& payload, uint32_t n) {
+        return client_.write_frame(id, ++sequence_, payload, mcl::frame_kind::request, n);
+    }
     // Opens, trying for up to 20 s; false when the service never let it in.
-    bool open_patiently();
+    bool open_patiently() {
+        for (int i = 0; i < 100; ++i) {
+            if (open()) return true;
+            Sleep(200);
+        }
+        return false;
+    }
 
 private:
-    std::vector<unsigned char> frame(uint32_t id, const mcl::binary_t& payload);
     nv_test::raw_client client_;
     uint32_t sequence_ = 0;
 };

@@ -1,5 +1,6 @@
-// The storm's clients: valid requests of every kind, their own objects protected and unprotected,
-// random payloads and identifiers, hang-ups in mid-request and clients killed in mid-request.
+// The storm's clients and their connection: valid requests of every kind, their own objects
+// protected and unprotected, random payloads and identifiers, hang-ups in mid-request and clients
+// killed in mid-request.
 #include <iterator>
 #include <string>
 #include <utility>
@@ -67,6 +68,41 @@ mcl::binary_t process_payload(int client, bool protect) {
 }
 
 }  // namespace
+
+std::vector<unsigned char> storm_file_bytes(int client, int file) {
+    const unsigned number = static_cast<unsigned>(client * files_per_client + file);
+    std::vector<unsigned char> bytes(4096 + (number * 7919u) % 61441u);
+    for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<unsigned char>(number * 131u + i * 31u + i / 251u);
+    return bytes;
+}
+
+bool client_conn::request(uint32_t id, const mcl::binary_t& payload, mcl::binary_t& reply) {
+    if (watch != nullptr) {
+        watch->id = id;
+        watch->since = GetTickCount64();
+    }
+    mcl::frame_header h;
+    const bool answered = client_.write_frame(id, ++sequence_, payload) && client_.read_frame(h, reply);
+    if (watch != nullptr) watch->since = 0;
+    return answered;
+}
+
+bool status_ok(const mcl::binary_t& reply) {
+    protocol::status_reply status;
+    return protocol::decode(reply, status) && status.result == 1;
+}
+
+bool list_archives(client_conn& conn, std::map<std::string, std::string>& archives) {
+    archives.clear();
+    mcl::binary_t request;
+    protocol::encode(request, protocol::name_request{storm_container});
+    mcl::binary_t reply;
+    protocol::quarantined_files_reply files;
+    if (!conn.request(msg::get_quarantined_files, request, reply) || !protocol::decode(reply, files)) return false;
+    for (const protocol::quarantined_file& f : files.files)
+        archives[mcl::mswin::lower_case(f.recorded_path)] = std::string(storm_container) + "\\" + f.archive_name;
+    return true;
+}
 
 mcl::binary_t valid_payload(uint32_t id, int client, std::mt19937& rng) {
     const std::string subscriber = "storm" + std::to_string(client);
