@@ -3,54 +3,27 @@
 #include <cstdio>
 #include <string>
 
+#include "mcl/mswin/sid.h"
+
 namespace nv_test {
 
 mcl::mswin::unique_kernel_handle restricted_token(bool impersonation) {
-    HANDLE raw = nullptr;
-    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, &raw)) return {};
-    const mcl::mswin::unique_kernel_handle own(raw);
-    BYTE admins[SECURITY_MAX_SID_SIZE];
-    DWORD size = sizeof(admins);
-    if (!CreateWellKnownSid(WinBuiltinAdministratorsSid, nullptr, admins, &size)) return {};
-    SID_AND_ATTRIBUTES deny{admins, 0};
-    raw = nullptr;
-    if (!CreateRestrictedToken(own.get(), DISABLE_MAX_PRIVILEGE, 1, &deny, 0, nullptr, 0, nullptr, &raw)) return {};
-    mcl::mswin::unique_kernel_handle restricted(raw);
+    mcl::mswin::unique_kernel_handle own, restricted, duplicate;
+    mcl::mswin::sid admins;
+    if (!OpenProcessToken(GetCurrentProcess(), TOKEN_ALL_ACCESS, own.put()) ||
+        !mcl::mswin::sid::from_well_known(WinBuiltinAdministratorsSid, admins))
+        return {};
+    SID_AND_ATTRIBUTES deny{admins.get(), 0};
+    if (!CreateRestrictedToken(own.get(), DISABLE_MAX_PRIVILEGE, 1, &deny, 0, nullptr, 0, nullptr, restricted.put()))
+        return {};
     if (!impersonation) return restricted;
-    raw = nullptr;
-    if (!DuplicateToken(restricted.get(), SecurityImpersonation, &raw)) return {};
-    return mcl::mswin::unique_kernel_handle(raw);
+    if (!DuplicateToken(restricted.get(), SecurityImpersonation, duplicate.put())) return {};
+    return duplicate;
 }
 
-namespace {
-
-// One argument quoted as the C runtime splits a command line.
-std::wstring quoted(const char* arg) {
-    const int n = MultiByteToWideChar(CP_ACP, 0, arg, -1, nullptr, 0);
-    std::wstring in(n > 0 ? n - 1 : 0, L'\0');
-    if (n > 1) MultiByteToWideChar(CP_ACP, 0, arg, -1, &in[0], n);
-    if (!in.empty() && in.find_first_of(L" \t\"") == std::wstring::npos) return in;
-    std::wstring out = L"\"";
-    size_t slashes = 0;
-    for (wchar_t c : in) {
-        if (c == L'\\') {
-            ++slashes;
-        } else {
-            out.append(c == L'"' ? slashes * 2 + 1 : slashes, L'\\');
-            slashes = 0;
-        }
-        out += c;
-    }
-    out.append(slashes, L'\\');
-    return out + L"\"";
-}
-
-}  // namespace
-
-int run_restricted(int argc, char** argv) {
-    if (argc < 1) return 255;
-    std::wstring command;
-    for (int i = 0; i < argc; ++i) command += (i != 0 ? L" " : L"") + quoted(argv[i]);
+int run_restricted(const wchar_t* command_line) {
+    std::wstring command = command_line;
+    if (command.empty()) return 255;
     const mcl::mswin::unique_kernel_handle token = restricted_token();
     if (!token) return 255;
     // The program writes where this one does: its standard handles, and only those, are inherited.

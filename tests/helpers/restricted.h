@@ -12,8 +12,9 @@ namespace nv_test {
 // token; with `impersonation`, duplicated as an impersonation token (for AccessCheck). Null on
 // failure.
 mcl::mswin::unique_kernel_handle restricted_token(bool impersonation = false);
-// Runs argv[0] with argv[1..] under that token through CreateProcessAsUserW, with this
-// process's standard handles, waits for it and returns its exit code; 255 when it cannot start.
-int run_restricted(int argc, char** argv);
+// Runs `command_line` (a program and its arguments, quoted as a command line) under that token
+// through CreateProcessAsUserW, with this process's standard handles, waits for it and returns
+// its exit code; 255 when it cannot start.
+int run_restricted(const wchar_t* command_line);
 
 }  // namespace nv_test

@@ -57,11 +57,22 @@ int pipeline(const char* name, int count, char** requests) {
     return 0;
 }
 
+// What follows "PROGRAM as-user " on this program's command line, passed on as it came: the
+// program started sees the arguments this one was given, however they were quoted.
+const wchar_t* after_as_user(const wchar_t* line) {
+    for (int skipped = 0; skipped < 2; ++skipped) {
+        for (bool quoted = false; *line != L'\0' && (quoted || (*line != L' ' && *line != L'\t')); ++line)
+            if (*line == L'"') quoted = !quoted;
+        while (*line == L' ' || *line == L'\t') ++line;
+    }
+    return line;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc >= 4 && strcmp(argv[1], "pipeline") == 0) return pipeline(argv[2], argc - 3, argv + 3);
-    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(argc - 2, argv + 2);
+    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(after_as_user(GetCommandLineW()));
     if (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0) {
         HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
         const bool made = m != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
