@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "mcl/file.h"
 #include "mcl/mswin/unique_handle.h"
 #include "protocol/message_ids.h"
 #include "protocol/requests.h"
@@ -20,10 +21,8 @@ namespace storm {
 namespace {
 
 bool write_file(const std::string& path, const std::vector<unsigned char>& bytes) {
-    mcl::mswin::unique_kernel_handle h(CreateFileA(path.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
-    DWORD written = 0;
-    return h && (bytes.empty() || (WriteFile(h.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &written, nullptr) &&
-                                   written == bytes.size()));
+    const mcl::unique_file f = mcl::open_file(path.c_str(), "wb");
+    return f && fwrite(bytes.data(), 1, bytes.size(), f.get()) == bytes.size() && fflush(f.get()) == 0;
 }
 
 // The storm's keys beside the reference key, its folders and its files.
