@@ -32,6 +32,7 @@
 #include "mcl/event.h"
 #include "mcl/ipc/peer.h"
 #include "tests/helpers/process.h"
+#include "tests/helpers/raw_client.h"
 
 namespace {
 
@@ -44,24 +45,15 @@ uint64_t private_bytes(HANDLE process) {
     return memory.PrivateUsage > memory.PagefileUsage ? memory.PrivateUsage : memory.PagefileUsage;
 }
 
-// Waits for the child's first line of output and returns it.
-std::string first_line(nv_test::child& c) {
-    std::string line;
-    char ch = 0;
-    DWORD n = 0;
-    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n') line += ch;
-    return line;
-}
-
 // Whether an abuse client got all its connections made (it prints "ready" then).
-bool wait_ready(nv_test::child& c) { return first_line(c).compare(0, 5, "ready") == 0; }
+bool wait_ready(nv_test::child& c) { return nv_test::first_line(c).compare(0, 5, "ready") == 0; }
 
 // A fresh client process asks the listener for its version: true when the status reply (1, ""),
 // which nv_ipc_client prints as "0100", came.
 bool version_answered(const std::string& name) {
     nv_test::child c = nv_test::start("\"" + nv_test::bin_dir() + "nv_ipc_client.exe\" -n " + name + " -t 30000 send 1000009",
                                       /*capture_output=*/true);
-    const bool replied = first_line(c).compare(0, 4, "0100") == 0;
+    const bool replied = nv_test::first_line(c).compare(0, 4, "0100") == 0;
     return c.wait(30000) == 0 && replied;
 }
 
