@@ -65,15 +65,12 @@ namespace {
 
 // One system information class into `buffer`, grown until it fits; false when refused.
 bool query_system(int information_class, std::vector<unsigned char>& buffer) {
-    using query_fn = LONG(WINAPI*)(int, void*, ULONG, ULONG*);
-    const auto query = reinterpret_cast<query_fn>(
-        reinterpret_cast<void*>(GetProcAddress(GetModuleHandleA("ntdll.dll"), "NtQuerySystemInformation")));
-    if (query == nullptr) return false;
     buffer.resize(1 << 20);
     ULONG needed = 0;
-    LONG status = 0;
-    while ((status = query(information_class, buffer.data(), static_cast<ULONG>(buffer.size()), &needed)) ==
-               static_cast<LONG>(0xC0000004) &&  // STATUS_INFO_LENGTH_MISMATCH
+    NTSTATUS status = 0;
+    while ((status = NtQuerySystemInformation(static_cast<SYSTEM_INFORMATION_CLASS>(information_class), buffer.data(),
+                                              static_cast<ULONG>(buffer.size()), &needed)) ==
+               static_cast<NTSTATUS>(0xC0000004) &&  // STATUS_INFO_LENGTH_MISMATCH
            buffer.size() < (256u << 20))
         buffer.resize(buffer.size() * 2);
     return status == 0;
