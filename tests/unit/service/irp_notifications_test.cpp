@@ -15,7 +15,7 @@
 #include "protocol/message_ids.h"
 #include "protocol/requests.h"
 #include "service/helper_service.h"
-#include "tests/helpers/irp_client.h"
+#include "tests/helpers/notification_records.h"
 #include "tests/helpers/log_capture.h"
 #include "tests/unit/protocol/conformance.h"
 
