@@ -16,7 +16,6 @@
 
 #include "bench/clock.h"
 #include "client/nvchelper.h"
-#include "mcl/encoding.h"
 #include "mcl/event.h"
 #include "tools/driver_sim/sim_client.h"
 
@@ -54,16 +53,10 @@ public:
     bool open() { return vqr::sim::open_channel(pipe_) == ERROR_SUCCESS; }
     // An IRP-denied notification for `file`; `delivered` is how many ports got it.
     bool inject(DWORD pid, const std::wstring& file, uint32_t& delivered) {
-        mcl::binary_t request, answer;
-        mcl::write_u32(request, vqr::sim::op::inject);
-        mcl::write_u32(request, 1);
-        mcl::write_byte(request, 3);
-        mcl::write_byte(request, 0);
-        mcl::write_u32(request, pid);
-        mcl::write_wstring(request, file);
-        uint32_t hr = 0, pos = 0;
-        return vqr::sim::exchange(pipe_.get(), request, answer) == ERROR_SUCCESS && mcl::read_u32(hr, answer, pos) &&
-               mcl::read_u32(delivered, answer, pos) && hr == 0;
+        mcl::binary_t answer;
+        uint32_t hr = 0;
+        return vqr::sim::exchange(pipe_.get(), vqr::sim::inject_request(1, 3, 0, pid, file), answer) == ERROR_SUCCESS &&
+               vqr::sim::read_inject_answer(answer, hr, delivered) && hr == 0;
     }
 
 private:

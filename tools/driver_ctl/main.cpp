@@ -79,15 +79,12 @@ int simple(uint32_t which) {
 int inject(int argc, wchar_t** argv) {
     if (argc < 6) return usage();
     const uint32_t type = argc > 6 ? wcstoul(argv[6], nullptr, 0) : 1;
-    mcl::binary_t request, answer;
-    mcl::write_u32(request, op::inject);
-    mcl::write_u32(request, type);
-    mcl::write_byte(request, static_cast<uint8_t>(wcstoul(argv[2], nullptr, 0)));
-    mcl::write_byte(request, static_cast<uint8_t>(wcstoul(argv[3], nullptr, 0)));
-    mcl::write_u32(request, wcstoul(argv[4], nullptr, 0));
-    mcl::write_wstring(request, argv[5]);
-    uint32_t hr = 0, delivered = 0, pos = 0;
-    if (!transact(request, answer) || !mcl::read_u32(hr, answer, pos) || !mcl::read_u32(delivered, answer, pos)) return 1;
+    const mcl::binary_t request = vqr::sim::inject_request(type, static_cast<uint8_t>(wcstoul(argv[2], nullptr, 0)),
+                                                           static_cast<uint8_t>(wcstoul(argv[3], nullptr, 0)),
+                                                           wcstoul(argv[4], nullptr, 0), argv[5]);
+    mcl::binary_t answer;
+    uint32_t hr = 0, delivered = 0;
+    if (!transact(request, answer) || !vqr::sim::read_inject_answer(answer, hr, delivered)) return 1;
     if (hr != 0) {
         fprintf(stderr, "driver_ctl: notification refused (0x%08X)\n", hr);
         return 1;
@@ -105,9 +102,8 @@ int inject_raw(int argc, wchar_t** argv) {
         const uint8_t byte = static_cast<uint8_t>(wcstoul(pair, nullptr, 16));
         request.append(&byte, 1);
     }
-    uint32_t hr = 0, delivered = 0, pos = 0;
-    if (!transact(request, answer) || !mcl::read_u32(hr, answer, pos) || !mcl::read_u32(delivered, answer, pos) || hr != 0)
-        return 1;
+    uint32_t hr = 0, delivered = 0;
+    if (!transact(request, answer) || !vqr::sim::read_inject_answer(answer, hr, delivered) || hr != 0) return 1;
     printf("{\"delivered\":%u}\n", delivered);
     return delivered > 0 ? 0 : 3;
 }

@@ -2,6 +2,7 @@
 
 #include <vector>
 
+#include "mcl/encoding.h"
 #include "tools/driver_sim/sim_channel.h"
 
 namespace vqr::sim {
@@ -67,6 +68,22 @@ DWORD exchange(HANDLE pipe, const mcl::binary_t& request, mcl::binary_t& answer,
     if (err != ERROR_SUCCESS) return err;
     answer.assign(in.data(), static_cast<uint32_t>(have));
     return ERROR_SUCCESS;
+}
+
+mcl::binary_t inject_request(uint32_t type, uint8_t major, uint8_t minor, uint32_t pid, const std::wstring& file) {
+    mcl::binary_t request;
+    mcl::write_u32(request, op::inject);
+    mcl::write_u32(request, type);
+    mcl::write_byte(request, major);
+    mcl::write_byte(request, minor);
+    mcl::write_u32(request, pid);
+    mcl::write_wstring(request, file);
+    return request;
+}
+
+bool read_inject_answer(const mcl::binary_t& answer, uint32_t& hr, uint32_t& delivered) {
+    uint32_t pos = 0;
+    return mcl::read_u32(hr, answer, pos) && mcl::read_u32(delivered, answer, pos);
 }
 
 }  // namespace vqr::sim
