@@ -192,18 +192,7 @@ answers "unprotect nv_test_svc again" "$ok" protect-services svc=0 proc=0 name=n
 echo "== master switch off, held at a DACL write: the lists answered, the driver's re-apply after it"
 mark
 n=$(log_count 'service_enforce_thread stopped')
-hold_dacl_writes
-call_bg off "$work/off.out" set-protection-enabled on=0
-poll 300 0.1 '[ "$(driver_count)" -ge $((from + 2)) ]' || fail "switch off: no feature sent"
-call_bg reapply "$work/reapply.out" restore-driver-protection flag=0
-call service-version
-[[ "$reply" == version=* ]] || fail "switch held: the version [$reply]"
-call query-protected-services
-[[ "$reply" == count=* ]] || fail "switch held: the service list [$reply]"
-still_waiting "switch held: it and the re-apply after it wait" $off $reapply
-release_dacl_writes
-wait $off $reapply
-expect_eq "switch off, then the re-apply" "$ok $ok" "$(tr -d '\r' <"$work/off.out") $(tr -d '\r' <"$work/reapply.out")"
+held_at_dacl_write "switch held" "Trying to unprotect service ($svc)" "restore-driver-protection flag=0" set-protection-enabled on=0
 off_features=$(msgs "0 feature false" "6 feature false" "11 feature false")
 expect_eq "every service and image rule removed, then the switches' new state" "$(msgs "$off_features" "2 command C:\\nv\\NorvaleHalvernService.exe" "8 command $device\\nv" "2 command " "8 command " "$off_features")" "$(sent)"
 answers "no services" count=0 query-protected-services
