@@ -34,8 +34,24 @@ churner=$!
 
 echo "== storm: $clients clients, $seconds s ($(date +%T))"
 # A storm gets its length, two minutes for its clients to end and five for its checks; one that
-# outlives that (a process Wine left unable to exit) is ended and fails.
-bounded() { timeout -k 10 $(($1 + 420)) "${@:2}"; }
+# outlives that (a process Wine left unable to exit) has its threads' stacks printed, is ended
+# and fails.
+bounded() {  # SECONDS COMMAND...
+    local limit=$(($1 + 420)) pid t
+    "${@:2}" &
+    pid=$!
+    for ((t = 0; t < limit; t++)); do kill -0 "$pid" 2>/dev/null && sleep 1; done
+    if kill -0 "$pid" 2>/dev/null; then
+        echo "== nv_storm outlived ${limit} s, its threads (its own frames by source line after them):" >&2
+        timeout 120 winedbg --command "bt all" </dev/null 2>&1 | awk '/^Backtracing/ { keep = /nv_storm/ } keep' |
+            head -n 600 | tee "$work/stacks.txt" >&2
+        grep -o 'in nv_storm (+0x[0-9a-f]*)' "$work/stacks.txt" | grep -o '0x[0-9a-f]*' | sort -u |
+            while read -r at; do printf '0x%x\n' $((0x140000000 + at)); done |
+            x86_64-w64-mingw32-addr2line -f -p -e "$storm" >&2
+        kill "$pid"; sleep 10; kill -9 "$pid" 2>/dev/null
+    fi
+    wait "$pid"
+}
 bounded "$seconds" wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1
 storm_rc=$?
 tr -d '\r' <"$work/storm.txt"
