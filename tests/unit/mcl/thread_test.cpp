@@ -43,7 +43,6 @@ TEST(Thread, OnlyAThreadIgnoringItsStopIsTerminated) {
 
 struct numbered {
     int value = 0;
-    int result = 0;  // what its handling returns
 };
 
 class recording_thread : public mcl::event_thread<numbered> {
@@ -52,7 +51,7 @@ public:
     int handle_event(numbered& e) override {
         mcl::scoped_lock guard(seen_lock);
         seen.push_back(e.value);
-        return e.result;
+        return 0;
     }
     // What was handled, once at least `n` events were (or five seconds went by).
     std::vector<int> snapshot(size_t n = 0) {
@@ -84,22 +83,15 @@ TEST(EventThread, HandlesEventsInPostingOrder) {
     for (int v : seen) EXPECT_EQ(++last[v >= 1000], v);
 }
 
-TEST(EventThread, ANegativeResultLeavesTheRestQueuedUntilTheNextPostAndStopClearsTheQueue) {
+// The client library stops its peer at close and starts it again at the next connect: nothing
+// queued for the old connection is handled then.
+TEST(EventThread, StopClearsTheQueue) {
     recording_thread t;
-    // Queued before the thread runs, so one wake-up sees them all.
-    for (numbered e : {numbered{1, -1}, numbered{2}, numbered{3, -1}, numbered{4}}) t.post_event(e);
+    for (int v : {1, 2}) t.post_event({v});  // queued before the thread runs
+    t.stop(1);
     ASSERT_TRUE(t.start());
-    t.snapshot(1);
-    Sleep(100);
-    EXPECT_EQ(std::vector<int>{1}, t.snapshot());
-    t.post_event({5});
-    t.snapshot(3);
-    Sleep(100);
-    EXPECT_EQ((std::vector<int>{1, 2, 3}), t.snapshot());
-    t.stop(1);  // 4 and 5 go
-    ASSERT_TRUE(t.start());
-    t.post_event({6});
-    EXPECT_EQ((std::vector<int>{1, 2, 3, 6}), t.snapshot(4));
+    t.post_event({3});
+    EXPECT_EQ(std::vector<int>{3}, t.snapshot(1));
 }
 
 struct counted : mcl::share_obj {
@@ -136,24 +128,17 @@ TEST(Mutex, CreateOfANameAnotherProcessOwnsGivesMinus2ThenOpenWorksAndAnAbandone
 
     mcl::mutex m;
     EXPECT_EQ(-2, m.create(name.c_str(), nullptr));
-    EXPECT_FALSE(m.has_handle());
     EXPECT_EQ(-3, m.acquire(0));
     EXPECT_EQ(-3, m.release());
     ASSERT_EQ(0, m.open(name.c_str()));
-    EXPECT_EQ(0, m.open(name.c_str()));
-    EXPECT_TRUE(log.contains("] - Mutex has already be opened"));
-    EXPECT_EQ(-2, m.create(name.c_str(), nullptr));
-    EXPECT_TRUE(log.contains("] - Re-create mutex is not supported, the mutex has already been created"));
 
     // Held elsewhere: a 100 ms acquire times out with its line.
     EXPECT_EQ(-1, m.acquire(100));
     EXPECT_TRUE(log.contains("[mcl::mutex::acquire:"));
     EXPECT_TRUE(log.contains("] - Time-out when accquiring the mutex"));
 
-    // Once the holder lets go, acquire succeeds; twice is still 0, and release is 0.
+    // Once the holder lets go, acquire succeeds; release is 0, held or not.
     EXPECT_EQ(0, m.acquire(10000));
-    EXPECT_EQ(0, m.acquire(0));
-    EXPECT_TRUE(m.acquired());
     EXPECT_EQ(0, m.release());
     EXPECT_EQ(0, m.release());
     EXPECT_EQ(0u, holder.wait());
@@ -164,7 +149,6 @@ TEST(Mutex, CreateOfANameAnotherProcessOwnsGivesMinus2ThenOpenWorksAndAnAbandone
         ASSERT_EQ(WAIT_OBJECT_0, WaitForSingleObject(held.get(), 5000));
     }).join();
     EXPECT_EQ(-1, m.acquire(5000));
-    EXPECT_FALSE(m.acquired());
     EXPECT_EQ(0, m.acquire(1000));  // not abandoned any more
     EXPECT_EQ(0, m.release());
 }
