@@ -33,39 +33,24 @@ struct no_handler : mcl::ipc_msg_handler {
     int operator()(mcl::ipc_connection*, uint32_t, mcl::binary_t&) override { return -1; }
 };
 
-// The handshake objects that a listener under `name` makes.
-struct handshake_objects {
-    explicit handshake_objects(const std::string& name)
-        : mutex(CreateMutexA(nullptr, FALSE, ("Global\\" + name + "_MTX_CONNECTING").c_str())) {
-        created = mutex.get() != nullptr && signalled.create(("Global\\" + name + "_EV_CONNECTED").c_str()) == 0;
-    }
-    mcl::mswin::unique_kernel_handle mutex;
-    mcl::event signalled;
-    bool created = false;
-};
-
-// A listening pair under `name` waiting for its client; null when it cannot be made.
-connection_ptr waiting_pair(const std::string& name) {
-    connection_ptr server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
-    if (!server->open((mcl::ipc_channel::pipe_prefix + name).c_str()) || !server->reader().listen() ||
-        !server->writer().listen())
-        return {};
-    return server;
-}
-
 // A client peer's posts on the wire, as this end's listening pair receives them: numbered from 1,
 // and from 1 again after close. Its close then ends the pair without a log line. Its pipes let the
 // server identify it but never act as it; which process serves the pipes is checked before
 // anything is sent: setup_tasks_test.sh.
 TEST(IpcChannel, AClientPeerAsksForIdentificationOnlyAndNumbersItsPostsFromOneAgainAfterClose) {
     const std::string name = nv_test::unique_name("nv_channel");
-    const handshake_objects handshake(name);
-    ASSERT_TRUE(handshake.created);
+    // The handshake objects that a listener under `name` makes.
+    const std::string global = "Global\\" + name;
+    const mcl::mswin::unique_kernel_handle mutex(CreateMutexA(nullptr, FALSE, (global + "_MTX_CONNECTING").c_str()));
+    mcl::event connected;
+    ASSERT_TRUE(mutex && connected.create((global + "_EV_CONNECTED").c_str()) == 0);
     no_handler handler;
     mcl::ipc_peer client("", &handler);
     for (int round = 0; round < 2; ++round) {
-        const connection_ptr server = waiting_pair(name);
-        ASSERT_TRUE(server);
+        // A listening pair waiting for its client.
+        const connection_ptr server(new mcl::ipc_connection(mcl::ipc_connection::listen_type));
+        ASSERT_TRUE(server->open((mcl::ipc_channel::pipe_prefix + name).c_str()) && server->reader().listen() &&
+                    server->writer().listen());
         ASSERT_TRUE(client.connect(name.c_str(), 10000));
         mcl::ipc_connection& c = *client.connections().front();  // the peer's list holds it until close
         for (mcl::ipc_channel* ch : {static_cast<mcl::ipc_channel*>(&c.reader()), static_cast<mcl::ipc_channel*>(&c.writer())})

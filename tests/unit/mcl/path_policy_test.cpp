@@ -11,20 +11,10 @@
 
 namespace {
 
-std::string windows_folder() {
-    char buffer[MAX_PATH + 1] = {};
-    const UINT n = GetSystemWindowsDirectoryA(buffer, MAX_PATH + 1);
-    return std::string(buffer, n);
-}
-
-std::string user_profile() {
-    char buffer[MAX_PATH + 1] = {};
-    const DWORD n = GetEnvironmentVariableA("USERPROFILE", buffer, MAX_PATH + 1);
-    return std::string(buffer, n);
-}
-
 TEST(PathPolicy, RefusesEveryFormButALocalPathAndTheSystemsFolders) {
-    const std::string windows = windows_folder();
+    char buffer[MAX_PATH + 1] = {};
+    const std::string windows(buffer, GetSystemWindowsDirectoryA(buffer, MAX_PATH + 1));
+    const std::string profile(buffer, GetEnvironmentVariableA("USERPROFILE", buffer, MAX_PATH + 1));
     const std::string drive = windows.substr(0, 3);  // "C:\"
     ASSERT_EQ(3u, windows.find('\\') + 1) << windows;
     const struct {
@@ -52,11 +42,11 @@ TEST(PathPolicy, RefusesEveryFormButALocalPathAndTheSystemsFolders) {
         {drive + "\\\\" + windows.substr(3) + "\\\\win.ini", "a system folder"},
         {drive + "PROGRAM FILES (x86)\\", "a program root folder"},
         {drive + "users", "a user profile folder"},
-        {user_profile(), "a user profile folder"},
+        {profile, "a user profile folder"},
         {drive + "data\\nully\\..d\\a.txt", ""},
         {drive + "Program Files\\Norvale\\Halvern Service", ""},
         {drive + "ProgramData\\Norvale\\q", ""},
-        {user_profile() + "\\Documents\\a.txt", ""},
+        {profile + "\\Documents\\a.txt", ""},
         {drive + "windowsapp\\a.txt", ""},
     };
     for (const auto& c : cases) EXPECT_EQ(c.reason, mcl::mswin::refused_path_reason(c.path)) << "[" << c.path << "]";

@@ -3,7 +3,6 @@
 // paths a link would give.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <fstream>
 #include <map>
@@ -22,13 +21,6 @@ fs::path fresh_dir(const std::string& name) {
     fs::remove_all(dir);
     fs::create_directories(dir);
     return dir;
-}
-
-std::vector<std::string> names_in(const fs::path& dir) {
-    std::vector<std::string> names;
-    for (const auto& entry : fs::directory_iterator(dir)) names.push_back(entry.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
 }
 
 void write_file(const fs::path& path, const std::string& text) { std::ofstream(path, std::ios::binary) << text; }
@@ -111,10 +103,13 @@ TEST(restore_folder, holds_the_folder_refuses_a_link_swapped_in_before_or_after_
         restore_folder destination(swapping_final_path);
         EXPECT_EQ(c.restored, NVFileArchive::NVFileArchive_restoreFile(archive.string().c_str(), &destination));
         EXPECT_TRUE(log.contains(c.planted ? c.line + planted : c.line)) << log.text();
+        std::vector<std::string> names;  // what the folder holds
+        for (const auto& entry : fs::directory_iterator(source.parent_path()))
+            names.push_back(entry.path().filename().string());
         EXPECT_EQ(c.restored  ? std::vector<std::string>{"a.bin"}
                   : c.planted ? std::vector<std::string>{"a.bin.restoring"}
                               : std::vector<std::string>{},
-                  names_in(source.parent_path()));
+                  names);
         EXPECT_TRUE(fs::exists(archive));
         if (c.restored || c.planted) {
             EXPECT_EQ(c.planted ? "planted" : content, nv_test::file_text(c.planted ? planted : source.string()));
