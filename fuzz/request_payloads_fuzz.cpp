@@ -1,45 +1,38 @@
-// Every request layout of the codec, fed what the fuzzer makes of a valid payload of that
-// request (the corpus holds one per request) and the shorter payloads cut from it. The first
+// Every request and reply layout of the codec, fed what the fuzzer makes of a valid payload of
+// that layout (the corpus holds one per request) and the shorter payloads cut from it. The first
 // input byte picks the layout, the rest is the payload. What the decoder accepts must come out
-// the same after encoding it again and decoding that.
+// the same after encoding it again and decoding that. The replies are read by the client from
+// whatever serves the pipe; together the layouts reach every payload reader of mcl/encoding.h.
 #include <cstddef>
 #include <cstdint>
 #include <type_traits>
 
-#include "protocol/requests.h"
+#include "tests/unit/protocol/conformance.h"
 
 namespace {
+
+using nv_test::accepted;
 
 void check(bool condition) {
     if (!condition) __builtin_trap();
 }
 
-// The decoders answer with a bool or, for the notification requests, a request_check.
-template <typename Request>
-bool accepted(const mcl::binary_t& payload, Request& out) {
-    const auto outcome = protocol::decode(payload, out);
-    if constexpr (std::is_same_v<decltype(outcome), const protocol::request_check>)
-        return outcome == protocol::request_check::ok;
-    else
-        return outcome;
-}
-
-template <typename Request>
+template <typename Layout>
 void round_trip(const mcl::binary_t& payload) {
-    Request request;
-    const bool ok = accepted(payload, request);
+    Layout value;
+    const bool ok = accepted(payload, value);
     // The layouts that take any payload long enough.
-    if constexpr (std::is_same_v<Request, protocol::protection_switch_request> ||
-                  std::is_same_v<Request, protocol::restore_driver_request>)
+    if constexpr (std::is_same_v<Layout, protocol::protection_switch_request> ||
+                  std::is_same_v<Layout, protocol::restore_driver_request>)
         check(ok == !payload.empty());
-    if constexpr (std::is_same_v<Request, protocol::compatibility_request>) check(ok == (payload.size() >= 4));
+    if constexpr (std::is_same_v<Layout, protocol::compatibility_request>) check(ok == (payload.size() >= 4));
     if (!ok) return;
-    if constexpr (std::is_same_v<Request, protocol::name_request>)
-        check(!request.name.empty() && request.name.size() < payload.size());
+    if constexpr (std::is_same_v<Layout, protocol::name_request>)
+        check(!value.name.empty() && value.name.size() < payload.size());
     mcl::binary_t again;
-    protocol::encode(again, request);
+    protocol::encode(again, value);
     check(again.size() <= payload.size());
-    Request reread;
+    Layout reread;
     check(accepted(again, reread));
     mcl::binary_t third;
     protocol::encode(third, reread);
@@ -62,6 +55,15 @@ void (*const layouts[])(const mcl::binary_t&) = {
     round_trip<protocol::quarantine_files_request>,    // 11: 0x10000ca
     round_trip<protocol::remove_container_request>,    // 12: 0x10000cb
     round_trip<protocol::block_files_request>,         // 13: 0x10000d1
+    round_trip<protocol::status_reply>,                // 14 and on: the replies
+    round_trip<protocol::compatibility_reply>,
+    round_trip<protocol::version_reply>,
+    round_trip<protocol::protected_services_reply>,
+    round_trip<protocol::protected_processes_reply>,
+    round_trip<protocol::protected_reg_keys_reply>,
+    round_trip<protocol::quarantined_files_reply>,
+    round_trip<protocol::quarantine_containers_reply>,
+    round_trip<protocol::notifications_reply>,
 };
 
 }  // namespace
