@@ -16,54 +16,44 @@
 #include <cstdlib>
 #include <string>
 
-#include "app/log.h"
+#include "app/program.h"
+#include "mcl/mswin/service_handles.h"
+#include "mcl/mswin/unique_handle.h"
 #include "setup/driver_installer.h"
 
 namespace {
 
-void open_log() {
-    char module[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, module, MAX_PATH);
-    std::string path = module;
-    path = path.substr(0, path.rfind('\\') + 1) + "nvhalvernservice.debug.log";
-    the_log().open(path.c_str(), /*truncate=*/false);
-    g_log = &the_log();
-}
+using mcl::mswin::unique_kernel_handle;
 
 // Created unset; the test sets it with nv_test_helper set-event. 120 s at most.
 bool wait_for(const char* event_name) {
-    HANDLE event = CreateEventA(nullptr, TRUE, FALSE, event_name);
-    if (event == nullptr) return false;
+    const unique_kernel_handle event(CreateEventA(nullptr, TRUE, FALSE, event_name));
+    if (!event) return false;
     printf("holding\n");
     fflush(stdout);
-    WaitForSingleObject(event, 120000);
-    CloseHandle(event);
+    WaitForSingleObject(event.get(), 120000);
     return true;
 }
 
 int hold_image(const char* path, const char* event_name) {
-    HANDLE file = CreateFileA(path, GENERIC_READ | GENERIC_EXECUTE, FILE_SHARE_READ | FILE_SHARE_DELETE, nullptr,
-                              OPEN_EXISTING, 0, nullptr);
-    if (file == INVALID_HANDLE_VALUE) return 2;
-    HANDLE section = CreateFileMappingA(file, nullptr, PAGE_READONLY | SEC_IMAGE, 0, 0, nullptr);
-    CloseHandle(file);
-    if (section == nullptr) return 3;
-    void* view = MapViewOfFile(section, FILE_MAP_READ, 0, 0, 0);
+    unique_kernel_handle file(CreateFileA(path, GENERIC_READ | GENERIC_EXECUTE, FILE_SHARE_READ | FILE_SHARE_DELETE,
+                                          nullptr, OPEN_EXISTING, 0, nullptr));
+    if (!file) return 2;
+    const unique_kernel_handle section(
+        CreateFileMappingA(file.get(), nullptr, PAGE_READONLY | SEC_IMAGE, /*size_high=*/0, /*size_low=*/0, nullptr));
+    file.reset();  // the section alone holds the file, as for a loaded driver
+    if (!section) return 3;
+    void* view = MapViewOfFile(section.get(), FILE_MAP_READ, 0, 0, 0);
     if (view == nullptr) return 4;
     const bool ok = wait_for(event_name);
     UnmapViewOfFile(view);
-    CloseHandle(section);
     return ok ? 0 : 5;
 }
 
 int hold_service(const char* name, const char* event_name) {
-    SC_HANDLE manager = OpenSCManagerA(nullptr, nullptr, SC_MANAGER_CONNECT);
-    SC_HANDLE service = manager != nullptr ? OpenServiceA(manager, name, SERVICE_QUERY_STATUS) : nullptr;
-    if (service == nullptr) return 2;
-    const bool ok = wait_for(event_name);
-    CloseServiceHandle(service);
-    CloseServiceHandle(manager);
-    return ok ? 0 : 5;
+    mcl::mswin::unique_sc_handle service;
+    if (!mcl::mswin::open_service(nullptr, name, SC_MANAGER_CONNECT, SERVICE_QUERY_STATUS, service)) return 2;
+    return wait_for(event_name) ? 0 : 5;
 }
 
 }  // namespace
@@ -71,7 +61,8 @@ int hold_service(const char* name, const char* event_name) {
 int main(int argc, char** argv) {
     if (argc < 2) return 2;
     const std::string command = argv[1];
-    open_log();
+    (void)init_module_path();
+    open_debug_log();
     if (command == "install" && argc >= 3) {
         printf("result=%d\n", install_vqrmonitor(atoi(argv[2]) != 0));
         return 0;

@@ -12,6 +12,7 @@
 // Exit codes: 0 done, 1 usage, 2 the key cannot be read or written as asked.
 #include <windows.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -22,6 +23,8 @@
 #include "service/helper_service.h"
 
 namespace {
+
+using mcl::mswin::unique_reg_key;
 
 std::string dacl_text(HKEY handle) {
     mcl::mswin::security_descriptor sd;
@@ -34,24 +37,20 @@ bool write_sddl(HKEY handle, SECURITY_INFORMATION info, const std::string& sddl)
            RegSetKeySecurity(handle, info, sd.get()) == ERROR_SUCCESS;
 }
 
-HKEY open(const char* key, REGSAM access) {
-    mcl::mswin::unique_reg_key handle;
-    return mcl::mswin::reg::open_key(HKEY_LOCAL_MACHINE, key, access, handle) == ERROR_SUCCESS ? handle.release()
-                                                                                               : nullptr;
+// Null when the key cannot be opened with `access`.
+unique_reg_key open(const char* key, REGSAM access) {
+    unique_reg_key handle;
+    (void)mcl::mswin::reg::open_key(HKEY_LOCAL_MACHINE, key, access, handle);
+    return handle;
 }
 
 void print_access(const char* key) {
-    HKEY handle = open(key, KEY_READ);
-    const bool read = handle != nullptr;
-    if (read) RegCloseKey(handle);
-    handle = open(key, KEY_SET_VALUE);
+    const bool read = static_cast<bool>(open(key, KEY_READ));
+    const unique_reg_key handle = open(key, KEY_SET_VALUE);
     const DWORD one = 1;
-    const bool write = handle != nullptr && RegSetValueExA(handle, "nv_probe", 0, REG_DWORD,
-                                                           reinterpret_cast<const BYTE*>(&one), 4) == ERROR_SUCCESS;
-    if (handle != nullptr) {
-        RegDeleteValueA(handle, "nv_probe");
-        RegCloseKey(handle);
-    }
+    const bool write = handle && RegSetValueExA(handle.get(), "nv_probe", 0, REG_DWORD,
+                                                reinterpret_cast<const BYTE*>(&one), sizeof(one)) == ERROR_SUCCESS;
+    if (write) RegDeleteValueA(handle.get(), "nv_probe");
     printf("read=%s write=%s\n", read ? "ok" : "denied", write ? "ok" : "denied");
 }
 
@@ -64,22 +63,20 @@ bool set_owner(HKEY handle, const char* owner) {
 
 int lock(const char* key) {
     HANDLE unlock = CreateEventA(nullptr, TRUE, FALSE, "Global\\nv_regkey_probe_unlock");
-    HKEY handle = open(key, WRITE_OWNER | WRITE_DAC | READ_CONTROL);
-    if (unlock == nullptr || handle == nullptr || !set_owner(handle, "SY")) return 2;
+    const unique_reg_key handle = open(key, WRITE_OWNER | WRITE_DAC | READ_CONTROL);
+    if (unlock == nullptr || !handle || !set_owner(handle.get(), "SY")) return 2;
     printf("locked\n");
     fflush(stdout);
     WaitForSingleObject(unlock, 300000);
-    return set_owner(handle, "BA") ? 0 : 2;
+    return set_owner(handle.get(), "BA") ? 0 : 2;
 }
 
 int grant(const char* key) {
-    HKEY handle = open(key, READ_CONTROL | WRITE_DAC);
-    std::string sddl = handle != nullptr ? dacl_text(handle) : std::string();
-    const size_t at = sddl.find('(');
-    return !sddl.empty() && write_sddl(handle, DACL_SECURITY_INFORMATION,
-                                       sddl.insert(at == std::string::npos ? sddl.size() : at, "(A;;KA;;;BA)"))
-               ? 0
-               : 2;
+    const unique_reg_key handle = open(key, READ_CONTROL | WRITE_DAC);
+    std::string sddl = handle ? dacl_text(handle.get()) : std::string();
+    if (sddl.empty()) return 2;
+    sddl.insert(std::min(sddl.find('('), sddl.size()), "(A;;KA;;;BA)");
+    return write_sddl(handle.get(), DACL_SECURITY_INFORMATION, sddl) ? 0 : 2;
 }
 
 void end_here(HKEY, const std::string&) { TerminateProcess(GetCurrentProcess(), 9); }
@@ -103,8 +100,8 @@ int main(int argc, char** argv) {
     const std::string command = argc >= 2 ? argv[1] : "";
     if (command == "sddl" && argc >= 3) {
         for (int i = 2; i < argc; ++i) {
-            HKEY handle = open(argv[i], READ_CONTROL);
-            const std::string sddl = handle != nullptr ? dacl_text(handle) : std::string();
+            const unique_reg_key handle = open(argv[i], READ_CONTROL);
+            const std::string sddl = handle ? dacl_text(handle.get()) : std::string();
             if (sddl.empty()) return 2;
             printf("%s\n", sddl.c_str());
         }
