@@ -13,9 +13,7 @@ namespace {
 
 using nv_test::accepted;
 
-void check(bool condition) {
-    if (!condition) __builtin_trap();
-}
+void check(bool condition) { if (!condition) __builtin_trap(); }
 
 template <typename Layout>
 void round_trip(const mcl::binary_t& payload) {
@@ -55,15 +53,11 @@ void (*const layouts[])(const mcl::binary_t&) = {
     round_trip<protocol::quarantine_files_request>,    // 11: 0x10000ca
     round_trip<protocol::remove_container_request>,    // 12: 0x10000cb
     round_trip<protocol::block_files_request>,         // 13: 0x10000d1
-    round_trip<protocol::status_reply>,                // 14 and on: the replies
-    round_trip<protocol::compatibility_reply>,
-    round_trip<protocol::version_reply>,
-    round_trip<protocol::protected_services_reply>,
-    round_trip<protocol::protected_processes_reply>,
-    round_trip<protocol::protected_reg_keys_reply>,
-    round_trip<protocol::quarantined_files_reply>,
-    round_trip<protocol::quarantine_containers_reply>,
-    round_trip<protocol::notifications_reply>,
+    // 14 to 22: the replies.
+    round_trip<protocol::status_reply>, round_trip<protocol::compatibility_reply>, round_trip<protocol::version_reply>,
+    round_trip<protocol::protected_services_reply>, round_trip<protocol::protected_processes_reply>,
+    round_trip<protocol::protected_reg_keys_reply>, round_trip<protocol::quarantined_files_reply>,
+    round_trip<protocol::quarantine_containers_reply>, round_trip<protocol::notifications_reply>,
 };
 
 }  // namespace

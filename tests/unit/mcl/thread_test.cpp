@@ -179,9 +179,7 @@ TEST(OrderedPool, OrdersBySharedKeysOnlyAndStopsWithinItsBound) {
         mcl::scoped_lock guard(order_lock);
         return order;
     };
-    const auto until = [](const std::function<bool()>& done) {
-        for (int i = 0; i < 500 && !done(); ++i) Sleep(10);
-    };
+    const auto until = [](const std::function<bool()>& done) { for (int i = 0; i < 500 && !done(); ++i) Sleep(10); };
     using place = mcl::ordered_pool::place;
     using refusal = mcl::ordered_pool::refusal;
     const auto job = [&](std::string what, HANDLE wait) {

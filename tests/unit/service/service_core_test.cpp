@@ -115,11 +115,8 @@ TEST(ImageFolder, PathsAndCommandLines) {
         const wchar_t* in;
         const wchar_t* want;
     } cases[] = {
-        {L"\"\\\\server\\share\\app.exe\" -x", L"\\\\server\\share"},
-        {L"junk before C:\\A\\b.exe", L"C:\\A"},
-        {L"C:\\app.exe", L"C:"},
-        {L"app.exe", L"app.exe"},
-        {L"", L""},
+        {L"\"\\\\server\\share\\app.exe\" -x", L"\\\\server\\share"}, {L"junk before C:\\A\\b.exe", L"C:\\A"},
+        {L"C:\\app.exe", L"C:"}, {L"app.exe", L"app.exe"}, {L"", L""},
     };
     for (const auto& c : cases) EXPECT_EQ(process_protection::image_folder_of(c.in), c.want) << std::wstring(c.in).c_str();
 }
@@ -130,14 +127,9 @@ TEST(CallerPolicy, AnImageLiesInAFolderOnlyBelowItsBackslash) {
         const wchar_t* folder;
         bool in;
     } cases[] = {
-        {L"C:\\nv\\a.exe", L"C:\\nv", true},
-        {L"c:\\NV\\sub\\a.exe", L"C:\\nv", true},
-        {L"C:\\nvx\\a.exe", L"C:\\nv", false},
-        {L"C:\\nv.exe", L"C:\\nv", false},
-        {L"C:\\nv\\", L"C:\\nv", false},
-        {L"C:\\nv", L"C:\\nv", false},
-        {L"C:\\a.exe", L"", false},
-        {L"", L"C:\\nv", false},
+        {L"C:\\nv\\a.exe", L"C:\\nv", true}, {L"c:\\NV\\sub\\a.exe", L"C:\\nv", true},
+        {L"C:\\nvx\\a.exe", L"C:\\nv", false}, {L"C:\\nv.exe", L"C:\\nv", false}, {L"C:\\nv\\", L"C:\\nv", false},
+        {L"C:\\nv", L"C:\\nv", false}, {L"C:\\a.exe", L"", false}, {L"", L"C:\\nv", false},
     };
     for (const auto& c : cases) EXPECT_EQ(c.in, image_in_folder(c.image, c.folder)) << c.image << " in " << c.folder;
 }
