@@ -32,12 +32,11 @@ protected:
 
     static bool exists(const std::string& key) {
         unique_reg_key h;
-        return RegOpenKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, READ_CONTROL, h.put()) == ERROR_SUCCESS;
+        return reg::open_key(HKEY_LOCAL_MACHINE, key, READ_CONTROL, h) == ERROR_SUCCESS;
     }
     static void create(const std::string& key) {
         unique_reg_key h;
-        ASSERT_EQ(ERROR_SUCCESS, RegCreateKeyExA(HKEY_LOCAL_MACHINE, key.c_str(), 0, nullptr, 0, KEY_ALL_ACCESS,
-                                                 nullptr, h.put(), nullptr));
+        ASSERT_EQ(ERROR_SUCCESS, reg::create_key(HKEY_LOCAL_MACHINE, key, KEY_ALL_ACCESS, h));
     }
     std::string root_;
 };
