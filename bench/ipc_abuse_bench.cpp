@@ -217,7 +217,7 @@ int main(int argc, char** argv) {
     double worst_answer = 0;
     int unanswered = 0;
     for (int i = 0; i < samples; ++i) {
-        const uint64_t bytes = private_bytes(server.process);
+        const uint64_t bytes = private_bytes(server.process.get());
         if (bytes > peak) peak = bytes;
         const double t = now_ms();
         if (!version_answered(name)) ++unanswered;

@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "mcl/mswin/unique_handle.h"
+
 namespace nv_test {
 
 // Directory of the running test executable (with its trailing backslash); the build puts
@@ -13,16 +15,9 @@ namespace nv_test {
 std::string bin_dir();
 
 struct child {
-    HANDLE process = nullptr;
-    HANDLE output = nullptr;  // read end of the child's standard output, or null
+    mcl::mswin::unique_kernel_handle process;
+    mcl::mswin::unique_kernel_handle output;  // read end of the child's standard output, or none
     DWORD pid = 0;
-
-    child() = default;
-    child(const child&) = delete;
-    child& operator=(const child&) = delete;
-    child(child&& other) noexcept;
-    child& operator=(child&& other) noexcept;
-    ~child();
 
     // Waits up to `ms` for the exit; returns the exit code or STILL_ACTIVE.
     DWORD wait(DWORD ms = 30000);

@@ -8,19 +8,18 @@ namespace {
 
 // Opens a pipe, waiting while every instance is busy or none is there yet (the listener
 // makes the next one).
-HANDLE open_waiting(const std::string& name, DWORD access) {
+mcl::mswin::unique_kernel_handle open_waiting(const std::string& name, DWORD access) {
     for (int tries = 0; tries < 100; ++tries) {
-        HANDLE h = CreateFileA(name.c_str(), access, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-        if (h != INVALID_HANDLE_VALUE) return h;
-        if (GetLastError() == ERROR_PIPE_BUSY) {
+        mcl::mswin::unique_kernel_handle h(CreateFileA(name.c_str(), access, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        if (h) return h;
+        if (GetLastError() == ERROR_PIPE_BUSY)
             WaitNamedPipeA(name.c_str(), 1000);
-        } else if (GetLastError() == ERROR_FILE_NOT_FOUND) {
+        else if (GetLastError() == ERROR_FILE_NOT_FOUND)
             Sleep(50);
-        } else {
+        else
             break;
-        }
     }
-    return INVALID_HANDLE_VALUE;
+    return {};
 }
 
 // Reads exactly n bytes from a blocking handle; false when it ends first.
@@ -54,7 +53,7 @@ std::string first_line(child& c) {
     std::string line;
     char ch = 0;
     DWORD n = 0;
-    while (ReadFile(c.output, &ch, 1, &n, nullptr) && n == 1 && ch != '\n')
+    while (ReadFile(c.output.get(), &ch, 1, &n, nullptr) && n == 1 && ch != '\n')
         if (ch != '\r') line.push_back(ch);
     return line;
 }
@@ -62,50 +61,39 @@ std::string first_line(child& c) {
 bool raw_client::connect(const std::string& name, bool signal) { return connect_half(name, "", signal); }
 
 bool raw_client::connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake) {
-    const std::string base = "Global\\" + name;
+    const std::string base = "Global\\" + name, pipe = std::string(mcl::ipc_channel::pipe_prefix) + name;
+    const bool reads = suffix != "_INBOND", writes = suffix != "_OUTBOUND";
     if (!handshake) {
-        HANDLE h = open_waiting(std::string(mcl::ipc_channel::pipe_prefix) + name + suffix,
-                                suffix == "_INBOND" ? GENERIC_WRITE : GENERIC_READ);
-        (suffix == "_INBOND" ? out_ : in_) = h == INVALID_HANDLE_VALUE ? nullptr : h;
-        return h != INVALID_HANDLE_VALUE;
+        (reads ? in_ : out_) = open_waiting(pipe + suffix, reads ? GENERIC_READ : GENERIC_WRITE);
+        return reads ? in_.valid() : out_.valid();
     }
-    HANDLE mutex = nullptr;
-    for (int i = 0; i < 200 && mutex == nullptr; ++i) {
-        mutex = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, (base + "_MTX_CONNECTING").c_str());
-        if (mutex == nullptr) Sleep(50);
+    mcl::mswin::unique_kernel_handle mutex;
+    for (int i = 0; i < 200 && !mutex; ++i) {
+        mutex.reset(OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, (base + "_MTX_CONNECTING").c_str()));
+        if (!mutex) Sleep(50);
     }
-    if (mutex == nullptr) return false;
-    const DWORD w = WaitForSingleObject(mutex, 10000);
-    bool ok = w == WAIT_OBJECT_0 || w == WAIT_ABANDONED;
-    const std::string pipe = std::string(mcl::ipc_channel::pipe_prefix) + name;
-    if (ok) {
-        if (suffix != "_INBOND") in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
-        if (suffix != "_OUTBOUND") out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
-        if (in_ == INVALID_HANDLE_VALUE) in_ = nullptr;
-        if (out_ == INVALID_HANDLE_VALUE) out_ = nullptr;
-        if (on_pipes_open) on_pipes_open();
-        HANDLE connected = OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str());
-        ok = (in_ != nullptr || suffix == "_INBOND") && (out_ != nullptr || suffix == "_OUTBOUND") && connected != nullptr;
-        if (connected != nullptr) {
-            if (signal) SetEvent(connected);
-            CloseHandle(connected);
-        }
-        ReleaseMutex(mutex);
-    }
-    CloseHandle(mutex);
-    return ok;
+    const DWORD w = mutex ? WaitForSingleObject(mutex.get(), 10000) : WAIT_FAILED;
+    if (w != WAIT_OBJECT_0 && w != WAIT_ABANDONED) return false;
+    if (reads) in_ = open_waiting(pipe + "_OUTBOUND", GENERIC_READ);
+    if (writes) out_ = open_waiting(pipe + "_INBOND", GENERIC_WRITE);
+    if (on_pipes_open) on_pipes_open();
+    const mcl::mswin::unique_kernel_handle connected(
+        OpenEventA(EVENT_MODIFY_STATE, FALSE, (base + "_EV_CONNECTED").c_str()));
+    if (connected && signal) SetEvent(connected.get());
+    ReleaseMutex(mutex.get());
+    return (in_ || !reads) && (out_ || !writes) && connected;
 }
 
 bool raw_client::write(const std::vector<unsigned char>& bytes) {
     DWORD n = 0;
-    return WriteFile(out_, bytes.data(), static_cast<DWORD>(bytes.size()), &n, nullptr) && n == bytes.size();
+    return WriteFile(out_.get(), bytes.data(), static_cast<DWORD>(bytes.size()), &n, nullptr) && n == bytes.size();
 }
 
 bool raw_client::drain(uint32_t& total) {
     DWORD available = 0;
-    if (in_ == nullptr || !PeekNamedPipe(in_, nullptr, 0, nullptr, &available, nullptr)) return false;
+    if (!in_ || !PeekNamedPipe(in_.get(), nullptr, 0, nullptr, &available, nullptr)) return false;
     std::vector<unsigned char> bytes;
-    if (available > 0 && !read_exact(in_, available, bytes)) return false;
+    if (available > 0 && !read_exact(in_.get(), available, bytes)) return false;
     total += available;
     return true;
 }
@@ -117,23 +105,17 @@ bool raw_client::write_frame(uint32_t id, uint32_t sequence, const mcl::binary_t
     return write({frame.data(), frame.data() + (cut < frame.size() ? cut : frame.size())});
 }
 
-bool raw_client::read(uint32_t n, std::vector<unsigned char>& bytes) { return read_exact(in_, n, bytes); }
+bool raw_client::read(uint32_t n, std::vector<unsigned char>& bytes) { return read_exact(in_.get(), n, bytes); }
 
 bool raw_client::read_frame(mcl::frame_header& header, mcl::binary_t& payload) {
     std::vector<unsigned char> head, body;
-    if (!read_exact(in_, mcl::frame_header_size, head) ||
+    if (!read_exact(in_.get(), mcl::frame_header_size, head) ||
         !mcl::read_frame_header(head.data(), static_cast<uint32_t>(head.size()), header) ||
         header.length > mcl::max_frame_payload ||
-        !read_exact(in_, static_cast<uint32_t>(mcl::frame_size(header.length) - mcl::frame_header_size), body))
+        !read_exact(in_.get(), static_cast<uint32_t>(mcl::frame_size(header.length) - mcl::frame_header_size), body))
         return false;
     payload = mcl::binary_t(body.data(), header.length);
     return true;
-}
-
-void raw_client::close() {
-    if (in_ != nullptr) CloseHandle(in_);
-    if (out_ != nullptr) CloseHandle(out_);
-    in_ = out_ = nullptr;
 }
 
 }  // namespace nv_test

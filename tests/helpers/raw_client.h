@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "mcl/ipc/frame.h"
+#include "mcl/mswin/unique_handle.h"
 #include "tests/helpers/process.h"
 
 namespace nv_test {
@@ -32,11 +33,6 @@ std::string first_line(child& c);
 
 class raw_client {
 public:
-    raw_client() = default;
-    raw_client(const raw_client&) = delete;
-    raw_client& operator=(const raw_client&) = delete;
-    ~raw_client() { close(); }
-
     // Takes the connecting mutex (waiting up to 10 s for the listener), opens both pipes, sets
     // the connected event (unless told not to, as a hostile client may) and releases the mutex.
     bool connect(const std::string& name, bool signal = true);
@@ -56,15 +52,18 @@ public:
     // Reads one frame: its header and its payload (without the pad byte of an empty one); false
     // when the pipe ends first or the header announces more than the transport takes.
     bool read_frame(mcl::frame_header& header, mcl::binary_t& payload);
-    void close();
+    void close() {
+        in_.reset();
+        out_.reset();
+    }
 
     // Called by connect once the pipes are open, holding the mutex, before the signal: a slow
     // client's pause, or a point to be killed at.
     std::function<void()> on_pipes_open;
 
 private:
-    HANDLE in_ = nullptr;   // the listener's "_OUTBOUND"
-    HANDLE out_ = nullptr;  // the listener's "_INBOND"
+    mcl::mswin::unique_kernel_handle in_;   // the listener's "_OUTBOUND"
+    mcl::mswin::unique_kernel_handle out_;  // the listener's "_INBOND"
 };
 
 }  // namespace nv_test

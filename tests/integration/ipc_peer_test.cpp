@@ -36,7 +36,7 @@ struct server_process {
         const std::string stop_name = "Global\\" + name + "_test_stop";
         EXPECT_EQ(0, stop.create(stop_name.c_str()));
         process = nv_test::start_ipc_helper("server", name, stop_name, &log_path);
-        EXPECT_NE(nullptr, process.process) << "CreateProcess error " << GetLastError();
+        EXPECT_TRUE(process.process) << "CreateProcess error " << GetLastError();
     }
     ~server_process() {
         stop.set();
@@ -277,7 +277,7 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     EXPECT_EQ("ready 0", first_line(abusers));
 
     PROCESS_MEMORY_COUNTERS_EX memory{};
-    ASSERT_TRUE(GetProcessMemoryInfo(server.process.process, reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
+    ASSERT_TRUE(GetProcessMemoryInfo(server.process.process.get(), reinterpret_cast<PROCESS_MEMORY_COUNTERS*>(&memory),
                                      sizeof(memory)));
     // The private commit charge: some systems fill in PagefileUsage only.
     const size_t committed = std::max(memory.PrivateUsage, memory.PagefileUsage);

@@ -131,7 +131,7 @@ bool sample(DWORD pid, usage& u) {
     for (int attempt = 0; attempt < 2; ++attempt) {
         nv_test::child reader = nv_test::start("\"" + nv_test::bin_dir() + "nv_storm.exe\" sample " + std::to_string(pid),
                                                /*capture_output=*/true);
-        if (reader.process == nullptr) continue;
+        if (!reader.process) continue;
         if (reader.wait(30000) != 0) {  // its one line fits the pipe: read once it has ended
             reader.kill();
             continue;

@@ -213,7 +213,7 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
             c.hangups++;
         } else {  // a client killed in the middle of its request
             nv_test::child v = nv_test::start("\"" + self + "\" victim");
-            if (v.process != nullptr) {
+            if (v.process) {
                 Sleep(rng() % 300);
                 v.kill();
                 c.killed++;
