@@ -16,8 +16,6 @@
 //       or for a payload that is not hex, 3 when the connection ends before every reply
 #include <windows.h>
 
-#include <sddl.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -25,9 +23,11 @@
 #include <vector>
 
 #include "mcl/buffer.h"
+#include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service.h"
 #include "mcl/mswin/service_handles.h"
 #include "mcl/mswin/unique_handle.h"
+#include "mcl/mutex.h"
 #include "tests/helpers/raw_client.h"
 #include "tests/helpers/restricted.h"
 #include "tools/recovery_code/signer.h"
@@ -68,51 +68,73 @@ const wchar_t* after_as_user(const wchar_t* line) {
     return line;
 }
 
+// Runs `command_line` under nv_test::restricted_token() through CreateProcessAsUserW, with this
+// process's standard handles (and only those) inherited; waits for it and returns its exit code,
+// 255 when it cannot start.
+int run_restricted(const wchar_t* command_line) {
+    std::wstring command = command_line;
+    const mcl::mswin::unique_kernel_handle token = nv_test::restricted_token();
+    if (command.empty() || !token) return 255;
+    STARTUPINFOW startup{};
+    startup.cb = sizeof(startup);
+    startup.dwFlags = STARTF_USESTDHANDLES;
+    HANDLE* const slots[] = {&startup.hStdInput, &startup.hStdOutput, &startup.hStdError};
+    const DWORD std_ids[] = {STD_INPUT_HANDLE, STD_OUTPUT_HANDLE, STD_ERROR_HANDLE};
+    mcl::mswin::unique_kernel_handle inherited[3];
+    for (int i = 0; i < 3; ++i) {
+        const HANDLE own = GetStdHandle(std_ids[i]);
+        if (own == nullptr || own == INVALID_HANDLE_VALUE ||
+            !DuplicateHandle(GetCurrentProcess(), own, GetCurrentProcess(), inherited[i].put(), 0, TRUE,
+                             DUPLICATE_SAME_ACCESS))
+            (void)inherited[i].release();  // what a failed duplicate left in the slot is no handle
+        *slots[i] = inherited[i].get();
+    }
+    PROCESS_INFORMATION process{};
+    if (!CreateProcessAsUserW(token.get(), nullptr, &command[0], nullptr, nullptr, TRUE, 0, nullptr, nullptr, &startup,
+                              &process)) {
+        fprintf(stderr, "CreateProcessAsUserW failed, error %lu\n", static_cast<unsigned long>(GetLastError()));
+        return 255;
+    }
+    CloseHandle(process.hThread);
+    const mcl::mswin::unique_kernel_handle child(process.hProcess);
+    WaitForSingleObject(child.get(), INFINITE);
+    DWORD code = 255;
+    GetExitCodeProcess(child.get(), &code);
+    return static_cast<int>(code);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
     if (argc >= 4 && strcmp(argv[1], "pipeline") == 0) return pipeline(argv[2], argc - 3, argv + 3);
-    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return nv_test::run_restricted(after_as_user(GetCommandLineW()));
+    if (argc >= 3 && strcmp(argv[1], "as-user") == 0) return run_restricted(after_as_user(GetCommandLineW()));
     if (argc >= 5 && strcmp(argv[1], "hold-mutex") == 0) {
-        HANDLE m = CreateMutexA(nullptr, TRUE, argv[2]);
-        const bool made = m != nullptr && GetLastError() != ERROR_ALREADY_EXISTS;
         // A mutex made by someone else is opened with what a client gets, and taken.
-        if (m == nullptr && GetLastError() == ERROR_ACCESS_DENIED)
-            m = OpenMutexA(SYNCHRONIZE | MUTEX_MODIFY_STATE, FALSE, argv[2]);
-        if (m == nullptr) return 2;
-        if (!made) (void)WaitForSingleObject(m, INFINITE);
-        HANDLE ready = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[4]);
-        if (ready != nullptr) SetEvent(ready);
+        mcl::mutex m;
+        if ((m.create(argv[2], nullptr) != 0 && m.open(argv[2]) != 0) || m.acquire_step(INFINITE) != 0) return 2;
+        const mcl::mswin::unique_kernel_handle ready(OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[4]));
+        if (ready) SetEvent(ready.get());
         Sleep(static_cast<DWORD>(atoi(argv[3])));
-        ReleaseMutex(m);
-        CloseHandle(m);
-        return 0;
+        return 0;  // released as it goes
     }
     if (argc >= 4 && strcmp(argv[1], "wait-event") == 0) {
         // Creates the named event (with the descriptor SDDL when given), says "ready", and waits
         // for it: "fired" (0) or "timeout" (4).
-        mcl::mswin::unique_local<PSECURITY_DESCRIPTOR> descriptor;
-        if (argc >= 5 && !ConvertStringSecurityDescriptorToSecurityDescriptorA(argv[4], SDDL_REVISION_1, descriptor.put(), nullptr))
-            return 2;
+        mcl::mswin::security_descriptor descriptor;
+        if (argc >= 5 && !mcl::mswin::security_descriptor::from_sddl(argv[4], descriptor)) return 2;
         SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.get(), FALSE};
-        HANDLE e = CreateEventA(descriptor ? &attributes : nullptr, FALSE, FALSE, argv[2]);
-        if (e == nullptr) return 2;
+        const mcl::mswin::unique_kernel_handle e(CreateEventA(argc >= 5 ? &attributes : nullptr, FALSE, FALSE, argv[2]));
+        if (!e) return 2;
         printf("ready\n");
         fflush(stdout);
-        const DWORD w = WaitForSingleObject(e, static_cast<DWORD>(atoi(argv[3])));
+        const DWORD w = WaitForSingleObject(e.get(), static_cast<DWORD>(atoi(argv[3])));
         printf(w == WAIT_OBJECT_0 ? "fired\n" : "timeout\n");
-        CloseHandle(e);
         return w == WAIT_OBJECT_0 ? 0 : 4;
     }
     if (argc >= 3 && strcmp(argv[1], "set-event") == 0) {
-        HANDLE e = OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[2]);
-        if (e == nullptr) {
-            printf("error %lu\n", static_cast<unsigned long>(GetLastError()));
-            return 2;
-        }
-        const BOOL ok = SetEvent(e);
-        CloseHandle(e);
-        return ok ? 0 : 3;
+        const mcl::mswin::unique_kernel_handle e(OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[2]));
+        if (!e) printf("error %lu\n", static_cast<unsigned long>(GetLastError()));
+        return !e ? 2 : SetEvent(e.get()) ? 0 : 3;
     }
     if (argc >= 3 && strcmp(argv[1], "start-stop") == 0) {
         mcl::mswin::unique_sc_handle svc;
