@@ -1,15 +1,12 @@
-// The driver simulator as tests inspect it: driver_ctl in a second process, and the simulator's
-// own JSON spelling of what it was sent.
+// The driver simulator as tests inspect it: driver_ctl in a second process.
 #pragma once
 
 #include <windows.h>
 
-#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "tests/helpers/process.h"
-#include "tools/driver_sim/json_writer.h"
 
 namespace nv_test {
 
@@ -18,12 +15,6 @@ inline std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
     std::string out;
     const DWORD code = run("driver_ctl.exe", args, &out);
     if (exit_code) *exit_code = code;
-    return out;
-}
-
-inline std::string json(const std::wstring& text) {
-    std::string out;
-    vqr::sim::append_json_string(out, text);
     return out;
 }
 
