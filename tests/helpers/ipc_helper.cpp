@@ -31,6 +31,7 @@
 #include "app/log.h"
 #include "mcl/encoding.h"
 #include "mcl/ipc/peer.h"
+#include "mcl/mswin/unique_handle.h"
 #include "tests/helpers/raw_client.h"
 
 namespace {
@@ -49,12 +50,11 @@ public:
             return 0;
         case nv_test::msg_no_reply:
             return -1;
-        case nv_test::msg_post_all: {
+        case nv_test::msg_post_all:
             if (peer != nullptr) (void)peer->post(nv_test::msg_posted, payload, {});
             payload.clear();
             mcl::write_string(payload, "posted");
             return 0;
-        }
         case nv_test::msg_exit:
             ExitProcess(7);
         default:
@@ -67,10 +67,9 @@ int run_server(const char* name, const char* stop_name) {
     test_handler handler;
     mcl::ipc_peer peer(name, &handler);
     handler.peer = &peer;
-    HANDLE stop = OpenEventA(SYNCHRONIZE, FALSE, stop_name);
-    if (stop == nullptr) return 2;
-    peer.serve_until(stop);
-    CloseHandle(stop);
+    const mcl::mswin::unique_kernel_handle stop(OpenEventA(SYNCHRONIZE, FALSE, stop_name));
+    if (!stop) return 2;
+    peer.serve_until(stop.get());
     return 0;
 }
 
@@ -142,17 +141,16 @@ int run_abuse(const char* name, char** args) {
 
 int run_half(const char* name, const char* suffix, bool signal, const char* event_name, bool exit_request) {
     nv_test::raw_client hostile;
-    HANDLE done = OpenEventA(SYNCHRONIZE, FALSE, event_name);
-    if (done == nullptr || !hostile.connect_half(name, suffix, signal, /*handshake=*/!exit_request)) return 3;
+    const mcl::mswin::unique_kernel_handle done(OpenEventA(SYNCHRONIZE, FALSE, event_name));
+    if (!done || !hostile.connect_half(name, suffix, signal, /*handshake=*/!exit_request)) return 3;
     if (exit_request) (void)hostile.write(frame_of(nv_test::msg_exit, 0));
     printf("ready\n");
     fflush(stdout);
     uint32_t received = 0;
     bool open = true;
-    for (int step = 0; step < 1200 && WaitForSingleObject(done, 50) != WAIT_OBJECT_0; ++step)
+    for (int step = 0; step < 1200 && WaitForSingleObject(done.get(), 50) != WAIT_OBJECT_0; ++step)
         if (open) open = hostile.drain(received);
     printf("received %u\n", received);
-    CloseHandle(done);
     return 0;
 }
 

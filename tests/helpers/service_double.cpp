@@ -6,6 +6,11 @@
 
 namespace nv_test {
 
+service_double::service_double(const char* name) : serving_peer(name, this) {
+    protocol::encode(replies_[msg::protocol_compatible], protocol::compatibility_reply{1, 5});
+    protocol::encode(replies_[msg::service_version], protocol::version_reply{196653});
+}
+
 service_double::~service_double() {
     finish();  // while the members the handler uses are there
     close();
@@ -28,15 +33,10 @@ int service_double::operator()(mcl::ipc_connection* conn, uint32_t id, mcl::bina
         mcl::scoped_lock guard(lock_);
         received_.push_back(record);
         const auto canned = replies_.find(id);
-        if (canned != replies_.end()) {
+        if (canned != replies_.end())
             reply = canned->second;
-        } else if (id == msg::protocol_compatible) {
-            protocol::encode(reply, protocol::compatibility_reply{1, 5});
-        } else if (id == msg::service_version) {
-            protocol::encode(reply, protocol::version_reply{196653});
-        } else {
+        else
             protocol::encode(reply, protocol::status(true));
-        }
     }
     if (on_message != nullptr) on_message(record);
     if (id == msg::disconnect) {

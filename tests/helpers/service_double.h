@@ -42,7 +42,7 @@ struct recorded_request {
 
 class service_double : public mcl::ipc_msg_handler, public serving_peer {
 public:
-    explicit service_double(const char* name) : serving_peer(name, this) {}
+    explicit service_double(const char* name);
     ~service_double() override;
 
     void set_reply(uint32_t id, const mcl::binary_t& reply);

@@ -17,8 +17,10 @@
 #include <cstring>
 #include <string>
 
+#include "mcl/file.h"
 #include "mcl/mswin/security_descriptor.h"
 #include "mcl/mswin/service_handles.h"
+#include "tests/helpers/process.h"
 
 namespace {
 
@@ -49,22 +51,18 @@ DWORD WINAPI handler(DWORD control, DWORD, void*, void*) {
     return NO_ERROR;
 }
 
-void write_beside(const char* name, const char* extension, DWORD argc, char** argv, DWORD pid) {
-    char exe[MAX_PATH] = {};
-    GetModuleFileNameA(nullptr, exe, MAX_PATH);
-    const std::string path = std::string(exe).substr(0, std::string(exe).rfind('\\') + 1) + name + extension;
-    FILE* f = fopen(path.c_str(), "w");
-    if (f == nullptr) return;
-    if (pid != 0) fprintf(f, "%lu\n", pid);
-    for (DWORD i = 1; i < argc; ++i) fprintf(f, "%s\n", argv[i]);
-    fclose(f);
+void write_beside(const char* name, const char* extension, const std::string& text) {
+    const mcl::unique_file f = mcl::open_file((nv_test::bin_dir() + name + extension).c_str(), "w");
+    if (f) fputs(text.c_str(), f.get());
 }
 
 void WINAPI service_main(DWORD argc, char** argv) {
     g_status = RegisterServiceCtrlHandlerExA(argc > 0 ? argv[0] : "", handler, nullptr);
     if (g_status == nullptr || argc == 0) return;
-    write_beside(argv[0], ".pid", 0, argv, GetCurrentProcessId());
-    if (argc > 1) write_beside(argv[0], ".args", argc, argv, 0);
+    write_beside(argv[0], ".pid", std::to_string(GetCurrentProcessId()) + "\n");
+    std::string args;
+    for (DWORD i = 1; i < argc; ++i) args += std::string(argv[i]) + "\n";
+    if (argc > 1) write_beside(argv[0], ".args", args);
     report(strcmp(g_mode, "stuck-starting") == 0 ? SERVICE_START_PENDING : SERVICE_RUNNING);
     WaitForSingleObject(g_stop, INFINITE);
     report(SERVICE_STOPPED);
