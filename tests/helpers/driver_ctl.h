@@ -10,10 +10,13 @@
 
 namespace nv_test {
 
-// driver_ctl ARGS: its standard output; its exit code in `exit_code` when asked.
+// driver_ctl ARGS, run to its end (killed after a minute): its standard output; its exit code in
+// `exit_code` when asked (STILL_ACTIVE when it was killed or never started).
 inline std::string ctl(const std::string& args, DWORD* exit_code = nullptr) {
-    std::string out;
-    const DWORD code = run("driver_ctl.exe", args, &out);
+    child c = start("\"" + bin_dir() + "driver_ctl.exe\" " + args, /*capture_output=*/true);
+    const std::string out = c.read_output();
+    const DWORD code = c.wait(60000);
+    if (code == STILL_ACTIVE) c.kill();
     if (exit_code) *exit_code = code;
     return out;
 }

@@ -58,15 +58,6 @@ child start(const std::string& command_line, bool capture_output) {
     return c;
 }
 
-DWORD run(const std::string& program, const std::string& arguments, std::string* output, DWORD timeout_ms) {
-    child c = start("\"" + bin_dir() + program + "\" " + arguments, output != nullptr);
-    if (!c.process) return static_cast<DWORD>(-1000);
-    if (output != nullptr) *output = c.read_output();
-    const DWORD code = c.wait(timeout_ms);
-    if (code == STILL_ACTIVE) c.kill();
-    return code;
-}
-
 std::string unique_name(const char* prefix) {
     static std::atomic<unsigned> counter{0};
     return std::string(prefix) + "_" + std::to_string(GetCurrentProcessId()) + "_" + std::to_string(++counter);

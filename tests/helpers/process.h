@@ -29,10 +29,6 @@ struct child {
 // Starts `command_line` (program and arguments); standard output is captured when asked.
 child start(const std::string& command_line, bool capture_output = false);
 
-// Runs a program of this build to its end and returns its exit code; `output` gets stdout.
-DWORD run(const std::string& program, const std::string& arguments, std::string* output = nullptr,
-          DWORD timeout_ms = 60000);
-
 // A name no other test run uses: prefix + process id + counter.
 std::string unique_name(const char* prefix);
 
