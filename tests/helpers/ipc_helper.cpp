@@ -24,7 +24,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -48,8 +47,6 @@ public:
             return 0;
         case nv_test::msg_echo:
             return 0;
-        case nv_test::msg_no_reply:
-            return -1;
         case nv_test::msg_post_all:
             if (peer != nullptr) (void)peer->post(nv_test::msg_posted, payload, {});
             payload.clear();
@@ -57,7 +54,7 @@ public:
             return 0;
         case nv_test::msg_exit:
             ExitProcess(7);
-        default:
+        default:  // msg_no_reply among them
             return -1;
         }
     }
@@ -103,38 +100,31 @@ int run_abuse(const char* name, char** args) {
     const uint32_t flood_kib = static_cast<uint32_t>(atoi(args[2]));
     const int announcing = atoi(args[3]);
     const int seconds = atoi(args[4]);
-    std::vector<std::unique_ptr<nv_test::raw_client>> clients;
-    int failures = 0;
-    for (int i = 0; i < stalled; ++i) {
-        auto c = std::make_unique<nv_test::raw_client>();
-        if (!c->connect(name)) return 3;
-        if (flood_kib == 0) {
-            if (!c->write(frame_of(id, 3000))) ++failures;
-        } else {
-            const auto frame = frame_of(id, 60 * 1024);
-            // The service may end the connection part way: that is what this client is for.
-            for (uint32_t sent = 0; sent < flood_kib && c->write(frame); sent += 60) {
-            }
-        }
-        clients.push_back(std::move(c));
-    }
     // A header announcing 64 MiB; the pad byte of an empty frame becomes its first byte.
     std::vector<unsigned char> announce = frame_of(id, 0);
     const uint32_t length = 64u * 1024 * 1024;
     memcpy(announce.data() + 12, &length, 4);
-    std::vector<nv_test::raw_client*> tricklers;
-    for (int i = 0; i < announcing; ++i) {
-        auto c = std::make_unique<nv_test::raw_client>();
-        if (!c->connect(name)) return 3;
-        if (!c->write(announce)) ++failures;
-        tricklers.push_back(c.get());
-        clients.push_back(std::move(c));
+    const auto request = frame_of(id, flood_kib == 0 ? 3000 : 60 * 1024);
+    std::vector<nv_test::raw_client> clients(stalled + announcing);
+    int failures = 0;
+    for (int i = 0; i < stalled + announcing; ++i) {
+        nv_test::raw_client& c = clients[i];
+        if (!c.connect(name)) return 3;
+        if (i >= stalled) {
+            failures += !c.write(announce);
+        } else if (flood_kib == 0) {
+            failures += !c.write(request);
+        } else {
+            // The service may end the connection part way: that is what this client is for.
+            for (uint32_t sent = 0; sent < flood_kib && c.write(request); sent += 60) {
+            }
+        }
     }
     printf("ready %d\n", failures);
     fflush(stdout);
     for (int s = 0; s < seconds; ++s) {
         Sleep(1000);
-        for (auto* c : tricklers) (void)c->write({0x55});
+        for (int i = stalled; i < stalled + announcing; ++i) (void)clients[i].write({0x55});
     }
     return 0;
 }
