@@ -58,8 +58,6 @@ std::string first_line(child& c) {
     return line;
 }
 
-bool raw_client::connect(const std::string& name, bool signal) { return connect_half(name, "", signal); }
-
 bool raw_client::connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake) {
     const std::string base = "Global\\" + name, pipe = std::string(mcl::ipc_channel::pipe_prefix) + name;
     const bool reads = suffix != "_INBOND", writes = suffix != "_OUTBOUND";

@@ -34,10 +34,11 @@ std::string first_line(child& c);
 class raw_client {
 public:
     // Takes the connecting mutex (waiting up to 10 s for the listener), opens both pipes, sets
-    // the connected event (unless told not to, as a hostile client may) and releases the mutex.
-    bool connect(const std::string& name, bool signal = true);
-    // The handshake holding only the listener's `suffix` pipe ("_OUTBOUND" or "_INBOND"); with
-    // `handshake` false, only that pipe is opened, as a hostile client may.
+    // the connected event and releases the mutex.
+    bool connect(const std::string& name) { return connect_half(name, "", /*signal=*/true); }
+    // The handshake holding only the listener's `suffix` pipe ("_OUTBOUND" or "_INBOND"), or both
+    // for an empty one, setting the connected event only with `signal`; with `handshake` false,
+    // only that pipe is opened, as a hostile client may.
     bool connect_half(const std::string& name, const std::string& suffix, bool signal, bool handshake = true);
     // Reads what has come on the listener's "_OUTBOUND" without waiting, adding it to `total`;
     // false once that pipe has ended (or is not held).

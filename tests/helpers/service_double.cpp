@@ -39,12 +39,11 @@ int service_double::operator()(mcl::ipc_connection* conn, uint32_t id, mcl::bina
             protocol::encode(reply, protocol::status(true));
     }
     if (on_message != nullptr) on_message(record);
-    if (id == msg::disconnect) {
-        // As the service does: the client waits for its pipe to close.
+    // On the disconnect message, as the service does: the client waits for its pipe to close.
+    if (id == msg::disconnect)
         disconnect(mcl::share_ptr<mcl::ipc_connection>(conn));
-        return 0;
-    }
-    payload = reply;
+    else
+        payload = reply;
     return 0;
 }
 

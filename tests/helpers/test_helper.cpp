@@ -122,8 +122,8 @@ int main(int argc, char** argv) {
         // for it: "fired" (0) or "timeout" (4).
         mcl::mswin::security_descriptor descriptor;
         if (argc >= 5 && !mcl::mswin::security_descriptor::from_sddl(argv[4], descriptor)) return 2;
-        SECURITY_ATTRIBUTES attributes{sizeof(attributes), descriptor.get(), FALSE};
-        const mcl::mswin::unique_kernel_handle e(CreateEventA(argc >= 5 ? &attributes : nullptr, FALSE, FALSE, argv[2]));
+        SECURITY_ATTRIBUTES sa{sizeof(sa), descriptor.get(), FALSE};
+        const mcl::mswin::unique_kernel_handle e(CreateEventA(argc >= 5 ? &sa : nullptr, FALSE, FALSE, argv[2]));
         if (!e) return 2;
         printf("ready\n");
         fflush(stdout);
@@ -155,8 +155,7 @@ int main(int argc, char** argv) {
         return status.dwCurrentState == SERVICE_STOPPED ? 0 : 4;
     }
     if (argc >= 3 && strcmp(argv[1], "process-alive") == 0) {
-        const DWORD pid = static_cast<DWORD>(strtoul(argv[2], nullptr, 10));
-        const mcl::mswin::unique_kernel_handle p(OpenProcess(SYNCHRONIZE, FALSE, pid));
+        const mcl::mswin::unique_kernel_handle p(OpenProcess(SYNCHRONIZE, FALSE, strtoul(argv[2], nullptr, 10)));
         return p && WaitForSingleObject(p.get(), 0) == WAIT_TIMEOUT ? 0 : 1;
     }
     if (argc >= 3 && strcmp(argv[1], "service-pid") == 0) {

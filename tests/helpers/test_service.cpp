@@ -29,25 +29,19 @@ HANDLE g_stop = nullptr;
 const char* g_mode = "";
 
 void report(DWORD state) {
-    SERVICE_STATUS status{};
-    status.dwServiceType = SERVICE_WIN32_OWN_PROCESS;
-    status.dwCurrentState = state;
-    status.dwControlsAccepted = state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0;
-    if (state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING) {
-        status.dwCheckPoint = 1;
-        status.dwWaitHint = 2000;
-    }
+    const DWORD pending = state == SERVICE_START_PENDING || state == SERVICE_STOP_PENDING;
+    SERVICE_STATUS status{SERVICE_WIN32_OWN_PROCESS, state, state == SERVICE_RUNNING ? SERVICE_ACCEPT_STOP : 0u,
+                          NO_ERROR, 0, /*checkpoint=*/pending, /*wait_hint=*/pending * 2000};
     SetServiceStatus(g_status, &status);
 }
 
 DWORD WINAPI handler(DWORD control, DWORD, void*, void*) {
     if (control != SERVICE_CONTROL_STOP || strcmp(g_mode, "ignore-stop") == 0) return NO_ERROR;
     if (strcmp(g_mode, "exit-on-stop") == 0) ExitProcess(3);
-    if (strcmp(g_mode, "stuck-stopping") == 0) {
+    if (strcmp(g_mode, "stuck-stopping") == 0)
         report(SERVICE_STOP_PENDING);
-        return NO_ERROR;
-    }
-    SetEvent(g_stop);
+    else
+        SetEvent(g_stop);
     return NO_ERROR;
 }
 
