@@ -74,23 +74,18 @@ start_service() {  # [PROBE-ARGS]
 }
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
-# hold_dacl_writes, release_dacl_writes: in between, the test build's DACL writes (key protects,
-# the recorder's file and folder writes) wait at the write (its "DaclPause" value).
-hold_dacl_writes() {
-    : >"$work/dacl.paused"
-    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$work/dacl.paused")" /f
-}
-release_dacl_writes() { rm -f "$work/dacl.paused" && run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f; }
 # held_at_dacl_write LABEL LINE AFTER MESSAGE [KEY=VALUE ...]: the request waits at its DACL write
 # (once LINE is logged). Meanwhile the version and the service list are answered, the image and key
 # lists as they were, and AFTER (a request's fields, split at spaces), sent next, waits behind it;
-# both are answered once the writes go on.
+# both are answered once the writes go on. While the file its "DaclPause" value names is there, the
+# test build's DACL writes (key protects, the recorder's file and folder writes) wait at the write.
 held_at_dacl_write() {
     local label=$1 line=$2 after_fields n held after images keys
     read -r -a after_fields <<<"$3"
     call query-protected-processes && images=$reply
     call get-protected-reg-keys && keys=$reply
-    hold_dacl_writes
+    : >"$work/dacl.paused"
+    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$work/dacl.paused")" /f
     n=$(log_count "$line")
     call_bg held "$work/held.out" "${@:4}"
     poll 300 0.1 '[ "$(log_count "$line")" -gt "$n" ]' || fail "$label: not started"
@@ -102,7 +97,7 @@ held_at_dacl_write() {
     answers "$label: the image list as it was" "$images" query-protected-processes
     answers "$label: the key list as it was" "$keys" get-protected-reg-keys
     still_waiting "$label: it and the request after it wait" $held $after
-    release_dacl_writes
+    rm -f "$work/dacl.paused" && run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f
     wait $held $after
     expect_eq "$label: it, then the request after it" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
 }

@@ -43,11 +43,8 @@ start_sim() {
 driver_state() { wine "$ctl" state </dev/null 2>/dev/null | tr -d '\r'; }  # the simulator's state as JSON
 # install_service: the service executable alone in C:\nv ($nv), so its debug log ($log) is ours.
 install_service() {
-    nv=$WINEPREFIX/drive_c/nv
-    rm -rf "$nv"
-    mkdir -p "$nv"
-    cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$nv/"
-    log=$nv/nvhalvernservice.debug.log
+    nv=$WINEPREFIX/drive_c/nv log=$WINEPREFIX/drive_c/nv/nvhalvernservice.debug.log
+    rm -rf "$nv" && mkdir -p "$nv" && cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$nv/"
 }
 
 # win PATH: a Linux path as the Windows programs see it (Z: maps the Linux root).
@@ -98,14 +95,12 @@ undouble() {
 # waiter VAR OUT HELPER-ARGS...: nv_test_helper in the background, its pid in VAR, its output in
 # OUT (emptied first: no earlier run's "ready"); a failure unless it is ready within 30 s.
 waiter() { : >"$2"; wine "$helper" "${@:3}" </dev/null >"$2" 2>&1 & printf -v "$1" %s $!; poll 150 0.2 "grep -q ready '$2'" || fail "${*:3}: not ready"; }
-# within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
-within() {
-    local limit_ms=$(($1 * 1000)) t0 ms
-    shift
+within() {  # within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
+    local t0 ms
     t0=$(date +%s%N)
-    "$@"
+    "${@:2}"
     ms=$((($(date +%s%N) - t0) / 1000000))
-    [ "$ms" -lt "$limit_ms" ] || fail "$* took $ms ms"
+    [ "$ms" -lt $(($1 * 1000)) ] || fail "${*:2} took $ms ms"
 }
 # hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
 err=$work/err.txt
@@ -134,30 +129,20 @@ hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 
 hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
 hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
 hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
-# run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
-run() {
+run() {  # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
     wine "$@" </dev/null >"$out" 2>&1
     rc=$?
     tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
 }
-# expect LABEL RC [EXACT-OUTPUT]
-expect() {
+expect() {  # expect LABEL RC [EXACT-OUTPUT ('*': any)]
     [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; output: $(cat "$out")"
-    if [ $# -ge 3 ] && [ "$(cat "$out")" != "$3" ]; then fail "$1: output [$(cat "$out")], want [$3]"; fi
+    [ $# -lt 3 ] || [ "$3" = '*' ] || [ "$(cat "$out")" = "$3" ] || fail "$1: output [$(cat "$out")], want [$3]"
 }
-# runs LABEL RC OUTPUT PROGRAM ARGS...: run, then expect ('*': any output).
-runs() {
-    local label=$1 want=$2 text=$3
-    shift 3
-    run "$@"
-    if [ "$text" = '*' ]; then expect "$label" "$want"; else expect "$label" "$want" "$text"; fi
-}
-# expect_eq LABEL WANT GOT
-expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }
+runs() { run "${@:4}"; expect "$1" "$2" "$3"; }  # runs LABEL RC OUTPUT PROGRAM ARGS...: run, then expect
+expect_eq() { [ "$2" == "$3" ] || fail "$1: want [$2], got [$3]"; }  # LABEL WANT GOT
 # reg_value KEY NAME: the registry value as "TYPE DATA" (nothing and a failure when it is absent).
 reg_value() { wine reg query "$1" /v "$2" </dev/null 2>/dev/null | tr -d '\r' | grep -o 'REG_[A-Z_]* .*' | tr -s ' '; }
-# log_lines PATTERN: how many debug log lines match the (basic) regular expression.
-log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }
+log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }  # PATTERN: the lines that match (basic regex)
 svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing
 wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
     local name=$1 want=$2
@@ -171,11 +156,8 @@ wait_state() { wait_svc_state $svc "$@"; }  # wait_state WANT [TRIES of 0.2 s]
 sc_state() { wine sc query "$1" </dev/null 2>/dev/null | tr -d '\r' | awk '$1 == "STATE" { print $4 }'; }
 # logged FILE PATTERN: a line of FILE matches (grep reads to the end, not to fail the pipe).
 logged() { tr -d '\r' <"$1" | grep -- "$2" >/dev/null; }
-expect_logged() {  # LABEL FILE PATTERN...
-    local label=$1 file=$2 p
-    shift 2
-    for p; do logged "$file" "$p" || fail "$label: $(basename "$file") has no [$p]"; done
-}
+# expect_logged LABEL FILE PATTERN...: each PATTERN matches a line of FILE.
+expect_logged() { local p; for p in "${@:3}"; do logged "$2" "$p" || fail "$1: $(basename "$2") has no [$p]"; done; }
 expect_not_logged() { ! logged "$2" "$3" || fail "$1: $(basename "$2") has [$3]"; }  # LABEL FILE PATTERN
 # hold image|service PATH|NAME: installer_probe ($probe, a Windows path) keeps an image mapping (as
 # a loaded driver does) or a service handle until unhold.
@@ -185,17 +167,12 @@ hold() {
     hold_pid=$!
     poll 100 0.2 'grep -q holding "$work/hold.txt" 2>/dev/null' || fail "hold-$1 $2 did not start: $(cat "$work/hold.txt")"
 }
-unhold() {
-    wine "$helper" set-event "$hold_release" </dev/null >/dev/null 2>&1
-    wait "$hold_pid" 2>/dev/null
-}
+unhold() { wine "$helper" set-event "$hold_release" </dev/null >/dev/null 2>&1; wait "$hold_pid" 2>/dev/null; }
 # finish WHAT [LOG-LINES]: with failures, the debug log (its last LOG-LINES lines) and exit 1.
 finish() {
-    if [ "$failures" -ne 0 ]; then
-        echo "---- debug log"
-        if [ -n "${2:-}" ]; then tr -d '\r' <"$log" | tail -n "$2"; else tr -d '\r' <"$log"; fi
-        echo "$failures failure(s)"
-        exit 1
-    fi
-    echo "all $1 checks passed"
+    [ "$failures" -ne 0 ] || { echo "all $1 checks passed"; return; }
+    echo "---- debug log"
+    tr -d '\r' <"$log" | tail -n "${2:-+1}"
+    echo "$failures failure(s)"
+    exit 1
 }
