@@ -267,28 +267,23 @@ done <<'EOT'
 inv|\\nvhost\share\q|<\\nvhost\share\q>: not a local path|create-quarantine-container path=@
 inv|C:\Windows|<C:\Windows>: a system folder|create-quarantine-container path=@
 inv|C:\winlink\nvq|<C:\winlink\nvq>: a system folder|create-quarantine-container path=@
-inv|C:\Program Files|<C:\Program Files>: a program root folder|create-quarantine-container path=@
 inv|C:\users\Public|<C:\users\Public>: a user profile folder|create-quarantine-container path=@
 inv|C:\qlink\q3|is reached through a link: c:\qlink\q3|create-quarantine-container path=@
 inv|C:\userq|exists already and is not a container: c:\userq\|create-quarantine-container path=@
-inv|noslash|<noslash>: not a local path|create-quarantine-container path=@
 inv|q\r|<q\r>: not a local path|create-quarantine-container path=@
 inv|C:\q\..\windows|<C:\q\..\windows>: a parent folder component|create-quarantine-container path=@
 inv|C:\data\file.txt|Failed to create quarantine container path.|create-quarantine-container path=@
 inv|LONG|Failed to create quarantine container path.|create-quarantine-container path=@
 inv||Failed to create quarantine container, invalid path.|create-quarantine-container path=@
 inv|C:\|<C:\>: a drive root|remove-quarantine-container action=1 path=@
-semi|\\nvhost\share\a.txt|<\\nvhost\share\a.txt>: not a local path|quarantine-files action=0 container=c:\q path=@
 semi|\\?\C:\data\blk2.txt|<\\?\C:\data\blk2.txt>: not a local path|quarantine-files action=0 container=c:\q path=@
 semi|C:\windows\win.ini|<C:\windows\win.ini>: a system folder|quarantine-files action=0 container=c:\q path=@
 no|c:\q\stray.txt|<c:\q\stray.txt>: not a quarantine archive|quarantine-files action=1 container=c:\q path=@
-no|\\nvhost\share\a.txt|<\\nvhost\share\a.txt>: not a local path|block-file-access name=@
 no|\\.\pipe\nvq|<\\.\pipe\nvq>: not a local path|block-file-access name=@
 no|C:\data\nul|<C:\data\nul>: a device name|block-file-access name=@
 no|C:\windows\system32\kernel32.dll|<C:\windows\system32\kernel32.dll>: a system folder|block-file-access name=@
 no|C:\Windows.\win.ini|<C:\Windows.\win.ini>: a system folder|unblock-file-access name=@
 no|C:\windows\system32\nv.exe|<C:\windows\system32\nv.exe>: a system folder|protect-processes protect=1 image=@
-no|C:\|<C:\>: a drive root|recover-folder-dacl name=@
 no|C:\ProgramData\|<C:\ProgramData\>: a program root folder|recover-folder-dacl name=@
 EOT
 answers "block files: the refused one listed" "$(said 1 'c:\windows\win.ini;')" block-files-access action=0 path='C:\windows\win.ini'
