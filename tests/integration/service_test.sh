@@ -98,8 +98,7 @@ runs "a new key" 0 '*' "$tool" make "$(win "$work/new.priv")" "$guid" 20991231
 install_service
 
 echo "== not installed"
-run "$exe" -i uninstall
-expect "uninstall when not installed" 0 $'Uninstalling halvern service...\nHalvern srvice is not installed.'
+runs "uninstall when not installed" 0 $'Uninstalling halvern service...\nHalvern srvice is not installed.' "$exe" -i uninstall
 runs "start when not installed" 254 "Failed to start halvern service!" "$exe" -s start
 runs "stop when not installed" 254 "Failed to stop halvern service!" "$exe" -s stop
 
@@ -213,6 +212,18 @@ run reg delete "$emergency" /f
 start_sim
 expect_rc() { [ "$rc" -eq "$2" ] || fail "$1: exit code $rc, want $2; stdout: $(cat "$out"); stderr: $(cat "$err")"; }
 expect_in() { grep -qF -- "$3" "$2" || fail "$1: [$3] not in $(basename "$2"): $(head -c 400 "$2")"; }
+# outputs: rows "ARGUMENTS#WHAT#EXIT CODE AND WHAT" run through halvernctl. WHAT is its stdout (-), stderr
+# (err) or both (all: stdout|stderr), their lines joined by "|", a jq filter of stdout, or nothing (*).
+outputs() {
+    while IFS='#' read -r args filter want; do
+        eval "hv_run $args"
+        case $filter in
+        -) got=$(paste -sd '|' "$out") ;; err) got=$(paste -sd '|' "$err") ;; all) got="$(cat "$out")|$(cat "$err")" ;;
+        '*') got='*' ;; *) got=$(jq -c "$filter" "$out" 2>&1) ;;
+        esac
+        expect_eq "halvernctl $args" "$want" "$rc $got"
+    done
+}
 echo "== halvernctl: usage errors give exit code 2 and the help text"
 while IFS='|' read -r args want; do
     # shellcheck disable=SC2086
@@ -249,12 +260,10 @@ watch|needs a service that speaks IPC protocol 5 or later
 EOF
 
 echo "== the service is not installed"
-hv_run status
-expect_rc "status, not installed" 4
-expect_eq "status, not installed" "|halvernctl: the service norvale_halvern_svc is not installed" "$(cat "$out")|$(cat "$err")"
-hv_run --json service list
-expect_rc "--json service list, not installed" 4
-expect_eq "not installed as JSON" '["not_installed",4,"service list"]' "$(jq -c '[.error, .exit_code, .command]' "$out")"
+outputs <<'EOF'
+status#all#4 |halvernctl: the service norvale_halvern_svc is not installed
+--json service list#[.error, .exit_code, .command]#4 ["not_installed",4,"service list"]
+EOF
 
 # The manager knows the service (stopped, with no program), so commands try to start it and
 # then connect to whatever listens under its name: the peer below, from the registered program's
@@ -343,12 +352,7 @@ notify collect --as me|10000FB|$(encode query-irp-notification-data subscriber=m
 EOF
 
 echo "== text and --json output, refusals"
-# arguments#jq filter of stdout (-: stdout, err: stderr, their lines joined by "|")#exit code and output
-while IFS='#' read -r args filter want; do
-    eval "hv_run $args"
-    case $filter in -) got=$(paste -sd '|' "$out") ;; err) got=$(paste -sd '|' "$err") ;; *) got=$(jq -c "$filter" "$out" 2>&1) ;; esac
-    expect_eq "$args" "$want" "$rc $got"
-done <<'EOF'
+outputs <<'EOF'
 service list#-#0 name=svcA  process_protected=yes  image=C:\svcA\a.exe  folder=C:\svcA  sid=S-1-5-80-9  service_sddl=D:S  folder_sddl=D:F
 quarantine containers#-#0 c:\q\
 is-blocked 'C:\f'#-#0 ok: yes|blocked: no|message: no
@@ -370,34 +374,26 @@ stop_double
 
 echo "== a service speaking protocol 3"
 start_double --reply 1000009 "$(encode_reply protocol-compatible ok=1 version=3)" --reply 10000CD "$containers_reply"
-hv_run quarantine containers
-expect_rc "quarantine against protocol 3" 0
-hv_run notify collect
-expect_rc "notify collect against protocol 3" 5
-expect_eq "notify collect against protocol 3" \
-    "halvernctl: Service does not support the feature, current IPC protocol version : 3, minimum required version: 5" "$(cat "$err")"
+outputs <<'EOF'
+quarantine containers#-#0 c:\q\
+notify collect#err#5 halvernctl: Service does not support the feature, current IPC protocol version : 3, minimum required version: 5
+EOF
 grep -q '^10000FB' "$record" && fail "a gated request was sent"
 stop_double
 
 echo "== nobody listens"
-hv_run driver on
-expect_rc "no listener" 3
-expect_eq "no listener" "halvernctl: cannot connect to the service norvale_halvern_svc" "$(cat "$err")"
+outputs <<<"driver on#err#3 halvernctl: cannot connect to the service norvale_halvern_svc"
 run sc delete $svc
 
 echo "== status leaves a stopped service stopped, a command starts it"
 run "$exe" -i install
-hv_run status
-expect_eq "status, stopped" $'0 service: norvale_halvern_svc\ninstalled: yes\nrunning: no' "$rc $(cat "$out")"
+outputs <<<"status#-#0 service: norvale_halvern_svc|installed: yes|running: no"
 [ "$(state)" = 252 ] || fail "status started the service"
-hv_run driver on
-expect_rc "a command on a stopped service" 0
-hv_run status
-expect_eq "status, running" "$(printf '%s\n' 'service: norvale_halvern_svc' 'installed: yes' 'running: yes' 'compatible: yes' \
-    'protocol_version: 5' 'service_version: 196653' 'service_version_text: 3.0.45')" "$(cat "$out")"
-hv_run --json status
-expect_eq "status as JSON" '[true,5,196653,"3.0.45"]' \
-    "$(jq -c '[.running, .protocol_version, .service_version, .service_version_text]' "$out")"
+outputs <<'EOF'
+driver on#*#0 *
+status#-#0 service: norvale_halvern_svc|installed: yes|running: yes|compatible: yes|protocol_version: 5|service_version: 196653|service_version_text: 3.0.45
+--json status#[.running, .protocol_version, .service_version, .service_version_text]#0 [true,5,196653,"3.0.45"]
+EOF
 echo "== watch prints a denial of the service's own process as it arrives, until Ctrl+C"
 pid=$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')
 wine "$NV_BIN_DIR/halvernctl.exe" watch --file 'C:\Data\Watch.txt' </dev/null >"$work/watch.txt" 2>"$work/watch.err" &
@@ -413,7 +409,6 @@ kill -INT $watcher
 wait $watcher
 expect_eq "watch ends on Ctrl+C" 0 "$?"
 
-hv_run shutdown
-expect_rc "shutdown" 0
+outputs <<<"shutdown#*#0 *"
 wait_state 252
 finish service
