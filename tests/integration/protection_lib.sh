@@ -74,6 +74,9 @@ start_service() {  # [PROBE-ARGS]
 }
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
+# logs LABEL LINE COMMAND...: COMMAND logs LINE once; once LABEL LINE...: each LINE is in the log once.
+logs() { local n; n=$(log_count "$2"); "${@:3}"; expect_eq "$1: logged once: $2" $((n + 1)) "$(log_count "$2")"; }
+once() { local l; for l in "${@:2}"; do expect_eq "$1: logged once: $l" 1 "$(log_count "$l")"; done; }
 # held_at_dacl_write LABEL LINE AFTER MESSAGE [KEY=VALUE ...]: the request waits at its DACL write
 # (once LINE is logged). Meanwhile the version and the service list are answered, the image and key
 # lists as they were, and AFTER (a request's fields, split at spaces), sent next, waits behind it;

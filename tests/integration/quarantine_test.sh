@@ -24,10 +24,9 @@ replied() {  # LABEL RESULT|* REGEX: the reply's result, and its message matched
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
 quarantine() {  # ACTION CONTAINER PATH...
-    local action=$1 container=$2 path paths=()
-    shift 2
-    for path in "$@"; do paths+=("path=$path"); done
-    call quarantine-files action="$action" container="$container" "${paths[@]}"
+    local path paths=()
+    for path in "${@:3}"; do paths+=("path=$path"); done
+    call quarantine-files action="$1" container="$2" "${paths[@]}"
 }
 quarantined() { local label=$1 want=$2; shift 2; quarantine "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ACTION...
 dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }
@@ -53,16 +52,13 @@ dacl_starts "container DACL" 'c:\q' "D:P$own_ace$other_ace"
 expect_eq "QuarantineContainers and ProtectedFolders values" "REG_DWORD 0x1|REG_DWORD 0x1" "$(values_of 'c:\q\')"
 
 echo "== quarantine two files; a bare name and a failed check"
-head -c 1048576 /dev/urandom >"$drive_c/data/a.bin"
-seq 1 200000 >"$drive_c/data/b.txt"
-seq 5 300000 >"$drive_c/data/c.txt"
+head -c 1048576 /dev/urandom >"$drive_c/data/a.bin" && seq 1 200000 >"$drive_c/data/b.txt" && seq 5 300000 >"$drive_c/data/c.txt"
 sum_a=$(sum_of "$drive_c/data/a.bin")
 t0=$(($(date +%s) * 1000))
 quarantine 0 'C:\Q' 'C:\data\a.bin' 'C:\data\b.txt'
 t1=$(($(date +%s) * 1000 + 1000))
 replied "two files" 1 '^(c:\\q\\a\.bin\.([0-9A-F]{16})\.QUA);(c:\\q\\b\.txt\.[0-9A-F]{16}\.QUA);$'
-arc_a=${BASH_REMATCH[1]}
-arc_b=${BASH_REMATCH[3]}
+arc_a=${BASH_REMATCH[1]} arc_b=${BASH_REMATCH[3]}
 ms=$(python3 -c "import sys; print(int.from_bytes(bytes.fromhex(sys.argv[1]), 'little'))" "${BASH_REMATCH[2]:-00}")
 [ "$ms" -ge "$t0" ] && [ "$ms" -le "$t1" ] || fail "archive name time $ms not within [$t0, $t1]"
 [ ! -e "$drive_c/data/a.bin" ] && [ ! -e "$drive_c/data/b.txt" ] || fail "sources not deleted"
@@ -89,8 +85,7 @@ answers "source path" "$(said 1 no)" is-file-quarantined name='C:\data\c.txt'
 answers "empty path" "$refused" is-file-quarantined name=
 
 echo "== remove and restore with a foreign archive"
-quarantine 1 'c:\q\' "$arc_c" 'c:\other\x.QUA' 'c:\q\..\nv\NorvaleHalvernService.exe' "$arc_c"
-expect_eq "remove: foreign fails" "$refused" "$reply"
+quarantined "remove: foreign fails" "$refused" 1 'c:\q\' "$arc_c" 'c:\other\x.QUA' 'c:\q\..\nv\NorvaleHalvernService.exe' "$arc_c"
 [ ! -e "$(unix_of "$arc_c")" ] && [ -e "$drive_c/nv/NorvaleHalvernService.exe" ] || fail "remove: archive still there, or escaped the container"
 expect_eq "remove: listed twice, nothing scheduled" 0 "$(log_count 'Failed to delete quarantined file')"
 expect_eq "remove: mismatch and .. logged" "1 1" "$(log_count 'Failed to remove the quarantined file, container path is not matched') $(
@@ -107,8 +102,7 @@ quarantine 0 'c:\q' 'C:\data\a.bin' 'C:\DATA\a.bin'
 replied "duplicates" '*' '^(c:\\q\\a\.bin\.[0-9A-F]{16}\.QUA);;$'
 expect_eq "duplicates: one archive of a.bin" 1 "$(ls "$drive_c/q" | grep -c '^a\.bin\.')"
 cp "$NV_BIN_DIR/nv_test_helper.exe" "$drive_c/data/runner.exe"
-wine "C:\\data\\runner.exe" hold-mutex 'Global\nv_runner' 120000 'Global\nv_runner_ready' </dev/null >/dev/null 2>&1 &
-runner=$!
+wine "C:\\data\\runner.exe" hold-mutex 'Global\nv_runner' 120000 'Global\nv_runner_ready' </dev/null >/dev/null 2>&1 & runner=$!
 sleep 3
 quarantine 0 'c:\q' 'C:\data\runner.exe'
 [ "$(reply_result)" = 1 ] && [ ! -e "$drive_c/data/runner.exe" ] || fail "running image: not archived, or its source still there [$reply]"
@@ -141,11 +135,8 @@ IFS=';' read -r -a archives <<<"$(reply_text)"
 expect_eq "damaged archives: made" "1 8" "$(reply_result) ${#archives[@]}"
 i=0
 while IFS='|' read -r name _ how _; do
-    f=$(unix_of "${archives[$i]}")
-    o=$(od -An -tu4 -N4 "$f" | tr -d ' ')
-    eval "$how"
-    printf 'existing %s' "$name" >"$drive_c/data/$name"
-    i=$((i + 1))
+    f=$(unix_of "${archives[i]}") && o=$(od -An -tu4 -N4 "$f" | tr -d ' ') && eval "$how"
+    printf 'existing %s' "$name" >"$drive_c/data/$name" && i=$((i + 1))
 done <<<"$damaged"
 from=$(($(wc -l <"$log") + 1))
 quarantined "damaged archives: fail" "$refused" 2 'c:\q' "${archives[@]}"
