@@ -11,15 +11,12 @@ export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree
 # The driver stand-in serves the Filter Manager ports in the background and ends with the
 # wineserver. Wine loads the fltlib.dll in system32 without a DLL override.
 start_simulator() {
-  if [ -n "${NV_BIN_DIR:-}" ] && [ -f "$NV_BIN_DIR/driver_sim.exe" ]; then
-    local sim_log
-    sim_log="$(dirname "$WINEPREFIX")/driver_sim-$(basename "$WINEPREFIX").log"
-    setsid -f wine "$NV_BIN_DIR/driver_sim.exe" </dev/null >"$sim_log" 2>&1
-    if ! wine "$NV_BIN_DIR/driver_ctl.exe" wait-ready 60000 </dev/null >/dev/null 2>&1; then
-      echo "driver simulator did not come up; see $sim_log" >&2
-      exit 1
-    fi
-  fi
+  [ -f "${NV_BIN_DIR:-}/driver_sim.exe" ] || return 0
+  local sim_log
+  sim_log="$(dirname "$WINEPREFIX")/driver_sim-$(basename "$WINEPREFIX").log"
+  setsid -f wine "$NV_BIN_DIR/driver_sim.exe" </dev/null >"$sim_log" 2>&1
+  wine "$NV_BIN_DIR/driver_ctl.exe" wait-ready 60000 </dev/null >/dev/null 2>&1 ||
+    { echo "driver simulator did not come up; see $sim_log" >&2; exit 1; }
 }
 
 case "${1:-}" in
@@ -30,23 +27,14 @@ case "${1:-}" in
     wineboot -i </dev/null >/dev/null 2>&1
     wineserver -w
     # Products of this build that the prefix must carry (the Filter Manager stand-in, when built).
-    if [ -n "${NV_BIN_DIR:-}" ] && [ -f "$NV_BIN_DIR/fltlib.dll" ]; then
-      cp "$NV_BIN_DIR/fltlib.dll" "$WINEPREFIX/drive_c/windows/system32/fltlib.dll"
-    fi
+    [ ! -f "${NV_BIN_DIR:-}/fltlib.dll" ] || cp "$NV_BIN_DIR/fltlib.dll" "$WINEPREFIX/drive_c/windows/system32/fltlib.dll"
     wineserver -p </dev/null >/dev/null 2>&1
     # Start Wine's own services now, detached from any test's output.
     wine cmd /c exit </dev/null >/dev/null 2>&1
     start_simulator
     echo "wine prefix ready: $WINEPREFIX"
     ;;
-  stop)
-    wineserver -k 2>/dev/null || true
-    ;;
-  sim)
-    start_simulator
-    ;;
-  *)
-    echo "usage: prefix.sh create|stop|sim" >&2
-    exit 2
-    ;;
+  stop) wineserver -k 2>/dev/null || true ;;
+  sim) start_simulator ;;
+  *) echo "usage: prefix.sh create|stop|sim" >&2; exit 2 ;;
 esac

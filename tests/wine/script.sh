@@ -5,8 +5,7 @@
 # name nothing.
 limit=${NV_SCRIPT_SECONDS:-0}
 [ "$limit" -gt 0 ] 2>/dev/null || exec bash "$@"
-setsid bash "$@" &
-script=$!
+setsid bash "$@" & script=$!
 (
     sleep "$limit" >/dev/null 2>&1
     trap '' TERM  # from here on the watchdog finishes whatever happens to the script
@@ -14,8 +13,7 @@ script=$!
     ps -s "$script" --forest -o pid=,ppid=,etimes=,args=  # the session setsid made for the script
     kill -TERM -- -"$script" 2>/dev/null
     exit 0
-) &
-watchdog=$!
+) & watchdog=$!
 wait "$script"
 rc=$?
 kill "$watchdog" 2>/dev/null
