@@ -115,12 +115,6 @@ install_with_recorder() {
     poll 5 1 journal_value || fail "recorder value not written: $(cat "$out")"
     runs "install" 0 '*' "$exe" -i install
 }
-# install_test_service NAME FOLDER START [MODE]: nv_test_service copied to C:\prot\FOLDER, installed.
-install_test_service() {
-    mkdir -p "$drive_c/prot/$2" && cp "$NV_BIN_DIR/nv_test_service.exe" "$drive_c/prot/$2/"
-    run sc create "$1" binPath= "\"C:\\prot\\$2\\nv_test_service.exe\" ${4:-}" start= "$3"
-    [ "$rc" = 0 ] || fail "install $1: $(cat "$out")"
-}
 pid_of() { tr -d '\r' <"$drive_c/prot/$1/$2.pid" 2>/dev/null; }  # FOLDER NAME: as the test service wrote it
 wait_new_pid() {  # FOLDER NAME OLD: until the service's process is another than OLD (60 s)
     local folder=$1 name=$2 old=$3 pid

@@ -159,6 +159,12 @@ logged() { tr -d '\r' <"$1" | grep -- "$2" >/dev/null; }
 # expect_logged LABEL FILE PATTERN...: each PATTERN matches a line of FILE.
 expect_logged() { local p; for p in "${@:3}"; do logged "$2" "$p" || fail "$1: $(basename "$2") has no [$p]"; done; }
 expect_not_logged() { ! logged "$2" "$3" || fail "$1: $(basename "$2") has [$3]"; }  # LABEL FILE PATTERN
+# install_test_service NAME FOLDER START [MODE]: nv_test_service copied to C:\prot\FOLDER, installed.
+install_test_service() {
+    mkdir -p "$WINEPREFIX/drive_c/prot/$2" && cp "$NV_BIN_DIR/nv_test_service.exe" "$WINEPREFIX/drive_c/prot/$2/"
+    run sc create "$1" binPath= "\"C:\\prot\\$2\\nv_test_service.exe\" ${4:-}" start= "$3"
+    [ "$rc" = 0 ] || fail "install $1: $(cat "$out")"
+}
 # hold image|service PATH|NAME: installer_probe ($probe, a Windows path) keeps an image mapping (as
 # a loaded driver does) or a service handle until unhold.
 hold_release='Global\nv_installer_hold'
