@@ -140,9 +140,8 @@ expect_eq "access at levels 0, 2, 1, unprotected" "$(printf 'read=%s write=%s\n'
     "$(cat "$out")"
 listed 8
 has_record "$orig" "$lvl1" "1|$hklm|$t\\Lvl1|nv_owner_b|1|$extra,$svc,nv_owner_b"
-expect_eq "protected line, DACL lines" "1 1 1" "$(log_count "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected.") $(
-    log_count "] - original dacl for registry key [$t\\Lvl1] : {$orig}") $(
-    log_count "] - Current dacl for registry key [$t\\Lvl1] : {$lvl1}")"
+once "protected line, DACL lines" "Reg key \\\\$hklm_text\\software\\nvtest\\lvl0 has been protected." \
+    "] - original dacl for registry key [$t\\Lvl1] : {$orig}" "] - Current dacl for registry key [$t\\Lvl1] : {$lvl1}"
 
 echo "== bad requests: answered 0 with a line, nothing applied, the next request served"
 rules=$(rule_count 12) removed=$(rule_count 13)
@@ -151,9 +150,8 @@ for cut in 0 4 8 18 $((${#whole} - 2)); do protect_bytes "$status_fail" "cut aft
 expect_eq "malformed lines" 5 "$(log_count '] - Malformed request: ')"
 # An entry as fields, or a path as bytes (one outside the ANSI code page, one of 16,361 characters).
 while IFS='#' read -r how e why; do
-    n=$(log_count "is not protected: $why.")
-    if [ "$how" = fields ]; then protect "$refused" "$e"; else protect_bytes "$status_fail" "$why" "$(hex_u32 1)$(entry_bytes "$e")"; fi
-    expect_eq "$why: line" $((n + 1)) "$(log_count "is not protected: $why.")"
+    if [ "$how" = fields ]; then logs "$why" "is not protected: $why." protect "$refused" "$e"
+    else logs "$why" "is not protected: $why." protect_bytes "$status_fail" "$why" "$(hex_u32 1)$(entry_bytes "$e")"; fi
 done <<EOF
 fields#1|0000000080000002|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
 fields#1|FFFFFFFF80000008|$t\\Bad|nv_owner_a|1|#the root is not a predefined key
@@ -248,8 +246,8 @@ tree_is "released while stopped" "$orig" "${lvl2_tree[@]}" "${lvl1_tree[@]}"
 has_value "$t\\Lvl2" || fail "Lvl2 record kept"
 start
 tree_is "level 2 again" "$lvl2" "${lvl2_tree[@]}"
-expect_eq "read and loaded" "1 1" "$(log_count "] - Read protected reg key: $(value_of "$t\\Lvl2")") $(
-    log_count "] - Load protected reg key: $(value_of "$t\\Lvl2")")"
+once "read and loaded" "] - Read protected reg key: $(value_of "$t\\Lvl2")" \
+    "] - Load protected reg key: $(value_of "$t\\Lvl2")"
 given_back "level 2 restored after the restart" "$t\\Lvl2" "${lvl2_tree[@]}"
 again "first restart"
 
