@@ -175,17 +175,14 @@ logged_by chelperservice::protectRegKey "Trying to protect reg key (\\\\$hklm_te
 logged_by chelperservice::protectRegKey "Registry protection function is disabled"
 expect_eq "Off not created, no rule sent" "absent $rules" "$(absent "$t\\Off") $(rule_count 12)"
 
-echo "== the same key twice and in another letter case; a key that is not protected"
+echo "== the same key twice and in another letter case, a key that is not protected, an empty first path with action 1"
 protect "$ok" "1|$hklm|SOFTWARE\\NVTEST\\LVL1|nv_owner_a|0|" "1|$hklm|$t\\Lvl1|nv_owner_a|0|"
 tree_is "the first record stays" "$lvl1" "${lvl1_tree[@]}"
 protect "$ok" "0|$hklm|$t\\Crash|nv_owner_a|0|"
+protect "$ok" "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
+tree_is "Lvl0 still protected" "$lvl0" "$t\\Lvl0"
 expect_eq "no rule sent or removed" "$rules $removed" "$(rule_count 12) $(rule_count 13)"
 listed 8
-
-echo "== an empty first path with action 1 does nothing"
-protect "$ok" "1|$hklm||nv_owner_a|0|" "0|$hklm|$t\\Lvl0|nv_owner_a|0|"
-listed 8
-tree_is "Lvl0 still protected" "$lvl0" "$t\\Lvl0"
 
 echo "== a missing key is created and protected"
 protect "$ok" "1|$hklm|$t\\Fresh\\New|nv_owner_a|1|"
