@@ -259,17 +259,6 @@ again "second restart"
 given_back "no owner" "$t\\NoOwner"
 given_back "long path" "$long"
 
-echo "== a record the service cannot write: answered 0 with a message, nothing applied"
-stop
-start_service sddl "$t"  # without the test standing in for the service SID on the record key
-rules=$(rule_count 12)
-protect "$(said 0 "Reg key \\\\$hklm_text\\software\\nvtest\\crash was not protected: its original DACL could not be recorded.")" \
-    "1|$hklm|$t\\Crash|nv_owner_a|1|"
-tree_is "left as it was" "$orig" "$t\\Crash"
-expect_eq "no rule sent, nothing persisted" "$rules absent" "$(rule_count 12) $(has_value "$t\\Crash" || echo absent)"
-stop
-start
-
 echo "== killed; a DACL changed while the service was down is protected again, one left as it was kept"
 protect "$ok" "1|$hklm|$t\\Crash|nv_owner_a|1|" "1|$hklm|$t\\Kept|nv_owner_a|1|"
 kept=$(sddl "$t\\Kept")
@@ -299,6 +288,15 @@ has_rule 13 ""
 listed 0
 tree_is "fresh key released" "$orig" "$t\\Fresh\\New"
 own_released "by remove all"
+stop
+
+echo "== a record the service cannot write: answered 0 with a message, nothing applied"
+start_service sddl "$t"  # without the test standing in for the service SID on the record key
+rules=$(rule_count 12)
+protect "$(said 0 "Reg key \\\\$hklm_text\\software\\nvtest\\crash was not protected: its original DACL could not be recorded.")" \
+    "1|$hklm|$t\\Crash|nv_owner_a|1|"
+tree_is "left as it was" "$orig" "$t\\Crash"
+expect_eq "no rule sent, nothing persisted" "$rules absent" "$(rule_count 12) $(has_value "$t\\Crash" || echo absent)"
 stop
 
 finish "registry key protection"
