@@ -269,7 +269,6 @@ wait $waiter
 run taskkill /F /PID "$(pid_of stuckstop nv_stuck_stop)"
 
 echo "== emergency: serv and fold act at start, unlocked by a recovery code"
-stop_service
 for v in 'serv nv_test_svc' 'fold C:\prot\stubborn' "code $(recovery_code)"; do
     run reg add 'HKLM\Software\Norvale\NVClientHelper\EmergencyRecover' /v "${v%% *}" /t REG_SZ /d "${v#* }" /f
 done
