@@ -70,7 +70,9 @@ start_service() {  # [PROBE-ARGS]
     poll 60 1 'run "$exe" -s start; [ "$rc" = 0 ]' || fail "start: $(cat "$out")"  # a killed one may linger
     wait_svc_state $svc 0
     poll 100 0.2 'run "$client" send 100000a; [ "$rc" = 0 ]' || { fail "the service does not answer"; return; }
-    run "$NV_BIN_DIR/nv_regkey_probe.exe" "${@:-grant-own-keys}"
+    local args=("${@:-grant-own-keys}")  # a run Wine lost before it started is tried again
+    poll 3 1 'run "$NV_BIN_DIR/nv_regkey_probe.exe" "${args[@]}"; [ "$rc" = 0 ]' ||
+        fail "nv_regkey_probe ${args[*]}: $(cat "$out")"
 }
 stop_service() { run "$exe" -s stop; wait_svc_state $svc 252; }
 log_count() { tr -d '\r' <"$log" 2>/dev/null | grep -c -F -- "$1"; }
