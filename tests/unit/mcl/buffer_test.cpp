@@ -43,14 +43,6 @@ TEST(Buffer, ElementAccessPastTheSizeGivesTheSpareElement) {
     EXPECT_EQ(0, b[5]);
 }
 
-TEST(Buffer, DropBackStopsAtEmpty) {
-    const unsigned char data[] = {1, 2, 3, 2};
-    mcl::binary_t b(data, 4);
-    EXPECT_EQ(3u, b.drop_back(1));
-    EXPECT_EQ(0u, b.drop_back(10));
-    EXPECT_TRUE(b.empty());
-}
-
 TEST(Buffer, CopiesNeverShareStorageAndSelfAppendSurvivesGrowth) {
     auto data = bytes(200);
     mcl::binary_t a(data.data(), 200);
@@ -75,11 +67,7 @@ mcl::binary_t make(std::initializer_list<unsigned char> bytes) {
 // u32, string or wstring left incomplete): conformance_test; a status reply cut short:
 // client_library_test. Here the readers those leave out.
 TEST(Encoding, EveryTruncatedFieldFailsAndLeavesTheCursorBehindTheLastWholeField) {
-    struct truncated {
-        const char* name;
-        mcl::binary_t payload;
-        bool (*read)(const mcl::binary_t&, uint32_t&);
-    };
+    struct truncated { const char* name; mcl::binary_t payload; bool (*read)(const mcl::binary_t&, uint32_t&); };
     const truncated cases[] = {
         {"u64 of 7 bytes", make({1, 2, 3, 4, 5, 6, 7}), [](const mcl::binary_t& b, uint32_t& p) { uint64_t v; return mcl::read_u64(v, b, p); }},
         {"wstring without terminator", make({'a', 0, 'b', 0}), [](const mcl::binary_t& b, uint32_t& p) { std::wstring v; return mcl::read_wstring(v, b, p); }},
