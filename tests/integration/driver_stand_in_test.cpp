@@ -9,7 +9,6 @@
 #include <fltuser.h>
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <initializer_list>
 #include <iterator>
 #include <string>
@@ -69,7 +68,6 @@ protected:
     const mcl::mswin::scoped_privilege load_driver_{SE_LOAD_DRIVER_NAME};
     std::vector<HANDLE> ports_;
     HANDLE command_ = INVALID_HANDLE_VALUE, notify_ = INVALID_HANDLE_VALUE;
-    std::vector<uint8_t> buffer_ = std::vector<uint8_t>(vqr::notification::size, 0xCC);
 };
 
 TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
@@ -77,10 +75,7 @@ TEST_F(DriverStandIn, MalformedMessagesAndBadCallsAreRefusedAndServingGoesOn) {
     const auto feature = vqr::build_feature(6, true);
     auto with = [](std::vector<uint8_t> m, size_t at, uint8_t value) { return m[at] = value, m; };
     auto resized = [](std::vector<uint8_t> m, size_t n) { return m.resize(n), m; };
-    const struct {
-        const char* name;
-        std::vector<uint8_t> message;
-    } cases[] = {
+    const struct { const char* name; std::vector<uint8_t> message; } cases[] = {
         {"too_short", {1, 0, 0, 0}}, {"too_short", resized(text, 7)}, {"bad_size", resized(feature, 10)},
         {"bad_size", with(with(resized(text, 9), 4, 1), 0, 7)},  // a text of length 1
         {"bad_switch", with(feature, 8, 2)}, {"bad_switch", with(feature, 4, 1)},  // a switch has length 0
@@ -114,30 +109,6 @@ TEST_F(DriverStandIn, NotificationPortTakesOneConnection) {
     CloseHandle(ports_.back());
     ports_.pop_back();
     connect(vqr::notify_port_name);
-}
-
-// The port handle is asynchronous, as Windows opens it for options 0: a blocking wait is no
-// synchronous I/O that CancelSynchronousIo could end; only CancelIoEx on the port ends it.
-TEST_F(DriverStandIn, BlockingGetEndsOnlyByCancelIoExOnThePort) {
-    std::atomic<HRESULT> result{S_FALSE};
-    HANDLE waiter = nullptr;  // the waiting thread, for CancelSynchronousIo
-    std::atomic<bool> entered{false};
-    std::thread t([&] {
-        DuplicateHandle(GetCurrentProcess(), GetCurrentThread(), GetCurrentProcess(), &waiter, 0, FALSE,
-                        DUPLICATE_SAME_ACCESS);
-        entered = true;
-        result = FilterGetMessage(notify_, reinterpret_cast<PFILTER_MESSAGE_HEADER>(buffer_.data()),
-                                  static_cast<DWORD>(buffer_.size()), nullptr);
-    });
-    while (!entered) Sleep(10);
-    Sleep(200);
-    CancelSynchronousIo(waiter);
-    Sleep(500);
-    EXPECT_EQ(S_FALSE, result.load()) << "CancelSynchronousIo ended the wait";
-    EXPECT_TRUE(CancelIoEx(notify_, nullptr)) << GetLastError();
-    t.join();
-    CloseHandle(waiter);
-    EXPECT_EQ(HRESULT_FROM_WIN32(ERROR_OPERATION_ABORTED), result.load());
 }
 
 TEST_F(DriverStandIn, AttachAndDetachNeedTheLoadDriverPrivilege) {
