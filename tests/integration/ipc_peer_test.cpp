@@ -47,37 +47,31 @@ struct server_process {
 };
 
 // What nv_ipc_client prints for a 0x1000009 request to `name`: "0100", the status reply (1, ""), or
-// its exit code when no reply came. Its process id in `pid` when asked.
-std::string version_reply(const std::string& name, DWORD* pid = nullptr) {
+// its exit code when no reply came.
+std::string version_reply(const std::string& name) {
     const std::string program = "\"" + nv_test::bin_dir() + "nv_ipc_client.exe\"";
     nv_test::child c = nv_test::start(program + " -n " + name + " -t 30000 send 1000009", /*capture_output=*/true);
-    if (pid != nullptr) *pid = c.pid;
     const std::string line = first_line(c);
     const DWORD rc = c.wait();
     return rc == 0 ? line : "exit " + std::to_string(rc);
 }
 
-// Records what a peer's handler receives and from which process; answers 0x1000009 with a status
-// reply (1, "") and leaves other payloads as they came.
+// Records which messages a peer's handler receives; answers 0x1000009 with a status reply (1, "")
+// and leaves other payloads as they came.
 class recording_handler : public mcl::ipc_msg_handler {
 public:
-    int operator()(mcl::ipc_connection* connection, uint32_t id, mcl::binary_t& payload) override {
+    int operator()(mcl::ipc_connection*, uint32_t id, mcl::binary_t& payload) override {
         if (id == nv_test::msg_version) {
             payload.clear();
             mcl::write_status(payload, true, "");
         }
         mcl::scoped_lock guard(lock_);
         ids_.push_back(id);
-        pid_ = connection->client_process_id();
         return 0;
     }
     int count(uint32_t id) {
         mcl::scoped_lock guard(lock_);
         return static_cast<int>(std::count(ids_.begin(), ids_.end(), id));
-    }
-    DWORD last_client() {
-        mcl::scoped_lock guard(lock_);
-        return pid_;
     }
     bool wait_for(uint32_t id, int n, DWORD ms) {
         for (DWORD waited = 0; waited < ms && count(id) < n; waited += 20) Sleep(20);
@@ -87,7 +81,6 @@ public:
 private:
     mcl::lock lock_;
     std::vector<uint32_t> ids_;
-    DWORD pid_ = 0;
 };
 
 mcl::binary_t text_payload(const std::string& text) {
@@ -102,11 +95,8 @@ struct client {
 
     // A listener just started may not have its first pipe pair yet: retry for half a minute.
     bool connect(const std::string& name) {
-        const ULONGLONG deadline = GetTickCount64() + 30000;
-        do {
+        for (const ULONGLONG deadline = GetTickCount64() + 30000; GetTickCount64() < deadline; Sleep(50))
             if (peer.connect(name.c_str(), 10000)) return true;
-            Sleep(50);
-        } while (GetTickCount64() < deadline);
         return false;
     }
     mcl::share_ptr<mcl::ipc_connection> connection() {
@@ -269,10 +259,10 @@ TEST(IpcPeer, EveryConnectionEndedByItsReadHalfLeavesTheList) {
     EXPECT_LE(listed, 1u);
 }
 
-TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
+TEST(IpcPeer, HostileClientsCostWhatTheySent) {
     server_process server;
     // Clients that never read: four with 20 MiB of replies, and twenty that announce 64 MiB
-    // frames and trickle. (Clients that leave a small reply unread meet the service's stops.)
+    // frames and trickle. (That no stop waits on such clients: service_test.sh, its three stops.)
     nv_test::child abusers = nv_test::start_ipc_helper("abuse", server.name, "2000001 4 20480 20 120");
     EXPECT_EQ("ready 0", first_line(abusers));
 
@@ -286,9 +276,6 @@ TEST(IpcPeer, HostileClientsCostWhatTheySentAndNeverHoldUpTheStop) {
     // Up to a minute: the flooding clients' replies take a while to pile up on a loaded machine.
     for (int i = 0; i < 600 && nv_test::count_of(server.log(), "The other end does not read") < 4; ++i) Sleep(100);
     EXPECT_EQ(4u, nv_test::count_of(server.log(), "The other end does not read")) << server.log();
-
-    server.stop.set();
-    EXPECT_EQ(0u, server.process.wait(30000)) << "the stop does not wait on any client";
     abusers.kill();
 }
 
@@ -384,10 +371,7 @@ TEST(IpcPeer, ClientsHoldingPipesOfTheWaitingPairGetNoOtherClientsReplyAndOthers
 // its signal, and one that pauses there for 1.5 s and then goes on: the next client connects and
 // is answered meanwhile, and the slow one is answered too.
 TEST(IpcPeer, AClientKilledOrSlowInItsHandshakeLeavesTheNextOneServed) {
-    struct {
-        const char* stage;
-        bool kill;
-    } const cases[] = {{"mutex", true}, {"pipes", true}, {"pipes", false}};
+    struct { const char* stage; bool kill; } const cases[] = {{"mutex", true}, {"pipes", true}, {"pipes", false}};
     for (const auto& c : cases) {
         SCOPED_TRACE(std::string(c.stage) + (c.kill ? " killed" : " slow"));
         server_process server;
@@ -429,7 +413,7 @@ public:
     }
 };
 
-TEST(IpcPeer, TheAcceptLoopKnowsItsClientsOutlivesAThrowingHandlerAndStopsWhileOneDisconnectsAndPosts) {
+TEST(IpcPeer, TheAcceptLoopOutlivesAThrowingHandlerAndStopsWhileOneDisconnectsAndPosts) {
     nv_test::log_capture log;
     misbehaving_handler handler;
     ASSERT_TRUE(handler.entered.create_unnamed());
@@ -442,9 +426,7 @@ TEST(IpcPeer, TheAcceptLoopKnowsItsClientsOutlivesAThrowingHandlerAndStopsWhileO
     mcl::binary_t payload = text_payload("throw");
     EXPECT_FALSE(c.peer.send(nv_test::msg_echo, payload, c.connection(), 1000)) << "no reply";
     EXPECT_TRUE(c.echo("still served"));
-    DWORD other = 0;  // another process
-    EXPECT_EQ("0100", version_reply(name, &other));
-    EXPECT_EQ(other, handler.last_client());
+    EXPECT_EQ("0100", version_reply(name));  // another process
 
     payload = text_payload("leave");
     EXPECT_TRUE(c.peer.post(nv_test::msg_echo, payload, c.connection()));
