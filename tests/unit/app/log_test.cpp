@@ -76,10 +76,7 @@ TEST(Log, ANewFileStartsWithTheHeaderAndTheCallSiteHelperWritesWholeOrCutEntries
 
 TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
     const size_t limit = 16u * 1024 * 1024;
-    const struct {
-        size_t size;
-        bool truncate;
-    } cases[] = {{limit, false}, {limit + 1, true}, {0, false}};
+    const struct { size_t size; bool truncate; } cases[] = {{limit, false}, {limit + 1, true}, {0, false}};
     for (const auto& c : cases) {
         const std::string path = temp_path("size.log");
         std::ofstream(path, std::ios::binary) << std::string(c.size, 'x');

@@ -69,28 +69,23 @@ TEST_F(client_library, gates_and_limits_refuse_locally_before_anything_is_sent) 
     ASSERT_TRUE(helper_->proto_compatible());
     const std::string long_path(261, 'p');
     const std::vector<std::string> long_list(1025, "C:\\f");
+#define CALL(...) [&](result* r) { return helper_->__VA_ARGS__; }
     const std::vector<std::pair<std::function<bool(result*)>, std::string>> cases = {
-        {[&](result* r) { return helper_->protect_process(long_path, r); },
-         "Image path is too long: 261 characters, at most 260."},
-        {[&](result* r) { return helper_->protect_service(std::string(257, 's'), r); },
-         "Service name is too long: 257 characters, at most 256."},
-        {[&](result* r) { return helper_->protect_reg_key(HKEY_LOCAL_MACHINE, std::wstring(513, L'k'), 1, r); },
+        {CALL(protect_process(long_path, r)), "Image path is too long: 261 characters, at most 260."},
+        {CALL(protect_service(std::string(257, 's'), r)), "Service name is too long: 257 characters, at most 256."},
+        {CALL(protect_reg_key(HKEY_LOCAL_MACHINE, std::wstring(513, L'k'), 1, r)),
          "Registry key path is too long: 513 characters, at most 512."},
-        {[&](result* r) { return helper_->recover_folder_dacl(long_path, r); },
-         "Path is too long: 261 characters, at most 260."},
-        {[&](result* r) { return helper_->add_quarantine_files("C:\\q", long_list, r); },
-         "Path list is too long: 1025 entries, at most 1024."},
-        {[&](result* r) { return helper_->create_quarantine_container(long_path, {}, r); },
+        {CALL(recover_folder_dacl(long_path, r)), "Path is too long: 261 characters, at most 260."},
+        {CALL(add_quarantine_files("C:\\q", long_list, r)), "Path list is too long: 1025 entries, at most 1024."},
+        {CALL(create_quarantine_container(long_path, {}, r)),
          "Container path is too long: 261 characters, at most 260."},
-        {[&](result* r) { return helper_->block_files_access(0, {}, long_list, r); },
-         "Path list is too long: 1025 entries, at most 1024."},
-        {[&](result* r) { return helper_->protect_processes(std::vector<nvc::process_rule>(1025), r); },
+        {CALL(block_files_access(0, {}, long_list, r)), "Path list is too long: 1025 entries, at most 1024."},
+        {CALL(protect_processes(std::vector<nvc::process_rule>(1025), r)),
          "Process rule list is too long: 1025 entries, at most 1024."},
-        {[&](result* r) { return helper_->block_file_access(std::string("C:\\a\0b", 6), r); },
-         "Path contains a zero character."},
-        {[&](result* r) { return helper_->subscribe("ev", long_path, 0xFF, 0xFF, 0, r); },
-         "Path is too long: 261 characters, at most 260."},
+        {CALL(block_file_access(std::string("C:\\a\0b", 6), r)), "Path contains a zero character."},
+        {CALL(subscribe("ev", long_path, 0xFF, 0xFF, 0, r)), "Path is too long: 261 characters, at most 260."},
     };
+#undef CALL
     for (const auto& [call, message] : cases) {
         result r{1, ""};
         EXPECT_FALSE(call(&r));

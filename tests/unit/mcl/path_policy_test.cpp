@@ -20,10 +20,7 @@ TEST(PathPolicy, RefusesEveryFormButALocalPathAndTheSystemsFolders) {
     ASSERT_EQ(3u, windows.find('\\') + 1) << windows;
     const std::string c = drive.substr(0, 2);  // "C:"
     // Each reason with the spellings that must give it; "" for paths that are acted on.
-    const struct {
-        const char* reason;
-        std::vector<std::string> paths;
-    } cases[] = {
+    const struct { const char* reason; std::vector<std::string> paths; } cases[] = {
         {"not a local path", {"", "\\rooted\\a.txt", "C:a.txt", "//host/share/a.txt", "\\\\.\\C:", "\\??\\C:\\data",
                               drive + "data\\a.txt:stream", drive + "data\\*.txt"}},
         {"a parent folder component", {drive + "data\\...\\a.txt", drive + "data\\. .\\a.txt"}},

@@ -41,9 +41,7 @@ TEST(Thread, OnlyAThreadIgnoringItsStopIsTerminated) {
     EXPECT_EQ(1u, log.count(" did not end within 1 seconds of its stop, terminated"));
 }
 
-struct numbered {
-    int value = 0;
-};
+struct numbered { int value = 0; };
 
 class recording_thread : public mcl::event_thread<numbered> {
 public:

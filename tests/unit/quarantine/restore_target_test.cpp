@@ -36,11 +36,7 @@ constexpr DWORD folder_attrs = FILE_ATTRIBUTE_DIRECTORY;
 constexpr DWORD link = FILE_ATTRIBUTE_DIRECTORY | FILE_ATTRIBUTE_REPARSE_POINT;
 
 TEST(restore_target, refuses_links_and_odd_paths_anywhere_on_the_way) {
-    struct {
-        std::map<std::string, DWORD> attributes;
-        const char* target;
-        bool safe;
-    } cases[] = {
+    struct { std::map<std::string, DWORD> attributes; const char* target; bool safe; } cases[] = {
         {{{"C:\\data", folder_attrs}, {"C:\\data\\sub", folder_attrs}}, "C:\\data\\sub\\a.txt", true},
         {{{"C:\\data", folder_attrs}, {"C:\\data\\a.txt", FILE_ATTRIBUTE_ARCHIVE}}, "C:\\data\\a.txt", true},
         {{{"C:\\data", folder_attrs}, {"C:\\data\\sub", link}}, "C:\\data\\sub\\a.txt", false},
@@ -132,11 +128,7 @@ TEST(restore_folder, nobody_can_rename_or_replace_the_held_folder) {
 }
 
 TEST(restore_folder, free_names) {
-    const struct {
-        const char* name;
-        unsigned attempt;
-        const char* want;
-    } cases[] = {
+    const struct { const char* name; unsigned attempt; const char* want; } cases[] = {
         {"a.txt", 0, "a.txt"},           {"a.txt", 1, "a (restored).txt"},       {"a.txt", 2, "a (restored 2).txt"},
         {"a.tar.gz", 3, "a.tar (restored 3).gz"}, {"noext", 1, "noext (restored)"}, {".profile", 1, ".profile (restored)"},
     };
@@ -145,10 +137,7 @@ TEST(restore_folder, free_names) {
 
 TEST(quarantine_source, takes_only_the_file_asked_for) {
     enum class kind { folder_swapped, a_folder, hard_link };
-    const struct {
-        kind what;
-        const char* line;
-    } cases[] = {
+    const struct { kind what; const char* line; } cases[] = {
         {kind::folder_swapped, "leads elsewhere (\\\\?\\C:\\windows\\s.txt); the file stays."},
         {kind::a_folder, "is a folder, a link or a file with other names; the file stays."},
         {kind::hard_link, "is a folder, a link or a file with other names; the file stays."},

@@ -52,11 +52,7 @@ std::vector<protocol::notification_data> collect(const std::string& sub) {
 // number the receiver keeps.
 uint64_t sequence = 0;
 bool deliver(uint64_t id, const std::wstring& file, uint8_t major = 3) {
-    vqr::irp_notification n;
-    n.message_id = id;
-    n.major_function = major;
-    n.process_id = GetCurrentProcessId();
-    n.file_name = file;
+    const vqr::irp_notification n{id, vqr::notification::type_irp_denied, major, 0, GetCurrentProcessId(), file};
     std::vector<uint8_t> m;
     EXPECT_TRUE(vqr::build_notification(n, m));
     return svc().irp_notifications().handleIrpMessage(m.data(), m.size(), sequence);

@@ -16,11 +16,7 @@ irp::subscribe_request request(const std::string& sub, const std::string& path, 
 TEST(IrpTables, SubscribeAddsCoversAndRemovesFilters) {
     using o = irp::subscribe_outcome;
     irp::tables t;
-    struct {
-        const char* label;
-        irp::subscribe_request r;
-        o want;
-    } steps[] = {
+    struct { const char* label; irp::subscribe_request r; o want; } steps[] = {
         {"removing from an unknown subscriber", request("a", "c:\\f", 3, 0, 1, true), o::unchanged},
         {"new subscriber", request("a", "c:\\f", 0xFF, 0xFF, 0), o::added},
         {"removing a filter that is not there", request("a", "c:\\f", 3, 0, 1, true), o::unchanged},
