@@ -35,6 +35,9 @@
 
 namespace {
 
+// A line on standard output, flushed: the test reads it while this process goes on.
+void say(const std::string& line) { printf("%s\n", line.c_str()); fflush(stdout); }
+
 class test_handler : public mcl::ipc_msg_handler {
 public:
     mcl::ipc_peer* peer = nullptr;
@@ -84,13 +87,11 @@ int run_flood(const char* name, int seconds) {
     if (!c.connect(name)) return 3;
     const auto reply = frame_of(nv_test::msg_echo, 60 * 1024, mcl::frame_kind::response);
     if (!c.write(reply)) return 4;
-    printf("ready\n");
-    fflush(stdout);
+    say("ready");
     unsigned sent = 1;
     for (const ULONGLONG end = GetTickCount64() + 1000ull * seconds; GetTickCount64() < end; ++sent)
         if (!c.write(reply)) return 4;
-    printf("sent %u\n", sent);
-    fflush(stdout);
+    say("sent " + std::to_string(sent));
     return 0;
 }
 
@@ -120,8 +121,7 @@ int run_abuse(const char* name, char** args) {
             }
         }
     }
-    printf("ready %d\n", failures);
-    fflush(stdout);
+    say("ready " + std::to_string(failures));
     for (int s = 0; s < seconds; ++s) {
         Sleep(1000);
         for (int i = stalled; i < stalled + announcing; ++i) (void)clients[i].write({0x55});
@@ -134,8 +134,7 @@ int run_half(const char* name, const char* suffix, bool signal, const char* even
     const mcl::mswin::unique_kernel_handle done(OpenEventA(SYNCHRONIZE, FALSE, event_name));
     if (!done || !hostile.connect_half(name, suffix, signal, /*handshake=*/!exit_request)) return 3;
     if (exit_request) (void)hostile.write(frame_of(nv_test::msg_exit, 0));
-    printf("ready\n");
-    fflush(stdout);
+    say("ready");
     uint32_t received = 0;
     bool open = true;
     for (int step = 0; step < 1200 && WaitForSingleObject(done.get(), 50) != WAIT_OBJECT_0; ++step)
@@ -145,11 +144,7 @@ int run_half(const char* name, const char* suffix, bool signal, const char* even
 }
 
 int run_stall(const char* name, const char* stage, DWORD ms) {
-    auto ready = [ms] {
-        printf("ready\n");
-        fflush(stdout);
-        Sleep(ms);
-    };
+    auto ready = [ms] { say("ready"); Sleep(ms); };
     if (strcmp(stage, "mutex") == 0) {
         HANDLE mutex = OpenMutexA(SYNCHRONIZE, FALSE, ("Global\\" + std::string(name) + "_MTX_CONNECTING").c_str());
         if (mutex == nullptr || WaitForSingleObject(mutex, 10000) != WAIT_OBJECT_0) return 3;

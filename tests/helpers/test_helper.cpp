@@ -1,6 +1,7 @@
 // A small program that tests start as a second process.
 //   nv_test_helper hold-mutex NAME MS READY_EVENT   create (or open) and hold a named mutex for MS ms
-//   nv_test_helper wait-event NAME MS [SDDL]        create a named event, print "ready", wait MS ms for it
+//   nv_test_helper wait-event NAME MS [SDDL]        create a named event (with the descriptor SDDL when given),
+//       print "ready", wait MS ms for it: exit 0 once it is set, 4 when the time is up
 //   nv_test_helper set-event NAME                   set an existing named event (exit 2 and the error
 //       code on stdout if it cannot be opened)
 //   nv_test_helper start-stop NAME                  start the service and send it a stop control the
@@ -118,8 +119,6 @@ int main(int argc, char** argv) {
         return 0;  // released as it goes
     }
     if (argc >= 4 && strcmp(argv[1], "wait-event") == 0) {
-        // Creates the named event (with the descriptor SDDL when given), says "ready", and waits
-        // for it: "fired" (0) or "timeout" (4).
         mcl::mswin::security_descriptor descriptor;
         if (argc >= 5 && !mcl::mswin::security_descriptor::from_sddl(argv[4], descriptor)) return 2;
         SECURITY_ATTRIBUTES sa{sizeof(sa), descriptor.get(), FALSE};
@@ -127,9 +126,7 @@ int main(int argc, char** argv) {
         if (!e) return 2;
         printf("ready\n");
         fflush(stdout);
-        const DWORD w = WaitForSingleObject(e.get(), static_cast<DWORD>(atoi(argv[3])));
-        printf(w == WAIT_OBJECT_0 ? "fired\n" : "timeout\n");
-        return w == WAIT_OBJECT_0 ? 0 : 4;
+        return WaitForSingleObject(e.get(), static_cast<DWORD>(atoi(argv[3]))) == WAIT_OBJECT_0 ? 0 : 4;
     }
     if (argc >= 3 && strcmp(argv[1], "set-event") == 0) {
         const mcl::mswin::unique_kernel_handle e(OpenEventA(EVENT_MODIFY_STATE, FALSE, argv[2]));
