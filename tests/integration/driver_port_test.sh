@@ -87,11 +87,8 @@ subscriber() {
 }
 # records NAME: the reply to one 0x10000fb in hex, then " again" unless the next reply is empty.
 records() {
-    local name=$1
-    run "$client" send 10000fb "$(hex_str "$name")"
-    cat "$out"
-    run "$client" send 10000fb "$(hex_str "$name")"
-    [ "$(cat "$out")" = 00000000 ] || echo " again"
+    run "$client" send 10000fb "$(hex_str "$1")"; cat "$out"
+    run "$client" send 10000fb "$(hex_str "$1")"; [ "$(cat "$out")" = 00000000 ] || echo " again"
 }
 # record PATH PID IMAGE DESCRIPTION: a list of one IRP-denied record (any sequence and time) as a pattern.
 record() { printf '01000000[0-9A-F]{32}%s0300%s00000000%s%s01000000' "$(hex_str "$1")" "$(hex_u32 "$2")" "$(hex_str "$3")" "$(hex_str "$4")"; }

@@ -14,19 +14,16 @@ status_ok='0100'
 status_fail='0000'
 
 # request ID [HEX]: the payload sent as it is; the reply's hex in $reply.
-request() {
-    run "$client" -t 200000 send "$@"
-    reply=$(head -n 1 "$out")
-    [ "$rc" = 0 ] || fail "request $1: client exit $rc: $(cat "$out")"
-}
-ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
 # call MESSAGE [KEY=VALUE ...]: the request from named fields (nv_ipc_client call); the reply's
 # fields in $reply: "result=R message=M", or "count=N" and a line per list element.
-call() {
-    run "$client" -t 200000 call "$@"
+request() { client_run send "$@"; reply=$(head -n 1 <<<"$reply"); }
+call() { client_run call "$@"; }
+client_run() {
+    run "$client" -t 200000 "$@"
     reply=$(cat "$out")
-    [ "$rc" = 0 ] || fail "call $1: client exit $rc: $(cat "$out")"
+    [ "$rc" = 0 ] || fail "$1 $2: client exit $rc: $reply"
 }
+ask() { local label=$1 want=$2; shift 2; request "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ID [HEX]
 answers() { local label=$1 want=$2; shift 2; call "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT MESSAGE [KEY=VALUE ...]
 # call_bg VAR OUT MESSAGE [KEY=VALUE ...]: the call in the background, its output in OUT, its pid in VAR.
 call_bg() { (wine "$client" -t 200000 call "${@:3}" </dev/null >"$2" 2>&1) & printf -v "$1" %s $!; }
@@ -90,7 +87,7 @@ held_at_dacl_write() {
     call query-protected-processes && images=$reply
     call get-protected-reg-keys && keys=$reply
     : >"$work/dacl.paused"
-    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /t REG_SZ /d "$(win "$work/dacl.paused")" /f
+    run reg add "$helper_key" /v DaclPause /t REG_SZ /d "$(win "$work/dacl.paused")" /f
     n=$(log_count "$line")
     call_bg held "$work/held.out" "${@:4}"
     poll 300 0.1 '[ "$(log_count "$line")" -gt "$n" ]' || fail "$label: not started"
@@ -102,19 +99,17 @@ held_at_dacl_write() {
     answers "$label: the image list as it was" "$images" query-protected-processes
     answers "$label: the key list as it was" "$keys" get-protected-reg-keys
     still_waiting "$label: it and the request after it wait" $held $after
-    rm -f "$work/dacl.paused" && run reg delete 'HKLM\Software\Norvale\NVClientHelper' /v DaclPause /f
+    rm -f "$work/dacl.paused" && run reg delete "$helper_key" /v DaclPause /f
     wait $held $after
     expect_eq "$label: it, then the request after it" "$ok $ok" "$(tr -d '\r' <"$work/held.out") $(tr -d '\r' <"$work/after.out")"
 }
 
 # The test build of the service installed from C:\nv, its recorder journalling to $journal.
-journal_value() {
-    run reg add 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal /t REG_SZ /d 'C:\nv\object_security.journal' /f
-    [ "$rc" = 0 ] && run reg query 'HKLM\Software\Norvale\NVClientHelper' /v ObjectSecurityJournal && [ "$rc" = 0 ]
-}
 install_with_recorder() {
     cp "$NV_BIN_DIR/hooks/NorvaleHalvernService.exe" "$nv/"
-    poll 5 1 journal_value || fail "recorder value not written: $(cat "$out")"
+    poll 5 1 'run reg add "$helper_key" /v ObjectSecurityJournal /t REG_SZ /d "C:\nv\object_security.journal" /f
+        [ "$rc" = 0 ] && run reg query "$helper_key" /v ObjectSecurityJournal && [ "$rc" = 0 ]' ||
+        fail "recorder value not written: $(cat "$out")"
     runs "install" 0 '*' "$exe" -i install
 }
 pid_of() { tr -d '\r' <"$drive_c/prot/$1/$2.pid" 2>/dev/null; }  # FOLDER NAME: as the test service wrote it

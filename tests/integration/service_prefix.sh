@@ -24,6 +24,7 @@ client=$NV_BIN_DIR/nv_ipc_client.exe
 ctl=$NV_BIN_DIR/driver_ctl.exe
 helper=$NV_BIN_DIR/nv_test_helper.exe
 svc=norvale_halvern_svc
+helper_key='HKLM\Software\Norvale\NVClientHelper'
 
 # new_prefix [NAME]: a clone of the test prefix in $work/prefix[-NAME] with a wineserver of its
 # own kept up, and Wine's own services started detached from the test's output.
@@ -73,8 +74,7 @@ poll() { local i; for ((i = 0; i < $1; i++)); do eval "$3" && return 0; sleep "$
 double() {
     double_stop=$3 double_record=$2
     rm -f "$2.log"
-    wine "$1" $svc "$(win "$2")" "$3" "${@:4}" </dev/null >/dev/null 2>&1 &
-    double_pid=$!
+    wine "$1" $svc "$(win "$2")" "$3" "${@:4}" </dev/null >/dev/null 2>&1 & double_pid=$!
     poll 300 0.2 "grep -q check_pipe_name '$2.log' 2>/dev/null" && return 0
     local state="still running"
     kill -0 "$double_pid" 2>/dev/null || { wait "$double_pid"; state="exited with code $?"; }
@@ -105,8 +105,7 @@ within() {  # within SECONDS COMMAND...: COMMAND run, and a failure when it took
 # hv_run ARGS...: halvernctl's stdout in $out, stderr in $err, exit code in $rc.
 err=$work/err.txt
 hv_run() {
-    wine "$NV_BIN_DIR/halvernctl.exe" "$@" </dev/null >"$out" 2>"$err"
-    rc=$?
+    wine "$NV_BIN_DIR/halvernctl.exe" "$@" </dev/null >"$out" 2>"$err"; rc=$?
     sed -i 's/\r$//' "$out" "$err"
 }
 # encode MESSAGE [KEY=VALUE ...]: a request's payload in hex, to send as it is, cut or patch.
@@ -127,11 +126,9 @@ coded() {
 # text outside the ANSI code page, payloads longer than a command line, bytes that must not decode.
 hex_u32() { printf '%02X%02X%02X%02X' $(($1 & 255)) $((($1 >> 8) & 255)) $((($1 >> 16) & 255)) $((($1 >> 24) & 255)); }
 hex_str() { printf '%s' "$1" | xxd -p -u | tr -d '\n'; printf '00'; }
-hex_list() { hex_u32 $#; local item; for item in "$@"; do hex_str "$item"; done; }
 hex_wstr() { printf '%s' "$1" | iconv -f UTF-8 -t UTF-16LE | xxd -p -u | tr -d '\n'; printf '0000'; }
 run() {  # run PROGRAM ARGS...: output in $out, exit code (0..255) in $rc.
-    wine "$@" </dev/null >"$out" 2>&1
-    rc=$?
+    wine "$@" </dev/null >"$out" 2>&1; rc=$?
     tr -d '\r' <"$out" >"$out.n" && mv "$out.n" "$out"
 }
 expect() {  # expect LABEL RC [EXACT-OUTPUT ('*': any)]
@@ -169,8 +166,7 @@ install_test_service() {
 # a loaded driver does) or a service handle until unhold.
 hold_release='Global\nv_installer_hold'
 hold() {
-    wine "$probe" "hold-$1" "$2" "$hold_release" </dev/null >"$work/hold.txt" 2>&1 &
-    hold_pid=$!
+    wine "$probe" "hold-$1" "$2" "$hold_release" </dev/null >"$work/hold.txt" 2>&1 & hold_pid=$!
     poll 100 0.2 'grep -q holding "$work/hold.txt" 2>/dev/null' || fail "hold-$1 $2 did not start: $(cat "$work/hold.txt")"
 }
 unhold() { wine "$helper" set-event "$hold_release" </dev/null >/dev/null 2>&1; wait "$hold_pid" 2>/dev/null; }

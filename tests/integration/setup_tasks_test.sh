@@ -7,7 +7,6 @@ halvernctl=$NV_BIN_DIR/halvernctl.exe
 new_exe=$NV_BIN_DIR/hooks/NorvaleHalvernService.exe  # the test build: its folder repair is recorded
 old_exe=$NV_BIN_DIR/previous/NVHalvernService.exe
 new_version=196653 old_version=$(((3 << 16) + 40))
-helper_key='HKLM\Software\Norvale\NVClientHelper'
 pf='C:\Program Files\Norvale\Halvern Service\'
 
 in_prefix() {  # in_prefix NAME: a prefix of its own with the simulator
@@ -53,12 +52,6 @@ expect_running() {  # expect_running LABEL PACKED_VERSION PROTOCOL
     grep -q "protocol_version: $3" "$out" && grep -q "service_version: $2" "$out" ||
         fail "$1: the running service is not version $2 / protocol $3: $(cat "$out")"
 }
-protect_two_services() {  # two running services of the machine, protected by the installed service
-    for s in nv_setup_svc_a nv_setup_svc_b; do install_test_service $s $s demand && run sc start $s; done
-    run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys  # stands in for the service SID (protection_lib.sh)
-    run "$halvernctl" service protect nv_setup_svc_a nv_setup_svc_b
-    expect "two services protected" 0
-}
 expect_protected() {
     run "$halvernctl" service list
     grep -q nv_setup_svc_a "$out" && grep -q nv_setup_svc_b "$out" || fail "$1: the two services are not protected: $(cat "$out")"
@@ -80,7 +73,9 @@ install_old_name() {  # the previous release as NVHalvernService.exe, running an
     mkdir -p "$product" && cp "$old_exe" "$NV_BIN_DIR/VQRMonitor.sys" "$NV_BIN_DIR/VQRMonitor.inf" "$product/"
     for args in "-i instdrv" "-i install" "-s start"; do run "${pf}NVHalvernService.exe" $args; done
     expect_running "old name installed" $old_version 3
-    protect_two_services
+    for s in nv_setup_svc_a nv_setup_svc_b; do install_test_service $s $s demand && run sc start $s; done
+    run "$NV_BIN_DIR/nv_regkey_probe.exe" grant-own-keys  # stands in for the service SID (protection_lib.sh)
+    runs "two services protected" 0 '*' "$halvernctl" service protect nv_setup_svc_a nv_setup_svc_b
 }
 
 # Killed after the backup, before the program and the driver are copied (the staged INF, copied
@@ -91,15 +86,11 @@ interrupted() {
     expect "interrupted: previous release installed" 0
     for s in good blocked; do stage $s "$new_exe"; done
     truncate -s 768M "$stage_root/blocked/VQRMonitor.inf"
-    wine 'C:\stage\blocked\NorvaleHalvernService.exe' -proxy_task hvs_upgrade </dev/null >"$out" 2>&1 &
-    local task_pid=$! copying=
-    for _ in $(seq 1 2000); do
-        grep -q "Copying files" "$stage_root/blocked/nvhalvernservice.debug.log" 2>/dev/null && { kill -9 "$task_pid"; copying=1; break; }
-        sleep 0.02
-    done
-    wait "$task_pid" 2>/dev/null
+    wine 'C:\stage\blocked\NorvaleHalvernService.exe' -proxy_task hvs_upgrade </dev/null >"$out" 2>&1 & local pid=$!
+    poll 2000 0.02 'grep -q "Copying files" "$stage_root/blocked/nvhalvernservice.debug.log" 2>/dev/null' ||
+        fail "interrupted: the upgrade never reached the copy"
+    kill -9 "$pid" 2>/dev/null; wait "$pid" 2>/dev/null
     rm -f "$stage_root/blocked/VQRMonitor.inf"
-    [ -n "$copying" ] || fail "interrupted: the upgrade never reached the copy"
     expect_not_logged "interrupted" "$stage_root/blocked/nvhalvernservice.debug.log" "Installing VQRMonitor driver"
     # Nothing lost: the previous release is there as .bak, the new program not yet copied.
     cmp -s "$old_exe" "$(product_file NorvaleHalvernService.exe.bak)" && [ -n "$(product_file vqrmonitor.sys.bak)" ] &&
@@ -152,7 +143,6 @@ tasked "fresh, damaged" 254 damaged hvs_fresh
 expect_logged "fresh, damaged" "$stage_root/damaged/hvs_install.log" \
     "Failed to run command <\"C:\\\\Program Files\\\\Norvale\\\\Halvern Service\\\\NorvaleHalvernService.exe\" -i install>"
 expect_not_logged "fresh, damaged" "$stage_root/damaged/hvs_install.log" restore_previous_service
-[ -z "$(sc_state $svc)" ] || fail "fresh, damaged: a service was registered"
 rm -rf "$product"
 
 echo "== hvs_install on a clean machine"

@@ -4,7 +4,6 @@
 export WINEDEBUG=${WINEDEBUG:--all} WINEDLLOVERRIDES=${WINEDLLOVERRIDES:-mscoree,mshtml=}
 out=$(mktemp "${TMPDIR:-/tmp}/nv-wine-out.XXXXXX")
 trap 'rm -f "$out"' EXIT
-wine "$@" </dev/null >"$out" 2>&1
-rc=$?
+wine "$@" </dev/null >"$out" 2>&1; rc=$?
 cat "$out"
 exit $rc

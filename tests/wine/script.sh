@@ -14,8 +14,7 @@ setsid bash "$@" & script=$!
     kill -TERM -- -"$script" 2>/dev/null
     exit 0
 ) & watchdog=$!
-wait "$script"
-rc=$?
+wait "$script"; rc=$?
 kill "$watchdog" 2>/dev/null
 if wait "$watchdog"; then
     # The watchdog ended the script: its signal, not the script, chose the exit code.
