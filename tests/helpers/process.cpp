@@ -13,10 +13,7 @@ std::string bin_dir() {
 
 DWORD child::wait(DWORD ms) {
     DWORD code = STILL_ACTIVE;
-    if (process) {
-        WaitForSingleObject(process.get(), ms);
-        GetExitCodeProcess(process.get(), &code);
-    }
+    if (process && WaitForSingleObject(process.get(), ms) != WAIT_FAILED) GetExitCodeProcess(process.get(), &code);
     return code;
 }
 

@@ -53,10 +53,7 @@ public:
     // Reads one frame: its header and its payload (without the pad byte of an empty one); false
     // when the pipe ends first or the header announces more than the transport takes.
     bool read_frame(mcl::frame_header& header, mcl::binary_t& payload);
-    void close() {
-        in_.reset();
-        out_.reset();
-    }
+    void close() { in_.reset(); out_.reset(); }
 
     // Called by connect once the pipes are open, holding the mutex, before the signal: a slow
     // client's pause, or a point to be killed at.

@@ -135,21 +135,17 @@ int main(int argc, char** argv) {
     }
     if (argc >= 3 && strcmp(argv[1], "start-stop") == 0) {
         mcl::mswin::unique_sc_handle svc;
-        const DWORD access = SERVICE_START | SERVICE_STOP | SERVICE_QUERY_STATUS;
+        const DWORD access = SERVICE_START | SERVICE_QUERY_STATUS;
         if (!mcl::mswin::open_service(nullptr, argv[2], SC_MANAGER_CONNECT, access, svc) ||
             !StartServiceA(svc.get(), 0, nullptr))
             return 2;
         SERVICE_STATUS status{};
-        for (int i = 0; i < 3000; ++i) {
-            if (!QueryServiceStatus(svc.get(), &status) || status.dwCurrentState != SERVICE_START_PENDING) break;
+        for (int i = 0; i < 3000 && QueryServiceStatus(svc.get(), &status); ++i) {
+            if (status.dwCurrentState != SERVICE_START_PENDING) break;
             Sleep(10);
         }
-        if (status.dwCurrentState != SERVICE_RUNNING || !ControlService(svc.get(), SERVICE_CONTROL_STOP, &status)) return 3;
-        for (int i = 0; i < 300 && status.dwCurrentState != SERVICE_STOPPED; ++i) {
-            Sleep(100);
-            if (!QueryServiceStatus(svc.get(), &status)) break;
-        }
-        return status.dwCurrentState == SERVICE_STOPPED ? 0 : 4;
+        if (status.dwCurrentState != SERVICE_RUNNING) return 3;
+        return mcl::mswin::service::stop(argv[2], /*event_fallback=*/false, 30) ? 0 : 4;
     }
     if (argc >= 3 && strcmp(argv[1], "process-alive") == 0) {
         const mcl::mswin::unique_kernel_handle p(OpenProcess(SYNCHRONIZE, FALSE, strtoul(argv[2], nullptr, 10)));

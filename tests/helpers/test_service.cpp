@@ -19,7 +19,7 @@
 
 #include "mcl/file.h"
 #include "mcl/mswin/security_descriptor.h"
-#include "mcl/mswin/service_handles.h"
+#include "mcl/mswin/service.h"
 #include "tests/helpers/process.h"
 
 namespace {
@@ -62,17 +62,13 @@ void WINAPI service_main(DWORD argc, char** argv) {
     report(SERVICE_STOPPED);
 }
 
+// Registered as the product registers itself, through the product's own service code.
 int install_stillborn() {
     char path[MAX_PATH] = {};
     const DWORD n = GetModuleFileNameA(nullptr, path, MAX_PATH);
-    mcl::mswin::unique_sc_handle manager;
-    if (n == 0 || n >= MAX_PATH || !mcl::mswin::open_manager(nullptr, SC_MANAGER_CREATE_SERVICE, manager)) return 1;
-    const std::string command = std::string("\"") + path + "\" stillborn";
-    const mcl::mswin::unique_sc_handle service(
-        CreateServiceA(manager.get(), "norvale_halvern_svc", "Norvale Halvern Service", SERVICE_ALL_ACCESS,
-                       SERVICE_WIN32_OWN_PROCESS, SERVICE_DEMAND_START, SERVICE_ERROR_NORMAL, command.c_str(),
-                       nullptr, nullptr, nullptr, nullptr, nullptr));
-    return service || GetLastError() == ERROR_SERVICE_EXISTS ? 0 : 1;
+    mcl::mswin::service product;
+    const std::string command = "\"" + std::string(path) + "\" stillborn";
+    return n > 0 && n < MAX_PATH && (product.installed() || product.install(command.c_str())) ? 0 : 1;
 }
 
 }  // namespace
