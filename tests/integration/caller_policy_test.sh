@@ -22,8 +22,7 @@ snapshot() {
 }
 # settled: the snapshot once two in a row agree (what the last request started has finished).
 settled() {
-    local a b
-    b=$(snapshot)
+    local a b=$(snapshot)
     poll 10 0 'a=$b; b=$(snapshot); [ "$a" = "$b" ]'
     printf '%s' "$b"
 }

@@ -77,7 +77,6 @@ echo "== clean Windows 7 prefix: the INF route"
 package current
 run reg add "$key" /v WOW64 /t REG_DWORD /d 1 /f
 instdrv "clean install"
-installed_version_is "clean install" current
 expect_layout "clean install"
 expect_value "clean install" "$install_key" DriverUpdated ""
 expect_logged "clean install" "$log" "InstallHinfSection DefaultInstall 132 C:\\\\nv\\\\" "rundll command ran successfully"
@@ -100,7 +99,6 @@ expect_value "same version, no port" "$install_key" DriverUpdated "REG_DWORD 0x1
 echo "== a newer version replaces the old one; the driver service started brings the ports back"
 package next
 unloads "newer version" instdrv "newer version"
-installed_version_is "newer version" next
 expect_value "newer version" "$install_key" DriverUpdated "REG_DWORD 0x1"
 expect_logged "newer version" "$log" "fileVersionString: '$next_version'"
 expect_layout "newer version"

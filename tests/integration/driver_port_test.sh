@@ -109,7 +109,6 @@ request 1000008 00 0100 ''
 request 1000007 '' 0100 "$(f 0 1; f 6 1; f 11 0)"  # feature 11 follows the registry switch
 request 1000006 '' 0100 "$(off3)"
 request 1000008 07 0100 "$on3"                 # any non-zero byte is on
-request 1000008 01 0100 ''
 ctl unload-on-send
 request 1000007 '' 0100
 [ "$(log_lines '] - The kernel component of vqrmonitor has unloaded.$')" = 3 ] || fail "one unloaded line per send"

@@ -23,9 +23,8 @@ replied() {  # LABEL RESULT|* REGEX: the reply's result, and its message matched
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
 quarantine() {  # ACTION CONTAINER PATH...
-    local path paths=()
-    for path in "${@:3}"; do paths+=("path=$path"); done
-    call quarantine-files action="$1" container="$2" "${paths[@]}"
+    local action=$1 container=$2; shift 2
+    call quarantine-files action="$action" container="$container" "${@/#/path=}"
 }
 quarantined() { local label=$1 want=$2; shift 2; quarantine "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ACTION...
 dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }

@@ -12,9 +12,7 @@ cleanup() {
     [ "$(type -t before_cleanup)" = function ] && before_cleanup
     [ -z "${hold_pid:-}" ] || wine "$helper" set-event "$hold_release" </dev/null >/dev/null 2>&1
     local p
-    for p in "$work"/prefix*; do
-        [ -d "$p" ] && WINEPREFIX=$p wineserver -k >/dev/null 2>&1
-    done
+    for p in "$work"/prefix*; do [ -d "$p" ] && WINEPREFIX=$p wineserver -k >/dev/null 2>&1; done
     rm -rf "$work"
 }
 trap cleanup EXIT
@@ -54,11 +52,9 @@ recovery_key=$NV_BIN_DIR/../recovery_key/build.priv.hex  # the build's own pair
 # recovery_code: a code for this prefix's machine, valid through tomorrow (UTC), signed with the
 # build's private key: what an administrator puts beside the emergency options to unlock them.
 recovery_code() {
-    local guid
-    guid=$(wine reg query 'HKLM\SOFTWARE\Microsoft\Cryptography' /v MachineGuid </dev/null 2>/dev/null |
-        tr -d '\r' | awk '$1 == "MachineGuid" { print $NF }')
-    wine "$NV_BIN_DIR/recovery_code.exe" make "$(win "$recovery_key")" "$guid" "$(date -u -d tomorrow +%Y%m%d)" </dev/null 2>/dev/null |
-        tr -d '\r'
+    local guid; guid=$(reg_value 'HKLM\SOFTWARE\Microsoft\Cryptography' MachineGuid)
+    wine "$NV_BIN_DIR/recovery_code.exe" make "$(win "$recovery_key")" "${guid#REG_SZ }" "$(date -u -d tomorrow +%Y%m%d)" \
+        </dev/null 2>/dev/null | tr -d '\r'
 }
 
 failures=0
@@ -96,8 +92,7 @@ undouble() {
 # OUT (emptied first: no earlier run's "ready"); a failure unless it is ready within 30 s.
 waiter() { : >"$2"; wine "$helper" "${@:3}" </dev/null >"$2" 2>&1 & printf -v "$1" %s $!; poll 150 0.2 "grep -q ready '$2'" || fail "${*:3}: not ready"; }
 within() {  # within SECONDS COMMAND...: COMMAND run, and a failure when it took SECONDS or longer.
-    local t0 ms
-    t0=$(date +%s%N)
+    local t0=$(date +%s%N) ms
     "${@:2}"
     ms=$((($(date +%s%N) - t0) / 1000000))
     [ "$ms" -lt $(($1 * 1000)) ] || fail "${*:2} took $ms ms"
@@ -143,9 +138,8 @@ log_lines() { tr -d '\r' <"$log" 2>/dev/null | grep -c -- "$1"; }  # PATTERN: th
 svc_state() { run "$exe" -c "$1"; echo "$rc"; }  # 0 running, 252 stopped, 251 missing
 wait_svc_state() {  # wait_svc_state NAME WANT [TRIES of 0.2 s]
     local name=$1 want=$2
-    poll "${3:-150}" 0.2 '[ "$(svc_state "$name")" = "$want" ]' && return 0
-    fail "$name: state $(svc_state "$name"), want $want"
-    return 1
+    poll "${3:-150}" 0.2 '[ "$(svc_state "$name")" = "$want" ]' ||
+        { fail "$name: state $(svc_state "$name"), want $want"; return 1; }
 }
 state() { svc_state $svc; }  # of this product's service
 wait_state() { wait_svc_state $svc "$@"; }  # wait_state WANT [TRIES of 0.2 s]
