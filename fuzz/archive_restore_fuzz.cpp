@@ -35,8 +35,7 @@ std::vector<unsigned char> seal(const uint8_t* data, size_t size) {
 
     mcl::binary_t sealed;
     if (plain_length != 0) {
-        mcl::binary_t key;
-        mcl::binary_t chain;
+        mcl::binary_t key, chain;
         build_archive_key_material(key, chain);
         const mcl::binary_t plain(data + frame_header, plain_length);
         if (!mcl::enc::aes_encrypt(key, chain, plain, sealed)) return out;
@@ -59,12 +58,9 @@ std::vector<unsigned char> seal(const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    std::vector<unsigned char> archive;
-    if (size != 0 && (data[0] & 1) != 0) {
-        archive = seal(data + 1, size - 1);
-    } else if (size != 0) {
-        archive.assign(data + 1, data + size);
-    }
+    if (size == 0) return 0;
+    std::vector<unsigned char> archive =
+        (data[0] & 1) != 0 ? seal(data + 1, size - 1) : std::vector<unsigned char>(data + 1, data + size);
     if (archive.empty()) return 0;
     FILE* in = fmemopen(archive.data(), archive.size(), "rb");
     if (in == nullptr) return 0;

@@ -16,8 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     // The tables under a stream of operations chosen by the input.
     static irp::tables tables;
-    static uint64_t counter = 0;
-    static uint64_t now = 0;
+    static uint64_t counter = 0, now = 0;
     static unsigned runs = 0;
     protocol::subscribe_request decoded;
     const mcl::binary_t payload(data, static_cast<uint32_t>(size));
@@ -42,12 +41,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                 now += static_cast<uint64_t>(data[i]) * 100000000ULL;
                 tables.purge(now);
                 break;
-            case 2:
-                (void)tables.collect(who);
-                break;
-            default:
-                (void)tables.choose(who, data[i], data[i + 1]);
-                break;
+            case 2: (void)tables.collect(who); break;
+            default: (void)tables.choose(who, data[i], data[i + 1]); break;
         }
     }
     if (++runs % 256 == 0) tables.clear_store();

@@ -388,9 +388,7 @@ TEST(IpcPeer, AClientKilledOrSlowInItsHandshakeLeavesTheNextOneServed) {
         // A mutex its dead holder left is the next client's; the steps of its wait say nothing.
         EXPECT_TRUE(!c.kill || !log.contains("connecting mutex")) << log.text();
         EXPECT_FALSE(log.contains("accquiring")) << log.text();
-        if (!c.kill) {
-            EXPECT_EQ("answered", first_line(staller));
-        }
+        EXPECT_TRUE(c.kill || first_line(staller) == "answered");
         EXPECT_TRUE(first.echo("first again"));
     }
 }

@@ -81,10 +81,7 @@ TEST(Log, SixteenMiBIsAppendedToOneByteMoreIsEmptied) {
         const std::string path = temp_path("size.log");
         std::ofstream(path, std::ios::binary) << std::string(c.size, 'x');
         EXPECT_EQ(c.truncate, log_needs_truncate(path.c_str())) << c.size;
-        {
-            log_file log;
-            ASSERT_TRUE(log.open(path.c_str(), log_needs_truncate(path.c_str())));
-        }
+        ASSERT_TRUE(log_file().open(path.c_str(), log_needs_truncate(path.c_str())));  // and closed at once
         const std::string text = nv_test::file_text(path);
         if (c.truncate) {
             EXPECT_LT(text.size(), 100u);

@@ -24,11 +24,7 @@ namespace {
 class Reg : public ::testing::Test {
 protected:
     void SetUp() override { root_ = "Software\\NvTest\\" + nv_test::unique_name("reg"); }
-    void TearDown() override {
-        if (exists(root_)) {
-            EXPECT_TRUE(reg::force_remove(HKEY_LOCAL_MACHINE, root_)) << root_;
-        }
-    }
+    void TearDown() override { EXPECT_TRUE(!exists(root_) || reg::force_remove(HKEY_LOCAL_MACHINE, root_)) << root_; }
 
     static bool exists(const std::string& key) {
         unique_reg_key h;

@@ -120,9 +120,7 @@ TEST(CallerPolicy, AnImageLiesInAFolderOnlyBelowItsBackslash) {
 }
 
 TEST(KillProcessByPath, EveryProcessOfThatImageOnly) {
-    char temp[MAX_PATH] = {};
-    ASSERT_NE(GetTempPathA(MAX_PATH, temp), 0u);
-    const std::string copy = std::string(temp) + nv_test::unique_name("nv_kill_") + ".exe";
+    const std::string copy = ::testing::TempDir() + nv_test::unique_name("nv_kill_") + ".exe";
     const std::string original = nv_test::bin_dir() + "nv_test_helper.exe";
     ASSERT_TRUE(CopyFileA(original.c_str(), copy.c_str(), FALSE));
     auto hold = [](const std::string& exe) {
@@ -165,8 +163,7 @@ TEST(ServiceEnforcement, APassStartsNoServiceTakenOffTheListMeanwhile) {
     struct host : enforcement_host {
         service_enforcement* enforcement = nullptr;
         bool take_off = false;
-        std::atomic<int> passes{0};
-        std::atomic<int> failed_starts{0};
+        std::atomic<int> passes{0}, failed_starts{0};
         mcl::mswin::unique_kernel_handle open_port() override {
             failed_starts++;
             return {};
@@ -211,15 +208,13 @@ TEST(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
         const char* label;
         std::vector<option_value> values;
         bool emergency, uninstall, disable;
-        std::vector<std::string> calls;
-        std::vector<std::string> left;
+        std::vector<std::string> calls, left;
     } cases[] = {
         {"disableProtection 0", {text("code", "good"), dword("disableProtection", 0)}, true, false, false, {"code good"}, {}},
         {"a valid code unlocks everything",
          {text("code", "good"), dword("uninstallService", 0), dword("disableProtection", 7), text("serv", "svcA"),
           text("fold", "C:\\Program Files\\x")},
-         true, false, true,
-         {"code good", "serv svcA", "fold C:\\Program Files\\x"}, {}},
+         true, false, true, {"code good", "serv svcA", "fold C:\\Program Files\\x"}, {}},
         {"a rejected code leaves the others",
          {text("code", "bad"), dword("disableProtection", 1), text("serv", "svcB"), text("fold", "C:\\y")},
          false, false, false, {"code bad"}, {"disableProtection", "fold", "serv"}},
@@ -248,9 +243,8 @@ TEST(EmergencyOptions, ConsumedInOrderAndGuardedByTheCode) {
             EXPECT_FALSE(present("fold"));
         };
         const emergency_start start = consume_emergency_options(key, actions);
-        EXPECT_EQ(c.emergency, start.emergency) << c.label;
-        EXPECT_EQ(c.uninstall, start.uninstall) << c.label;
-        EXPECT_EQ(c.disable, start.disable) << c.label;
+        EXPECT_EQ((std::vector<bool>{c.emergency, c.uninstall, c.disable}),
+                  (std::vector<bool>{start.emergency, start.uninstall, start.disable})) << c.label;
         EXPECT_EQ(c.calls, calls) << c.label;
         std::vector<std::string> left;
         reg::list_values(key, left);
