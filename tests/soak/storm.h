@@ -67,10 +67,8 @@ public:
     }
     // Opens, trying for up to 20 s; false when the service never let it in.
     bool open_patiently() {
-        for (int i = 0; i < 100; ++i) {
+        for (int i = 0; i < 100; ++i, Sleep(200))
             if (open()) return true;
-            Sleep(200);
-        }
         return false;
     }
 

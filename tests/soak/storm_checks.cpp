@@ -81,13 +81,10 @@ bool query_system(int information_class, std::vector<unsigned char>& buffer) {
 DWORD open_handles(DWORD pid) {
     struct entry {
         void* object;
-        ULONG_PTR process;
-        ULONG_PTR handle;
+        ULONG_PTR process, handle;
         ULONG access;
-        USHORT back_trace;
-        USHORT type;
-        ULONG attributes;
-        ULONG reserved;
+        USHORT back_trace, type;
+        ULONG attributes, reserved;
     };
     constexpr int extended_handle_information = 64;
     std::vector<unsigned char> buffer;

@@ -154,12 +154,8 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
     std::string archives[files_per_client];
     // Counts an exchange; one without an answer ends the connection.
     auto answered = [&](bool ok) {
-        if (ok) {
-            c.answered++;
-        } else {
-            c.unanswered++;
-            open = false;
-        }
+        ++(ok ? c.answered : c.unanswered);
+        if (!ok) open = false;
         return ok;
     };
     while (GetTickCount64() < end) {
@@ -199,12 +195,9 @@ void storm_client(int index, ULONGLONG end, counters& c, owned_state& owned, con
             uint32_t id = action < 72 ? msg::catalogue[rng() % std::size(msg::catalogue)]
                                       : static_cast<uint32_t>(rng());
             if (kept_from_random(id)) id = msg::service_version;
-            mcl::binary_t p;
-            for (uint32_t n = rng() % 64; n > 0; --n) {
-                const auto b = static_cast<unsigned char>(rng());
-                p.append(&b, 1);
-            }
-            answered(conn.request(id, p, reply));
+            std::vector<unsigned char> p(rng() % 64);
+            for (auto& b : p) b = static_cast<unsigned char>(rng());
+            answered(conn.request(id, mcl::binary_t(p.data(), static_cast<uint32_t>(p.size())), reply));
         } else if (action < 92) {  // hang up in the middle of a request
             const uint32_t id = ids[rng() % ids.size()];
             (void)conn.partial(id, valid_payload(id, index, rng), 1 + rng() % 20);
