@@ -6,9 +6,7 @@
 set -uo pipefail
 here=$(cd "$(dirname "$0")/../.." && pwd)
 build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
-seconds=${2:-600}
-clients=${3:-200}
-kills=${4:-10}
+seconds=${2:-600} clients=${3:-200} kills=${4:-10}
 export NV_STORM_GROWTH_LIMIT=${5:-10}
 export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
 [ -d "$WINEPREFIX" ] || bash "$here/tests/wine/prefix.sh" create >/dev/null
@@ -29,8 +27,7 @@ churn() {
         done
     done
 }
-churn &
-churner=$!
+churn & churner=$!
 
 echo "== storm: $clients clients, $seconds s ($(date +%T))"
 # A storm gets its length, two minutes for its clients to end and five for its checks; one that
@@ -38,8 +35,7 @@ echo "== storm: $clients clients, $seconds s ($(date +%T))"
 # and fails.
 bounded() {  # SECONDS COMMAND...
     local limit=$(($1 + 420)) pid t
-    "${@:2}" &
-    pid=$!
+    "${@:2}" & pid=$!
     for ((t = 0; t < limit; t++)); do kill -0 "$pid" 2>/dev/null && sleep 1; done
     if kill -0 "$pid" 2>/dev/null; then
         echo "== nv_storm outlived ${limit} s, its threads (its own frames by source line after them):" >&2
@@ -52,8 +48,7 @@ bounded() {  # SECONDS COMMAND...
     fi
     wait "$pid"
 }
-bounded "$seconds" wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1
-storm_rc=$?
+bounded "$seconds" wine "$storm" storm "$seconds" "$clients" </dev/null >"$work/storm.txt" 2>&1; storm_rc=$?
 tr -d '\r' <"$work/storm.txt"
 [ "$storm_rc" = 0 ] || fail "storm checks (exit $storm_rc)"
 touch "$work/stop_churn"
@@ -69,8 +64,7 @@ bounded "$crash_seconds" wine "$storm" storm "$crash_seconds" "$crash_clients" -
 crash_storm=$!
 for k in $(seq 1 "$kills"); do
     sleep "$((1 + RANDOM % 5)).$((RANDOM % 10))"
-    run taskkill /F /PID "$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')"
-    [ "$rc" = 0 ] || fail "kill $k: taskkill: $(cat "$out")"
+    runs "kill $k: taskkill" 0 '*' taskkill /F /PID "$(wine "$helper" service-pid $svc </dev/null | tr -d '\r')"
     # The stand-in grant (see protection_lib.sh) only after the checks: until then the service
     # cannot change its records, so the crash storm leaves the keys as the kill left them.
     start_service sddl 'Software\Norvale'
@@ -86,8 +80,7 @@ for k in $(seq 1 "$kills"); do
 done
 touch "$drive_c/storm/kills_done"  # the crash storm's last checks wait for it
 echo "== waiting for the crash storm's end ($(date +%T))"
-wait "$crash_storm"
-crash_rc=$?
+wait "$crash_storm"; crash_rc=$?
 tr -d '\r' <"$work/crash_storm.txt" | sed 's/^/crash storm: /'
 [ "$crash_rc" = 0 ] || fail "crash storm checks (exit $crash_rc)"
 

@@ -6,10 +6,7 @@ storm=$NV_BIN_DIR/nv_storm.exe
 storm_setup() {
     local i
     run "$exe" -i install
-    for i in 0 1 2 3 4 5 6 7; do
-        run sc create "nvstorm$i" binPath= 'C:\nv\absent.exe' start= demand
-    done
-    run "$storm" prepare "$1"
-    [ "$rc" = 0 ] || fail "prepare: $(cat "$out")"
+    for i in 0 1 2 3 4 5 6 7; do run sc create "nvstorm$i" binPath= 'C:\nv\absent.exe' start= demand; done
+    runs "prepare" 0 '*' "$storm" prepare "$1"
     start_service
 }
