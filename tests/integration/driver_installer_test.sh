@@ -34,7 +34,7 @@ start_driver_service() {
 }
 # The driver's service key as both routes leave it ("Tag": the direct route's own, checked there).
 expect_layout() {
-    local label=$1 row name altitude
+    local label=$1 name altitude
     while read -r name want; do
         expect_value "$label" "$key" "$name" "$want"
     done <<'EOF'
@@ -51,11 +51,10 @@ EOF
     [[ "$(reg_value "$key" ImagePath)" =~ ^REG_(EXPAND_)?SZ\ .*\\[Dd]rivers\\VQRMonitor.sys$ ]] ||
         fail "$label: ImagePath [$(reg_value "$key" ImagePath)]"
     expect_value "$label" "$key\\Instances" DefaultInstance "REG_SZ VQRMonitor - Top Instance"
-    for row in "Bottom 362700" "Middle 368520" "Top 383350"; do
-        read -r name altitude <<<"$row"
+    while read -r name altitude; do
         expect_value "$label" "$key\\Instances\\VQRMonitor - $name Instance" Altitude "REG_SZ $altitude"
         expect_value "$label" "$key\\Instances\\VQRMonitor - $name Instance" Flags "REG_DWORD 0x1"
-    done
+    done <<<$'Bottom 362700\nMiddle 368520\nTop 383350'
     [ "$(service_type)" = 2 ] || fail "$label: the service manager does not report a file-system driver"
 }
 installed_version_is() {  # LABEL current|next
@@ -177,10 +176,9 @@ run "$exe" -i uninstdrv
 run "$ctl" load
 
 echo "== result codes"
-for row in "4097 7" "0 22" "4096 0"; do
-    read -r length want <<<"$row"
+while read -r length want; do
     runs "command of $length characters" 0 "result=$want" "$probe" run-command "$length"
-done
+done <<<$'4097 7\n0 22\n4096 0'
 rm -f "$nv/VQRMonitor.inf"
 new_log
 runs "missing INF" 0 "result=2 marked=0" "$probe" uninstall
@@ -190,8 +188,7 @@ runs "missing INF, -i uninstdrv" 254 "Uninstalling driver..." "$exe" -i uninstdr
 good_inf
 
 echo "== Windows versions"
-for row in "win7 1 -" "win8 1 1" "win81 - -" "win10 - -"; do
-    read -r winver skip svcmgr <<<"$row"
+while read -r winver skip svcmgr; do
     wine winecfg -v "$winver" </dev/null >/dev/null 2>&1
     run "$exe" -i uninstdrv
     instdrv "$winver install"
@@ -199,7 +196,7 @@ for row in "win7 1 -" "win8 1 1" "win81 - -" "win10 - -"; do
     expect_value "$winver" "$key" SvcMgrPath "$([ "$svcmgr" = 1 ] && echo 'REG_SZ C:\windows\System32\services.exe')"
     [ "$(logged "$log" "Windows 8 / Server 2012 detected, set service manager path." && echo 1 || echo -)" = "$svcmgr" ] ||
         fail "$winver: the Windows 8 line"
-done
+done <<<$'win7 1 -\nwin8 1 1\nwin81 - -\nwin10 - -'
 wine winecfg -v win7 </dev/null >/dev/null 2>&1
 
 echo "== the service installs a missing driver at start-up, starts it and connects"

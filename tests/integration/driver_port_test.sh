@@ -32,8 +32,7 @@ link() { grep -E '^(00|05|06|0B|10)00000000000000..$|^(03|0F)000000' || true; }
 expect_sent() { [ "$2" = "$3" ] || fail "$1: sent"$'\n'"$2"$'\n'"want"$'\n'"$3"; }
 # request ID HEX REPLY [SENT]: the reply in hex, and (when given) the messages that it sent.
 request() {
-    local mark
-    mark=$(journal | wc -l)
+    local mark=$(journal | wc -l)
     run "$client" send "$1" ${2:+"$2"}
     [ "$rc" = 0 ] && [ "$(cat "$out")" = "$3" ] || fail "request $1 [$2]: exit $rc, reply [$(cat "$out")], want [$3]"
     [ $# -lt 4 ] || expect_sent "request $1 [$2]" "$(journal "$mark")" "$4"
@@ -49,8 +48,7 @@ wait_exit() {  # PID: the console run ends within 30 s, with exit code 0
 }
 
 startup_checks() {  # VERSION: the start-up messages and registry values
-    local want
-    want=$([ "$1" = win7 ] && f 5 1; f 0 1; f 6 1; f 11 1; f 16 1
+    local want=$([ "$1" = win7 ] && f 5 1; f 0 1; f 6 1; f 11 1; f 16 1
         for app in csrss.exe lsass.exe svchost.exe; do command 3 "$sysdir$app"; done
         [ "$1" = win8 ] && command 15 "${sysdir}services.exe")
     # Protecting the service's own folder switches feature 6 around its DACL rewrite, after 16.
@@ -62,8 +60,7 @@ startup_checks() {  # VERSION: the start-up messages and registry values
     expect_eq "$1: SvcMgrPath" "$([ "$1" = win8 ] && echo "REG_SZ ${sysdir}services.exe")" "$(reg_value "$driver_key" SvcMgrPath)"
 }
 shuts_down() {  # LABEL COMMAND: what COMMAND (evaluated) sends: feature 16 off before 0, 6 and 11, no remove command
-    local mark sent
-    mark=$(journal | wc -l)
+    local mark=$(journal | wc -l) sent
     eval "$2"
     sent=$(journal "$mark")
     expect_sent "$1" "$(link <<<"$sent")" "$(f 16 0; off3)"

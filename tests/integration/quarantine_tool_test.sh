@@ -4,8 +4,7 @@
 # writes nothing and create and extract write only where they are told.
 #   quarantine_tool_test.sh wine|native TOOL
 set -u
-mode=$1
-tool=$2
+mode=$1 tool=$2
 decode=$(cd "$(dirname "$0")" && pwd)/quarantine_decode.py
 work=$(mktemp -d "${TMPDIR:-/tmp}/nv-qtool.XXXXXX")
 trap 'rm -rf "$work"' EXIT

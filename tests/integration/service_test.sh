@@ -17,8 +17,7 @@ app=$dir/NorvaleHalvernService.exe
 log=$dir/nvhalvernservice.debug.log
 # check EXE ARGS WANT_RC usage|empty: exit code, and stdout byte for byte the usage text or nothing.
 check() {
-    local before
-    before=$(stat -c %s "$log" 2>/dev/null || echo 0)
+    local before=$(stat -c %s "$log" 2>/dev/null || echo 0)
     wine "$1" $2 </dev/null >"$out" 2>/dev/null; rc=$?
     # Exit code 1 is none of the program's own: with its debug log untouched, Wine lost the process
     # before it ran (as setup_tasks_test.sh notes too). Said, and run once more.
