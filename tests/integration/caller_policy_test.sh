@@ -37,8 +37,6 @@ start_service
 echo "== an ordinary user cannot stop the service (sent or posted)"
 runs "stop sent" 0 "$denied" "${as_user[@]}" send 1000001
 runs "stop posted" 0 '*' "${as_user[@]}" post 1000001
-sleep 1
-expect_eq "two refusals logged" 2 "$(log_count 'Access denied: request "stop service" (IPC message 1000001) from process ')"
 
 echo "== every request: the restricted client, then an administrator"
 # The restricted client's own event, for its subscription: made by an ordinary user, for everyone
