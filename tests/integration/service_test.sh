@@ -46,7 +46,6 @@ while read -r want output args; do check "$app" "$args" "$want" "$output"; done 
 0   empty -e
 0   empty -E
 254 empty -c
-251 empty -c no_such_service_here
 0   empty -C rpcss
 253 empty -c nvcli_disabled
 254 empty -proxy_task
