@@ -33,8 +33,7 @@ expect_sent() { [ "$2" = "$3" ] || fail "$1: sent"$'\n'"$2"$'\n'"want"$'\n'"$3";
 # request ID HEX REPLY [SENT]: the reply in hex, and (when given) the messages that it sent.
 request() {
     local mark=$(journal | wc -l)
-    run "$client" send "$1" ${2:+"$2"}
-    [ "$rc" = 0 ] && [ "$(cat "$out")" = "$3" ] || fail "request $1 [$2]: exit $rc, reply [$(cat "$out")], want [$3]"
+    runs "request $1 [$2]" 0 "$3" "$client" send "$1" ${2:+"$2"}
     [ $# -lt 4 ] || expect_sent "request $1 [$2]" "$(journal "$mark")" "$4"
 }
 wait_listening() {

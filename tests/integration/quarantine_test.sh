@@ -22,10 +22,8 @@ replied() {  # LABEL RESULT|* REGEX: the reply's result, and its message matched
 }
 unix_of() { printf '%s' "$drive_c/${1:3}" | tr '\\' '/'; }  # C:\a\b -> $drive_c/a/b
 sum_of() { sha256sum "$1" 2>/dev/null | cut -c 1-64; }
-quarantine() {  # ACTION CONTAINER PATH...
-    local action=$1 container=$2; shift 2
-    call quarantine-files action="$action" container="$container" "${@/#/path=}"
-}
+# quarantine ACTION CONTAINER PATH...: the request with one path field a PATH
+quarantine() { local paths=("${@:3}"); call quarantine-files action="$1" container="$2" "${paths[@]/#/path=}"; }
 quarantined() { local label=$1 want=$2; shift 2; quarantine "$@"; expect_eq "$label" "$want" "$reply"; }  # LABEL WANT ACTION...
 dacl_starts() { [[ "$(recorded file "$2" | cut -f 1)" == "$3"* ]] || fail "$1: $(recorded file "$2")"; }
 new_rules() { sent | grep -v feature; }
@@ -311,102 +309,100 @@ expect_eq "delete-remove: folder gone, code 10, both values removed" "gone 10 co
 answers "remove: bad action" "$(said 0 'Invalid action.')" remove-quarantine-container action=3 path='c:\q'
 answers "remove: unregistered" "$(said 0 'Invalid quarantine container.')" remove-quarantine-container action=1 path='c:\nothere'
 
-if [ "${NV_QUARANTINE_CRASH:-1}" = 1 ]; then
-    echo "== crash safety: the service killed while quarantining and restoring"
-    big=$drive_c/data/big.bin
-    head -c $((512 * 1048576)) /dev/urandom >"$big"
-    sum_big=$(sum_of "$big")
-    # kill_during ACTION PATH GLOB: sends the request, kills the service once GLOB matches (or
-    # half a second after sending for "none"), starts it again.
-    kill_during() {
-        local sender; call_bg sender /dev/null quarantine-files action="$1" container='c:\q' path="$2"
-        if [ "$3" = none ]; then sleep 0.5; else poll 600 0.05 "compgen -G '$3' >/dev/null"; fi
-        run taskkill /F /IM NorvaleHalvernService.exe
-        wait $sender
-        start_service
-    }
-    for moment in 'big.bin.*.QUA.verifying.partial' 'big.bin.*.QUA.verifying' 'big.bin.*.QUA' 'none'; do
-        glob=$drive_c/q/$moment
-        [ "$moment" = none ] && glob=none
-        kill_during 0 'C:\data\big.bin' "$glob"
-        ls "$drive_c/q" | grep -q -E 'verifying|partial' && fail "after $moment: temporaries left"
-        arcs=$(ls "$drive_c/q" | grep '^big\.bin\..*\.QUA$')
-        if [ -e "$big" ] && [ "$(sum_of "$big")" = "$sum_big" ]; then
-            [ -z "$arcs" ] || rm -f "$drive_c/q/$arcs"  # both forms: the archive was complete
-            continue
-        fi
-        [ -n "$arcs" ] || { fail "killed at $moment: neither the source nor an archive"; continue; }
-        quarantined "killed at $moment: archive restores" "$ok" 2 'c:\q' "c:\\q\\$arcs"
-        expect_eq "killed at $moment: restored bytes" "$sum_big" "$(sum_of "$big")"
-    done
-    quarantine 0 'c:\q' 'C:\data\big.bin'
-    arc_big=$(reply_text | tr -d ';')
-    [ -e "$(unix_of "$arc_big")" ] || fail "big archive missing"
-    # A restore killed while it writes leaves "big.bin.restoring"; the next start removes it
-    # (the archive still holds the content) and the archive restores.
-    for moment in "$big.restoring" none; do
-        kill_during 2 "$arc_big" "$moment"
-        [ -e "$(unix_of "$arc_big")" ] || break
-        [ ! -e "$big" ] || expect_eq "restore killed at $moment: restored copy" "$sum_big" "$(sum_of "$big")"
-        [ ! -e "$big.restoring" ] || fail "restore killed at $moment: leftover kept"
-    done
-    [ "$(log_count 'Removing an interrupted restore: C:\data\big.bin.restoring')" -ge 1 ] || fail "no interrupted restore removed"
-    [ ! -e "$(unix_of "$arc_big")" ] || quarantined "restore after the kills" "$ok" 2 'c:\q' "$arc_big"
-    expect_eq "restored bytes, the archive gone" "$sum_big gone" "$(sum_of "$big") $([ -e "$(unix_of "$arc_big")" ] || echo gone)"
-    rm -f "$big"
+echo "== crash safety: the service killed while quarantining and restoring"
+big=$drive_c/data/big.bin
+head -c $((512 * 1048576)) /dev/urandom >"$big"
+sum_big=$(sum_of "$big")
+# kill_during ACTION PATH GLOB: sends the request, kills the service once GLOB matches (or
+# half a second after sending for "none"), starts it again.
+kill_during() {
+    local sender; call_bg sender /dev/null quarantine-files action="$1" container='c:\q' path="$2"
+    if [ "$3" = none ]; then sleep 0.5; else poll 600 0.05 "compgen -G '$3' >/dev/null"; fi
+    run taskkill /F /IM NorvaleHalvernService.exe
+    wait $sender
+    start_service
+}
+for moment in 'big.bin.*.QUA.verifying.partial' 'big.bin.*.QUA.verifying' 'big.bin.*.QUA' 'none'; do
+    glob=$drive_c/q/$moment
+    [ "$moment" = none ] && glob=none
+    kill_during 0 'C:\data\big.bin' "$glob"
+    ls "$drive_c/q" | grep -q -E 'verifying|partial' && fail "after $moment: temporaries left"
+    arcs=$(ls "$drive_c/q" | grep '^big\.bin\..*\.QUA$')
+    if [ -e "$big" ] && [ "$(sum_of "$big")" = "$sum_big" ]; then
+        [ -z "$arcs" ] || rm -f "$drive_c/q/$arcs"  # both forms: the archive was complete
+        continue
+    fi
+    [ -n "$arcs" ] || { fail "killed at $moment: neither the source nor an archive"; continue; }
+    quarantined "killed at $moment: archive restores" "$ok" 2 'c:\q' "c:\\q\\$arcs"
+    expect_eq "killed at $moment: restored bytes" "$sum_big" "$(sum_of "$big")"
+done
+quarantine 0 'c:\q' 'C:\data\big.bin'
+arc_big=$(reply_text | tr -d ';')
+[ -e "$(unix_of "$arc_big")" ] || fail "big archive missing"
+# A restore killed while it writes leaves "big.bin.restoring"; the next start removes it
+# (the archive still holds the content) and the archive restores.
+for moment in "$big.restoring" none; do
+    kill_during 2 "$arc_big" "$moment"
+    [ -e "$(unix_of "$arc_big")" ] || break
+    [ ! -e "$big" ] || expect_eq "restore killed at $moment: restored copy" "$sum_big" "$(sum_of "$big")"
+    [ ! -e "$big.restoring" ] || fail "restore killed at $moment: leftover kept"
+done
+[ "$(log_count 'Removing an interrupted restore: C:\data\big.bin.restoring')" -ge 1 ] || fail "no interrupted restore removed"
+[ ! -e "$(unix_of "$arc_big")" ] || quarantined "restore after the kills" "$ok" 2 'c:\q' "$arc_big"
+expect_eq "restored bytes, the archive gone" "$sum_big gone" "$(sum_of "$big") $([ -e "$(unix_of "$arc_big")" ] || echo gone)"
+rm -f "$big"
 
-    # Killed at the test build's pause after the archive was written; then its temporary damaged,
-    # as it was, or damaged with its source gone. WHAT|SOURCE AFTER|TEMPORARY AFTER|LOG LINE
-    run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
-    while IFS='|' read -r what source_after temp_after line; do
-        printf 'paused %s' "$what" >"$drive_c/data/p.txt"
-        call_bg sender /dev/null quarantine-files action=0 container='c:\q' path='C:\data\p.txt'
-        poll 600 0.1 'compgen -G "$drive_c/q/p.txt.*.paused" >/dev/null' || fail "$what: the pause was not reached"
-        runs "$what: killed" 0 '*' taskkill /F /IM NorvaleHalvernService.exe
-        wait $sender
-        rm -f "$drive_c"/q/p.txt.*.paused
-        temp=$(compgen -G "$drive_c/q/p.txt.*.QUA.verifying")
-        [ "$what" = whole ] || flip 150 255 "$temp"
-        [ "$what" != lost ] || rm "$drive_c/data/p.txt"
-        start_service
-        expect_eq "$what: source, temporary, archive" "$source_after $temp_after $([ "$what" = whole ] && echo 1 || echo 0)" \
-            "$([ -e "$drive_c/data/p.txt" ] && echo kept || echo gone) $([ -e "$temp" ] && echo kept || echo gone) $(compgen -G "$drive_c/q/p.txt.*.QUA" | wc -l)"
-        [ "$(log_count "$line")" = 1 ] || { fail "$what: not logged once: $line"; tr -d '\r' <"$log" | grep -F 'p.txt'; }
-        expect_eq "$what: record gone" "" "$(reg_value "$helper_key\\QuarantineInProgress" 'C:\data\p.txt')"
-        [ "$what" != damaged ] ||
-            expect_eq "damaged: the DACL from before" "D:P(A;;FA;;;BA)(A;;FR;;;BU)" "$(recorded file 'C:\data\p.txt' | cut -f 1)"
-        rm -f "$temp" "$drive_c"/q/p.txt.*.QUA "$drive_c/data/p.txt"
-    done <<'EOF'
+# Killed at the test build's pause after the archive was written; then its temporary damaged,
+# as it was, or damaged with its source gone. WHAT|SOURCE AFTER|TEMPORARY AFTER|LOG LINE
+run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
+while IFS='|' read -r what source_after temp_after line; do
+    printf 'paused %s' "$what" >"$drive_c/data/p.txt"
+    call_bg sender /dev/null quarantine-files action=0 container='c:\q' path='C:\data\p.txt'
+    poll 600 0.1 'compgen -G "$drive_c/q/p.txt.*.paused" >/dev/null' || fail "$what: the pause was not reached"
+    runs "$what: killed" 0 '*' taskkill /F /IM NorvaleHalvernService.exe
+    wait $sender
+    rm -f "$drive_c"/q/p.txt.*.paused
+    temp=$(compgen -G "$drive_c/q/p.txt.*.QUA.verifying")
+    [ "$what" = whole ] || flip 150 255 "$temp"
+    [ "$what" != lost ] || rm "$drive_c/data/p.txt"
+    start_service
+    expect_eq "$what: source, temporary, archive" "$source_after $temp_after $([ "$what" = whole ] && echo 1 || echo 0)" \
+        "$([ -e "$drive_c/data/p.txt" ] && echo kept || echo gone) $([ -e "$temp" ] && echo kept || echo gone) $(compgen -G "$drive_c/q/p.txt.*.QUA" | wc -l)"
+    [ "$(log_count "$line")" = 1 ] || { fail "$what: not logged once: $line"; tr -d '\r' <"$log" | grep -F 'p.txt'; }
+    expect_eq "$what: record gone" "" "$(reg_value "$helper_key\\QuarantineInProgress" 'C:\data\p.txt')"
+    [ "$what" != damaged ] ||
+        expect_eq "damaged: the DACL from before" "D:P(A;;FA;;;BA)(A;;FR;;;BU)" "$(recorded file 'C:\data\p.txt' | cut -f 1)"
+    rm -f "$temp" "$drive_c"/q/p.txt.*.QUA "$drive_c/data/p.txt"
+done <<'EOF'
 damaged|kept|gone|The source of an interrupted quarantine has its DACL back: C:\data\p.txt
 whole|gone|gone|Deleted its source C:\data\p.txt
 lost|gone|kept|its source C:\data\p.txt is gone
 EOF
-    run reg delete "$helper_key" /v ArchivePause /f
+run reg delete "$helper_key" /v ArchivePause /f
 
-    # A stop while 1 GiB is being quarantined and, beside it, another quarantine waits at the
-    # pause: the work ends, its threads are joined and both clients are answered.
-    truncate -s 1G "$drive_c/data/huge.bin"
-    printf 'paused' >"$drive_c/data/p.txt"
-    run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
-    call_bg sender "$work/huge.out" quarantine-files action=0 container='c:\q' path='C:\data\huge.bin'
-    answers "create C:\\Q2" "$ok" create-quarantine-container path='C:\Q2'
-    call_bg pauser "$work/paused.out" quarantine-files action=0 container='c:\q2' path='C:\data\p.txt'
-    poll 300 0.1 '[ "$(log_count "Archiving : C:\data\huge.bin")" = 1 ]' || fail "the 1 GiB quarantine did not start"
-    poll 600 0.1 'compgen -G "$drive_c/q2/p.txt.*.paused" >/dev/null' || fail "the paused quarantine did not start"
-    sleep 1
-    within 10 stop_service
-    wait $sender $pauser
-    # The paused one may finish what it had written once the pause gives way: nothing is lost
-    # either way, the source or its archive is there, never both, never neither.
-    expect_eq "stopped: no thread terminated, 1 GiB intact and not archived, its client told" \
-        "0 1073741824 0 result=1 message=;" \
-        "$(log_count 'of its stop, terminated') $(stat -c %s "$drive_c/data/huge.bin") $(ls "$drive_c/q" | grep -c '^huge') $(tr -d '\r' <"$work/huge.out")"
-    expect_eq "stopped: the paused source or its archive, its client told" "1 result=1" "$(($([ -e "$drive_c/data/p.txt" ] && echo 1 || echo 0) + $(
-        ls "$drive_c/q2" | grep -c '^p\.txt.*QUA$'))) $(tr -d '\r' <"$work/paused.out" | cut -d ' ' -f 1)"
-    rm -f "$drive_c/data/huge.bin" "$drive_c/data/p.txt" "$drive_c"/q2/p.txt.*
-    run reg delete "$helper_key" /v ArchivePause /f
-    start_service
-fi
+# A stop while 1 GiB is being quarantined and, beside it, another quarantine waits at the
+# pause: the work ends, its threads are joined and both clients are answered.
+truncate -s 1G "$drive_c/data/huge.bin"
+printf 'paused' >"$drive_c/data/p.txt"
+run reg add "$helper_key" /v ArchivePause /t REG_SZ /d p.txt /f
+call_bg sender "$work/huge.out" quarantine-files action=0 container='c:\q' path='C:\data\huge.bin'
+answers "create C:\\Q2" "$ok" create-quarantine-container path='C:\Q2'
+call_bg pauser "$work/paused.out" quarantine-files action=0 container='c:\q2' path='C:\data\p.txt'
+poll 300 0.1 '[ "$(log_count "Archiving : C:\data\huge.bin")" = 1 ]' || fail "the 1 GiB quarantine did not start"
+poll 600 0.1 'compgen -G "$drive_c/q2/p.txt.*.paused" >/dev/null' || fail "the paused quarantine did not start"
+sleep 1
+within 10 stop_service
+wait $sender $pauser
+# The paused one may finish what it had written once the pause gives way: nothing is lost
+# either way, the source or its archive is there, never both, never neither.
+expect_eq "stopped: no thread terminated, 1 GiB intact and not archived, its client told" \
+    "0 1073741824 0 result=1 message=;" \
+    "$(log_count 'of its stop, terminated') $(stat -c %s "$drive_c/data/huge.bin") $(ls "$drive_c/q" | grep -c '^huge') $(tr -d '\r' <"$work/huge.out")"
+expect_eq "stopped: the paused source or its archive, its client told" "1 result=1" "$(($([ -e "$drive_c/data/p.txt" ] && echo 1 || echo 0) + $(
+    ls "$drive_c/q2" | grep -c '^p\.txt.*QUA$'))) $(tr -d '\r' <"$work/paused.out" | cut -d ' ' -f 1)"
+rm -f "$drive_c/data/huge.bin" "$drive_c/data/p.txt" "$drive_c"/q2/p.txt.*
+run reg delete "$helper_key" /v ArchivePause /f
+start_service
 
 echo "== requests side by side"
 # While a quarantine into c:\side waits at the test build's pause, the service goes on with other

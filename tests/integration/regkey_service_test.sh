@@ -30,8 +30,7 @@ protect() {
 # a command line cannot carry; its reply in hex WANT
 protect_bytes() {
     printf '%s' "$3" >"$work/request.hex"
-    run "$client" -t 60000 send 100000b "@Z:$work/request.hex"
-    expect_eq "reply to ${2:0:200}" "$1" "$(cat "$out")"
+    runs "reply to ${2:0:200}" 0 "$1" "$client" -t 60000 send 100000b "@Z:$work/request.hex"
 }
 entry_bytes() {  # PATH: one level-1 protect entry of PATH for nv_owner_a in hex
     printf '01%s%s%s%s' "$(hex_u32 0x80000002)" "$(hex_u32 0xFFFFFFFF)" "$(hex_wstr "$1")" "$(hex_str nv_owner_a)00000000$(hex_u32 1)"
