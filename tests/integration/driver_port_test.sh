@@ -7,8 +7,7 @@
 # current directory, must never be loaded in place of the system's.
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
-driver_key='HKLM\System\CurrentControlSet\Services\VQRMonitor'
-sysdir='\Device\HarddiskVolume1\windows\system32\'
+driver_key='HKLM\System\CurrentControlSet\Services\VQRMonitor' sysdir='\Device\HarddiskVolume1\windows\system32\'
 ctl() { wine "$NV_BIN_DIR/driver_ctl.exe" "$@" </dev/null 2>/dev/null | tr -d '\r'; }
 
 use_prefix() {  # NAME VERSION

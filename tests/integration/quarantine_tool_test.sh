@@ -5,8 +5,7 @@
 #   quarantine_tool_test.sh wine|native TOOL
 set -u
 mode=$1 tool=$2
-decode=$(cd "$(dirname "$0")" && pwd)/quarantine_decode.py
-work=$(mktemp -d "${TMPDIR:-/tmp}/nv-qtool.XXXXXX")
+decode=$(cd "$(dirname "$0")" && pwd)/quarantine_decode.py work=$(mktemp -d "${TMPDIR:-/tmp}/nv-qtool.XXXXXX")
 trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 failures=0

@@ -7,14 +7,11 @@
 set -uo pipefail
 . "$(dirname "$0")/service_prefix.sh"
 new_prefix
-ipc_helper=$NV_BIN_DIR/nv_ipc_helper.exe
-emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
+ipc_helper=$NV_BIN_DIR/nv_ipc_helper.exe emergency='HKLM\Software\Norvale\NVClientHelper\EmergencyRecover'
 
 echo "== one-shot options, from a private copy of the program (its debug log this test's own)"
-dir=$work/app
+dir=$work/app app=$work/app/NorvaleHalvernService.exe log=$work/app/nvhalvernservice.debug.log
 mkdir -p "$dir" && cp "$NV_BIN_DIR/NorvaleHalvernService.exe" "$dir/"
-app=$dir/NorvaleHalvernService.exe
-log=$dir/nvhalvernservice.debug.log
 # check EXE ARGS WANT_RC usage|empty: exit code, and stdout byte for byte the usage text or nothing.
 check() {
     local before=$(stat -c %s "$log" 2>/dev/null || echo 0)
@@ -199,7 +196,6 @@ outputs() {
 }
 echo "== halvernctl: usage errors give exit code 2 and the help text"
 while IFS='|' read -r args want; do
-    # shellcheck disable=SC2086
     hv_run $args
     expect_rc "halvernctl $args" 2
     expect_in "halvernctl $args" "$err" "$want"
@@ -220,7 +216,6 @@ watch --major 300|halvernctl: --major and --minor take 0 to 255, --type a number
 process protect C:\\$(printf '%0300d' 0)|halvernctl: argument too long (303 characters, at most 260)
 EOF
 while IFS='|' read -r args want; do
-    # shellcheck disable=SC2086
     hv_run $args --help
     expect_rc "$args --help" 0
     expect_in "$args --help" "$out" "$want"
@@ -240,8 +235,7 @@ EOF
 # then connect to whatever listens under its name: the peer below, from the registered program's
 # folder. One serving the pipe from elsewhere is refused before anything is sent: setup_tasks_test.sh.
 runs "sc create" 0 '*' sc create $svc binPath= 'C:\nv\absent.exe'
-record=$work/record.txt
-stop_event='Global\nv_service_double_stop'
+record=$work/record.txt stop_event='Global\nv_service_double_stop'
 
 echo "== every command against a peer playing the service"
 cp "$NV_BIN_DIR/nv_service_double.exe" "$WINEPREFIX/drive_c/nv/"

@@ -4,8 +4,7 @@
 #   tests/soak/storm.sh [BUILD_DIR [SECONDS [CLIENTS [KILLS [GROWTH_LIMIT]]]]]
 #                                                        defaults: build/mingw-x64 600 200 10 10
 set -uo pipefail
-here=$(cd "$(dirname "$0")/../.." && pwd)
-build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
+here=$(cd "$(dirname "$0")/../.." && pwd) build=$(cd "${1:-$here/build/mingw-x64}" && pwd)
 seconds=${2:-600} clients=${3:-200} kills=${4:-10}
 export NV_STORM_GROWTH_LIMIT=${5:-10}
 export NV_BIN_DIR=$build/bin NV_SOURCE_DIR=$here WINEPREFIX=${WINEPREFIX:-$build/wine/prefix}
