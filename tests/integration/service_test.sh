@@ -39,9 +39,7 @@ while read -r want output args; do check "$app" "$args" "$want" "$output"; done 
 254 usage -I nonsense
 254 usage -s
 254 usage -S restart
-254 usage --help
 0   empty -e
-0   empty -E
 254 empty -c
 0   empty -C rpcss
 253 empty -c nvcli_disabled
