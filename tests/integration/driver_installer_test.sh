@@ -12,8 +12,7 @@ install_service
 cp "$NV_BIN_DIR/installer_probe.exe" "$NV_BIN_DIR/VQRMonitor.inf" "$nv/"
 probe='C:\nv\installer_probe.exe'
 installed=$WINEPREFIX/drive_c/windows/system32/drivers/VQRMonitor.sys
-key='HKLM\System\CurrentControlSet\Services\VQRMonitor'
-install_key='HKLM\Software\Norvale\NVClientHelper\install'
+key='HKLM\System\CurrentControlSet\Services\VQRMonitor' install_key='HKLM\Software\Norvale\NVClientHelper\install'
 
 package() {  # the driver file beside the executable: current, next, unversioned or none
     rm -f "$nv/VQRMonitor.sys"

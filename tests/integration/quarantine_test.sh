@@ -8,9 +8,8 @@ set -uo pipefail
 other_sid=$(service_sid nv_other_svc)
 own_ace="(A;OICI;0x101f01ff;;;$own_sid)"
 other_ace="(A;OICI;0x101f01ff;;;$other_sid)"
-qkey="$helper_key\\QuarantineContainers"
+qkey="$helper_key\\QuarantineContainers" bkey="$helper_key\\BlockedFiles"
 fkey='HKLM\system\CurrentControlSet\Services\VQRMonitor\ProtectedFolders'
-bkey="$helper_key\\BlockedFiles"
 quarantined=$(said 1 'The file has already been quarantined.')
 
 # The message and the result of a status reply.

@@ -4,8 +4,7 @@
 # switch, records across stops, kills and uninstalled owners, DACLs that cannot be written back.
 set -uo pipefail
 . "$(dirname "$0")/protection_lib.sh"
-probe=$NV_BIN_DIR/nv_regkey_probe.exe
-persist='Software\Norvale\NVClientHelper\ProtectedRegKeys'
+probe=$NV_BIN_DIR/nv_regkey_probe.exe persist='Software\Norvale\NVClientHelper\ProtectedRegKeys'
 own_keys=('Software\Norvale\NVClientHelper\ProtectedServices'
     'system\CurrentControlSet\Services\VQRMonitor\ProtectedProcesses'
     'system\CurrentControlSet\Services\VQRMonitor\ProtectedFolders'
